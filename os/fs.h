@@ -1,0 +1,48 @@
+// The one seam between this system and the file system.
+//
+// Every function has the name, arguments, result and errno of the system call
+// behind it and does nothing else, not even a retry. The build target chooses
+// the definitions: os/fs_posix.cpp for products, tests/support/fs_fault.cpp for
+// tests that make calls fail, fall short, die or lose power. Any thread may
+// call any of them.
+#ifndef OS_FS_H
+#define OS_FS_H
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstddef>
+
+namespace os {
+
+// Descriptors. O_CLOEXEC is the caller's to give; `mode` counts when O_CREAT is set.
+[[nodiscard]] int open(const char* path, int flags, mode_t mode) noexcept;
+[[nodiscard]] int close(int fd) noexcept;
+[[nodiscard]] ssize_t read(int fd, void* data, std::size_t size) noexcept;
+[[nodiscard]] ssize_t write(int fd, const void* data, std::size_t size) noexcept;
+[[nodiscard]] int fstat(int fd, struct stat* status) noexcept;
+
+// Durability. startWriteback() begins to write a file's dirty pages and does
+// not wait (sync_file_range); it promises nothing and is only a hint.
+[[nodiscard]] int fsync(int fd) noexcept;
+[[nodiscard]] int syncfs(int fd) noexcept;
+int startWriteback(int fd) noexcept;
+
+// Names.
+[[nodiscard]] int access(const char* path, int mode) noexcept;
+[[nodiscard]] int lstat(const char* path, struct stat* status) noexcept;
+[[nodiscard]] int rename(const char* from, const char* to) noexcept;
+[[nodiscard]] int remove(const char* path) noexcept;  // a file or an empty folder
+[[nodiscard]] int mkdir(const char* path, mode_t mode) noexcept;
+[[nodiscard]] int rmdir(const char* path) noexcept;
+[[nodiscard]] char* realpath(const char* path, char* resolved) noexcept;
+
+// Directory streams.
+[[nodiscard]] DIR* opendir(const char* path) noexcept;
+[[nodiscard]] dirent* readdir(DIR* dir) noexcept;
+int closedir(DIR* dir) noexcept;
+
+}  // namespace os
+
+#endif  // OS_FS_H
