@@ -1,0 +1,79 @@
+// The framework's two mutexes.
+//
+// CMN_Mutex is a POSIX mutex with default attributes. CMN_RecursiveMutex is a
+// recursive one that the framework builds on such a mutex: any thread may call
+// enter() and tryenter(); each success is undone by one exit() of the same
+// thread. exit() trusts its caller and does not check it.
+#ifndef CMN_CMN_RMUTEX_H
+#define CMN_CMN_RMUTEX_H
+
+#include <pthread.h>
+
+#include <atomic>
+
+#include "cmn/export.h"
+#include "cmn/thread_annotations.h"
+
+// True when both identify the same thread.
+constexpr bool thr_equal(unsigned long a, unsigned long b) noexcept { return a == b; }
+
+class CMN_EXPORT CMN_CAPABILITY("mutex") CMN_Mutex {
+public:
+    constexpr CMN_Mutex() noexcept = default;
+    virtual ~CMN_Mutex();  // the mutex must be free
+
+    CMN_Mutex(CMN_Mutex const&) = delete;
+    CMN_Mutex& operator=(CMN_Mutex const&) = delete;
+
+    void lock() CMN_ACQUIRES() CMN_NO_TSA { pthread_mutex_lock(&mutex); }
+    void unlock() CMN_RELEASES() CMN_NO_TSA { pthread_mutex_unlock(&mutex); }
+
+private:
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+};
+
+class CMN_EXPORT CMN_CAPABILITY("mutex") CMN_RecursiveMutex {
+public:
+    // `name` is a label for the reader of the code; it is not stored.
+    constexpr explicit CMN_RecursiveMutex(char const* /*name*/) noexcept {}
+    virtual ~CMN_RecursiveMutex();  // the mutex must be free
+
+    CMN_RecursiveMutex(CMN_RecursiveMutex const&) = delete;
+    CMN_RecursiveMutex& operator=(CMN_RecursiveMutex const&) = delete;
+
+    // Blocks until the calling thread owns the mutex.
+    void enter() CMN_ACQUIRES();
+
+    // As enter(), but returns false at once when another thread is the owner.
+    bool tryenter() CMN_TRY_ACQUIRES(true);
+
+    // Returns the number of levels this thread still holds. At 0 the mutex is
+    // free, and the result is that of the system unlock: 0 for success.
+    int exit() CMN_RELEASES();
+
+private:
+    bool enterAgain(unsigned long self) noexcept;
+
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    // Read on the fast path without `mutex`, hence atomic: a thread finds its
+    // own identifier here only while it is the owner.
+    std::atomic<unsigned int> depth{0};
+    std::atomic<unsigned long> owner{0};  // 0 while the mutex is free
+};
+
+// Owns a recursive mutex for a scope.
+class CMN_SCOPED_CAPABILITY CMN_Entered {
+public:
+    explicit CMN_Entered(CMN_RecursiveMutex& m) CMN_ACQUIRES(m) CMN_NO_TSA : mutex_(m) {
+        mutex_.enter();
+    }
+    ~CMN_Entered() CMN_RELEASES() CMN_NO_TSA { mutex_.exit(); }
+
+    CMN_Entered(CMN_Entered const&) = delete;
+    CMN_Entered& operator=(CMN_Entered const&) = delete;
+
+private:
+    CMN_RecursiveMutex& mutex_;
+};
+
+#endif  // CMN_CMN_RMUTEX_H

@@ -1,0 +1,12 @@
+// Marks what a loadable module shows to the outside; everything else is hidden.
+// The module's exports.map has the last word.
+#ifndef CMN_EXPORT_H
+#define CMN_EXPORT_H
+
+#define CMN_EXPORT __attribute__((visibility("default")))
+
+// Framework globals are built before, and destroyed after, every other global of
+// their module: stubs and holders that live as globals need them to the end.
+#define CMN_BUILT_FIRST __attribute__((init_priority(101)))
+
+#endif  // CMN_EXPORT_H
