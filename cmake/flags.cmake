@@ -1,0 +1,47 @@
+# Flags and include root of everything we compile: link a target to build_flags.
+
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+# Programs never offer their symbols to the modules they load: the dynamic
+# linker would merge a module's registry into the program's.
+set(CMAKE_ENABLE_EXPORTS OFF)
+
+find_package(Threads REQUIRED)
+include(CheckPIESupported)
+check_pie_supported(LANGUAGES CXX)
+
+# Also for code that is not ours (GoogleTest built here): objects of one program
+# agree on the width of off_t and on the sanitizer.
+add_compile_definitions(_FILE_OFFSET_BITS=64)
+if(FILESTORE_SANITIZE)
+    add_compile_options(-fsanitize=${FILESTORE_SANITIZE} -fno-sanitize-recover=all
+                        -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${FILESTORE_SANITIZE})
+endif()
+
+add_library(build_flags INTERFACE)
+target_compile_features(build_flags INTERFACE cxx_std_20)
+target_include_directories(build_flags INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(build_flags INTERFACE -Wall -Wextra -Wshadow -Wconversion)
+target_link_libraries(build_flags INTERFACE Threads::Threads)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # A unique symbol would be shared by all modules of a process, registry and
+    # all, and would pin its module in memory.
+    target_compile_options(build_flags INTERFACE -fno-gnu-unique)
+    target_link_options(build_flags INTERFACE -fno-gnu-unique)
+else()
+    target_compile_options(build_flags INTERFACE -Wthread-safety)
+endif()
+
+# With FILESTORE_LTO the layers carry both machine code, which tests link
+# quickly, and the compiler's own form, of which a module is optimised as one.
+option(FILESTORE_LTO "Optimise the loadable modules at link time" OFF)
+if(FILESTORE_LTO)
+    set(is_program $<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>)
+    target_compile_options(build_flags INTERFACE
+        $<$<NOT:${is_program}>:-flto=auto>
+        $<$<NOT:${is_program}>:-ffat-lto-objects>)
+    target_link_options(build_flags INTERFACE $<IF:${is_program},-fno-lto,-flto=auto>)
+endif()
