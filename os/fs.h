@@ -14,6 +14,10 @@
 
 #include <cstddef>
 
+// Records of 2 GiB and entries with 64-bit inode numbers are met on 32-bit
+// systems too, and the two shapes of `struct stat` must not be mixed.
+static_assert(sizeof(off_t) == 8, "compile with _FILE_OFFSET_BITS=64");
+
 namespace os {
 
 // Descriptors. O_CLOEXEC is the caller's to give; `mode` counts when O_CREAT is set.

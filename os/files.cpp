@@ -1,0 +1,123 @@
+#include "os/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace os {
+namespace {
+
+// Repeats a call that a signal interrupted.
+template <typename Call>
+auto uninterrupted(Call call) noexcept {
+    auto result = call();
+    while (result < 0 && errno == EINTR) {
+        result = call();
+    }
+    return result;
+}
+
+EntryType typeOfMode(mode_t mode) noexcept {
+    if (S_ISDIR(mode)) {
+        return EntryType::kFolder;
+    }
+    return S_ISREG(mode) ? EntryType::kFile : EntryType::kOther;
+}
+
+}  // namespace
+
+File openFile(const char* path, int flags, mode_t mode) noexcept {
+    return File(uninterrupted([&] { return os::open(path, flags | O_CLOEXEC, mode); }));
+}
+
+Opened openRegular(const char* path, File& file, off_t& size) noexcept {
+    File opened = openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    struct stat status {};
+    if (!opened || os::fstat(opened.get(), &status) != 0) {
+        return Opened::kFailed;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return Opened::kNotRegular;
+    }
+    file = std::move(opened);
+    size = status.st_size;
+    return Opened::kRegular;
+}
+
+ssize_t readSome(int fd, void* data, std::size_t size) noexcept {
+    return uninterrupted([&] { return os::read(fd, data, size); });
+}
+
+bool readAll(int fd, void* data, std::size_t size) noexcept {
+    auto* next = static_cast<char*>(data);
+    while (size != 0) {
+        const ssize_t got = readSome(fd, next, size);
+        if (got < 0) {
+            return false;
+        }
+        if (got == 0) {
+            errno = 0;
+            return false;
+        }
+        next += got;
+        size -= static_cast<std::size_t>(got);
+    }
+    return true;
+}
+
+bool writeAll(int fd, const void* data, std::size_t size) noexcept {
+    const auto* next = static_cast<const char*>(data);
+    while (size != 0) {
+        const ssize_t stored = uninterrupted([&] { return os::write(fd, next, size); });
+        if (stored < 0) {
+            return false;
+        }
+        if (stored == 0) {
+            errno = EIO;  // no progress and no reason; asking for ever would hang
+            return false;
+        }
+        next += stored;
+        size -= static_cast<std::size_t>(stored);
+    }
+    return true;
+}
+
+bool syncClose(File file) noexcept {
+    // A sync that failed is not tried again: the system may have dropped the
+    // unwritten pages with the error, and the second call would succeed.
+    return uninterrupted([&] { return os::fsync(file.get()); }) == 0 && file.close();
+}
+
+bool syncFolder(const char* path) noexcept {
+    File folder = openFile(path, O_RDONLY | O_DIRECTORY);
+    return folder && syncClose(std::move(folder));
+}
+
+Presence presence(const char* path) noexcept {
+    if (os::access(path, F_OK) == 0) {
+        return Presence::kPresent;
+    }
+    return errno == ENOENT || errno == ENOTDIR ? Presence::kAbsent : Presence::kUnknown;
+}
+
+dirent* nextEntry(DIR* dir) noexcept {
+    errno = 0;  // readdir() tells a failure from the end by errno alone
+    dirent* const entry = os::readdir(dir);
+    if (entry == nullptr && errno == ENOENT) {
+        errno = 0;
+    }
+    return entry;
+}
+
+EntryType entryType(const dirent& entry, const char* path) noexcept {
+    if (entry.d_type != DT_UNKNOWN) {
+        return typeOfMode(DTTOIF(static_cast<mode_t>(entry.d_type)));
+    }
+    struct stat status {};
+    return os::lstat(path, &status) == 0 ? typeOfMode(status.st_mode) : EntryType::kUnknown;
+}
+
+}  // namespace os

@@ -1,0 +1,78 @@
+// What every user of files needs beyond single calls: whole transfers, durable
+// closing, and questions about names whose answer is never a guess.
+//
+// Any thread may call any of these. A failure leaves its reason in errno.
+// Interrupted calls are continued and never reported.
+#ifndef OS_FILES_H
+#define OS_FILES_H
+
+#include <dirent.h>
+#include <sys/types.h>
+
+#include <cstddef>
+
+#include "os/handles.h"
+
+namespace os {
+
+// open(2) with O_CLOEXEC added; an empty File on failure. `mode` is that of a
+// created file before the umask, by default the one of fopen().
+[[nodiscard]] File openFile(const char* path, int flags, mode_t mode = 0666) noexcept;
+
+enum class Opened {
+    kRegular,     // `file` is open for reading and `size` is its size in bytes
+    kNotRegular,  // a folder, FIFO, socket or device; nothing is open
+    kFailed       // absent, or could not be opened or examined: see errno
+};
+
+// Opens a regular file for reading, also through a symbolic link. Never waits:
+// a FIFO without writer is told like any other file that is not regular.
+[[nodiscard]] Opened openRegular(const char* path, File& file, off_t& size) noexcept;
+
+// Up to `size` bytes from the descriptor's position; 0 at the end of the file,
+// -1 on failure.
+[[nodiscard]] ssize_t readSome(int fd, void* data, std::size_t size) noexcept;
+
+// Exactly `size` bytes, or false. A file that ends before is a failure, with
+// errno 0.
+[[nodiscard]] bool readAll(int fd, void* data, std::size_t size) noexcept;
+
+// All bytes, or false when a call fails or stores nothing; some may be stored then.
+[[nodiscard]] bool writeAll(int fd, const void* data, std::size_t size) noexcept;
+
+// Makes the file's bytes durable and closes it, which happens also when the
+// sync fails. True only when both succeeded. Its name may still be lost with
+// the power: see syncFolder().
+[[nodiscard]] bool syncClose(File file) noexcept;
+
+// Makes the names in a folder durable: what was created, renamed or removed in it.
+[[nodiscard]] bool syncFolder(const char* path) noexcept;
+
+enum class Presence {
+    kPresent,
+    kAbsent,  // the system says so: there is no such name
+    kUnknown  // the name could not be examined and must not be taken for absent
+};
+
+// Follows symbolic links: one that leads nowhere is absent.
+[[nodiscard]] Presence presence(const char* path) noexcept;
+
+// The next entry of an open stream, "." and ".." among them, valid until the
+// next call on the stream. Null at the end with errno 0, and on failure with
+// errno set. A folder that was removed while it was being listed has ended.
+[[nodiscard]] dirent* nextEntry(DIR* dir) noexcept;
+
+enum class EntryType {
+    kFolder,
+    kFile,    // a regular file
+    kOther,   // a symbolic link, whatever it leads to, or a special file
+    kUnknown  // could not be examined
+};
+
+// The type of `entry`, whose path is `path`: as the listing told it, and only
+// where it did not, by asking for the file's status.
+[[nodiscard]] EntryType entryType(const dirent& entry, const char* path) noexcept;
+
+}  // namespace os
+
+#endif  // OS_FILES_H

@@ -1,0 +1,79 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "os/fs.h"
+
+int os::open(const char* path, int flags, mode_t mode) noexcept {
+    return ::open(path, flags, mode);
+}
+
+int os::close(int fd) noexcept {
+    return ::close(fd);
+}
+
+ssize_t os::read(int fd, void* data, std::size_t size) noexcept {
+    return ::read(fd, data, size);
+}
+
+ssize_t os::write(int fd, const void* data, std::size_t size) noexcept {
+    return ::write(fd, data, size);
+}
+
+int os::fstat(int fd, struct stat* status) noexcept {
+    return ::fstat(fd, status);
+}
+
+int os::fsync(int fd) noexcept {
+    return ::fsync(fd);
+}
+
+int os::syncfs(int fd) noexcept {
+    return ::syncfs(fd);
+}
+
+int os::startWriteback(int fd) noexcept {
+    return ::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);  // length 0: to the end
+}
+
+int os::access(const char* path, int mode) noexcept {
+    return ::access(path, mode);
+}
+
+int os::lstat(const char* path, struct stat* status) noexcept {
+    return ::lstat(path, status);
+}
+
+int os::rename(const char* from, const char* to) noexcept {
+    return ::rename(from, to);
+}
+
+int os::remove(const char* path) noexcept {
+    return ::remove(path);
+}
+
+int os::mkdir(const char* path, mode_t mode) noexcept {
+    return ::mkdir(path, mode);
+}
+
+int os::rmdir(const char* path) noexcept {
+    return ::rmdir(path);
+}
+
+char* os::realpath(const char* path, char* resolved) noexcept {
+    return ::realpath(path, resolved);
+}
+
+DIR* os::opendir(const char* path) noexcept {
+    return ::opendir(path);
+}
+
+dirent* os::readdir(DIR* dir) noexcept {
+    return ::readdir(dir);
+}
+
+int os::closedir(DIR* dir) noexcept {
+    return ::closedir(dir);
+}
