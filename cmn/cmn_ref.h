@@ -21,9 +21,9 @@ public:
     // `m` guards this count; it is not owned and must outlive the object.
     explicit CMN_Reference(CMN_RecursiveMutex* m) noexcept : mutex(m) {}
     // A copy is a new object: count 0 under RefMutex, whatever the source uses.
-    CMN_Reference(CMN_Reference const&) noexcept : CMN_Reference() {}
+    CMN_Reference(const CMN_Reference&) noexcept : CMN_Reference() {}
     // Transfers neither a count nor a mutex.
-    CMN_Reference& operator=(CMN_Reference const&) noexcept { return *this; }
+    CMN_Reference& operator=(const CMN_Reference&) noexcept { return *this; }
 
     virtual ~CMN_Reference();
 

@@ -1,8 +1,12 @@
 #include "cmn/cmn_rmutex.h"
 
-CMN_Mutex::~CMN_Mutex() { pthread_mutex_destroy(&mutex); }
+CMN_Mutex::~CMN_Mutex() {
+    pthread_mutex_destroy(&mutex);
+}
 
-CMN_RecursiveMutex::~CMN_RecursiveMutex() { pthread_mutex_destroy(&mutex); }
+CMN_RecursiveMutex::~CMN_RecursiveMutex() {
+    pthread_mutex_destroy(&mutex);
+}
 
 // The owner alone can find its own identifier in `owner`, so the two unlocked
 // reads cannot mislead any other thread; the owner alone then changes `depth`.

@@ -15,15 +15,17 @@
 #include "cmn/thread_annotations.h"
 
 // True when both identify the same thread.
-constexpr bool thr_equal(unsigned long a, unsigned long b) noexcept { return a == b; }
+constexpr bool thr_equal(unsigned long a, unsigned long b) noexcept {
+    return a == b;
+}
 
 class CMN_EXPORT CMN_CAPABILITY("mutex") CMN_Mutex {
 public:
     constexpr CMN_Mutex() noexcept = default;
     virtual ~CMN_Mutex();  // the mutex must be free
 
-    CMN_Mutex(CMN_Mutex const&) = delete;
-    CMN_Mutex& operator=(CMN_Mutex const&) = delete;
+    CMN_Mutex(const CMN_Mutex&) = delete;
+    CMN_Mutex& operator=(const CMN_Mutex&) = delete;
 
     void lock() CMN_ACQUIRES() CMN_NO_TSA { pthread_mutex_lock(&mutex); }
     void unlock() CMN_RELEASES() CMN_NO_TSA { pthread_mutex_unlock(&mutex); }
@@ -35,11 +37,11 @@ private:
 class CMN_EXPORT CMN_CAPABILITY("mutex") CMN_RecursiveMutex {
 public:
     // `name` is a label for the reader of the code; it is not stored.
-    constexpr explicit CMN_RecursiveMutex(char const* /*name*/) noexcept {}
+    constexpr explicit CMN_RecursiveMutex(const char* /*name*/) noexcept {}
     virtual ~CMN_RecursiveMutex();  // the mutex must be free
 
-    CMN_RecursiveMutex(CMN_RecursiveMutex const&) = delete;
-    CMN_RecursiveMutex& operator=(CMN_RecursiveMutex const&) = delete;
+    CMN_RecursiveMutex(const CMN_RecursiveMutex&) = delete;
+    CMN_RecursiveMutex& operator=(const CMN_RecursiveMutex&) = delete;
 
     // Blocks until the calling thread owns the mutex.
     void enter() CMN_ACQUIRES();
@@ -69,8 +71,8 @@ public:
     }
     ~CMN_Entered() CMN_RELEASES() CMN_NO_TSA { mutex_.exit(); }
 
-    CMN_Entered(CMN_Entered const&) = delete;
-    CMN_Entered& operator=(CMN_Entered const&) = delete;
+    CMN_Entered(const CMN_Entered&) = delete;
+    CMN_Entered& operator=(const CMN_Entered&) = delete;
 
 private:
     CMN_RecursiveMutex& mutex_;

@@ -16,18 +16,18 @@ class TypifiedID;
 class CMN_EXPORT TModuleManager {
 public:
     TModuleManager() = default;
-    TModuleManager(TModuleManager const&) = delete;
-    TModuleManager& operator=(TModuleManager const&) = delete;
+    TModuleManager(const TModuleManager&) = delete;
+    TModuleManager& operator=(const TModuleManager&) = delete;
     virtual ~TModuleManager() = default;
 
     // Loads the module in the file at `path` and starts it.
-    virtual Status loadModule(char const* path) = 0;
+    virtual Status loadModule(const char* path) = 0;
 
     // Stops and unloads a module that no other module uses.
-    virtual Status unloadModule(TypifiedID const& module) = 0;
+    virtual Status unloadModule(const TypifiedID& module) = 0;
 
     // 1 while the module is loaded, else 0.
-    virtual int isLoaded(TypifiedID const& module) = 0;
+    virtual int isLoaded(const TypifiedID& module) = 0;
 
     // The guard for an object that is being built, or null for none. The object
     // takes a reference on it for its lifetime; the host owns the guard.
@@ -36,10 +36,10 @@ public:
     // The service object of a module, on behalf of the module `asker`; null when
     // there is none. A result counts as one use of the service's module, given
     // back with releaseModule(). The caller takes its own reference on the object.
-    virtual CMN_GuardedRef* acquireService(TypifiedID const& service, TypifiedID const& asker) = 0;
+    virtual CMN_GuardedRef* acquireService(const TypifiedID& service, const TypifiedID& asker) = 0;
 
     // Gives back one use of `module` by `asker`. One that was never taken is ignored.
-    virtual void releaseModule(TypifiedID const& module, TypifiedID const& asker) = 0;
+    virtual void releaseModule(const TypifiedID& module, const TypifiedID& asker) = 0;
 };
 
 // The manager that was given to this module; null before that.

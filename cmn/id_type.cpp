@@ -2,10 +2,10 @@
 
 #include <cstring>
 
-constinit TypifiedID const* pModuleID = &ModuleID;
+constinit const TypifiedID* pModuleID = &ModuleID;
 
-int Tuint32ID::val_comp(TypifiedID const& other) const {
-    const unsigned int theirs = static_cast<Tuint32ID const&>(other).val;
+int Tuint32ID::val_comp(const TypifiedID& other) const {
+    const unsigned int theirs = static_cast<const Tuint32ID&>(other).val;
     if (theirs == val) {
         return 0;
     }
@@ -14,13 +14,19 @@ int Tuint32ID::val_comp(TypifiedID const& other) const {
 
 void Tuint32ID::dump() const {}
 
-TstringID::TstringID(char const* s) : TypifiedID(kString) { init(s); }
+TstringID::TstringID(const char* s) : TypifiedID(kString) {
+    init(s);
+}
 
-TstringID::TstringID(TstringID const& other) : TypifiedID(other) { init(other.str); }
+TstringID::TstringID(const TstringID& other) : TypifiedID(other) {
+    init(other.str);
+}
 
-TstringID::~TstringID() { delete[] str; }
+TstringID::~TstringID() {
+    delete[] str;
+}
 
-void TstringID::init(char const* s) {
+void TstringID::init(const char* s) {
     const std::size_t size = s == nullptr ? 1 : std::strlen(s) + 1;
     char* const copy = new char[size]();
     if (s != nullptr) {
@@ -30,8 +36,8 @@ void TstringID::init(char const* s) {
     str = copy;
 }
 
-int TstringID::val_comp(TypifiedID const& other) const {
-    return std::strcmp(static_cast<TstringID const&>(other).str, str);
+int TstringID::val_comp(const TypifiedID& other) const {
+    return std::strcmp(static_cast<const TstringID&>(other).str, str);
 }
 
 void TstringID::dump() const {}

@@ -16,20 +16,20 @@ public:
     static constexpr IDType_t kString = 1;
 
     constexpr explicit TypifiedID(IDType_t kind) noexcept : type(kind) {}
-    constexpr TypifiedID(TypifiedID const&) noexcept = default;
-    TypifiedID& operator=(TypifiedID const&) = delete;
+    constexpr TypifiedID(const TypifiedID&) noexcept = default;
+    TypifiedID& operator=(const TypifiedID&) = delete;
 
     constexpr virtual ~TypifiedID() = default;
 
     // Compares the values of two identifiers of the same kind; the caller has
     // checked the kinds. The sign is that of (other - this).
-    virtual int val_comp(TypifiedID const& other) const = 0;
+    virtual int val_comp(const TypifiedID& other) const = 0;
 
     // A hook for diagnostics; prints nothing.
     virtual void dump() const = 0;
 
     // Identifiers of different kinds are never equal; their values are not looked at.
-    bool operator==(TypifiedID const& other) const {
+    bool operator==(const TypifiedID& other) const {
         return type == other.type && val_comp(other) == 0;
     }
 
@@ -40,11 +40,11 @@ private:
 class CMN_EXPORT Tuint32ID : public TypifiedID {
 public:
     constexpr explicit Tuint32ID(unsigned int value) noexcept : TypifiedID(kNumber), val(value) {}
-    constexpr Tuint32ID(Tuint32ID const&) noexcept = default;
+    constexpr Tuint32ID(const Tuint32ID&) noexcept = default;
     constexpr ~Tuint32ID() override = default;
 
     // Unsigned: -1 when other's value is the smaller one, 0, or 1 when it is the greater.
-    int val_comp(TypifiedID const& other) const override;
+    int val_comp(const TypifiedID& other) const override;
     void dump() const override;
 
 private:
@@ -54,15 +54,15 @@ private:
 class CMN_EXPORT TstringID : public TypifiedID {
 public:
     // Copies the text; null counts as the empty text.
-    explicit TstringID(char const* s);
-    TstringID(TstringID const& other);
+    explicit TstringID(const char* s);
+    TstringID(const TstringID& other);
     ~TstringID() override;
 
     // Replaces the text by a copy of `s`, or by the empty text when `s` is null.
-    void init(char const* s);
+    void init(const char* s);
 
     // The sign of strcmp(other's text, this text).
-    int val_comp(TypifiedID const& other) const override;
+    int val_comp(const TypifiedID& other) const override;
     void dump() const override;
 
 private:
@@ -70,7 +70,7 @@ private:
 };
 
 // The identifiers of this module and of the modules that it calls.
-extern Tuint32ID ModuleID;  // each module defines its own value
-extern TypifiedID const* pModuleID;  // &ModuleID; every holder records it
+extern Tuint32ID ModuleID;           // each module defines its own value
+extern const TypifiedID* pModuleID;  // &ModuleID; every holder records it
 
 #endif  // CMN_ID_TYPE_H

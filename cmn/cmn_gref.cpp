@@ -1,0 +1,89 @@
+#include "cmn/cmn_gref.h"
+
+#include "cmn/cmn_obj_mgr.h"
+
+CMN_Guard::~CMN_Guard() = default;
+
+int CMN_Guard::change(int by) {
+    lock();
+    const int now = calls() + by;
+    counter.store(now, std::memory_order_relaxed);
+    unlock();
+    return now;
+}
+
+CMN_GuardedRef::CMN_GuardedRef(unsigned int objectType)
+    : type(objectType), guard(ModMgr != nullptr ? ModMgr->currentGuard() : nullptr) {
+    if (guard != nullptr) {
+        guard->addReference();
+    }
+    pObjMgr->storeObj(this);
+}
+
+CMN_GuardedRef::CMN_GuardedRef(const CMN_GuardedRef& src)
+    : CMN_Reference(src), type(src.type), guard(src.guard) {
+    if (guard != nullptr) {
+        guard->addReference();
+    }
+    pObjMgr->storeObj(this);
+}
+
+CMN_GuardedRef::~CMN_GuardedRef() {
+    if (guard != nullptr) {
+        guard->remReference();
+    }
+    pObjMgr->removeObj(this);
+}
+
+void CMN_GuardedRef::setGuard(CMN_Guard* g) {
+    if (guard != nullptr) {
+        guard->remReference();
+    }
+    guard = g;
+    guard->addReference();
+}
+
+void CMN_GuardedRef::addReference(CMN_GRPHolder* holder) {
+    CMN_Reference::addReference();
+    const CMN_Entered entered(holderMutex);
+    holders.push_front(holder);
+}
+
+int CMN_GuardedRef::remReference(CMN_GRPHolder* holder) {
+    {
+        const CMN_Entered entered(holderMutex);
+        sitem<CMN_GRPHolder>* const node = holders.find(holder);
+        if (node == nullptr) {
+            return references();
+        }
+        holders.eraseitem(node);
+    }
+    return CMN_Reference::remReference();
+}
+
+// Each redirected holder leaves `list`, hence the snapshot; pushing to its front
+// turns the order round, so that the oldest holder comes first.
+void CMN_GuardedRef::redirectHolders(CMN_GuardedRef* to, HolderList& list) {
+    HolderList snapshot;
+    for (const auto* node = list.first(); node != nullptr; node = node->next) {
+        snapshot.push_front(node->value);
+    }
+    for (const auto* node = snapshot.first(); node != nullptr; node = node->next) {
+        node->value->replacePointee(to);
+    }
+}
+
+DummyHolder::DummyHolder(CMN_GuardedRef* object) : pin(object) {
+    while (object != nullptr && object->references() == 1) {
+    }
+}
+
+void DummyHolder::die() {
+    delete this;
+}
+
+void DummyHolder::die(DummyHolder* holder) {
+    if (holder != nullptr) {
+        holder->die();
+    }
+}

@@ -1,0 +1,307 @@
+// Objects that modules share, and the holders that keep them alive.
+//
+// A CMN_GuardedRef knows every holder that references it, so the framework can
+// redirect all of them to a replacement, or detach those of a module that goes
+// away. A holder is in practice a CMN_GRefPtr<T>. A CMN_Guard, made by the host,
+// counts the calls and releases in progress, so that a redirection never
+// overlaps one.
+//
+// The order of fields and of virtual operations is a binary contract between
+// modules. Locks: see docs/locking.md.
+#ifndef CMN_CMN_GREF_H
+#define CMN_CMN_GREF_H
+
+#include <atomic>
+
+#include "cmn/cmn_ref.h"
+#include "cmn/cmn_rmutex.h"
+#include "cmn/export.h"
+#include "cmn/host_mgr.h"
+#include "cmn/id_type.h"
+#include "cmn/status.h"
+
+class CMN_GuardedRef;
+class CMN_ObjectManager;
+
+// Made by the host with `new`, counted by the objects that use it; the host
+// keeps a reference of its own for as long as a late caller may still raise it.
+class CMN_EXPORT CMN_Guard : public CMN_Mutex, public CMN_Reference {
+public:
+    CMN_Guard() = default;
+    CMN_Guard(const CMN_Guard&) = delete;
+    CMN_Guard& operator=(const CMN_Guard&) = delete;
+    ~CMN_Guard() override;
+
+    // Raise and lower the count of calls and releases in progress; both return
+    // the new count.
+    int inc() { return change(1); }
+    int dec() { return change(-1); }
+
+    // The count, read without the mutex; for waiting until it is 0.
+    int calls() const noexcept { return counter.load(std::memory_order_relaxed); }
+
+private:
+    int change(int by);
+
+    // Changed under the mutex only; atomic for the unlocked reads.
+    std::atomic<int> counter{0};
+};
+
+// A reference from module `getModuleID()` to a guarded object.
+class CMN_EXPORT CMN_GRPHolder {
+public:
+    CMN_GRPHolder(const CMN_GRPHolder&) = delete;
+    CMN_GRPHolder& operator=(const CMN_GRPHolder&) = delete;
+
+    // Lets go of the present object and attaches `object`, or nothing for null.
+    virtual void replacePointee(CMN_GuardedRef* object) = 0;
+
+    virtual const TypifiedID& getModuleID() = 0;
+
+    // The guard of the object held; null when nothing was ever held.
+    CMN_Guard* heldGuard() const noexcept { return guard.load(std::memory_order_acquire); }
+
+protected:
+    CMN_GRPHolder() = default;
+    ~CMN_GRPHolder() = default;
+
+    // Changes while other threads look, when the object is replaced.
+    std::atomic<CMN_Guard*> guard{nullptr};
+};
+
+template <class T>
+struct sitem {
+    sitem* next;
+    sitem** prevLink;  // the link that points here: the list's head or the previous node's
+    T* value;          // not owned
+};
+
+// A singly linked list with back-links, newest first. It owns its nodes only.
+template <class T>
+class slist {
+public:
+    slist() = default;
+    slist(const slist&) = delete;
+    slist& operator=(const slist&) = delete;
+    ~slist() {
+        while (head != nullptr) {
+            eraseitem(head);
+        }
+    }
+
+    virtual void push_front(T* value) {
+        head = new sitem<T>{head, &head, value};
+        if (head->next != nullptr) {
+            head->next->prevLink = &head->next;
+        }
+        ++count;
+    }
+
+    // Unlinks and frees a node of this list; null is ignored.
+    virtual void eraseitem(sitem<T>* node) {
+        if (node == nullptr) {
+            return;
+        }
+        *node->prevLink = node->next;
+        if (node->next != nullptr) {
+            node->next->prevLink = node->prevLink;
+        }
+        delete node;
+        --count;
+    }
+
+    sitem<T>* first() const noexcept { return head; }
+    int size() const noexcept { return count; }
+
+    // The newest node that holds `value`, or null.
+    sitem<T>* find(const T* value) const noexcept {
+        sitem<T>* node = head;
+        while (node != nullptr && node->value != value) {
+            node = node->next;
+        }
+        return node;
+    }
+
+private:
+    sitem<T>* head = nullptr;
+    int count = 0;
+};
+
+// Base of every object that modules share. Objects are made with `new`, register
+// themselves with their module's object manager, and delete themselves when the
+// last holder lets go.
+class CMN_EXPORT CMN_GuardedRef : public CMN_Reference {
+public:
+    using HolderList = slist<CMN_GRPHolder>;
+
+    // `objectType` is what MakeObject() of a successor module will be asked for.
+    explicit CMN_GuardedRef(unsigned int objectType);
+    // A new object with the type and the guard of `src`, and no holder.
+    CMN_GuardedRef(const CMN_GuardedRef& src);
+    CMN_GuardedRef& operator=(const CMN_GuardedRef&) = delete;
+    ~CMN_GuardedRef() override;
+
+    // Start and end of the object's service life, called by the host's side.
+    virtual Status init() = 0;
+    virtual Status fini() = 0;
+
+    unsigned int getType() const noexcept { return type; }
+    void setType(unsigned int objectType) noexcept { type = objectType; }
+    CMN_Guard* getGuard() const noexcept { return guard; }
+    void setGuard(CMN_Guard* g);  // not null
+
+    // The holders, newest first; look at them under the holder lock only.
+    HolderList& _getHolders() noexcept { return holders; }
+    void lockHolderList() CMN_NO_TSA { holderMutex.enter(); }
+    void unlockHolderList() CMN_NO_TSA { holderMutex.exit(); }
+
+    using CMN_Reference::addReference;
+    using CMN_Reference::remReference;
+
+    // Counts and lists one more reference by `holder`; a holder may be listed
+    // more than once.
+    void addReference(CMN_GRPHolder* holder);
+
+    // Takes back the newest reference by `holder` and returns the new count; at 0
+    // the object is gone. A holder that is not listed changes nothing.
+    int remReference(CMN_GRPHolder* holder);
+
+    // Redirects to this object, oldest first, all holders of the object whose list
+    // this is. The caller holds that object's holder lock.
+    void updateHolders(HolderList& list) { redirectHolders(this, list); }
+
+    // As updateHolders() of `to`; a null `to` detaches every holder.
+    static void redirectHolders(CMN_GuardedRef* to, HolderList& list);
+
+private:
+    friend class CMN_ObjectManager;  // for the two links
+
+    unsigned int type;
+    HolderList holders;  // under holderMutex
+    CMN_Guard* guard;    // shared; one reference is held on it
+    CMN_RecursiveMutex holderMutex{""};
+    CMN_GuardedRef** prevLink = nullptr;  // under the manager's lock, as is `next`
+    CMN_GuardedRef* next = nullptr;
+};
+
+// The typed holder through which every reference to a guarded object is kept.
+//
+// Construction, assignment and destruction belong to one thread at a time. Other
+// threads may call the object through the holder, and the framework may redirect
+// it, meanwhile. When assigned to, or attached as a whole, it must not be redirected at
+// that moment: only destruction raises the guard that a redirection waits for.
+template <class T>
+class CMN_GRefPtr final : public CMN_GRPHolder {
+public:
+    CMN_GRefPtr() noexcept = default;
+
+    // `supplier` is the module to release when the holder lets go of its object,
+    // or null when no release is owed.
+    explicit CMN_GRefPtr(T* object, const TypifiedID* supplier = nullptr) : moduleRef(supplier) {
+        attach(object);
+    }
+
+    // Shares the object and owes no module release.
+    CMN_GRefPtr(const CMN_GRefPtr& other) : CMN_GRPHolder() { attach(other.get()); }
+
+    ~CMN_GRefPtr() {
+        if (get() != nullptr) {
+            release();
+        }
+    }
+
+    CMN_GRefPtr& operator=(const CMN_GRefPtr& other) { return *this = other.get(); }
+    CMN_GRefPtr& operator=(T* object) {
+        T* const held = get();
+        if (held == object) {
+            return *this;  // letting go first could destroy what is to be kept
+        }
+        if (held != nullptr) {
+            held->remReference(this);
+            if (object == nullptr) {
+                releaseModule();
+            }
+        }
+        attach(object);
+        return *this;
+    }
+
+    void replacePointee(CMN_GuardedRef* object) override {
+        if (T* const held = get()) {
+            held->remReference(this);
+        }
+        attach(static_cast<T*>(object));
+    }
+
+    const TypifiedID& getModuleID() override { return *moduleID; }
+
+    T* get() const noexcept { return pointee.load(std::memory_order_acquire); }
+
+    const TypifiedID* supplier() const noexcept { return moduleRef; }
+
+    // Tells the host that this holder's use of the supplying module has ended.
+    void releaseModule() const {
+        if (moduleRef != nullptr && ModMgr != nullptr) {
+            ModMgr->releaseModule(*moduleRef, *pModuleID);
+        }
+    }
+
+private:
+    // The object is published last: whoever sees it sees its guard as well.
+    void attach(T* object) {
+        if (object != nullptr) {
+            guard.store(object->getGuard(), std::memory_order_release);
+            object->addReference(this);
+        }
+        pointee.store(object, std::memory_order_release);
+    }
+
+    // The object may be redirected until the guard is raised, so it is read again
+    // after that. A release that destroys the object leaves the guard raised: the
+    // guard may have gone with the object, and lowering it is then the host's.
+    void release() {
+        CMN_Guard* const raised = heldGuard();
+        if (raised != nullptr) {
+            raised->inc();
+        }
+        T* const held = get();
+        const bool survives = held == nullptr || held->remReference(this) != 0;
+        if (survives && raised != nullptr) {
+            raised->dec();
+        }
+        if (held != nullptr) {
+            releaseModule();
+        }
+    }
+
+    const TypifiedID* moduleRef = nullptr;
+    std::atomic<T*> pointee{nullptr};
+    const TypifiedID* moduleID = pModuleID;
+};
+
+// The holder with which the object manager pins an object while it works on it.
+class CMN_EXPORT DummyHolder final {
+public:
+    // Attaches `object`, which may be null, and spins until someone else holds it
+    // too: until its creator has attached the first holder, the release of this
+    // one would destroy a half-built object. There is no limit and no sleep.
+    explicit DummyHolder(CMN_GuardedRef* object);
+    DummyHolder(const DummyHolder&) = delete;
+    DummyHolder& operator=(const DummyHolder&) = delete;
+
+    // Lets go and frees this holder.
+    virtual void die();
+
+    // As die(), ignoring null.
+    static void die(DummyHolder* holder);
+
+    CMN_GuardedRef* object() const noexcept { return pin.get(); }
+    const CMN_GRPHolder* holder() const noexcept { return &pin; }
+
+private:
+    ~DummyHolder() = default;
+
+    CMN_GRefPtr<CMN_GuardedRef> pin;
+};
+
+#endif  // CMN_CMN_GREF_H

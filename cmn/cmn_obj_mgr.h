@@ -1,0 +1,78 @@
+// The registry of all live guarded objects of one module.
+//
+// Objects enter it at construction and leave it at destruction. The host uses it
+// when a module is replaced or unloaded, through the exported functions of
+// cmn/objmgrfunc.h. Any thread may call any operation; walks exclude each other
+// and every change of a reference count of the module. Before a walk begins, it
+// waits, without the lock, until no object of the registry is without a
+// reference: such an object is still being handed to its first holder, or its last
+// holder has just let go, and the thread that does either needs the lock.
+//
+// The order of fields and of virtual operations is a binary contract between
+// modules.
+#ifndef CMN_CMN_OBJ_MGR_H
+#define CMN_CMN_OBJ_MGR_H
+
+#include "cmn/cmn_gref.h"
+#include "cmn/cmn_ref.h"
+#include "cmn/export.h"
+#include "cmn/id_type.h"
+
+class CMN_EXPORT CMN_ObjectManager {
+public:
+    constexpr CMN_ObjectManager() noexcept = default;
+    CMN_ObjectManager(const CMN_ObjectManager&) = delete;
+    CMN_ObjectManager& operator=(const CMN_ObjectManager&) = delete;
+
+    // Detaches every holder, of whatever module, from every object. Objects that
+    // nothing but holders kept are gone afterwards.
+    virtual void fini();
+
+    // 1 when a holder that lives in another module holds an object, else 0.
+    virtual int moduleIsUsed();
+
+    // Enters and leaves the registry; called once each, by the object itself.
+    void storeObj(CMN_GuardedRef* obj);
+    void removeObj(CMN_GuardedRef* obj);
+
+    // A pin on the newest object, or null when there is none. The caller ends it
+    // with die().
+    DummyHolder* getObj();
+
+    // Takes over every object of `parent`: makes a successor of each with
+    // MakeObject(), redirects all its holders to the successor, or to nothing when
+    // there is none, and lets the old object go. Waits until no call and no
+    // release is in progress on the object. Does not end while an object of
+    // `parent` survives without holders: a plain reference is the host's to drop.
+    void init(CMN_ObjectManager* parent);
+
+    // 1 when a holder that lives in module `id` holds an object, else 0.
+    int moduleIsUsedBy(const TypifiedID& id);
+
+    // Detaches every holder that lives in module `id`; returns how many let go by
+    // themselves. One that did not is cut loose and not counted.
+    int unhookObjs(const TypifiedID& id);
+
+    // Calls fini() of every object, newest first.
+    void finiAll();
+
+private:
+    template <class Test>
+    bool anyHolder(Test test);
+    template <class Visit>
+    void forEachPinned(Visit visit);
+    template <class Test>
+    static int detachHolders(CMN_GuardedRef& obj, Test test);
+    class Settled;
+    void handOver(CMN_GuardedRef& obj);
+
+    CMN_Mutex unused;  // part of the layout; nothing locks it
+    // Shared with the reference counts, so a walk sees counts that stand still.
+    CMN_RecursiveMutex* lock = &CMN_Reference::RefMutex;
+    CMN_GuardedRef* head = nullptr;  // newest object first
+};
+
+extern CMN_ObjectManager ObjectManager;  // this module's one registry
+extern CMN_ObjectManager* pObjMgr;       // &ObjectManager
+
+#endif  // CMN_CMN_OBJ_MGR_H

@@ -1,0 +1,216 @@
+// Client stubs: how code calls objects and services, of other modules and of its own.
+//
+// A service stub stands for one service, found through the host on first use. An
+// object stub wraps one object that a service handed out, and keeps the service in
+// use while it lives. A proxy derives from one of them and adds a forwarding
+// method per operation; every call runs with the target's guard raised.
+//
+// Service stubs are shared by all threads. One object stub may be called by many
+// threads at once; building, assigning and destroying it are one thread's.
+//
+// The order of fields and of virtual operations is a binary contract between
+// modules.
+#ifndef CMN_CMN_STUB_H
+#define CMN_CMN_STUB_H
+
+#include <mutex>
+#include <type_traits>
+#include <utility>
+
+#include "cmn/cmn_gref.h"
+#include "cmn/cmn_rmutex.h"
+#include "cmn/export.h"
+#include "cmn/host_mgr.h"
+#include "cmn/id_type.h"
+#include "cmn/status.h"
+
+// Keeps a guard's count of calls raised for a scope; null raises nothing.
+class CMN_EXPORT GuardLock {
+public:
+    explicit GuardLock(CMN_Guard* g) : guard(g) {
+        if (guard != nullptr) {
+            guard->inc();
+        }
+    }
+    GuardLock(const GuardLock&) = delete;
+    GuardLock& operator=(const GuardLock&) = delete;
+    ~GuardLock() {
+        if (guard != nullptr) {
+            guard->dec();
+        }
+    }
+
+private:
+    CMN_Guard* guard;
+};
+
+// The guard lock of a forwarding call.
+class CMN_EXPORT GuardLockVar : public GuardLock {
+public:
+    using GuardLock::GuardLock;
+};
+
+// Calls `operation` of the object that `ref` holds, with its guard raised, also
+// while an exception passes; without an object answers with what `missing()`
+// gives. The object may be replaced until its guard is raised, so it is read
+// after that; when the guard turns out to be a replaced object's, the present
+// one is raised in its turn.
+template <class T, class Missing, class Operation>
+auto forwardTo(const CMN_GRefPtr<T>& ref, Missing missing, Operation operation)
+    -> decltype(operation(*ref.get())) {
+    if (ref.get() == nullptr) {
+        return missing();
+    }
+    CMN_Guard* const guard = ref.heldGuard();
+    const GuardLockVar raised(guard);
+    T* const target = ref.get();
+    if (target == nullptr) {
+        return missing();
+    }
+    if (ref.heldGuard() != guard) {
+        return forwardTo(ref, missing, operation);
+    }
+    return operation(*target);
+}
+
+class CMN_EXPORT CMN_ServiceStubInterface {
+public:
+    virtual void ref() = 0;
+    virtual void unref() = 0;
+
+protected:
+    ~CMN_ServiceStubInterface() = default;
+};
+
+template <class T>
+class CMN_ServiceStub : public CMN_ServiceStubInterface {
+public:
+    // A stub for the service of module `service`, which must outlive it; bound at
+    // once to `target` unless that is null.
+    explicit CMN_ServiceStub(const TypifiedID& service, T* target = nullptr)
+        : m_ref(target, &service) {}
+    CMN_ServiceStub(const CMN_ServiceStub&) = delete;
+
+    // Takes over the other's service object, as an assignment of its holder.
+    CMN_ServiceStub& operator=(const CMN_ServiceStub& other) {
+        m_ref = other.m_ref;
+        return *this;
+    }
+
+    // One more object depends on the service. Acquires it if the host has it; the
+    // use is counted in any case.
+    void ref() override {
+        const std::lock_guard locked(mutex);
+        bind();
+        ++count;
+    }
+
+    // Undoes one ref(); the last one gives the service and its module back.
+    void unref() override {
+        const std::lock_guard locked(mutex);
+        if (--count == 0 && m_ref.get() != nullptr) {
+            m_ref = nullptr;
+        }
+    }
+
+    virtual ~CMN_ServiceStub() = default;
+
+    // Acquires the service unless that is done; false when it cannot be had now.
+    bool acquire() {
+        if (m_ref.get() != nullptr) {
+            return true;
+        }
+        if (ModMgr == nullptr) {
+            return false;
+        }
+        const std::lock_guard locked(mutex);
+        bind();
+        return m_ref.get() != nullptr;
+    }
+
+    // The service's interface, or null while it is not acquired.
+    T* service() const noexcept { return m_ref.get(); }
+
+    // The uses that ref() counted and unref() has not undone.
+    int uses() {
+        const std::lock_guard locked(mutex);
+        return count;
+    }
+
+protected:
+    // Acquires the service and calls the operation; `missing` is the answer when
+    // it cannot be had.
+    template <class R, class... Params, class... Args>
+    R forward(R (T::*operation)(Params...), std::type_identity_t<R> missing, Args&&... args) {
+        if (!acquire()) {
+            return missing;
+        }
+        return forwardTo(
+            m_ref, [&] { return missing; },
+            [&](T& target) { return (target.*operation)(std::forward<Args>(args)...); });
+    }
+
+    CMN_GRefPtr<T> m_ref;
+
+private:
+    // The caller holds `mutex`, so only one thread asks the host.
+    void bind() {
+        if (ModMgr == nullptr || m_ref.get() != nullptr) {
+            return;
+        }
+        if (CMN_GuardedRef* const found = ModMgr->acquireService(*m_ref.supplier(), *pModuleID)) {
+            m_ref = static_cast<T*>(found);
+        }
+    }
+
+    int count = 0;    // under mutex
+    CMN_Mutex mutex;  // guards count and the acquisition
+};
+
+template <class T>
+class CMN_ObjectStub {
+public:
+    // Holds `target`, which may be null, and takes a use of `service`, the stub of
+    // the service that the object comes from, for as long as the stub lives.
+    // `service` may be null: then none is taken.
+    CMN_ObjectStub(T* target, CMN_ServiceStubInterface* service) : m_ref(target), m_srv(service) {
+        if (m_srv != nullptr) {
+            m_srv->ref();
+        }
+    }
+
+    // Shares the object, and takes a use of the service of its own.
+    CMN_ObjectStub(const CMN_ObjectStub& other) : CMN_ObjectStub(other.target(), other.m_srv) {}
+
+    // Shares the other's object; the service in use stays what it is.
+    CMN_ObjectStub& operator=(const CMN_ObjectStub& other) {
+        m_ref = other.m_ref;
+        return *this;
+    }
+
+    // The object goes before the service that it came from.
+    virtual ~CMN_ObjectStub() {
+        m_ref = nullptr;
+        if (m_srv != nullptr) {
+            m_srv->unref();
+        }
+    }
+
+    // The object held, or null. It stays alive while the stub holds it.
+    T* target() const noexcept { return m_ref.get(); }
+
+protected:
+    template <class R, class... Params, class... Args>
+    R forward(R (T::*operation)(Params...), std::type_identity_t<R> missing, Args&&... args) const {
+        return forwardTo(
+            m_ref, [&] { return missing; },
+            [&](T& target) { return (target.*operation)(std::forward<Args>(args)...); });
+    }
+
+    CMN_GRefPtr<T> m_ref;
+
+private:
+    CMN_ServiceStubInterface* m_srv;  // not owned: a global of this module
+};
+
+#endif  // CMN_CMN_STUB_H

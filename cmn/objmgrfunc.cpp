@@ -1,0 +1,9 @@
+#include "cmn/objmgrfunc.h"
+
+CMN_ObjectManager* GetObjectManager() {
+    return &ObjectManager;
+}
+
+CMN_ObjectManager* InitObjectManager() {
+    return &ObjectManager;
+}
