@@ -1,0 +1,131 @@
+// Key objects, and the PKIX key service (module 0x3f0008) that makes them.
+//
+// Objects come without a reference: the caller attaches the first holder.
+// Operations that use a key (sign, verify, encrypt, decrypt, isConsistent and the
+// getters) may run in many threads at once; those that change it need the key to
+// themselves. Operations that give a TBuf give null on failure, and getError()
+// then tells why. The order of the operations is a binary contract between modules.
+#ifndef API_T_KEY_H
+#define API_T_KEY_H
+
+#include "api/pki_alg.h"
+#include "api/t_buf.h"
+#include "cmn/cmn_gref.h"
+#include "cmn/export.h"
+#include "cmn/id_type.h"
+#include "cmn/status.h"
+
+// The identifier of the PKIX key service, 0x3f0008.
+extern Tuint32ID PKIXKeyServiceID;
+
+class CMN_EXPORT TKey : public CMN_GuardedRef {
+public:
+    using CMN_GuardedRef::CMN_GuardedRef;
+
+    enum key_type_t : unsigned int {
+        kNone = 0,
+        kSymmetric = 1,  // raw bytes
+        kRsa = 2,
+        kEcP256 = 3,
+        kEcP384 = 4,
+        kEcP521 = 5,
+        kEd25519 = 6
+    };
+
+    // Parameters whose value is bytes. Numbers are big-endian without leading zeros.
+    enum aka_t : unsigned int {
+        kPublicKeyInfo = 1,   // SubjectPublicKeyInfo, DER; settable: the key is public then
+        kPrivateKeyInfo = 2,  // PKCS#8 PrivateKeyInfo, DER; settable
+        kModulus = 3,         // RSA
+        kPublicExponent = 4,  // RSA
+        kPublicPoint = 5,     // EC: uncompressed point; Ed25519: 32 bytes
+        kCurveName = 6        // EC: "P-256", "P-384", "P-521"
+    };
+
+    // Parameters whose value is a number.
+    enum bka_t : unsigned int {
+        kBits = 1,        // strength as usually named: 2048, 256, ...
+        kIsPrivate = 2,   // 1 when the private part is there
+        kOutputSize = 3,  // largest signature, or ciphertext block, in bytes
+        kUsage = 4        // settable: bits that the owner gives a meaning
+    };
+
+    // A new, independent copy; null on failure.
+    virtual TKey* duplicate() const = 0;
+    // Non-zero when the key values differ, also from null.
+    virtual int compare(TKey* other) const = 0;
+    // Wipes the key value; the type stays.
+    virtual Status clear() = 0;
+
+    virtual key_type_t getType() const = 0;
+    // The algorithm that the key is meant for.
+    virtual Status setAlg(pki_alg_t alg) = 0;
+    virtual pki_alg_t getAlg() const = 0;
+
+    // The key value: raw bytes of a symmetric key, PKCS#8 of a private key,
+    // SubjectPublicKeyInfo of a public one. setKey() takes the same forms;
+    // kMalformed when the value does not fit the type, and the key stays.
+    virtual Status setKey(TBuf* value) = 0;
+    virtual TBuf* getKey() const = 0;
+
+    // Parameters by tag: bytes that the owner attaches under a number of its own.
+    // Without one, getParam() gives null and kEnd.
+    virtual TBuf* getParam(unsigned char tag) const = 0;
+    virtual Status setParam(unsigned char tag, TBuf* value) = 0;
+    virtual TBuf* getParam(aka_t which) const = 0;
+    virtual int getParam(bka_t which) const = 0;  // -1 when the key has none
+    virtual Status setParam(aka_t which, TBuf* value) = 0;
+    virtual Status setParam(bka_t which, int value) = 0;
+
+    // The raw form: bytes of a symmetric key; the scalar of an EC or the seed of
+    // an Ed25519 private key, or its public point when it is public; PKCS#1 of RSA.
+    virtual TBuf* getRaw() const = 0;
+    virtual Status setRaw(const unsigned char* data, unsigned int len) = 0;
+
+    // Where the key lives on a token, two numbers that the owner gives a meaning.
+    virtual Status setTokenId(unsigned int slot, unsigned int object) = 0;
+    virtual Status getTokenId(unsigned int& slot, unsigned int& object) const = 0;
+
+    virtual Status setRaw(TBuf* value) = 0;
+
+    // The key identifier: the one set, else the SHA-1 of the public key bits, or,
+    // for a symmetric key, null and kEnd.
+    virtual TBuf* getKeyId() const = 0;
+    virtual Status setKeyId(TBuf* id) = 0;
+
+    // The signature of `data`: RSA PKCS#1 v1.5 with SHA-256, ECDSA (DER) with the
+    // SHA-2 of the curve's size, Ed25519.
+    virtual TBuf* sign(TBuf* data) const = 0;
+    // kOk when the signature is right, kIo when it is not.
+    virtual Status verify(TBuf* data, TBuf* signature) const = 0;
+
+    // Symmetric: AES-GCM, framed as the store's encryption service frames it.
+    // RSA: OAEP with SHA-256. Others cannot.
+    virtual TBuf* encrypt(TBuf* plain) const = 0;
+    virtual TBuf* decrypt(TBuf* cipher) const = 0;
+
+    // kOk when the parts of this key fit each other and, unless `other` is null,
+    // its public part is `other`'s. `deep` non-zero: proved by arithmetic, not by
+    // comparing alone.
+    virtual Status isConsistent(TKey* other, int deep) const = 0;
+
+    virtual Status setVendor(pki_vendor vendor) = 0;
+    virtual pki_vendor getVendor() const = 0;
+
+    // The status of the calling thread's last operation on a key of this service.
+    virtual Status getError() const = 0;
+};
+
+class CMN_EXPORT TPkixKeyService : public CMN_GuardedRef {
+public:
+    using CMN_GuardedRef::CMN_GuardedRef;
+
+    // New keys: of no type; of a type and without value; from the raw form or from
+    // PKCS#8. Null on failure, as for an unknown type or malformed bytes.
+    virtual TKey* createTKey() = 0;
+    virtual TKey* createTKey(TKey::key_type_t type) = 0;
+    virtual TKey* createTKey(TKey::key_type_t type, const unsigned char* data,
+                             unsigned int len) = 0;
+};
+
+#endif  // API_T_KEY_H
