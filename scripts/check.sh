@@ -1,0 +1,10 @@
+#!/bin/sh
+# What a change must pass beside its tests, cheapest first. CI runs the same.
+set -eu
+cd "$(dirname "$0")/.."
+
+scripts/format.sh --check
+scripts/check_layers.py
+scripts/check_paths.py
+scripts/check_headers.py
+scripts/tidy.sh "$@"

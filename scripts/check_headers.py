@@ -1,0 +1,67 @@
+#!/usr/bin/env python3
+"""Compiles every header alone, twice in one unit, with each compiler we support.
+
+    scripts/check_headers.py [HEADER...]
+
+Proves that a header brings what it uses, that its guard works, and that it is
+named after its path. Exits 1 on any fault.
+"""
+
+import concurrent.futures
+import os
+import pathlib
+import re
+import subprocess
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+FLAGS = ["-std=c++20", "-Wall", "-Wextra", "-Wshadow", "-Wconversion", "-Werror",
+         "-D_FILE_OFFSET_BITS=64", f"-I{ROOT}", "-fsyntax-only", "-x", "c++", "-"]
+COMPILERS = [["g++"], ["clang++-14", "-Wthread-safety"]]
+M32 = ["g++", "-m32"]
+# These stand on libraries that are there for native code only.
+NATIVE_ONLY = re.compile(r"(tests/)?(modules|fstore|bench|system)/")
+
+
+def guard_fault(header):
+    """Returns what is wrong with the header's guard, or nothing."""
+    guard = re.sub(r"\W", "_", header).upper()
+    text = (ROOT / header).read_text(encoding="utf-8")
+    if f"#ifndef {guard}\n#define {guard}\n" not in text:
+        return f"{header}: the guard is not {guard}\n"
+    return ""
+
+
+def compile_fault(header, compiler):
+    """Returns the compiler's complaints about the header, or nothing."""
+    unit = f'#include "{header}"\n' * 2
+    run = subprocess.run(compiler + FLAGS, input=unit, capture_output=True, text=True, check=False)
+    if run.returncode:
+        return f"{header}: {' '.join(compiler)}\n{run.stderr}"
+    return ""
+
+
+def headers():
+    """Lists every header of the project, relative to its root."""
+    found = []
+    for folder in sorted(ROOT.iterdir()):
+        if folder.is_dir() and folder.name != "build" and not folder.name.startswith("."):
+            found.extend(str(path.relative_to(ROOT)) for path in sorted(folder.rglob("*.h")))
+    return found
+
+
+def main():
+    names = sys.argv[1:] or headers()
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        jobs = [pool.submit(guard_fault, name) for name in names]
+        for name in names:
+            compilers = COMPILERS + ([] if NATIVE_ONLY.match(name) else [M32])
+            jobs += [pool.submit(compile_fault, name, compiler) for compiler in compilers]
+        faults = [fault for fault in (job.result() for job in jobs) if fault]
+    sys.stdout.writelines(faults)
+    print(f"{len(names)} headers, {len(jobs)} checks, {len(faults)} faults")
+    return 1 if faults or not names else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

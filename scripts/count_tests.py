@@ -1,0 +1,59 @@
+#!/usr/bin/env python3
+"""Counts what a run of ctest proved, from what it left in a build folder.
+
+    scripts/count_tests.py BUILD_FOLDER
+
+Prints "<passed> <failed>" and, on standard error, the name of each failure.
+ctest.xml tells how each ctest entry ended, results/<entry>.json the cases of a
+GoogleTest program. An entry without such a file counts as one. A case that was
+skipped or disabled proved nothing and counts as failed, and so does an entry
+that ended badly though none of its cases says so: it crashed, hung, had no
+cases, or left its results unwritten.
+"""
+
+import json
+import pathlib
+import sys
+import xml.etree.ElementTree
+
+
+def cases_of(file):
+    """Returns the passed cases and the names of the others in a GoogleTest result file."""
+    passed, failed = 0, []
+    for suite in json.loads(file.read_text(encoding="utf-8"))["testsuites"]:
+        for case in suite["testsuite"]:
+            # "result" is COMPLETED, SKIPPED or SUPPRESSED; "status" is RUN or NOTRUN.
+            if case["status"] == "RUN" and case["result"] == "COMPLETED" and "failures" not in case:
+                passed += 1
+            else:
+                failed.append(f"{suite['name']}.{case['name']}")
+    return passed, failed
+
+
+def count(build):
+    """Returns the number of passed tests and the names of failed ones of a build folder."""
+    passed, failed = 0, []
+    for entry in xml.etree.ElementTree.parse(build / "ctest.xml").getroot().iter("testcase"):
+        name, good = entry.get("name"), entry.get("status") == "run"
+        results = build / "results" / f"{name}.json"
+        try:
+            case_passed, case_failed = cases_of(results) if results.exists() else (int(good), [])
+            good = good and case_passed + len(case_failed) > 0
+        except (ValueError, KeyError):
+            case_passed, case_failed, good = 0, [], False
+        passed += case_passed
+        failed += [f"{name}: {case}" for case in case_failed]
+        if not good and not case_failed:
+            failed.append(name)
+    return passed, failed
+
+
+def main():
+    passed, failed = count(pathlib.Path(sys.argv[1]))
+    for name in failed:
+        print(f"failed: {name}", file=sys.stderr)
+    print(passed, len(failed))
+
+
+if __name__ == "__main__":
+    main()

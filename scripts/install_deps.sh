@@ -1,0 +1,51 @@
+#!/bin/sh
+# Installs the Debian packages that building and testing need and that are not
+# there yet; does nothing, and needs no rights, when all are. Runs as root or
+# through sudo.
+#
+#   scripts/install_deps.sh [--full]
+#
+# --full adds what only the further checks need: the clang tools, memory checks,
+# coverage reports.
+set -eu
+
+# Compilers and tools. g++-multilib makes the 32-bit module; there are no
+# libraries of a foreign architecture.
+build="g++ g++-multilib cmake ninja-build"
+# Libraries of the OpenSSL modules, the command-line tool and its manual page.
+libraries="libssl-dev libcli11-dev nlohmann-json3-dev libfmt-dev scdoc"
+# googletest has the sources, built for 32 bits; the others its native libraries.
+testing="googletest libgtest-dev libgmock-dev libbenchmark-dev openssl python3 git strace"
+full="clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev llvm-14 valgrind gcovr"
+
+packages="$build $libraries $testing ca-certificates"
+case "${1:-}" in
+    "") ;;
+    --full) packages="$packages $full" ;;
+    *) echo "usage: $0 [--full]" >&2; exit 2 ;;
+esac
+
+missing=""
+for package in $packages; do
+    state=$(dpkg-query -W -f '${Status}' "$package" 2>/dev/null || true)
+    if [ "$state" != "install ok installed" ]; then
+        missing="$missing $package"
+    fi
+done
+if [ -z "$missing" ]; then
+    exit 0
+fi
+
+as_root=""
+if [ "$(id -u)" -ne 0 ]; then
+    if ! command -v sudo >/dev/null; then
+        echo "$0: as root, install:$missing" >&2
+        exit 1
+    fi
+    as_root=sudo
+fi
+echo "installing:$missing"
+$as_root apt-get -qq update
+# shellcheck disable=SC2086  # words of a list, and an empty prefix
+$as_root env DEBIAN_FRONTEND=noninteractive \
+    apt-get -qq install -y --no-install-recommends $missing >/dev/null

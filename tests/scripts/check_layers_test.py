@@ -1,0 +1,87 @@
+"""check_layers.py lets through what steps down and catches what climbs."""
+
+import unittest
+
+from support import ScriptTest
+
+GOOD = [
+    ("os/fs.h", "<dirent.h>"),
+    ("os/handles.h", "<pthread.h>"),
+    ("cmn/cmn_rmutex.h", "<pthread.h>"),
+    ("cmn/host_mgr.h", '"os/handles.h"'),
+    ("api/t_buf.h", '"cmn/cmn_gref.h"'),
+    ("client/cmn_abuf.h", '"api/t_buf.h"'),
+    ("store/file_store.cpp", '"store/file_store.h"'),
+    ("service/db_folders.cpp", '"store/filefunc.h"'),
+    ("host/loader.cpp", "<dlfcn.h>"),
+    ("modules/pkcs5/pbes.cpp", '"modules/pkcs5/pbes.h"'),
+    ("modules/pkcs5/pbes.cpp", "<openssl/evp.h>"),
+    ("fstore/main.cpp", '"host/module_manager.h"'),
+    ("tests/store/filefunc_test.cpp", '"service/db_folders.h"'),
+    ("tests/store/filefunc_test.cpp", "<unistd.h>"),
+]
+
+BAD = [
+    ("os/fs_posix.cpp", '"cmn/status.h"'),
+    ("cmn/cmn_ref.h", '"store/file_store.h"'),
+    ("cmn/cmn_ref.h", '"api/t_buf.h"'),
+    ("cmn/cmn_ref.h", '"cmn/../store/file_store.h"'),
+    ("api/t_buf.h", '"client/cmn_abuf.h"'),
+    ("client/cmn_abuf.cpp", '"store/file_store.h"'),
+    ("store/file_store.cpp", '"service/db_folders.h"'),
+    ("store/file_store.cpp", "<unistd.h>"),
+    ("store/file_store.cpp", "<sys/stat.h>"),
+    ("store/file_store.cpp", "<dirent.h>"),
+    ("store/file_store.cpp", "  <dirent.h>"),
+    ("store/file_store.cpp", "<filesystem>"),
+    ("store/rw_locker.h", "<pthread.h>"),
+    ("store/crypto_coder.cpp", "<openssl/evp.h>"),
+    ("service/md5.cpp", '"host/loader.h"'),
+    ("host/loader.cpp", '"store/file_store.h"'),
+    ("host/loader.cpp", '"client/cmn_abuf.h"'),
+    ("modules/pkcs5/pbes.cpp", '"modules/x509cmn/buf.h"'),
+    ("modules/pkcs5/pbes.cpp", '"store/file_store.h"'),
+    ("fstore/main.cpp", '"service/s_filestore_mm.h"'),
+    ("fstore/main.cpp", "<sys/stat.h>"),
+    ("bench/write_bench.cpp", '"store/file_store.h"'),
+    ("store/file_store.cpp", '"tests/support/temp_db.h"'),
+    ("store/file_store.cpp", '"file_store.h"'),
+    ("store/file_store.cpp", '"../cmn/status.h"'),
+    ("store/file_store.cpp", "SOME_MACRO"),
+    ("utils/strings.h", "<string>"),
+    ("api/t_buf.cpp", '"api/t_buf.h"'),
+]
+
+
+class CheckLayersTest(ScriptTest):
+    def test_lets_through_what_steps_down(self):
+        for name, include in GOOD:
+            self.write(name, "")
+        for name, include in GOOD:
+            with (self.root / name).open("a", encoding="utf-8") as file:
+                file.write(f"#include {include}\n")
+        status, output = self.run_script("check_layers.py")
+        self.assertEqual(0, status, output)
+
+    def test_catches_each_include_that_climbs(self):
+        for name, include in BAD:
+            with self.subTest(file=name, include=include):
+                self.write(name, f"// fine\n#include {include}\n")
+                status, output = self.run_script("check_layers.py")
+                self.assertEqual(1, status)
+                self.assertIn(f"{name}:", output)
+                (self.root / name).unlink()
+
+    def test_names_file_and_line(self):
+        self.write("cmn/status.h", '#include <string>\n\n#  include "store/filefunc.h"\n')
+        status, output = self.run_script("check_layers.py")
+        self.assertEqual(1, status)
+        self.assertIn("cmn/status.h:3: cmn/ may not include store/", output)
+
+    def test_an_empty_tree_is_no_success(self):
+        status, _ = self.run_script("check_layers.py")
+        self.assertEqual(1, status)
+
+
+if __name__ == "__main__":
+    unittest.main()
