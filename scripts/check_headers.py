@@ -18,7 +18,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 FLAGS = ["-std=c++20", "-Wall", "-Wextra", "-Wshadow", "-Wconversion", "-Werror",
          "-D_FILE_OFFSET_BITS=64", f"-I{ROOT}", "-fsyntax-only", "-x", "c++", "-"]
 COMPILERS = [["g++"], ["clang++-14", "-Wthread-safety"]]
-M32 = ["g++", "-m32"]
+M32 = ["g++", "-m32", "-idirafter", "/usr/include/x86_64-linux-gnu"]
 # These stand on libraries that are there for native code only.
 NATIVE_ONLY = re.compile(r"(tests/)?(modules|fstore|bench|system)/")
 

@@ -9,9 +9,9 @@
 # coverage reports.
 set -eu
 
-# Compilers and tools. g++-multilib makes the 32-bit module; there are no
-# libraries of a foreign architecture.
-build="g++ g++-multilib cmake ninja-build"
+# Compilers and tools. g++-12-multilib makes the 32-bit module and, unlike
+# g++-multilib, leaves cross compilers alone; no foreign architecture is added.
+build="g++ g++-12-multilib cmake ninja-build"
 # Libraries of the OpenSSL modules, the command-line tool and its manual page.
 libraries="libssl-dev libcli11-dev nlohmann-json3-dev libfmt-dev scdoc"
 # googletest has the sources, built for 32 bits; the others its native libraries.
@@ -48,4 +48,4 @@ echo "installing:$missing"
 $as_root apt-get -qq update
 # shellcheck disable=SC2086  # words of a list, and an empty prefix
 $as_root env DEBIAN_FRONTEND=noninteractive \
-    apt-get -qq install -y --no-install-recommends $missing >/dev/null
+    apt-get -qq install -y --no-install-recommends --no-remove $missing >/dev/null
