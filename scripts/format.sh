@@ -11,5 +11,5 @@ case "${1:-}" in
     *) echo "usage: $0 [--check]" >&2; exit 2 ;;
 esac
 # shellcheck disable=SC2086  # two words
-git ls-files -z --cached --others --exclude-standard --deduplicate '*.h' '*.cpp' |
-    xargs -0 -r clang-format-14 $mode
+find . \( -path './.?*' -o -path ./build \) -prune -o \( -name '*.h' -o -name '*.cpp' \) -print0 |
+    xargs -0 clang-format-14 $mode
