@@ -12,6 +12,7 @@
 #define CMN_CMN_GREF_H
 
 #include <atomic>
+#include <utility>
 
 #include "cmn/cmn_ref.h"
 #include "cmn/cmn_rmutex.h"
@@ -85,7 +86,7 @@ public:
     slist& operator=(const slist&) = delete;
     ~slist() {
         while (head != nullptr) {
-            eraseitem(head);
+            delete std::exchange(head, head->next);
         }
     }
 
@@ -210,7 +211,11 @@ public:
         }
     }
 
-    CMN_GRefPtr& operator=(const CMN_GRefPtr& other) { return *this = other.get(); }
+    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): the assignment below looks
+    CMN_GRefPtr& operator=(const CMN_GRefPtr& other) {
+        *this = other.get();
+        return *this;
+    }
     CMN_GRefPtr& operator=(T* object) {
         T* const held = get();
         if (held == object) {

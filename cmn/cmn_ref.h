@@ -23,6 +23,7 @@ public:
     // A copy is a new object: count 0 under RefMutex, whatever the source uses.
     CMN_Reference(const CMN_Reference&) noexcept : CMN_Reference() {}
     // Transfers neither a count nor a mutex.
+    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): nothing is assigned
     CMN_Reference& operator=(const CMN_Reference&) noexcept { return *this; }
 
     virtual ~CMN_Reference();
