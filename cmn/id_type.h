@@ -43,6 +43,8 @@ public:
     constexpr Tuint32ID(const Tuint32ID&) noexcept = default;
     constexpr ~Tuint32ID() override = default;
 
+    constexpr unsigned int value() const noexcept { return val; }
+
     // Unsigned: -1 when other's value is the smaller one, 0, or 1 when it is the greater.
     int val_comp(const TypifiedID& other) const override;
     void dump() const override;
