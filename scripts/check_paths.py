@@ -4,8 +4,8 @@
     scripts/check_paths.py [ROOT]
 
 What is checked in builds anywhere, so it names neither. Prints each line that
-does and exits 1 when there is one. Looks at every file that git tracks or would
-track; without git, at every file outside build/.
+does and exits 1 when there is one. Looks at every file that git tracks; without
+git, at every file outside build/.
 """
 
 import pathlib
@@ -27,8 +27,7 @@ FORBIDDEN = [
 
 def files_of(root):
     """Yields the project's files, relative to `root`."""
-    git = ["git", "-C", str(root), "-c", f"safe.directory={root}", "ls-files", "-z",
-           "--cached", "--others", "--exclude-standard", "--deduplicate"]
+    git = ["git", "-C", str(root), "-c", f"safe.directory={root}", "ls-files", "-z"]
     try:
         listing = subprocess.run(git, capture_output=True, check=True, text=True).stdout
         names = [pathlib.Path(name) for name in listing.split("\0") if name]
