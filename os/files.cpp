@@ -33,6 +33,14 @@ File openFile(const char* path, int flags, mode_t mode) noexcept {
     return File(uninterrupted([&] { return os::open(path, flags | O_CLOEXEC, mode); }));
 }
 
+Dir openFolder(const char* path) noexcept {
+    DIR* stream = os::opendir(path);
+    while (stream == nullptr && errno == EINTR) {
+        stream = os::opendir(path);
+    }
+    return Dir(stream);
+}
+
 Opened openRegular(const char* path, File& file, off_t& size) noexcept {
     File opened = openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
     struct stat status {};
@@ -104,18 +112,23 @@ Presence presence(const char* path) noexcept {
 }
 
 dirent* nextEntry(DIR* dir) noexcept {
-    errno = 0;  // readdir() tells a failure from the end by errno alone
-    dirent* const entry = os::readdir(dir);
+    dirent* entry = nullptr;
+    do {
+        errno = 0;  // readdir() tells a failure from the end by errno alone
+        entry = os::readdir(dir);
+    } while (entry == nullptr && errno == EINTR);
     if (entry == nullptr && errno == ENOENT) {
         errno = 0;
     }
     return entry;
 }
 
-EntryType entryType(const dirent& entry, const char* path) noexcept {
-    if (entry.d_type != DT_UNKNOWN) {
-        return typeOfMode(DTTOIF(static_cast<mode_t>(entry.d_type)));
-    }
+EntryType entryType(const dirent& entry) noexcept {
+    return entry.d_type == DT_UNKNOWN ? EntryType::kUnknown
+                                      : typeOfMode(DTTOIF(static_cast<mode_t>(entry.d_type)));
+}
+
+EntryType entryTypeOf(const char* path) noexcept {
     struct stat status {};
     return os::lstat(path, &status) == 0 ? typeOfMode(status.st_mode) : EntryType::kUnknown;
 }

@@ -19,6 +19,8 @@ namespace os {
 // created file before the umask, by default the one of fopen().
 [[nodiscard]] File openFile(const char* path, int flags, mode_t mode = 0666) noexcept;
 
+[[nodiscard]] Dir openFolder(const char* path) noexcept;  // an empty Dir on failure
+
 enum class Opened {
     kRegular,     // `file` is open for reading and `size` is its size in bytes
     kNotRegular,  // a folder, FIFO, socket or device; nothing is open
@@ -66,12 +68,13 @@ enum class EntryType {
     kFolder,
     kFile,    // a regular file
     kOther,   // a symbolic link, whatever it leads to, or a special file
-    kUnknown  // could not be examined
+    kUnknown  // not told, or could not be examined
 };
 
-// The type of `entry`, whose path is `path`: as the listing told it, and only
-// where it did not, by asking for the file's status.
-[[nodiscard]] EntryType entryType(const dirent& entry, const char* path) noexcept;
+// The type of a listed entry, as the listing tells it. Some file systems do not
+// (kUnknown); then the path has to be asked for.
+[[nodiscard]] EntryType entryType(const dirent& entry) noexcept;
+[[nodiscard]] EntryType entryTypeOf(const char* path) noexcept;
 
 }  // namespace os
 

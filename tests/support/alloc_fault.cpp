@@ -1,0 +1,121 @@
+#include "tests/support/alloc_fault.h"
+
+#include <atomic>
+#include <climits>
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+std::atomic<long> made{0};
+std::atomic<long> live{0};
+std::atomic<long> remaining{LONG_MAX};  // calls until the fault strikes
+std::atomic<bool> lasting{false};
+std::atomic<bool> struck{false};
+thread_local int pauseDepth = 0;
+
+bool fails() noexcept {
+    if (pauseDepth > 0) {
+        return false;
+    }
+    made.fetch_add(1, std::memory_order_relaxed);
+    if (remaining.load(std::memory_order_relaxed) == LONG_MAX) {
+        return false;
+    }
+    const long left = remaining.fetch_sub(1, std::memory_order_relaxed) - 1;
+    if (left > 0 || (left < 0 && !lasting.load(std::memory_order_relaxed))) {
+        return false;
+    }
+    struck.store(true, std::memory_order_relaxed);
+    return true;
+}
+
+void* allocate(std::size_t size) noexcept {
+    void* const memory = fails() ? nullptr : std::malloc(size == 0 ? 1 : size);
+    if (memory != nullptr) {
+        live.fetch_add(1, std::memory_order_relaxed);
+    }
+    return memory;
+}
+
+void* allocateOrThrow(std::size_t size) {
+    void* const memory = allocate(size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+void release(void* memory) noexcept {
+    if (memory != nullptr) {
+        live.fetch_sub(1, std::memory_order_relaxed);
+        std::free(memory);
+    }
+}
+
+}  // namespace
+
+namespace fault {
+
+FailingAllocation::FailingAllocation(long nth, Mode mode) noexcept {
+    struck = false;
+    lasting = mode == Mode::kFromThenOn;
+    remaining = nth;
+}
+
+FailingAllocation::~FailingAllocation() {
+    (void)lift();
+}
+
+bool FailingAllocation::lift() noexcept {
+    remaining = LONG_MAX;
+    return struck;
+}
+
+long allocationCount() noexcept {
+    return made;
+}
+
+long liveAllocations() noexcept {
+    return live;
+}
+
+void shiftAllocationPause(int by) noexcept {
+    pauseDepth += by;
+}
+
+}  // namespace fault
+
+// All forms are replaced, not only the one that the others are built on by
+// default: sanitizers bring complete sets of their own.
+void* operator new(std::size_t size) {
+    return allocateOrThrow(size);
+}
+void* operator new[](std::size_t size) {
+    return allocateOrThrow(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return allocate(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return allocate(size);
+}
+void operator delete(void* memory) noexcept {
+    release(memory);
+}
+void operator delete[](void* memory) noexcept {
+    release(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    release(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+    release(memory);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+    release(memory);
+}
+void operator delete[](void* memory, const std::nothrow_t&) noexcept {
+    release(memory);
+}

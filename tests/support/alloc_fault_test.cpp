@@ -1,0 +1,96 @@
+#include "tests/support/alloc_fault.h"
+
+#include <new>
+
+#include "gtest/gtest.h"
+
+namespace {
+
+using fault::FailingAllocation;
+
+// Not to be optimised away, unlike an unused new expression.
+bool allocates() {
+    void* const memory = ::operator new(8, std::nothrow);
+    ::operator delete(memory);
+    return memory != nullptr;
+}
+
+struct Outcomes {
+    bool first, second, third;
+    bool operator==(const Outcomes&) const = default;
+};
+
+Outcomes threeAllocations(long nth, FailingAllocation::Mode mode, bool& hit) {
+    FailingAllocation fault(nth, mode);
+    const Outcomes outcomes{allocates(), allocates(), allocates()};
+    hit = fault.lift();
+    return outcomes;
+}
+
+TEST(FailingAllocationTest, StrikesAsPlanned) {
+    using Mode = FailingAllocation::Mode;
+    const struct {
+        const char* name;
+        long nth;
+        Mode mode;
+        Outcomes outcomes;
+        bool hit;
+    } rows[] = {
+        {"first", 1, Mode::kOnce, {false, true, true}, true},
+        {"second", 2, Mode::kOnce, {true, false, true}, true},
+        {"from the second", 2, Mode::kFromThenOn, {true, false, false}, true},
+        {"later", 4, Mode::kOnce, {true, true, true}, false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        bool hit = false;
+        EXPECT_TRUE(row.outcomes == threeAllocations(row.nth, row.mode, hit));
+        EXPECT_EQ(row.hit, hit);
+        EXPECT_TRUE(allocates());
+    }
+}
+
+TEST(FailingAllocationTest, ThrowingFormsThrow) {
+    int thrown = 0;
+    FailingAllocation fault(1, FailingAllocation::Mode::kFromThenOn);
+    try {
+        ::operator delete(::operator new(8));
+    } catch (const std::bad_alloc&) {
+        ++thrown;
+    }
+    try {
+        ::operator delete[](::operator new[](8));
+    } catch (const std::bad_alloc&) {
+        ++thrown;
+    }
+    EXPECT_TRUE(fault.lift());
+    EXPECT_EQ(2, thrown);
+}
+
+TEST(FailingAllocationTest, PausedAllocationsNeitherFailNorCount) {
+    FailingAllocation fault(1, FailingAllocation::Mode::kFromThenOn);
+    const long before = fault::allocationCount();
+    bool allocated = false;
+    {
+        const fault::AllocationPause pause;
+        allocated = allocates();
+    }
+    const long after = fault::allocationCount();
+    EXPECT_FALSE(fault.lift());
+    EXPECT_TRUE(allocated);
+    EXPECT_EQ(before, after);
+}
+
+TEST(LiveAllocationsTest, CountWhatIsNotYetFreed) {
+    const long before = fault::liveAllocations();
+    void* const one = ::operator new(8);
+    void* const many = ::operator new[](8);
+    const long during = fault::liveAllocations();
+    ::operator delete(one);
+    ::operator delete[](many);
+    ::operator delete(nullptr);
+    EXPECT_EQ(before, fault::liveAllocations());
+    EXPECT_EQ(before + 2, during);
+}
+
+}  // namespace
