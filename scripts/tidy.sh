@@ -4,15 +4,16 @@
 # are missing.
 #
 #   scripts/tidy.sh              all product code
-#   scripts/tidy.sh --changed    only what differs from the branch `main`
+#   scripts/tidy.sh --changed    only the sources that differ from the branch `main`
 #   scripts/tidy.sh FILE...      these files
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-product=(os cmn client store service host modules fstore)
 case "${1:-}" in
-    "") files=$(find "${product[@]}" -name '*.cpp') ;;
-    --changed) files=$(git diff --name-only --diff-filter=d main -- "${product[@]/%/\/*.cpp}") ;;
+    "") files=$(find . \( -path './.?*' -o -path ./build -o -path ./tests -o -path ./fuzz \
+                          -o -path ./bench \) -prune -o -name '*.cpp' -print) ;;
+    --changed) files=$(git diff --name-only --diff-filter=d main -- \
+                           '*.cpp' ':!tests' ':!fuzz' ':!bench') ;;
     *) files=$(printf '%s\n' "$@") ;;
 esac
 [ -f build/dev/compile_commands.json ] || cmake --preset dev >/dev/null
