@@ -54,23 +54,24 @@ public:
 // while an exception passes; without an object answers with what `missing()`
 // gives. The object may be replaced until its guard is raised, so it is read
 // after that; when the guard turns out to be a replaced object's, the present
-// one is raised in its turn.
+// one's turn has come.
 template <class T, class Missing, class Operation>
 auto forwardTo(const CMN_GRefPtr<T>& ref, Missing missing, Operation operation)
     -> decltype(operation(*ref.get())) {
-    if (ref.get() == nullptr) {
-        return missing();
+    for (;;) {
+        if (ref.get() == nullptr) {
+            return missing();
+        }
+        CMN_Guard* const guard = ref.heldGuard();
+        const GuardLockVar raised(guard);
+        T* const target = ref.get();
+        if (target == nullptr) {
+            return missing();
+        }
+        if (ref.heldGuard() == guard) {
+            return operation(*target);
+        }
     }
-    CMN_Guard* const guard = ref.heldGuard();
-    const GuardLockVar raised(guard);
-    T* const target = ref.get();
-    if (target == nullptr) {
-        return missing();
-    }
-    if (ref.heldGuard() != guard) {
-        return forwardTo(ref, missing, operation);
-    }
-    return operation(*target);
 }
 
 class CMN_EXPORT CMN_ServiceStubInterface {
@@ -138,16 +139,22 @@ public:
     }
 
 protected:
-    // Acquires the service and calls the operation; `missing` is the answer when
-    // it cannot be had.
-    template <class R, class... Params, class... Args>
-    R forward(R (T::*operation)(Params...), std::type_identity_t<R> missing, Args&&... args) {
+    // Acquires the service and calls operation(T&); `missing` is the answer when it
+    // cannot be had.
+    template <class R, class Operation>
+    R call(R missing, Operation operation) {
         if (!acquire()) {
             return missing;
         }
         return forwardTo(
-            m_ref, [&] { return missing; },
-            [&](T& target) { return (target.*operation)(std::forward<Args>(args)...); });
+            m_ref, [&] { return missing; }, operation);
+    }
+
+    // As call(), of an operation of the interface.
+    template <class R, class... Params, class... Args>
+    R forward(R (T::*operation)(Params...), std::type_identity_t<R> missing, Args&&... args) {
+        return call(missing,
+                    [&](T& target) { return (target.*operation)(std::forward<Args>(args)...); });
     }
 
     CMN_GRefPtr<T> m_ref;
@@ -184,7 +191,9 @@ public:
 
     // Shares the other's object; the service in use stays what it is.
     CMN_ObjectStub& operator=(const CMN_ObjectStub& other) {
-        m_ref = other.m_ref;
+        if (this != &other) {
+            m_ref = other.m_ref;
+        }
         return *this;
     }
 
@@ -200,11 +209,18 @@ public:
     T* target() const noexcept { return m_ref.get(); }
 
 protected:
+    // Calls operation(T&); `missing` is the answer without an object.
+    template <class R, class Operation>
+    R call(R missing, Operation operation) const {
+        return forwardTo(
+            m_ref, [&] { return missing; }, operation);
+    }
+
+    // As call(), of an operation of the interface.
     template <class R, class... Params, class... Args>
     R forward(R (T::*operation)(Params...), std::type_identity_t<R> missing, Args&&... args) const {
-        return forwardTo(
-            m_ref, [&] { return missing; },
-            [&](T& target) { return (target.*operation)(std::forward<Args>(args)...); });
+        return call(missing,
+                    [&](T& target) { return (target.*operation)(std::forward<Args>(args)...); });
     }
 
     CMN_GRefPtr<T> m_ref;
