@@ -1,0 +1,102 @@
+// Bases of the proxies that remember how their last call ended, and the way to
+// keep a decoded object for good.
+//
+// As for every object stub: many threads may call one proxy; building, assigning
+// and destroying it are one thread's. error() is then any of the latest calls'.
+#ifndef CLIENT_PKIXHOOK_H
+#define CLIENT_PKIXHOOK_H
+
+#include <atomic>
+
+#include "api/t_buf.h"
+#include "client/pkixkeyclnt.h"
+#include "cmn/cmn_gref.h"
+#include "cmn/cmn_stub.h"
+#include "cmn/id_type.h"
+#include "cmn/status.h"
+
+// An object stub with the status of its last call. A call without an object calls
+// nothing and leaves kNoObject; one that ends by an exception leaves the status
+// as it was.
+template <class T>
+class PKIXAnyObject : public CMN_ObjectStub<T> {
+public:
+    // As CMN_ObjectStub; a null `target` gives kNoObject.
+    PKIXAnyObject(T* target, CMN_ServiceStubInterface* service)
+        : CMN_ObjectStub<T>(target, service), m_error(target == nullptr ? kNoObject : kOk) {}
+
+    // Copies share the object and start with the other's status.
+    PKIXAnyObject(const PKIXAnyObject& other) : CMN_ObjectStub<T>(other), m_error(other.error()) {}
+    PKIXAnyObject& operator=(const PKIXAnyObject& other) {
+        CMN_ObjectStub<T>::operator=(other);
+        record(other.error());
+        return *this;
+    }
+
+    // How the last call ended: kOk, kNoObject, or a status of the object's own.
+    Status error() const noexcept { return m_error.load(std::memory_order_relaxed); }
+
+protected:
+    Status record(Status status) const noexcept {
+        m_error.store(status, std::memory_order_relaxed);
+        return status;
+    }
+
+    // Calls an operation of the object that answers with a status, and records it.
+    template <class Operation>
+    Status callForStatus(Operation operation) const {
+        return record(forwardTo(
+            this->m_ref, [] { return kNoObject; }, operation));
+    }
+
+    // Calls an operation that cannot fail; `missing` is the answer without an object.
+    template <class R, class Operation>
+    R callForValue(R missing, Operation operation) const {
+        return forwardTo(
+            this->m_ref, [&] { return record(kNoObject), missing; },
+            [&](T& target) {
+                const R value = operation(target);
+                record(kOk);
+                return value;
+            });
+    }
+
+private:
+    mutable std::atomic<Status> m_error;  // also getters set it
+};
+
+// A proxy of an object of the PKIX key service.
+template <class T>
+class PKIXKeyObject : public PKIXAnyObject<T> {
+public:
+    explicit PKIXKeyObject(T* target) : PKIXAnyObject<T>(target, &pkixKeyClnt) {}
+
+protected:
+    // Calls an operation that tells in getError() how it ended, which is recorded;
+    // `missing` is the answer without an object.
+    template <class R, class Operation>
+    R callAndAsk(R missing, Operation operation) const {
+        return forwardTo(
+            this->m_ref, [&] { return this->record(kNoObject), missing; },
+            [&](T& target) {
+                const R value = operation(target);
+                this->record(target.getError());
+                return value;
+            });
+    }
+};
+
+// The holder under which objects are kept for the life of the process. It is listed
+// at each of them and points at none, so nothing ever gives their references back.
+class XBaseHolder final : public CMN_GRPHolder {
+public:
+    void replacePointee(CMN_GuardedRef* /*object*/) override {}
+    const TypifiedID& getModuleID() override { return *pModuleID; }
+};
+
+// The object that `obj` holds, or null. With `keep` non-zero it gains a reference
+// that is never given back: it stays alive, and its module loaded, until the
+// process ends. Without `keep` the pointer is good while a proxy holds the object.
+XBase* getXBase(const PKIXAnyObject<XBase>& obj, int keep);
+
+#endif  // CLIENT_PKIXHOOK_H
