@@ -1,0 +1,68 @@
+// A record's body as a file: its bytes, as they are or encrypted, and nothing else.
+#include <fcntl.h>
+
+#include <utility>
+
+#include "cmn/no_throw.h"
+#include "os/files.h"
+#include "store/file_store.h"
+
+// The bytes that the body file holds; without buffer object when the buffer or the
+// cipher failed.
+aBuf FileStore::bodyOnDisk() {
+    aBuf bytes(body.data(), getBodySize());
+    if ((bodyFlag & 1) != 0 && bytes.target() != nullptr) {
+        bytes = encoder.encrypt(bytes);
+    }
+    return bytes;
+}
+
+// The format has no way to tell an empty body file from one whose bytes were lost,
+// so an empty body is a failure.
+bool FileStore::writeBytes(const os::File& file, const aBuf& bytes) {
+    return bytes.len() != 0 && os::writeAll(file.get(), bytes.datap(), bytes.len());
+}
+
+Status FileStore::writeBody(const char* path) {
+    if (path == nullptr) {
+        return kInvalid;
+    }
+    return noThrow([&] {
+        const aBuf bytes = bodyOnDisk();
+        if (bytes.target() == nullptr) {
+            return kIo;
+        }
+        os::TempPath unfinished(path);
+        os::File file = os::openFile(path, O_WRONLY | O_CREAT | O_TRUNC);
+        const bool written = file && writeBytes(file, bytes);
+        if (written || !file) {
+            unfinished.commit();  // complete, or nothing was made
+        }
+        return written && os::syncClose(std::move(file)) ? kOk : kIo;
+    });
+}
+
+Status FileStore::readBody(const char* path) {
+    if (path == nullptr) {
+        return kInvalid;
+    }
+    os::File file;
+    off_t length = 0;
+    switch (os::openRegular(path, file, length)) {
+        case os::Opened::kFailed:
+            return kMissing;
+        case os::Opened::kNotRegular:
+            return kIo;
+        case os::Opened::kRegular:
+            break;
+    }
+    const auto size = static_cast<unsigned int>(length);  // a body has 32 bits of size
+    if (static_cast<off_t>(size) != length) {
+        return kIo;
+    }
+    const Status resized = noThrow([&] {
+        body.resize(size);
+        return kOk;
+    });
+    return resized == kOk && os::readAll(file.get(), body.data(), size) ? kOk : kIo;
+}

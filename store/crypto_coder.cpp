@@ -1,0 +1,59 @@
+#include "store/crypto_coder.h"
+
+mmPBES createCoder(const unsigned char* password, unsigned int length) {
+    constexpr unsigned int kCount = 1000;
+    constexpr unsigned int kBytesOfKey = 16;
+
+    mmPBES coder(PBES::kPbkdf2);
+    // The key length comes before the algorithm that it is for: the encryption
+    // service takes its parameters in this order.
+    coder << PBES::kPassword << aBuf(password, length);
+    coder << PBES::kSalt << aBuf("");
+    coder << PBES::kIterations << kCount;
+    coder << PBES::kKeyLength << kBytesOfKey;
+    coder << PBES::kFirstAlg << PKI_ALG_PBKDF2_HMAC_SHA256;
+    coder << PBES::kSecondAlg << PKI_ALG_AES_GCM;
+    // Derives the key, and proves that it can be derived.
+    if (coder.getKey().target() == nullptr) {
+        return mmPBES(static_cast<PBES*>(nullptr));
+    }
+    return coder;
+}
+
+CryptoCoder::CryptoCoder() : TCryptoCoder(0), pbes(static_cast<PBES*>(nullptr)) {}
+
+CryptoCoder::~CryptoCoder() {
+    pbes = mmPBES(static_cast<PBES*>(nullptr));
+    pthread_rwlock_destroy(&lock);
+}
+
+Status CryptoCoder::init() {
+    return kOk;
+}
+
+Status CryptoCoder::fini() {
+    return kOk;
+}
+
+Status CryptoCoder::setKey(aBuf& password) {
+    mmPBES fresh(static_cast<PBES*>(nullptr));
+    if (password.target() != nullptr) {
+        fresh = createCoder(password.datap(), password.len());
+        if (fresh.target() == nullptr) {
+            return kIo;
+        }
+    }
+    const os::WriteLock locked(&lock);
+    pbes = fresh;
+    return kOk;
+}
+
+aBuf CryptoCoder::encrypt(aBuf& data) {
+    const os::ReadLock locked(&lock);
+    return pbes.encrypt(data);
+}
+
+aBuf CryptoCoder::decrypt(aBuf& data) {
+    const os::ReadLock locked(&lock);
+    return pbes.decrypt(data);
+}

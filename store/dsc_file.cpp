@@ -1,0 +1,158 @@
+// A record's descriptor as a file: the text of store/dsc_text.h, its encrypted
+// attributes, and the line that names the body file.
+#include <fcntl.h>
+
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include "cmn/no_throw.h"
+#include "os/files.h"
+#include "store/file_store.h"
+
+Status FileStore::bringAttr(const Attr& attr, std::string& line) {
+    aBuf bytes(attr.data, attr.size);
+    if ((attr.type & (kFlagEncrypted | kFlagBody)) == kFlagEncrypted && bytes.target() != nullptr) {
+        bytes = encoder.encrypt(bytes);
+    }
+    if (bytes.target() == nullptr) {
+        return kIo;
+    }
+    line.clear();
+    return appendDscLine(attr.type, attr.id, bytes.datap(), bytes.len(), line);
+}
+
+Status FileStore::parseAttr(const char* line, Attr& attr) {
+    DscHead head;
+    if (const Status status = parseDscHead(line, head); status != kOk) {
+        return status;
+    }
+    return noThrow([&] {
+        const std::size_t room = roomForData(head);
+        if (room > std::numeric_limits<unsigned int>::max()) {
+            return kNoMemory;
+        }
+        auto data = std::make_unique_for_overwrite<unsigned char[]>(room);
+        auto size = static_cast<unsigned int>(room);
+        if (const Status status = PrintToData(head.type, head.text, data.get(), size);
+            status != kOk) {
+            return status;
+        }
+        attr.adopt(head.type, head.id, std::move(data), size);
+        return kOk;
+    });
+}
+
+// The whole text, so that the file is written with one call.
+Status FileStore::renderDSC(const char* bodyFileName, std::string& text) {
+    std::string line;
+    const auto append = [&](const Attr& attr) {
+        const Status status = bringAttr(attr, line);
+        if (status == kOk) {
+            text += line;
+            text += '\n';
+        }
+        return status;
+    };
+    if (bodyFileName != nullptr && *bodyFileName != '\0') {
+        Attr reference;
+        const unsigned int word =
+            kTypeString | kFlagBody | ((bodyFlag & 1) != 0 ? kFlagEncrypted : 0);
+        if (const Status status =
+                reference.set(word, 0, reinterpret_cast<const unsigned char*>(bodyFileName),
+                              static_cast<unsigned int>(std::strlen(bodyFileName) + 1));
+            status != kOk) {
+            return status;
+        }
+        if (const Status status = append(reference); status != kOk) {
+            return status;
+        }
+    }
+    for (const Attr& attr : attrs) {
+        if (const Status status = append(attr); status != kOk) {
+            return status;
+        }
+    }
+    return kOk;
+}
+
+// Leaves the file open and not yet durable; a failure leaves none.
+Status FileStore::writeDscFile(const char* path, const char* bodyFileName, os::File& file) {
+    os::TempPath unfinished(path);
+    os::File opened = os::openFile(path, O_WRONLY | O_CREAT | O_TRUNC);
+    if (!opened) {
+        unfinished.commit();  // nothing was made
+        return kIo;
+    }
+    std::string text;
+    if (const Status status = renderDSC(bodyFileName, text); status != kOk) {
+        return status;
+    }
+    if (!os::writeAll(opened.get(), text.data(), text.size())) {
+        return kIo;
+    }
+    unfinished.commit();
+    file = std::move(opened);
+    return kOk;
+}
+
+Status FileStore::writeDSC(const char* path, const char* bodyFileName) {
+    if (path == nullptr) {
+        return kInvalid;
+    }
+    return noThrow([&] {
+        os::File file;
+        if (const Status status = writeDscFile(path, bodyFileName, file); status != kOk) {
+            return status;
+        }
+        return os::syncClose(std::move(file)) ? kOk : kIo;
+    });
+}
+
+namespace {
+
+// The file's bytes with one spare byte behind them, for the line reader.
+Status readText(const char* path, std::unique_ptr<char[]>& text, std::size_t& size) {
+    os::File file;
+    off_t length = 0;
+    switch (os::openRegular(path, file, length)) {
+        case os::Opened::kFailed:
+            return kMissing;
+        case os::Opened::kNotRegular:
+            return kMalformed;
+        case os::Opened::kRegular:
+            break;
+    }
+    size = static_cast<std::size_t>(length);
+    if (static_cast<off_t>(size) != length || size + 1 == 0) {
+        return kNoMemory;
+    }
+    text = std::make_unique_for_overwrite<char[]>(size + 1);
+    return os::readAll(file.get(), text.get(), size) ? kOk : kMalformed;
+}
+
+}  // namespace
+
+Status FileStore::readDSC(const char* path, std::vector<Attr>& attrs) {
+    if (path == nullptr) {
+        return kInvalid;
+    }
+    return noThrow([&] {
+        std::unique_ptr<char[]> text;
+        std::size_t size = 0;
+        if (const Status status = readText(path, text, size); status != kOk) {
+            return status;
+        }
+        DscLineReader lines(text.get(), size);
+        const char* line = nullptr;
+        Status status = lines.next(line);
+        for (; status == kOk; status = lines.next(line)) {
+            Attr attr;
+            if (const Status bad = parseAttr(line, attr); bad != kOk) {
+                return bad;
+            }
+            attrs.push_back(std::move(attr));
+        }
+        return status == kEnd ? kOk : status;
+    });
+}

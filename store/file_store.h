@@ -1,0 +1,227 @@
+// One record of the store: a name, a folder, typed attributes and an optional body.
+//
+// Clients use records through the handles of client/file_store_exp.h. A record is
+// one thread's at a time. Changes stay in memory until write(); read() replaces
+// what is in memory by what is on disk. Pointers that a getter returns stay valid
+// until the next change of the record. No operation throws.
+//
+// On disk a record is a descriptor, a text file of one attribute a line, and a
+// body file that the descriptor names; see docs/disk-format.md, and
+// docs/crash-safety.md for the order in which they are written.
+#ifndef STORE_FILE_STORE_H
+#define STORE_FILE_STORE_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "api/t_filestore.h"
+#include "client/cmn_abuf.h"
+#include "client/crypto_coder_exp.h"
+#include "cmn/export.h"
+#include "cmn/secret_bytes.h"
+#include "cmn/status.h"
+#include "os/handles.h"
+#include "store/crypto_coder.h"
+#include "store/dsc_text.h"
+#include "store/file_store_list.h"
+#include "store/record_disk.h"
+#include "store/record_name.h"
+#include "store/rw_locker.h"
+
+class CMN_EXPORT FileStore : public TFileStore {
+public:
+    // An attribute: its type word (data type and flags, store/dsc_text.h), its id,
+    // and data of its own, wiped when given back.
+    class Attr {
+    public:
+        Attr() noexcept = default;
+        Attr(Attr&& other) noexcept;
+        Attr& operator=(Attr&& other) noexcept;
+        ~Attr();
+
+        // Takes a copy of the data and the whole type word. Text ends at its NUL for
+        // type 3, whatever the size; `pending` stays as it is.
+        //   kInvalid    null data
+        //   kMalformed  a number that is not 4 bytes long, or text with a line feed
+        //   kNoMemory   the attribute is empty then
+        [[nodiscard]] Status set(unsigned int newType, unsigned int newId,
+                                 const unsigned char* newData, unsigned int newSize);
+        // Takes over an array made with new[].
+        void adopt(unsigned int newType, unsigned int newId,
+                   std::unique_ptr<unsigned char[]> newData, unsigned int newSize) noexcept;
+        void clear() noexcept;  // `pending` stays as it is
+
+        unsigned int dataType() const noexcept { return type & kTypeMask; }
+        bool isBodyReference() const noexcept { return (type & kFlagBody) != 0 && id == 0; }
+        std::string text() const;  // the data up to its first NUL
+
+        unsigned int type = 0;
+        unsigned int id = 0;
+        unsigned int size = 0;          // bytes at `data`
+        unsigned char* data = nullptr;  // owned; null when empty
+        unsigned int pending = 0;       // 1: the data is still in cipher form
+    };
+
+    // Whether a write is durable when it returns, or the caller makes a whole tree
+    // durable later, before anybody can see it.
+    enum class Sync { kNow, kLater };
+
+    // Empty and unnamed, in folder ".", with lock and login check.
+    FileStore();
+    FileStore(const FileStore&) = delete;
+    FileStore& operator=(const FileStore&) = delete;
+    ~FileStore() override;
+
+    Status init() override;  // kOk, and nothing else; as fini()
+    Status fini() override;
+
+    // Names. The folder has no "/" at its end. The record's name is that of its
+    // descriptor file without the extension: setName("a") makes the file name
+    // "a.dsc", setFileName("a.b.dsc") the name "a.b". Getters never give null. A null
+    // argument empties both names, and leaves the folder as it is.
+    const char* getFolderName() override;
+    Status setFolderName(const char* folder) override;
+    const char* getName() override;
+    Status setName(const char* newName) override;
+    const char* getFileName() override;
+    Status setFileName(const char* newFileName) override;
+
+    // Turns all that was read in cipher form into plain form.
+    //   kNotOpen  the service is closed and the login check is on
+    //   kIo       a part does not decrypt, or not to what its type allows; parts
+    //             before it are plain now
+    Status decrypt() override;
+
+    // The body. setBody(null, 0) makes an empty one, which cannot be written unless
+    // it is encrypted. getBody() gives null when there is none or it is empty; it
+    // gives the cipher bytes between read() and decrypt(). Flag 1: encrypted on
+    // disk from the next write on; more than 1 is kInvalid.
+    Status setBody(const unsigned char* bytes, unsigned int size) override;
+    unsigned int getBodySize() override;
+    const unsigned char* getBody() override;
+    Status setBodyFlag(unsigned int flag) override;
+    unsigned int getBodyFlag() override;
+    int hasBody() override;
+
+    // Attributes, in the order of their addition. Only the data type of `type`
+    // counts, flags are dropped; see Attr::set() for what the data must be.
+    // addAttr() allows duplicates; setAttr() replaces the first of the same data
+    // type and id, keeping its flags, or adds.
+    Status addAttr(unsigned int type, unsigned int id, const unsigned char* data,
+                   unsigned int size) override;
+    Status setAttr(unsigned int type, unsigned int id, const unsigned char* data,
+                   unsigned int size) override;
+    unsigned int getAttrCount() override;
+    // 0 or null for an index out of range.
+    unsigned int getAttrType(unsigned int index) override;
+    unsigned int getAttrID(unsigned int index) override;
+    unsigned int getAttrSize(unsigned int index) override;
+    const unsigned char* getAttr(unsigned int index) override;
+    // Flag 1: encrypted on disk. kEnd for an index out of range, kInvalid for
+    // another flag.
+    Status setAttrFlag(unsigned int index, unsigned int flag) override;
+    unsigned int getAttrFlag(unsigned int index) override;
+    // The first attribute of this data type and id and, unless `data` is null, with
+    // these bytes; 0xFFFFFFFF when there is none.
+    unsigned int findAttr(unsigned int type, unsigned int id, const unsigned char* data,
+                          unsigned int size) override;
+    // kInvalid for an index out of range (setAttrFlag() says kEnd; clients know both).
+    Status removeAttr(unsigned int index) override;
+    Status removeAttrs() override;
+
+    // Reads descriptor and body, repairing an interrupted write. Contents that are
+    // encrypted stay so until decrypt().
+    //   kMissing    no file name, or no such record
+    //   kMalformed  a bad descriptor, or one that names a body outside of the folder;
+    //               attributes before a bad line are in the record
+    //   others      as readBody()
+    Status read() override;
+
+    // Writes the record, crash-safe and durable; an unnamed one gets a fresh name.
+    // kIo for every failure; the old record stands then.
+    Status write() override;
+
+    // 1 unless the file system says that there is no such descriptor: one that
+    // cannot be examined is never taken for absent.
+    int isExist() override;
+
+    // Deletes the record's files; the record in memory stays as it is.
+    //   kMissing  no file name
+    //   kIo       it is not removed, or not durably
+    Status remove() override;
+
+    // Identifies this object among all live records of the process; never 0.
+    unsigned int getUniqueID() override;
+
+    // RWLocker::kNoLock: read, write, isExist and remove take no lock.
+    Status setLockType(int type) override;
+    // 0: decrypt() does not ask whether the service is open.
+    Status setLoginCheck(int check) override;
+
+    // write(), with the choice of durability.
+    [[nodiscard]] Status store(Sync sync);
+
+    // The steps of the above, for the descriptor and for the body file.
+
+    // `line` becomes the attribute's line, without line feed; data with the
+    // encrypted flag is encrypted. kIo when the cipher gave nothing, otherwise as
+    // DataToPrint().
+    [[nodiscard]] Status bringAttr(const Attr& attr, std::string& line);
+    // Statuses of parseDscHead() and PrintToData(); `pending` is not set.
+    [[nodiscard]] static Status parseAttr(const char* line, Attr& attr);
+    // Writes a whole descriptor, durably. `bodyFileName` may be null or empty for
+    // none. A failure leaves no file, but for that of the durable close.
+    [[nodiscard]] Status writeDSC(const char* path, const char* bodyFileName);
+    // Appends the descriptor's attributes; at a bad line those before it are appended.
+    //   kMissing    it cannot be opened
+    //   kMalformed  it cannot be read, or a line is bad
+    [[nodiscard]] static Status readDSC(const char* path, std::vector<Attr>& attrs);
+    // Writes the body file, durably, encrypted when flagged; kIo, with no file left
+    // but for a failure of the durable close. An empty body file cannot be written.
+    [[nodiscard]] Status writeBody(const char* path);
+    // kMissing when it cannot be opened, kIo when it cannot be read whole.
+    [[nodiscard]] Status readBody(const char* path);
+    // Deletes a descriptor of this name and the body file that it names, if that is
+    // a plain name.
+    //   kInvalid  null argument      kMissing  no such file
+    //   kIo       not deleted        others    as readDSC(); nothing is deleted
+    [[nodiscard]] static Status removeObj(const char* folder, const char* fileName);
+
+private:
+    struct NewFiles;
+
+    Status decryptBody();
+    Status decryptAttr(Attr& attr);
+    bool decryptionRefused() const;
+
+    aBuf bodyOnDisk();
+    static bool writeBytes(const os::File& file, const aBuf& bytes);
+    Status renderDSC(const char* bodyFileName, std::string& text);
+    Status writeDscFile(const char* path, const char* bodyFileName, os::File& file);
+
+    Status replaceRecord(Sync sync);
+    Status createBodyFile(NewFiles& files);
+    Status writeNewFiles(NewFiles& files, Sync sync);
+    Status publish(NewFiles& files, Sync sync);
+    void undoPublish(NewFiles& files, bool replaced);
+    Status readFiles(const std::string& path);
+    Status adoptBody(const Attr& reference);
+    Status removeFiles();
+
+    std::string folderName = ".";
+    std::string name;
+    std::string fileName;
+    SecretBytes body;
+    unsigned int bodyFlag = 0;     // 1: encrypted on disk
+    unsigned int bodyPending = 0;  // 1: `body` holds the cipher bytes
+    std::vector<Attr> attrs;
+    aCryptoEncoder encoder;  // the service's, taken at every write
+    aCryptoDecoder decoder;  // the service's, taken at every successful read
+    int lockType = 0;
+    int loginCheck = 1;
+    int bodyPresent = 0;
+    unsigned int uniqueID;
+};
+
+#endif  // STORE_FILE_STORE_H

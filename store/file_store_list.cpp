@@ -1,0 +1,172 @@
+#include "store/file_store_list.h"
+
+#include <cerrno>
+
+#include "cmn/no_throw.h"
+#include "os/files.h"
+#include "store/record_name.h"
+#include "store/rw_locker.h"
+
+FileStoreList::FileStoreList() : TFileStoreList(0) {}
+
+FileStoreList::~FileStoreList() = default;
+
+Status FileStoreList::init() {
+    return kOk;
+}
+
+Status FileStoreList::fini() {
+    return kOk;
+}
+
+namespace {
+
+aFileStore noRecord() {
+    return aFileStore(static_cast<TFileStore*>(nullptr));
+}
+
+}  // namespace
+
+aFileStore FileStoreList::getFirst() {
+    cursor = records.begin();
+    return cursor == records.end() ? noRecord() : *cursor;
+}
+
+aFileStore FileStoreList::getNext() {
+    if (cursor != records.end()) {
+        ++cursor;
+    }
+    return cursor == records.end() ? noRecord() : *cursor;
+}
+
+void FileStoreList::erase(Records::iterator element) {
+    const bool current = element == cursor;
+    const auto following = records.erase(element);
+    if (current) {
+        cursor = following;
+    }
+}
+
+Status FileStoreList::removeCurrent() {
+    if (cursor != records.end()) {
+        erase(cursor);
+    }
+    return kOk;
+}
+
+unsigned int FileStoreList::isEmpty() {
+    return records.empty() ? 1 : 0;
+}
+
+unsigned int FileStoreList::isTail() {
+    return cursor == records.end() ? 1 : 0;
+}
+
+Status FileStoreList::pushFront(aFileStore& item) {
+    return noThrow([&] {
+        records.push_front(item);
+        return kOk;
+    });
+}
+
+Status FileStoreList::pushBack(aFileStore& item) {
+    return noThrow([&] {
+        records.push_back(item);
+        return kOk;
+    });
+}
+
+Status FileStoreList::remove(aFileStore& item) {
+    const unsigned int id = item.getUniqueID();
+    if (id == 0) {
+        return kIo;
+    }
+    for (auto element = records.begin(); element != records.end(); ++element) {
+        if (element->getUniqueID() == id) {
+            erase(element);
+            return kOk;
+        }
+    }
+    return kEnd;
+}
+
+Status FileStoreList::setLockType(int newType) {
+    lockType = newType;
+    return kOk;
+}
+
+namespace {
+
+// The names of the folder's regular files, in its order.
+Status getFileNameList(const char* folder, std::vector<std::string>& names) {
+    if (folder == nullptr) {
+        return kInvalid;
+    }
+    const os::Dir dir = os::openFolder(folder);
+    if (!dir) {
+        return kIo;
+    }
+    while (const dirent* const entry = os::nextEntry(dir.get())) {
+        os::EntryType kind = os::entryType(*entry);
+        if (kind == os::EntryType::kUnknown) {
+            kind = os::entryTypeOf(joinPath(folder, entry->d_name).c_str());
+        }
+        if (kind == os::EntryType::kUnknown && errno != ENOENT) {
+            return kIo;  // it may be a record; one that is gone since is none
+        }
+        if (kind == os::EntryType::kFile) {
+            names.emplace_back(entry->d_name);
+        }
+    }
+    return errno == 0 ? kOk : kIo;  // a listing that breaks off is not a short folder
+}
+
+// Puts back every descriptor that is still known by its saved name, as the only one.
+Status renameOLDFile(const char* folder, std::vector<std::string>& names) {
+    if (folder == nullptr) {
+        return kInvalid;
+    }
+    bool renamed = false;
+    for (std::string& name : names) {
+        if (!hasMarker(name, kOldMarker)) {
+            continue;
+        }
+        std::string restored(withoutMarker(name, kOldMarker));
+        if (os::rename(joinPath(folder, name).c_str(), joinPath(folder, restored).c_str()) != 0) {
+            return kIo;
+        }
+        name = std::move(restored);
+        renamed = true;
+    }
+    return !renamed || os::syncFolder(folder) ? kOk : kIo;
+}
+
+}  // namespace
+
+Status FileStoreList::readFromFolder(const char* folder) {
+    aFileStore working;
+    std::vector<std::string> names;
+    {
+        const os::WriteLock locked(RWLocker::lockFor(lockType));
+        if (const Status status = getFileNameList(folder, names); status != kOk) {
+            return status;
+        }
+        correctFileNameList(names);
+        if (const Status status = renameOLDFile(folder, names); status != kOk) {
+            return status;
+        }
+    }
+    records.clear();
+    cursor = records.end();
+    for (const std::string& name : names) {
+        working = aFileStore();
+        if (const Status status = working.setFolderName(folder); status != kOk) {
+            return status;
+        }
+        if (const Status status = working.setFileName(name.c_str()); status != kOk) {
+            return status;
+        }
+        records.push_back(working);
+    }
+    return kOk;
+}

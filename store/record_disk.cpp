@@ -1,0 +1,407 @@
+// How a record reaches the disk, comes back and goes.
+//
+// Whatever call fails and wherever the process dies or the power goes, a record is
+// wholly its old or wholly its new one. What keeps that so:
+//   I1  a file is complete and durable before a name that readers know leads to it;
+//   I2  between the two renames of a replacement the old descriptor is known as
+//       ".$o$", from where every reader puts it back;
+//   I3  nothing that the old state needs is deleted before the names of the new
+//       state are durable, and nothing that the new state needs while a power loss
+//       could still bring the new names back;
+//   I4  no saved descriptor outlives the removal of its record: it would bring the
+//       record back.
+#include "store/record_disk.h"
+
+#include <fcntl.h>
+
+#include <atomic>
+#include <cerrno>
+#include <optional>
+#include <utility>
+
+#include "client/s_filestoreC.h"
+#include "cmn/no_throw.h"
+#include "os/files.h"
+#include "store/file_store.h"
+
+namespace {
+
+// Never stored: names that are taken are found by looking.
+std::atomic<unsigned int> static_num{1};
+
+struct FreshName {
+    std::string name;
+    bool isFree;  // no file has the name; otherwise nobody looked
+};
+
+FreshName nextFreshName(const char* folder, const char* suffix) {
+    constexpr int kMostAttempts = 100000;
+    std::string path;
+    for (int attempt = 1;; ++attempt) {
+        std::string name = uniqueName(static_num.fetch_add(1, std::memory_order_relaxed));
+        if (attempt == kMostAttempts) {
+            return {std::move(name), false};
+        }
+        path = folder == nullptr ? name : joinPath(folder, name);
+        path += suffix == nullptr ? "" : suffix;
+        if (os::presence(path.c_str()) == os::Presence::kAbsent) {
+            return {std::move(name), true};
+        }
+    }
+}
+
+// A record of its own must not take the place of another.
+std::string freshRecordName(const char* folder) {
+    for (;;) {
+        FreshName fresh = nextFreshName(folder, kDscSuffix.data());
+        if (fresh.isFree) {
+            return std::move(fresh.name);
+        }
+    }
+}
+
+// Renames, also over something that cannot be replaced but deleted.
+bool moveAside(const std::string& from, const std::string& to) {
+    if (os::rename(from.c_str(), to.c_str()) == 0) {
+        return true;
+    }
+    (void)os::remove(to.c_str());  // whether that helped, the second rename tells
+    return os::rename(from.c_str(), to.c_str()) == 0;
+}
+
+bool removed(const std::string& path) {
+    return os::remove(path.c_str()) == 0;
+}
+
+std::string marked(const std::string& name, std::string_view marker) {
+    return std::string(name).append(marker);
+}
+
+const FileStore::Attr* findBodyReference(const std::vector<FileStore::Attr>& attrs) {
+    for (const FileStore::Attr& attr : attrs) {
+        if (attr.isBodyReference()) {
+            return &attr;
+        }
+    }
+    return nullptr;
+}
+
+// The path of the body that a descriptor names; empty when it names none, or one
+// that is not the record's to touch.
+Status findBody(const std::string& folder, const std::string& descriptor, std::string& path) {
+    std::vector<FileStore::Attr> attrs;
+    if (const Status status = FileStore::readDSC(descriptor.c_str(), attrs); status != kOk) {
+        return status;
+    }
+    const FileStore::Attr* const reference = findBodyReference(attrs);
+    const std::string name = reference == nullptr ? std::string() : reference->text();
+    path = isPlainName(name) ? joinPath(folder, name) : std::string();
+    return kOk;
+}
+
+void removeBody(const std::string& path) {
+    if (!path.empty()) {
+        (void)os::remove(path.c_str());  // a body that stays is an orphan, not an error
+    }
+}
+
+bool finish(os::File file, FileStore::Sync sync) {
+    return sync == FileStore::Sync::kNow ? os::syncClose(std::move(file)) : file.close();
+}
+
+}  // namespace
+
+std::string getUniqueName(const char* folder, const char* suffix) {
+    return nextFreshName(folder, suffix).name;
+}
+
+int syncClose(std::FILE* stream) {
+    if (std::fflush(stream) != 0 || os::fsync(fileno(stream)) != 0) {
+        return -1;
+    }
+    return std::fclose(stream);
+}
+
+// Readers repair side by side: a name that is gone when it is to be changed was
+// changed by one of them.
+Status tryCorrectName(const char* folder, const char* fileName) {
+    return noThrow([&] {
+        const std::string current = joinPath(folder, fileName);
+        const std::string saved = marked(current, kOldMarker);
+        const os::Presence hasSaved = os::presence(saved.c_str());
+        if (hasSaved == os::Presence::kAbsent) {
+            return kOk;
+        }
+        const os::Presence hasCurrent = os::presence(current.c_str());
+        if (hasSaved == os::Presence::kUnknown || hasCurrent == os::Presence::kUnknown) {
+            return kIo;
+        }
+        const bool done = hasCurrent == os::Presence::kPresent
+                              ? os::remove(saved.c_str()) == 0
+                              : os::rename(saved.c_str(), current.c_str()) == 0;
+        if (!done && errno != ENOENT) {
+            return kIo;
+        }
+        return os::syncFolder(folder) ? kOk : kIo;
+    });
+}
+
+// What a write has made so far. Files that are not in place when it ends in failure
+// are removed.
+struct FileStore::NewFiles {
+    std::string bodyName;  // empty: the record has no body
+    std::optional<os::TempPath> bodyPath;
+    os::File body;
+    std::string recordName;  // of the descriptor, without extension
+    std::string fileName;
+    std::string descriptor;                     // the path that readers know
+    std::string saved;                          // where the old one waits
+    std::optional<os::TempPath> newDescriptor;  // where the new one is made
+};
+
+Status FileStore::write() {
+    return store(Sync::kNow);
+}
+
+Status FileStore::store(Sync sync) {
+    const Status status = noThrow([&] {
+        if (const Status plain = decrypt(); plain != kOk) {
+            return plain;
+        }
+        const os::WriteLock locked(RWLocker::lockFor(lockType));
+        return replaceRecord(sync);
+    });
+    return status == kOk ? kOk : kIo;  // clients know one failure of a write
+}
+
+Status FileStore::replaceRecord(Sync sync) {
+    encoder = CMN_FILESTORE_S.getEncoder();
+    NewFiles files;
+    if (const Status status = writeNewFiles(files, sync); status != kOk) {
+        return status;
+    }
+    if (const Status status = publish(files, sync); status != kOk) {
+        return status;
+    }
+    name = std::move(files.recordName);
+    fileName = std::move(files.fileName);
+    // kMissing when this was the first write. Should it fail, the saved descriptor is
+    // replaced by the next write and deleted by the next removal.
+    (void)removeObj(folderName.c_str(), marked(fileName, kOldMarker).c_str());
+    return kOk;
+}
+
+// Both files are written before either is synced: the system then writes back one
+// while the other is made. Each is durable and closed before any rename (I1).
+Status FileStore::writeNewFiles(NewFiles& files, Sync sync) {
+    if (bodyPresent != 0) {
+        if (const Status status = createBodyFile(files); status != kOk) {
+            return status;
+        }
+        if (sync == Sync::kNow) {
+            (void)os::startWriteback(files.body.get());  // a hint; the sync decides
+        }
+    }
+    files.recordName = name.empty() ? freshRecordName(folderName.c_str()) : name;
+    files.fileName = name.empty() ? descriptorName(files.recordName) : fileName;
+    files.descriptor = joinPath(folderName, files.fileName);
+    files.saved = marked(files.descriptor, kOldMarker);
+    const std::string path = marked(files.descriptor, kNewMarker);
+    os::File descriptor;
+    if (const Status status = writeDscFile(path.c_str(), files.bodyName.c_str(), descriptor);
+        status != kOk) {
+        return status;
+    }
+    files.newDescriptor.emplace(path);
+    if (files.body && !finish(std::move(files.body), sync)) {
+        return kIo;
+    }
+    if (!finish(std::move(descriptor), sync)) {
+        files.newDescriptor->commit();  // stays behind, as after writeDSC(); nobody reads it
+        return kIo;
+    }
+    return kOk;
+}
+
+// The name was free when it was chosen, or nobody looked; only creating it
+// exclusively makes sure that no other record's body is overwritten.
+Status FileStore::createBodyFile(NewFiles& files) {
+    const aBuf bytes = bodyOnDisk();
+    if (bytes.target() == nullptr) {
+        return kIo;
+    }
+    do {
+        files.bodyName = getUniqueName(folderName.c_str(), nullptr);
+        const std::string path = joinPath(folderName, files.bodyName);
+        files.bodyPath.emplace(path);
+        files.body = os::openFile(path.c_str(), O_WRONLY | O_CREAT | O_EXCL);
+        if (!files.body) {
+            files.bodyPath->commit();  // not ours
+        }
+    } while (!files.body && errno == EEXIST);
+    return files.body && writeBytes(files.body, bytes) ? kOk : kIo;
+}
+
+// The old descriptor goes aside, the new one takes its place, and the names become
+// durable (I2, I3).
+Status FileStore::publish(NewFiles& files, Sync sync) {
+    const os::Presence old = os::presence(files.descriptor.c_str());
+    if (old == os::Presence::kUnknown) {
+        return kIo;  // taken for absent, it would be overwritten
+    }
+    const bool replaces = old == os::Presence::kPresent;
+    if (replaces && !moveAside(files.descriptor, files.saved)) {
+        return kIo;
+    }
+    if (os::rename(files.newDescriptor->c_str(), files.descriptor.c_str()) != 0) {
+        if (replaces) {
+            // Should this fail too, every reader does it.
+            (void)os::rename(files.saved.c_str(), files.descriptor.c_str());
+        }
+        return kIo;
+    }
+    files.newDescriptor->commit();
+    if (sync == Sync::kNow && !os::syncFolder(folderName.c_str())) {
+        undoPublish(files, replaces);
+        return kIo;
+    }
+    if (files.bodyPath) {
+        files.bodyPath->commit();
+    }
+    return kOk;
+}
+
+// The new names may have reached the disk all the same. Unless it is certain that
+// they are gone from there, the new body stays: better an orphan than a record
+// without its body (I3).
+void FileStore::undoPublish(NewFiles& files, bool replaced) {
+    const bool undone = replaced ? os::rename(files.saved.c_str(), files.descriptor.c_str()) == 0
+                                 : removed(files.descriptor);
+    if (files.bodyPath && !(undone && os::syncFolder(folderName.c_str()))) {
+        files.bodyPath->commit();
+    }
+}
+
+Status FileStore::read() {
+    if (fileName.empty()) {
+        return kMissing;
+    }
+    return noThrow([&] {
+        const std::string path = joinPath(folderName, fileName);
+        attrs.clear();
+        const os::ReadLock locked(RWLocker::lockFor(lockType));
+        const Status status = readFiles(path);
+        if (status == kOk) {
+            decoder = CMN_FILESTORE_S.getDecoder();
+        }
+        return status;
+    });
+}
+
+Status FileStore::readFiles(const std::string& path) {
+    Status status = readDSC(path.c_str(), attrs);
+    if (status == kMissing) {
+        // A repair that failed may still have been done by another reader.
+        if (tryCorrectName(folderName.c_str(), fileName.c_str()) != kOk &&
+            os::presence(path.c_str()) != os::Presence::kPresent) {
+            return kMissing;
+        }
+        status = readDSC(path.c_str(), attrs);
+    }
+    if (status != kOk) {
+        return status;
+    }
+    bodyFlag = 0;
+    bodyPending = 0;
+    bodyPresent = 0;
+    for (Attr& attr : attrs) {
+        attr.pending = (attr.type & kFlagEncrypted) != 0 ? 1 : 0;
+    }
+    if (const Attr* const reference = findBodyReference(attrs); reference != nullptr) {
+        status = adoptBody(*reference);
+    }
+    std::erase_if(attrs, [](const Attr& attr) { return (attr.type & kFlagBody) != 0; });
+    return status;
+}
+
+Status FileStore::adoptBody(const Attr& reference) {
+    bodyPresent = 1;
+    if ((reference.type & kFlagEncrypted) != 0) {
+        bodyFlag = 1;
+        bodyPending = 1;
+    }
+    const std::string bodyName = reference.text();
+    if (!isPlainName(bodyName)) {
+        body.clear();
+        return kMalformed;  // a file elsewhere is not this record's
+    }
+    return readBody(joinPath(folderName, bodyName).c_str());
+}
+
+Status FileStore::removeObj(const char* folder, const char* fileName) {
+    if (folder == nullptr || fileName == nullptr) {
+        return kInvalid;
+    }
+    return noThrow([&] {
+        const std::string path = joinPath(folder, fileName);
+        if (os::presence(path.c_str()) == os::Presence::kAbsent) {
+            return kMissing;
+        }
+        std::string bodyPath;
+        if (const Status status = findBody(folder, path, bodyPath); status != kOk) {
+            return status;
+        }
+        if (!removed(path)) {
+            return kIo;
+        }
+        removeBody(bodyPath);
+        return kOk;
+    });
+}
+
+Status FileStore::remove() {
+    if (fileName.empty()) {
+        return kMissing;
+    }
+    return noThrow([&] {
+        const os::WriteLock locked(RWLocker::lockFor(lockType));
+        return removeFiles();
+    });
+}
+
+// Once the descriptor's new name is durable the record is gone, whatever becomes of
+// its files. Before that nothing is deleted that the record needs (I3).
+Status FileStore::removeFiles() {
+    if (tryCorrectName(folderName.c_str(), fileName.c_str()) != kOk) {
+        return kIo;  // I4
+    }
+    const std::string path = joinPath(folderName, fileName);
+    const std::string deleted = marked(path, kDeletedMarker);
+    if (!moveAside(path, deleted)) {
+        return kIo;
+    }
+    if (!os::syncFolder(folderName.c_str())) {
+        (void)os::rename(deleted.c_str(), path.c_str());
+        return kIo;
+    }
+    std::string bodyPath;
+    (void)findBody(folderName, deleted, bodyPath);  // an unreadable descriptor goes alone
+    (void)removed(deleted);
+    removeBody(bodyPath);
+    (void)os::syncFolder(folderName.c_str());  // nothing comes back that a reader knows
+    return kOk;
+}
+
+int FileStore::isExist() {
+    if (fileName.empty()) {
+        return 0;
+    }
+    int found = 1;
+    (void)noThrow([&] {
+        const os::ReadLock locked(RWLocker::lockFor(lockType));
+        const os::Presence descriptor = os::presence(joinPath(folderName, fileName).c_str());
+        found = descriptor == os::Presence::kAbsent ? 0 : 1;
+        return kOk;
+    });
+    return found;
+}

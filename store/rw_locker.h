@@ -1,0 +1,28 @@
+// The store-wide read-write lock of record files.
+//
+// Records hold it for reading in `read` and `isExist`, for writing in `write` and
+// `remove`; lists hold it for writing while they scan a folder, and recryption for
+// writing throughout. It is the first lock that an operation takes.
+#ifndef STORE_RW_LOCKER_H
+#define STORE_RW_LOCKER_H
+
+#include "cmn/export.h"
+#include "os/handles.h"
+
+struct CMN_EXPORT RWLocker {
+    // The lock type of a record or list that takes no lock; any other takes it.
+    static constexpr int kNoLock = -1;
+
+    static pthread_rwlock_t m_RWMutex;
+
+    // The lock that an owner (os::ReadLock, os::WriteLock) takes for this type.
+    static pthread_rwlock_t* lockFor(int lockType) noexcept {
+        return lockType == kNoLock ? nullptr : &m_RWMutex;
+    }
+
+    // Start and end of the module; nobody uses the lock meanwhile.
+    static void init() noexcept;
+    static void destroy() noexcept;
+};
+
+#endif  // STORE_RW_LOCKER_H
