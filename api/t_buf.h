@@ -46,10 +46,13 @@ public:
     // wherever the first difference stands.
     virtual int compare(TBuf* other) = 0;
 
-    // Replaces the contents by those of a file: kMissing when it cannot be opened,
-    // kIo when it cannot be read whole.
+    // Replaces the contents by those of a file: kMissing when there is no regular
+    // file that can be opened, kIo when it cannot be read whole, kNoMemory also
+    // when it is larger than a buffer can be.
     virtual Status load(const char* path) = 0;
-    // Replaces the file by the contents, durably and whole or not at all; kIo.
+    // Replaces the file by the contents, durably and whole or not at all, readable
+    // by its owner only. kIo when it could not, or when the new file stands there
+    // but the system did not confirm that its name will last.
     virtual Status save(const char* path) = 0;
 
     // Drop `count` bytes at the front, or at the end; kInvalid when there are fewer.
