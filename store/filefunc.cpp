@@ -1,0 +1,241 @@
+#include "store/filefunc.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <string>
+
+#include "cmn/no_throw.h"
+#include "os/files.h"
+
+namespace {
+
+enum class Unlistable { kIsEmpty, kIsFailure };
+
+// Lengthens a path by an entry's name for as long as it lives.
+class Below {
+public:
+    Below(std::string& path, const char* name) : path_(path), length_(path.size()) {
+        path_ += '/';
+        path_ += name;
+    }
+    Below(const Below&) = delete;
+    Below& operator=(const Below&) = delete;
+    ~Below() { path_.resize(length_); }
+
+private:
+    std::string& path_;
+    const std::size_t length_;
+};
+
+bool isDots(const char* name) {
+    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+}
+
+// FileList takes an empty path for the current folder, but names below it are
+// formed from the path as it is: they would be those of the file system's root.
+Status listFirst(FileList& entries, const std::string& path) {
+    if (path.empty()) {
+        return kIo;
+    }
+    if (const Status s = entries.setRootFolder(path.c_str()); s != kOk) {
+        return s;
+    }
+    return entries.readFirst();
+}
+
+// A multiple of the file system's block, large enough that a record is moved by
+// one read and one write. Not inlined: the walk over folders is recursive and
+// must not carry the buffer in each of its frames.
+[[gnu::noinline]] bool copyBytes(int from, int to) {
+    char buffer[4 * 4096];
+    for (;;) {
+        const ssize_t got = os::readSome(from, buffer, sizeof buffer);
+        if (got <= 0) {
+            return got == 0;
+        }
+        if (!os::writeAll(to, buffer, static_cast<std::size_t>(got))) {
+            return false;
+        }
+    }
+}
+
+// The walks below are recursive. Their depth is bounded by the length that the
+// system allows a path, to which each level adds, and by the number of streams
+// that a process may have open, of which each level holds one.
+// NOLINTNEXTLINE(misc-no-recursion)
+Status copyTree(std::string& from, std::string& to, Unlistable unlistable) {
+    if (os::mkdir(to.c_str(), 0750) != 0 && errno != EEXIST) {
+        return kIo;
+    }
+    FileList entries;
+    Status listed = listFirst(entries, from);
+    for (; listed == kOk; listed = entries.readNext()) {
+        if (isDots(entries.getName())) {
+            continue;
+        }
+        const Below source(from, entries.getName());
+        const Below target(to, entries.getName());
+        const Status copied = entries.isFolder() != 0 ? copyTree(from, to, unlistable)
+                                                      : copyFile(from.c_str(), to.c_str());
+        if (copied != kOk) {
+            return copied;
+        }
+    }
+    if (listed == kIo) {
+        return unlistable == Unlistable::kIsEmpty ? kOk : kIo;
+    }
+    return listed == kEnd ? kOk : listed;
+}
+
+Status copyTree(const char* from, const char* to, Unlistable unlistable) {
+    return noThrow([&] {
+        std::string source = from;
+        std::string target = to;
+        return copyTree(source, target, unlistable);
+    });
+}
+
+// NOLINTNEXTLINE(misc-no-recursion)
+void clearTree(std::string& path) {
+    FileList entries;
+    for (Status s = listFirst(entries, path); s == kOk; s = entries.readNext()) {
+        if (isDots(entries.getName())) {
+            continue;
+        }
+        // What cannot be deleted stays; removeFolder() tells by looking afterwards.
+        const Below entry(path, entries.getName());
+        if (entries.isFolder() != 0) {
+            clearTree(path);
+            (void)os::rmdir(path.c_str());
+        } else {
+            (void)os::remove(path.c_str());
+        }
+    }
+}
+
+}  // namespace
+
+FileList::FileList() noexcept = default;
+
+FileList::~FileList() = default;
+
+Status FileList::setRootFolder(const char* path) {
+    return noThrow([&] {
+        root = path != nullptr && *path != '\0' ? path : ".";
+        return kOk;
+    });
+}
+
+const char* FileList::getRootFolder() const {
+    return root.c_str();
+}
+
+Status FileList::readFirst() {
+    stream.close();
+    current = nullptr;
+    folder = 0;
+    stream = os::openFolder(root.c_str());
+    return stream ? readNext() : kIo;
+}
+
+Status FileList::readNext() {
+    current = nullptr;
+    folder = 0;
+    if (!stream) {
+        return kClosed;
+    }
+    const dirent* const entry = os::nextEntry(stream.get());
+    if (entry == nullptr) {
+        return errno == 0 ? kEnd : kIo;
+    }
+    return describeEntry(entry);
+}
+
+Status FileList::describeEntry(const dirent* entry) {
+    return noThrow([&] {
+        os::EntryType type = os::entryType(*entry);
+        if (type == os::EntryType::kUnknown) {
+            type = os::entryTypeOf((root + "/" + entry->d_name).c_str());
+        }
+        if (type == os::EntryType::kUnknown) {
+            return kIo;
+        }
+        current = entry;
+        folder = type == os::EntryType::kFolder ? 1 : 0;
+        return kOk;
+    });
+}
+
+const char* FileList::getName() const {
+    return current != nullptr ? current->d_name : nullptr;
+}
+
+int FileList::isFolder() const {
+    return folder;
+}
+
+Status copyFile(const char* from, const char* to) {
+    os::File source;
+    off_t size = 0;
+    if (os::openRegular(from, source, size) != os::Opened::kRegular) {
+        return kIo;
+    }
+    os::File target = os::openFile(to, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY);
+    if (!target) {
+        return kIo;
+    }
+    // Some file systems tell only at the close that they had no room.
+    const bool copied = copyBytes(source.get(), target.get());
+    if (!target.close() || !copied) {
+        (void)os::remove(to);
+        return kIo;
+    }
+    return kOk;
+}
+
+Status copyFolder(const char* from, const char* to) {
+    return from != nullptr && to != nullptr ? copyFolder_r(from, to) : kInvalid;
+}
+
+Status copyFolder_r(const char* from, const char* to) {
+    return copyTree(from, to, Unlistable::kIsEmpty);
+}
+
+Status copyWholeFolder(const char* from, const char* to) {
+    return from != nullptr && to != nullptr ? copyTree(from, to, Unlistable::kIsFailure) : kInvalid;
+}
+
+void clearFolder(const char* path) {
+    (void)noThrow([&] {  // what is left over for lack of memory stays, like all that fails
+        std::string folder = path;
+        clearTree(folder);
+        return kOk;
+    });
+}
+
+Status removeFolder(const char* path) {
+    if (path == nullptr) {
+        return kInvalid;
+    }
+    clearFolder(path);
+    (void)os::rmdir(path);  // the look that follows tells whether it has worked
+    return os::presence(path) == os::Presence::kAbsent ? kOk : kIo;
+}
+
+std::string getFullPath(const char* path) {
+    std::string full;
+    (void)noThrow([&] {  // leaves it empty
+        char resolved[PATH_MAX];
+        if (path == nullptr) {
+            return kInvalid;
+        }
+        const bool found = os::realpath(path, resolved) != nullptr && *resolved != '\0' &&
+                           os::presence(resolved) == os::Presence::kPresent;
+        full = found ? resolved : path;
+        return kOk;
+    });
+    return full;
+}
