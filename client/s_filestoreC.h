@@ -49,9 +49,9 @@ public:
 };
 
 // Makes the objects that the proxies of records, lists and ciphers hold.
-extern CMN_EXPORT aFileStoreSrv FileStoreSrvC;
+extern aFileStoreSrv FileStoreSrvC;
 
 // The store's own way to its service, bound as the module starts.
-extern CMN_EXPORT aFileStoreSrvExt CMN_FILESTORE_S;
+extern aFileStoreSrvExt CMN_FILESTORE_S;
 
 #endif  // CLIENT_S_FILESTOREC_H

@@ -63,6 +63,19 @@ private:
     std::atomic<unsigned long> owner{0};  // 0 while the mutex is free
 };
 
+// Owns a mutex for a scope.
+class CMN_SCOPED_CAPABILITY CMN_Locked {
+public:
+    explicit CMN_Locked(CMN_Mutex& m) CMN_ACQUIRES(m) CMN_NO_TSA : mutex_(m) { mutex_.lock(); }
+    ~CMN_Locked() CMN_RELEASES() CMN_NO_TSA { mutex_.unlock(); }
+
+    CMN_Locked(const CMN_Locked&) = delete;
+    CMN_Locked& operator=(const CMN_Locked&) = delete;
+
+private:
+    CMN_Mutex& mutex_;
+};
+
 // Owns a recursive mutex for a scope.
 class CMN_SCOPED_CAPABILITY CMN_Entered {
 public:

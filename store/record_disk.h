@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <string>
 
-#include "cmn/export.h"
 #include "cmn/status.h"
 
 // A name of 8 hexadecimal digits under which no file `folder` + "/" + name +
@@ -13,16 +12,16 @@
 // the next one untested: callers that must not meet another's file create theirs
 // exclusively, and ask again. One counter serves all folders of the process. Two
 // threads get different names, also without a lock.
-CMN_EXPORT std::string getUniqueName(const char* folder, const char* suffix);
+std::string getUniqueName(const char* folder, const char* suffix);
 
 // Flushes, syncs and closes a stream: -1 when the flush or the sync fails, the
 // stream is still open then; otherwise the result of fclose().
-CMN_EXPORT int syncClose(std::FILE* stream);
+int syncClose(std::FILE* stream);
 
 // Repairs a descriptor whose replacement was interrupted: puts the saved one back
 // when there is no other, and deletes it when there is. Durable.
 //   kOk  also when there was nothing to repair, or another thread was faster
 //   kIo  it could not be repaired, or not be examined
-[[nodiscard]] CMN_EXPORT Status tryCorrectName(const char* folder, const char* fileName);
+[[nodiscard]] Status tryCorrectName(const char* folder, const char* fileName);
 
 #endif  // STORE_RECORD_DISK_H

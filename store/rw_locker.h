@@ -6,10 +6,9 @@
 #ifndef STORE_RW_LOCKER_H
 #define STORE_RW_LOCKER_H
 
-#include "cmn/export.h"
 #include "os/handles.h"
 
-struct CMN_EXPORT RWLocker {
+struct RWLocker {
     // The lock type of a record or list that takes no lock; any other takes it.
     static constexpr int kNoLock = -1;
 

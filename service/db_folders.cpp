@@ -1,0 +1,75 @@
+// The folder tree of the database.
+#include <string>
+
+#include "cmn/no_throw.h"
+#include "os/files.h"
+#include "service/s_filestore_mm.h"
+
+namespace {
+
+constexpr const char* kRoot = "./db";
+constexpr const char* kPrevious = "./old_db";
+constexpr mode_t kMode = 0750;
+
+constexpr const char* kFolders[] = {
+    "./db/settings",
+    "./db/lsps",
+    "./db/keys",
+    "./db/crls",
+    "./db/crm",
+    "./db/certificates",
+    "./db/certificates/local",
+    "./db/certificates/remote",
+};
+
+// The folders in which the names above stand, from the bottom up.
+constexpr const char* kParents[] = {"./db/certificates", kRoot, "."};
+
+bool isThere(const char* path) {
+    return os::presence(path) == os::Presence::kPresent;
+}
+
+// Only existence counts: a file under the name is found out by who uses the folder.
+bool make(const char* folder) {
+    (void)os::mkdir(folder, kMode);  // fails harmlessly where it exists
+    return isThere(folder);
+}
+
+// A missing root is the previous database when there is one: a change of password
+// was interrupted between its two renames. An empty root in its place would hide
+// it for good, so a name that cannot be examined ends in failure.
+bool makeRoot() {
+    if (os::presence(kRoot) == os::Presence::kAbsent) {
+        switch (os::presence(kPrevious)) {
+            case os::Presence::kPresent:
+                (void)os::rename(kPrevious, kRoot);
+                return isThere(kRoot);
+            case os::Presence::kUnknown:
+                return false;
+            case os::Presence::kAbsent:
+                break;
+        }
+    }
+    return make(kRoot);
+}
+
+}  // namespace
+
+// The folders become durable each time: one that a process made and did not live to
+// sync looks like any other, but what is written in it would go with it.
+Status FileStoreSrv::prepareDBFolders() {
+    if (!makeRoot()) {
+        return kIo;
+    }
+    for (const char* const folder : kFolders) {
+        if (!make(folder)) {
+            return kIo;
+        }
+    }
+    for (const char* const parent : kParents) {
+        if (!os::syncFolder(parent)) {
+            return kIo;
+        }
+    }
+    return kOk;
+}

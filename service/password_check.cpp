@@ -1,0 +1,46 @@
+// The password of the database, of which only a digest is kept.
+#include <cstring>
+
+#include "cmn/no_throw.h"
+#include "cmn/wipe.h"
+#include "service/password_record.h"
+#include "service/s_filestore_mm.h"
+
+PasswordDigest::~PasswordDigest() {
+    wipe(bytes, sizeof bytes);
+}
+
+bool PasswordDigest::compute(const char* password) {
+    return rk5_MD5Compute(nullptr, bytes, password,
+                          static_cast<unsigned int>(std::strlen(password))) == 1;
+}
+
+Status FileStoreSrv::checkPwd(const char* candidate) {
+    if (candidate == nullptr) {
+        return kInvalid;
+    }
+    return noThrow([&] {
+        aFileStore record;
+        if (record.target() == nullptr || record.setFolderName("./db") != kOk ||
+            record.setName(kPasswordRecord) != kOk) {
+            return kNotOpen;  // whether the database has a password cannot be told
+        }
+        if (record.isExist() == 0) {
+            return *candidate == '\0' ? kOk : kWrongPassword;
+        }
+        if (record.read() != kOk) {
+            return kNotOpen;
+        }
+        const unsigned int index = record.findAttr(kDigestType, kDigestId, nullptr, 0);
+        PasswordDigest digest;
+        if (index >= record.getAttrCount() || record.getAttrSize(index) != sizeof digest.bytes) {
+            return kNoDigest;
+        }
+        if (!digest.compute(candidate)) {
+            return kIo;
+        }
+        return std::memcmp(digest.bytes, record.getAttr(index), sizeof digest.bytes) == 0
+                   ? kOk
+                   : kWrongPassword;
+    });
+}

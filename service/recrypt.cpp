@@ -1,0 +1,220 @@
+// The change of the database password.
+//
+// The live database is never changed: a copy of it is re-encrypted and swapped in
+// when it is complete and durable. Until then, any failure leaves the database and
+// its ciphers as they were.
+#include <fcntl.h>
+
+#include <string>
+
+#include "client/s_filestoreC.h"
+#include "cmn/no_throw.h"
+#include "os/files.h"
+#include "service/password_record.h"
+#include "service/s_filestore_mm.h"
+#include "store/file_store.h"
+#include "store/filefunc.h"
+
+namespace {
+
+constexpr const char* kLive = "./db";
+constexpr const char* kCopy = "./new_db";
+constexpr const char* kPrevious = "./old_db";
+
+// What the handles made here hold is always this module's own.
+FileStore& ownRecord(const aFileStore& handle) {
+    return static_cast<FileStore&>(*handle.target());
+}
+
+bool isEncrypted(FileStore& record) {
+    if ((record.getBodyFlag() & 1) != 0) {
+        return true;
+    }
+    for (unsigned int index = 0; index < record.getAttrCount(); ++index) {
+        if (record.getAttrFlag(index) != 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A record that does not decrypt with the old key was not encrypted with it; it
+// stays as copied.
+Status convertRecord(FileStore& record) {
+    (void)record.setLockType(RWLocker::kNoLock);  // the lock is held
+    if (const Status status = record.read(); status != kOk) {
+        return status;
+    }
+    if (!isEncrypted(record)) {
+        return kOk;
+    }
+    (void)record.setLoginCheck(0);  // the database may be closed
+    if (record.decrypt() != kOk) {
+        return kOk;
+    }
+    return record.store(FileStore::Sync::kLater);
+}
+
+// Takes each record off the list, and so out of memory, when it is done.
+Status convertRecords() {
+    aFileStoreList records;
+    (void)aFileStoreListExt(records).setLockType(RWLocker::kNoLock);
+    if (const Status status = _getFullStoreList(kCopy, records); status != kOk) {
+        return status;
+    }
+    for (aFileStore handle = records.getFirst(); handle.target() != nullptr;
+         handle = records.getFirst()) {
+        if (const Status status = convertRecord(ownRecord(handle)); status != kOk) {
+            return status;
+        }
+        (void)records.removeCurrent();
+    }
+    return kOk;
+}
+
+Status writePasswordRecord(const char* password) {
+    if (password == nullptr) {
+        return kInvalid;
+    }
+    PasswordDigest digest;
+    if (!digest.compute(password)) {
+        return kIo;
+    }
+    const aFileStore handle;
+    if (handle.target() == nullptr) {
+        return kNoObject;
+    }
+    FileStore& record = ownRecord(handle);
+    (void)record.setLockType(RWLocker::kNoLock);
+    if (const Status status = record.setFolderName(kCopy); status != kOk) {
+        return status;
+    }
+    if (const Status status = record.setName(kPasswordRecord); status != kOk) {
+        return status;
+    }
+    if (const Status status =
+            record.addAttr(kDigestType, kDigestId, digest.bytes, sizeof digest.bytes);
+        status != kOk) {
+        return status;
+    }
+    return record.store(FileStore::Sync::kLater);
+}
+
+bool removeIfThere(const char* folder) {
+    return os::presence(folder) == os::Presence::kAbsent || removeFolder(folder) == kOk;
+}
+
+// One call for the whole tree: the records of the copy were written without a sync
+// of their own, as nothing could see them.
+bool makeDurable(const char* folder) {
+    const os::File opened = os::openFile(folder, O_RDONLY | O_DIRECTORY);
+    return opened && os::syncfs(opened.get()) == 0;
+}
+
+}  // namespace
+
+Status _getFullStoreList(const char* folder, aFileStoreList& list) {
+    aFileStoreList found;
+    (void)aFileStoreListExt(found).setLockType(RWLocker::kNoLock);
+    if (const Status status = found.readFromFolder(folder); status != kOk) {
+        return status;
+    }
+    for (aFileStore record = found.getFirst(); record.target() != nullptr;
+         record = found.getNext()) {
+        (void)list.pushBack(record);
+    }
+    FileList entries;
+    if (const Status status = entries.setRootFolder(folder); status != kOk) {
+        return status;
+    }
+    Status listing = entries.readFirst();
+    for (; listing == kOk; listing = entries.readNext()) {
+        const std::string entry = entries.getName();
+        if (entries.isFolder() == 0 || entry == "." || entry == "..") {
+            continue;
+        }
+        if (const Status status = _getFullStoreList(joinPath(folder, entry).c_str(), list);
+            status != kOk) {
+            return status;
+        }
+    }
+    return listing == kEnd ? kOk : listing;
+}
+
+class FileStoreSrv::Recryption {
+public:
+    Recryption(FileStoreSrv& service, const char* oldPassword, const char* newPassword)
+        : service_(service),
+          newPassword_(newPassword),
+          oldKey_(oldPassword),
+          newKey_(newPassword) {}
+
+    Status run() {
+        if (!removeIfThere(kCopy) || copyWholeFolder(kLive, kCopy) != kOk) {
+            return kIo;
+        }
+        if (service_.getDecoder().setKey(oldKey_) != kOk) {
+            return kIo;
+        }
+        if (const Status status = convert(); status != kOk) {
+            return status;
+        }
+        if (const Status status = writePasswordRecord(newPassword_); status != kOk) {
+            return status;
+        }
+        if (!makeDurable(kCopy)) {
+            return kIo;
+        }
+        return swap();
+    }
+
+private:
+    // Records take the service's encoder, so it carries the new key while the copy is
+    // converted.
+    Status convert() {
+        (void)service_.getEncoder();  // there is one to be kept, also before the first open
+        aCryptoEncoder fresh;
+        if (fresh.setKey(newKey_) != kOk) {
+            return kIo;
+        }
+        const aCryptoEncoder kept = service_.setEncoder(fresh);
+        const Status status = noThrow(convertRecords);
+        (void)service_.setEncoder(kept);
+        return status;
+    }
+
+    // From here on a failure can leave the ciphers and the folders out of step; the
+    // folders decide, and the next open brings them together.
+    Status swap() {
+        if (service_.getEncoder().setKey(newKey_) != kOk || !removeIfThere(kPrevious)) {
+            return kIo;
+        }
+        if (os::rename(kLive, kPrevious) != 0 || os::rename(kCopy, kLive) != 0) {
+            return kIo;
+        }
+        const bool durable = os::syncFolder(".");
+        // Decoders that clients took before go on with what they have read so far.
+        (void)service_.getDecoder().setKey(oldKey_);
+        aCryptoDecoder fresh;
+        service_.setDecoder(fresh);
+        if (fresh.setKey(newKey_) != kOk || service_.getEncoder().setKey(newKey_) != kOk) {
+            return kIo;
+        }
+        return durable ? kOk : kIo;
+    }
+
+    FileStoreSrv& service_;
+    const char* newPassword_;
+    aBuf oldKey_;
+    aBuf newKey_;
+};
+
+Status FileStoreSrv::recrypt(const char* oldPassword, const char* newPassword) {
+    return noThrow([&] {
+        if (const Status status = checkPwd(oldPassword); status != kOk) {
+            return status;
+        }
+        const os::WriteLock locked(&RWLocker::m_RWMutex);
+        return Recryption(*this, oldPassword, newPassword).run();
+    });
+}

@@ -1,0 +1,200 @@
+#include "service/s_filestore_mm.h"
+
+#include <memory>
+
+#include "client/s_filestoreC.h"
+#include "cmn/no_throw.h"
+#include "store/file_store.h"
+
+CMN_BUILT_FIRST constinit Tuint32ID ModuleID(107);
+
+const unsigned int FileStore_Module_Version = 1;
+const unsigned int FileStore_Module_Build = 1;
+
+namespace {
+
+void startModule(std::unique_ptr<FileStoreSrv>& service) {
+    CMN_FILESTORE_S = aFileStoreSrv(service.get());
+    RWLocker::init();
+}
+
+void stopModule() {
+    ObjectManager.finiAll();
+    CMN_FILESTORE_S = aFileStoreSrv(nullptr);
+    RWLocker::destroy();
+}
+
+aBuf noBuffer() {
+    return aBuf(static_cast<TBuf*>(nullptr));
+}
+
+}  // namespace
+
+BaseModuleInterface* GetInterfaceClass(TModuleManager* manager, int flag) {
+    if (manager == nullptr) {
+        stopModule();
+        return nullptr;
+    }
+    ModMgr = manager;
+    if (flag != 0) {
+        return nullptr;
+    }
+    auto service = std::make_unique<FileStoreSrv>();
+    startModule(service);
+    return service.release();
+}
+
+FileStoreSrv::FileStoreSrv()
+    : TFileStoreSrv(0), encoder(nullptr), decoder(nullptr), password(noBuffer()) {}
+
+FileStoreSrv::~FileStoreSrv() {
+    (void)FileStoreSrv::close();
+}
+
+unsigned int FileStoreSrv::getModuleID() {
+    return 107;
+}
+
+unsigned int FileStoreSrv::getVersion() {
+    return FileStore_Module_Version;
+}
+
+unsigned int FileStoreSrv::getBuild() {
+    return FileStore_Module_Build;
+}
+
+int FileStoreSrv::isReplaceable() {
+    return 1;
+}
+
+CMN_GuardedRef* FileStoreSrv::createObject(unsigned int /*type*/) {
+    return nullptr;
+}
+
+Status FileStoreSrv::addModule(unsigned int /*id*/, BaseModuleInterface* /*module*/) {
+    return kIo;
+}
+
+CMN_GuardedRef* FileStoreSrv::getService(const TypifiedID& id) {
+    return id == ModuleID ? this : nullptr;
+}
+
+Status FileStoreSrv::init() {
+    return kOk;
+}
+
+Status FileStoreSrv::fini() {
+    return kOk;
+}
+
+CMN_GuardedRef* FileStoreSrv::create(unsigned int type) {
+    switch (type) {
+        case kRecord:
+            return new FileStore;
+        case kRecordList:
+            return new FileStoreList;
+        case kCipher:
+            return new CryptoCoder;
+        default:
+            return nullptr;
+    }
+}
+
+int FileStoreSrv::isOpen() {
+    return opened.load(std::memory_order_relaxed);
+}
+
+Status FileStoreSrv::open(const char* candidate) {
+    return noThrow([&] {
+        if (isOpen() != 0) {
+            return kAlreadyOpen;
+        }
+        if (const Status status = checkPwd(candidate); status != kOk) {
+            return status;
+        }
+        aBuf key(candidate);
+        if (key.target() == nullptr) {
+            return kIo;
+        }
+        aCryptoEncoder encrypting = getEncoder();
+        if (const Status status = encrypting.setKey(key); status != kOk) {
+            return status;
+        }
+        const Status status = getDecoder().setKey(key);
+        if (status != kOk) {
+            aBuf none = noBuffer();
+            (void)encrypting.setKey(none);  // removing a key cannot fail
+            return status;
+        }
+        opened.store(1, std::memory_order_relaxed);
+        return kOk;
+    });
+}
+
+Status FileStoreSrv::close() {
+    return noThrow([&] {
+        if (isOpen() == 0) {
+            return kClosed;
+        }
+        aBuf none = noBuffer();
+        (void)getEncoder().setKey(none);
+        (void)getDecoder().setKey(none);
+        opened.store(0, std::memory_order_relaxed);
+        return kOk;
+    });
+}
+
+aCryptoEncoder FileStoreSrv::getEncoder() {
+    const CMN_Locked locked(coders);
+    if (encoder.target() == nullptr) {
+        encoder = aCryptoEncoder();
+    }
+    return aCryptoEncoder(encoder.target());
+}
+
+aCryptoDecoder FileStoreSrv::getDecoder() {
+    const CMN_Locked locked(coders);
+    if (decoder.target() == nullptr) {
+        decoder = aCryptoDecoder();
+    }
+    return aCryptoDecoder(decoder.target());
+}
+
+// Returns a handle of the cipher that was there before.
+aCryptoEncoder FileStoreSrv::setEncoder(const aCryptoEncoder& replacement) {
+    const CMN_Locked locked(coders);
+    aCryptoEncoder before(encoder.target());
+    encoder = replacement;
+    return before;
+}
+
+void FileStoreSrv::setDecoder(const aCryptoDecoder& replacement) {
+    const CMN_Locked locked(coders);
+    decoder = replacement;
+}
+
+Status FileStoreSrv::encode(aBuf key, aBuf data, aBuf& out) {
+    return noThrow([&] {
+        aCryptoEncoder coder = key.target() == nullptr ? getEncoder() : aCryptoEncoder();
+        if (key.target() != nullptr) {
+            if (const Status status = coder.setKey(key); status != kOk) {
+                return status;
+            }
+        }
+        out = coder.encrypt(data);
+        return out.target() != nullptr ? kOk : kIo;
+    });
+}
+
+Status FileStoreSrv::decode(aBuf key, aBuf data, aBuf& out) {
+    return noThrow([&] {
+        aCryptoDecoder coder = key.target() == nullptr ? getDecoder() : aCryptoDecoder();
+        if (key.target() != nullptr) {
+            if (const Status status = coder.setKey(key); status != kOk) {
+                return status;
+            }
+        }
+        out = coder.decrypt(data);
+        return out.target() != nullptr ? kOk : kIo;
+    });
+}
