@@ -13,10 +13,9 @@
 #include "cmn/no_throw.h"
 #include "cmn/status.h"
 
-// The module object of a module with the one service `Service`, an interface that
-// derives from CMN_GuardedRef. The module derives its service from this.
-template <class Service>
-class ServiceModule : public BaseModuleInterface, public Service {
+// What all our modules answer alike. It stands apart from the service, which may
+// have operations of the same names.
+class ModuleAnswers : public BaseModuleInterface {
 public:
     unsigned int getModuleID() override { return ModuleID.value(); }
     unsigned int getVersion() override { return 1; }
@@ -26,6 +25,13 @@ public:
     int isReplaceable() override { return 0; }
     CMN_GuardedRef* createObject(unsigned int /*type*/) override { return nullptr; }
     Status addModule(unsigned int /*id*/, BaseModuleInterface* /*module*/) override { return kIo; }
+};
+
+// The module object of a module with the one service `Service`, an interface that
+// derives from CMN_GuardedRef. The module derives its service from this.
+template <class Service>
+class ServiceModule : public ModuleAnswers, public Service {
+public:
     CMN_GuardedRef* getService(const TypifiedID& id) override {
         return id == ModuleID ? static_cast<CMN_GuardedRef*>(this) : nullptr;
     }
