@@ -1,5 +1,7 @@
 #include "cmn/cmn_gref.h"
 
+#include <sched.h>
+
 #include "cmn/cmn_obj_mgr.h"
 
 CMN_Guard::~CMN_Guard() = default;
@@ -63,10 +65,13 @@ int CMN_GuardedRef::remReference(CMN_GRPHolder* holder) {
 
 // Each redirected holder leaves `list`, hence the snapshot; pushing to its front
 // turns the order round, so that the oldest holder comes first.
-void CMN_GuardedRef::redirectHolders(CMN_GuardedRef* to, HolderList& list) {
+void CMN_GuardedRef::redirectHolders(CMN_GuardedRef* to, HolderList& list,
+                                     const CMN_GRPHolder* spared) {
     HolderList snapshot;
     for (const auto* node = list.first(); node != nullptr; node = node->next) {
-        snapshot.push_front(node->value);
+        if (node->value != spared) {
+            snapshot.push_front(node->value);
+        }
     }
     for (const auto* node = snapshot.first(); node != nullptr; node = node->next) {
         node->value->replacePointee(to);
@@ -75,6 +80,7 @@ void CMN_GuardedRef::redirectHolders(CMN_GuardedRef* to, HolderList& list) {
 
 DummyHolder::DummyHolder(CMN_GuardedRef* object) : pin(object) {
     while (object != nullptr && object->references() == 1) {
+        sched_yield();
     }
 }
 

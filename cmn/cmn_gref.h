@@ -62,6 +62,24 @@ public:
     // The guard of the object held; null when nothing was ever held.
     CMN_Guard* heldGuard() const noexcept { return guard.load(std::memory_order_acquire); }
 
+    // Raises the guard of the object held, which is not replaced then until the
+    // guard is lowered, and returns it; null when the object has none. The object
+    // may be replaced until its guard is up, hence the second look.
+    CMN_Guard* raiseGuard() const {
+        for (;;) {
+            CMN_Guard* const raised = heldGuard();
+            if (raised != nullptr) {
+                raised->inc();
+            }
+            if (heldGuard() == raised) {
+                return raised;
+            }
+            if (raised != nullptr) {
+                raised->dec();
+            }
+        }
+    }
+
 protected:
     CMN_GRPHolder() = default;
     ~CMN_GRPHolder() = default;
@@ -171,8 +189,10 @@ public:
     // this is. The caller holds that object's holder lock.
     void updateHolders(HolderList& list) { redirectHolders(this, list); }
 
-    // As updateHolders() of `to`; a null `to` detaches every holder.
-    static void redirectHolders(CMN_GuardedRef* to, HolderList& list);
+    // As updateHolders() of `to`; a null `to` detaches the holders. `spared`, which
+    // may be null, stays as it is.
+    static void redirectHolders(CMN_GuardedRef* to, HolderList& list,
+                                const CMN_GRPHolder* spared = nullptr);
 
 private:
     friend class CMN_ObjectManager;  // for the two links
@@ -261,14 +281,11 @@ private:
         pointee.store(object, std::memory_order_release);
     }
 
-    // The object may be redirected until the guard is raised, so it is read again
-    // after that. A release that destroys the object leaves the guard raised: the
-    // guard may have gone with the object, and lowering it is then the host's.
+    // The object is read when its guard is up, for until then it may be redirected.
+    // A release that destroys the object leaves the guard raised: the guard may have
+    // gone with the object, and lowering it is then the host's.
     void release() {
-        CMN_Guard* const raised = heldGuard();
-        if (raised != nullptr) {
-            raised->inc();
-        }
+        CMN_Guard* const raised = raiseGuard();
         T* const held = get();
         const bool survives = held == nullptr || held->remReference(this) != 0;
         if (survives && raised != nullptr) {

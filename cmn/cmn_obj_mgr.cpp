@@ -1,5 +1,7 @@
 #include "cmn/cmn_obj_mgr.h"
 
+#include <vector>
+
 #include <sched.h>
 
 #include "cmn/objmgrfunc.h"
@@ -72,8 +74,7 @@ DummyHolder* CMN_ObjectManager::getObj() {
 
 void CMN_ObjectManager::init(CMN_ObjectManager* parent) {
     while (DummyHolder* const pinned = parent->getObj()) {
-        CMN_GuardedRef& obj = *pinned->object();
-        CMN_Guard* const guard = obj.getGuard();
+        CMN_Guard* const guard = pinned->object()->getGuard();
         for (;;) {
             while (guard != nullptr && guard->calls() != 0) {
                 sched_yield();
@@ -81,13 +82,13 @@ void CMN_ObjectManager::init(CMN_ObjectManager* parent) {
             // The registry lock comes before the guard's mutex, as in the walks.
             const CMN_Entered entered(*parent->lock);
             if (guard == nullptr) {
-                handOver(obj);
+                handOver(*pinned);
                 break;
             }
             guard->lock();
             const bool idle = guard->calls() == 0;
             if (idle) {
-                handOver(obj);
+                handOver(*pinned);
             }
             guard->unlock();
             if (idle) {
@@ -98,10 +99,12 @@ void CMN_ObjectManager::init(CMN_ObjectManager* parent) {
     }
 }
 
-void CMN_ObjectManager::handOver(CMN_GuardedRef& obj) {
+// The pin stays: with the last reference `obj` would go while its lock is held.
+void CMN_ObjectManager::handOver(const DummyHolder& pinned) {
+    CMN_GuardedRef& obj = *pinned.object();
     CMN_GuardedRef* const successor = MakeObject(obj.getType(), obj);
     obj.lockHolderList();
-    CMN_GuardedRef::redirectHolders(successor, obj._getHolders());
+    CMN_GuardedRef::redirectHolders(successor, obj._getHolders(), pinned.holder());
     obj.unlockHolderList();
 }
 
@@ -127,16 +130,55 @@ int CMN_ObjectManager::moduleIsUsedBy(const TypifiedID& id) {
     return anyHolder([&id](const TypifiedID& holder) { return holder == id; }) ? 1 : 0;
 }
 
+// Objects that a walk let everyone else let go of. They are destroyed when the walk
+// has given up the registry's lock: a destructor may need a lock, such as that of a
+// service stub, whose owner waits for the registry.
+class CMN_ObjectManager::Orphans {
+public:
+    Orphans() = default;
+    Orphans(const Orphans&) = delete;
+    Orphans& operator=(const Orphans&) = delete;
+    ~Orphans() {
+        for (CMN_GuardedRef* const obj : objects_) {
+            release(*obj);
+        }
+    }
+
+    // Keeps the object by a reference without a holder, which no other walk detaches.
+    void adopt(CMN_GuardedRef& obj) {
+        objects_.push_back(&obj);
+        obj.CMN_Reference::addReference();
+    }
+
+private:
+    // As a holder lets go: with the guard raised, and left so by the last one.
+    static void release(CMN_GuardedRef& obj) {
+        CMN_Guard* const guard = obj.getGuard();
+        if (guard != nullptr) {
+            guard->inc();
+        }
+        if (obj.CMN_Reference::remReference() != 0 && guard != nullptr) {
+            guard->dec();
+        }
+    }
+
+    std::vector<CMN_GuardedRef*> objects_;
+};
+
 // The object that is visited and the one after it are pinned, so that whatever a
 // visit lets go of, the walk can go on.
 template <class Visit>
 void CMN_ObjectManager::forEachPinned(Visit visit) {
+    Orphans orphans;
     const Settled settled(*this);
     DummyHolder* current = head == nullptr ? nullptr : new DummyHolder(head);
     while (current != nullptr) {
         CMN_GuardedRef& obj = *current->object();
         DummyHolder* const following = obj.next == nullptr ? nullptr : new DummyHolder(obj.next);
         visit(obj, current->holder());
+        if (obj.references() == 1) {
+            orphans.adopt(obj);
+        }
         current->die();
         current = following;
     }

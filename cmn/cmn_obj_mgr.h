@@ -6,7 +6,9 @@
 // and every change of a reference count of the module. Before a walk begins, it
 // waits, without the lock, until no object of the registry is without a
 // reference: such an object is still being handed to its first holder, or its last
-// holder has just let go, and the thread that does either needs the lock.
+// holder has just let go, and the thread that does either needs the lock. So the
+// caller of a walk must neither own that lock nor have such an object itself. What
+// a walk leaves without holders is destroyed after it, without the lock.
 //
 // The order of fields and of virtual operations is a binary contract between
 // modules.
@@ -64,7 +66,8 @@ private:
     template <class Test>
     static int detachHolders(CMN_GuardedRef& obj, Test test);
     class Settled;
-    void handOver(CMN_GuardedRef& obj);
+    class Orphans;
+    static void handOver(const DummyHolder& pinned);
 
     CMN_Mutex unused;  // part of the layout; nothing locks it
     // Shared with the reference counts, so a walk sees counts that stand still.

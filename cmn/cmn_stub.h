@@ -40,38 +40,39 @@ public:
         }
     }
 
+protected:
+    struct AlreadyRaised {
+        CMN_Guard* guard;
+    };
+    explicit GuardLock(AlreadyRaised raised) noexcept : guard(raised.guard) {}
+
 private:
     CMN_Guard* guard;
 };
 
-// The guard lock of a forwarding call.
+// The guard lock of a call through a holder: keeps the object held from being
+// replaced, so it is read after this.
 class CMN_EXPORT GuardLockVar : public GuardLock {
 public:
-    using GuardLock::GuardLock;
+    explicit GuardLockVar(const CMN_GRPHolder& holder)
+        : GuardLock(AlreadyRaised{holder.raiseGuard()}) {}
 };
 
 // Calls `operation` of the object that `ref` holds, with its guard raised, also
 // while an exception passes; without an object answers with what `missing()`
-// gives. The object may be replaced until its guard is raised, so it is read
-// after that; when the guard turns out to be a replaced object's, the present
-// one's turn has come.
+// gives.
 template <class T, class Missing, class Operation>
 auto forwardTo(const CMN_GRefPtr<T>& ref, Missing missing, Operation operation)
     -> decltype(operation(*ref.get())) {
-    for (;;) {
-        if (ref.get() == nullptr) {
-            return missing();
-        }
-        CMN_Guard* const guard = ref.heldGuard();
-        const GuardLockVar raised(guard);
-        T* const target = ref.get();
-        if (target == nullptr) {
-            return missing();
-        }
-        if (ref.heldGuard() == guard) {
-            return operation(*target);
-        }
+    if (ref.get() == nullptr) {
+        return missing();
     }
+    const GuardLockVar raised(ref);
+    T* const target = ref.get();
+    if (target == nullptr) {
+        return missing();
+    }
+    return operation(*target);
 }
 
 class CMN_EXPORT CMN_ServiceStubInterface {
