@@ -180,8 +180,10 @@ TEST(FileListTest, ListsAfreshAndStaysOpenAtItsEnd) {
     EXPECT_EQ(36U, list.readNext());
     EXPECT_THAT(openHandles(), ElementsAre(dir.path()));
     writeFile(dir / "new", "");
+    const fault::Recorder recorder({Call::kOpendir, Call::kClosedir});
     EXPECT_EQ(3U, walk(list, end).size());
     EXPECT_THAT(openHandles(), ElementsAre(dir.path()));
+    EXPECT_THAT(recorder.lines(), ElementsAre("closedir " + dir.path(), "opendir " + dir.path()));
 }
 
 TEST(FileListTest, DestructorCloses) {
