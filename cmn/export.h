@@ -4,6 +4,7 @@
 #define CMN_EXPORT_H
 
 #define CMN_EXPORT __attribute__((visibility("default")))
+#define CMN_HIDDEN __attribute__((visibility("hidden")))  // a private part of what is shown
 
 // Framework globals are built before, and destroyed after, every other global of
 // their module: stubs and holders that live as globals need them to the end.

@@ -141,7 +141,7 @@ Status _getFullStoreList(const char* folder, aFileStoreList& list) {
     return listing == kEnd ? kOk : listing;
 }
 
-class FileStoreSrv::Recryption {
+class CMN_HIDDEN FileStoreSrv::Recryption {
 public:
     Recryption(FileStoreSrv& service, const char* oldPassword, const char* newPassword)
         : service_(service),

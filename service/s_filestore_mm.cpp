@@ -87,8 +87,8 @@ Status FileStoreSrv::fini() {
     return kOk;
 }
 
-CMN_GuardedRef* FileStoreSrv::create(unsigned int type) {
-    switch (type) {
+CMN_GuardedRef* FileStoreSrv::create(unsigned int kind) {
+    switch (kind) {
         case kRecord:
             return new FileStore;
         case kRecordList:

@@ -105,8 +105,8 @@ public:
 private:
     class Recryption;
 
-    aCryptoEncoder setEncoder(const aCryptoEncoder& replacement);
-    void setDecoder(const aCryptoDecoder& replacement);
+    CMN_HIDDEN aCryptoEncoder setEncoder(const aCryptoEncoder& replacement);
+    CMN_HIDDEN void setDecoder(const aCryptoDecoder& replacement);
 
     aCryptoEncoder encoder CMN_GUARDED_BY(coders);
     aCryptoDecoder decoder CMN_GUARDED_BY(coders);

@@ -191,23 +191,23 @@ public:
 private:
     struct NewFiles;
 
-    Status decryptBody();
-    Status decryptAttr(Attr& attr);
-    bool decryptionRefused() const;
+    CMN_HIDDEN Status decryptBody();
+    CMN_HIDDEN Status decryptAttr(Attr& attr);
+    CMN_HIDDEN bool decryptionRefused() const;
 
-    aBuf bodyOnDisk();
-    static bool writeBytes(const os::File& file, const aBuf& bytes);
-    Status renderDSC(const char* bodyFileName, std::string& text);
-    Status writeDscFile(const char* path, const char* bodyFileName, os::File& file);
+    CMN_HIDDEN aBuf bodyOnDisk();
+    CMN_HIDDEN static bool writeBytes(const os::File& file, const aBuf& bytes);
+    CMN_HIDDEN Status renderDSC(const char* bodyFileName, std::string& text);
+    CMN_HIDDEN Status writeDscFile(const char* path, const char* bodyFileName, os::File& file);
 
-    Status replaceRecord(Sync sync);
-    Status createBodyFile(NewFiles& files);
-    Status writeNewFiles(NewFiles& files, Sync sync);
-    Status publish(NewFiles& files, Sync sync);
-    void undoPublish(NewFiles& files, bool replaced);
-    Status readFiles(const std::string& path);
-    Status adoptBody(const Attr& reference);
-    Status removeFiles();
+    CMN_HIDDEN Status replaceRecord(Sync sync);
+    CMN_HIDDEN Status createBodyFile(NewFiles& files);
+    CMN_HIDDEN Status writeNewFiles(NewFiles& files, Sync sync);
+    CMN_HIDDEN Status publish(NewFiles& files, Sync sync);
+    CMN_HIDDEN void undoPublish(NewFiles& files, bool replaced);
+    CMN_HIDDEN Status readFiles(const std::string& path);
+    CMN_HIDDEN Status adoptBody(const Attr& reference);
+    CMN_HIDDEN Status removeFiles();
 
     std::string folderName = ".";
     std::string name;

@@ -61,7 +61,7 @@ public:
 private:
     using Records = std::list<aFileStore>;
 
-    void erase(Records::iterator element);
+    CMN_HIDDEN void erase(Records::iterator element);
 
     Records records;
     Records::iterator cursor = records.end();

@@ -148,7 +148,7 @@ Status tryCorrectName(const char* folder, const char* fileName) {
 
 // What a write has made so far. Files that are not in place when it ends in failure
 // are removed.
-struct FileStore::NewFiles {
+struct CMN_HIDDEN FileStore::NewFiles {
     std::string bodyName;  // empty: the record has no body
     std::optional<os::TempPath> bodyPath;
     os::File body;
