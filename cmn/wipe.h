@@ -11,6 +11,8 @@ inline void wipe(void* data, std::size_t size) noexcept {
     if (size == 0) {
         return;
     }
+    // g++ makes slow string instructions of a size that it knows; the library knows better.
+    __asm__("" : "+r"(size));
     std::memset(data, 0, size);
     // To the compiler this may read whatever `data` leads to, so the zeros must be there.
     __asm__ volatile("" : : "r"(data) : "memory");

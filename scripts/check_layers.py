@@ -22,7 +22,7 @@ MAY_INCLUDE = {
     "host": {"api", "cmn", "os"},
     "modules": {"client", "api", "cmn", "os"},
     "fstore": {"host", "client", "api", "cmn", "os"},
-    "bench": {"host", "client", "api", "cmn", "os"},
+    "bench": {"service", "host", "client", "api", "cmn", "os"},
 }
 UNBOUND = {"tests", "fuzz"}  # include anything; nothing includes them
 

@@ -1,0 +1,94 @@
+#include "tests/support/watched_heap.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <new>
+
+namespace {
+
+thread_local WatchedHeap* watching = nullptr;
+
+void* allocate(std::size_t size) noexcept {
+    return watching != nullptr ? watching->allocate(size) : std::malloc(size);
+}
+
+void* allocateOrThrow(std::size_t size) {
+    void* const memory = allocate(size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+void release(void* memory) noexcept {
+    if (watching != nullptr && memory != nullptr) {
+        watching->release(memory);
+    }
+    std::free(memory);
+}
+
+}  // namespace
+
+WatchedHeap::WatchedHeap(std::size_t size) noexcept : size_(std::min(size, kMaxSize)) {
+    watching = this;
+}
+
+WatchedHeap::~WatchedHeap() {
+    watching = nullptr;
+}
+
+void* WatchedHeap::allocate(std::size_t size) noexcept {
+    if (size != size_) {
+        return std::malloc(size);
+    }
+    void** const place = std::find(std::begin(live_), std::end(live_), nullptr);
+    if (refuses_ || place == std::end(live_)) {
+        return nullptr;
+    }
+    *place = std::malloc(size);
+    ++made_;
+    return *place;
+}
+
+void WatchedHeap::release(const void* memory) noexcept {
+    void** const place = std::find(std::begin(live_), std::end(live_), memory);
+    if (place != std::end(live_)) {
+        *place = nullptr;
+        ++freed_;
+        std::memcpy(lastFreed_, memory, size_);
+    }
+}
+
+// All forms are replaced: a sanitizer brings a whole set of its own.
+void* operator new(std::size_t size) {
+    return allocateOrThrow(size);
+}
+void* operator new[](std::size_t size) {
+    return allocateOrThrow(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return allocate(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return allocate(size);
+}
+void operator delete(void* memory) noexcept {
+    release(memory);
+}
+void operator delete[](void* memory) noexcept {
+    release(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    release(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+    release(memory);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+    release(memory);
+}
+void operator delete[](void* memory, const std::nothrow_t&) noexcept {
+    release(memory);
+}
