@@ -113,6 +113,8 @@ bool makeDurable(const char* folder) {
 
 }  // namespace
 
+// As deep as folders are: a path cannot grow for ever.
+// NOLINTNEXTLINE(misc-no-recursion,bugprone-reserved-identifier)
 Status _getFullStoreList(const char* folder, aFileStoreList& list) {
     aFileStoreList found;
     (void)aFileStoreListExt(found).setLockType(RWLocker::kNoLock);
@@ -153,7 +155,7 @@ public:
         if (!removeIfThere(kCopy) || copyWholeFolder(kLive, kCopy) != kOk) {
             return kIo;
         }
-        if (service_.getDecoder().setKey(oldKey_) != kOk) {
+        if (service_.ownDecoder().setKey(oldKey_) != kOk) {
             return kIo;
         }
         if (const Status status = convert(); status != kOk) {
@@ -172,7 +174,7 @@ private:
     // Records take the service's encoder, so it carries the new key while the copy is
     // converted.
     Status convert() {
-        (void)service_.getEncoder();  // there is one to be kept, also before the first open
+        (void)service_.ownEncoder();  // there is one to be kept, also before the first open
         aCryptoEncoder fresh;
         if (fresh.setKey(newKey_) != kOk) {
             return kIo;
@@ -186,7 +188,7 @@ private:
     // From here on a failure can leave the ciphers and the folders out of step; the
     // folders decide, and the next open brings them together.
     Status swap() {
-        if (service_.getEncoder().setKey(newKey_) != kOk || !removeIfThere(kPrevious)) {
+        if (service_.ownEncoder().setKey(newKey_) != kOk || !removeIfThere(kPrevious)) {
             return kIo;
         }
         if (os::rename(kLive, kPrevious) != 0 || os::rename(kCopy, kLive) != 0) {
@@ -194,10 +196,10 @@ private:
         }
         const bool durable = os::syncFolder(".");
         // Decoders that clients took before go on with what they have read so far.
-        (void)service_.getDecoder().setKey(oldKey_);
+        (void)service_.ownDecoder().setKey(oldKey_);
         aCryptoDecoder fresh;
         service_.setDecoder(fresh);
-        if (fresh.setKey(newKey_) != kOk || service_.getEncoder().setKey(newKey_) != kOk) {
+        if (fresh.setKey(newKey_) != kOk || service_.ownEncoder().setKey(newKey_) != kOk) {
             return kIo;
         }
         return durable ? kOk : kIo;

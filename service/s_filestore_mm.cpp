@@ -116,11 +116,11 @@ Status FileStoreSrv::open(const char* candidate) {
         if (key.target() == nullptr) {
             return kIo;
         }
-        aCryptoEncoder encrypting = getEncoder();
+        aCryptoEncoder encrypting = ownEncoder();
         if (const Status status = encrypting.setKey(key); status != kOk) {
             return status;
         }
-        const Status status = getDecoder().setKey(key);
+        const Status status = ownDecoder().setKey(key);
         if (status != kOk) {
             aBuf none = noBuffer();
             (void)encrypting.setKey(none);  // removing a key cannot fail
@@ -132,19 +132,31 @@ Status FileStoreSrv::open(const char* candidate) {
 }
 
 Status FileStoreSrv::close() {
+    return dropKeys();
+}
+
+Status FileStoreSrv::dropKeys() {
     return noThrow([&] {
-        if (isOpen() == 0) {
+        if (opened.load(std::memory_order_relaxed) == 0) {
             return kClosed;
         }
         aBuf none = noBuffer();
-        (void)getEncoder().setKey(none);
-        (void)getDecoder().setKey(none);
+        (void)ownEncoder().setKey(none);
+        (void)ownDecoder().setKey(none);
         opened.store(0, std::memory_order_relaxed);
         return kOk;
     });
 }
 
 aCryptoEncoder FileStoreSrv::getEncoder() {
+    return ownEncoder();
+}
+
+aCryptoDecoder FileStoreSrv::getDecoder() {
+    return ownDecoder();
+}
+
+aCryptoEncoder FileStoreSrv::ownEncoder() {
     const CMN_Locked locked(coders);
     if (encoder.target() == nullptr) {
         encoder = aCryptoEncoder();
@@ -152,7 +164,7 @@ aCryptoEncoder FileStoreSrv::getEncoder() {
     return aCryptoEncoder(encoder.target());
 }
 
-aCryptoDecoder FileStoreSrv::getDecoder() {
+aCryptoDecoder FileStoreSrv::ownDecoder() {
     const CMN_Locked locked(coders);
     if (decoder.target() == nullptr) {
         decoder = aCryptoDecoder();
@@ -175,7 +187,7 @@ void FileStoreSrv::setDecoder(const aCryptoDecoder& replacement) {
 
 Status FileStoreSrv::encode(aBuf key, aBuf data, aBuf& out) {
     return noThrow([&] {
-        aCryptoEncoder coder = key.target() == nullptr ? getEncoder() : aCryptoEncoder();
+        aCryptoEncoder coder = key.target() == nullptr ? ownEncoder() : aCryptoEncoder();
         if (key.target() != nullptr) {
             if (const Status status = coder.setKey(key); status != kOk) {
                 return status;
@@ -188,7 +200,7 @@ Status FileStoreSrv::encode(aBuf key, aBuf data, aBuf& out) {
 
 Status FileStoreSrv::decode(aBuf key, aBuf data, aBuf& out) {
     return noThrow([&] {
-        aCryptoDecoder coder = key.target() == nullptr ? getDecoder() : aCryptoDecoder();
+        aCryptoDecoder coder = key.target() == nullptr ? ownDecoder() : aCryptoDecoder();
         if (key.target() != nullptr) {
             if (const Status status = coder.setKey(key); status != kOk) {
                 return status;

@@ -53,7 +53,7 @@ public:
     //   kAlreadyOpen  it is open
     //   kIo           a key could not be made or derived
     //   others        as checkPwd()
-    Status open(const char* password) override;
+    Status open(const char* candidate) override;
 
     // Drops the key; kClosed when the database is not open. Handles taken before
     // stay, without a key.
@@ -69,7 +69,7 @@ public:
     //   kNotOpen        the record could not be read
     //   kNoDigest       the record holds no digest
     //   kIo             the digest could not be computed
-    Status checkPwd(const char* password) override;
+    Status checkPwd(const char* candidate) override;
 
     // Gives the database a new password: copies "./db" to "./new_db", re-encrypts
     // the copy, makes it durable, and swaps the folders, which leaves the old
@@ -85,7 +85,7 @@ public:
 
     // A new record, list or cipher, without a reference; null for another type.
     // Memory that could not be had is std::bad_alloc.
-    CMN_GuardedRef* create(unsigned int type) override;
+    CMN_GuardedRef* create(unsigned int kind) override;
 
     // Handles on the service's own ciphers, which carry the database's key while it
     // is open.
@@ -105,6 +105,9 @@ public:
 private:
     class Recryption;
 
+    CMN_HIDDEN Status dropKeys();
+    CMN_HIDDEN aCryptoEncoder ownEncoder();
+    CMN_HIDDEN aCryptoDecoder ownDecoder();
     CMN_HIDDEN aCryptoEncoder setEncoder(const aCryptoEncoder& replacement);
     CMN_HIDDEN void setDecoder(const aCryptoDecoder& replacement);
 
@@ -116,6 +119,7 @@ private:
 };
 
 // Appends every record of `folder` and, depth first, of the folders in it.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the name is published
 [[nodiscard]] Status _getFullStoreList(const char* folder, aFileStoreList& list);
 
 #endif  // SERVICE_S_FILESTORE_MM_H

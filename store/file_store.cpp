@@ -17,7 +17,7 @@ constexpr unsigned int kNotFound = 0xFFFFFFFFU;
 // What identifies a record in its process: its address where that has 32 bits, a
 // number of its own where it has more.
 unsigned int nextUniqueID(const FileStore* record) {
-    if constexpr (sizeof(record) == sizeof(unsigned int)) {
+    if constexpr (sizeof(std::uintptr_t) == sizeof(unsigned int)) {
         return static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(record));
     } else {
         static std::atomic<unsigned int> last{0};

@@ -104,13 +104,13 @@ public:
     unsigned int getBodyFlag() override;
     int hasBody() override;
 
-    // Attributes, in the order of their addition. Only the data type of `type`
-    // counts, flags are dropped; see Attr::set() for what the data must be.
+    // Attributes, in the order of their addition. Of `kind` only the data
+    // type counts, flags are dropped; see Attr::set() for what the data must be.
     // addAttr() allows duplicates; setAttr() replaces the first of the same data
     // type and id, keeping its flags, or adds.
-    Status addAttr(unsigned int type, unsigned int id, const unsigned char* data,
+    Status addAttr(unsigned int kind, unsigned int id, const unsigned char* data,
                    unsigned int size) override;
-    Status setAttr(unsigned int type, unsigned int id, const unsigned char* data,
+    Status setAttr(unsigned int kind, unsigned int id, const unsigned char* data,
                    unsigned int size) override;
     unsigned int getAttrCount() override;
     // 0 or null for an index out of range.
@@ -124,7 +124,7 @@ public:
     unsigned int getAttrFlag(unsigned int index) override;
     // The first attribute of this data type and id and, unless `data` is null, with
     // these bytes; 0xFFFFFFFF when there is none.
-    unsigned int findAttr(unsigned int type, unsigned int id, const unsigned char* data,
+    unsigned int findAttr(unsigned int kind, unsigned int id, const unsigned char* data,
                           unsigned int size) override;
     // kInvalid for an index out of range (setAttrFlag() says kEnd; clients know both).
     Status removeAttr(unsigned int index) override;
@@ -155,7 +155,7 @@ public:
     unsigned int getUniqueID() override;
 
     // RWLocker::kNoLock: read, write, isExist and remove take no lock.
-    Status setLockType(int type) override;
+    Status setLockType(int newType) override;
     // 0: decrypt() does not ask whether the service is open.
     Status setLoginCheck(int check) override;
 

@@ -56,7 +56,7 @@ public:
     Status readFromFolder(const char* folder) override;
 
     // RWLocker::kNoLock: readFromFolder() takes no lock.
-    Status setLockType(int type) override;
+    Status setLockType(int newType) override;
 
 private:
     using Records = std::list<aFileStore>;
