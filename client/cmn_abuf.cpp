@@ -48,13 +48,21 @@ void x509cmn_fini() {
     theX509Cmn = X509CmnSrv();
 }
 
-aBuf::aBuf() : aBuf(createTBuf()) {}
-
-aBuf::aBuf(const char* s) : aBuf(createTBuf(s)) {}
-
-aBuf::aBuf(const unsigned char* data, unsigned int len) : aBuf(createTBuf(data, len)) {}
-
 aBuf::aBuf(TBuf* t) : PKIXAnyObject<TBuf>(t, &theX509Cmn) {}
+
+// A new buffer is made in a handle that has its use of the service already, so that
+// no other thread's last handle gives the service back under it.
+aBuf::aBuf() : aBuf(static_cast<TBuf*>(nullptr)) {
+    hold(createTBuf());
+}
+
+aBuf::aBuf(const char* s) : aBuf(static_cast<TBuf*>(nullptr)) {
+    hold(createTBuf(s));
+}
+
+aBuf::aBuf(const unsigned char* data, unsigned int len) : aBuf(static_cast<TBuf*>(nullptr)) {
+    hold(createTBuf(data, len));
+}
 
 Status aBuf::set(const char* s) {
     return callForStatus([=](TBuf& buf) { return buf.set(s); });

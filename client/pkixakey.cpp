@@ -2,10 +2,15 @@
 
 aKey::aKey(TKey* key) : PKIXKeyObject<TKey>(key) {}
 
-aKey::aKey(TKey::key_type_t type) : aKey(pkixKeyClnt.createTKey(type)) {}
+// A new key is made in a handle that has its use of the service already, so that no
+// other thread's last handle gives the service back under it.
+aKey::aKey(TKey::key_type_t type) : aKey(nullptr) {
+    hold(pkixKeyClnt.createTKey(type));
+}
 
-aKey::aKey(TKey::key_type_t type, const unsigned char* data, unsigned int len)
-    : aKey(pkixKeyClnt.createTKey(type, data, len)) {}
+aKey::aKey(TKey::key_type_t type, const unsigned char* data, unsigned int len) : aKey(nullptr) {
+    hold(pkixKeyClnt.createTKey(type, data, len));
+}
 
 TKey::key_type_t aKey::getType() const {
     return callAndAsk(TKey::kNone, [](const TKey& key) { return key.getType(); });

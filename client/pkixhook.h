@@ -37,6 +37,12 @@ public:
     Status error() const noexcept { return m_error.load(std::memory_order_relaxed); }
 
 protected:
+    // Takes a new object, or null, in place of none.
+    void hold(T* target) {
+        this->m_ref = target;
+        record(target == nullptr ? kNoObject : kOk);
+    }
+
     Status record(Status status) const noexcept {
         m_error.store(status, std::memory_order_relaxed);
         return status;

@@ -141,14 +141,19 @@ public:
 
 protected:
     // Acquires the service and calls operation(T&); `missing` is the answer when it
-    // cannot be had.
+    // cannot be had. When another thread's unref() gives the service back before it
+    // is called, it is acquired again.
     template <class R, class Operation>
     R call(R missing, Operation operation) {
-        if (!acquire()) {
-            return missing;
+        while (acquire()) {
+            bool gone = false;
+            R answer = forwardTo(
+                m_ref, [&] { return gone = true, missing; }, operation);
+            if (!gone) {
+                return answer;
+            }
         }
-        return forwardTo(
-            m_ref, [&] { return missing; }, operation);
+        return missing;
     }
 
     // As call(), of an operation of the interface.
