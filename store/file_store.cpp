@@ -212,7 +212,7 @@ Status FileStore::addAttr(unsigned int kind, unsigned int id, const unsigned cha
 
 Status FileStore::setAttr(unsigned int kind, unsigned int id, const unsigned char* data,
                           unsigned int size) {
-    const unsigned int index = findAttr(kind & kTypeMask, id, nullptr, 0);
+    const unsigned int index = findAttr(kind, id, nullptr, 0);
     if (index == kNotFound) {
         return addAttr(kind, id, data, size);
     }
@@ -267,7 +267,7 @@ unsigned int FileStore::findAttr(unsigned int kind, unsigned int id, const unsig
         const bool sameBytes =
             data == nullptr ||
             (attr.size == size && (size == 0 || std::memcmp(attr.data, data, size) == 0));
-        if (attr.dataType() == kind && attr.id == id && sameBytes) {
+        if (attr.dataType() == (kind & kTypeMask) && attr.id == id && sameBytes) {
             return index;
         }
     }
