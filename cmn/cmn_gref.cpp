@@ -45,10 +45,33 @@ void CMN_GuardedRef::setGuard(CMN_Guard* g) {
     guard->addReference();
 }
 
+namespace {
+
+// A reference that is given back, without any lock, unless its holder gets listed.
+class Claim {
+public:
+    explicit Claim(CMN_Reference& object) : object_(&object) { object.addReference(); }
+    Claim(const Claim&) = delete;
+    Claim& operator=(const Claim&) = delete;
+    ~Claim() {
+        if (object_ != nullptr) {
+            object_->remReference();
+        }
+    }
+
+    void keep() noexcept { object_ = nullptr; }
+
+private:
+    CMN_Reference* object_;
+};
+
+}  // namespace
+
 void CMN_GuardedRef::addReference(CMN_GRPHolder* holder) {
-    CMN_Reference::addReference();
+    Claim claim(*this);
     const CMN_Entered entered(holderMutex);
     holders.push_front(holder);
+    claim.keep();
 }
 
 int CMN_GuardedRef::remReference(CMN_GRPHolder* holder) {

@@ -178,7 +178,8 @@ public:
     using CMN_Reference::remReference;
 
     // Counts and lists one more reference by `holder`; a holder may be listed
-    // more than once.
+    // more than once. Without memory to list it throws std::bad_alloc and takes the
+    // count back: an object that nobody else has a reference on is gone then.
     void addReference(CMN_GRPHolder* holder);
 
     // Takes back the newest reference by `holder` and returns the new count; at 0
@@ -272,11 +273,23 @@ public:
     }
 
 private:
-    // The object is published last: whoever sees it sees its guard as well.
+    struct Emptying {
+        CMN_GRefPtr* holder;
+        ~Emptying() {
+            if (holder != nullptr) {
+                holder->pointee.store(nullptr, std::memory_order_release);
+            }
+        }
+    };
+
+    // The object is published last: whoever sees it sees its guard as well. A holder
+    // that cannot be listed holds nothing; what it held before it has let go of.
     void attach(T* object) {
         if (object != nullptr) {
             guard.store(object->getGuard(), std::memory_order_release);
+            Emptying unlessListed{this};
             object->addReference(this);
+            unlessListed.holder = nullptr;
         }
         pointee.store(object, std::memory_order_release);
     }
