@@ -1,7 +1,5 @@
 #include "service/s_filestore_mm.h"
 
-#include <memory>
-
 #include "client/s_filestoreC.h"
 #include "cmn/no_throw.h"
 #include "store/file_store.h"
@@ -12,11 +10,6 @@ const unsigned int FileStore_Module_Version = 1;
 const unsigned int FileStore_Module_Build = 1;
 
 namespace {
-
-void startModule(std::unique_ptr<FileStoreSrv>& service) {
-    CMN_FILESTORE_S = aFileStoreSrv(service.get());
-    RWLocker::init();
-}
 
 void stopModule() {
     ObjectManager.finiAll();
@@ -39,9 +32,10 @@ BaseModuleInterface* GetInterfaceClass(TModuleManager* manager, int flag) {
     if (flag != 0) {
         return nullptr;
     }
-    auto service = std::make_unique<FileStoreSrv>();
-    startModule(service);
-    return service.release();
+    // The stub's holder is the first: when it cannot be attached, the service goes.
+    CMN_FILESTORE_S = aFileStoreSrv(new FileStoreSrv);
+    RWLocker::init();
+    return CMN_FILESTORE_S.service();
 }
 
 FileStoreSrv::FileStoreSrv()
