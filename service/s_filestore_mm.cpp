@@ -42,7 +42,7 @@ FileStoreSrv::FileStoreSrv()
     : TFileStoreSrv(0), encoder(nullptr), decoder(nullptr), password(noBuffer()) {}
 
 FileStoreSrv::~FileStoreSrv() {
-    (void)FileStoreSrv::close();
+    (void)dropKeys();
 }
 
 unsigned int FileStoreSrv::getModuleID() {

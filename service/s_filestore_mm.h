@@ -115,7 +115,7 @@ private:
     aCryptoDecoder decoder CMN_GUARDED_BY(coders);
     std::atomic<int> opened{0};
     aBuf password;     // stays without object: keys live in the ciphers only
-    CMN_Mutex coders;  // the two handles; taken last, for a moment
+    CMN_Mutex coders;  // the two handles; taken before the locks of stubs
 };
 
 // Appends every record of `folder` and, depth first, of the folders in it.
