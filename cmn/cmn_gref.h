@@ -62,24 +62,6 @@ public:
     // The guard of the object held; null when nothing was ever held.
     CMN_Guard* heldGuard() const noexcept { return guard.load(std::memory_order_acquire); }
 
-    // Raises the guard of the object held, which is not replaced then until the
-    // guard is lowered, and returns it; null when the object has none. The object
-    // may be replaced until its guard is up, hence the second look.
-    CMN_Guard* raiseGuard() const {
-        for (;;) {
-            CMN_Guard* const raised = heldGuard();
-            if (raised != nullptr) {
-                raised->inc();
-            }
-            if (heldGuard() == raised) {
-                return raised;
-            }
-            if (raised != nullptr) {
-                raised->dec();
-            }
-        }
-    }
-
 protected:
     CMN_GRPHolder() = default;
     ~CMN_GRPHolder() = default;
@@ -252,16 +234,42 @@ public:
         return *this;
     }
 
+    // Who calls meanwhile waits for the old object's guard, or sees the new one's and
+    // must then find all else done: the guard comes last.
     void replacePointee(CMN_GuardedRef* object) override {
         if (T* const held = get()) {
             held->remReference(this);
         }
-        attach(static_cast<T*>(object));
+        auto* const next = static_cast<T*>(object);
+        pointee.store(next, std::memory_order_release);
+        if (next != nullptr) {
+            enlist(next);
+            guard.store(next->getGuard(), std::memory_order_release);
+        }
     }
 
     const TypifiedID& getModuleID() override { return *moduleID; }
 
     T* get() const noexcept { return pointee.load(std::memory_order_acquire); }
+
+    // The object held, with its guard raised, so that it is not replaced until the
+    // caller lowers `raised`; null stands for no guard. The object may be replaced
+    // until the guard is up, hence the second look.
+    T* raise(CMN_Guard*& raised) const {
+        for (;;) {
+            raised = heldGuard();
+            if (raised != nullptr) {
+                raised->inc();
+            }
+            T* const held = get();
+            if (heldGuard() == raised) {
+                return held;
+            }
+            if (raised != nullptr) {
+                raised->dec();
+            }
+        }
+    }
 
     const TypifiedID* supplier() const noexcept { return moduleRef; }
 
@@ -282,24 +290,27 @@ private:
         }
     };
 
-    // The object is published last: whoever sees it sees its guard as well. A holder
-    // that cannot be listed holds nothing; what it held before it has let go of.
+    // A holder that cannot be listed holds nothing; what it held before it has let go of.
+    void enlist(T* object) {
+        Emptying unlessListed{this};
+        object->addReference(this);
+        unlessListed.holder = nullptr;
+    }
+
+    // For a holder that is empty: whoever sees the object sees its guard as well.
     void attach(T* object) {
         if (object != nullptr) {
             guard.store(object->getGuard(), std::memory_order_release);
-            Emptying unlessListed{this};
-            object->addReference(this);
-            unlessListed.holder = nullptr;
+            enlist(object);
         }
         pointee.store(object, std::memory_order_release);
     }
 
-    // The object is read when its guard is up, for until then it may be redirected.
     // A release that destroys the object leaves the guard raised: the guard may have
     // gone with the object, and lowering it is then the host's.
     void release() {
-        CMN_Guard* const raised = raiseGuard();
-        T* const held = get();
+        CMN_Guard* raised = nullptr;
+        T* const held = raise(raised);
         const bool survives = held == nullptr || held->remReference(this) != 0;
         if (survives && raised != nullptr) {
             raised->dec();

@@ -1,5 +1,6 @@
 #include "cmn/cmn_obj_mgr.h"
 
+#include <mutex>
 #include <vector>
 
 #include <sched.h>
@@ -30,27 +31,50 @@ void CMN_ObjectManager::removeObj(CMN_GuardedRef* obj) {
     obj->next = nullptr;
 }
 
-// Owns the lock of a registry in which every object has a reference. Pinning one
-// that has none yet, or none any more, would wait for a thread that itself waits
-// for the lock; so the wait is done here, without it.
+// Owns the lock of a registry for a walk. Pinning an object that has no reference
+// yet, or none any more, would wait for a thread that itself waits for the lock; so
+// the wait is done here, without it. Each such object is waited for once: were they
+// all to have references at the same moment, busy threads could hold a walk up for
+// ever.
 class CMN_ObjectManager::Settled {
 public:
     explicit Settled(CMN_ObjectManager& registry) CMN_NO_TSA : lock_(*registry.lock) {
-        for (lock_.enter(); !settled(registry.head); lock_.enter()) {
+        lock_.enter();
+        std::vector<const CMN_GuardedRef*> unheld;
+        for (const CMN_GuardedRef* obj = registry.head; obj != nullptr; obj = obj->next) {
+            if (obj->references() == 0) {
+                unheld.push_back(obj);
+            }
+        }
+        while (!unheld.empty()) {
             lock_.exit();
             sched_yield();
+            lock_.enter();
+            std::erase_if(unheld,
+                          [&](const CMN_GuardedRef* obj) { return !isUnheld(registry, obj); });
         }
     }
     Settled(const Settled&) = delete;
     Settled& operator=(const Settled&) = delete;
     ~Settled() CMN_NO_TSA { lock_.exit(); }
 
-private:
-    static bool settled(const CMN_GuardedRef* obj) {
-        while (obj != nullptr && obj->references() != 0) {
+    // `obj`, or the first after it that has a reference. Those that have none entered
+    // while others were waited for, as if after the walk.
+    static CMN_GuardedRef* held(CMN_GuardedRef* obj) {
+        while (obj != nullptr && obj->references() == 0) {
             obj = obj->next;
         }
-        return obj == nullptr;
+        return obj;
+    }
+
+private:
+    // `wanted` may be gone, so it is looked for before it is looked at.
+    static bool isUnheld(const CMN_ObjectManager& registry, const CMN_GuardedRef* wanted) {
+        const CMN_GuardedRef* obj = registry.head;
+        while (obj != nullptr && obj != wanted) {
+            obj = obj->next;
+        }
+        return obj != nullptr && obj->references() == 0;
     }
 
     CMN_RecursiveMutex& lock_;
@@ -74,38 +98,37 @@ DummyHolder* CMN_ObjectManager::getObj() {
 
 void CMN_ObjectManager::init(CMN_ObjectManager* parent) {
     while (DummyHolder* const pinned = parent->getObj()) {
-        CMN_Guard* const guard = pinned->object()->getGuard();
-        for (;;) {
-            while (guard != nullptr && guard->calls() != 0) {
-                sched_yield();
-            }
-            // The registry lock comes before the guard's mutex, as in the walks.
-            const CMN_Entered entered(*parent->lock);
-            if (guard == nullptr) {
-                handOver(*pinned);
-                break;
-            }
-            guard->lock();
-            const bool idle = guard->calls() == 0;
-            if (idle) {
-                handOver(*pinned);
-            }
-            guard->unlock();
-            if (idle) {
-                break;
-            }
+        while (!parent->handOver(*pinned)) {
+            sched_yield();
         }
         pinned->die();
     }
 }
 
-// The pin stays: with the last reference `obj` would go while its lock is held.
-void CMN_ObjectManager::handOver(const DummyHolder& pinned) {
+// Redirects the holders of an object of this registry, unless a call or a release is
+// in progress. The registry's lock comes before the guard's mutex, as in the walks.
+// The pin stays: with the last reference the object would go while its own lock is
+// held. What nothing but the pin holds gets no successor, for nobody would keep it.
+bool CMN_ObjectManager::handOver(const DummyHolder& pinned) {
     CMN_GuardedRef& obj = *pinned.object();
-    CMN_GuardedRef* const successor = MakeObject(obj.getType(), obj);
-    obj.lockHolderList();
-    CMN_GuardedRef::redirectHolders(successor, obj._getHolders(), pinned.holder());
-    obj.unlockHolderList();
+    CMN_Guard* const guard = obj.getGuard();
+    if (guard != nullptr && guard->calls() != 0) {
+        return false;
+    }
+    const CMN_Entered entered(*lock);
+    std::unique_lock<CMN_Mutex> callsWait;
+    if (guard != nullptr) {
+        callsWait = std::unique_lock<CMN_Mutex>(*guard);
+        if (guard->calls() != 0) {
+            return false;
+        }
+    }
+    const CMN_Entered holdersStay(obj.holderMutex);
+    if (obj.holders.size() > 1) {
+        CMN_GuardedRef* const successor = MakeObject(obj.getType(), obj);
+        CMN_GuardedRef::redirectHolders(successor, obj.holders, pinned.holder());
+    }
+    return true;
 }
 
 template <class Test>
@@ -165,16 +188,24 @@ private:
     std::vector<CMN_GuardedRef*> objects_;
 };
 
+namespace {
+
+DummyHolder* pin(CMN_GuardedRef* obj) {
+    return obj == nullptr ? nullptr : new DummyHolder(obj);
+}
+
+}  // namespace
+
 // The object that is visited and the one after it are pinned, so that whatever a
 // visit lets go of, the walk can go on.
 template <class Visit>
 void CMN_ObjectManager::forEachPinned(Visit visit) {
     Orphans orphans;
     const Settled settled(*this);
-    DummyHolder* current = head == nullptr ? nullptr : new DummyHolder(head);
+    DummyHolder* current = pin(Settled::held(head));
     while (current != nullptr) {
         CMN_GuardedRef& obj = *current->object();
-        DummyHolder* const following = obj.next == nullptr ? nullptr : new DummyHolder(obj.next);
+        DummyHolder* const following = pin(Settled::held(obj.next));
         visit(obj, current->holder());
         if (obj.references() == 1) {
             orphans.adopt(obj);

@@ -4,11 +4,11 @@
 // when a module is replaced or unloaded, through the exported functions of
 // cmn/objmgrfunc.h. Any thread may call any operation; walks exclude each other
 // and every change of a reference count of the module. Before a walk begins, it
-// waits, without the lock, until no object of the registry is without a
-// reference: such an object is still being handed to its first holder, or its last
-// holder has just let go, and the thread that does either needs the lock. So the
-// caller of a walk must neither own that lock nor have such an object itself. What
-// a walk leaves without holders is destroyed after it, without the lock.
+// waits, without the lock, for the objects that have no reference: such an object is
+// still being handed to its first holder, or its last holder has just let go, and the
+// thread that does either needs the lock. So the caller of a walk must neither own
+// that lock nor have such an object itself. What a walk leaves without holders is
+// destroyed after it, without the lock.
 //
 // The order of fields and of virtual operations is a binary contract between
 // modules.
@@ -41,8 +41,8 @@ public:
     // with die().
     DummyHolder* getObj();
 
-    // Takes over every object of `parent`: makes a successor of each with
-    // MakeObject(), redirects all its holders to the successor, or to nothing when
+    // Takes over every object of `parent`: makes a successor of each that is held,
+    // with MakeObject(), redirects all its holders to the successor, or to nothing when
     // there is none, and lets the old object go. Waits until no call and no
     // release is in progress on the object. Does not end while an object of
     // `parent` survives without holders: a plain reference is the host's to drop.
@@ -67,7 +67,7 @@ private:
     static int detachHolders(CMN_GuardedRef& obj, Test test);
     class Settled;
     class Orphans;
-    static void handOver(const DummyHolder& pinned);
+    bool handOver(const DummyHolder& pinned);
 
     CMN_Mutex unused;  // part of the layout; nothing locks it
     // Shared with the reference counts, so a walk sees counts that stand still.

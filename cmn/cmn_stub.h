@@ -50,12 +50,19 @@ private:
     CMN_Guard* guard;
 };
 
-// The guard lock of a call through a holder: keeps the object held from being
-// replaced, so it is read after this.
+// The guard lock of a call through a holder; gives the object to call, or null.
 class CMN_EXPORT GuardLockVar : public GuardLock {
 public:
-    explicit GuardLockVar(const CMN_GRPHolder& holder)
-        : GuardLock(AlreadyRaised{holder.raiseGuard()}) {}
+    template <class T>
+    GuardLockVar(const CMN_GRefPtr<T>& holder, T*& target) : GuardLock(raise(holder, target)) {}
+
+private:
+    template <class T>
+    static AlreadyRaised raise(const CMN_GRefPtr<T>& holder, T*& target) {
+        AlreadyRaised raised{};
+        target = holder.raise(raised.guard);
+        return raised;
+    }
 };
 
 // Calls `operation` of the object that `ref` holds, with its guard raised, also
@@ -67,8 +74,8 @@ auto forwardTo(const CMN_GRefPtr<T>& ref, Missing missing, Operation operation)
     if (ref.get() == nullptr) {
         return missing();
     }
-    const GuardLockVar raised(ref);
-    T* const target = ref.get();
+    T* target = nullptr;
+    const GuardLockVar raised(ref, target);
     if (target == nullptr) {
         return missing();
     }

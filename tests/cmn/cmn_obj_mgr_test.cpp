@@ -663,20 +663,27 @@ TEST_F(TakeOverTest, GuardThatADestructionLeftRaisedHoldsUpTheNextObject) {
 }
 
 TEST_F(TakeOverTest, DoesNotEndBeforePlainReferencesAreDropped) {
+    makeSuccessors();
     TestObject* const old = makeOld("a");
     old->addReference();
-    std::atomic<int> rounds{0};
-    successorOf = [&](unsigned int, CMN_GuardedRef&) {
-        ++rounds;
-        return nullptr;
-    };
-    std::thread taking([this] { ObjectManager.init(&earlier); });
-    while (rounds < 3) {
+    Holder own(old);
+    std::atomic<bool> done{false};
+    std::thread taking([&] {
+        ObjectManager.init(&earlier);
+        done = true;
+    });
+    while (own.get() == old) {
         std::this_thread::yield();
     }
+    for (int i = 0; i < 1000; ++i) {
+        std::this_thread::yield();
+        ASSERT_FALSE(done);
+    }
+    EXPECT_EQ("new a", own.get()->name());
     old->remReference();
     taking.join();
     EXPECT_THAT(log, ElementsAre("~a"));
+    EXPECT_THAT(registered(), ElementsAre("new a"));  // one successor, not one a round
 }
 
 }  // namespace

@@ -86,13 +86,16 @@ TEST_F(StubTest, GuardLockRaisesForAScope) {
 
 TEST_F(StubTest, GuardLockVarRaisesTheGuardOfWhatAHolderHolds) {
     CMN_GRefPtr<TestObject> holder;
+    TestObject* target = service;
     {
-        const GuardLockVar nothing(holder);
+        const GuardLockVar nothing(holder, target);
+        EXPECT_EQ(nullptr, target);
         EXPECT_EQ(0, guard->calls());
     }
     holder = service;
     {
-        const GuardLockVar raised(holder);
+        const GuardLockVar raised(holder, target);
+        EXPECT_EQ(service, target);
         EXPECT_EQ(1, guard->calls());
     }
     EXPECT_EQ(0, guard->calls());
