@@ -1,7 +1,4 @@
 // The folder tree of the database.
-#include <string>
-
-#include "cmn/no_throw.h"
 #include "os/files.h"
 #include "service/s_filestore_mm.h"
 
@@ -39,16 +36,18 @@ bool make(const char* folder) {
 // was interrupted between its two renames. An empty root in its place would hide
 // it for good, so a name that cannot be examined ends in failure.
 bool makeRoot() {
-    if (os::presence(kRoot) == os::Presence::kAbsent) {
-        switch (os::presence(kPrevious)) {
-            case os::Presence::kPresent:
-                (void)os::rename(kPrevious, kRoot);
-                return isThere(kRoot);
-            case os::Presence::kUnknown:
-                return false;
-            case os::Presence::kAbsent:
-                break;
-        }
+    const os::Presence root = os::presence(kRoot);
+    if (root != os::Presence::kAbsent) {
+        return root == os::Presence::kPresent;
+    }
+    switch (os::presence(kPrevious)) {
+        case os::Presence::kPresent:
+            (void)os::rename(kPrevious, kRoot);
+            return isThere(kRoot);
+        case os::Presence::kUnknown:
+            return false;
+        case os::Presence::kAbsent:
+            break;
     }
     return make(kRoot);
 }

@@ -5,6 +5,8 @@
 #include "cmn/wipe.h"
 #include "service/password_record.h"
 #include "service/s_filestore_mm.h"
+#include "store/record_disk.h"
+#include "store/rw_locker.h"
 
 PasswordDigest::~PasswordDigest() {
     wipe(bytes, sizeof bytes);
@@ -15,18 +17,37 @@ bool PasswordDigest::compute(const char* password) {
                           static_cast<unsigned int>(std::strlen(password))) == 1;
 }
 
+namespace {
+
+constexpr const char* kFolder = "./db";
+
+// An interrupted write may have left the record under its saved name: it is put
+// back then, before anybody takes the database for one without password. False
+// when that cannot be told or not be done.
+bool repaired(const aFileStore& record) {
+    const os::ReadLock locked(&RWLocker::m_RWMutex);
+    return tryCorrectName(kFolder, record.getFileName()) == kOk;
+}
+
+}  // namespace
+
 Status FileStoreSrv::checkPwd(const char* candidate) {
     if (candidate == nullptr) {
         return kInvalid;
     }
     return noThrow([&] {
         aFileStore record;
-        if (record.target() == nullptr || record.setFolderName("./db") != kOk ||
+        if (record.target() == nullptr || record.setFolderName(kFolder) != kOk ||
             record.setName(kPasswordRecord) != kOk) {
             return kNotOpen;  // whether the database has a password cannot be told
         }
         if (record.isExist() == 0) {
-            return *candidate == '\0' ? kOk : kWrongPassword;
+            if (!repaired(record)) {
+                return kNotOpen;
+            }
+            if (record.isExist() == 0) {
+                return *candidate == '\0' ? kOk : kWrongPassword;
+            }
         }
         if (record.read() != kOk) {
             return kNotOpen;

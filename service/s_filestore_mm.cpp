@@ -110,19 +110,26 @@ Status FileStoreSrv::open(const char* candidate) {
         if (key.target() == nullptr) {
             return kIo;
         }
-        aCryptoEncoder encrypting = ownEncoder();
-        if (const Status status = encrypting.setKey(key); status != kOk) {
-            return status;
-        }
-        const Status status = ownDecoder().setKey(key);
-        if (status != kOk) {
-            aBuf none = noBuffer();
-            (void)encrypting.setKey(none);  // removing a key cannot fail
+        if (const Status status = setKeys(key); status != kOk) {
             return status;
         }
         opened.store(1, std::memory_order_relaxed);
         return kOk;
     });
+}
+
+// Both ciphers get the key, or the encoder loses it again.
+Status FileStoreSrv::setKeys(aBuf& key) {
+    aCryptoEncoder encrypting = ownEncoder();
+    if (const Status status = encrypting.setKey(key); status != kOk) {
+        return status;
+    }
+    const Status status = noThrow([&] { return ownDecoder().setKey(key); });
+    if (status != kOk) {
+        aBuf none = noBuffer();
+        (void)encrypting.setKey(none);  // removing a key cannot fail
+    }
+    return status;
 }
 
 Status FileStoreSrv::close() {
@@ -135,8 +142,12 @@ Status FileStoreSrv::dropKeys() {
             return kClosed;
         }
         aBuf none = noBuffer();
-        (void)ownEncoder().setKey(none);
-        (void)ownDecoder().setKey(none);
+        {
+            // Not through handles of their own: those need memory.
+            const CMN_Locked locked(coders);
+            (void)encoder.setKey(none);
+            (void)decoder.setKey(none);
+        }
         opened.store(0, std::memory_order_relaxed);
         return kOk;
     });

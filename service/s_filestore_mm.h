@@ -105,6 +105,7 @@ public:
 private:
     class Recryption;
 
+    CMN_HIDDEN Status setKeys(aBuf& key);
     CMN_HIDDEN Status dropKeys();
     CMN_HIDDEN aCryptoEncoder ownEncoder();
     CMN_HIDDEN aCryptoDecoder ownDecoder();

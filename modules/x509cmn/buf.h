@@ -7,7 +7,7 @@
 
 #include "api/t_buf.h"
 #include "cmn/status.h"
-#include "modules/common/secret_bytes.h"
+#include "modules/common/wiped_bytes.h"
 
 class Buf final : public TBuf {
 public:
@@ -36,7 +36,7 @@ public:
 private:
     Status assign(std::span<const unsigned char> bytes) noexcept;
 
-    SecretBytes bytes_;  // never more than fits an unsigned int
+    WipedBytes bytes_;  // never more than fits an unsigned int
 };
 
 #endif  // MODULES_X509CMN_BUF_H

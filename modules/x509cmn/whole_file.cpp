@@ -45,13 +45,13 @@ os::File createBeside(const std::string& folder, std::string& name) {
 
 }  // namespace
 
-Status loadWhole(const char* path, std::size_t most, SecretBytes& into) noexcept {
+Status loadWhole(const char* path, std::size_t most, WipedBytes& into) noexcept {
     os::File file;
     off_t size = 0;
     if (os::openRegular(path, file, size) != os::Opened::kRegular) {
         return kMissing;
     }
-    SecretBytes bytes;
+    WipedBytes bytes;
     if (static_cast<std::make_unsigned_t<off_t>>(size) > most ||
         !bytes.reset(static_cast<std::size_t>(size))) {
         return kNoMemory;

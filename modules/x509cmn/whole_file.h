@@ -6,13 +6,13 @@
 #include <span>
 
 #include "cmn/status.h"
-#include "modules/common/secret_bytes.h"
+#include "modules/common/wiped_bytes.h"
 
 // Replaces `into` by the file's bytes; on failure `into` is what it was.
 //   kMissing   there is no regular file of that name that can be opened
 //   kNoMemory  the file has more than `most` bytes, or memory has run out
 //   kIo        it could not be read, or changed its size meanwhile
-[[nodiscard]] Status loadWhole(const char* path, std::size_t most, SecretBytes& into) noexcept;
+[[nodiscard]] Status loadWhole(const char* path, std::size_t most, WipedBytes& into) noexcept;
 
 // Makes `bytes` the file's content, durably, and the owner the only one who may
 // read it. Throws std::bad_alloc. On kIo the file is, as a whole, the old one, or

@@ -17,7 +17,7 @@ GOOD = [
     ("modules/pkcs5/pbes.cpp", '"modules/pkcs5/pbes.h"'),
     ("modules/pkcs5/pbes.cpp", "<openssl/evp.h>"),
     ("modules/pkcs5/pbes.cpp", '"modules/common/module_entry.h"'),
-    ("modules/common/module_entry.h", '"modules/common/secret_bytes.h"'),
+    ("modules/common/module_entry.h", '"modules/common/wiped_bytes.h"'),
     ("fstore/main.cpp", '"host/module_manager.h"'),
     ("tests/store/filefunc_test.cpp", '"service/db_folders.h"'),
     ("tests/store/filefunc_test.cpp", "<unistd.h>"),

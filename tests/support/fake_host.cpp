@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "cmn/id_type.h"
+#include "tests/support/alloc_fault.h"
 
 namespace {
 
@@ -73,6 +74,7 @@ CMN_Guard* FakeHost::currentGuard() {
     if (!makeGuards_) {
         return chosen_;
     }
+    const fault::AllocationPause pause;
     auto* const guard = new CMN_Guard;
     guard->addReference();
     const std::lock_guard locked(mutex_);
@@ -93,6 +95,7 @@ void FakeHost::releaseModule(const TypifiedID& module, const TypifiedID& asker) 
 
 void FakeHost::record(const char* what, const TypifiedID& module, const TypifiedID& asker,
                       int uses) {
+    const fault::AllocationPause pause;
     const unsigned int id = numberOf(module);
     std::string line =
         std::string(what) + ' ' + std::to_string(id) + " by " + std::to_string(numberOf(asker));

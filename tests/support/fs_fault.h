@@ -57,6 +57,7 @@ public:
         return calls;
     }
     constexpr bool has(Call call) const { return (bits_ & bit(call)) != 0; }
+    constexpr void add(Call call) { bits_ |= bit(call); }
 
 private:
     static constexpr std::uint32_t bit(Call call) { return 1U << static_cast<unsigned>(call); }

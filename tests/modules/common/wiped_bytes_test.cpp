@@ -1,4 +1,4 @@
-#include "modules/common/secret_bytes.h"
+#include "modules/common/wiped_bytes.h"
 
 #include <cstring>
 #include <limits>
@@ -17,19 +17,19 @@ std::span<const unsigned char> bytesOf(const std::string& text) {
     return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
 }
 
-std::string textOf(const SecretBytes& bytes) {
+std::string textOf(const WipedBytes& bytes) {
     return {bytes.view().begin(), bytes.view().end()};
 }
 
 // What stands in the memory behind the contents, where nothing may be left.
-bool restIsClean(const SecretBytes& bytes) {
+bool restIsClean(const WipedBytes& bytes) {
     const std::string whole(bytes.data(), bytes.data() + bytes.capacity());
     return whole.find(support::kMarker) == std::string::npos;
 }
 
 // Made in place: a copy elsewhere would be found there.
-SecretBytes secret(std::size_t size) {
-    SecretBytes made;
+WipedBytes secret(std::size_t size) {
+    WipedBytes made;
     EXPECT_TRUE(made.reset(size));
     std::memset(made.data(), 'x', size);
     std::memcpy(made.data() + size / 2, support::kMarker, sizeof support::kMarker - 1);
@@ -42,49 +42,49 @@ TEST(SecretHeapTest, SeesAFreedSecret) {
     EXPECT_LT(before, freedWithMarker());
 }
 
-TEST(SecretBytesTest, StartsWithNothing) {
-    const SecretBytes none;
+TEST(WipedBytesTest, StartsWithNothing) {
+    const WipedBytes none;
     EXPECT_TRUE(none.empty());
     EXPECT_EQ(0U, none.capacity());
     EXPECT_EQ(nullptr, none.data());
 }
 
-TEST(SecretBytesTest, FreedMemoryHoldsNoTrace) {
+TEST(WipedBytesTest, FreedMemoryHoldsNoTrace) {
     const long before = freedWithMarker();
-    { const SecretBytes destroyed = secret(100); }
+    { const WipedBytes destroyed = secret(100); }
     {
-        SecretBytes cleared = secret(5000);
+        WipedBytes cleared = secret(5000);
         cleared.clear();
         EXPECT_TRUE(cleared.empty());
     }
     {
-        SecretBytes grown = secret(100);
+        WipedBytes grown = secret(100);
         ASSERT_TRUE(grown.append(bytesOf(std::string(1000, 'y'))));
         EXPECT_EQ(1100U, grown.size());
     }
     {
-        SecretBytes replaced = secret(100);
+        WipedBytes replaced = secret(100);
         ASSERT_TRUE(replaced.assign(bytesOf(std::string(1000, 'y'))));
         EXPECT_EQ(std::string(1000, 'y'), textOf(replaced));
     }
     {
-        SecretBytes assigned = secret(100);
+        WipedBytes assigned = secret(100);
         assigned = secret(200);
         EXPECT_EQ(200U, assigned.size());
     }
     EXPECT_EQ(before, freedWithMarker());
 }
 
-TEST(SecretBytesTest, WhatIsCutOffLeavesNoTrace) {
+TEST(WipedBytesTest, WhatIsCutOffLeavesNoTrace) {
     const std::string text = std::string("ab") + support::kMarker;
 
-    SecretBytes back;
+    WipedBytes back;
     ASSERT_TRUE(back.assign(bytesOf(text)));
     back.dropBack(sizeof support::kMarker - 1);
     EXPECT_EQ("ab", textOf(back));
     EXPECT_TRUE(restIsClean(back));
 
-    SecretBytes front;
+    WipedBytes front;
     ASSERT_TRUE(front.assign(bytesOf(support::kMarker + text)));
     front.dropFront(text.size());
     EXPECT_EQ(support::kMarker, textOf(front));
@@ -92,38 +92,38 @@ TEST(SecretBytesTest, WhatIsCutOffLeavesNoTrace) {
     EXPECT_EQ(">>", textOf(front));
     EXPECT_TRUE(restIsClean(front));
 
-    SecretBytes overwritten;
+    WipedBytes overwritten;
     ASSERT_TRUE(overwritten.assign(bytesOf(text)));
     ASSERT_TRUE(overwritten.assign(bytesOf("c")));
     EXPECT_EQ("c", textOf(overwritten));
     EXPECT_TRUE(restIsClean(overwritten));
 
-    SecretBytes reset;
+    WipedBytes reset;
     ASSERT_TRUE(reset.assign(bytesOf(text)));
     ASSERT_TRUE(reset.reset(1));
     EXPECT_EQ(1U, reset.size());
     EXPECT_TRUE(restIsClean(reset));
 }
 
-TEST(SecretBytesTest, TakesPartsOfItself) {
+TEST(WipedBytesTest, TakesPartsOfItself) {
     for (const std::size_t size : {4U, 100U, 128U, 5000U}) {  // with and without room to spare
         SCOPED_TRACE(size);
         const std::string text(size, 'z');
 
-        SecretBytes doubled;
+        WipedBytes doubled;
         ASSERT_TRUE(doubled.assign(bytesOf(text)));
         ASSERT_TRUE(doubled.append(doubled.view()));
         EXPECT_EQ(text + text, textOf(doubled));
 
-        SecretBytes shortened;
+        WipedBytes shortened;
         ASSERT_TRUE(shortened.assign(bytesOf(text + "tail")));
         ASSERT_TRUE(shortened.assign(shortened.view().subspan(2)));
         EXPECT_EQ(text.substr(2) + "tail", textOf(shortened));
     }
 }
 
-TEST(SecretBytesTest, RefusesWhatMemoryCannotHold) {
-    SecretBytes bytes = secret(100);
+TEST(WipedBytesTest, RefusesWhatMemoryCannotHold) {
+    WipedBytes bytes = secret(100);
     const std::string before = textOf(bytes);
     // Nothing is read of what does not fit. Opaque, or the compiler objects.
     volatile const std::size_t most = std::numeric_limits<std::size_t>::max();
@@ -137,8 +137,8 @@ TEST(SecretBytesTest, RefusesWhatMemoryCannotHold) {
 }
 
 // A frame is a header, a message and a trailer: the message goes to its place once.
-TEST(SecretBytesTest, GrowsWithRoomToSpare) {
-    SecretBytes frame;
+TEST(WipedBytesTest, GrowsWithRoomToSpare) {
+    WipedBytes frame;
     ASSERT_TRUE(frame.append(bytesOf(std::string(13, 'h'))));
     ASSERT_TRUE(frame.append(bytesOf(std::string(2048, 'm'))));
     const unsigned char* const place = frame.data();
@@ -146,15 +146,15 @@ TEST(SecretBytesTest, GrowsWithRoomToSpare) {
     EXPECT_EQ(place, frame.data());
 }
 
-TEST(SecretBytesTest, MovedFromHoldsNothing) {
-    SecretBytes from = secret(50);
+TEST(WipedBytesTest, MovedFromHoldsNothing) {
+    WipedBytes from = secret(50);
     const std::string text = textOf(from);
-    SecretBytes to(std::move(from));
+    WipedBytes to(std::move(from));
     EXPECT_EQ(text, textOf(to));
     EXPECT_TRUE(from.empty());  // NOLINT(bugprone-use-after-move): the promise under test
     from = std::move(to);
     EXPECT_EQ(text, textOf(from));
-    SecretBytes& self = from;
+    WipedBytes& self = from;
     from = std::move(self);
     EXPECT_EQ(text, textOf(from));
 }

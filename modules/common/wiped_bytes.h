@@ -1,10 +1,11 @@
 // Bytes in memory that holds no trace of them once they are gone: it is wiped
 // when it is freed, and where contents are cut off, moved or overwritten.
 //
-// Nothing here throws. What needs memory answers true, or false and changes
-// nothing. One thread's at a time; any number may read.
-#ifndef MODULES_COMMON_SECRET_BYTES_H
-#define MODULES_COMMON_SECRET_BYTES_H
+// Made for buffers of up to 4 GiB: nothing throws, what is about to be filled is
+// not zeroed first, and what grows has room to spare. Whatever needs memory answers
+// true, or false and changes nothing. One thread's at a time; any number may read.
+#ifndef MODULES_COMMON_WIPED_BYTES_H
+#define MODULES_COMMON_WIPED_BYTES_H
 
 #include <algorithm>
 #include <cstddef>
@@ -16,21 +17,21 @@
 
 #include "cmn/wipe.h"
 
-class SecretBytes {
+class WipedBytes {
 public:
-    SecretBytes() noexcept = default;
-    SecretBytes(SecretBytes&& other) noexcept
+    WipedBytes() noexcept = default;
+    WipedBytes(WipedBytes&& other) noexcept
         : bytes_(std::exchange(other.bytes_, nullptr)),
           size_(std::exchange(other.size_, 0)),
           capacity_(std::exchange(other.capacity_, 0)) {}
-    SecretBytes& operator=(SecretBytes&& other) noexcept {
-        SecretBytes old(std::move(other));
+    WipedBytes& operator=(WipedBytes&& other) noexcept {
+        WipedBytes old(std::move(other));
         swap(old);
         return *this;
     }
-    ~SecretBytes() { clear(); }
+    ~WipedBytes() { clear(); }
 
-    void swap(SecretBytes& other) noexcept {
+    void swap(WipedBytes& other) noexcept {
         std::swap(bytes_, other.bytes_);
         std::swap(size_, other.size_);
         std::swap(capacity_, other.capacity_);
@@ -46,19 +47,20 @@ public:
 
     // Replaces the contents. `bytes` may be part of them.
     [[nodiscard]] bool assign(std::span<const unsigned char> bytes) noexcept {
-        if (bytes.size() > capacity_) {
-            SecretBytes fresh;
+        if (bytes.empty()) {
+            dropBack(size_);
+            return true;
+        }
+        if (bytes_ == nullptr || bytes.size() > capacity_) {
+            WipedBytes fresh;
             if (!fresh.allocate(bytes.size())) {
                 return false;
             }
-            std::memcpy(fresh.bytes_, bytes.data(), bytes.size());
-            fresh.size_ = bytes.size();
+            fresh.addInPlace(bytes);
             swap(fresh);
             return true;
         }
-        if (!bytes.empty()) {
-            std::memmove(bytes_, bytes.data(), bytes.size());
-        }
+        std::memmove(bytes_, bytes.data(), bytes.size());
         if (bytes.size() < size_) {
             dropBack(size_ - bytes.size());
         }
@@ -72,12 +74,12 @@ public:
         if (bytes.empty()) {
             return true;
         }
-        if (bytes.size() > capacity_ - size_) {
+        if (bytes_ == nullptr || bytes.size() > capacity_ - size_) {
             if (bytes.size() > kMost - size_) {
                 return false;
             }
             const std::size_t needed = size_ + bytes.size();
-            SecretBytes fresh;
+            WipedBytes fresh;
             if (!fresh.allocate(needed + needed / 2) && !fresh.allocate(needed)) {
                 return false;
             }
@@ -95,8 +97,8 @@ public:
 
     // Replaces the contents by `size` bytes of no particular value.
     [[nodiscard]] bool reset(std::size_t size) noexcept {
-        if (size > capacity_) {
-            SecretBytes fresh;
+        if (bytes_ == nullptr || size > capacity_) {
+            WipedBytes fresh;
             if (!fresh.allocate(size)) {
                 return false;
             }
@@ -117,13 +119,17 @@ public:
         }
     }
     void dropBack(std::size_t count) noexcept {
-        size_ -= count;
-        wipe(bytes_ + size_, count);
+        if (count != 0) {
+            size_ -= count;
+            wipe(bytes_ + size_, count);
+        }
     }
 
     // Drops the contents and their memory.
     void clear() noexcept {
-        wipe(bytes_, size_);  // beyond the contents nothing was left behind
+        if (bytes_ != nullptr) {
+            wipe(bytes_, size_);  // beyond the contents nothing was left behind
+        }
         delete[] bytes_;
         bytes_ = nullptr;
         size_ = capacity_ = 0;
@@ -157,4 +163,4 @@ private:
     std::size_t capacity_ = 0;
 };
 
-#endif  // MODULES_COMMON_SECRET_BYTES_H
+#endif  // MODULES_COMMON_WIPED_BYTES_H

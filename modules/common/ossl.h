@@ -1,0 +1,55 @@
+// Owners of OpenSSL's objects, and a scope that keeps its errors to itself.
+#ifndef MODULES_COMMON_OSSL_H
+#define MODULES_COMMON_OSSL_H
+
+#include <memory>
+
+#include <openssl/bn.h>
+#include <openssl/decoder.h>
+#include <openssl/ec.h>
+#include <openssl/encoder.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/kdf.h>
+#include <openssl/param_build.h>
+
+namespace ossl {
+
+template <auto Free>
+struct FreeWith {
+    template <class T>
+    void operator()(T* object) const noexcept {
+        Free(object);
+    }
+};
+template <class T, auto Free>
+using Owner = std::unique_ptr<T, FreeWith<Free>>;
+
+using Cipher = Owner<EVP_CIPHER, EVP_CIPHER_free>;
+using CipherCtx = Owner<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free>;
+using Kdf = Owner<EVP_KDF, EVP_KDF_free>;
+using KdfCtx = Owner<EVP_KDF_CTX, EVP_KDF_CTX_free>;
+using MdCtx = Owner<EVP_MD_CTX, EVP_MD_CTX_free>;
+using Pkey = Owner<EVP_PKEY, EVP_PKEY_free>;
+using PkeyCtx = Owner<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
+using Decoder = Owner<OSSL_DECODER_CTX, OSSL_DECODER_CTX_free>;
+using Encoder = Owner<OSSL_ENCODER_CTX, OSSL_ENCODER_CTX_free>;
+using ParamBuilder = Owner<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>;
+using Params = Owner<OSSL_PARAM, OSSL_PARAM_free>;
+using Group = Owner<EC_GROUP, EC_GROUP_free>;
+using Point = Owner<EC_POINT, EC_POINT_free>;
+using Number = Owner<BIGNUM, BN_clear_free>;
+
+// Errors that happen while it lives do not stay in the thread's queue, where the
+// host's own use of OpenSSL would take them for its own.
+class QuietErrors {
+public:
+    QuietErrors() noexcept { ERR_set_mark(); }
+    QuietErrors(const QuietErrors&) = delete;
+    QuietErrors& operator=(const QuietErrors&) = delete;
+    ~QuietErrors() { ERR_pop_to_mark(); }
+};
+
+}  // namespace ossl
+
+#endif  // MODULES_COMMON_OSSL_H

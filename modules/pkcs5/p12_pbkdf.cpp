@@ -1,0 +1,125 @@
+#include "modules/pkcs5/p12_pbkdf.h"
+
+#include <cstring>
+#include <memory>
+#include <span>
+
+#include <openssl/evp.h>
+
+#include "client/cmn_abuf.h"
+#include "client/pkixkeyclnt.h"
+#include "cmn/cmn_stub.h"
+#include "modules/common/last_status.h"
+#include "modules/common/ossl.h"
+#include "modules/pkcs5/derive.h"
+
+namespace {
+
+constexpr pki_alg_t kDigests[] = {PKI_ALG_SHA1, PKI_ALG_SHA256};
+constexpr unsigned int kMostKeyLength = 64;  // the longest key, vector or MAC key in use
+
+bool appendNumber(WipedBytes& to, unsigned int number) {
+    unsigned char bytes[sizeof number];
+    std::memcpy(bytes, &number, sizeof number);
+    return to.append(bytes);
+}
+
+// What stands for a derivation in a map: a digest of all that it depends on, so
+// that the map tells no password. Lengths come first, so no two inputs read alike.
+Status nameOf(const KdfParameters& parameters, P12PBKDF::target purpose,
+              std::unique_ptr<TBuf>& name) {
+    WipedBytes text;
+    for (const unsigned int number :
+         {static_cast<unsigned int>(parameters.firstAlg()), static_cast<unsigned int>(purpose),
+          parameters.iterations(), parameters.keyLength(),
+          static_cast<unsigned int>(parameters.password().size())}) {
+        if (!appendNumber(text, number)) {
+            return kNoMemory;
+        }
+    }
+    if (!text.append(parameters.password()) || !text.append(parameters.salt())) {
+        return kNoMemory;
+    }
+    unsigned char digest[32];
+    std::size_t size = 0;
+    if (EVP_Q_digest(nullptr, "SHA256", nullptr, text.data(), text.size(), digest, &size) != 1) {
+        return kIo;
+    }
+    name.reset(createTBuf(digest, static_cast<unsigned int>(size)));
+    return name != nullptr ? kOk : kNoObject;
+}
+
+}  // namespace
+
+P12Pbkdf::P12Pbkdf() : P12PBKDF(kType), parameters_({kDigests, {}, 1, kMostKeyLength, 1}) {}
+
+Status P12Pbkdf::select(param selector) {
+    return recorded([&] { return parameters_.select(selector); });
+}
+
+Status P12Pbkdf::supply(TBuf* bytes) {
+    return recorded([&] {
+        if (bytes == nullptr) {
+            return kInvalid;
+        }
+        const GuardLock inUse(bytes->getGuard());
+        return parameters_.supply(std::span<const unsigned char>(bytes->data(), bytes->length()));
+    });
+}
+
+Status P12Pbkdf::supply(unsigned int number) {
+    return recorded([&] { return parameters_.supply(number); });
+}
+
+Status P12Pbkdf::supply(pki_alg_t alg) {
+    return recorded([&] { return parameters_.supply(alg); });
+}
+
+// A map that fails costs a derivation and nothing else.
+Status P12Pbkdf::derive(target purpose, WipedBytes& key) const {
+    if (derived_.get() == nullptr || !parameters_.complete()) {
+        return derivePkcs12(parameters_, purpose, key);
+    }
+    const ossl::QuietErrors quiet;
+    std::unique_ptr<TBuf> name;
+    if (const Status status = nameOf(parameters_, purpose, name); status != kOk) {
+        return status;
+    }
+    const GuardLock inUse(derived_.heldGuard());
+    const std::unique_ptr<TBuf> known(derived_.get()->find(name.get()));
+    if (known != nullptr && known->length() == parameters_.keyLength()) {
+        return key.assign({known->data(), known->length()}) ? kOk : kNoMemory;
+    }
+    if (const Status status = derivePkcs12(parameters_, purpose, key); status != kOk) {
+        return status;
+    }
+    const std::unique_ptr<TBuf> value(
+        createTBuf(key.data(), static_cast<unsigned int>(key.size())));
+    if (value != nullptr) {
+        (void)derived_.get()->add(name.get(), value.get());  // it is derived again then
+    }
+    return kOk;
+}
+
+TKey* P12Pbkdf::getKey(target purpose) {
+    return recordedObject<TKey>([&](std::unique_ptr<TKey>& made) {
+        WipedBytes key;
+        if (const Status status = derive(purpose, key); status != kOk) {
+            return status;
+        }
+        made.reset(pkixKeyClnt.createTKey(TKey::kSymmetric, key.data(),
+                                          static_cast<unsigned int>(key.size())));
+        return made != nullptr ? kOk : kNoObject;
+    });
+}
+
+Status P12Pbkdf::error() {
+    return lastStatus;
+}
+
+Status P12Pbkdf::setHashMap(HashMap* map) {
+    return recorded([&] {
+        derived_ = map;
+        return kOk;
+    });
+}
