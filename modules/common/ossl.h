@@ -12,6 +12,7 @@
 #include <openssl/evp.h>
 #include <openssl/kdf.h>
 #include <openssl/param_build.h>
+#include <openssl/x509.h>
 
 namespace ossl {
 
@@ -32,6 +33,8 @@ using KdfCtx = Owner<EVP_KDF_CTX, EVP_KDF_CTX_free>;
 using MdCtx = Owner<EVP_MD_CTX, EVP_MD_CTX_free>;
 using Pkey = Owner<EVP_PKEY, EVP_PKEY_free>;
 using PkeyCtx = Owner<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
+using Pkcs8 = Owner<PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free>;
+using PublicKeyInfo = Owner<X509_PUBKEY, X509_PUBKEY_free>;
 using Decoder = Owner<OSSL_DECODER_CTX, OSSL_DECODER_CTX_free>;
 using Encoder = Owner<OSSL_ENCODER_CTX, OSSL_ENCODER_CTX_free>;
 using ParamBuilder = Owner<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>;

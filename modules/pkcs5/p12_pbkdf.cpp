@@ -26,8 +26,7 @@ bool appendNumber(WipedBytes& to, unsigned int number) {
 
 // What stands for a derivation in a map: a digest of all that it depends on, so
 // that the map tells no password. Lengths come first, so no two inputs read alike.
-Status nameOf(const KdfParameters& parameters, P12PBKDF::target purpose,
-              std::unique_ptr<TBuf>& name) {
+Status nameOf(const KdfParameters& parameters, P12PBKDF::target purpose, aBuf& name) {
     WipedBytes text;
     for (const unsigned int number :
          {static_cast<unsigned int>(parameters.firstAlg()), static_cast<unsigned int>(purpose),
@@ -45,8 +44,7 @@ Status nameOf(const KdfParameters& parameters, P12PBKDF::target purpose,
     if (EVP_Q_digest(nullptr, "SHA256", nullptr, text.data(), text.size(), digest, &size) != 1) {
         return kIo;
     }
-    name.reset(createTBuf(digest, static_cast<unsigned int>(size)));
-    return name != nullptr ? kOk : kNoObject;
+    return name.set(digest, static_cast<unsigned int>(size));
 }
 
 }  // namespace
@@ -81,22 +79,21 @@ Status P12Pbkdf::derive(target purpose, WipedBytes& key) const {
         return derivePkcs12(parameters_, purpose, key);
     }
     const ossl::QuietErrors quiet;
-    std::unique_ptr<TBuf> name;
+    aBuf name;  // held, as all that is passed on to others
     if (const Status status = nameOf(parameters_, purpose, name); status != kOk) {
         return status;
     }
     const GuardLock inUse(derived_.heldGuard());
-    const std::unique_ptr<TBuf> known(derived_.get()->find(name.get()));
-    if (known != nullptr && known->length() == parameters_.keyLength()) {
-        return key.assign({known->data(), known->length()}) ? kOk : kNoMemory;
+    const aBuf known(derived_.get()->find(name.target()));
+    if (known.target() != nullptr && known.len() == parameters_.keyLength()) {
+        return key.assign({known.datap(), known.len()}) ? kOk : kNoMemory;
     }
     if (const Status status = derivePkcs12(parameters_, purpose, key); status != kOk) {
         return status;
     }
-    const std::unique_ptr<TBuf> value(
-        createTBuf(key.data(), static_cast<unsigned int>(key.size())));
-    if (value != nullptr) {
-        (void)derived_.get()->add(name.get(), value.get());  // it is derived again then
+    const aBuf value(key.data(), static_cast<unsigned int>(key.size()));
+    if (value.target() != nullptr) {
+        (void)derived_.get()->add(name.target(), value.target());  // it is derived again then
     }
     return kOk;
 }

@@ -121,9 +121,9 @@ int Key::compare(TKey* other) const {
         if (other->getType() != type_) {
             return kOk;
         }
-        const std::unique_ptr<TBuf> ours(getKey());
-        const std::unique_ptr<TBuf> theirs(other->getKey());
-        differ = ours == nullptr ? theirs != nullptr : ours->compare(theirs.get());
+        const aBuf ours(getKey());
+        const aBuf theirs(other->getKey());
+        differ = ours.target() == nullptr && theirs.target() == nullptr ? 0 : ours != theirs;
         return kOk;
     });
     return differ;

@@ -24,10 +24,27 @@ const char* structureOf(PkeyForm form) {
     }
 }
 
-ossl::Pkey decode(const char* structure, const char* name, int selection, Bytes bytes) {
+// Each reads all of the bytes or nothing.
+ossl::Pkcs8 pkcs8Of(Bytes bytes) {
+    const unsigned char* next = bytes.data();
+    ossl::Pkcs8 read(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &next, static_cast<long>(bytes.size())));
+    return next == bytes.data() + bytes.size() ? std::move(read) : nullptr;
+}
+
+ossl::PublicKeyInfo publicKeyInfoOf(Bytes bytes) {
+    const unsigned char* next = bytes.data();
+    ossl::PublicKeyInfo read(d2i_X509_PUBKEY(nullptr, &next, static_cast<long>(bytes.size())));
+    return next == bytes.data() + bytes.size() ? std::move(read) : nullptr;
+}
+
+// PKCS#1. The decoder takes other structures too, which are ruled out before.
+ossl::Pkey rsaKey(Bytes bytes, int selection) {
+    if (pkcs8Of(bytes) != nullptr || publicKeyInfoOf(bytes) != nullptr) {
+        return nullptr;
+    }
     EVP_PKEY* decoded = nullptr;
-    const ossl::Decoder decoder(OSSL_DECODER_CTX_new_for_pkey(&decoded, "DER", structure, name,
-                                                              selection, nullptr, nullptr));
+    const ossl::Decoder decoder(OSSL_DECODER_CTX_new_for_pkey(
+        &decoded, "DER", structureOf(PkeyForm::kRaw), "RSA", selection, nullptr, nullptr));
     const unsigned char* next = bytes.data();
     std::size_t left = bytes.size();
     const bool good =
@@ -98,14 +115,15 @@ ossl::Pkey ecKeyOfScalar(const PkeyType& type, Bytes bytes) {
 void readRaw(const PkeyType& type, Bytes bytes, AnyPkey& key) {
     key.isPrivate = true;
     if (type.type == TKey::kRsa) {
-        key.pkey = decode(structureOf(PkeyForm::kRaw), type.name, EVP_PKEY_KEYPAIR, bytes);
+        key.pkey = rsaKey(bytes, EVP_PKEY_KEYPAIR);
         if (key.pkey == nullptr) {
             key.isPrivate = false;
-            key.pkey = decode(structureOf(PkeyForm::kRaw), type.name, EVP_PKEY_PUBLIC_KEY, bytes);
+            key.pkey = rsaKey(bytes, EVP_PKEY_PUBLIC_KEY);
         }
     } else if (bytes.size() != type.scalarBytes) {
         key.isPrivate = false;
-        if (type.curve != 0 && bytes.size() == 1 + 2 * type.scalarBytes) {
+        if (type.curve != 0 && bytes.size() == 1 + 2 * type.scalarBytes &&
+            bytes[0] == POINT_CONVERSION_UNCOMPRESSED) {
             key.pkey = ecKey(type, bytes, nullptr);
         }
     } else if (type.curve != 0) {
@@ -156,18 +174,18 @@ Status privateScalar(const EVP_PKEY* pkey, std::size_t size, WipedBytes& bytes) 
 
 Status readPkey(PkeyForm form, TKey::key_type_t type, Bytes bytes, AnyPkey& key) {
     const ossl::QuietErrors quiet;
-    const PkeyType* const wanted = findPkeyType(type);
-    const char* const name = wanted == nullptr ? nullptr : wanted->name;
     AnyPkey read;
-    if (form == PkeyForm::kRaw) {
-        if (wanted == nullptr) {
-            return kInvalid;
-        }
+    if (form == PkeyForm::kPrivateKeyInfo) {
+        const ossl::Pkcs8 info = pkcs8Of(bytes);
+        read.pkey.reset(info == nullptr ? nullptr : EVP_PKCS82PKEY(info.get()));
+        read.isPrivate = true;
+    } else if (form == PkeyForm::kPublicKeyInfo) {
+        const ossl::PublicKeyInfo info = publicKeyInfoOf(bytes);
+        read.pkey.reset(info == nullptr ? nullptr : X509_PUBKEY_get(info.get()));
+    } else if (const PkeyType* const wanted = findPkeyType(type)) {
         readRaw(*wanted, bytes, read);
     } else {
-        read.isPrivate = form == PkeyForm::kPrivateKeyInfo;
-        read.pkey = decode(structureOf(form), name,
-                           read.isPrivate ? EVP_PKEY_KEYPAIR : EVP_PKEY_PUBLIC_KEY, bytes);
+        return kInvalid;
     }
     if (read.pkey == nullptr) {
         return kMalformed;
