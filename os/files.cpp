@@ -33,6 +33,19 @@ File openFile(const char* path, int flags, mode_t mode) noexcept {
     return File(uninterrupted([&] { return os::open(path, flags | O_CLOEXEC, mode); }));
 }
 
+File createAnew(const char* path) noexcept {
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL;
+    File file = openFile(path, kFlags);
+    if (!file && errno == EEXIST) {
+        const EntryType kind = entryTypeOf(path);
+        const bool goes = kind == EntryType::kFile || kind == EntryType::kOther;
+        if (goes && os::remove(path) == 0) {
+            file = openFile(path, kFlags);
+        }
+    }
+    return file;
+}
+
 Dir openFolder(const char* path) noexcept {
     DIR* stream = os::opendir(path);
     while (stream == nullptr && errno == EINTR) {

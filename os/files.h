@@ -19,6 +19,11 @@ namespace os {
 // created file before the umask, by default the one of fopen().
 [[nodiscard]] File openFile(const char* path, int flags, mode_t mode = 0666) noexcept;
 
+// Creates a file for writing, in place of whatever but a folder has the name: never
+// through a link, and without waiting for the reader of a FIFO. An empty File on
+// failure.
+[[nodiscard]] File createAnew(const char* path) noexcept;
+
 [[nodiscard]] Dir openFolder(const char* path) noexcept;  // an empty Dir on failure
 
 enum class Opened {

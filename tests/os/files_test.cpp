@@ -51,6 +51,43 @@ TEST(OpenFileTest, CreatesWithTheModeThatTheUmaskLeaves) {
     EXPECT_EQ(0640U, status.st_mode & 0777U);
 }
 
+TEST(CreateAnewTest, ReplacesWhateverIsNoFolder) {
+    const TempDir dir;
+    writeFile(dir / "file", "12345");
+    writeFile(dir / "target", "target");
+    ASSERT_EQ(0, ::mkfifo((dir / "fifo").c_str(), 0600));
+    ASSERT_EQ(0, ::symlink("target", (dir / "link").c_str()));
+    ASSERT_EQ(0, ::symlink("nowhere", (dir / "dangling").c_str()));
+    for (const char* const name : {"absent", "file", "fifo", "link", "dangling"}) {
+        SCOPED_TRACE(name);
+        const os::File file = os::createAnew((dir / name).c_str());
+        ASSERT_TRUE(file);
+        struct stat status {};
+        ASSERT_EQ(0, ::lstat((dir / name).c_str(), &status));
+        EXPECT_TRUE(S_ISREG(status.st_mode));
+        EXPECT_EQ(0, status.st_size);
+    }
+    EXPECT_EQ("target", readFile(dir / "target"));
+}
+
+TEST(CreateAnewTest, LeavesAFolderAndWhatItCannotExamine) {
+    const TempDir dir;
+    ASSERT_EQ(0, ::mkdir((dir / "folder").c_str(), 0700));
+    EXPECT_FALSE(os::createAnew((dir / "folder").c_str()));
+    EXPECT_FALSE(os::createAnew((dir / "absent/below").c_str()));
+    writeFile(dir / "file", "12345");
+    for (const Call call : {Call::kLstat, Call::kRemove}) {
+        FailingCall fault(1, EIO, Mode::kOnce, {call});
+        EXPECT_FALSE(os::createAnew((dir / "file").c_str()));
+        EXPECT_TRUE(fault.lift());
+        EXPECT_EQ("12345", readFile(dir / "file"));
+    }
+    FailingCall fault(2, EMFILE, Mode::kOnce, {Call::kOpen});
+    EXPECT_FALSE(os::createAnew((dir / "file").c_str()));
+    EXPECT_TRUE(fault.lift());
+    EXPECT_THAT(openHandles(), IsEmpty());
+}
+
 TEST(OpenRegularTest, TellsWhatIsThere) {
     const TempDir dir;
     writeFile(dir / "file", "12345");

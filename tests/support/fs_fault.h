@@ -94,7 +94,7 @@ public:
     bool lift();       // ends the trouble; true when it has struck
 
 protected:
-    enum class Kind { kFail, kShort, kDie, kUntype };
+    enum class Kind { kFail, kShort, kDie, kUntype, kFind };
 
     Trouble(Kind kind, int nth, Mode mode, Calls calls, int error, std::size_t atMost);
     ~Trouble();
@@ -141,6 +141,14 @@ public:
 class UntypedEntries : public Trouble {
 public:
     UntypedEntries() : Trouble(Kind::kUntype, 1, Mode::kFromThenOn, {Call::kReaddir}, 0, 0) {}
+};
+
+// The next `count` names that access() is asked for are there, whatever the disk says:
+// as many files as nobody wants to make.
+class TakenNames : public Trouble {
+public:
+    explicit TakenNames(int count)
+        : Trouble(Kind::kFind, count, Mode::kFromThenOn, {Call::kAccess}, 0, 0) {}
 };
 
 inline constexpr int kDeath = 77;

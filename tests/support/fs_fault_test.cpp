@@ -188,6 +188,16 @@ TEST(UntypedEntriesTest, HidesTheTypeAndNothingElse) {
     EXPECT_NE(DT_UNKNOWN, typeOfFirst());
 }
 
+TEST(TakenNamesTest, AreAsManyAsAskedFor) {
+    const auto present = [] { return os::access("never made", F_OK) == 0; };
+    fault::TakenNames taken(2);
+    EXPECT_TRUE(present());
+    EXPECT_TRUE(present());
+    EXPECT_FALSE(present());
+    EXPECT_TRUE(taken.lift());
+    EXPECT_FALSE(present());
+}
+
 TEST(DyingCallTest, EndsTheChildBeforeTheCall) {
     const TempDir dir;
     const auto makeThree = [&] {
