@@ -1,6 +1,4 @@
 // A record's body as a file: its bytes, as they are or encrypted, and nothing else.
-#include <fcntl.h>
-
 #include <utility>
 
 #include "cmn/no_throw.h"
@@ -33,7 +31,7 @@ Status FileStore::writeBody(const char* path) {
             return kIo;
         }
         os::TempPath unfinished(path);
-        os::File file = os::openFile(path, O_WRONLY | O_CREAT | O_TRUNC);
+        os::File file = os::createAnew(path);
         const bool written = file && writeBytes(file, bytes);
         if (written || !file) {
             unfinished.commit();  // complete, or nothing was made

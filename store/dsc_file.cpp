@@ -1,7 +1,5 @@
 // A record's descriptor as a file: the text of store/dsc_text.h, its encrypted
 // attributes, and the line that names the body file.
-#include <fcntl.h>
-
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -79,7 +77,7 @@ Status FileStore::renderDSC(const char* bodyFileName, std::string& text) {
 // Leaves the file open and not yet durable; a failure leaves none.
 Status FileStore::writeDscFile(const char* path, const char* bodyFileName, os::File& file) {
     os::TempPath unfinished(path);
-    os::File opened = os::openFile(path, O_WRONLY | O_CREAT | O_TRUNC);
+    os::File opened = os::createAnew(path);
     if (!opened) {
         unfinished.commit();  // nothing was made
         return kIo;

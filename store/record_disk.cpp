@@ -17,6 +17,7 @@
 #include <atomic>
 #include <cerrno>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include "client/s_filestoreC.h"
@@ -31,7 +32,7 @@ std::atomic<unsigned int> static_num{1};
 
 struct FreshName {
     std::string name;
-    bool isFree;  // no file has the name; otherwise nobody looked
+    os::Presence taken;  // by a file; kPresent also when nobody looked
 };
 
 FreshName nextFreshName(const char* folder, const char* suffix) {
@@ -40,22 +41,13 @@ FreshName nextFreshName(const char* folder, const char* suffix) {
     for (int attempt = 1;; ++attempt) {
         std::string name = uniqueName(static_num.fetch_add(1, std::memory_order_relaxed));
         if (attempt == kMostAttempts) {
-            return {std::move(name), false};
+            return {std::move(name), os::Presence::kPresent};
         }
         path = folder == nullptr ? name : joinPath(folder, name);
         path += suffix == nullptr ? "" : suffix;
-        if (os::presence(path.c_str()) == os::Presence::kAbsent) {
-            return {std::move(name), true};
-        }
-    }
-}
-
-// A record of its own must not take the place of another.
-std::string freshRecordName(const char* folder) {
-    for (;;) {
-        FreshName fresh = nextFreshName(folder, kDscSuffix.data());
-        if (fresh.isFree) {
-            return std::move(fresh.name);
+        const os::Presence taken = os::presence(path.c_str());
+        if (taken != os::Presence::kPresent) {
+            return {std::move(name), taken};  // where one cannot be examined, none can
         }
     }
 }
@@ -75,6 +67,26 @@ bool removed(const std::string& path) {
 
 std::string marked(const std::string& name, std::string_view marker) {
     return std::string(name).append(marker);
+}
+
+// A record of its own must not take the place of another, nor of one that a repair
+// will put back there. Empty when that cannot be told.
+std::string freshRecordName(const std::string& folder) {
+    for (;;) {
+        FreshName fresh = nextFreshName(folder.c_str(), kDscSuffix.data());
+        if (fresh.taken == os::Presence::kAbsent) {
+            const std::string descriptor = joinPath(folder, descriptorName(fresh.name));
+            fresh.taken = os::presence(marked(descriptor, kOldMarker).c_str());
+        }
+        switch (fresh.taken) {
+            case os::Presence::kAbsent:
+                return std::move(fresh.name);
+            case os::Presence::kUnknown:
+                return {};
+            case os::Presence::kPresent:
+                break;
+        }
+    }
 }
 
 const FileStore::Attr* findBodyReference(const std::vector<FileStore::Attr>& attrs) {
@@ -103,6 +115,27 @@ void removeBody(const std::string& path) {
     if (!path.empty()) {
         (void)os::remove(path.c_str());  // a body that stays is an orphan, not an error
     }
+}
+
+// Deletes a descriptor and the body that it names, unless that is `kept`.
+Status removeRecord(const std::string& folder, const std::string& descriptor,
+                    std::string_view kept = {}) {
+    return noThrow([&] {
+        if (os::presence(descriptor.c_str()) == os::Presence::kAbsent) {
+            return kMissing;
+        }
+        std::string body;
+        if (const Status status = findBody(folder, descriptor, body); status != kOk) {
+            return status;
+        }
+        if (!removed(descriptor)) {
+            return kIo;
+        }
+        if (body != kept) {
+            removeBody(body);
+        }
+        return kOk;
+    });
 }
 
 bool finish(os::File file, FileStore::Sync sync) {
@@ -186,8 +219,10 @@ Status FileStore::replaceRecord(Sync sync) {
     name = std::move(files.recordName);
     fileName = std::move(files.fileName);
     // kMissing when this was the first write. Should it fail, the saved descriptor is
-    // replaced by the next write and deleted by the next removal.
-    (void)removeObj(folderName.c_str(), marked(fileName, kOldMarker).c_str());
+    // replaced by the next write and deleted by the next removal. An old record whose
+    // body was lost may name the file that has become the new body.
+    const std::string_view newBody = files.bodyPath ? files.bodyPath->path() : std::string_view();
+    (void)removeRecord(folderName, files.saved, newBody);
     return kOk;
 }
 
@@ -202,7 +237,10 @@ Status FileStore::writeNewFiles(NewFiles& files, Sync sync) {
             (void)os::startWriteback(files.body.get());  // a hint; the sync decides
         }
     }
-    files.recordName = name.empty() ? freshRecordName(folderName.c_str()) : name;
+    files.recordName = name.empty() ? freshRecordName(folderName) : name;
+    if (files.recordName.empty()) {
+        return kIo;
+    }
     files.fileName = name.empty() ? descriptorName(files.recordName) : fileName;
     files.descriptor = joinPath(folderName, files.fileName);
     files.saved = marked(files.descriptor, kOldMarker);
@@ -308,17 +346,17 @@ Status FileStore::readFiles(const std::string& path) {
         }
         status = readDSC(path.c_str(), attrs);
     }
-    if (status != kOk) {
-        return status;
-    }
-    bodyFlag = 0;
-    bodyPending = 0;
-    bodyPresent = 0;
+    // Also those before a bad line: the record may be written although it did not read.
     for (Attr& attr : attrs) {
         attr.pending = (attr.type & kFlagEncrypted) != 0 ? 1 : 0;
     }
-    if (const Attr* const reference = findBodyReference(attrs); reference != nullptr) {
-        status = adoptBody(*reference);
+    if (status == kOk) {
+        bodyFlag = 0;
+        bodyPending = 0;
+        bodyPresent = 0;
+        if (const Attr* const reference = findBodyReference(attrs); reference != nullptr) {
+            status = adoptBody(*reference);
+        }
     }
     std::erase_if(attrs, [](const Attr& attr) { return (attr.type & kFlagBody) != 0; });
     return status;
@@ -342,21 +380,7 @@ Status FileStore::removeObj(const char* folder, const char* fileName) {
     if (folder == nullptr || fileName == nullptr) {
         return kInvalid;
     }
-    return noThrow([&] {
-        const std::string path = joinPath(folder, fileName);
-        if (os::presence(path.c_str()) == os::Presence::kAbsent) {
-            return kMissing;
-        }
-        std::string bodyPath;
-        if (const Status status = findBody(folder, path, bodyPath); status != kOk) {
-            return status;
-        }
-        if (!removed(path)) {
-            return kIo;
-        }
-        removeBody(bodyPath);
-        return kOk;
-    });
+    return noThrow([&] { return removeRecord(folder, joinPath(folder, fileName)); });
 }
 
 Status FileStore::remove() {
@@ -384,10 +408,9 @@ Status FileStore::removeFiles() {
         (void)os::rename(deleted.c_str(), path.c_str());
         return kIo;
     }
-    std::string bodyPath;
-    (void)findBody(folderName, deleted, bodyPath);  // an unreadable descriptor goes alone
-    (void)removed(deleted);
-    removeBody(bodyPath);
+    if (removeRecord(folderName, deleted) != kOk) {
+        (void)removed(deleted);  // unreadable, it goes alone
+    }
     (void)os::syncFolder(folderName.c_str());  // nothing comes back that a reader knows
     return kOk;
 }
