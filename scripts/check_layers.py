@@ -28,13 +28,15 @@ UNBOUND = {"tests", "fuzz"}  # include anything; nothing includes them
 
 # system header: the only folders that may include it
 FILE_SYSTEM = re.compile(r"(dirent|unistd|sys/stat)\.h")
+PROCESS = re.compile(r"csignal|(signal|termios|sys/(file|ioctl|prctl|resource))\.h")
 THREADS = re.compile(r"pthread\.h")
 STREAMS = re.compile(r"filesystem|fstream")
 OPENSSL = re.compile(r"openssl/.*")
 ONLY_IN = [
     (FILE_SYSTEM, {"os"}, "file-system calls go through os/"),
+    (PROCESS, {"os"}, "what concerns process and terminal goes through os/"),
     (THREADS, {"os", "cmn"}, "locks come from os/handles.h or cmn/"),
-    (STREAMS, {"fstore", "bench"}, "file-system calls go through os/"),
+    (STREAMS, {"bench"}, "file-system calls go through os/"),
     (OPENSSL, {"modules", "fstore", "bench"}, "ciphers are reached through modules"),
 ]
 

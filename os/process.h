@@ -1,0 +1,55 @@
+// What a program settles about its own process: secrecy, standard streams, signals,
+// its folder, and a lock that keeps other processes out.
+//
+// For a program's main thread, before it starts others.
+#ifndef OS_PROCESS_H
+#define OS_PROCESS_H
+
+#include <string>
+
+#include "os/handles.h"
+
+namespace os {
+
+// Opens those of the descriptors 0, 1 and 2 that are closed, on /dev/null: the next
+// file opened would otherwise take such a number, and messages be written into it.
+[[nodiscard]] bool occupyStandardStreams() noexcept;
+
+// No core dumps, no debugger of other processes of this user, and new files for the
+// user alone (umask 077). False when the system refused one of it.
+[[nodiscard]] bool keepSecrets() noexcept;
+
+// From now on SIGINT, SIGHUP and SIGTERM give the terminal its echo back, remove the
+// file named by removeOnSignal(), and end the process: SIGINT with exit code 130,
+// the others as they always do. SIGPIPE is ignored; writing fails with EPIPE instead.
+void installSignalHandlers() noexcept;
+
+// The file that a signal's handler removes, by an absolute path; null for none. A
+// path that is too long is not kept.
+void removeOnSignal(const char* path) noexcept;
+
+[[nodiscard]] bool changeFolder(const char* path) noexcept;
+
+// The process's folder as an absolute path; empty with errno on failure.
+[[nodiscard]] std::string currentFolder();
+
+// Removes a variable from the environment, and its value from memory, where other
+// processes of this user could see it.
+void forgetVariable(const char* name) noexcept;
+
+enum class LockKind { kShared, kExclusive };
+enum class Locked {
+    kYes,
+    kBusy,   // another process held it until the time was over
+    kFailed  // see errno
+};
+
+// Takes the advisory lock (flock) on an open file or folder, or changes the kind of
+// the one that is held, in which case it is not held for a moment between. Waits up
+// to `seconds`. The lock ends with the descriptor.
+[[nodiscard]] Locked lockFile(const File& file, LockKind kind, double seconds) noexcept;
+[[nodiscard]] bool unlockFile(const File& file) noexcept;
+
+}  // namespace os
+
+#endif  // OS_PROCESS_H
