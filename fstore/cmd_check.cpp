@@ -1,0 +1,153 @@
+// fstore check: whether the database is sound, and what a crash left over.
+#include <algorithm>
+#include <memory>
+
+#include <fmt/format.h>
+
+#include "fstore/commands.h"
+#include "fstore/deep_read.h"
+#include "fstore/inspect.h"
+#include "fstore/record_json.h"
+
+namespace fstore {
+namespace {
+
+struct Options {
+    bool deep = false;
+    bool repair = false;
+};
+
+struct Report {
+    std::vector<Finding> findings;  // those that stand at the end
+    std::vector<Finding> repaired;
+    std::optional<DeepReport> deep;
+
+    bool isSound() const {
+        return std::ranges::none_of(findings, &Finding::isDamage) &&
+               (!deep || deep->damaged.empty());
+    }
+};
+
+bool isRepairable(const Finding& finding) {
+    return finding.repair != Finding::Repair::kNone;
+}
+
+const char* planOf(const Finding& finding) {
+    switch (finding.repair) {
+        case Finding::Repair::kDelete:
+            return "it will be deleted";
+        case Finding::Repair::kPutBack:
+            return "it will be put back";
+        case Finding::Repair::kRemoveFolder:
+            return "it will be removed with all it holds";
+        case Finding::Repair::kMakeFolder:
+            return "it will be made";
+        case Finding::Repair::kMoveBack:
+            return "it will be moved back";
+        case Finding::Repair::kNone:
+            break;
+    }
+    return "";
+}
+
+// Inspection after inspection, until one finds nothing more to do: what is deleted
+// may have been the last to name a body.
+void repairAll(Report& report, Output& output) {
+    for (;;) {
+        std::vector<Finding> repairable;
+        std::ranges::copy_if(report.findings, std::back_inserter(repairable), isRepairable);
+        if (repairable.empty()) {
+            return;
+        }
+        for (const Finding& finding : repairable) {
+            output.note(fmt::format("{} {}; {}", finding.path, finding.message, planOf(finding)));
+        }
+        repair(repairable);
+        report.repaired.insert(report.repaired.end(), repairable.begin(), repairable.end());
+        report.findings = inspect();
+    }
+}
+
+void print(const Report& report, Output& output) {
+    for (const Finding& finding : report.findings) {
+        const Style style = finding.isDamage() ? Style::kRed : Style::kYellow;
+        if (!output.json()) {
+            output.raw(output.onStdout(nameOf(finding.kind), style) + ": ");
+        }
+        output.line(fmt::format("{} {}{}", finding.path, finding.message,
+                                isRepairable(finding) ? "; --repair cleans up" : ""));
+    }
+    if (!report.deep) {
+        return;
+    }
+    for (const DamagedRecord& damaged : report.deep->damaged) {
+        if (!output.json()) {
+            output.raw(output.onStdout("damaged", Style::kRed) + ": ");
+        }
+        output.line(damaged.message);
+    }
+}
+
+Json toJson(const Finding& finding) {
+    return {{"kind", nameOf(finding.kind)},
+            {"path", jsonText(finding.path)},
+            {"message", jsonText(finding.message)},
+            {"repairable", isRepairable(finding)}};
+}
+
+Json toDocument(const Report& report) {
+    Json document = {
+        {"sound", report.isSound()}, {"findings", Json::array()}, {"repaired", Json::array()}};
+    for (const Finding& finding : report.findings) {
+        document["findings"].push_back(toJson(finding));
+    }
+    for (const Finding& finding : report.repaired) {
+        document["repaired"].push_back(toJson(finding));
+    }
+    if (report.deep) {
+        document["deep"] = {{"records", report.deep->records},
+                            {"secrets", report.deep->secrets},
+                            {"damaged", Json::array()}};
+        for (const DamagedRecord& damaged : report.deep->damaged) {
+            document["deep"]["damaged"].push_back(
+                failureToJson(damaged.address.print(), Failure(damaged.status, damaged.message)));
+        }
+    }
+    return document;
+}
+
+Status run(const Options& options, Context& context) {
+    Session& session = context.session;
+    Report report;
+    session.look(options.repair ? Access::kChange : Access::kRead);
+    report.findings = inspect();
+    if (options.repair) {
+        repairAll(report, context.output);
+        session.enter(Access::kChange);
+    }
+    if (options.deep) {
+        session.open(options.repair ? Access::kChange : Access::kRead);
+        report.deep = readEverything(session, "Checking");
+    }
+    print(report, context.output);
+    if (report.isSound()) {
+        context.output.note(report.deep ? fmt::format("{} records are sound, {} secrets decrypt",
+                                                      report.deep->records, report.deep->secrets)
+                                        : "no damage found; --deep also decrypts");
+    }
+    context.output.document(toDocument(report));
+    return report.isSound() ? kOk : kFound;
+}
+
+}  // namespace
+
+void addCheck(Cli& cli) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& app = cli.add("check", "Look for damage and for what a crash left over",
+                            [options](Context& context) { return run(*options, context); });
+    app.add_flag("--deep", options->deep, "Decrypt and examine every record too");
+    app.add_flag("--repair", options->repair,
+                 "Clean up what a crash left over; damaged records are never touched");
+}
+
+}  // namespace fstore

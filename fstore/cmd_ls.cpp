@@ -1,0 +1,205 @@
+// fstore ls: the records of the database or of one folder, with their expiry.
+#include <algorithm>
+#include <limits>
+#include <memory>
+
+#include <fmt/format.h>
+
+#include "fstore/commands.h"
+#include "fstore/filter.h"
+#include "fstore/record.h"
+#include "fstore/record_json.h"
+#include "fstore/text.h"
+
+namespace fstore {
+namespace {
+
+enum class Order { kName, kExpiry, kSubject };
+
+constexpr std::int64_t kDay = 24 * 60 * 60;
+constexpr std::int64_t kSoon = 30 * kDay;
+constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
+
+struct Options {
+    std::optional<std::string> folder;
+    Filters filters;
+    Order order = Order::kName;
+    bool failOnMatch = false;
+    bool unlock = false;
+};
+
+// What a listing found, in its order.
+struct Listing {
+    std::vector<RecordInfo> records;
+    std::vector<std::pair<Address, Failure>> damaged;
+};
+
+std::vector<Address> addressesOf(const Options& options) {
+    if (!options.folder) {
+        return allRecords();
+    }
+    const std::string folder = parseFolder(*options.folder);
+    std::vector<Address> found;
+    for (const std::string& each : allFolders()) {
+        if (each == folder || each.starts_with(folder + "/")) {
+            const auto inside = recordsOf(each);
+            found.insert(found.end(), inside.begin(), inside.end());
+        }
+    }
+    requireFolder(folder);
+    return found;
+}
+
+Record readFor(Session& session, const Address& address) {
+    Record record = Record::read(address);
+    if (session.service().isOpen() != 0) {
+        record.decrypt();
+    }
+    return record;
+}
+
+// The digests of all keys, in whatever folder.
+std::set<std::string> keysOf(Session& session) {
+    std::set<std::string> keys;
+    for (const Address& address : allRecords()) {
+        try {
+            const RecordInfo info = infoOf(readFor(session, address));
+            if (info.kind == Kind::kKey && !info.keySha256.empty()) {
+                keys.insert(info.keySha256);
+            }
+        } catch (const Failure& failure) {
+            if (failure.status() == kNoMemory) {
+                throw;
+            }  // told about when it is its turn to be listed
+        }
+    }
+    return keys;
+}
+
+void sort(std::vector<RecordInfo>& records, Order order) {
+    std::stable_sort(records.begin(), records.end(), [order](const auto& a, const auto& b) {
+        switch (order) {
+            case Order::kExpiry:
+                return a.notAfter.value_or(kNever) < b.notAfter.value_or(kNever);
+            case Order::kSubject:
+                return a.subject < b.subject;
+            case Order::kName:
+                break;
+        }
+        return a.address < b.address;
+    });
+}
+
+Listing list(const Options& options, Session& session) {
+    Filter filter(options.filters, now());
+    Listing listing;
+    if (filter.needsKeys()) {
+        filter.setKeys(keysOf(session));
+    }
+    for (const Address& address : addressesOf(options)) {
+        try {
+            const Record record = readFor(session, address);
+            RecordInfo info = infoOf(record);
+            if (filter.matches(record, info)) {
+                listing.records.push_back(std::move(info));
+            }
+        } catch (const Failure& failure) {
+            if (failure.status() == kNoMemory) {
+                throw;
+            }
+            listing.damaged.emplace_back(address, failure);
+        }
+    }
+    sort(listing.records, options.order);
+    return listing;
+}
+
+Cell expiryCell(const RecordInfo& info, std::int64_t at) {
+    if (!info.notAfter) {
+        return {};
+    }
+    const std::string day = printMoment(*info.notAfter).substr(0, 10);
+    const std::int64_t left = *info.notAfter - at;
+    if (left < 0) {
+        return {day + " expired", Style::kRed};
+    }
+    if (left < kSoon) {
+        return {fmt::format("{} in {} d", day, left / kDay), Style::kYellow};
+    }
+    return {day};
+}
+
+void print(const Listing& listing, Output& output) {
+    Table table({{"ADDRESS", false},
+                 {"KIND", false},
+                 {"EXPIRES", false},
+                 {"KEY", false},
+                 {"SUBJECT", true},
+                 {"LABEL", true}});
+    const std::int64_t at = now();
+    for (const RecordInfo& info : listing.records) {
+        const bool secret = info.bodyEncrypted;
+        table.add({{info.address.print()},
+                   {nameOf(info.kind) + std::string(secret ? ", encrypted" : ""), Style::kDim},
+                   expiryCell(info, at),
+                   {info.keyAlgorithm},
+                   {info.subject},
+                   {info.label}});
+    }
+    for (const auto& [address, failure] : listing.damaged) {
+        table.add({{address.print()}, {"damaged", Style::kRed}, {}, {}, {}, {}});
+    }
+    if (!table.empty()) {
+        output.table(table);
+    }
+    if (!output.json()) {
+        for (const auto& [address, failure] : listing.damaged) {
+            output.warn(failure.what());
+        }
+    }
+}
+
+Json toDocument(const Listing& listing) {
+    Json records = Json::array();
+    for (const RecordInfo& info : listing.records) {
+        records.push_back(toJson(info));
+    }
+    for (const auto& [address, failure] : listing.damaged) {
+        records.push_back(failureToJson(address.print(), failure));
+    }
+    return {{"records", records}};
+}
+
+Status run(const Options& options, Context& context) {
+    (void)Filter(options.filters, now());  // what cannot be read is told before anything is asked
+    if (options.unlock) {
+        context.session.open(Access::kRead);
+    } else {
+        context.session.enter(Access::kRead);
+    }
+    const Listing listing = list(options, context.session);
+    print(listing, context.output);
+    context.output.document(toDocument(listing));
+    const bool matched = options.failOnMatch && !listing.records.empty();
+    return matched || !listing.damaged.empty() ? kFound : kOk;
+}
+
+}  // namespace
+
+void addLs(Cli& cli) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& app = cli.add("ls", "List records and when they expire",
+                            [options](Context& context) { return run(*options, context); });
+    const std::map<std::string, Order> orders{
+        {"name", Order::kName}, {"expiry", Order::kExpiry}, {"subject", Order::kSubject}};
+    app.add_option("FOLDER", options->folder, "Only this folder and those below it");
+    app.add_option("--sort", options->order, "By name, expiry or subject")
+        ->transform(CLI::CheckedTransformer(orders).description(""))
+        ->type_name("ORDER");
+    app.add_flag("--fail", options->failOnMatch, "Exit with 3 when a record is listed, for cron");
+    app.add_flag("-u,--unlock", options->unlock,
+                 "Ask for the password, and look at what is kept encrypted too");
+    addFilterOptions(app, options->filters);
+}
+
+}  // namespace fstore

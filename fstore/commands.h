@@ -1,0 +1,39 @@
+// All commands, in the order in which the help lists them.
+#ifndef FSTORE_COMMANDS_H
+#define FSTORE_COMMANDS_H
+
+#include "fstore/cli.h"
+
+namespace fstore {
+
+void addInit(Cli& cli);
+void addLs(Cli& cli);
+void addShow(Cli& cli);
+void addSet(Cli& cli);
+void addUnset(Cli& cli);
+void addRm(Cli& cli);
+void addPut(Cli& cli);
+void addGet(Cli& cli);
+void addPasswd(Cli& cli);
+void addCheck(Cli& cli);
+void addDump(Cli& cli);
+void addInfo(Cli& cli);
+
+inline void addCommands(Cli& cli) {
+    addInit(cli);
+    addLs(cli);
+    addShow(cli);
+    addSet(cli);
+    addUnset(cli);
+    addRm(cli);
+    addPut(cli);
+    addGet(cli);
+    addPasswd(cli);
+    addCheck(cli);
+    addDump(cli);
+    addInfo(cli);
+}
+
+}  // namespace fstore
+
+#endif  // FSTORE_COMMANDS_H

@@ -1,0 +1,106 @@
+#include "fstore/deep_read.h"
+
+#include <algorithm>
+#include <memory>
+
+#include <fmt/format.h>
+#include <openssl/evp.h>
+
+#include "fstore/progress.h"
+
+namespace fstore {
+namespace {
+
+struct Free {
+    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+
+// A digest over a sequence of byte strings, each preceded by its length.
+class Fingerprint {
+public:
+    Fingerprint() : context_(EVP_MD_CTX_new()) {
+        require(context_ != nullptr &&
+                EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1);
+    }
+
+    void add(std::span<const unsigned char> bytes) {
+        const std::uint64_t size = bytes.size();
+        require(EVP_DigestUpdate(context_.get(), &size, sizeof size) == 1 &&
+                EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) == 1);
+    }
+    void add(std::string_view text) {
+        add(std::span(reinterpret_cast<const unsigned char*>(text.data()), text.size()));
+    }
+    void add(const Record& record) {
+        add(record.address().print());
+        add(fmt::format("{} {} {}", record.hasBody(), record.isBodyEncrypted(), record.count()));
+        add(record.body());
+        for (unsigned int i = 0; i < record.count(); ++i) {
+            add(fmt::format("{} {} {}", record.type(i), record.id(i), record.isEncrypted(i)));
+            add(record.bytes(i));
+        }
+    }
+
+    std::vector<unsigned char> finish() {
+        std::vector<unsigned char> digest(32);
+        require(EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr) == 1);
+        return digest;
+    }
+
+private:
+    static void require(bool done) {
+        if (!done) {
+            throw Failure(kIo, "cannot compute a digest: OpenSSL refuses SHA-256");
+        }
+    }
+
+    std::unique_ptr<EVP_MD_CTX, Free> context_;
+};
+
+std::uint64_t secretsOf(const Record& record) {
+    std::uint64_t secrets = record.isBodyEncrypted() ? 1 : 0;
+    for (unsigned int i = 0; i < record.count(); ++i) {
+        secrets += record.isEncrypted(i) ? 1 : 0;
+    }
+    return secrets;
+}
+
+}  // namespace
+
+DeepReport readEverything(Session& session, const std::string& what) {
+    const std::vector<Address> addresses = allRecords();
+    Progress progress(what, Progress::Counts::kCalls, addresses.size(),
+                      session.output().showsProgress());
+    DeepReport report;
+    Fingerprint fingerprint;
+    for (const Address& address : addresses) {
+        ++report.records;
+        try {
+            Record record = Record::read(address);
+            record.decrypt();
+            report.secrets += secretsOf(record);
+            fingerprint.add(record);
+            checkBody(record);
+        } catch (const Failure& failure) {
+            if (failure.status() == kNoMemory) {
+                throw;
+            }
+            report.damaged.push_back({address, failure.status(), failure.what()});
+        }
+        progress.step();
+    }
+    report.fingerprint = fingerprint.finish();
+    return report;
+}
+
+void checkBody(const Record& record) {
+    const auto expected = record.binary(attr::kSha256);
+    if (expected && *expected != sha256(record.body())) {
+        throw Failure(kMalformed,
+                      fmt::format("the body of {} is not the one that its SHA-256 was taken of",
+                                  record.address().print()),
+                      record.address().print());
+    }
+}
+
+}  // namespace fstore

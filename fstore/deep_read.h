@@ -1,0 +1,39 @@
+// Everything in the database, read, decrypted and compared with what is known about it.
+#ifndef FSTORE_DEEP_READ_H
+#define FSTORE_DEEP_READ_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "fstore/address.h"
+#include "fstore/error.h"
+#include "fstore/record.h"
+#include "fstore/session.h"
+
+namespace fstore {
+
+struct DamagedRecord {
+    Address address;
+    Status status;
+    std::string message;
+};
+
+struct DeepReport {
+    std::uint64_t records = 0;
+    std::uint64_t secrets = 0;  // bodies and attributes that are kept encrypted
+    std::vector<DamagedRecord> damaged;
+    // A digest of all contents in plain form: the same before and after a change of
+    // the password.
+    std::vector<unsigned char> fingerprint;
+};
+
+// Reads every record but the internal ones. The session is open.
+DeepReport readEverything(Session& session, const std::string& what);
+
+// Throws kMalformed when the body of a readable record is not what its attributes say.
+void checkBody(const Record& record);
+
+}  // namespace fstore
+
+#endif  // FSTORE_DEEP_READ_H

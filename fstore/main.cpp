@@ -1,0 +1,15 @@
+#include "fstore/cli.h"
+#include "fstore/commands.h"
+#include "os/process.h"
+
+int main(int argc, char** argv) {
+    if (!os::occupyStandardStreams()) {
+        return static_cast<int>(kIo);  // there is nowhere to tell it
+    }
+    // What the system refuses here is a weaker guard, and no reason not to work.
+    (void)os::keepSecrets();
+    os::installSignalHandlers();
+    fstore::Cli cli;
+    fstore::addCommands(cli);
+    return cli.main(argc, argv);
+}

@@ -1,0 +1,138 @@
+#include "fstore/password_change.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "fstore/deep_read.h"
+#include "fstore/error.h"
+#include "fstore/files.h"
+#include "fstore/progress.h"
+#include "fstore/record.h"
+#include "os/fs.h"
+
+namespace fstore {
+namespace {
+
+constexpr const char* kLive = "./db";
+constexpr const char* kCopy = "./new_db";
+constexpr const char* kPrevious = "./old_db";
+
+void renameFolder(const char* from, const char* to) {
+    if (os::rename(from, to) != 0) {
+        failWithErrno(fmt::format("rename {} to", from), to);
+    }
+}
+
+DeepReport readSound(Session& session, const char* what) {
+    DeepReport report = readEverything(session, what);
+    if (!report.damaged.empty()) {
+        const DamagedRecord& first = report.damaged.front();
+        throw Failure(kFound,
+                      fmt::format("{} of {} records are damaged, and the password stays as it is: "
+                                  "{}; `fstore check --deep` names all, `fstore rm` removes them",
+                                  report.damaged.size(), report.records, first.message),
+                      first.address.print());
+    }
+    return report;
+}
+
+// The old folder's records that the new one lacks. Names are all that can be compared
+// without the old password.
+// NOLINTNEXTLINE(misc-no-recursion): as deep as folders are
+void requireNamesOf(const std::string& old, const std::string& live) {
+    for (const FolderEntry& entry : listFolder(old)) {
+        const std::string name = joined(live, entry.name);
+        const bool isFolder = entry.type == FolderEntry::Type::kFolder;
+        if ((isFolder || entry.name.ends_with(".dsc")) && !exists(name)) {
+            throw Failure(kMissing, fmt::format("{} is missing", name), name);
+        }
+        if (isFolder) {
+            requireNamesOf(joined(old, entry.name), name);
+        }
+    }
+}
+
+[[noreturn]] void goBack(Session& session, const Failure& reason) {
+    if (!exists(kPrevious)) {
+        throw Failure(kFound,
+                      fmt::format("the change of the password cannot be finished: {}; what is "
+                                  "damaged can be removed with `fstore rm` once the database is "
+                                  "restored from a backup",
+                                  reason.what()),
+                      reason.path());
+    }
+    (void)session.service().close();  // it is open, or could not be opened
+    renameFolder(kLive, kCopy);
+    renameFolder(kPrevious, kLive);
+    syncFolder(".");
+    session.recover();
+    throw Failure(reason.status() == kFound ? kIo : reason.status(),
+                  fmt::format("the password was not changed, and the old one is in force: the "
+                              "re-encrypted database did not hold what it should: {}",
+                              reason.what()),
+                  reason.path());
+}
+
+// Steps 6 and 7.
+void dropOld(Session& session) {
+    const Protection& protection = session.protection();
+    if (!protection.keepOld && exists(kPrevious)) {
+        removeTree(kCopy);
+        renameFolder(kPrevious, kCopy);
+        syncFolder(".");
+        removeTree(kCopy);
+        syncFolder(".");
+    }
+    writeKdf({protection.inForce}, false);
+    session.readProtection();
+}
+
+}  // namespace
+
+void changePassword(Session& session, NewSlot fresh, bool keepOld) {
+    const DeepReport before = readSound(session, "Checking");
+    writeKdf({session.protection().inForce, fresh.slot}, keepOld);
+    const bool shown = session.output().showsProgress();
+    Status status = kOk;
+    {
+        const Progress progress("Re-encrypting", Progress::Counts::kEncryptions, 2 * before.secrets,
+                                shown);
+        status = session.service().recrypt(session.p().c_str(), fresh.p.c_str());
+    }
+    // A failure may have come before or after the swap: the folders decide.
+    session.recover();
+    if (!session.protection().isUnfinished()) {
+        check(status == kOk ? kIo : status, "the password was not changed", session.folder());
+    }
+    syncFolder(".");
+    try {
+        session.reopen(std::move(fresh.p));
+        const DeepReport after = readSound(session, "Verifying");
+        if (after.records != before.records || after.secrets != before.secrets ||
+            after.fingerprint != before.fingerprint) {
+            throw Failure(
+                kIo, fmt::format("{} records with {} secrets became {} with {}", before.records,
+                                 before.secrets, after.records, after.secrets));
+        }
+    } catch (const Failure& failure) {
+        goBack(session, failure);
+    }
+    dropOld(session);
+}
+
+void finishPasswordChange(Session& session) {
+    syncFolder(".");
+    try {
+        (void)readSound(session, "Verifying");
+        if (exists(kPrevious)) {
+            requireNamesOf(kPrevious, kLive);
+        }
+    } catch (const Failure& failure) {
+        goBack(session, failure);
+    }
+    dropOld(session);
+}
+
+}  // namespace fstore
