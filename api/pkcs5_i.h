@@ -2,9 +2,10 @@
 // service (module 67).
 //
 // Objects come without a reference: the caller attaches the first holder. Setting
-// parameters and keys needs an object to itself; encrypting and decrypting may run
-// in many threads at once. The order of the operations is a binary contract
-// between modules.
+// parameters, keys and maps needs an object to itself; getting keys, encrypting and
+// decrypting may run in many threads at once. Nothing throws: operations that give
+// an object give null on failure, and error() then tells why. The order of the
+// operations is a binary contract between modules.
 #ifndef API_PKCS5_I_H
 #define API_PKCS5_I_H
 
@@ -19,8 +20,8 @@
 // The identifier of the PKCS#5 service, 67.
 extern Tuint32ID pkcs5ID;
 
-// A password-based encryption scheme: parameters in, then a key derived once, and
-// kept, with which it encrypts and decrypts.
+// A password-based encryption scheme: parameters in, then a key is derived once,
+// and kept, with which it encrypts and decrypts.
 class CMN_EXPORT PBES : public CMN_GuardedRef {
 public:
     using CMN_GuardedRef::CMN_GuardedRef;
@@ -30,43 +31,52 @@ public:
         kPkcs12 = 1   // key derivation of RFC 7292, appendix B
     };
 
-    // Selectors of parameters.
+    // Selectors of parameters. A scheme needs every one of them; an empty password
+    // and an empty salt are values like any other.
     enum param : unsigned int {
-        kPassword = 1,    // bytes
-        kSalt = 2,        // bytes
-        kIterations = 3,  // number
-        kFirstAlg = 4,    // algorithm of the key derivation
-        kKeyLength = 5,   // number, in bytes
-        kSecondAlg = 6    // algorithm of the encryption
+        kPassword = 1,    // up to 1 MiB
+        kSalt = 2,        // up to 1 MiB
+        kIterations = 3,  // 1 to 10,000,000
+        // Of kPbkdf2: PKI_ALG_PBKDF2_HMAC_SHA256. Of kPkcs12: the digest, which is
+        // PKI_ALG_SHA1 or PKI_ALG_SHA256.
+        kFirstAlg = 4,
+        kKeyLength = 5,  // in bytes: 16, 24 or 32
+        kSecondAlg = 6   // PKI_ALG_AES_GCM
     };
 
-    // A value is for the selector set last. One that does not fit its selector is
-    // refused with kInvalid; the object then keeps what it had, and error() tells.
-    // A new parameter drops a derived key.
+    // A value is for the selector set last. One that does not fit its selector, null
+    // among them, is refused with kInvalid, and the object keeps what it had. A new
+    // parameter drops the key, also one that was set.
     virtual Status select(param selector) = 0;
     virtual Status supply(TBuf* bytes) = 0;
     virtual Status supply(unsigned int number) = 0;
     virtual Status supply(pki_alg_t alg) = 0;
 
-    // Uses the given key instead of one derived from the parameters.
+    // Uses a copy of the given key, a symmetric one of 16, 24 or 32 bytes, instead of
+    // one derived from the parameters. kInvalid for any other.
     virtual Status setKey(TKey* key) = 0;
-    // The key, derived on the first call; null when the parameters do not make one.
+    // A new key object with the key, which is derived when there is none yet; null
+    // with kInvalid while a parameter is missing.
     virtual TKey* getKey() = 0;
 
-    // The input as a whole: version byte, 12 bytes of nonce, ciphertext, 16 bytes
-    // of tag. Null on failure; a wrong key, damage, truncation and another version
-    // are failures of decrypt().
+    // The input as a whole: version byte (1), 12 bytes of nonce, ciphertext, 16 bytes
+    // of tag. Derives the key when there is none yet, but never one that is there.
+    // Without a key null as getKey(). Decrypting, null with
+    //   kMalformed  the input is shorter than an empty message, or of another version
+    //   kIo         another key, or damage of any kind
     virtual TBuf* encrypt(TBuf* plain) = 0;
     virtual TBuf* decrypt(TBuf* cipher) = 0;
 
     // The status of the calling thread's last operation on an object of this service.
+    // kNoObject: a buffer or a key could not be had of its service.
     virtual Status error() = 0;
 };
 
 class HashMap;
 
-// Key derivation of PKCS#12 (RFC 7292, appendix B). Parameters as for PBES; the
-// first algorithm is the digest.
+// Key derivation of PKCS#12 (RFC 7292, appendix B). Parameters as for a PBES of type
+// kPkcs12, but keys have 1 to 64 bytes, and there is no second algorithm. The
+// password is UTF-8; it is derived from as a BMPString with its terminating zero.
 class CMN_EXPORT P12PBKDF : public CMN_GuardedRef {
 public:
     using CMN_GuardedRef::CMN_GuardedRef;
@@ -80,13 +90,14 @@ public:
     virtual Status supply(unsigned int number) = 0;
     virtual Status supply(pki_alg_t alg) = 0;
 
-    // A new key of the length set; null on failure.
+    // A new symmetric key of the length set.
     virtual TKey* getKey(target purpose) = 0;
     // As PBES::error().
     virtual Status error() = 0;
 
     // Looks derived keys up in `map`, and adds those that are not there: files in
-    // which many items share their parameters then cost one derivation. Null ends it.
+    // which many items share their parameters then cost one derivation. The map holds
+    // keys, under digests of what they were derived from. Null ends it.
     virtual Status setHashMap(HashMap* map) = 0;
 };
 
@@ -95,7 +106,8 @@ class CMN_EXPORT HashMap : public CMN_GuardedRef {
 public:
     using CMN_GuardedRef::CMN_GuardedRef;
 
-    // Adds copies of both; a value that stands under the key is replaced.
+    // Adds copies of both; a value that stands under the key is replaced. kInvalid
+    // for null.
     virtual Status add(TBuf* key, TBuf* value) = 0;
     // A new buffer with a copy of the value; null when there is none.
     virtual TBuf* find(TBuf* key) = 0;

@@ -3,8 +3,13 @@
 // Objects come without a reference: the caller attaches the first holder.
 // Operations that use a key (sign, verify, encrypt, decrypt, isConsistent and the
 // getters) may run in many threads at once; those that change it need the key to
-// themselves. Operations that give a TBuf give null on failure, and getError()
-// then tells why. The order of the operations is a binary contract between modules.
+// themselves. Nothing throws. Operations that give an object give null on failure,
+// and getError() then tells why. In general
+//   kInvalid    null, an unknown number, or what a key of this kind cannot do
+//   kMalformed  bytes that are no key of the type; the key stays as it was
+//   kEnd        the key has no value, or a value without such a part
+//   kNoObject   a buffer could not be had of its service
+// The order of the operations is a binary contract between modules.
 #ifndef API_T_KEY_H
 #define API_T_KEY_H
 
@@ -23,48 +28,51 @@ public:
     using CMN_GuardedRef::CMN_GuardedRef;
 
     enum key_type_t : unsigned int {
-        kNone = 0,
-        kSymmetric = 1,  // raw bytes
-        kRsa = 2,
+        kNone = 0,       // not known yet: the first PKCS#8 or SubjectPublicKeyInfo tells
+        kSymmetric = 1,  // 1 to 1024 bytes
+        kRsa = 2,        // 1024 to 16384 bits
         kEcP256 = 3,
         kEcP384 = 4,
         kEcP521 = 5,
         kEd25519 = 6
     };
 
-    // Parameters whose value is bytes. Numbers are big-endian without leading zeros.
+    // Parameters whose value is bytes. Numbers are big-endian without leading zeros,
+    // points are uncompressed, in whatever form they came.
     enum aka_t : unsigned int {
         kPublicKeyInfo = 1,   // SubjectPublicKeyInfo, DER; settable: the key is public then
         kPrivateKeyInfo = 2,  // PKCS#8 PrivateKeyInfo, DER; settable
         kModulus = 3,         // RSA
         kPublicExponent = 4,  // RSA
-        kPublicPoint = 5,     // EC: uncompressed point; Ed25519: 32 bytes
+        kPublicPoint = 5,     // EC: point; Ed25519: 32 bytes
         kCurveName = 6        // EC: "P-256", "P-384", "P-521"
     };
 
     // Parameters whose value is a number.
     enum bka_t : unsigned int {
         kBits = 1,        // strength as usually named: 2048, 256, ...
-        kIsPrivate = 2,   // 1 when the private part is there
-        kOutputSize = 3,  // largest signature, or ciphertext block, in bytes
+        kIsPrivate = 2,   // 1 when there is something to keep secret, else 0
+        kOutputSize = 3,  // largest signature, or ciphertext block, in bytes; not symmetric
         kUsage = 4        // settable: bits that the owner gives a meaning
     };
 
     // A new, independent copy; null on failure.
     virtual TKey* duplicate() const = 0;
-    // Non-zero when the key values differ, also from null.
+    // Non-zero when the types or the key values differ, also from null. What the
+    // owner attached does not count.
     virtual int compare(TKey* other) const = 0;
-    // Wipes the key value; the type stays.
+    // Drops the key value, which is wiped with the last key that has it; all else stays.
     virtual Status clear() = 0;
 
     virtual key_type_t getType() const = 0;
-    // The algorithm that the key is meant for.
+    // The algorithm that the key is meant for: by itself the one of its type. May be
+    // set to that and to PKI_ALG_NONE, and without type to any of a key.
     virtual Status setAlg(pki_alg_t alg) = 0;
     virtual pki_alg_t getAlg() const = 0;
 
     // The key value: raw bytes of a symmetric key, PKCS#8 of a private key,
-    // SubjectPublicKeyInfo of a public one. setKey() takes the same forms;
-    // kMalformed when the value does not fit the type, and the key stays.
+    // SubjectPublicKeyInfo of a public one. setKey() takes the same forms, DER from
+    // the first byte to the last; curves by name only.
     virtual Status setKey(TBuf* value) = 0;
     virtual TBuf* getKey() const = 0;
 
@@ -79,17 +87,19 @@ public:
 
     // The raw form: bytes of a symmetric key; the scalar of an EC or the seed of
     // an Ed25519 private key, or its public point when it is public; PKCS#1 of RSA.
+    // setRaw() takes the 32 bytes of Ed25519 for the seed.
     virtual TBuf* getRaw() const = 0;
     virtual Status setRaw(const unsigned char* data, unsigned int len) = 0;
 
     // Where the key lives on a token, two numbers that the owner gives a meaning.
+    // kEnd, and no change of the references, while none were set.
     virtual Status setTokenId(unsigned int slot, unsigned int object) = 0;
     virtual Status getTokenId(unsigned int& slot, unsigned int& object) const = 0;
 
     virtual Status setRaw(TBuf* value) = 0;
 
-    // The key identifier: the one set, else the SHA-1 of the public key bits, or,
-    // for a symmetric key, null and kEnd.
+    // The key identifier: the one set, unless that is empty, else the SHA-1 of the
+    // public key bits, or, for a symmetric key, null and kEnd.
     virtual TBuf* getKeyId() const = 0;
     virtual Status setKeyId(TBuf* id) = 0;
 
@@ -99,14 +109,15 @@ public:
     // kOk when the signature is right, kIo when it is not.
     virtual Status verify(TBuf* data, TBuf* signature) const = 0;
 
-    // Symmetric: AES-GCM, framed as the store's encryption service frames it.
-    // RSA: OAEP with SHA-256. Others cannot.
+    // Symmetric, of 16, 24 or 32 bytes: AES-GCM, framed as api/pkcs5_i.h says, with
+    // its statuses. RSA: OAEP with SHA-256, up to 66 bytes less than a block; kIo for
+    // another key or damage. Others cannot.
     virtual TBuf* encrypt(TBuf* plain) const = 0;
     virtual TBuf* decrypt(TBuf* cipher) const = 0;
 
     // kOk when the parts of this key fit each other and, unless `other` is null,
-    // its public part is `other`'s. `deep` non-zero: proved by arithmetic, not by
-    // comparing alone.
+    // its public part, or all of a symmetric key, is `other`'s; kIo when not. The
+    // parts of one key are looked at with `deep` non-zero only, by arithmetic.
     virtual Status isConsistent(TKey* other, int deep) const = 0;
 
     virtual Status setVendor(pki_vendor vendor) = 0;
@@ -120,8 +131,8 @@ class CMN_EXPORT TPkixKeyService : public CMN_GuardedRef {
 public:
     using CMN_GuardedRef::CMN_GuardedRef;
 
-    // New keys: of no type; of a type and without value; from the raw form or from
-    // PKCS#8. Null on failure, as for an unknown type or malformed bytes.
+    // New keys: of no type; of a type and without value; from what setKey() takes or
+    // from the raw form. Null on failure, as for an unknown type or malformed bytes.
     virtual TKey* createTKey() = 0;
     virtual TKey* createTKey(TKey::key_type_t type) = 0;
     virtual TKey* createTKey(TKey::key_type_t type, const unsigned char* data,
