@@ -1,6 +1,7 @@
 // A file system that goes wrong to order: the second definition of os/fs.h
 // (target os_fault). Every call reaches the real file system unless a plan says
-// otherwise, is counted, and can be recorded.
+// otherwise, is counted, and can be recorded; only syncs, which no test could tell
+// from none, end there.
 //
 // Plans and recorders are objects on a test's stack, act on the calls of all
 // threads while they live, and may be combined. Calls are serialised, so a
