@@ -339,6 +339,21 @@ TEST_F(CodersTest, FailuresAreToldAsTabled) {
     }
 }
 
+// The value would go to the selector before it, and make the key of another password.
+TEST_F(CodersTest, RefusedParameterMakesNoKey) {
+    TestStore store("secret");
+    CallWatch& watch = store.services().pkcs5().watch();
+    for (const char* const call : {"select", "supply"}) {
+        for (int nth = 1; nth <= 6; ++nth) {
+            SCOPED_TRACE(std::string(call) + " " + std::to_string(nth));
+            watch.failAt(call, nth, kNoMemory);
+            aBuf out = noKey();
+            EXPECT_EQ(kIo, CMN_FILESTORE_S.encode(aBuf("own"), aBuf("plain"), out));
+            EXPECT_TRUE(watch.lift());
+        }
+    }
+}
+
 TEST_F(CodersTest, ServiceThatGoesDropsTheKeyOfAnOpenDatabase) {
     TestStore store("secret");
     const aCryptoEncoder encoder = CMN_FILESTORE_S.getEncoder();
