@@ -38,44 +38,7 @@ bool isEncrypted(FileStore& record) {
     return false;
 }
 
-// A record that does not decrypt with the old key was not encrypted with it; it
-// stays as copied.
-Status convertRecord(FileStore& record) {
-    (void)record.setLockType(RWLocker::kNoLock);  // the lock is held
-    if (const Status status = record.read(); status != kOk) {
-        return status;
-    }
-    if (!isEncrypted(record)) {
-        return kOk;
-    }
-    (void)record.setLoginCheck(0);  // the database may be closed
-    if (record.decrypt() != kOk) {
-        return kOk;
-    }
-    return record.store(FileStore::Sync::kLater);
-}
-
-// Takes each record off the list, and so out of memory, when it is done.
-Status convertRecords() {
-    aFileStoreList records;
-    (void)aFileStoreListExt(records).setLockType(RWLocker::kNoLock);
-    if (const Status status = _getFullStoreList(kCopy, records); status != kOk) {
-        return status;
-    }
-    for (aFileStore handle = records.getFirst(); handle.target() != nullptr;
-         handle = records.getFirst()) {
-        if (const Status status = convertRecord(ownRecord(handle)); status != kOk) {
-            return status;
-        }
-        (void)records.removeCurrent();
-    }
-    return kOk;
-}
-
 Status writePasswordRecord(const char* password) {
-    if (password == nullptr) {
-        return kInvalid;
-    }
     PasswordDigest digest;
     if (!digest.compute(password)) {
         return kIo;
@@ -123,7 +86,9 @@ Status _getFullStoreList(const char* folder, aFileStoreList& list) {
     }
     for (aFileStore record = found.getFirst(); record.target() != nullptr;
          record = found.getNext()) {
-        (void)list.pushBack(record);
+        if (const Status status = list.pushBack(record); status != kOk) {
+            return status;
+        }
     }
     FileList entries;
     if (const Status status = entries.setRootFolder(folder); status != kOk) {
@@ -152,6 +117,10 @@ public:
           newKey_(newPassword) {}
 
     Status run() {
+        // A cipher given no buffer drops its key, and succeeds.
+        if (oldKey_.target() == nullptr || newKey_.target() == nullptr) {
+            return kIo;
+        }
         if (!removeIfThere(kCopy) || copyWholeFolder(kLive, kCopy) != kOk) {
             return kIo;
         }
@@ -180,9 +149,61 @@ private:
             return kIo;
         }
         const aCryptoEncoder kept = service_.setEncoder(fresh);
-        const Status status = noThrow(convertRecords);
+        const Status status = noThrow([&] { return convertRecords(); });
         (void)service_.setEncoder(kept);
         return status;
+    }
+
+    // Takes each record off the list, and so out of memory, when it is done.
+    Status convertRecords() {
+        aFileStoreList records;
+        (void)aFileStoreListExt(records).setLockType(RWLocker::kNoLock);
+        if (const Status status = _getFullStoreList(kCopy, records); status != kOk) {
+            return status;
+        }
+        for (aFileStore handle = records.getFirst(); handle.target() != nullptr;
+             handle = records.getFirst()) {
+            if (const Status status = convertRecord(ownRecord(handle)); status != kOk) {
+                return status;
+            }
+            (void)records.removeCurrent();
+        }
+        return kOk;
+    }
+
+    // A record that does not decrypt with the old key was not encrypted with it; it
+    // stays as copied. One that the cipher failed to decrypt would be lost that way,
+    // so it is tried again when the cipher has proved to work.
+    Status convertRecord(FileStore& record) {
+        (void)record.setLockType(RWLocker::kNoLock);  // the lock is held
+        if (const Status status = record.read(); status != kOk) {
+            return status;
+        }
+        if (!isEncrypted(record)) {
+            return kOk;
+        }
+        (void)record.setLoginCheck(0);  // the database may be closed
+        if (record.decrypt() != kOk) {
+            if (!decoderWorks()) {
+                return kIo;
+            }
+            if (const Status status = record.decrypt(); status != kOk) {
+                return status == kNoMemory ? status : kOk;
+            }
+        }
+        return record.store(FileStore::Sync::kLater);
+    }
+
+    // Whether what the old key has encrypted decrypts.
+    bool decoderWorks() {
+        aCryptoEncoder encoder;
+        if (encoder.setKey(oldKey_) != kOk) {
+            return false;
+        }
+        aBuf plain("sample");
+        aBuf cipher = encoder.encrypt(plain);
+        const aBuf decrypted = service_.ownDecoder().decrypt(cipher);
+        return decrypted.target() != nullptr && !(decrypted != plain);
     }
 
     // From here on a failure can leave the ciphers and the folders out of step; the
@@ -215,6 +236,9 @@ Status FileStoreSrv::recrypt(const char* oldPassword, const char* newPassword) {
     return noThrow([&] {
         if (const Status status = checkPwd(oldPassword); status != kOk) {
             return status;
+        }
+        if (newPassword == nullptr) {
+            return kInvalid;
         }
         const os::WriteLock locked(&RWLocker::m_RWMutex);
         return Recryption(*this, oldPassword, newPassword).run();
