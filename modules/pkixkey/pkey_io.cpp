@@ -93,7 +93,7 @@ ossl::Pkey ecKey(const PkeyType& type, Bytes point, const BIGNUM* scalar) {
 // The scalar's key with its public point, which OpenSSL does not work out itself.
 ossl::Pkey ecKeyOfScalar(const PkeyType& type, Bytes bytes) {
     const ossl::Group group(EC_GROUP_new_by_curve_name(type.curve));
-    const ossl::Number scalar(BN_secure_new());
+    const ossl::Number scalar(BN_secure_new());  // copies of a secure one are wiped, too
     if (group == nullptr || scalar == nullptr ||
         BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), scalar.get()) == nullptr ||
         BN_is_zero(scalar.get()) == 1 ||

@@ -1,8 +1,9 @@
 // Whatever fails, a buffer and a file are what they were, or what they were to become.
+#include <cerrno>
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "gtest/gtest.h"
 #include "modules/x509cmn/buf.h"
@@ -57,6 +58,22 @@ TEST(BufFaultTest, FailingCallLeavesOldOrNewFile) {
             }
         }
     }
+}
+
+TEST(BufFaultTest, TakenNameIsLeftAloneAndAnotherOneTried) {
+    const TempDir dir;
+    {
+        FailingCall taken(1, EEXIST, Mode::kOnce, {Call::kOpen});
+        EXPECT_EQ(kOk, bufOf("new")->save((dir / "file").c_str()));
+        EXPECT_TRUE(taken.lift());
+    }
+    EXPECT_EQ("new", readFile(dir / "file"));
+    const fault::Recorder removals({Call::kRemove});
+    FailingCall taken(1, EEXIST, Mode::kFromThenOn, {Call::kOpen});
+    EXPECT_EQ(kIo, bufOf("newer")->save((dir / "file").c_str()));
+    EXPECT_TRUE(taken.lift());
+    EXPECT_EQ("new", readFile(dir / "file"));
+    EXPECT_TRUE(removals.events().empty());
 }
 
 TEST(BufFaultTest, SaveIsDurableBeforeAndAfterItsName) {
