@@ -192,8 +192,9 @@ private:
 //
 // Construction, assignment and destruction belong to one thread at a time. Other
 // threads may call the object through the holder, and the framework may redirect
-// it, meanwhile. When assigned to, or attached as a whole, it must not be redirected at
-// that moment: only destruction raises the guard that a redirection waits for.
+// it, meanwhile. The object that a holder is copied from or assigned must stay until
+// that is done, and a holder that is assigned to must not be redirected at that
+// moment: only calls and destruction raise the guard that a redirection waits for.
 template <class T>
 class CMN_GRefPtr final : public CMN_GRPHolder {
 public:
@@ -297,13 +298,16 @@ private:
         unlessListed.holder = nullptr;
     }
 
-    // For a holder that is empty: whoever sees the object sees its guard as well.
+    // For a holder that is empty. Whoever sees the object sees its guard as well; and
+    // once it is listed it may be redirected, so that comes last.
     void attach(T* object) {
         if (object != nullptr) {
             guard.store(object->getGuard(), std::memory_order_release);
-            enlist(object);
         }
         pointee.store(object, std::memory_order_release);
+        if (object != nullptr) {
+            enlist(object);
+        }
     }
 
     // A release that destroys the object leaves the guard raised: the guard may have

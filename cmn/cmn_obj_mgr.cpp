@@ -1,6 +1,8 @@
 #include "cmn/cmn_obj_mgr.h"
 
+#include <chrono>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include <sched.h>
@@ -31,6 +33,16 @@ void CMN_ObjectManager::removeObj(CMN_GuardedRef* obj) {
     obj->next = nullptr;
 }
 
+namespace {
+
+// Waits for threads that need the lock, and so a turn at it. On a busy machine a loop
+// of yields takes seconds to get and to give one; a sleeper is back in time.
+void letOthersRun() {
+    std::this_thread::sleep_for(std::chrono::microseconds(50));
+}
+
+}  // namespace
+
 // Owns the lock of a registry for a walk. Pinning an object that has no reference
 // yet, or none any more, would wait for a thread that itself waits for the lock; so
 // the wait is done here, without it. Each such object is waited for once: were they
@@ -48,7 +60,7 @@ public:
         }
         while (!unheld.empty()) {
             lock_.exit();
-            sched_yield();
+            letOthersRun();
             lock_.enter();
             std::erase_if(unheld,
                           [&](const CMN_GuardedRef* obj) { return !isUnheld(registry, obj); });
@@ -92,7 +104,7 @@ DummyHolder* CMN_ObjectManager::getObj() {
                 return new DummyHolder(head);
             }
         }
-        sched_yield();
+        letOthersRun();
     }
 }
 

@@ -2,6 +2,7 @@
 // nothing was lost or done twice; the thread sanitizer looks at what lies between,
 // the order of locks included.
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <random>
 #include <thread>
@@ -137,7 +138,7 @@ TEST_F(FrameworkThreadsTest, HoldersComeAndGo) {
 }
 
 TEST_F(FrameworkThreadsTest, LastOfManyHoldersDestroysOnce) {
-    for (int round = 0; round < kRounds / 20; ++round) {
+    for (int round = 0; round < kRounds / 40; ++round) {
         auto* const object = new TestObject;
         CMN_Guard* const guard = object->getGuard();
         std::unique_ptr<Holder> holders[kThreads];
@@ -228,8 +229,8 @@ TEST_F(StubThreadsTest, ObjectStubsKeepTheirServiceInUse) {
 void makeAndDropObjects(const std::atomic<bool>& end, int number) {
     for (int i = 0; !end; ++i) {
         auto* const object = new TestObject;
-        if ((i + number) % 3 == 0) {
-            std::this_thread::yield();
+        if ((i + number) % 50 == 0) {
+            std::this_thread::sleep_for(std::chrono::microseconds(20));
         }
         const Holder first(object);
         const Holder second(first);
@@ -259,7 +260,7 @@ TEST_F(FrameworkThreadsTest, WalksAndQuestionsRunInAllThreads) {
     std::atomic<bool> end{false};
     const Together others(2, [&](int number) { makeAndDropObjects(end, number); });
     runTogether(3, [&](int number) {
-        for (int round = 0; round < kRounds / 40; ++round) {
+        for (int round = 0; round < kRounds / 200; ++round) {
             switch ((number + round) % 4) {
                 case 0:
                     ObjectManager.finiAll();
@@ -282,7 +283,7 @@ TEST_F(FrameworkThreadsTest, WalksAndQuestionsRunInAllThreads) {
 // The module's threads are gone when fini() detaches everybody, save those that
 // hold nothing yet.
 TEST_F(FrameworkThreadsTest, FiniWaitsForObjectsThatAreBeingHandedOver) {
-    for (int round = 0; round < kRounds / 20; ++round) {
+    for (int round = 0; round < kRounds / 40; ++round) {
         TestObject* const objects[] = {new TestObject, new TestObject, new TestObject};
         Holder holders[3];
         Together threads(4, [&](int number) {
@@ -327,7 +328,7 @@ TEST_F(StubThreadsTest, WalksDestroyObjectsThatHoldStubs) {
 // by all threads, each of which has a holder of its own on every object.
 class TakeOverThreadsTest : public FrameworkThreadsTest {
 protected:
-    static constexpr int kObjects = 40;
+    static constexpr int kObjects = 20;
 
     void makeOldObjects() {
         pObjMgr = &earlier;
@@ -408,7 +409,7 @@ TEST_F(TakeOverThreadsTest, TakeoversMayFollowEachOther) {
                 EXPECT_EQ(2 * i, callThrough(*holders[number][i % 4], i));
             }
         });
-        for (int round = 0; round < kRounds / 10; ++round) {
+        for (int round = 0; round < kRounds / 20; ++round) {
             CMN_ObjectManager& from = round % 2 == 0 ? earlier : ObjectManager;
             CMN_ObjectManager& to = round % 2 == 0 ? ObjectManager : earlier;
             pObjMgr = &to;
