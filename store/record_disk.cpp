@@ -396,8 +396,8 @@ Status FileStore::remove() {
 // Once the descriptor's new name is durable the record is gone, whatever becomes of
 // its files. Before that nothing is deleted that the record needs (I3).
 Status FileStore::removeFiles() {
-    if (tryCorrectName(folderName.c_str(), fileName.c_str()) != kOk) {
-        return kIo;  // I4
+    if (const Status status = tryCorrectName(folderName.c_str(), fileName.c_str()); status != kOk) {
+        return status;  // I4
     }
     const std::string path = joinPath(folderName, fileName);
     const std::string deleted = marked(path, kDeletedMarker);
