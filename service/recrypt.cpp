@@ -196,12 +196,12 @@ private:
 
     // Whether what the old key has encrypted decrypts.
     bool decoderWorks() {
-        aCryptoEncoder encoder;
-        if (encoder.setKey(oldKey_) != kOk) {
+        aCryptoEncoder sealing;
+        if (sealing.setKey(oldKey_) != kOk) {
             return false;
         }
         aBuf plain("sample");
-        aBuf cipher = encoder.encrypt(plain);
+        aBuf cipher = sealing.encrypt(plain);
         const aBuf decrypted = service_.ownDecoder().decrypt(cipher);
         return decrypted.target() != nullptr && !(decrypted != plain);
     }
