@@ -30,16 +30,37 @@ long support::freedWithMarker() noexcept {
     return found.load(std::memory_order_relaxed);
 }
 
-// The array and nothrow forms come to these.
+// Every form is told: a sanitizer replaces those that are not.
 void* operator new(std::size_t size) {
     if (void* const block = std::malloc(size)) {
         return block;
     }
     throw std::bad_alloc();
 }
+void* operator new[](std::size_t size) {
+    return ::operator new(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return std::malloc(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return std::malloc(size);
+}
 void operator delete(void* block) noexcept {
     release(block);
 }
+void operator delete[](void* block) noexcept {
+    release(block);
+}
 void operator delete(void* block, std::size_t /*size*/) noexcept {
+    release(block);
+}
+void operator delete[](void* block, std::size_t /*size*/) noexcept {
+    release(block);
+}
+void operator delete(void* block, const std::nothrow_t& /*tag*/) noexcept {
+    release(block);
+}
+void operator delete[](void* block, const std::nothrow_t& /*tag*/) noexcept {
     release(block);
 }
