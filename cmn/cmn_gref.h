@@ -42,7 +42,7 @@ public:
     int calls() const noexcept { return counter.load(std::memory_order_relaxed); }
 
 private:
-    int change(int by);
+    CMN_HIDDEN int change(int by);
 
     // Changed under the mutex only; atomic for the unlocked reads.
     std::atomic<int> counter{0};

@@ -48,7 +48,7 @@ void letOthersRun() {
 // the wait is done here, without it. Each such object is waited for once: were they
 // all to have references at the same moment, busy threads could hold a walk up for
 // ever.
-class CMN_ObjectManager::Settled {
+class CMN_HIDDEN CMN_ObjectManager::Settled {
 public:
     explicit Settled(CMN_ObjectManager& registry) CMN_NO_TSA : lock_(*registry.lock) {
         lock_.enter();
@@ -168,7 +168,7 @@ int CMN_ObjectManager::moduleIsUsedBy(const TypifiedID& id) {
 // Objects that a walk let everyone else let go of. They are destroyed when the walk
 // has given up the registry's lock: a destructor may need a lock, such as that of a
 // service stub, whose owner waits for the registry.
-class CMN_ObjectManager::Orphans {
+class CMN_HIDDEN CMN_ObjectManager::Orphans {
 public:
     Orphans() = default;
     Orphans(const Orphans&) = delete;

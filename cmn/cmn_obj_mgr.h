@@ -65,9 +65,9 @@ private:
     void forEachPinned(Visit visit);
     template <class Test>
     static int detachHolders(CMN_GuardedRef& obj, Test test);
-    class Settled;
-    class Orphans;
-    bool handOver(const DummyHolder& pinned);
+    class CMN_HIDDEN Settled;
+    class CMN_HIDDEN Orphans;
+    CMN_HIDDEN bool handOver(const DummyHolder& pinned);
 
     CMN_Mutex unused;  // part of the layout; nothing locks it
     // Shared with the reference counts, so a walk sees counts that stand still.

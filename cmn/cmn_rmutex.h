@@ -54,7 +54,7 @@ public:
     int exit() CMN_RELEASES();
 
 private:
-    bool enterAgain(unsigned long self) noexcept;
+    CMN_HIDDEN bool enterAgain(unsigned long self) noexcept;
 
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     // Read on the fast path without `mutex`, hence atomic: a thread finds its

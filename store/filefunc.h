@@ -49,7 +49,7 @@ public:
     int isFolder() const;
 
 private:
-    Status describeEntry(const dirent* entry);
+    CMN_HIDDEN Status describeEntry(const dirent* entry);
 
     std::string root = ".";
     int folder = 0;
