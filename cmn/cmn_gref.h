@@ -29,6 +29,8 @@ class CMN_ObjectManager;
 class CMN_EXPORT CMN_Guard : public CMN_Mutex, public CMN_Reference {
 public:
     CMN_Guard() = default;
+    // `counts` takes the place of RefMutex for the count of references.
+    explicit CMN_Guard(CMN_RecursiveMutex* counts) noexcept : CMN_Reference(counts) {}
     CMN_Guard(const CMN_Guard&) = delete;
     CMN_Guard& operator=(const CMN_Guard&) = delete;
     ~CMN_Guard() override;
@@ -226,6 +228,10 @@ public:
             return *this;  // letting go first could destroy what is to be kept
         }
         if (held != nullptr) {
+            if (object == nullptr) {
+                // No other thread may find the object here once its module is released.
+                pointee.store(nullptr, std::memory_order_release);
+            }
             held->remReference(this);
             if (object == nullptr) {
                 releaseModule();

@@ -109,8 +109,12 @@ DummyHolder* CMN_ObjectManager::getObj() {
 }
 
 void CMN_ObjectManager::init(CMN_ObjectManager* parent) {
-    while (DummyHolder* const pinned = parent->getObj()) {
-        while (!parent->handOver(*pinned)) {
+    parent->giveUp(MakeObject);
+}
+
+void CMN_ObjectManager::giveUp(Successor make) {
+    while (DummyHolder* const pinned = getObj()) {
+        while (!handOver(*pinned, make)) {
             sched_yield();
         }
         pinned->die();
@@ -121,7 +125,7 @@ void CMN_ObjectManager::init(CMN_ObjectManager* parent) {
 // in progress. The registry's lock comes before the guard's mutex, as in the walks.
 // The pin stays: with the last reference the object would go while its own lock is
 // held. What nothing but the pin holds gets no successor, for nobody would keep it.
-bool CMN_ObjectManager::handOver(const DummyHolder& pinned) {
+bool CMN_ObjectManager::handOver(const DummyHolder& pinned, Successor make) {
     CMN_GuardedRef& obj = *pinned.object();
     CMN_Guard* const guard = obj.getGuard();
     if (guard != nullptr && guard->calls() != 0) {
@@ -137,7 +141,7 @@ bool CMN_ObjectManager::handOver(const DummyHolder& pinned) {
     }
     const CMN_Entered holdersStay(obj.holderMutex);
     if (obj.holders.size() > 1) {
-        CMN_GuardedRef* const successor = MakeObject(obj.getType(), obj);
+        CMN_GuardedRef* const successor = make(obj.getType(), obj);
         CMN_GuardedRef::redirectHolders(successor, obj.holders, pinned.holder());
     }
     return true;
@@ -268,4 +272,51 @@ void CMN_ObjectManager::fini() {
 
 void CMN_ObjectManager::finiAll() {
     forEachPinned([](CMN_GuardedRef& obj, const CMN_GRPHolder*) { (void)obj.fini(); });
+}
+
+int CMN_ObjectManager::size() {
+    const CMN_Entered entered(*lock);
+    int objects = 0;
+    for (const CMN_GuardedRef* obj = head; obj != nullptr; obj = obj->next) {
+        ++objects;
+    }
+    return objects;
+}
+
+// The guard's mutex orders this look after a raise that some thread began before:
+// a caller that is not seen here finds that its holder has let go.
+bool CMN_ObjectManager::isBusy() {
+    const CMN_Entered entered(*lock);
+    for (const CMN_GuardedRef* obj = head; obj != nullptr; obj = obj->next) {
+        if (obj->references() == 0) {
+            return true;
+        }
+        if (CMN_Guard* const guard = obj->guard) {
+            guard->lock();
+            const int calls = guard->calls();
+            guard->unlock();
+            if (calls > 0) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+int CMN_ObjectManager::unhookForeign(const TypifiedID& home) {
+    int busy = 0;
+    forEachPinned([&](CMN_GuardedRef& obj, const CMN_GRPHolder* pin) {
+        std::unique_lock<CMN_Mutex> callsWait;
+        if (obj.guard != nullptr) {
+            callsWait = std::unique_lock<CMN_Mutex>(*obj.guard);
+            if (obj.guard->calls() > 0) {
+                ++busy;
+                return;
+            }
+        }
+        detachHolders(obj, [&](CMN_GRPHolder* holder) {
+            return holder != pin && !(holder->getModuleID() == home);
+        });
+    });
+    return busy;
 }

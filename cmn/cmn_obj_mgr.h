@@ -48,6 +48,12 @@ public:
     // `parent` survives without holders: a plain reference is the host's to drop.
     void init(CMN_ObjectManager* parent);
 
+    // The same, asked of the old registry: its objects go over to those that `make`,
+    // the MakeObject() of another module, makes. For a host, whose own MakeObject() is
+    // none of the modules'.
+    using Successor = CMN_GuardedRef* (*)(unsigned int type, CMN_GuardedRef& old);
+    void giveUp(Successor make);
+
     // 1 when a holder that lives in module `id` holds an object, else 0.
     int moduleIsUsedBy(const TypifiedID& id);
 
@@ -58,6 +64,18 @@ public:
     // Calls fini() of every object, newest first.
     void finiAll();
 
+    // How many objects there are.
+    int size();
+
+    // True while a call or a release is in progress on an object, or an object is
+    // still being handed to its first holder.
+    bool isBusy();
+
+    // Detaches the holders that live outside of module `home` from every object on
+    // which no call and no release is in progress, and gives the number of those
+    // that it left alone for that. The module is to be unloaded although it is used.
+    int unhookForeign(const TypifiedID& home);
+
 private:
     template <class Test>
     bool anyHolder(Test test);
@@ -67,7 +85,7 @@ private:
     static int detachHolders(CMN_GuardedRef& obj, Test test);
     class CMN_HIDDEN Settled;
     class CMN_HIDDEN Orphans;
-    CMN_HIDDEN bool handOver(const DummyHolder& pinned);
+    CMN_HIDDEN bool handOver(const DummyHolder& pinned, Successor make);
 
     CMN_Mutex unused;  // part of the layout; nothing locks it
     // Shared with the reference counts, so a walk sees counts that stand still.

@@ -21,6 +21,8 @@ public:
 
     constexpr virtual ~TypifiedID() = default;
 
+    constexpr IDType_t kind() const noexcept { return type; }
+
     // Compares the values of two identifiers of the same kind; the caller has
     // checked the kinds. The sign is that of (other - this).
     virtual int val_comp(const TypifiedID& other) const = 0;
@@ -59,6 +61,8 @@ public:
     explicit TstringID(const char* s);
     TstringID(const TstringID& other);
     ~TstringID() override;
+
+    const char* text() const noexcept { return str; }
 
     // Replaces the text by a copy of `s`, or by the empty text when `s` is null.
     void init(const char* s);

@@ -520,6 +520,27 @@ TEST_F(HolderTest, AssignmentOfAnEmptyHolderReleasesTheModuleOnce) {
     EXPECT_THAT(host.calls(), ElementsAre("release 67 by 107"));
 }
 
+// Once its module is released it may be unloaded, so no other thread may find the
+// object through the holder any more.
+TEST_F(HolderTest, AssignmentOfAnEmptyHolderShowsNothingBeforeItReleases) {
+    class Looking : public FakeHost {
+    public:
+        explicit Looking(CMN_GRefPtr<TestObject>& holder) : holder_(holder) {}
+        void releaseModule(const TypifiedID& module, const TypifiedID& asker) override {
+            EXPECT_EQ(nullptr, holder_.get());
+            FakeHost::releaseModule(module, asker);
+        }
+
+    private:
+        CMN_GRefPtr<TestObject>& holder_;
+    };
+    CMN_GRefPtr<TestObject> holder(new TestObject, &kSupplier);
+    Looking looking(holder);
+    const InstalledHost looks(&looking);
+    holder = nullptr;
+    EXPECT_THAT(looking.calls(), ElementsAre("release 67 by 107"));
+}
+
 TEST_F(HolderTest, AssignmentOfNothingWithoutSupplierReleasesNoModule) {
     CMN_GRefPtr<TestObject> holder(new TestObject);
     holder = nullptr;
