@@ -1,0 +1,58 @@
+// The shared object that a module is made of, mapped into this process.
+//
+// Maps with RTLD_LOCAL, so that two modules never share a registry. The functions
+// of one ModuleFile belong to one thread at a time.
+#ifndef HOST_MODULE_FILE_H
+#define HOST_MODULE_FILE_H
+
+#include <string>
+#include <utility>
+
+#include "api/base_module.h"
+#include "cmn/cmn_obj_mgr.h"
+#include "cmn/host_mgr.h"
+#include "host/result.h"
+
+class ModuleFile {
+public:
+    using Entry = decltype(&GetInterfaceClass);
+    using Successor = CMN_ObjectManager::Successor;
+
+    ModuleFile() = default;  // nothing is mapped
+    ModuleFile(ModuleFile&& other) noexcept { *this = std::move(other); }
+    ModuleFile& operator=(ModuleFile&& other) noexcept;
+    ~ModuleFile();  // as close()
+
+    // Maps the module at `path` into `file`, which holds nothing. Its static objects
+    // are built, its entry is not called.
+    //   kMissing    there is no such file
+    //   kIo         the file could not be opened or examined
+    //   kMalformed  it is not a regular file, not a shared object, one of the other
+    //               word size, cut short, needs what is not there, or lacks the
+    //               functions of a module
+    static Result open(const std::string& path, ModuleFile& file);
+
+    // Unmaps it and destroys its static objects. kIo when the system keeps it
+    // mapped all the same: something else has opened it too.
+    Result close();
+
+    // Lets it stay mapped to the end of the process.
+    void abandon() noexcept { handle_ = nullptr; }
+
+    // True when both are the same mapping: a file, by whatever name, is mapped once.
+    bool sameAs(const ModuleFile& other) const noexcept { return handle_ == other.handle_; }
+
+    const std::string& path() const noexcept { return path_; }  // absolute
+    Entry entry() const noexcept { return entry_; }
+    CMN_ObjectManager& objects() const noexcept { return *objects_; }
+    Successor makeObject() const noexcept { return makeObject_; }
+
+private:
+    std::string path_;
+    void* handle_ = nullptr;
+    Entry entry_ = nullptr;
+    CMN_ObjectManager* objects_ = nullptr;
+    Successor makeObject_ = nullptr;
+};
+
+#endif  // HOST_MODULE_FILE_H

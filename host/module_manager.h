@@ -1,0 +1,132 @@
+// The host's module manager: loads modules, finds their services for each other,
+// gives their objects guards, and unloads or replaces modules.
+//
+// Any thread may call any operation. Loading, unloading and replacing exclude each
+// other; each may be called from within a module's entry, but neither from within
+// a call of an object of the module concerned nor with a lock of the framework held
+// (from an object's fini(), say), for they wait for such calls and locks. What modules
+// ask for (currentGuard, acquireService, releaseModule, isLoaded) never waits for
+// them. Locks: see docs/locking.md.
+//
+// A module is used when another one has acquired its service, or holds one of its
+// objects. What it has acquired and holds itself does not count.
+#ifndef HOST_MODULE_MANAGER_H
+#define HOST_MODULE_MANAGER_H
+
+#include <chrono>
+#include <list>
+#include <optional>
+
+#include "api/base_module.h"
+#include "cmn/cmn_gref.h"
+#include "cmn/cmn_rmutex.h"
+#include "cmn/host_mgr.h"
+#include "cmn/id_type.h"
+#include "cmn/status.h"
+#include "cmn/thread_annotations.h"
+#include "host/guard_pool.h"
+#include "host/module_file.h"
+#include "host/result.h"
+#include "host/service_table.h"
+
+class ModuleManager final : public TModuleManager {
+public:
+    ModuleManager() = default;
+    ~ModuleManager() override { (void)unloadAll(); }  // nobody is left to be told
+
+    // Loads the module in the file at `path` and starts it.
+    //   kInvalid       `path` is null
+    //   kMissing       there is no such file
+    //   kMalformed     no file of a module, or of a module other than `expected`
+    //   kAlreadyOpen   this file, or another one of the module, is loaded
+    //   kIo, kNoMemory, or what the start of the service answered
+    Result load(const char* path, std::optional<unsigned int> expected = {});
+
+    // Stops and unloads a module.
+    //   kEnd           it is not loaded
+    //   kAlreadyOpen   another module uses it, or a call of one of its objects is in
+    //                  progress; nothing has changed
+    //   kIo            done, but the module has left objects behind, or something else
+    //                  in this process has opened its file: its file stays mapped
+    Result unload(unsigned int id);
+
+    // As unload(), also of a module in use: every other module loses the objects that
+    // it holds. Callers may go on calling through their handles, and find nothing;
+    // they must not make, assign or destroy handles meanwhile.
+    //   kAlreadyOpen   calls were in progress for longer than the patience. If they
+    //                  began after this operation, some handles are empty already.
+    Result forceUnload(unsigned int id);
+
+    // Unloads every module by force, the newest first. One that refuses is stopped no
+    // more and stays mapped. The first failure, if any.
+    Result unloadAll();
+
+    // Loads the file at `path`, which is a newer one of module `id`, and lets the new
+    // module take over from the old one: holders go over to the objects that it
+    // makes in place of the old ones, and lose those that it does not. Uses stay
+    // counted if the service is among the former. Callers may go on calling, as above.
+    // Waits for the end of every call that is in progress on the old module.
+    //   as load(), where the file that is loaded already is kInvalid, and
+    //   kEnd           module `id` is not loaded
+    //   kAlreadyOpen   the module does not let itself be replaced, or someone has
+    //                  acquired its service and holds no reference on it
+    Result replace(unsigned int id, const char* path);
+
+    // Offers `service` to all modules as service `id`, before that of a module with
+    // this number; null ends that. To be called before anyone acquires the service:
+    // who did keeps what he has. The caller keeps the object alive and has a holder on it.
+    void setService(unsigned int id, CMN_GuardedRef* service) { services_.setOwn(id, service); }
+
+    // The service object of module `id` itself, or null. Not counted as a use: what
+    // keeps the module from being unloaded is a holder.
+    CMN_GuardedRef* moduleService(unsigned int id);
+
+    // How long forceUnload() and replace() wait for others.
+    void setPatience(std::chrono::milliseconds patience);
+
+    // The acquisitions of module `id`, by modules that have not released it.
+    int uses(unsigned int id) const;
+    const GuardPool& guards() const noexcept { return guards_; }
+
+    // TModuleManager: the same operations, answering with the bare status.
+    Status loadModule(const char* path) override;
+    Status unloadModule(const TypifiedID& module) override;
+    int isLoaded(const TypifiedID& module) override;
+    CMN_Guard* currentGuard() override;
+    CMN_GuardedRef* acquireService(const TypifiedID& service, const TypifiedID& asker) override;
+    void releaseModule(const TypifiedID& module, const TypifiedID& asker) override;
+
+private:
+    struct Module {
+        unsigned int id = 0;
+        ModuleFile file;
+        BaseModuleInterface* face = nullptr;  // what the entry gave
+        // The module's service object, on which the manager keeps a plain reference:
+        // giving that up deletes it.
+        CMN_GuardedRef* service = nullptr;
+    };
+    using Modules = std::list<Module>;
+
+    Modules::iterator find(unsigned int id) CMN_REQUIRES(lifecycle_);
+    Result start(Module& module, std::optional<unsigned int> expected);
+    Result closeUnused(const Module& module);
+    Result detachUsers(const Module& module) CMN_REQUIRES(lifecycle_);
+    Result remove(Modules::iterator module) CMN_REQUIRES(lifecycle_);
+    bool offerInPlaceOf(const Module& old, const Module& fresh, ServiceTable::Uses& seen)
+        CMN_REQUIRES(lifecycle_);
+    void takeOver(Module& old, const Module& fresh, const ServiceTable::Uses& seen);
+    void letGoOfOthers(unsigned int id) CMN_REQUIRES(lifecycle_);
+
+    static void shutDown(Module& module);
+    static Result unmap(Module& module);
+
+    // Serialises loading, unloading and replacing. Recursive: a module's entry may
+    // load others. The first lock of the order; held while modules are called.
+    CMN_RecursiveMutex lifecycle_{"lifecycle"};
+    GuardPool guards_;  // outlives the modules
+    ServiceTable services_;
+    Modules modules_ CMN_GUARDED_BY(lifecycle_);  // in the order of loading
+    std::chrono::milliseconds patience_ CMN_GUARDED_BY(lifecycle_){2000};
+};
+
+#endif  // HOST_MODULE_MANAGER_H

@@ -1,0 +1,96 @@
+#include "host/store_host.h"
+
+#include <dlfcn.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string_view>
+
+#include "cmn/no_throw.h"
+#include "os/files.h"
+#include "os/fs.h"
+
+namespace {
+
+// The folder of the file at `path`, whatever links lead there; empty when there is none.
+std::string folderOf(const char* path) {
+    const std::unique_ptr<char, void (*)(void*)> real(os::realpath(path, nullptr), std::free);
+    if (real == nullptr) {
+        return {};
+    }
+    const std::string_view whole = real.get();
+    return std::string(whole.substr(0, whole.rfind('/')));
+}
+
+// The folders of the program and of the shared library, if any, that this code is in.
+std::vector<std::string> ownFolders() {
+    std::vector<std::string> folders{folderOf("/proc/self/exe")};
+    Dl_info library;
+    if (dladdr(reinterpret_cast<const void*>(&ownFolders), &library) != 0) {
+        folders.push_back(folderOf(library.dli_fname));
+    }
+    return folders;
+}
+
+std::string pathIn(const std::string& folder, const std::string& file) {
+    std::string path = folder;
+    path += '/';
+    path += file;
+    return path;
+}
+
+// Empty when there is none.
+std::string findFolder(const std::string& module) {
+    for (const std::string& own : ownFolders()) {
+        for (const char* const beside : {"/../lib/filestore", "/filestore", "/../lib", ""}) {
+            std::string folder = own + beside;
+            if (!own.empty() &&
+                os::presence(pathIn(folder, module).c_str()) == os::Presence::kPresent) {
+                return folder;
+            }
+        }
+    }
+    return {};
+}
+
+std::string chooseFolder(const StoreHost::Setup& setup) {
+    if (!setup.folder.empty()) {
+        return setup.folder;
+    }
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing here changes the environment
+    const char* const named = std::getenv("FILESTORE_MODULES");
+    if (named != nullptr && *named != '\0') {
+        return named;
+    }
+    return setup.modules.empty() ? std::string() : findFolder(setup.modules.back());
+}
+
+}  // namespace
+
+Result StoreHost::start(const Setup& setup) {
+    if (ModMgr != nullptr) {
+        return {kAlreadyOpen, "this program has a module manager already"};
+    }
+    const std::string folder = chooseFolder(setup);
+    if (folder.empty()) {
+        return {kMissing,
+                "the modules of the store are not beside the program; name their folder in the "
+                "environment as FILESTORE_MODULES"};
+    }
+    ModMgr = &manager_;
+    for (const std::string& module : setup.modules) {
+        if (Result loaded = manager_.load(pathIn(folder, module).c_str()); !loaded.ok()) {
+            (void)stop();  // the failure that led here is the one to report
+            return loaded;
+        }
+    }
+    return {};
+}
+
+Result StoreHost::stop() {
+    Result unloaded = manager_.unloadAll();
+    if (ModMgr == &manager_) {
+        ModMgr = nullptr;
+    }
+    return unloaded;
+}

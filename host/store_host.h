@@ -1,0 +1,56 @@
+// All that a program needs to get from nothing to an open store: a module manager,
+// and the store's modules found and loaded.
+//
+//     StoreHost host;
+//     if (const Result started = host.start(); !started.ok()) { ... }
+//     aFileStoreSrv store;
+//     store.open("password");
+//
+// The proxies linked into the program find their services once start() has
+// succeeded. A program has one started StoreHost at a time, for all its threads;
+// starting and stopping it is one thread's, while no other uses a proxy.
+#ifndef HOST_STORE_HOST_H
+#define HOST_STORE_HOST_H
+
+#include <string>
+#include <vector>
+
+#include "host/module_manager.h"
+#include "host/result.h"
+
+class StoreHost {
+public:
+    struct Setup {
+        // The folder of the modules. Empty: that of the environment's
+        // FILESTORE_MODULES, or else the first that has the last of `modules` among
+        // those beside the program, and beside the library that this code is in:
+        // ../lib/filestore, filestore, ../lib, and its own.
+        std::string folder;
+        // Loaded in this order: each finds the ones that it calls.
+        std::vector<std::string> modules{"x509cmn.so", "pkixkey.so", "pkcs5.so", "filestore.so"};
+    };
+
+    StoreHost() = default;
+    StoreHost(const StoreHost&) = delete;
+    StoreHost& operator=(const StoreHost&) = delete;
+    ~StoreHost() { (void)stop(); }
+
+    // Loads the modules and becomes this program's module manager. A failure leaves
+    // none loaded. Answers as ModuleManager::load(), and
+    //   kMissing      no folder has the modules
+    //   kAlreadyOpen  this StoreHost, or another one of the program, is started
+    Result start(const Setup& setup);
+    Result start() { return start(Setup()); }
+
+    // Unloads all modules, the newest first; proxies that are left hold nothing from
+    // then on. Answers as ModuleManager::unloadAll(); kOk when it is not started.
+    Result stop();
+
+    // For more modules, and for services of the program's own.
+    ModuleManager& manager() noexcept { return manager_; }
+
+private:
+    ModuleManager manager_;
+};
+
+#endif  // HOST_STORE_HOST_H
