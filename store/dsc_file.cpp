@@ -121,10 +121,11 @@ Status readText(const char* path, std::unique_ptr<char[]>& text, std::size_t& si
         case os::Opened::kRegular:
             break;
     }
-    size = static_cast<std::size_t>(length);
-    if (static_cast<off_t>(size) != length || size + 1 == 0) {
+    // More than a line could hold is more than memory should be asked for.
+    if (length >= std::numeric_limits<unsigned int>::max()) {
         return kNoMemory;
     }
+    size = static_cast<std::size_t>(length);
     text = std::make_unique_for_overwrite<char[]>(size + 1);
     return os::readAll(file.get(), text.get(), size) ? kOk : kMalformed;
 }

@@ -133,8 +133,8 @@ public:
     // Reads descriptor and body, repairing an interrupted write. Contents that are
     // encrypted stay so until decrypt().
     //   kMissing    no file name, or no such record
-    //   kMalformed  a bad descriptor, or one that names a body outside of the folder;
-    //               attributes before a bad line are in the record
+    //   kMalformed  a bad descriptor, or one whose body is no file of the folder, or a
+    //               descriptor; attributes before a bad line are in the record
     //   others      as readBody()
     Status read() override;
 
@@ -175,6 +175,7 @@ public:
     [[nodiscard]] Status writeDSC(const char* path, const char* bodyFileName);
     // Appends the descriptor's attributes; at a bad line those before it are appended.
     //   kMissing    it cannot be opened
+    //   kNoMemory   also when its size has more than 32 bits
     //   kMalformed  it cannot be read, or a line is bad
     [[nodiscard]] static Status readDSC(const char* path, std::vector<Attr>& attrs);
     // Writes the body file, durably, encrypted when flagged; kIo, with no file left

@@ -107,7 +107,7 @@ Status findBody(const std::string& folder, const std::string& descriptor, std::s
     }
     const FileStore::Attr* const reference = findBodyReference(attrs);
     const std::string name = reference == nullptr ? std::string() : reference->text();
-    path = isPlainName(name) ? joinPath(folder, name) : std::string();
+    path = isBodyName(name) ? joinPath(folder, name) : std::string();
     return kOk;
 }
 
@@ -369,9 +369,9 @@ Status FileStore::adoptBody(const Attr& reference) {
         bodyPending = 1;
     }
     const std::string bodyName = reference.text();
-    if (!isPlainName(bodyName)) {
+    if (!isBodyName(bodyName)) {
         body.clear();
-        return kMalformed;  // a file elsewhere is not this record's
+        return kMalformed;  // a file elsewhere, or a descriptor, is not this record's
     }
     return readBody(joinPath(folderName, bodyName).c_str());
 }

@@ -42,6 +42,12 @@ bool isPlainName(std::string_view name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
 }
 
+bool isBodyName(std::string_view name) {
+    const auto ends = [&](std::string_view marker) { return name.ends_with(marker); };
+    return isPlainName(name) && !ends(kDscSuffix) && !ends(kNewMarker) && !ends(kOldMarker) &&
+           !ends(kDeletedMarker);
+}
+
 std::string joinPath(std::string_view folder, std::string_view name) {
     return concat(folder, "/", name);
 }

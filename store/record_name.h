@@ -38,6 +38,10 @@ inline constexpr std::string_view kDeletedMarker = ".$d$";  // on its way out
 // "." or "..", and has no "/" in it.
 [[nodiscard]] bool isPlainName(std::string_view name);
 
+// Whether a file of this name can be a record's body: it is a plain name, and none
+// that a descriptor has at any time.
+[[nodiscard]] bool isBodyName(std::string_view name);
+
 // folder + "/" + name.
 [[nodiscard]] std::string joinPath(std::string_view folder, std::string_view name);
 

@@ -90,6 +90,16 @@ TEST(RecordNameTest, PlainNameStaysInItsFolder) {
     }
 }
 
+TEST(RecordNameTest, BodyNameIsPlainAndNoDescriptors) {
+    for (const char* name : {"0000002a", "a", "dsc", "a.dsc.bak", "$o$", "a.$o", "a.b"}) {
+        EXPECT_TRUE(isBodyName(name)) << name;
+    }
+    for (const char* name :
+         {"", ".", "..", "a/b", "a.dsc", ".dsc", "a.dsc.$n$", "a.dsc.$o$", "a.dsc.$d$", ".$o$"}) {
+        EXPECT_FALSE(isBodyName(name)) << name;
+    }
+}
+
 TEST(RecordNameTest, JoinPathPutsOneSlashBetween) {
     EXPECT_EQ("./db/keys/a.dsc", joinPath("./db/keys", "a.dsc"));
     EXPECT_EQ("/a", joinPath("", "a"));

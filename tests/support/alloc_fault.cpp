@@ -6,10 +6,14 @@
 #include <cstdlib>
 #include <new>
 
+#include <malloc.h>
+
 namespace {
 
 std::atomic<long> made{0};
 std::atomic<long> live{0};
+std::atomic<long> liveBytes{0};
+std::atomic<long> peakBytes{0};
 std::atomic<long> remaining{LONG_MAX};  // calls until the fault strikes
 std::atomic<bool> lasting{false};
 std::atomic<bool> struck{false};
@@ -31,10 +35,18 @@ bool fails() noexcept {
     return true;
 }
 
+void took(long bytes) noexcept {
+    const long now = liveBytes.fetch_add(bytes, std::memory_order_relaxed) + bytes;
+    long peak = peakBytes.load(std::memory_order_relaxed);
+    while (peak < now && !peakBytes.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
+    }
+}
+
 void* allocate(std::size_t size) noexcept {
     void* const memory = fails() ? nullptr : std::malloc(size == 0 ? 1 : size);
     if (memory != nullptr) {
         live.fetch_add(1, std::memory_order_relaxed);
+        took(static_cast<long>(malloc_usable_size(memory)));
     }
     return memory;
 }
@@ -50,6 +62,8 @@ void* allocateOrThrow(std::size_t size) {
 void release(void* memory) noexcept {
     if (memory != nullptr) {
         live.fetch_sub(1, std::memory_order_relaxed);
+        liveBytes.fetch_sub(static_cast<long>(malloc_usable_size(memory)),
+                            std::memory_order_relaxed);
         std::free(memory);
     }
 }
@@ -79,6 +93,14 @@ long allocationCount() noexcept {
 
 long liveAllocations() noexcept {
     return live;
+}
+
+PeakMemory::PeakMemory() noexcept : before_(liveBytes) {
+    peakBytes = before_;
+}
+
+long PeakMemory::bytes() const noexcept {
+    return peakBytes - before_;
 }
 
 void shiftAllocationPause(int by) noexcept {

@@ -27,6 +27,20 @@ public:
 long allocationCount() noexcept;  // since the program began
 long liveAllocations() noexcept;  // made and not yet freed
 
+// How much memory was in use at the same time since this was made, beyond what was
+// then. One may live at a time.
+class PeakMemory {
+public:
+    PeakMemory() noexcept;
+    PeakMemory(const PeakMemory&) = delete;
+    PeakMemory& operator=(const PeakMemory&) = delete;
+
+    long bytes() const noexcept;
+
+private:
+    long before_;
+};
+
 // Null in programs without alloc_fault.cpp.
 [[gnu::weak]] void shiftAllocationPause(int by) noexcept;
 

@@ -93,4 +93,16 @@ TEST(LiveAllocationsTest, CountWhatIsNotYetFreed) {
     EXPECT_EQ(before + 2, during);
 }
 
+TEST(PeakMemoryTest, IsTheMostInUseAtATime) {
+    ::operator delete(::operator new(1 << 20));
+    const fault::PeakMemory peak;
+    ::operator delete(::operator new(1000));
+    void* const kept = ::operator new(1000);
+    ::operator delete(::operator new(1000));
+    const long bytes = peak.bytes();
+    ::operator delete(kept);
+    EXPECT_GE(bytes, 2000);
+    EXPECT_LT(bytes, 3000);
+}
+
 }  // namespace
