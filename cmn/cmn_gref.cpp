@@ -50,7 +50,7 @@ namespace {
 // A reference that is given back, without any lock, unless its holder gets listed.
 class Claim {
 public:
-    explicit Claim(CMN_Reference& object) : object_(&object) { object.addReference(); }
+    explicit Claim(CMN_Reference& object) : object_(&object) {}
     Claim(const Claim&) = delete;
     Claim& operator=(const Claim&) = delete;
     ~Claim() {
@@ -68,6 +68,7 @@ private:
 }  // namespace
 
 void CMN_GuardedRef::addReference(CMN_GRPHolder* holder) {
+    addToCount(1);
     Claim claim(*this);
     const CMN_Entered entered(holderMutex);
     holders.push_front(holder);
@@ -83,7 +84,7 @@ int CMN_GuardedRef::remReference(CMN_GRPHolder* holder) {
         }
         holders.eraseitem(node);
     }
-    return CMN_Reference::remReference();
+    return drop();
 }
 
 // Each redirected holder leaves `list`, hence the snapshot; pushing to its front

@@ -37,6 +37,23 @@ public:
     // going below zero: at count 0 the result is -1 and nothing is deleted.
     int remReference();
 
+protected:
+    // addReference() and remReference() in line, for the framework's own use.
+    CMN_HIDDEN int addToCount(int by) {
+        const CMN_Entered entered(*mutex);
+        const int now = references() + by;
+        count.store(now, std::memory_order_relaxed);
+        return now;
+    }
+    // The object goes outside of the mutex, so that its destructor may take it.
+    CMN_HIDDEN int drop() {
+        const int left = addToCount(-1);
+        if (left == 0) {
+            delete this;
+        }
+        return left;
+    }
+
 private:
     CMN_RecursiveMutex* mutex;
     // Changed under *mutex only; atomic for the unlocked reads.

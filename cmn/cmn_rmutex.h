@@ -54,7 +54,13 @@ public:
     int exit() CMN_RELEASES();
 
 private:
+    friend class CMN_Entered;
+
+    // enter() and exit() in line, for the framework's own scopes.
     CMN_HIDDEN bool enterAgain(unsigned long self) noexcept;
+    CMN_HIDDEN void own(unsigned long self) noexcept;
+    CMN_HIDDEN void take();
+    CMN_HIDDEN int give();
 
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     // Read on the fast path without `mutex`, hence atomic: a thread finds its
@@ -76,13 +82,47 @@ private:
     CMN_Mutex& mutex_;
 };
 
+// The owner alone can find its own identifier in `owner`, so the two unlocked
+// reads cannot mislead any other thread; the owner alone then changes `depth`.
+inline bool CMN_RecursiveMutex::enterAgain(unsigned long self) noexcept {
+    const unsigned int levels = depth.load(std::memory_order_relaxed);
+    if (levels == 0 || !thr_equal(owner.load(std::memory_order_relaxed), self)) {
+        return false;
+    }
+    depth.store(levels + 1, std::memory_order_relaxed);
+    return true;
+}
+
+inline void CMN_RecursiveMutex::own(unsigned long self) noexcept {
+    depth.store(1, std::memory_order_relaxed);
+    owner.store(self, std::memory_order_relaxed);
+}
+
+inline void CMN_RecursiveMutex::take() {
+    const unsigned long self = pthread_self();
+    if (!enterAgain(self)) {
+        pthread_mutex_lock(&mutex);
+        own(self);
+    }
+}
+
+inline int CMN_RecursiveMutex::give() {
+    const unsigned int left = depth.load(std::memory_order_relaxed) - 1;
+    depth.store(left, std::memory_order_relaxed);
+    if (left != 0) {
+        return static_cast<int>(left);
+    }
+    owner.store(0, std::memory_order_relaxed);
+    return pthread_mutex_unlock(&mutex);
+}
+
 // Owns a recursive mutex for a scope.
 class CMN_SCOPED_CAPABILITY CMN_Entered {
 public:
     explicit CMN_Entered(CMN_RecursiveMutex& m) CMN_ACQUIRES(m) CMN_NO_TSA : mutex_(m) {
-        mutex_.enter();
+        mutex_.take();
     }
-    ~CMN_Entered() CMN_RELEASES() CMN_NO_TSA { mutex_.exit(); }
+    ~CMN_Entered() CMN_RELEASES() CMN_NO_TSA { mutex_.give(); }
 
     CMN_Entered(const CMN_Entered&) = delete;
     CMN_Entered& operator=(const CMN_Entered&) = delete;
