@@ -9,6 +9,7 @@
 
 #include "cmn/cmn_obj_mgr.h"
 #include "tests/support/fake_host.h"
+#include "tests/support/moment.h"
 #include "tests/support/mutex_probe.h"
 #include "tests/support/test_objects.h"
 
@@ -55,8 +56,8 @@ TEST(GuardTest, ChangesUnderItsMutexAndIsReadWithoutIt) {
     CMN_Guard guard;
     guard.lock();
     std::thread other([&] { guard.inc(); });
-    for (int i = 0; i < 1000; ++i) {
-        std::this_thread::yield();
+    for (int i = 0; i < 30; ++i) {
+        aMoment();
     }
     EXPECT_EQ(0, guard.calls());
     guard.unlock();
@@ -324,7 +325,7 @@ TEST_F(GuardedRefTest, HolderListIsLockedAgainstOtherThreadsOnly) {
     object.addReference(&own);
     std::thread other([&] { object.addReference(&others); });
     while (object.references() != 2) {  // counted before the list is locked
-        std::this_thread::yield();
+        aMoment();
     }
     EXPECT_THAT(holdersOf(object), ElementsAre(&own));
     object.unlockHolderList();
@@ -642,10 +643,10 @@ TEST_F(DummyHolderTest, WaitsUntilTheObjectHasItsFirstHolder) {
     std::atomic<DummyHolder*> pin{nullptr};
     std::thread other([&] { pin = new DummyHolder(object); });
     while (object->references() != 1) {
-        std::this_thread::yield();
+        aMoment();
     }
-    for (int i = 0; i < 1000; ++i) {
-        std::this_thread::yield();
+    for (int i = 0; i < 30; ++i) {
+        aMoment();
         ASSERT_EQ(nullptr, pin.load());
     }
     const CMN_GRefPtr<TestObject> first(object);

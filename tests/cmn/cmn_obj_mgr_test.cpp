@@ -9,6 +9,7 @@
 
 #include "cmn/objmgrfunc.h"
 #include "tests/support/fake_host.h"
+#include "tests/support/moment.h"
 #include "tests/support/mutex_probe.h"
 #include "tests/support/test_objects.h"
 
@@ -99,8 +100,8 @@ TEST_F(ObjectManagerTest, EnteringAndLeavingWaitForTheSharedLock) {
     {
         const CMN_Entered entered(CMN_Reference::RefMutex);
         other = std::thread([&] { holder = std::make_unique<Holder>(make("a")); });
-        for (int i = 0; i < 1000; ++i) {
-            std::this_thread::yield();
+        for (int i = 0; i < 30; ++i) {
+            aMoment();
         }
         EXPECT_EQ(nullptr, ObjectManager.getObj());
     }
@@ -126,8 +127,8 @@ TEST_F(ObjectManagerTest, GetObjWaitsForAHalfBuiltObjectWithoutTheLock) {
     TestObject* const object = make("a");  // held by nobody yet
     std::atomic<DummyHolder*> pin{nullptr};
     std::thread other([&] { pin = ObjectManager.getObj(); });
-    for (int i = 0; i < 1000; ++i) {
-        std::this_thread::yield();
+    for (int i = 0; i < 30; ++i) {
+        aMoment();
         ASSERT_EQ(nullptr, pin.load());
     }
     const Holder first(object);  // needs the lock
@@ -452,6 +453,57 @@ TEST_F(ObjectManagerTest, FiniAllSurvivesObjectsThatLetOthersGoAndMakeNewOnes) {
     EXPECT_THAT(log, ElementsAre("fini changing", "fini next", "fini last", "~next"));
 }
 
+// --- what a host asks before and while it unloads a module
+
+TEST_F(ObjectManagerTest, SizeIsTheNumberOfObjects) {
+    EXPECT_EQ(0, ObjectManager.size());
+    Holder a(make("a"));
+    const Holder b(make("b"));
+    EXPECT_EQ(2, ObjectManager.size());
+    a = nullptr;
+    EXPECT_EQ(1, ObjectManager.size());
+}
+
+TEST_F(ObjectManagerTest, IsBusyWhileAGuardIsRaisedOrAnObjectIsHalfBuilt) {
+    EXPECT_FALSE(ObjectManager.isBusy());
+    const Holder unguarded(make("unguarded"));
+    EXPECT_FALSE(ObjectManager.isBusy());
+    const Holder guarded(make("guarded"));
+    auto* const guard = new CMN_Guard;
+    guarded.get()->setGuard(guard);
+    EXPECT_FALSE(ObjectManager.isBusy());
+    guard->inc();
+    EXPECT_TRUE(ObjectManager.isBusy());
+    guard->dec();
+    EXPECT_FALSE(ObjectManager.isBusy());
+    TestObject* const halfBuilt = make("held by nobody yet");
+    EXPECT_TRUE(ObjectManager.isBusy());
+    const Holder first(halfBuilt);
+    EXPECT_FALSE(ObjectManager.isBusy());
+    EXPECT_TRUE(isFree(CMN_Reference::RefMutex));
+}
+
+TEST_F(ObjectManagerTest, UnhookForeignSparesTheModuleItselfAndWhatIsBeingCalled) {
+    const Holder idle(make("idle"));
+    const Holder called(make("called"));
+    called.get()->setGuard(new CMN_Guard);
+    called.get()->getGuard()->inc();
+    TestHolder ofIdle(kOther, "of idle", &log);
+    TestHolder ofCalled(kThird, "of called", &log);
+    TestHolder alone(kThird, "alone", &log);
+    ofIdle.hold(idle.get());
+    ofCalled.hold(called.get());
+    alone.hold(make("foreign only"));
+    EXPECT_EQ(1, ObjectManager.unhookForeign(Tuint32ID(kOwn)));
+    EXPECT_THAT(log, ElementsAre("alone: nothing", "of idle: nothing", "~foreign only"));
+    EXPECT_EQ(called.get(), ofCalled.object());
+    EXPECT_THAT(holdersOf(*idle.get()), ElementsAre(&idle));
+    called.get()->getGuard()->dec();
+    EXPECT_EQ(0, ObjectManager.unhookForeign(Tuint32ID(kOwn)));
+    EXPECT_EQ(nullptr, ofCalled.object());
+    EXPECT_EQ(1, called.get()->references());
+}
+
 // --- waiting for objects that nobody holds yet
 
 TEST_F(ObjectManagerTest, WalksWaitForHalfBuiltObjectsWithoutTheLock) {
@@ -472,8 +524,8 @@ TEST_F(ObjectManagerTest, WalksWaitForHalfBuiltObjectsWithoutTheLock) {
             row.walk();
             done = true;
         });
-        for (int i = 0; i < 1000; ++i) {
-            std::this_thread::yield();
+        for (int i = 0; i < 30; ++i) {
+            aMoment();
             ASSERT_FALSE(done);
         }
         const Holder first(object);  // needs the lock
@@ -572,6 +624,21 @@ TEST_F(TakeOverTest, FactoryIsAskedForTheTypeOfEachObject) {
     EXPECT_THAT(log, ElementsAre("~b", "~a"));
 }
 
+TEST_F(TakeOverTest, GiveUpAsksTheFactoryItIsGiven) {
+    successorOf = [](unsigned int, CMN_GuardedRef&) -> CMN_GuardedRef* {
+        ADD_FAILURE() << "the module's own factory";
+        return nullptr;
+    };
+    Holder own(makeOld("a", 0x6B0001));
+    earlier.giveUp([](unsigned int type, CMN_GuardedRef& old) -> CMN_GuardedRef* {
+        return new TestObject("for " + dynamic_cast<TestObject&>(old).name(), nullptr, type);
+    });
+    EXPECT_EQ("for a", own.get()->name());
+    EXPECT_EQ(0x6B0001U, own.get()->getType());
+    EXPECT_THAT(log, ElementsAre("~a"));
+    EXPECT_EQ(nullptr, earlier.getObj());
+}
+
 TEST_F(TakeOverTest, ObjectsOfTheModuleItselfStay) {
     makeSuccessors();
     const Holder mine(make("mine"));
@@ -606,13 +673,13 @@ TEST_F(TakeOverTest, WaitsUntilNoCallIsInProgress) {
     guard->inc();
     guard->inc();
     std::thread taking([this] { ObjectManager.init(&earlier); });
-    for (int i = 0; i < 1000; ++i) {
-        std::this_thread::yield();
+    for (int i = 0; i < 30; ++i) {
+        aMoment();
         ASSERT_EQ(old, own.get());
     }
     guard->dec();
-    for (int i = 0; i < 1000; ++i) {
-        std::this_thread::yield();
+    for (int i = 0; i < 30; ++i) {
+        aMoment();
         ASSERT_EQ(old, own.get());
     }
     old->addReference();  // a call may count and list as it likes meanwhile
@@ -628,8 +695,8 @@ TEST_F(TakeOverTest, HoldsTheGuardsMutexWhileItRedirects) {
     std::thread caller;
     successorOf = [&](unsigned int, CMN_GuardedRef&) {
         caller = std::thread([guard] { guard->inc(); });
-        for (int i = 0; i < 1000; ++i) {
-            std::this_thread::yield();
+        for (int i = 0; i < 30; ++i) {
+            aMoment();
             EXPECT_EQ(0, guard->calls());
         }
         return nullptr;
@@ -650,7 +717,7 @@ TEST_F(TakeOverTest, GuardThatADestructionLeftRaisedHoldsUpTheNextObject) {
     Holder b(makeOld("b"));
     std::thread taking([this] { ObjectManager.init(&earlier); });
     while (shared->calls() == 0) {
-        std::this_thread::yield();
+        aMoment();
     }
     EXPECT_EQ(1, shared->calls());
     EXPECT_EQ(nullptr, b.get());
@@ -673,10 +740,10 @@ TEST_F(TakeOverTest, DoesNotEndBeforePlainReferencesAreDropped) {
         done = true;
     });
     while (own.get() == old) {
-        std::this_thread::yield();
+        aMoment();
     }
-    for (int i = 0; i < 1000; ++i) {
-        std::this_thread::yield();
+    for (int i = 0; i < 30; ++i) {
+        aMoment();
         ASSERT_FALSE(done);
     }
     EXPECT_EQ("new a", own.get()->name());

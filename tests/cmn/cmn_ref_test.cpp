@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/moment.h"
 #include "tests/support/mutex_probe.h"
 
 namespace {
@@ -106,8 +107,8 @@ TEST(ReferenceTest, CountsUnderTheMutexItWasGiven) {
     {
         const CMN_Entered taken(own);
         waiting = std::thread([&] { object.addReference(); });
-        for (int i = 0; i < 1000; ++i) {
-            std::this_thread::yield();
+        for (int i = 0; i < 30; ++i) {
+            aMoment();
         }
         EXPECT_EQ(1, object.references());  // read without the mutex
     }

@@ -15,6 +15,7 @@
 #include "cmn/objmgrfunc.h"
 #include "tests/cmn/modules/twin.h"
 #include "tests/support/fake_host.h"
+#include "tests/support/moment.h"
 #include "tests/support/run_together.h"
 
 namespace {
@@ -160,8 +161,8 @@ TEST_F(ModuleCopiesTest, CountUnderTheirOwnMutex) {
     {
         const CMN_Entered entered(*a->refMutex);
         waiting = std::thread([&twin] { twin.remReference(); });
-        for (int i = 0; i < 1000; ++i) {
-            std::this_thread::yield();
+        for (int i = 0; i < 30; ++i) {
+            aMoment();
         }
         EXPECT_EQ(2, twin.references());
     }
