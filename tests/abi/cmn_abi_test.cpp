@@ -285,6 +285,24 @@ TEST(ObjectManagerAbiTest, FieldsAreAsPublished) {
     EXPECT_EQ(holder.get(), fieldAt<CMN_GuardedRef*>(&ObjectManager, shape(36, 64)));
 }
 
+TEST(ObjectManagerAbiTest, ObjectThatLeftHasNoLinks) {
+    constexpr std::size_t kPrevLink = shape(68, 120);
+    constexpr std::size_t kNext = shape(72, 128);
+    const CMN_GRefPtr<TestObject> oldest(new TestObject);
+    const CMN_GRefPtr<TestObject> middle(new TestObject);
+    const CMN_GRefPtr<TestObject> newest(new TestObject);
+    ObjectManager.removeObj(middle.get());
+    EXPECT_EQ(nullptr, fieldAt<void*>(middle.get(), kPrevLink));
+    EXPECT_EQ(nullptr, fieldAt<void*>(middle.get(), kNext));
+    EXPECT_EQ(oldest.get(), fieldAt<CMN_GuardedRef*>(newest.get(), kNext));
+    EXPECT_EQ(reinterpret_cast<char*>(newest.get()) + kNext,
+              fieldAt<char*>(oldest.get(), kPrevLink));
+    ObjectManager.storeObj(middle.get());
+    EXPECT_EQ(newest.get(), fieldAt<CMN_GuardedRef*>(middle.get(), kNext));
+    EXPECT_EQ(reinterpret_cast<char*>(middle.get()) + kNext,
+              fieldAt<char*>(newest.get(), kPrevLink));
+}
+
 // --- stubs
 
 TEST(ServiceStubAbiTest, PlacesAreAsPublished) {

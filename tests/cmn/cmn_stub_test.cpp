@@ -140,6 +140,17 @@ TEST_F(ServiceStubTest, LastUnrefGivesServiceAndModuleBack) {
     EXPECT_THAT(host.calls(), ElementsAre("acquire 67 by 107", "release 67 by 107"));
 }
 
+TEST_F(ServiceStubTest, UnrefTooManyIsCountedAndReleasesNothing) {
+    ServiceStub stub;
+    EXPECT_EQ(8, stub.twice(4));
+    stub.unref();
+    EXPECT_EQ(-1, stub.uses());
+    EXPECT_EQ(service, stub.service());
+    stub.ref();
+    EXPECT_EQ(0, stub.uses());
+    EXPECT_THAT(host.calls(), ElementsAre("acquire 67 by 107"));
+}
+
 TEST_F(ServiceStubTest, IsAcquiredAnewAfterItsLastUnref) {
     ServiceStub stub;
     stub.ref();
