@@ -23,6 +23,7 @@ MAY_INCLUDE = {
     "modules": {"client", "api", "cmn", "os"},
     "fstore": {"host", "client", "api", "cmn", "os"},
     "bench": {"service", "host", "client", "api", "cmn", "os"},
+    "examples": {"host", "client", "api", "cmn", "os"},
 }
 UNBOUND = {"tests", "fuzz"}  # include anything; nothing includes them
 

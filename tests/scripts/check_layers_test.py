@@ -19,6 +19,8 @@ GOOD = [
     ("modules/pkcs5/pbes.cpp", '"modules/common/module_entry.h"'),
     ("modules/common/module_entry.h", '"modules/common/wiped_bytes.h"'),
     ("fstore/main.cpp", '"host/module_manager.h"'),
+    ("examples/store_key.cpp", '"host/store_host.h"'),
+    ("examples/store_key.cpp", '"client/file_store_exp.h"'),
     ("tests/store/filefunc_test.cpp", '"service/db_folders.h"'),
     ("tests/store/filefunc_test.cpp", "<unistd.h>"),
 ]
@@ -50,6 +52,9 @@ BAD = [
     ("fstore/session.cpp", "<sys/file.h>"),
     ("fstore/files.cpp", "<fstream>"),
     ("bench/write_bench.cpp", '"store/file_store.h"'),
+    ("examples/store_key.cpp", '"service/s_filestore_mm.h"'),
+    ("examples/client_module.cpp", '"modules/common/module_entry.h"'),
+    ("host/store_host.cpp", '"examples/store_key.h"'),
     ("store/file_store.cpp", '"tests/support/temp_db.h"'),
     ("store/file_store.cpp", '"file_store.h"'),
     ("store/file_store.cpp", '"../cmn/status.h"'),
