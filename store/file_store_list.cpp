@@ -123,9 +123,6 @@ Status getFileNameList(const char* folder, std::vector<std::string>& names) {
 
 // Puts back every descriptor that is still known by its saved name, as the only one.
 Status renameOLDFile(const char* folder, std::vector<std::string>& names) {
-    if (folder == nullptr) {
-        return kInvalid;
-    }
     bool renamed = false;
     for (std::string& name : names) {
         if (!hasMarker(name, kOldMarker)) {

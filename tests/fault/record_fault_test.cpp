@@ -5,8 +5,11 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
+#include "store/file_store.h"
+#include "store/record_disk.h"
 #include "tests/fault/record_workloads.h"
 #include "tests/support/fs_fault.h"
+#include "tests/support/temp_dir.h"
 #include "tests/support/test_store.h"
 
 namespace {
@@ -146,6 +149,57 @@ TEST_P(RecordFaultTest, CallsThatMoveNothingAreFailures) {
 
 INSTANTIATE_TEST_SUITE_P(, RecordFaultTest, testing::ValuesIn(recordWorkloads()),
                          [](const auto& param) { return param.param.name; });
+
+// Failures of which more is promised.
+
+class DurableCloseTest : public testing::Test {
+protected:
+    TestStore store;
+    CMN_GRefPtr<FileStore> held{new FileStore};
+    FileStore& record = *held.get();
+    FailingCall fault{1, EIO, Mode::kFromThenOn, {Call::kFsync}};
+};
+
+TEST_F(DurableCloseTest, FailedOneLeavesTheFile) {
+    ASSERT_EQ(kOk, record.setBody(dataOf("body"), 4));
+    EXPECT_EQ(kIo, record.writeBody("./body"));
+    EXPECT_EQ("body", support::readFile("./body"));
+    EXPECT_EQ(kIo, record.writeDSC("./a.dsc", "body"));
+    EXPECT_EQ("10000003 00000000 body\n", support::readFile("./a.dsc"));
+    EXPECT_THAT(openHandles(), IsEmpty());
+}
+
+TEST_F(DurableCloseTest, OfTheNewDescriptorLeavesItWhereNobodyReadsIt) {
+    ASSERT_EQ(kOk, record.setFolderName(TestStore::kFolder));
+    ASSERT_EQ(kOk, record.setName("a"));
+    EXPECT_EQ(kIo, record.write());
+    EXPECT_THAT(TestStore::files(), testing::ElementsAre(testing::Pair("a.dsc.$n$", "")));
+    EXPECT_EQ(0, record.isExist());
+}
+
+TEST_F(DurableCloseTest, OfTheNewBodyLeavesNothing) {
+    ASSERT_EQ(kOk, record.setFolderName(TestStore::kFolder));
+    ASSERT_EQ(kOk, record.setName("a"));
+    ASSERT_EQ(kOk, record.setBody(dataOf("body"), 4));
+    EXPECT_EQ(kIo, record.write());
+    EXPECT_THAT(TestStore::files(), IsEmpty());
+}
+
+// Another reader was faster: what is to be renamed or deleted is gone.
+TEST(RepairRaceTest, NameThatIsGoneWasRepaired) {
+    const TestStore store;
+    const std::string descriptor = store.path("a.dsc");
+    support::writeFile(descriptor + ".$o$", "saved");
+    {
+        FailingCall fault(1, ENOENT, Mode::kOnce, {Call::kRename});
+        EXPECT_EQ(kOk, tryCorrectName(TestStore::kFolder, "a.dsc"));
+        EXPECT_TRUE(fault.lift());
+    }
+    support::writeFile(descriptor, "new");
+    FailingCall fault(1, ENOENT, Mode::kOnce, {Call::kRemove});
+    EXPECT_EQ(kOk, tryCorrectName(TestStore::kFolder, "a.dsc"));
+    EXPECT_TRUE(fault.lift());
+}
 
 // Readers.
 

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <ctime>
 #include <filesystem>
@@ -285,6 +286,23 @@ TEST_F(FileStoreListTest, FailedScanLeavesListAndCursor) {
     EXPECT_EQ(kIo, scan());
     EXPECT_STREQ("b", list.getNext().getName());
     EXPECT_THAT(names(), ElementsAre("a.dsc", "b.dsc"));
+}
+
+// What cannot be examined may be a record; what is gone meanwhile is none.
+TEST_F(FileStoreListTest, EntryThatCannotBeExaminedEndsTheScan) {
+    writeFile(store.path("a.dsc"), "");
+    push("before");
+    const fault::UntypedEntries untyped;
+    for (const int error : {EIO, EACCES, ENOMEM}) {
+        fault::FailingCall fault(1, error, fault::Mode::kFromThenOn, {Call::kLstat});
+        EXPECT_EQ(kIo, scan());
+        EXPECT_TRUE(fault.lift());
+    }
+    EXPECT_THAT(names(), ElementsAre("before.dsc"));
+    fault::FailingCall gone(1, ENOENT, fault::Mode::kFromThenOn, {Call::kLstat});
+    EXPECT_EQ(kOk, scan());
+    EXPECT_TRUE(gone.lift());
+    EXPECT_THAT(names(), IsEmpty());
 }
 
 TEST_F(FileStoreListTest, WithoutServiceThereAreNoRecordsToList) {

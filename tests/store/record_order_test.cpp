@@ -96,6 +96,13 @@ void saveUnnamed() {
     ASSERT_EQ(kOk, record.write());
 }
 
+void saveForLater() {
+    aFileStore record = TestStore::record("a");
+    fill(record, kWithBody);
+    auto& implementation = dynamic_cast<FileStore&>(*record.target());
+    ASSERT_EQ(kOk, implementation.store(FileStore::Sync::kLater));
+}
+
 void rename(const char* from, const char* to) {
     const std::string folder = std::string(TestStore::kFolder) + "/";
     std::filesystem::rename(folder + from, folder + to);
@@ -210,6 +217,26 @@ open F rdonly|directory
 fsync F
 close F
 access F/NEW.dsc.$o$ failed ENOENT
+)"},
+    // Of a tree that becomes durable as a whole: nothing is synced by itself.
+    {"WriteWhoseDurabilityComesLater", [] { save(kWithBody); }, saveForLater, R"(
+access F/NEW failed ENOENT
+open F/NEW wronly|creat|excl
+write F/NEW 4
+open F/a.dsc.$n$ wronly|creat|excl
+write F/a.dsc.$n$ 47
+close F/NEW
+close F/a.dsc.$n$
+access F/a.dsc
+rename F/a.dsc F/a.dsc.$o$
+rename F/a.dsc.$n$ F/a.dsc
+access F/a.dsc.$o$
+open F/a.dsc.$o$ rdonly
+fstat F/a.dsc.$o$
+read F/a.dsc.$o$ 47
+close F/a.dsc.$o$
+remove F/a.dsc.$o$
+remove F/OLD
 )"},
     {"Read", [] { save(kWithBody); }, read, R"(
 open F/a.dsc rdonly
