@@ -528,6 +528,18 @@ TEST(RecryptFailureTest, PasswordThatCannotBeKeptIsNoMissingKey) {
     }
 }
 
+TEST(RecryptFailureTest, PasswordRecordThatCannotBeWritten) {
+    const int writes = countOf(Call::kWrite);
+    RecryptDatabase db;
+    const Tree before = support::tree("db");
+    fault::FailingCall failing(writes, ENOSPC, Mode::kOnce, {Call::kWrite});
+    const fault::Recorder after({Call::kWrite});
+    EXPECT_EQ(kIo, recrypt("old", "new"));
+    EXPECT_TRUE(failing.lift());
+    EXPECT_EQ("write ./new_db/key.dsc.$n$ failed ENOSPC", after.lines().back());
+    expectUntouched(db, before);
+}
+
 TEST(RecryptFailureTest, PreviousDatabaseThatCannotBeRemoved) {
     RecryptDatabase db;
     fs::create_directory("old_db");
