@@ -30,7 +30,9 @@ struct GetOptions {
     bool force = false;
 };
 
-// The record that gets the body: what is there, or a new one.
+// The record that gets the body: what is there, or a new one. Looks once more when
+// the database had to be opened for it.
+// NOLINTNEXTLINE(misc-no-recursion): the second time it is open
 Record recordFor(Session& session, const Address& address) {
     if (!Record::isThere(address)) {
         requireFolder(address.folder);

@@ -139,7 +139,7 @@ private:
     std::optional<std::string> noteBodyOf(const std::string& name) {
         try {
             const std::vector<DescriptorLine> lines = readDescriptor(joined(path_, name));
-            const std::optional<std::string> body = bodyNameOf(lines);
+            std::optional<std::string> body = bodyNameOf(lines);
             if (body) {
                 named_.insert(*body);
             } else if (!std::ranges::all_of(lines, [](const DescriptorLine& line) {

@@ -58,13 +58,18 @@ SecretText accepted(std::string_view text, PasswordSource::Which which) {
                               variableName(which, "")));
 }
 
+// The value of an environment variable, or null.
+const char* variable(const std::string& name) {
+    return std::getenv(name.c_str());  // NOLINT(concurrency-mt-unsafe): this program has one thread
+}
+
 }  // namespace
 
 PasswordSource::PasswordSource(Which which, const PasswordOptions& options, bool noInput,
                                Output& output)
     : which_(which), noInput_(noInput), output_(output) {
     const std::string fileVariable = variableName(which, "_FILE");
-    const char* const file = std::getenv(fileVariable.c_str());
+    const char* const file = variable(fileVariable);
     if (options.fd) {
         from_ = From::kFd;
         fd_ = *options.fd;
@@ -76,7 +81,7 @@ PasswordSource::PasswordSource(Which which, const PasswordOptions& options, bool
         openFile(*options.file);
     } else if (file != nullptr) {
         openFile(file);
-    } else if (std::getenv(variableName(which, "").c_str()) != nullptr) {
+    } else if (variable(variableName(which, "")) != nullptr) {
         from_ = From::kVariable;
         name_ = variableName(which, "");
     }
@@ -113,7 +118,9 @@ const SecretText& PasswordSource::get(Entry entry) {
             password_ = read(file_ ? file_.get() : kStdin);
             break;
         case From::kVariable:
-            password_ = accepted(std::getenv(name_.c_str()), which_);
+            if (const char* const value = variable(name_)) {
+                password_ = accepted(value, which_);
+            }
             os::forgetVariable(name_.c_str());
             break;
         case From::kTerminal:
