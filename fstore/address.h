@@ -15,6 +15,7 @@ struct Address {
     std::string folder;  // "certificates/local"; empty for "db" itself
     std::string name;
 
+    // NOLINTNEXTLINE(modernize-use-nullptr): the check takes what the compiler makes for a 0
     auto operator<=>(const Address&) const = default;
 
     // The records that the tool and the store keep for themselves.

@@ -60,7 +60,7 @@ SecretText accepted(std::string_view text, PasswordSource::Which which) {
 
 // The value of an environment variable, or null.
 const char* variable(const std::string& name) {
-    return std::getenv(name.c_str());  // NOLINT(concurrency-mt-unsafe): this program has one thread
+    return std::getenv(name.c_str());
 }
 
 }  // namespace

@@ -75,8 +75,9 @@ void installSignalHandlers() noexcept {
 
 void removeOnSignal(const char* path) noexcept {
     removedPathIsWhole = 0;
-    if (path != nullptr && std::strlen(path) < sizeof removedPath) {
-        std::strcpy(removedPath, path);
+    const std::size_t size = path == nullptr ? 0 : std::strlen(path) + 1;
+    if (size != 0 && size <= sizeof removedPath) {
+        std::memcpy(removedPath, path, size);
         removedPathIsWhole = 1;
     }
 }
@@ -96,9 +97,10 @@ std::string currentFolder() {
 }
 
 void forgetVariable(const char* name) noexcept {
-    if (char* const value = std::getenv(name)) {
+    // For a program that has one thread still.
+    if (char* const value = std::getenv(name)) {  // NOLINT(concurrency-mt-unsafe)
         ::explicit_bzero(value, std::strlen(value));
-        (void)::unsetenv(name);
+        (void)::unsetenv(name);  // NOLINT(concurrency-mt-unsafe)
     }
 }
 
