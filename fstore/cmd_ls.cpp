@@ -16,7 +16,7 @@ namespace {
 
 enum class Order { kName, kExpiry, kSubject };
 
-constexpr std::int64_t kDay = 24 * 60 * 60;
+constexpr std::int64_t kDay = 24 * std::int64_t{60} * 60;
 constexpr std::int64_t kSoon = 30 * kDay;
 constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
 

@@ -302,8 +302,8 @@ bool matchesGlob(std::string_view pattern, std::string_view text) {
 }
 
 std::optional<std::int64_t> parsePeriod(std::string_view text) {
-    constexpr std::int64_t kDay = 24 * 60 * 60;
-    constexpr std::int64_t kMost = 10'000 * 365 * kDay;
+    constexpr std::int64_t kDay = 24 * std::int64_t{60} * 60;
+    constexpr std::int64_t kMost = std::int64_t{10'000} * 365 * kDay;
     if (text.size() < 2) {
         return std::nullopt;
     }
@@ -316,7 +316,7 @@ std::optional<std::int64_t> parsePeriod(std::string_view text) {
             unit = 60;
             break;
         case 'h':
-            unit = 60 * 60;
+            unit = std::int64_t{60} * 60;
             break;
         case 'd':
             unit = kDay;
@@ -370,7 +370,7 @@ std::optional<std::int64_t> parseMoment(std::string_view text) {
         return std::nullopt;
     }
     const std::int64_t days = sys_days(date).time_since_epoch().count();
-    return days * 86400 + *hour * 3600 + *minute * 60 + *second - *zone;
+    return days * 86400 + std::int64_t{*hour} * 3600 + std::int64_t{*minute} * 60 + *second - *zone;
 }
 
 std::string printMoment(std::int64_t moment) {
