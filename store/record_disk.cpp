@@ -399,6 +399,11 @@ Status FileStore::removeFiles() {
     if (const Status status = tryCorrectName(folderName.c_str(), fileName.c_str()); status != kOk) {
         return status;  // I4
     }
+    // A saved descriptor that an earlier write has deleted could still come back after a
+    // loss of power, beside a record that is gone: it goes for good first (I4).
+    if (!os::syncFolder(folderName.c_str())) {
+        return kIo;
+    }
     const std::string path = joinPath(folderName, fileName);
     const std::string deleted = marked(path, kDeletedMarker);
     if (!moveAside(path, deleted)) {

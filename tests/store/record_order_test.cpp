@@ -270,8 +270,12 @@ fstat F/OLD
 read F/OLD 4
 close F/OLD
 )"},
+    // Synced first: a saved descriptor that was deleted must not outlive the removal.
     {"Remove", [] { save(kWithBody); }, erase, R"(
 access F/a.dsc.$o$ failed ENOENT
+open F rdonly|directory
+fsync F
+close F
 rename F/a.dsc F/a.dsc.$d$
 open F rdonly|directory
 fsync F
@@ -289,6 +293,9 @@ close F
 )"},
     {"RemoveWithoutBody", [] { save(kWithoutBody); }, erase, R"(
 access F/a.dsc.$o$ failed ENOENT
+open F rdonly|directory
+fsync F
+close F
 rename F/a.dsc F/a.dsc.$d$
 open F rdonly|directory
 fsync F
@@ -315,6 +322,9 @@ remove F/a.dsc.$o$
 open F rdonly|directory
 fsync F
 close F
+open F rdonly|directory
+fsync F
+close F
 rename F/a.dsc F/a.dsc.$d$
 open F rdonly|directory
 fsync F
@@ -336,6 +346,9 @@ close F
      },
      erase, R"(
 access F/a.dsc.$o$ failed ENOENT
+open F rdonly|directory
+fsync F
+close F
 rename F/a.dsc F/a.dsc.$d$ failed EISDIR
 remove F/a.dsc.$d$
 rename F/a.dsc F/a.dsc.$d$
