@@ -68,7 +68,7 @@ std::optional<std::uint32_t> parseNumber(std::string_view text) {
 void addFilterOptions(CLI::App& app, Filters& filters) {
     const char* const group = "Filters (all must hold)";
     app.add_option("--expires-within", filters.expiresWithin,
-                   "Not yet expired, but within a period: 30d, 12h, 2w, 1y")
+                   "Expired, or about to within a period: 30d, 12h, 2w, 1y")
         ->type_name("PERIOD")
         ->group(group);
     app.add_flag("--expired", filters.expired, "No longer valid")->group(group);
@@ -145,12 +145,10 @@ bool Filter::matchesExpiry(const RecordInfo& info) const {
     if (!filters_.expired && !expiresBefore_) {
         return true;
     }
-    if (!info.notAfter) {
-        return false;
-    }
-    const bool expired = *info.notAfter < now_;
-    return filters_.expired ? expired && (!expiresBefore_ || *info.notAfter <= *expiresBefore_)
-                            : !expired && *info.notAfter <= *expiresBefore_;
+    // What has expired also counts as about to: an alarm must not fall silent when
+    // nobody heard it.
+    return info.notAfter && (!filters_.expired || *info.notAfter < now_) &&
+           (!expiresBefore_ || *info.notAfter <= *expiresBefore_);
 }
 
 bool Filter::matchesNames(const RecordInfo& info) const {
