@@ -41,7 +41,7 @@ std::vector<Address> addressesOf(const Options& options) {
     const std::string folder = parseFolder(*options.folder);
     std::vector<Address> found;
     for (const std::string& each : allFolders()) {
-        if (each == folder || each.starts_with(folder + "/")) {
+        if (folder.empty() || each == folder || each.starts_with(folder + "/")) {
             const auto inside = recordsOf(each);
             found.insert(found.end(), inside.begin(), inside.end());
         }

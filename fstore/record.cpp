@@ -57,6 +57,18 @@ bool sameContents(const Record& a, const Record& b) {
     return true;
 }
 
+// Whether each step of the way is a folder, and not a link to one.
+bool isFolder(const std::string& folder) {
+    std::size_t end = 0;
+    while (end != std::string::npos) {
+        end = folder.find('/', end + 1);
+        if (os::entryTypeOf(folderPath(folder.substr(0, end)).c_str()) != os::EntryType::kFolder) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // NOLINTNEXTLINE(misc-no-recursion): as deep as folders are
 void addFolders(const std::string& folder, std::vector<std::string>& folders) {
     folders.push_back(folder);
@@ -120,7 +132,8 @@ Record Record::read(const Address& address) {
 }
 
 bool Record::isThere(const Address& address) {
-    return exists(descriptorPath(address));
+    const std::string path = descriptorPath(address);
+    return exists(path) && os::entryTypeOf(path.c_str()) == os::EntryType::kFile;
 }
 
 bool Record::hasSecrets() const {
@@ -291,13 +304,9 @@ void Record::remove() {
 }
 
 void requireFolder(const std::string& folder) {
-    std::size_t end = 0;
-    while (end != std::string::npos) {
-        end = folder.find('/', end + 1);
-        if (os::entryTypeOf(folderPath(folder.substr(0, end)).c_str()) != os::EntryType::kFolder) {
-            throw Failure(kMissing, fmt::format("there is no folder {} in the database", folder),
-                          folder);
-        }
+    if (!isFolder(folder)) {
+        throw Failure(kMissing, fmt::format("there is no folder {} in the database", folder),
+                      folder);
     }
 }
 
@@ -394,8 +403,7 @@ std::vector<Address> allRecords() {
 Address resolve(std::string_view text) {
     const AddressText wanted = parseAddress(text);
     if (wanted.form == AddressText::Form::kPlace) {
-        requireFolder(wanted.place.folder);
-        if (!Record::isThere(wanted.place)) {
+        if (!isFolder(wanted.place.folder) || !Record::isThere(wanted.place)) {
             throw Failure(kMissing, fmt::format("there is no record {}", wanted.place.print()),
                           wanted.place.print());
         }
