@@ -15,37 +15,50 @@ struct Options {
     unsigned int cost = Slot::kDefaultLn;
 };
 
-void refuseUnless(bool accepted, Session& session, const std::string& why) {
+void refuseUnless(bool accepted, const Session& session, const std::string& why) {
     if (!accepted) {
         throw Failure(kInvalid, fmt::format("the database in {} {}", session.folder(), why),
-                      session.folder());
+                      session.folderName());
     }
 }
 
-Status run(const Options& options, Context& context) {
-    Session& session = context.session;
+// Enters the database; whether it has yet to be given its password.
+bool enterUnlessForeign(Session& session) {
     session.enterNew();
     const Protection::State state = session.protection().state;
     refuseUnless(state != Protection::State::kRaw, session,
                  "has a password that can be guessed cheaply: `fstore passwd` protects it");
-    const bool isNew = state == Protection::State::kNone;
-    if (isNew) {
-        const std::size_t records = allRecords().size();
-        refuseUnless(records == 0, session,
-                     fmt::format("holds {} records and has no password: `fstore passwd` gives it "
-                                 "one",
-                                 records));
-        NewSlot fresh =
-            makeSlot(session.password().get(PasswordSource::Entry::kTwice), options.cost);
-        session.reopen(SecretText());
-        changePassword(session, std::move(fresh), /*keepOld=*/false);
-        context.output.note(fmt::format("the database in {} is ready", session.folder()));
-    } else {
-        session.open(Access::kChange);
-        context.output.note(fmt::format("the database in {} was ready before, with this password",
-                                        session.folder()));
+    if (state == Protection::State::kScrypt) {
+        return false;
     }
-    context.output.document({{"folder", jsonText(session.folder())}, {"created", isNew}});
+    const std::size_t records = allRecords().size();
+    refuseUnless(
+        records == 0, session,
+        fmt::format("holds {} records and has no password: `fstore passwd` gives it one", records));
+    return true;
+}
+
+// False when the database has got a password while this one was asked for.
+bool initialise(const Options& options, Session& session) {
+    session.release();
+    NewSlot fresh = makeSlot(session.password().get(PasswordSource::Entry::kTwice), options.cost);
+    if (!enterUnlessForeign(session)) {
+        return false;
+    }
+    session.reopen(SecretText());
+    changePassword(session, std::move(fresh), /*keepOld=*/false);
+    return true;
+}
+
+Status run(const Options& options, Context& context) {
+    Session& session = context.session;
+    const bool created = enterUnlessForeign(session) && initialise(options, session);
+    if (!created) {
+        session.open(Access::kChange);
+    }
+    context.output.note(fmt::format("the database in {} {}", session.folder(),
+                                    created ? "is ready" : "was ready before, with this password"));
+    context.output.document({{"folder", jsonText(session.folderName())}, {"created", created}});
     return kOk;
 }
 

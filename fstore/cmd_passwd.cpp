@@ -23,14 +23,17 @@ Status run(const Options& options, Context& context) {
     if (fresh.usesStandardInput() && session.password().usesStandardInput()) {
         throw Failure(kUsage, "the standard input cannot be both the old and the new password");
     }
-    session.open(Access::kChange);
+    session.open(Access::kRead);  // a mistake in the old one shows before the new one is asked for
+    session.release();
     NewSlot slot = makeSlot(fresh.get(PasswordSource::Entry::kTwice), options.cost);
+    session.open(Access::kChange);
     changePassword(session, std::move(slot), options.keepOld);
     context.output.note(
         fmt::format("the database in {} has another password now{}", session.folder(),
                     options.keepOld ? "; ./old_db still opens with the one before" : ""));
-    context.output.document(
-        {{"folder", jsonText(session.folder())}, {"changed", true}, {"keptOld", options.keepOld}});
+    context.output.document({{"folder", jsonText(session.folderName())},
+                             {"changed", true},
+                             {"keptOld", options.keepOld}});
     return kOk;
 }
 

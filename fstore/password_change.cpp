@@ -55,6 +55,9 @@ void requireNamesOf(const std::string& old, const std::string& live) {
 }
 
 [[noreturn]] void goBack(Session& session, const Failure& reason) {
+    if (reason.status() == kNoMemory) {
+        throw Failure(reason);  // tells nothing about the folder; the next command goes on
+    }
     if (!exists(kPrevious)) {
         throw Failure(kFound,
                       fmt::format("the change of the password cannot be finished: {}; what is "
@@ -104,7 +107,7 @@ void changePassword(Session& session, NewSlot fresh, bool keepOld) {
     // A failure may have come before or after the swap: the folders decide.
     session.recover();
     if (!session.protection().isUnfinished()) {
-        check(status == kOk ? kIo : status, "the password was not changed", session.folder());
+        check(status == kOk ? kIo : status, "the password was not changed", session.folderName());
     }
     syncFolder(".");
     try {

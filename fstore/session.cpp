@@ -164,9 +164,7 @@ void Session::open(Access access) {
     enterLocked(Access::kRead);
     for (;;) {
         const Slot slot = protection_.inForce;
-        if (!os::unlockFile(locked_)) {
-            failWithErrno("unlock", folder());
-        }
+        release();
         SecretText p = deriveForSlot();
         // What a change of the password left to do can be done now, with the password.
         enterLocked(protection_.isUnfinished() ? Access::kChange : access);
@@ -191,6 +189,12 @@ void Session::enterNew() {
     recover();
 }
 
+void Session::release() {
+    if (!os::unlockFile(locked_)) {
+        failWithErrno("unlock", folderName());
+    }
+}
+
 void Session::look(Access access) {
     goToFolder();
     startHost();
@@ -204,7 +208,7 @@ void Session::requireSecrecy() const {
                       fmt::format("the database in {} has no password, so nothing in it can be "
                                   "kept secret: `fstore init` or `fstore passwd` gives it one",
                                   folder()),
-                      folder());
+                      folderName());
     }
 }
 
@@ -234,9 +238,9 @@ void Session::reopen(SecretText p) {
     if (status == kWrongPassword) {
         throw Failure(kWrongPassword,
                       fmt::format("the password is not that of the database in {}", folder()),
-                      folder());
+                      folderName());
     }
-    check(status, fmt::format("cannot open the database in {}", folder()), folder());
+    check(status, fmt::format("cannot open the database in {}", folder()), folderName());
     p_ = std::move(p);
 }
 
@@ -260,13 +264,13 @@ void Session::lock(os::LockKind kind) {
         case os::Locked::kBusy:
             break;
         case os::Locked::kFailed:
-            failWithErrno("lock the folder", folder());
+            failWithErrno("lock the folder", folderName());
     }
     throw Failure(kAlreadyOpen,
                   fmt::format("another process holds the database in {}; try again later or wait "
                               "longer with --lock-timeout",
                               folder()),
-                  folder());
+                  folderName());
 }
 
 void Session::startHost() {
@@ -281,12 +285,13 @@ void Session::requireDatabase() const {
                       fmt::format("there is no database in {}: `fstore init` makes one, --dir "
                                   "names another folder",
                                   folder()),
-                      folder());
+                      folderName());
     }
 }
 
+// An unfinished copy is none of a reader's business.
 bool Session::needsRepair() const {
-    if (!exists(kLive) || exists(kCopy)) {
+    if (!exists(kLive)) {
         return true;
     }
     const std::vector<std::string> folders = allFolders();
@@ -294,8 +299,13 @@ bool Session::needsRepair() const {
 }
 
 void Session::recover() {
+    // The store goes on after a folder that it could not make, so errno tells of another.
     if (service_.prepareDBFolders() != kOk) {
-        failWithErrno("make the folders of the database in", folder());
+        throw Failure(kIo,
+                      fmt::format("cannot make the folders of the database in {}: its disk may be "
+                                  "full, or not yours to write",
+                                  folder()),
+                      folderName());
     }
     syncFolder(".");
     if (exists(kCopy)) {
@@ -345,7 +355,7 @@ void Session::enterShared() {
                   fmt::format("what a crash left in {} cannot be repaired; `fstore check` tells "
                               "more",
                               folder()),
-                  folder());
+                  folderName());
 }
 
 SecretText Session::deriveForSlot() {

@@ -40,7 +40,7 @@ struct Protection {
     Slot inForce;             // also without a record "kdf"
     bool keepOld = false;     // the unfinished change keeps the database as it was
 
-    // The change has happened and its last steps have not.
+    // A change of the password was broken off.
     bool isUnfinished() const { return slots.size() == 2; }
 };
 
@@ -66,6 +66,10 @@ public:
     // and the folder itself.
     void enterNew();
 
+    // Lets other processes in, until the next enter...() or open(). What was read before
+    // may have changed then.
+    void release();
+
     // Locks, and repairs nothing, so that what a crash left behind can be looked at.
     // There may be no folder "db" but only the one before it.
     void look(Access access);
@@ -84,8 +88,9 @@ public:
     PasswordSource& password() noexcept { return password_; }
     const Globals& globals() const noexcept { return globals_; }
     Output& output() noexcept { return output_; }
-    // The folder that holds "db", for messages.
-    const std::string& folder() const noexcept { return globals_.folder; }
+    // The folder that holds "db": its name, and words for messages.
+    const std::string& folderName() const noexcept { return globals_.folder; }
+    std::string folder() const { return globals_.folder == "." ? "this folder" : globals_.folder; }
 
     // Reads the two records anew, and throws kNoDigest or kMalformed when they do not
     // go together.
