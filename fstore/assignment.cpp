@@ -36,7 +36,7 @@ SecretBytes numberBytes(std::string_view left, std::string_view text) {
     const bool isNumber = !text.empty() && text[0] >= '0' && text[0] <= '9';
     const auto number = isNumber ? parseAttributeId(text) : std::nullopt;
     if (!number) {
-        refuse(left, "a number has 32 bits, in decimal or as 0x...");
+        refuse(left, "a number has 32 bits and stands in decimal or after 0x");
     }
     SecretBytes bytes(sizeof *number);
     std::memcpy(bytes.data(), &*number, sizeof *number);
@@ -59,11 +59,13 @@ SecretBytes valueFromText(std::string_view left, unsigned int type, std::string_
         return numberBytes(left, text);
     }
     if (type == kBinary) {
-        const auto bytes = fromHex(text);
+        auto bytes = fromHex(text);
         if (!bytes) {
             refuse(left, "binary takes pairs of hexadecimal digits");
         }
-        return {bytes->begin(), bytes->end()};
+        SecretBytes value(bytes->begin(), bytes->end());
+        wipe(bytes->data(), bytes->size());
+        return value;
     }
     return {text.begin(), text.end()};
 }

@@ -44,15 +44,40 @@ const char* planOf(const Finding& finding) {
             return "it will be made";
         case Finding::Repair::kMoveBack:
             return "it will be moved back";
+        case Finding::Repair::kFinish:
+            return "it will be finished";
         case Finding::Repair::kNone:
             break;
     }
     return "";
 }
 
+// What the records of the password say, besides what stands in the folders.
+std::vector<Finding> inspectAll(Session& session) {
+    std::vector<Finding> findings = inspect();
+    if (!findings.empty() && findings.front().kind == Finding::Kind::kMovedAside) {
+        return findings;  // there is nothing to read yet
+    }
+    try {
+        session.readProtection();
+        if (session.protection().isUnfinished()) {
+            findings.push_back({Finding::Kind::kUnfinishedChange, "./db/kdf.dsc",
+                                "tells of a change of the password that was broken off",
+                                Finding::Repair::kFinish});
+        }
+    } catch (const Failure& failure) {
+        if (failure.status() == kNoMemory) {
+            throw;
+        }
+        findings.push_back({Finding::Kind::kDamaged, failure.path(), failure.what()});
+    }
+    return findings;
+}
+
 // Inspection after inspection, until one finds nothing more to do: what is deleted
-// may have been the last to name a body.
-void repairAll(Report& report, Output& output) {
+// may have been the last to name a body. The change of the password comes last, since
+// its records may be among what is put back.
+void repairAll(Report& report, Session& session) {
     for (;;) {
         std::vector<Finding> repairable;
         std::ranges::copy_if(report.findings, std::back_inserter(repairable), isRepairable);
@@ -60,31 +85,30 @@ void repairAll(Report& report, Output& output) {
             return;
         }
         for (const Finding& finding : repairable) {
-            output.note(fmt::format("{} {}; {}", finding.path, finding.message, planOf(finding)));
+            session.output().note(
+                fmt::format("{} {}; {}", finding.path, finding.message, planOf(finding)));
         }
         repair(repairable);
+        if (std::ranges::all_of(repairable, [](const Finding& finding) {
+                return finding.repair == Finding::Repair::kFinish;
+            })) {
+            session.enter(Access::kChange);
+        }
         report.repaired.insert(report.repaired.end(), repairable.begin(), repairable.end());
-        report.findings = inspect();
+        report.findings = inspectAll(session);
     }
 }
 
 void print(const Report& report, Output& output) {
     for (const Finding& finding : report.findings) {
-        const Style style = finding.isDamage() ? Style::kRed : Style::kYellow;
-        if (!output.json()) {
-            output.raw(output.onStdout(nameOf(finding.kind), style) + ": ");
-        }
-        output.line(fmt::format("{} {}{}", finding.path, finding.message,
+        output.line(nameOf(finding.kind), finding.isDamage() ? Style::kRed : Style::kYellow,
+                    fmt::format(": {} {}{}", finding.path, finding.message,
                                 isRepairable(finding) ? "; --repair cleans up" : ""));
     }
-    if (!report.deep) {
-        return;
-    }
-    for (const DamagedRecord& damaged : report.deep->damaged) {
-        if (!output.json()) {
-            output.raw(output.onStdout("damaged", Style::kRed) + ": ");
+    if (report.deep) {
+        for (const DamagedRecord& damaged : report.deep->damaged) {
+            output.line("damaged", Style::kRed, ": " + damaged.message);
         }
-        output.line(damaged.message);
     }
 }
 
@@ -120,10 +144,9 @@ Status run(const Options& options, Context& context) {
     Session& session = context.session;
     Report report;
     session.look(options.repair ? Access::kChange : Access::kRead);
-    report.findings = inspect();
+    report.findings = inspectAll(session);
     if (options.repair) {
-        repairAll(report, context.output);
-        session.enter(Access::kChange);
+        repairAll(report, session);
     }
     if (options.deep) {
         session.open(options.repair ? Access::kChange : Access::kRead);

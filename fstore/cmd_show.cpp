@@ -29,8 +29,7 @@ std::string describeBody(const Record& record) {
 
 void print(const Record& record, Output& output) {
     const auto line = [&](std::string_view name, std::string_view value) {
-        output.raw(output.onStdout(fmt::format("{:<18}", printable(name)), Style::kBold));
-        output.line(value);
+        output.line(fmt::format("{:<18}", name), Style::kBold, value);
     };
     line("address", record.address().print());
     for (unsigned int i = 0; i < record.count(); ++i) {
@@ -56,9 +55,7 @@ Status run(const Options& options, Context& context) {
     if (options.unlock) {
         record.decrypt();
     }
-    if (!context.output.json()) {
-        print(record, context.output);
-    }
+    print(record, context.output);
     Json json = toJson(infoOf(record));
     json["attributes"] = attributesToJson(record);
     context.output.document({{"records", Json::array({json})}});

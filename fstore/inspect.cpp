@@ -239,6 +239,8 @@ const char* nameOf(Finding::Kind kind) {
             return "foreign";
         case FindingKind::kMovedAside:
             return "moved-aside";
+        case FindingKind::kUnfinishedChange:
+            return "unfinished-change";
         case FindingKind::kPrevious:
             break;
     }
@@ -279,6 +281,7 @@ void repair(const std::vector<Finding>& findings) {
     for (const Finding& finding : findings) {
         switch (finding.repair) {
             case Repair::kNone:
+            case Repair::kFinish:
                 continue;
             case Repair::kDelete:
                 removeFile(finding.path);

@@ -13,19 +13,20 @@ namespace fstore {
 struct Finding {
     enum class Kind {
         // Left over by a crash, and repaired:
-        kUnnamedBody,      // a body file that no descriptor names
-        kNewDescriptor,    // ".$n$": a write that did not get as far as its first rename
-        kSavedDescriptor,  // ".$o$": the descriptor before a write that was broken off
-        kRemoved,          // ".$d$": a record that was being removed
-        kUnfinishedCopy,   // "./new_db"
-        kMissingFolder,    // one of those that a database has
-        kMovedAside,       // "./old_db" while there is no "./db"
+        kUnnamedBody,       // a body file that no descriptor names
+        kNewDescriptor,     // ".$n$": a write that did not get as far as its first rename
+        kSavedDescriptor,   // ".$o$": the descriptor before a write that was broken off
+        kRemoved,           // ".$d$": a record that was being removed
+        kUnfinishedCopy,    // "./new_db"
+        kMissingFolder,     // one of those that a database has
+        kMovedAside,        // "./old_db" while there is no "./db"
+        kUnfinishedChange,  // of the password; found by the caller, who knows the records
         // Reported, and never touched:
         kDamaged,   // a record that cannot be read, or that cannot be what was written
         kStranger,  // nothing that the store would have made
         kPrevious,  // "./old_db", with the password before
     };
-    enum class Repair { kNone, kDelete, kPutBack, kRemoveFolder, kMakeFolder, kMoveBack };
+    enum class Repair { kNone, kDelete, kPutBack, kRemoveFolder, kMakeFolder, kMoveBack, kFinish };
 
     Kind kind;
     std::string path;
@@ -42,9 +43,9 @@ const char* nameOf(Finding::Kind kind);
 // changes nothing. No other process changes anything meanwhile.
 std::vector<Finding> inspect();
 
-// Repairs what one inspection found, as far as that can be: what a deletion leaves
-// without a name is found by the next one. May be broken off anywhere and run again.
-// Throws kIo.
+// Repairs, but for kFinish, what one inspection found, as far as that can be: what a deletion
+// leaves without a name is found by the next one. May be broken off anywhere and run again. Throws
+// kIo.
 void repair(const std::vector<Finding>& findings);
 
 }  // namespace fstore

@@ -50,6 +50,14 @@ void Output::line(std::string_view text) {
     }
 }
 
+void Output::line(std::string_view head, Style style, std::string_view text) {
+    if (!settings_.json) {
+        const std::string shown = printable(head);
+        kept_ += colourOut_ ? styled(shown, style) : shown;
+        line(text);
+    }
+}
+
 void Output::raw(std::string_view text) {
     kept_ += text;
 }
@@ -107,6 +115,9 @@ void Output::flush() {
 }
 
 void Output::fail(const Failure& failure) {
+    if (*failure.what() == '\0') {
+        return;  // nobody is left to be told
+    }
     if (settings_.json) {
         Json error = {{"status", failure.exitCode()},
                       {"name", nameOf(failure.exitCode())},
@@ -122,14 +133,8 @@ void Output::fail(const Failure& failure) {
         (void)os::writeAll(kStderr, text.data(), text.size());  // there is nowhere else to tell it
         return;
     }
-    if (*failure.what() != '\0') {
-        const std::string head = colourErr_ ? styled("error:", Style::kRed) : "error:";
-        say(fmt::format("{} {}", head, printable(failure.what())));
-    }
-}
-
-std::string Output::onStdout(std::string_view text, Style style) const {
-    return colourOut_ ? styled(text, style) : std::string(text);
+    const std::string head = colourErr_ ? styled("error:", Style::kRed) : "error:";
+    say(fmt::format("{} {}", head, printable(failure.what())));
 }
 
 void Output::say(std::string_view text) {

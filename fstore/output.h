@@ -40,7 +40,8 @@ public:
 
     // Data. line() and table() are for people and write nothing with --json.
     void line(std::string_view text);  // escaped, and ended by a line feed
-    void raw(std::string_view text);   // as it is
+    void line(std::string_view head, Style style, std::string_view text);  // with its head in style
+    void raw(std::string_view text);                                       // as it is
     void table(const Table& table);
     // One document with "schema" in front; once, and only with --json.
     void document(const Json& document);
@@ -55,9 +56,6 @@ public:
     void flush();
     // Tells the failure on stderr; with --json nothing that was kept is written.
     void fail(const Failure& failure);
-
-    // A text in the style, when stdout has colours.
-    std::string onStdout(std::string_view text, Style style) const;
 
 private:
     void say(std::string_view text);
