@@ -1,0 +1,183 @@
+// Preloaded into fstore: counts the calls by which it changes what is on disk, of the
+// program and of every module it loads, and strikes at one of them.
+//
+//     CALL_TRAP_COUNT=FILE   writes the number of calls to FILE, when the process ends
+//     CALL_TRAP_DIE=N        the process dies in front of its Nth call, as by SIGKILL;
+//                            when that is a write, half of it is stored before
+//     CALL_TRAP_FAIL=N       the Nth call fails with the number in CALL_TRAP_ERRNO
+//     CALL_TRAP_FAIL_FROM=N  that one and all after it fail
+//     CALL_TRAP_NO_LOCK=1    flock() succeeds and locks nothing
+//     CALL_TRAP_PAUSE=N      each opening of a descriptor file takes N milliseconds longer
+//
+// Calls that only look are not counted: in front of one, the disk is as in front of the
+// next call that changes it.
+
+// Without this, <fcntl.h> gives open() the name open64; both have to be told apart here.
+#undef _FILE_OFFSET_BITS
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+namespace {
+
+std::atomic<long> calls{0};
+
+long setting(const char* name) {
+    const char* const value = std::getenv(name);
+    return value == nullptr ? 0 : std::atol(value);
+}
+
+template <class Function>
+Function* next(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+[[noreturn]] void die() {
+    (void)raise(SIGKILL);
+    _exit(1);
+}
+
+enum class Fate { kGoOn, kFail, kDie };
+
+Fate nextCall() {
+    static const long dieAt = setting("CALL_TRAP_DIE");
+    static const long failAt = setting("CALL_TRAP_FAIL");
+    static const long failFrom = setting("CALL_TRAP_FAIL_FROM");
+    const long number = ++calls;
+    if (number == dieAt) {
+        return Fate::kDie;
+    }
+    if (number == failAt || (failFrom != 0 && number >= failFrom)) {
+        errno = static_cast<int>(setting("CALL_TRAP_ERRNO"));
+        return Fate::kFail;
+    }
+    return Fate::kGoOn;
+}
+
+// The call of the function `name`, unless its turn has come.
+template <class Result, class... Args>
+Result pass(const char* name, Args... args) {
+    switch (nextCall()) {
+        case Fate::kDie:
+            die();
+        case Fate::kFail:
+            return static_cast<Result>(-1);
+        case Fate::kGoOn:
+            break;
+    }
+    return next<Result(Args...)>(name)(args...);
+}
+
+void pauseAt(const char* path) {
+    static const long pause = setting("CALL_TRAP_PAUSE");
+    const std::string_view name = path;
+    if (pause != 0 && name.ends_with(".dsc")) {
+        (void)usleep(static_cast<useconds_t>(pause) * 1000);
+    }
+}
+
+int openFile(const char* name, const char* path, int flags, mode_t mode) {
+    pauseAt(path);
+    if ((flags & (O_CREAT | O_TRUNC)) == 0) {
+        return next<int(const char*, int, ...)>(name)(path, flags, mode);
+    }
+    switch (nextCall()) {
+        case Fate::kDie:
+            die();
+        case Fate::kFail:
+            return -1;
+        case Fate::kGoOn:
+            break;
+    }
+    return next<int(const char*, int, ...)>(name)(path, flags, mode);
+}
+
+bool isOnDisk(int fd) {
+    struct stat status {};
+    return fd > 2 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+struct Report {
+    ~Report() {
+        const char* const path = std::getenv("CALL_TRAP_COUNT");
+        std::FILE* const file = path == nullptr ? nullptr : std::fopen(path, "w");
+        if (file != nullptr) {
+            std::fprintf(file, "%ld\n", calls.load());
+            std::fclose(file);
+        }
+    }
+} report;
+
+}  // namespace
+
+extern "C" {
+
+int open(const char* path, int flags, ...) {
+    va_list more;
+    va_start(more, flags);
+    const mode_t mode = va_arg(more, mode_t);
+    va_end(more);
+    return openFile("open", path, flags, mode);
+}
+
+int open64(const char* path, int flags, ...) {
+    va_list more;
+    va_start(more, flags);
+    const mode_t mode = va_arg(more, mode_t);
+    va_end(more);
+    return openFile("open64", path, flags, mode);
+}
+
+ssize_t write(int fd, const void* data, size_t size) {
+    auto* const real = next<ssize_t(int, const void*, size_t)>("write");
+    if (!isOnDisk(fd)) {
+        return real(fd, data, size);
+    }
+    switch (nextCall()) {
+        case Fate::kDie:
+            (void)real(fd, data, size / 2);
+            die();
+        case Fate::kFail:
+            return -1;
+        case Fate::kGoOn:
+            break;
+    }
+    return real(fd, data, size);
+}
+
+int fsync(int fd) {
+    return pass<int>("fsync", fd);
+}
+int syncfs(int fd) noexcept {
+    return pass<int>("syncfs", fd);
+}
+int rename(const char* from, const char* to) noexcept {
+    return pass<int>("rename", from, to);
+}
+int remove(const char* path) noexcept {
+    return pass<int>("remove", path);
+}
+int mkdir(const char* path, mode_t mode) noexcept {
+    return pass<int>("mkdir", path, mode);
+}
+int rmdir(const char* path) noexcept {
+    return pass<int>("rmdir", path);
+}
+
+int flock(int fd, int operation) noexcept {
+    static const bool locks = setting("CALL_TRAP_NO_LOCK") == 0;
+    return locks ? next<int(int, int)>("flock")(fd, operation) : 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,81 @@
+#!/usr/bin/env python3
+"""The command line: options before and after the command, usage errors, help."""
+
+import support
+from support import FstoreTest, InitialisedTest
+
+COMMANDS = ["init", "ls", "show", "set", "unset", "rm", "put", "get", "passwd", "check", "dump",
+            "info"]
+
+
+class UsageTest(FstoreTest):
+    def test_wrong_command_lines_exit_with_2(self):
+        for args in [(), ("nonsense",), ("ls", "--nonsense"), ("show",), ("put", "keys/a"),
+                     ("info", "extra"), ("--color", "sometimes", "ls"),
+                     ("--lock-timeout", "-1", "ls"), ("--password-fd", "-1", "ls"),
+                     ("init", "--cost", "13"), ("init", "--cost", "23"),
+                     ("ls", "--sort", "size"), ("ls", "--has-key", "--no-key"), ("-D",)]:
+            with self.subTest(args=args):
+                run = self.run_tool(*args, code=2)
+                self.assertEqual(b"", run.out)
+                self.assertIn("fstore --help", run.message)
+
+    def test_usage_errors_are_json_when_asked_for(self):
+        self.fails(2, "usage", "nonsense")
+        run = self.run_tool("ls", "--nonsense", "--json", code=2)
+        self.assertEqual("usage", run.error["name"])
+
+    def test_filters_that_cannot_be_read_exit_with_2(self):
+        for args in [("--expires-within", "soon"), ("--serial", "xyz"), ("--sha256", "g"),
+                     ("--attr", "nonsense")]:
+            with self.subTest(args=args):
+                self.assertIn(args[1], self.fails(2, "usage", "ls", *args))
+
+    def test_help_names_all_commands(self):
+        run = self.run_tool("--help", password=None)
+        for command in COMMANDS:
+            self.assertRegex(run.text, rf"(?m)^  {command} ")
+            self.assertIn("Usage", self.run_tool(command, "--help", password=None).text)
+
+    def test_version(self):
+        self.assertRegex(self.run_tool("--version").text, r"\Afstore \d+\.\d+\.\d+\n\Z")
+
+
+class GlobalOptionsTest(InitialisedTest):
+    def test_stand_before_and_after_the_command(self):
+        here = str(self.folder)
+        for args in [("-D", here, "--json", "info"), ("info", "--json", "-D", here),
+                     ("--dir", here, "info", "--json")]:
+            run = support.fstore(*args, cwd="/")
+            self.assertEqual(0, run.code, run.message)
+            self.assertEqual(here + "/db", run.document["database"])
+
+    def test_folder_comes_from_the_environment(self):
+        run = support.fstore("info", "--json", cwd="/", env={"FSTORE_DIR": self.folder})
+        self.assertEqual(f"{self.folder}/db", run.document["database"])
+
+    def test_folder_of_the_command_line_goes_first(self):
+        run = support.fstore("info", "-D", self.folder, cwd="/", env={"FSTORE_DIR": "/nonexistent"})
+        self.assertEqual(0, run.code)
+
+    def test_a_folder_without_database_is_missing(self):
+        (self.folder / "empty").mkdir()
+        self.assertIn("fstore init", self.fails(50, "missing", "-D", "empty", "ls"))
+        self.fails(50, "missing", "-D", "nowhere", "ls")
+        self.assertFalse((self.folder / "empty" / "db").exists())
+
+    def test_quiet_tells_of_failures_only(self):
+        run = self.run_tool("-q", "put", "settings/a", "-", stdin=b"x")
+        self.assertEqual((b"", b""), (run.out, run.err))
+        self.assertNotEqual(b"", self.run_tool("-q", "get", "nothing", code=50).err)
+
+    def test_verbose_tells_more(self):
+        self.put("settings/a", b"x")
+        self.assertIn("removed", self.run_tool("-v", "rm", "settings/a").message)
+
+    def test_modules_that_are_missing_are_told(self):
+        self.fails(40, "no-service", "ls", env={"FILESTORE_MODULES": "/nonexistent"})
+
+
+if __name__ == "__main__":
+    support.main()

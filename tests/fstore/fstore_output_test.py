@@ -1,0 +1,148 @@
+#!/usr/bin/env python3
+"""What is written where: tables, colours, escapes, JSON, and readers that go away."""
+
+import os
+import subprocess
+
+import support
+from support import InitialisedTest
+from terminal import Terminal
+
+ESCAPE = "\x1b["
+
+
+class OutputTest(InitialisedTest):
+    LONG = "CN=" + "x" * 200
+
+    @classmethod
+    def fill(cls, folder):
+        (folder / "db/certificates/local/server.dsc").write_text(
+            f"00000004 00000103 {cls.LONG}\n00000004 00000107 2001-01-01T00:00:00Z\n")
+
+    def on_terminal(self, *args, **more):
+        terminal = Terminal(args, cwd=self.folder, **more)
+        self.addCleanup(terminal.close)
+        self.assertEqual(0, terminal.wait(), terminal.seen)
+        return terminal.seen
+
+    def test_table_is_never_cut_when_it_is_no_terminal(self):
+        self.assertIn(self.LONG, self.run_tool("ls").text)
+
+    def test_table_is_as_wide_as_the_terminal(self):
+        for columns in [70, 100, 300]:
+            seen = self.on_terminal("ls", "--color", "never", columns=columns)
+            widest = max(len(line) for line in seen.splitlines())
+            self.assertLessEqual(widest, columns)
+            self.assertEqual(columns >= 300, self.LONG in seen)
+
+    def test_colour_rules(self):
+        self.assertIn(ESCAPE, self.on_terminal("ls"))
+        self.assertNotIn(ESCAPE, self.run_tool("ls").text)
+        self.assertIn(ESCAPE, self.run_tool("ls", "--color", "always").text)
+        self.assertNotIn(ESCAPE, self.on_terminal("ls", "--color", "never"))
+        self.assertNotIn(ESCAPE, self.on_terminal("ls", env={"NO_COLOR": "1"}))
+        self.assertIn(ESCAPE, self.on_terminal("ls", env={"NO_COLOR": ""}))
+        self.assertIn(ESCAPE, self.on_terminal("ls", "--color", "always", env={"NO_COLOR": "1"}))
+        self.assertNotIn(ESCAPE, self.on_terminal("ls", env={"TERM": "dumb"}))
+        self.assertNotIn(ESCAPE, self.on_terminal("ls", "--json"))
+
+    def test_expired_is_a_word_too(self):
+        self.assertIn("expired", self.run_tool("ls").text)
+
+    def test_control_characters_are_escaped(self):
+        name = "evil\x1b[31m"
+        (self.folder / f"db/settings/{name}.dsc").write_bytes(
+            b"00000004 00000102 label\x1b]0;title\x07\n")
+        for args in [("ls",), ("show", f"settings/{name}"), ("dump", f"settings/{name}")]:
+            text = self.run_tool(*args).text
+            self.assertNotIn("\x1b", text)
+            self.assertIn("\\x1b", text)
+        self.assertNotIn("\x1b", self.run_tool("show", "settings/\x1bnothing", code=50).message)
+
+    def test_names_that_are_not_utf8(self):
+        with open(os.fsencode(self.folder) + b"/db/settings/\xff.dsc", "wb"):
+            pass
+        self.assertIn("settings/\\xff", self.run_tool("ls", "settings").text)
+        record = self.run_tool("ls", "settings", "--json").document["records"][0]
+        self.assertEqual("settings/\ufffd", record["address"])
+        self.assertEqual(b"settings/\xff".hex(), record["addressBytes"])
+
+    def test_every_document_has_its_schema(self):
+        self.put("settings/a", b"x")
+        for args in [("ls",), ("show", "a"), ("get", "a"), ("dump", "a"), ("info",), ("check",),
+                     ("set", "a", "label=x"), ("unset", "a", "label"), ("rm", "a")]:
+            self.assertEqual("fstore/1", self.run_tool("--json", *args).document["schema"], args)
+
+    def test_a_binary_body_does_not_reach_a_terminal(self):
+        self.put("settings/a", b"\x1b[2J", "--plain-body")
+        terminal = Terminal(["get", "a"], cwd=self.folder)
+        self.addCleanup(terminal.close)
+        self.assertEqual(2, terminal.wait())
+        self.assertNotIn("\x1b[2J", terminal.seen)
+        self.assertIn("-o", terminal.seen)
+
+    def test_a_full_disk_is_told(self):
+        with open("/dev/full", "wb") as full:
+            run = subprocess.run([support.PROGRAM, "ls"], cwd=self.folder, stdout=full,
+                                 stderr=subprocess.PIPE, check=False, env=support.environment())
+        self.assertEqual(9, run.returncode)
+        self.assertIn(b"No space left", run.stderr)
+
+    def test_a_reader_that_goes_away_is_told_nothing(self):
+        read, write = os.pipe()
+        os.close(read)
+        run = subprocess.run([support.PROGRAM, "ls"], cwd=self.folder, stdout=write,
+                             stderr=subprocess.PIPE, check=False, env=support.environment())
+        os.close(write)
+        self.assertEqual((9, b""), (run.returncode, run.stderr))
+
+    def test_closed_streams_do_no_harm(self):
+        before = self.files()
+        run = subprocess.run(["sh", "-c", 'exec "$0" set server label=x <&- >&- 2>&-',
+                              support.PROGRAM], cwd=self.folder, check=False,
+                             env=support.environment())
+        self.assertEqual(0, run.returncode)
+        changed = {name for name, contents in self.files().items()
+                   if before.get(name) != contents}
+        self.assertEqual({"db/certificates/local/server.dsc"}, changed)
+        self.assertNotIn("fstore", (self.folder / "db/certificates/local/server.dsc").read_text())
+
+
+class ProgressTest(InitialisedTest):
+    @classmethod
+    def fill(cls, folder):
+        for number in range(12):
+            run = support.fstore("-D", folder, "put", f"settings/{number}", "-", stdin=b"x" * 5000)
+            assert run.code == 0, run.message
+
+    def test_a_bar_after_half_a_second(self):
+        # Slow enough to be seen: each record is read behind a pause.
+        terminal = Terminal(["check", "--deep"], cwd=self.folder, password=support.PASSWORD,
+                            env={"LD_PRELOAD": support.CALL_TRAP, "CALL_TRAP_PAUSE": "100"})
+        self.addCleanup(terminal.close)
+        self.assertEqual(0, terminal.wait(), terminal.seen)
+        self.assertRegex(terminal.seen, r"Checking \[#*\.*\] +\d+%")
+        self.assertIn("\r\x1b[K", terminal.seen)
+
+    def test_re_encryption_counts_each_secret(self):
+        terminal = Terminal(["passwd", *support.CHEAP], cwd=self.folder,
+                            password=support.PASSWORD,
+                            env={"LD_PRELOAD": support.CALL_TRAP, "CALL_TRAP_PAUSE": "100",
+                                 "FSTORE_NEW_PASSWORD": "new"})
+        self.addCleanup(terminal.close)
+        self.assertEqual(0, terminal.wait(), terminal.seen)
+        self.assertRegex(terminal.seen, r"Re-encrypting \[#+\.*\] +\d+%")
+
+    def test_none_when_quick_quiet_or_json(self):
+        for args, pause in [(("check", "--deep"), 0), (("check", "--deep", "-q"), 100),
+                            (("check", "--deep", "--json"), 100)]:
+            terminal = Terminal(args, cwd=self.folder, password=support.PASSWORD,
+                                env={"LD_PRELOAD": support.CALL_TRAP, "CALL_TRAP_PAUSE": pause})
+            self.addCleanup(terminal.close)
+            self.assertEqual(0, terminal.wait(), terminal.seen)
+            if pause:
+                self.assertNotIn("Checking", terminal.seen)
+
+
+if __name__ == "__main__":
+    support.main()

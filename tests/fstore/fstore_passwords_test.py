@@ -1,0 +1,418 @@
+#!/usr/bin/env python3
+"""Passwords: where they come from, what is refused, how they are protected and changed."""
+
+import hashlib
+import os
+import pathlib
+import re
+import shutil
+import signal
+
+import support
+from support import CHEAP, PASSWORD, FstoreTest, InitialisedTest
+from terminal import Terminal
+
+SLOT = re.compile(r"scrypt ln=(\d+) r=(\d+) p=(\d+) salt=([0-9a-f]{64}) digest=([0-9a-f]{32})")
+
+
+class SourceTest(InitialisedTest):
+    @classmethod
+    def fill(cls, folder):
+        run = support.fstore("-D", folder, "put", "settings/a", "-", stdin=b"body")
+        assert run.code == 0, run.message
+
+    def opens(self, *args, code=0, **more):
+        run = self.run_tool("get", "a", *args, code=code, password=None, **more)
+        self.assertEqual(b"body" if code == 0 else b"", run.out)
+        return run
+
+    def private(self, name, contents):
+        path = self.write(name, contents)
+        path.chmod(0o600)
+        return path
+
+    def test_each_source(self):
+        path = self.private("pw", PASSWORD)
+        self.opens("--password-file", path)
+        self.opens("--password-file", "-", stdin=PASSWORD.encode())
+        self.opens(env={"FSTORE_PASSWORD_FILE": path})
+        self.opens(env={"FSTORE_PASSWORD": PASSWORD})
+        with path.open("rb") as file:
+            self.opens("--password-fd", file.fileno(), pass_fds=(file.fileno(),))
+        self.opens("--password-fd", "0", stdin=PASSWORD.encode())
+
+    def test_order_of_sources(self):
+        right, wrong = self.private("right", PASSWORD), self.private("wrong", "wrong")
+        with right.open("rb") as file:
+            self.opens("--password-fd", file.fileno(), "--password-file", wrong,
+                       env={"FSTORE_PASSWORD_FILE": wrong, "FSTORE_PASSWORD": "wrong"},
+                       pass_fds=(file.fileno(),))
+        self.opens("--password-file", right,
+                   env={"FSTORE_PASSWORD_FILE": wrong, "FSTORE_PASSWORD": "wrong"})
+        self.opens(env={"FSTORE_PASSWORD_FILE": right, "FSTORE_PASSWORD": "wrong"})
+
+    def test_one_line_feed_is_dropped(self):
+        self.opens("--password-file", self.private("pw", PASSWORD + "\n"))
+        self.opens("--password-file", self.private("pw", PASSWORD + "\n\n"), code=6)
+        self.opens("--password-file", self.private("pw", PASSWORD + "\r\n"), code=6)
+
+    def test_refused_ones(self):
+        for contents in [b"", b"\n", b"a\0b", b"x" * 4097]:
+            with self.subTest(contents[:8]):
+                path = self.private("pw", contents)
+                self.fails(4, "invalid", "get", "a", "--password-file", path)
+        self.fails(4, "invalid", "get", "a", env={"FSTORE_PASSWORD": ""})
+
+    def test_wrong_password(self):
+        self.assertIn("password", self.fails(6, "wrong-password", "get", "a", password="wrong"))
+
+    def test_file_that_others_can_read_is_warned_about(self):
+        path = self.private("pw", PASSWORD)
+        self.assertEqual(b"", self.opens("--password-file", path).err)
+        path.chmod(0o640)
+        self.assertIn("warning: others can read", self.opens("--password-file", path).message)
+        run = self.run_tool("get", "a", "--json", "--password-file", path)
+        self.assertIn("others can read", run.document["warnings"][0])
+        self.assertEqual(b"", run.err)
+
+    def test_without_source_the_ways_are_named(self):
+        message = self.fails(2, "usage", "get", "a", password=None)
+        for way in ["--password-fd", "--password-file", "FSTORE_PASSWORD_FILE", "FSTORE_PASSWORD"]:
+            self.assertIn(way, message)
+
+    def test_missing_file(self):
+        self.assertIn("nowhere", self.fails(50, "missing", "get", "a", "--password-file",
+                                            "nowhere"))
+
+    def test_standard_input_has_one_use(self):
+        self.fails(2, "usage", "put", "settings/b", "-", "--password-file", "-",
+                   stdin=PASSWORD.encode())
+        self.fails(2, "usage", "passwd", "--new-password-file", "-", "--password-file", "-")
+
+    def test_no_password_is_asked_for_what_is_plain(self):
+        for args in [("ls",), ("info",), ("show", "a"), ("dump", "a"), ("check",),
+                     ("rm", "a")]:
+            self.run_tool(*args, password=None)
+
+
+class TerminalTest(InitialisedTest):
+    @classmethod
+    def fill(cls, folder):
+        run = support.fstore("-D", folder, "put", "settings/a", "-", stdin=b"body")
+        assert run.code == 0, run.message
+
+    def terminal(self, *args, **more):
+        terminal = Terminal(args, cwd=self.folder, **more)
+        self.addCleanup(terminal.close)
+        return terminal
+
+    def test_asks_without_showing(self):
+        terminal = self.terminal("get", "a")
+        terminal.expect("Password: ")
+        self.assertFalse(terminal.shows())
+        terminal.type(PASSWORD + "\n")
+        self.assertEqual(0, terminal.wait())
+        self.assertNotIn(PASSWORD, terminal.seen)
+        self.assertIn("body", terminal.seen)
+        self.assertTrue(terminal.shows())
+
+    def test_no_input_never_asks(self):
+        terminal = self.terminal("get", "a", "--no-input")
+        self.assertEqual(2, terminal.wait())
+        self.assertNotIn("Password:", terminal.seen)
+
+    def test_nothing_typed(self):
+        terminal = self.terminal("get", "a")
+        terminal.expect("Password: ")
+        terminal.type("\x04")
+        self.assertEqual(2, terminal.wait())
+        terminal = self.terminal("get", "a")
+        terminal.expect("Password: ")
+        terminal.type("\n")
+        self.assertEqual(4, terminal.wait())
+
+    def test_interrupt_gives_the_terminal_back(self):
+        terminal = self.terminal("get", "a")
+        terminal.expect("Password: ")
+        terminal.type("\x03")
+        self.assertEqual(130, terminal.wait())
+        self.assertTrue(terminal.shows())
+
+    def test_interrupt_leaves_no_file(self):
+        terminal = self.terminal("get", "a", "-o", "out")
+        terminal.expect("Password: ")
+        self.assertEqual(2, len(list(self.folder.iterdir())))
+        terminal.type("\x03")
+        self.assertEqual(130, terminal.wait())
+        self.assertEqual(["db"], [path.name for path in self.folder.iterdir()])
+
+    def test_hangup_ends_it(self):
+        terminal = self.terminal("get", "a")
+        terminal.expect("Password: ")
+        terminal.hang_up()
+        self.assertNotEqual(0, terminal.wait())
+
+    def test_new_password_is_typed_twice(self):
+        terminal = self.terminal("passwd", *CHEAP)
+        for prompt, answer in [("Password: ", PASSWORD), ("New password: ", "new one"),
+                               ("New password again: ", "new one")]:
+            terminal.expect(prompt)
+            terminal.type(answer + "\n")
+        self.assertEqual(0, terminal.wait(), terminal.seen)
+        self.assertEqual(b"body", self.body("a", password="new one"))
+
+    def test_new_passwords_that_differ_change_nothing(self):
+        terminal = self.terminal("passwd", *CHEAP)
+        for prompt, answer in [("Password: ", PASSWORD), ("New password: ", "new one"),
+                               ("New password again: ", "new two")]:
+            terminal.expect(prompt)
+            terminal.type(answer + "\n")
+        self.assertEqual(4, terminal.wait())
+        self.assertEqual(b"body", self.body("a"))
+
+    def test_prompts_go_to_the_terminal_and_not_to_the_streams(self):
+        terminal = self.terminal("get", "a", stdout=self.folder / "out")
+        terminal.expect("Password: ")
+        terminal.type(PASSWORD + "\n")
+        self.assertEqual(0, terminal.wait())
+        self.assertEqual(b"body", (self.folder / "out").read_bytes())
+
+    def test_removing_a_key_is_confirmed(self):
+        self.put("keys/k", b"x")
+        for answer, code in [("n", 2), ("", 2), ("y", 0)]:
+            terminal = self.terminal("rm", "keys/k")
+            terminal.expect("Remove the key keys/k?")
+            terminal.type(answer + "\n")
+            self.assertEqual(code, terminal.wait())
+        self.assertEqual(["settings/a"], self.records())
+
+    def test_nobody_holds_the_lock_while_a_password_is_typed(self):
+        terminal = self.terminal("get", "a")
+        terminal.expect("Password: ")
+        self.run_tool("set", "a", "label=free", "--lock-timeout", "0")
+        terminal.type(PASSWORD + "\n")
+        self.assertEqual(0, terminal.wait())
+
+
+class InitTest(FstoreTest):
+    def test_makes_an_empty_database(self):
+        document = self.run_tool("init", "--json", *CHEAP).document
+        self.assertEqual({"schema": "fstore/1", "folder": ".", "created": True}, document)
+        self.assertEqual([], self.records())
+        self.assert_sound()
+        self.assertEqual(["db"], [path.name for path in self.folder.iterdir()])
+        for path in self.folder.rglob("db/**/*"):
+            self.assertEqual(0, path.stat().st_mode & 0o077, path)
+
+    def test_makes_the_folder(self):
+        self.run_tool("-D", "new", "init", *CHEAP)
+        self.assertTrue((self.folder / "new/db/key.dsc").exists())
+        self.fails(50, "missing", "-D", "no/where", "init")
+
+    def test_again_needs_the_password(self):
+        self.init()
+        before = self.files()
+        self.assertFalse(self.run_tool("init", "--json").document["created"])
+        self.fails(6, "wrong-password", "init", password="wrong")
+        self.assertEqual(before, self.files())
+
+    def test_refuses_a_database_with_records(self):
+        self.init()
+        self.put("settings/a", b"x", "--plain-body")
+        for name in ["key.dsc", "kdf.dsc"]:
+            (self.folder / "db" / name).unlink()
+        self.assertIn("passwd", self.fails(4, "invalid", "init"))
+
+    def test_the_store_gets_scrypt_of_the_password(self):
+        self.run_tool("init", "--cost", "15")
+        ln, r, p, salt, digest = SLOT.search((self.folder / "db/kdf.dsc").read_text()).groups()
+        self.assertEqual(("15", "8", "1"), (ln, r, p))
+        key = hashlib.scrypt(PASSWORD.encode(), salt=bytes.fromhex(salt), n=1 << 15, r=8, p=1,
+                             dklen=32, maxmem=1 << 27).hex()
+        self.assertEqual(digest, hashlib.md5(key.encode()).hexdigest())
+        self.assertIn(digest, (self.folder / "db/key.dsc").read_text())
+
+    def test_default_cost(self):
+        self.run_tool("init")
+        self.assertIn("ln=17 r=8 p=1", (self.folder / "db/kdf.dsc").read_text())
+
+
+class ProtectionTest(InitialisedTest):
+    def kdf(self):
+        return self.folder / "db/kdf.dsc"
+
+    def test_costs_out_of_bounds_are_refused(self):
+        text = self.kdf().read_text()
+        for bad in ["ln=13", "ln=23", "ln=40"]:
+            self.kdf().write_text(text.replace("ln=14", bad))
+            self.fails(59, "malformed", "put", "settings/a", "-")
+        self.kdf().write_text(text.replace("r=8", "r=33"))
+        self.fails(59, "malformed", "ls")
+        self.kdf().write_text(text * 3)
+        self.fails(59, "malformed", "ls")
+
+    def test_kdf_without_key_is_damage(self):
+        (self.folder / "db/key.dsc").unlink()
+        for args in [("ls",), ("put", "settings/a", "-"), ("init",), ("passwd",)]:
+            self.fails(74, "no-digest", *args, env={"FSTORE_NEW_PASSWORD": "new"})
+
+    def test_key_of_another_database_is_damage(self):
+        key = self.folder / "db/key.dsc"
+        key.write_text(re.sub("[0-9a-f]{32}", "0" * 32, key.read_text()))
+        self.fails(74, "no-digest", "ls")
+        key.write_text("00000002 00000001 00\n")
+        self.fails(74, "no-digest", "ls")
+
+    def test_a_database_without_kdf_takes_the_password_as_it_is(self):
+        self.kdf().unlink()
+        key = self.folder / "db/key.dsc"
+        key.write_text(f"00000002 00000001 {hashlib.md5(b'plain').hexdigest()}\n")
+        run = self.run_tool("put", "settings/a", "-", stdin=b"x", password="plain")
+        self.assertIn("fstore passwd", run.message)
+        self.assertIn("passwd", self.fails(4, "invalid", "init", password="plain"))
+        self.run_tool("passwd", *CHEAP, password="plain", env={"FSTORE_NEW_PASSWORD": "new"})
+        self.assertEqual(b"x", self.body("a", password="new"))
+        self.assertRegex(self.kdf().read_text(), SLOT)
+        self.assert_sound(password="new")
+
+    def test_a_database_without_password_keeps_no_secrets(self):
+        for name in ["key.dsc", "kdf.dsc"]:
+            (self.folder / "db" / name).unlink()
+        self.assertIn("init", self.fails(14, "not-open", "put", "settings/a", "-", password=None))
+        self.put("settings/a", b"plain", "--plain-body", password=None)
+        self.fails(14, "not-open", "set", "a", "--encrypt", "0x8001=x", password=None)
+        run = self.run_tool("passwd", *CHEAP, password=None, env={"FSTORE_NEW_PASSWORD": "new"})
+        self.assertIn("no password", run.message)
+        self.put("settings/b", b"secret", password="new")
+        self.assert_sound(password="new")
+
+    def test_memory_that_cannot_be_had(self):
+        text = self.kdf().read_text().replace("ln=14 r=8", "ln=22 r=32")  # 16 GiB
+        self.kdf().write_text(text)
+        self.assertIn("MiB", self.fails(1, "no-memory", "put", "settings/a", "-",
+                                        memory=2 << 30))
+
+
+class ChangeTest(InitialisedTest):
+    @classmethod
+    def fill(cls, folder):
+        for name in ["a", "b"]:
+            run = support.fstore("-D", folder, "put", f"settings/{name}", "-", stdin=name.encode())
+            assert run.code == 0, run.message
+        run = support.fstore("-D", folder, "put", "lsps/plain", "-", "--plain-body", stdin=b"p")
+        assert run.code == 0, run.message
+
+    def change(self, *args, code=0, new="new", **more):
+        return self.run_tool("passwd", *CHEAP, *args, code=code,
+                             env={"FSTORE_NEW_PASSWORD": new}, **more)
+
+    def test_all_of_it_opens_with_the_new_password_alone(self):
+        self.change()
+        self.assertEqual(b"a", self.body("a", password="new"))
+        self.fails(6, "wrong-password", "get", "a")
+        self.assert_sound(password="new")
+        self.assertEqual(["db"], [path.name for path in self.folder.iterdir()])
+        self.assertEqual(1, (self.folder / "db/kdf.dsc").read_text().count("scrypt"))
+
+    def test_keep_old_keeps_the_database_as_it_was(self):
+        self.change("--keep-old")
+        self.assertEqual(b"a", self.body("a", password="new"))
+        findings = self.run_tool("check", "--json", password=None).document["findings"]
+        self.assertEqual(["previous"], [finding["kind"] for finding in findings])
+        (self.folder / "other").mkdir()
+        shutil.move(self.folder / "old_db", self.folder / "other/db")
+        # It was copied before the change was finished; its own password is in force.
+        run = self.run_tool("-D", "other", "get", "a")
+        self.assertEqual(b"a", run.out)
+        self.run_tool("-D", "other", "check", "--deep")
+
+    def test_sources_of_the_new_password(self):
+        path = self.write("new", "second\n")
+        path.chmod(0o600)
+        self.run_tool("passwd", *CHEAP, "--new-password-file", path)
+        self.run_tool("passwd", *CHEAP, "--new-password-file", "-", stdin=b"third",
+                      password="second")
+        self.run_tool("passwd", *CHEAP, env={"FSTORE_NEW_PASSWORD_FILE": path}, password="third")
+        read, write = os.pipe()
+        os.write(write, b"fourth")
+        os.close(write)
+        self.run_tool("passwd", *CHEAP, "--new-password-fd", read, password="second",
+                      pass_fds=(read,))
+        os.close(read)
+        self.assertEqual(b"a", self.body("a", password="fourth"))
+        message = self.fails(2, "usage", "passwd", password="fourth")
+        self.assertIn("--new-password-file", message)
+
+    def test_wrong_old_password_changes_nothing(self):
+        before = self.files()
+        self.change(code=6, password="wrong")
+        self.assertEqual(before, self.files())
+
+    def test_refused_while_something_does_not_decrypt(self):
+        body = next(path for path in (self.folder / "db/settings").iterdir()
+                    if path.suffix == "")
+        body.write_bytes(body.read_bytes()[:-1])
+        before = self.files()
+        run = self.change(code=3)
+        self.assertIn("fstore rm", run.message)
+        self.assertEqual(before, self.files())
+
+    def test_same_password_again_is_a_change_too(self):
+        slot = (self.folder / "db/kdf.dsc").read_text()
+        self.change(new=PASSWORD)
+        self.assertNotEqual(slot, (self.folder / "db/kdf.dsc").read_text())
+        self.assert_sound()
+
+    def test_an_interrupted_change_leaves_one_password(self):
+        process = support.start("passwd", *CHEAP, cwd=self.folder,
+                                env={"FSTORE_NEW_PASSWORD": "new", "CALL_TRAP_PAUSE": "50",
+                                     "LD_PRELOAD": support.CALL_TRAP})
+        support.wait_until(lambda: (self.folder / "new_db").exists())
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(130, support.finish(process).code)
+        self.assertEqual(b"a", self.body("a"))
+        self.fails(6, "wrong-password", "get", "a", password="new")
+        self.run_tool("check", "--repair")
+        self.assert_sound()
+
+    def test_progress_is_drawn_on_a_terminal_only(self):
+        self.assertNotIn("\r", self.change().message)
+
+
+class SecrecyTest(InitialisedTest):
+    """Looks at a process from outside while it waits for its input."""
+
+    @classmethod
+    def fill(cls, folder):
+        run = support.fstore("-D", folder, "put", "settings/a", "-", stdin=b"body")
+        assert run.code == 0, run.message
+
+    def waiting(self, *args, **more):
+        process = support.start(*args, cwd=self.folder, **more)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process, pathlib.Path("/proc") / str(process.pid)
+
+    def test_no_core_dump_no_debugger_no_access_for_others(self):
+        process, proc = self.waiting("get", "a", "--password-file", "-", password=None)
+        # Where a process that may be dumped has files of its user, this one has root's;
+        # its own limits and umask are set together with that.
+        support.wait_until(lambda: re.search(r"Umask:\s+0077", (proc / "status").read_text()))
+        support.wait_until(lambda: re.search(r"core file size\s+0\s+0 ",
+                                             (proc / "limits").read_text()))
+        if os.geteuid() != 0:
+            support.wait_until(lambda: (proc / "environ").stat().st_uid == 0)
+        self.assertEqual(0, support.finish(process, PASSWORD.encode()).code)
+
+    def test_password_leaves_the_environment(self):
+        process, proc = self.waiting("passwd", *CHEAP, "--new-password-file", "-",
+                                     password="visible-secret-1")
+        try:
+            support.wait_until(lambda: b"visible-secret-1" not in (proc / "environ").read_bytes())
+        except PermissionError:  # nobody but root may look any more
+            pass
+        self.assertEqual(6, support.finish(process, b"new").code)
+
+
+if __name__ == "__main__":
+    support.main()

@@ -1,0 +1,446 @@
+#!/usr/bin/env python3
+"""Records: put, get, set, unset, show, ls, rm, dump, info."""
+
+import hashlib
+import os
+
+import support
+from support import FstoreTest, InitialisedTest
+
+
+class BodyTest(InitialisedTest):
+    def test_comes_back_as_it_was(self):
+        for name, body in [("text", b"hello\n"), ("nothing", b""), ("all", bytes(range(256)) * 999),
+                           ("nul", b"\0")]:
+            with self.subTest(name):
+                self.put(f"settings/{name}", body)
+                self.assertEqual(body, self.body(name))
+        self.assert_sound()
+
+    def test_is_encrypted_on_disk(self):
+        secret = b"this must not be found on the disk"
+        self.put("settings/a", secret)
+        for name, contents in self.files().items():
+            self.assertNotIn(secret, contents, name)
+            self.assertNotIn(hashlib.sha256(secret).hexdigest().encode(), contents, name)
+
+    def test_plain_body_needs_no_password(self):
+        self.put("settings/a", b"public", "--plain-body", password=None)
+        self.assertEqual(b"public", self.body("a", password=None))
+        self.assertTrue(any(b"public" == contents for contents in self.files().values()))
+
+    def test_plain_empty_body_is_refused(self):
+        self.assertIn("--plain-body",
+                      self.fails(4, "invalid", "put", "--plain-body", "settings/a", "-"))
+        self.assertEqual([], self.records())
+
+    def test_replaces_the_body_and_keeps_the_rest(self):
+        self.put("settings/a", b"one", "--label", "mine")
+        self.run_tool("set", "a", "0x8001=kept")
+        self.put("settings/a", b"two", "--plain-body")
+        self.assertEqual(b"two", self.body("a", password=None))
+        shown = self.run_tool("show", "a", "--json").document["records"][0]
+        self.assertEqual("mine", shown["label"])
+        self.assertIn({"id": 0x8001, "type": "text", "encrypted": False, "value": "kept"},
+                      shown["attributes"])
+        self.put("settings/a", b"three")
+        self.assertFalse(any(b"two" == contents for contents in self.files().values()))
+        self.assert_sound()
+
+    def test_of_a_file(self):
+        path = self.write("in", b"from a file")
+        self.run_tool("put", "settings/a", path)
+        self.assertEqual(b"from a file", self.body("a"))
+        run = support.fstore("-D", self.folder, "put", "settings/b", path, cwd="/")
+        self.assertEqual(0, run.code, run.message)
+
+    def test_file_is_named_from_where_the_user_is(self):
+        (self.folder / "elsewhere").mkdir()
+        self.write("elsewhere/in", b"relative")
+        run = support.fstore("-D", "..", "put", "settings/a", "in", cwd=self.folder / "elsewhere")
+        self.assertEqual(0, run.code, run.message)
+        run = support.fstore("-D", "..", "get", "a", "-o", "out", cwd=self.folder / "elsewhere")
+        self.assertEqual(0, run.code, run.message)
+        self.assertEqual(b"relative", (self.folder / "elsewhere" / "out").read_bytes())
+
+    def test_missing_input_is_told_before_anything_happens(self):
+        self.assertIn("nowhere", self.fails(50, "missing", "put", "settings/a", "nowhere",
+                                            password=None))
+        self.assertIn("directory", self.fails(9, "io", "put", "settings/a", "."))
+
+    def test_more_than_the_format_holds_is_refused_unread(self):
+        path = self.folder / "huge"
+        with path.open("wb") as file:
+            file.truncate(1 << 32)
+        self.assertIn("4294967231", self.fails(4, "invalid", "put", "settings/a", path))
+        self.assertEqual([], self.records())
+
+    def test_unknown_folder_is_missing(self):
+        self.assertIn("nowhere", self.fails(50, "missing", "put", "nowhere/a", "-", stdin=b"x"))
+
+    def test_of_a_certificate_is_not_replaced(self):
+        self.put("certificates/local/a", b"x")
+        self.make_kind("certificates/local/a", 1)
+        self.assertIn("import", self.fails(4, "invalid", "put", "certificates/local/a", "-",
+                                           stdin=b"y"))
+
+    def make_kind(self, address, kind):
+        path = self.folder / "db" / f"{address}.dsc"
+        path.write_text(path.read_text().replace("00000101 00000005", f"00000101 {kind:08x}"))
+
+    def test_get_without_body(self):
+        (self.folder / "db/settings/a.dsc").write_text("00000003 00000001 alice\n")
+        self.assertIn("no body", self.fails(36, "not-found", "get", "a"))
+
+
+class OutputFileTest(InitialisedTest):
+    @classmethod
+    def fill(cls, folder):
+        run = support.fstore("-D", folder, "put", "settings/a", "-", stdin=b"body")
+        assert run.code == 0, run.message
+
+    def test_is_written_for_its_owner_only(self):
+        self.addCleanup(os.umask, os.umask(0))
+        self.run_tool("get", "a", "-o", "out")
+        self.assertEqual(b"body", (self.folder / "out").read_bytes())
+        self.assertEqual(0o600, (self.folder / "out").stat().st_mode & 0o777)
+
+    def test_is_replaced_only_with_force(self):
+        self.write("out", "precious")
+        self.assertIn("--force", self.fails(4, "invalid", "get", "a", "-o", "out"))
+        self.assertEqual(b"precious", (self.folder / "out").read_bytes())
+        self.run_tool("get", "a", "-f", "-o", "out")
+        self.assertEqual(b"body", (self.folder / "out").read_bytes())
+
+    def test_nothing_is_left_of_a_failure(self):
+        self.fails(50, "missing", "get", "nothing", "-o", "out")
+        self.fails(6, "wrong-password", "get", "a", "-o", "out", password="wrong")
+        self.fails(50, "missing", "get", "a", "-o", "nowhere/out")
+        self.assertEqual(["db"], sorted(path.name for path in self.folder.iterdir()))
+
+    def test_json_has_the_bytes_unless_a_file_gets_them(self):
+        record = self.run_tool("--json", "get", "a").document["records"][0]
+        self.assertEqual(b"body".hex(), record["body"]["bytes"])
+        record = self.run_tool("--json", "get", "a", "-o", "out").document["records"][0]
+        self.assertNotIn("bytes", record["body"])
+
+
+class AddressTest(InitialisedTest):
+    @classmethod
+    def fill(cls, folder):
+        for address in ["settings/a", "settings/both", "keys/both"]:
+            run = support.fstore("-D", folder, "put", "--plain-body", address, "-",
+                                 stdin=address.encode())
+            assert run.code == 0, run.message
+
+    def test_is_a_place_a_unique_name_or_a_digest(self):
+        digest = hashlib.sha256(b"keys/both").hexdigest()
+        for address in ["keys/both", "db/keys/both", "./keys/both", "sha256:" + digest,
+                        "sha256:" + digest[:9].upper()]:
+            self.assertEqual(b"keys/both", self.body(address), address)
+        self.assertEqual(b"settings/a", self.body("a"))
+
+    def test_that_may_be_several_is_refused(self):
+        message = self.fails(4, "invalid", "get", "both")
+        self.assertIn("keys/both", message)
+        self.assertIn("settings/both", message)
+
+    def test_of_nothing_is_missing(self):
+        for address in ["nothing", "settings/nothing", "nowhere/a", "sha256:00"]:
+            self.assertIn(address, self.fails(50, "missing", "show", address))
+
+    def test_that_leads_elsewhere_is_refused(self):
+        for address in ["../a", "settings/../../a", "settings/", "sha256:xyz", ""]:
+            self.fails(4, "invalid", "show", address)
+
+    def test_through_a_link_is_refused(self):
+        outside = self.folder / "outside"
+        outside.mkdir()
+        (outside / "a.dsc").write_text("00000003 00000001 alice\n")
+        (self.folder / "db/linked").symlink_to(outside)
+        self.fails(50, "missing", "show", "linked/a")
+        self.fails(50, "missing", "put", "linked/b", "-", stdin=b"x")
+
+
+class AttributeTest(InitialisedTest):
+    def setUp(self):
+        super().setUp()
+        self.put("settings/a", b"x", "--plain-body")
+
+    def attributes(self, *options, **more):
+        shown = self.run_tool("show", "a", "--json", *options, **more).document["records"][0]
+        return [attribute for attribute in shown["attributes"] if attribute["id"] >= 0x8000]
+
+    def test_types(self):
+        self.run_tool("set", "a", "0x8001=plain text", "0x8002:number=0xff", "0x8003:binary=00ff",
+                      "32772:string=with NUL", "label=My label", "0x8005=a=b", "0x8006=@@home",
+                      password=None)
+        self.assertEqual(
+            [{"id": 0x8001, "type": "text", "encrypted": False, "value": "plain text"},
+             {"id": 0x8002, "type": "number", "encrypted": False, "value": 255},
+             {"id": 0x8003, "type": "binary", "encrypted": False, "value": "00ff"},
+             {"id": 0x8004, "type": "string", "encrypted": False, "value": "with NUL"},
+             {"id": 0x8005, "type": "text", "encrypted": False, "value": "a=b"},
+             {"id": 0x8006, "type": "text", "encrypted": False, "value": "@home"}],
+            self.attributes(password=None))
+        self.assertIn("My label", self.run_tool("show", "a").text)
+
+    def test_set_again_replaces(self):
+        self.run_tool("set", "a", "0x8001=one", "0x8002=two")
+        self.run_tool("set", "a", "0x8001:number=1")
+        self.assertEqual([(0x8002, "two"), (0x8001, 1)],
+                         [(one["id"], one["value"]) for one in self.attributes()])
+
+    def test_secret_is_encrypted_and_stays_so(self):
+        self.run_tool("set", "a", "--encrypt", "0x8001=hunter2")
+        self.assertFalse(any(b"hunter2" in contents for contents in self.files().values()))
+        self.assertEqual([{"id": 0x8001, "type": "binary", "encrypted": True}], self.attributes())
+        self.assertEqual(b"hunter2".hex(), self.attributes("--unlock")[0]["value"])
+        self.run_tool("set", "a", "0x8001=hunter3")
+        self.assertFalse(any(b"hunter3" in contents for contents in self.files().values()))
+        self.assertEqual(b"hunter3".hex(), self.attributes("--unlock")[0]["value"])
+        self.assert_sound()
+
+    def test_value_from_a_file(self):
+        self.write("value", "secret line\n")
+        self.run_tool("set", "a", "--encrypt", "0x8001=@value")
+        self.run_tool("set", "a", "0x8002:binary=@value")
+        by_id = {one["id"]: one["value"] for one in self.attributes("--unlock")}
+        self.assertEqual(b"secret line".hex(), by_id[0x8001])
+        self.assertEqual(b"secret line\n".hex(), by_id[0x8002])
+
+    def test_refuses_and_changes_nothing(self):
+        before = self.files()
+        for assignment in ["label", "nonsense=1", "0x100=5", "subject=CN=x", "0x8001:float=1",
+                           "0x8001:number=x", "0x8001:number=4294967296", "0x8001:binary=0",
+                           "0x8001:binary=xy", "0x8001:number="]:
+            with self.subTest(assignment):
+                self.fails(4, "invalid", "set", "a", "0x8009=fine", assignment)
+        for value in ["two\nlines", " blank in front", "\tblank"]:
+            self.fails(59, "malformed", "set", "a", f"label={value}")
+        self.assertEqual(before, self.files())
+
+    def test_a_refused_value_is_not_repeated(self):
+        self.assertNotIn("hunter2",
+                         self.fails(4, "invalid", "set", "a", "0x8001:binary=hunter2"))
+
+    def test_unset_removes(self):
+        self.run_tool("set", "a", "0x8001=one", "0x8002=two", "label=mine")
+        self.run_tool("unset", "a", "0x8001", "label")
+        self.assertEqual([0x8002], [one["id"] for one in self.attributes()])
+        self.assertIn("0x8001", self.fails(36, "not-found", "unset", "a", "0x8002", "0x8001"))
+        self.assertEqual([0x8002], [one["id"] for one in self.attributes()])
+
+    def test_empty_text_removes(self):
+        self.run_tool("set", "a", "label=mine")
+        self.run_tool("set", "a", "label=")
+        self.assertNotIn("label", self.run_tool("show", "a").text)
+
+    def test_internal_records_are_not_for_users(self):
+        self.fails(4, "invalid", "set", "./key", "0x8001=x")
+        self.fails(4, "invalid", "unset", "./kdf", "0x8001")
+        self.fails(4, "invalid", "rm", "-f", "./key")
+        self.fails(4, "invalid", "put", "./kdf", "-", stdin=b"x")
+        self.assertIn("digest", self.run_tool("show", "./kdf").text)
+
+
+class RemovalTest(InitialisedTest):
+    @classmethod
+    def fill(cls, folder):
+        for address in ["settings/a", "settings/b", "keys/k"]:
+            run = support.fstore("-D", folder, "put", address, "-", stdin=b"x")
+            assert run.code == 0, run.message
+
+    def test_removes_without_password(self):
+        self.run_tool("rm", "a", "b", "a", password=None)
+        self.assertEqual(["keys/k"], self.records())
+        self.assert_sound()
+
+    def test_one_missing_removes_nothing(self):
+        self.fails(50, "missing", "rm", "a", "nothing")
+        self.assertEqual(3, len(self.records()))
+
+    def test_a_key_is_asked_for(self):
+        self.assertIn("--force", self.fails(2, "usage", "rm", "a", "k"))
+        self.assertEqual(3, len(self.records()))
+        self.run_tool("rm", "--force", "a", "k")
+        self.assertEqual(["settings/b"], self.records())
+
+    def test_some_done_and_some_not(self):
+        # The second removal fails at its first call, and at its second attempt.
+        trap = {"LD_PRELOAD": support.CALL_TRAP, "CALL_TRAP_COUNT": self.folder / "calls"}
+        self.run_tool("rm", "a", env=trap)
+        calls = int((self.folder / "calls").read_text())
+        self.put("settings/a", b"x")
+        trap = {"LD_PRELOAD": support.CALL_TRAP, "CALL_TRAP_FAIL_FROM": calls + 1,
+                "CALL_TRAP_ERRNO": 5}
+        run = self.run_tool("rm", "--json", "a", "b", code=5, env=trap)
+        done, failed = run.document["records"]
+        self.assertEqual({"address": "settings/a", "removed": True}, done)
+        self.assertEqual(("settings/b", "io"), (failed["address"], failed["error"]["name"]))
+        self.assertEqual(["keys/k", "settings/b"], self.records())
+
+    def test_a_damaged_record_can_be_removed(self):
+        (self.folder / "db/settings/a.dsc").write_text("nonsense\n")
+        self.run_tool("rm", "settings/a")
+        self.assertNotIn("settings/a", self.records())
+
+
+class ListingTest(InitialisedTest):
+    """Records of an importer's making, told by their attributes alone."""
+
+    RECORDS = {
+        "certificates/local/server": [
+            "00000001 00000101 00000001", "00000004 00000102 Web",
+            "00000004 00000103 CN=www.example.org,O=Example", "00000004 00000104 CN=CA",
+            "00000002 00000105 00ff01", "00000004 00000107 2999-01-01T00:00:00Z",
+            "00000004 0000010a RSA-2048", "00000002 0000010b aa11",
+            "00000004 0000010e DNS:www.example.org", "00000004 0000010e DNS:example.org",
+            "00000001 00008001 00000007"],
+        "certificates/remote/old": [
+            "00000001 00000101 00000001", "00000004 00000103 CN=old",
+            "00000004 00000104 CN=Other", "00000004 00000107 2001-01-01T00:00:00Z",
+            "00000004 0000010a EC-P-256", "00000002 0000010b bb22", "00000001 0000010f 00000001",
+            "00000004 00008001 red"],
+        "keys/server": ["00000001 00000101 00000003", "00000002 0000010b aa11",
+                        "00000004 0000010a RSA-2048"],
+    }
+
+    @classmethod
+    def fill(cls, folder):
+        for address, lines in cls.RECORDS.items():
+            (folder / "db" / f"{address}.dsc").write_text("\n".join(lines) + "\n")
+
+    def listed(self, *args, code=0):
+        run = self.run_tool("ls", "--json", *args, code=code, password=None)
+        return [record["address"] for record in run.document["records"]]
+
+    def test_shows_expiry_without_password(self):
+        text = self.run_tool("ls", password=None).text
+        self.assertRegex(text, r"certificates/remote/old .*2001-01-01 expired")
+        self.assertRegex(text, r"certificates/local/server .*2999-01-01 ")
+
+    def test_filters(self):
+        server, old, key = "certificates/local/server", "certificates/remote/old", "keys/server"
+        for args, expected in [
+                ((), [server, old, key]),
+                (("certificates",), [server, old]), (("certificates/remote",), [old]),
+                (("db/keys/",), [key]),
+                (("--expired",), [old]), (("--expires-within", "30d"), [old]),
+                (("--expires-within", "2000y"), [server, old]),
+                (("--subject", "example"), [server]), (("--subject", "CN=www.*"), [server]),
+                (("--subject", "www.*"), []), (("--issuer", "cn=ca"), [server]),
+                (("--san", "example.org"), [server]), (("--san", "DNS:www*"), [server]),
+                (("--san", "ftp*"), []),
+                (("--serial", "ff01"), [server]), (("--serial", "00:FF:01"), [server]),
+                (("--serial", "ff"), []),
+                (("--alg", "rsa"), [server, key]), (("--alg", "EC*"), [old]),
+                (("--alg", "RSA-4096"), []),
+                (("--has-key",), [server]), (("--no-key",), [old]),
+                (("--attr", "0x8001"), [server, old]), (("--attr", "0x8001=7"), [server]),
+                (("--attr", "0x8001=re*"), [old]), (("--attr", "label=web"), [server]),
+                (("--attr", "0x8001", "--expired"), [old]),
+                (("--sort", "expiry"), [old, server, key]),
+                (("--sort", "subject"), [key, old, server])]:
+            with self.subTest(args=args):
+                self.assertEqual(expected, self.listed(*args))
+
+    def test_fail_tells_cron(self):
+        self.assertEqual(["certificates/remote/old"], self.listed("--expired", "--fail", code=3))
+        self.assertEqual([], self.listed("--subject", "nobody", "--fail"))
+
+    def test_json_tells_what_is_known(self):
+        record = self.run_tool("ls", "--json", "--serial", "ff01").document["records"][0]
+        self.assertEqual(
+            {"address": "certificates/local/server", "kind": "certificate", "label": "Web",
+             "subject": "CN=www.example.org,O=Example", "issuer": "CN=CA", "serial": "00ff01",
+             "notAfter": "2999-01-01T00:00:00Z", "expired": False,
+             "altNames": ["DNS:www.example.org", "DNS:example.org"], "keyAlgorithm": "RSA-2048",
+             "keySha256": "aa11", "ca": False}, record)
+
+    def test_damage_is_never_silent(self):
+        (self.folder / "db/keys/bad.dsc").write_text("nonsense\n")
+        (self.folder / "db/keys/gone.dsc").write_text("10000003 00000000 00000099\n")
+        run = self.run_tool("ls", code=3)
+        self.assertRegex(run.text, "keys/bad +damaged")
+        self.assertIn("keys/gone", run.message)
+        document = self.run_tool("ls", "--json", code=3).document
+        self.assertEqual({"keys/bad": "malformed", "keys/gone": "missing"},
+                         {record["address"]: record["error"]["name"]
+                          for record in document["records"] if "error" in record})
+
+    def test_an_unknown_folder_is_missing(self):
+        self.fails(50, "missing", "ls", "nowhere")
+
+    def test_internal_records_are_listed_when_asked_for(self):
+        self.assertEqual(["./kdf", "./key"], self.listed(".")[:2])
+
+    def test_secret_attributes_are_looked_at_when_unlocked(self):
+        self.run_tool("set", "keys/server", "--encrypt", "0x8005=hunter2")
+        self.assertEqual(["keys/server"], self.listed("--attr", "0x8005"))
+        self.assertEqual([], self.listed("--attr", "0x8005=hunter2"))
+        run = self.run_tool("ls", "--json", "--unlock", "--attr", "0x8005=hunter2")
+        self.assertEqual(1, len(run.document["records"]))
+
+
+class DumpTest(InitialisedTest):
+    @classmethod
+    def fill(cls, folder):
+        run = support.fstore("-D", folder, "put", "settings/a", "-", "--label", "mine", stdin=b"x")
+        assert run.code == 0, run.message
+
+    def test_raw_is_the_file(self):
+        self.assertEqual((self.folder / "db/settings/a.dsc").read_text(),
+                         self.run_tool("dump", "--raw", "a", password=None).text)
+
+    def test_tells_what_each_line_means(self):
+        text = self.run_tool("dump", "a", password=None).text
+        for meaning in ["body in the file 0000", ", encrypted", "number kind", "text label"]:
+            self.assertIn(meaning, text)
+        document = self.run_tool("dump", "--json", "a", password=None).document
+        self.assertEqual("./db/settings/a.dsc", document["path"])
+        self.assertEqual("mine", document["lines"][-1]["data"])
+
+    def test_works_on_a_damaged_descriptor(self):
+        (self.folder / "db/settings/a.dsc").write_text("nonsense\n! note\n")
+        text = self.run_tool("dump", "settings/a").text
+        self.assertIn("damaged", text)
+        self.assertIn("skipped", text)
+
+
+class InfoTest(FstoreTest):
+    def test_tells_folder_password_and_records(self):
+        self.init()
+        self.put("settings/a", b"x")
+        document = self.run_tool("info", "--json", password=None).document
+        self.assertEqual(f"{self.folder}/db", document["database"])
+        self.assertEqual({"kind": "scrypt", "ln": 14, "r": 8, "p": 1, "changeUnfinished": False},
+                         document["password"])
+        self.assertEqual(1, document["records"])
+        self.assertFalse(document["oldDatabase"])
+        self.assertIn({"folder": "settings", "records": 1}, document["folders"])
+        self.assertIn("scrypt, N=2^14", self.run_tool("info", password=None).text)
+
+
+class LargeTest(InitialisedTest):
+    def test_body_of_64_mib(self):
+        self.large(64 << 20)
+
+    def large(self, size):
+        path = self.folder / "large"
+        with path.open("wb") as file:
+            block = os.urandom(1 << 20)
+            for _ in range(size >> 20):
+                file.write(block)
+        self.run_tool("put", "settings/large", path)
+        self.run_tool("get", "large", "-o", "back")
+        with path.open("rb") as a, (self.folder / "back").open("rb") as b:
+            while True:
+                block = a.read(1 << 20)
+                self.assertEqual(block, b.read(1 << 20))
+                if not block:
+                    break
+
+
+if __name__ == "__main__":
+    support.main()
