@@ -26,7 +26,9 @@ TEST(AttributeIdTest, IsANumberOrAName) {
 }
 
 TEST(FilterTest, RefusesWhatCannotBeRead) {
-    const auto statusOf = [](const Filters& filters) {
+    const auto statusOf = [](const auto& set) {
+        Filters filters;
+        set(filters);
         try {
             const Filter filter(filters, 0);
         } catch (const Failure& failure) {
@@ -34,12 +36,16 @@ TEST(FilterTest, RefusesWhatCannotBeRead) {
         }
         return kOk;
     };
-    EXPECT_EQ(kOk, statusOf({.expiresWithin = "30d", .serial = "00:FF", .sha256 = "a"}));
-    EXPECT_EQ(kUsage, statusOf({.expiresWithin = "soon"}));
-    EXPECT_EQ(kUsage, statusOf({.serial = "xyz"}));
-    EXPECT_EQ(kUsage, statusOf({.serial = ""}));
-    EXPECT_EQ(kUsage, statusOf({.sha256 = "g"}));
-    EXPECT_EQ(kUsage, statusOf({.attributes = {"nonsense"}}));
+    EXPECT_EQ(kOk, statusOf([](Filters& it) {
+                  it.expiresWithin = "30d";
+                  it.serial = "00:FF";
+                  it.sha256 = "a";
+              }));
+    EXPECT_EQ(kUsage, statusOf([](Filters& it) { it.expiresWithin = "soon"; }));
+    EXPECT_EQ(kUsage, statusOf([](Filters& it) { it.serial = "xyz"; }));
+    EXPECT_EQ(kUsage, statusOf([](Filters& it) { it.serial = ""; }));
+    EXPECT_EQ(kUsage, statusOf([](Filters& it) { it.sha256 = "g"; }));
+    EXPECT_EQ(kUsage, statusOf([](Filters& it) { it.attributes = {"nonsense"}; }));
 }
 
 }  // namespace
