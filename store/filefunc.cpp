@@ -12,7 +12,9 @@
 
 namespace {
 
-enum class Unlistable { kIsEmpty, kIsFailure };
+// What could not be read: a folder that cannot be listed to its end, the rest of a file
+// that ends before its size.
+enum class Unread { kIsMissed, kIsFailure };
 
 // Lengthens a path by an entry's name for as long as it lives.
 class Below {
@@ -49,24 +51,45 @@ Status listFirst(FileList& entries, const std::string& path) {
 // A multiple of the file system's block, large enough that a record is moved by
 // one read and one write. Not inlined: the walk over folders is recursive and
 // must not carry the buffer in each of its frames.
-[[gnu::noinline]] bool copyBytes(int from, int to) {
+[[gnu::noinline]] bool copyBytes(int from, int to, off_t atLeast) {
     char buffer[4 * 4096];
     for (;;) {
         const ssize_t got = os::readSome(from, buffer, sizeof buffer);
         if (got <= 0) {
-            return got == 0;
+            return got == 0 && atLeast <= 0;
         }
         if (!os::writeAll(to, buffer, static_cast<std::size_t>(got))) {
             return false;
         }
+        atLeast -= got;
     }
+}
+
+Status copyFile(const char* from, const char* to, Unread unread) {
+    os::File source;
+    off_t size = 0;
+    if (os::openRegular(from, source, size) != os::Opened::kRegular) {
+        return kIo;
+    }
+    os::File target = os::openFile(to, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY);
+    if (!target) {
+        return kIo;
+    }
+    // Some file systems tell only at the close that they had no room.
+    const off_t atLeast = unread == Unread::kIsFailure ? size : 0;
+    const bool copied = copyBytes(source.get(), target.get(), atLeast);
+    if (!target.close() || !copied) {
+        (void)os::remove(to);
+        return kIo;
+    }
+    return kOk;
 }
 
 // The walks below are recursive. Their depth is bounded by the length that the
 // system allows a path, to which each level adds, and by the number of streams
 // that a process may have open, of which each level holds one.
 // NOLINTNEXTLINE(misc-no-recursion)
-Status copyTree(std::string& from, std::string& to, Unlistable unlistable) {
+Status copyTree(std::string& from, std::string& to, Unread unread) {
     if (os::mkdir(to.c_str(), 0750) != 0 && errno != EEXIST) {
         return kIo;
     }
@@ -78,23 +101,23 @@ Status copyTree(std::string& from, std::string& to, Unlistable unlistable) {
         }
         const Below source(from, entries.getName());
         const Below target(to, entries.getName());
-        const Status copied = entries.isFolder() != 0 ? copyTree(from, to, unlistable)
-                                                      : copyFile(from.c_str(), to.c_str());
+        const Status copied = entries.isFolder() != 0 ? copyTree(from, to, unread)
+                                                      : copyFile(from.c_str(), to.c_str(), unread);
         if (copied != kOk) {
             return copied;
         }
     }
     if (listed == kIo) {
-        return unlistable == Unlistable::kIsEmpty ? kOk : kIo;
+        return unread == Unread::kIsMissed ? kOk : kIo;
     }
     return listed == kEnd ? kOk : listed;
 }
 
-Status copyTree(const char* from, const char* to, Unlistable unlistable) {
+Status copyTree(const char* from, const char* to, Unread unread) {
     return noThrow([&] {
         std::string source = from;
         std::string target = to;
-        return copyTree(source, target, unlistable);
+        return copyTree(source, target, unread);
     });
 }
 
@@ -178,22 +201,7 @@ int FileList::isFolder() const {
 }
 
 Status copyFile(const char* from, const char* to) {
-    os::File source;
-    off_t size = 0;
-    if (os::openRegular(from, source, size) != os::Opened::kRegular) {
-        return kIo;
-    }
-    os::File target = os::openFile(to, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY);
-    if (!target) {
-        return kIo;
-    }
-    // Some file systems tell only at the close that they had no room.
-    const bool copied = copyBytes(source.get(), target.get());
-    if (!target.close() || !copied) {
-        (void)os::remove(to);
-        return kIo;
-    }
-    return kOk;
+    return copyFile(from, to, Unread::kIsMissed);
 }
 
 Status copyFolder(const char* from, const char* to) {
@@ -201,11 +209,11 @@ Status copyFolder(const char* from, const char* to) {
 }
 
 Status copyFolder_r(const char* from, const char* to) {
-    return copyTree(from, to, Unlistable::kIsEmpty);
+    return copyTree(from, to, Unread::kIsMissed);
 }
 
 Status copyWholeFolder(const char* from, const char* to) {
-    return from != nullptr && to != nullptr ? copyTree(from, to, Unlistable::kIsFailure) : kInvalid;
+    return from != nullptr && to != nullptr ? copyTree(from, to, Unread::kIsFailure) : kInvalid;
 }
 
 void clearFolder(const char* path) {

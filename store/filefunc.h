@@ -75,7 +75,8 @@ private:
 [[nodiscard]] CMN_EXPORT Status copyFolder_r(const char* from, const char* to);  // not null
 
 // As copyFolder(), but succeeds only when all of `from` was seen and copied.
-//   kIo  also when `from` or a folder in it is absent or could not be listed to its end
+//   kIo  also when `from` or a folder in it is absent or could not be listed to its
+//        end, or a file ended before its size
 [[nodiscard]] Status copyWholeFolder(const char* from, const char* to);
 
 // Deletes all that is in a folder; the folder stays, and so does silently what

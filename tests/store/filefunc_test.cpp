@@ -542,6 +542,18 @@ TEST(CopyFolderTest, ListingThatBreaksOffCountsAsCompleteUnlessAllIsWanted) {
     }
 }
 
+TEST(CopyFolderTest, FileThatEndsBeforeItsSizeCountsAsCompleteUnlessAllIsWanted) {
+    for (const auto& row : kFolderCopies) {
+        SCOPED_TRACE(row.name);
+        const TempDir dir;
+        makeFolder(dir / "from");
+        writeFile(dir / "from/a", std::string(40000, 'b'));
+        ShortCall fault(2, Mode::kOnce, 0, {Call::kRead});
+        EXPECT_EQ(row.whole ? 9U : 0U, row.copy((dir / "from").c_str(), (dir / "to").c_str()));
+        EXPECT_TRUE(fault.lift());
+    }
+}
+
 // FileList would list the current folder for "", under names that begin at "/".
 TEST(CopyFolderTest, EmptyPathNamesNoFolder) {
     const TempWorkingDir dir;
