@@ -1,32 +1,20 @@
 #include "fstore/deep_read.h"
 
-#include <algorithm>
-#include <memory>
-
 #include <fmt/format.h>
-#include <openssl/evp.h>
 
 #include "fstore/progress.h"
+#include "fstore/sha256.h"
 
 namespace fstore {
 namespace {
 
-struct Free {
-    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
-
 // A digest over a sequence of byte strings, each preceded by its length.
 class Fingerprint {
 public:
-    Fingerprint() : context_(EVP_MD_CTX_new()) {
-        require(context_ != nullptr &&
-                EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1);
-    }
-
     void add(std::span<const unsigned char> bytes) {
         const std::uint64_t size = bytes.size();
-        require(EVP_DigestUpdate(context_.get(), &size, sizeof size) == 1 &&
-                EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) == 1);
+        digest_.add(std::span(reinterpret_cast<const unsigned char*>(&size), sizeof size));
+        digest_.add(bytes);
     }
     void add(std::string_view text) {
         add(std::span(reinterpret_cast<const unsigned char*>(text.data()), text.size()));
@@ -42,19 +30,12 @@ public:
     }
 
     std::vector<unsigned char> finish() {
-        std::vector<unsigned char> digest(32);
-        require(EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr) == 1);
-        return digest;
+        const Sha256Digest digest = digest_.finish();
+        return {digest.begin(), digest.end()};
     }
 
 private:
-    static void require(bool done) {
-        if (!done) {
-            throw Failure(kIo, "cannot compute a digest: OpenSSL refuses SHA-256");
-        }
-    }
-
-    std::unique_ptr<EVP_MD_CTX, Free> context_;
+    Sha256 digest_;
 };
 
 std::uint64_t secretsOf(const Record& record) {
