@@ -42,6 +42,12 @@ inline constexpr unsigned int kImported = 0x111;        // kText, RFC 3339
 inline constexpr unsigned int kIsCa = 1;
 inline constexpr unsigned int kIsSelfIssued = 2;
 
+// Whether it is a text by its meaning. One that is kept encrypted has type kBinary.
+constexpr bool isText(unsigned int id) {
+    return id == kLabel || id == kSubject || id == kIssuer || id == kNotBefore || id == kNotAfter ||
+           id == kKeyAlgorithm || id == kAltName || id == kImported;
+}
+
 // Ids from here on are the user's.
 inline constexpr unsigned int kFirstOfUser = 0x8000;
 

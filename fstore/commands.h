@@ -7,6 +7,7 @@
 namespace fstore {
 
 void addInit(Cli& cli);
+void addImport(Cli& cli);
 void addLs(Cli& cli);
 void addShow(Cli& cli);
 void addSet(Cli& cli);
@@ -21,6 +22,7 @@ void addInfo(Cli& cli);
 
 inline void addCommands(Cli& cli) {
     addInit(cli);
+    addImport(cli);
     addLs(cli);
     addShow(cli);
     addSet(cli);

@@ -21,14 +21,32 @@ namespace {
 constexpr int kStdin = 0;
 constexpr std::size_t kMost = 4096;  // bytes of a password
 
+// What a password is called, and the heads of its options and variables.
+struct Words {
+    const char* what;
+    const char* prompt;
+    const char* option;
+    const char* variable;
+};
+
+const Words& wordsOf(PasswordSource::Which which) {
+    static constexpr Words kWords[] = {
+        {"password", "Password", "--password", "FSTORE_PASSWORD"},
+        {"new password", "New password", "--new-password", "FSTORE_NEW_PASSWORD"},
+        {"password of the imported file", "Password of the imported file", "--in-password",
+         "FSTORE_IN_PASSWORD"},
+        {"password for the exported file", "Password for the exported file", "--out-password",
+         "FSTORE_OUT_PASSWORD"}};
+    return kWords[static_cast<int>(which)];
+}
+
 const char* describe(PasswordSource::Which which) {
-    return which == PasswordSource::Which::kNew ? "new password" : "password";
+    return wordsOf(which).what;
 }
 
 // "FSTORE_PASSWORD" and the like.
 std::string variableName(PasswordSource::Which which, const char* tail) {
-    return fmt::format("FSTORE_{}PASSWORD{}", which == PasswordSource::Which::kNew ? "NEW_" : "",
-                       tail);
+    return std::string(wordsOf(which).variable) + tail;
 }
 
 SecretText accepted(std::string_view text, PasswordSource::Which which) {
@@ -49,12 +67,11 @@ SecretText accepted(std::string_view text, PasswordSource::Which which) {
 }
 
 [[noreturn]] void failWithoutSource(PasswordSource::Which which) {
-    const bool fresh = which == PasswordSource::Which::kNew;
+    const char* const option = wordsOf(which).option;
     throw Failure(kUsage,
                   fmt::format("a {} is needed and there is no terminal to ask on: give it with "
                               "{}-fd, {}-file, {} or {}",
-                              describe(which), fresh ? "--new-password" : "--password",
-                              fresh ? "--new-password" : "--password", variableName(which, "_FILE"),
+                              describe(which), option, option, variableName(which, "_FILE"),
                               variableName(which, "")));
 }
 
@@ -147,7 +164,7 @@ SecretText PasswordSource::read(int fd) const {
 }
 
 SecretText PasswordSource::readTerminal(Entry entry) const {
-    const std::string what = which_ == Which::kNew ? "New password" : "Password";
+    const std::string what = wordsOf(which_).prompt;
     SecretText first = ask((what + ": ").c_str());
     if (entry == Entry::kTwice && ask((what + " again: ").c_str()).view() != first.view()) {
         throw Failure(kInvalid, "the two passwords differ; nothing was changed");

@@ -22,7 +22,12 @@ namespace fstore {
 
 class PasswordSource {
 public:
-    enum class Which { kCurrent, kNew };
+    enum class Which {
+        kCurrent,
+        kNew,
+        kInput,  // of a file to import
+        kOutput  // of a file to export
+    };
 
     // Finds the source and opens its file, before the tool changes its folder. Asks
     // for nothing yet.

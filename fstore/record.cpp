@@ -24,6 +24,11 @@ unsigned int sizeOf(std::span<const unsigned char> bytes) {
     return static_cast<unsigned int>(bytes.size());
 }
 
+const unsigned char* dataOf(std::span<const unsigned char> bytes) {
+    static constexpr unsigned char kNothing = 0;  // null would be refused
+    return bytes.empty() ? &kNothing : bytes.data();
+}
+
 std::string_view asText(std::span<const unsigned char> bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
@@ -184,14 +189,18 @@ std::optional<std::uint32_t> Record::number(unsigned int id) const {
 }
 
 std::optional<std::string> Record::text(unsigned int id) const {
-    const auto index = find(kText, id);
+    auto index = find(kText, id);
+    if (!index) {
+        index = find(kBinary, id);
+    }
     return index ? std::optional(std::string(asText(bytes(*index)))) : std::nullopt;
 }
 
 std::vector<std::string> Record::texts(unsigned int id) const {
     std::vector<std::string> found;
     for (unsigned int i = 0; i < count(); ++i) {
-        if (type(i) == kText && this->id(i) == id && isKnown(i)) {
+        const bool isOne = type(i) == kText || type(i) == kBinary;
+        if (isOne && this->id(i) == id && isKnown(i)) {
             found.emplace_back(asText(bytes(i)));
         }
     }
@@ -207,9 +216,7 @@ std::optional<std::vector<unsigned char>> Record::binary(unsigned int id) const 
 }
 
 void Record::set(unsigned int type, unsigned int id, std::span<const unsigned char> bytes) {
-    static constexpr unsigned char kNothing = 0;  // null would be refused
-    const unsigned char* const data = bytes.empty() ? &kNothing : bytes.data();
-    check(store_.setAttr(type, id, data, sizeOf(bytes)),
+    check(store_.setAttr(type, id, dataOf(bytes), sizeOf(bytes)),
           fmt::format("cannot set attribute 0x{:x} of {}", id, address_.print()), address_.print());
 }
 
@@ -250,10 +257,32 @@ void Record::setBinary(unsigned int id, std::span<const unsigned char> bytes, bo
 void Record::addText(unsigned int id, std::string_view text) {
     checkText(id, text);
     if (!text.empty()) {
-        check(store_.addAttr(kText, id, asBytes(text).data(), sizeOf(asBytes(text))),
-              fmt::format("cannot add attribute 0x{:x} to {}", id, address_.print()),
-              address_.print());
+        add(kText, id, asBytes(text));
     }
+}
+
+void Record::addBinary(unsigned int id, std::span<const unsigned char> bytes, bool encrypted) {
+    add(kBinary, id, bytes);
+    check(store_.setAttrFlag(count() - 1, encrypted ? 1 : 0), "cannot add an attribute",
+          address_.print());
+}
+
+void Record::add(unsigned int type, unsigned int id, std::span<const unsigned char> bytes) {
+    check(store_.addAttr(type, id, dataOf(bytes), sizeOf(bytes)),
+          fmt::format("cannot add attribute 0x{:x} to {}", id, address_.print()), address_.print());
+}
+
+Record Record::copyTo(Address address) const {
+    Record copy(std::move(address));
+    for (unsigned int i = 0; i < count(); ++i) {
+        copy.add(type(i), id(i), bytes(i));
+        check(copy.store_.setAttrFlag(i, isEncrypted(i) ? 1 : 0), "cannot copy an attribute",
+              copy.address_.print());
+    }
+    if (hasBody()) {
+        copy.setBody(body(), isBodyEncrypted());
+    }
+    return copy;
 }
 
 unsigned int Record::removeAll(unsigned int id) {

@@ -52,6 +52,7 @@ public:
     // The first attribute of this type and id whose contents can be read now.
     std::optional<unsigned int> find(unsigned int type, unsigned int id) const;
     std::optional<std::uint32_t> number(unsigned int id) const;
+    // Also of type kBinary: so a text is kept encrypted.
     std::optional<std::string> text(unsigned int id) const;
     std::vector<std::string> texts(unsigned int id) const;
     std::optional<std::vector<unsigned char>> binary(unsigned int id) const;
@@ -63,7 +64,9 @@ public:
     void setText(unsigned int id, std::string_view text);
     void setString(unsigned int id, std::string_view text);  // as setText(), but kString
     void setBinary(unsigned int id, std::span<const unsigned char> bytes, bool encrypted = false);
-    void addText(unsigned int id, std::string_view text);  // one more with this id
+    // One more with this id.
+    void addText(unsigned int id, std::string_view text);
+    void addBinary(unsigned int id, std::span<const unsigned char> bytes, bool encrypted);
     // Removes every attribute with this id, of whatever type; how many there were.
     unsigned int removeAll(unsigned int id);
 
@@ -71,6 +74,10 @@ public:
     bool isBodyEncrypted() const { return store_.getBodyFlag() != 0; }
     std::span<const unsigned char> body() const;
     void setBody(std::span<const unsigned char> bytes, bool encrypted);
+
+    // A new record of another address with the same contents, not on disk yet. This one
+    // is readable.
+    Record copyTo(Address address) const;
 
     // Stores it. What is encrypted is read back and compared before this returns, so
     // that a secret is never lost to a cipher that cannot undo what it did.
@@ -81,6 +88,7 @@ public:
 
 private:
     void set(unsigned int type, unsigned int id, std::span<const unsigned char> bytes);
+    void add(unsigned int type, unsigned int id, std::span<const unsigned char> bytes);
     void setOrRemove(unsigned int type, unsigned int id, std::string_view text);
     void verifyWritten() const;
 

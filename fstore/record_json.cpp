@@ -83,12 +83,14 @@ Json attributesToJson(const Record& record) {
     return all;
 }
 
+Json errorToJson(const Failure& failure) {
+    return {{"status", failure.exitCode()},
+            {"name", nameOf(failure.exitCode())},
+            {"message", jsonText(failure.what())}};
+}
+
 Json failureToJson(const std::string& address, const Failure& failure) {
-    return {{"address", jsonText(address)},
-            {"error",
-             {{"status", failure.exitCode()},
-              {"name", nameOf(failure.exitCode())},
-              {"message", jsonText(failure.what())}}}};
+    return {{"address", jsonText(address)}, {"error", errorToJson(failure)}};
 }
 
 std::string typeName(unsigned int type) {
@@ -114,7 +116,8 @@ std::string valueText(const Record& record, unsigned int index) {
     if (record.type(index) == kNumber) {
         return std::to_string(numberOf(record, index));
     }
-    if (record.type(index) == kString || record.type(index) == kText) {
+    const bool secretText = record.type(index) == kBinary && attr::isText(record.id(index));
+    if (record.type(index) == kString || record.type(index) == kText || secretText) {
         const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
         return std::string(text.substr(0, text.find('\0')));
     }

@@ -15,6 +15,9 @@ Json toJson(const RecordInfo& info);
 // cannot be read now has no value.
 Json attributesToJson(const Record& record);
 
+// {"status": ..., "name": ..., "message": ...}
+Json errorToJson(const Failure& failure);
+
 // {"address": ..., "error": {...}} for a record that could not be treated.
 Json failureToJson(const std::string& address, const Failure& failure);
 

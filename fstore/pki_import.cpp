@@ -1,0 +1,230 @@
+#include "fstore/pki_import.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+#include "fstore/error.h"
+#include "fstore/pki_text.h"
+#include "fstore/text.h"
+
+namespace fstore {
+namespace {
+
+const std::string kLocal = folderFor(Kind::kCertificate, true);
+const std::string kRemote = folderFor(Kind::kCertificate, false);
+
+// The one key among the objects; null for none or several.
+const PkiObject* onlyKey(const std::vector<const PkiObject*>& objects) {
+    const auto isKey = [](const PkiObject* object) { return object->kind == Kind::kKey; };
+    if (std::ranges::count_if(objects, isKey) != 1) {
+        return nullptr;
+    }
+    return *std::ranges::find_if(objects, isKey);
+}
+
+// Attributes that say nothing about the contents.
+bool isHarmless(unsigned int id) {
+    return id == attr::kSchema || id == attr::kKind || id == attr::kLabel || id == attr::kImported;
+}
+
+std::span<const unsigned char> bytesOf(const PkiAttribute& attribute) {
+    if (const auto* const text = std::get_if<std::string>(&attribute.value)) {
+        return {reinterpret_cast<const unsigned char*>(text->data()), text->size()};
+    }
+    return std::get<std::vector<unsigned char>>(attribute.value);
+}
+
+void addAttribute(Record& record, const PkiAttribute& attribute, bool encrypt) {
+    if (const auto* const number = std::get_if<std::uint32_t>(&attribute.value)) {
+        if (!encrypt) {  // a number cannot be kept encrypted, and this one can be derived
+            record.setNumber(attribute.id, *number);
+        }
+    } else if (encrypt || std::holds_alternative<std::vector<unsigned char>>(attribute.value)) {
+        record.addBinary(attribute.id, bytesOf(attribute), encrypt);
+    } else {
+        record.addText(attribute.id, std::get<std::string>(attribute.value));
+    }
+}
+
+}  // namespace
+
+bool wantsSecrecy(const PkiObject& object, const ImportRules& rules) {
+    return object.kind == Kind::kKey || rules.encrypt;
+}
+
+Importer::Importer(Session& session, ImportRules rules,
+                   const std::vector<const PkiObject*>& objects)
+    : session_(session), rules_(std::move(rules)) {
+    if (rules_.name) {
+        const PkiObject* const key = onlyKey(objects);
+        if (objects.size() == 1) {
+            namedAlone_ = objects[0];
+        } else if (key != nullptr) {
+            named_ = toHex(key->keySha256);
+        } else {
+            throw Failure(kInvalid,
+                          fmt::format("--name is for one object, or for one key and what belongs "
+                                      "to it; there are {} objects",
+                                      objects.size()));
+        }
+    }
+    for (const Address& address : allRecords()) {
+        try {
+            Record record = Record::read(address);
+            if (session_.service().isOpen() != 0) {
+                record.decrypt();
+            }
+            index(record);
+        } catch (const Failure& failure) {
+            if (failure.status() == kNoMemory) {
+                throw;
+            }  // a damaged record is none of the objects; ls and check tell about it
+        }
+    }
+}
+
+void Importer::index(const Record& record) {
+    const RecordInfo info = infoOf(record);
+    if (!info.sha256.empty()) {
+        present_[{info.kind, info.sha256}].push_back(info.address);
+    }
+    if (info.kind == Kind::kKey) {
+        keys_.insert(info.keySha256);
+    }
+}
+
+bool Importer::hasKey(const PkiObject& object) const {
+    return keys_.contains(toHex(object.keySha256));
+}
+
+Address Importer::addressFor(const PkiObject& object, const std::string& label) const {
+    Address address{rules_.folder ? *rules_.folder : folderFor(object.kind, hasKey(object)), {}};
+    const bool isNamed =
+        rules_.name && (&object == namedAlone_ || toHex(object.keySha256) == named_);
+    if (isNamed) {
+        address.name = *rules_.name;
+    } else if (rules_.encrypt && label.empty()) {
+        // Its own name would tell what is in it.
+        PkiObject nameless;
+        nameless.kind = object.kind;
+        nameless.sha256 = object.sha256;
+        address.name = recordNameFor(nameless, {});
+    } else {
+        address.name = recordNameFor(object, label);
+    }
+    return address;
+}
+
+Importer::Result Importer::import(const PkiObject& object, const std::string& fileLabel) {
+    const std::string& given = rules_.label.empty() && !rules_.encrypt ? fileLabel : rules_.label;
+    const std::string label = attributeText(given);
+    const auto found = present_.find({object.kind, toHex(object.sha256)});
+    if (found == present_.end()) {
+        return add(object, label, addressFor(object, given));
+    }
+    if (rules_.replace) {
+        return replace(object, label, found->second.front());
+    }
+    if (object.kind == Kind::kCertificate && hasKey(object) && !rules_.folder) {
+        if (auto moved = moveToKey(found->second)) {
+            return std::move(*moved);
+        }
+    }
+    return {Outcome::kPresent, infoOf(Record::read(found->second.front()))};
+}
+
+Importer::Result Importer::add(const PkiObject& object, const std::string& label, Address address) {
+    requireFolder(address.folder);
+    if (Record::isThere(address)) {
+        if (!rules_.replace) {
+            throw Failure(kInvalid,
+                          fmt::format("{} is there and is another object; --replace replaces it",
+                                      address.print()),
+                          address.print());
+        }
+        return replace(object, label, address);
+    }
+    Record record(std::move(address));
+    fill(record, object, label);
+    record.write();
+    index(record);
+    return {Outcome::kAdded, infoOf(record)};
+}
+
+Importer::Result Importer::replace(const PkiObject& object, const std::string& label,
+                                   const Address& address) {
+    // What the user has noted stays; a damaged record has nothing that could.
+    Record record(address);
+    try {
+        Record old = Record::read(address);
+        old.decrypt();
+        record = std::move(old);
+    } catch (const Failure& failure) {
+        if (failure.status() == kNoMemory || failure.status() == kNotOpen) {
+            throw;
+        }
+    }
+    for (unsigned int id = attr::kSchema; id < attr::kFirstOfUser; ++id) {
+        if (id != attr::kLabel || !label.empty()) {
+            (void)record.removeAll(id);
+        }
+    }
+    fill(record, object, label);
+    record.write();
+    index(record);
+    return {Outcome::kReplaced, infoOf(record)};
+}
+
+void Importer::fill(Record& record, const PkiObject& object, const std::string& label) const {
+    for (const PkiAttribute& attribute : object.attributes) {
+        addAttribute(record, attribute, rules_.encrypt && !isHarmless(attribute.id));
+    }
+    if (!label.empty()) {
+        record.setText(attr::kLabel, label);
+    }
+    record.setText(attr::kImported, printMoment(now()));
+    record.setBody(object.der, wantsSecrecy(object, rules_));
+}
+
+// A certificate that was there without its key, into the folder of those with one; also
+// the end of such a move that was broken off.
+std::optional<Importer::Result> Importer::moveToKey(const std::vector<Address>& places) {
+    const auto remote = std::ranges::find(places, kRemote, &Address::folder);
+    const auto local = std::ranges::find(places, kLocal, &Address::folder);
+    if (remote == places.end()) {
+        return std::nullopt;
+    }
+    Record old = Record::read(*remote);
+    if (old.hasSecrets() && session_.service().isOpen() == 0) {
+        return std::nullopt;
+    }
+    old.decrypt();
+    Address address{kLocal, remote->name};
+    if (local == places.end()) {
+        if (Record::isThere(address)) {
+            return std::nullopt;
+        }
+        old.copyTo(address).write();
+    } else {
+        address = *local;
+    }
+    old.remove();
+    return Result{Outcome::kMoved, infoOf(Record::read(address))};
+}
+
+const char* nameOf(Importer::Outcome outcome) {
+    switch (outcome) {
+        case Importer::Outcome::kAdded:
+            return "added";
+        case Importer::Outcome::kPresent:
+            return "present";
+        case Importer::Outcome::kMoved:
+            return "moved";
+        case Importer::Outcome::kReplaced:
+            break;
+    }
+    return "replaced";
+}
+
+}  // namespace fstore

@@ -1,0 +1,77 @@
+// Objects of imported files into records: where each goes, what it is called, and
+// which of them are there already.
+//
+// For one thread, with a Session that has entered the database for changes, and opened
+// it where secrecy is wanted. Failures throw.
+#ifndef FSTORE_PKI_IMPORT_H
+#define FSTORE_PKI_IMPORT_H
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "fstore/pki_decode.h"
+#include "fstore/record.h"
+#include "fstore/session.h"
+
+namespace fstore {
+
+struct ImportRules {
+    std::optional<std::string> folder;  // for all objects
+    std::optional<std::string> name;
+    std::string label;     // for all objects; empty for the file's own
+    bool replace = false;  // what has the name, or is the same object
+    bool encrypt = false;  // also what is no key
+};
+
+// Whether an object must be kept secret under these rules.
+bool wantsSecrecy(const PkiObject& object, const ImportRules& rules);
+
+class Importer {
+public:
+    // Looks at all records. `objects` are those that will be imported, in any order;
+    // throws kInvalid when the one name of the rules cannot be meant for them.
+    Importer(Session& session, ImportRules rules, const std::vector<const PkiObject*>& objects);
+
+    enum class Outcome {
+        kAdded,
+        kPresent,   // the same object was there, and nothing changed
+        kMoved,     // it was there as a certificate without key, and has one now
+        kReplaced,  // written anew
+    };
+    struct Result {
+        Outcome outcome;
+        RecordInfo record;
+    };
+
+    // Keys first: a certificate is local when its key is in the database by then. What
+    // came before stays when this throws.
+    Result import(const PkiObject& object, const std::string& fileLabel);
+
+private:
+    using Identity = std::pair<Kind, std::string>;  // the digest in hexadecimal digits
+
+    void index(const Record& record);
+    bool hasKey(const PkiObject& object) const;
+    Address addressFor(const PkiObject& object, const std::string& label) const;
+    void fill(Record& record, const PkiObject& object, const std::string& label) const;
+    Result add(const PkiObject& object, const std::string& label, Address address);
+    Result replace(const PkiObject& object, const std::string& label, const Address& address);
+    std::optional<Result> moveToKey(const std::vector<Address>& places);
+
+    Session& session_;
+    ImportRules rules_;
+    std::map<Identity, std::vector<Address>> present_;
+    std::set<std::string> keys_;  // digests of public keys whose private keys we have
+    std::string named_;           // digest of the public key of what gets the one name
+    const PkiObject* namedAlone_ = nullptr;
+};
+
+const char* nameOf(Importer::Outcome outcome);  // "added", "present", "moved", "replaced"
+
+}  // namespace fstore
+
+#endif  // FSTORE_PKI_IMPORT_H

@@ -1,0 +1,393 @@
+#!/usr/bin/env python3
+"""import: what is told apart, where it goes, and what is said about it."""
+
+import fcntl
+import hashlib
+import os
+import subprocess
+
+import pki
+import support
+from support import FstoreTest, InitialisedTest
+from terminal import Terminal
+
+
+class ImportTest(InitialisedTest):
+    def setUp(self):
+        super().setUp()
+        self.pki = pki.files()
+
+    def import_files(self, *names, code=0, options=(), **more):
+        more["env"] = {**pki.IN_PASSWORD, **more.get("env", {})}
+        return self.run_tool("import", *[self.pki / name for name in names], *options,
+                             "--json", code=code, **more).document
+
+    def folders(self):
+        return sorted(address.rsplit("/", 1)[0] for address in self.records())
+
+    def attributes(self, address, **more):
+        shown = self.run_tool("show", address, "--json", **more).document["records"][0]
+        return {attribute["name"]: attribute for attribute in shown["attributes"]}
+
+
+class KindsTest(ImportTest):
+    def test_every_form_becomes_its_record(self):
+        rows = [("leaf.der", "certificates/remote/www"), ("leaf.pem", "certificates/remote/www"),
+                ("leaf.trusted.pem", "certificates/remote/my-alias"),
+                ("crl.der", "crls/Example-Root"), ("crl.pem", "crls/Example-Root"),
+                ("request.der", "crm/asker"), ("request.pem", "crm/asker"),
+                ("rsa.key", "keys/key"), ("rsa.old.pem", "keys/key"), ("p256.old.der", "keys/key"),
+                ("p256.sealed.scrypt.pem", "keys/key"), ("rsa.sealed.old.pem", "keys/key")]
+        for name, start in rows:
+            with self.subTest(name):
+                document = self.import_files(name)
+                self.assertEqual([], document["failures"])
+                (record,) = document["records"]
+                self.assertEqual("added", record["outcome"])
+                self.assertRegex(record["address"], start + r"-[0-9a-f]{8}\Z")
+                self.assertTrue(record["address"].endswith(record["sha256"][:8]))
+                self.assertEqual(start.startswith("keys/"), record["body"]["encrypted"])
+                self.run_tool("rm", "--force", record["address"])
+
+    def test_body_is_the_der(self):
+        for name in ("leaf", "crl", "request"):
+            address = self.import_files(f"{name}.pem")["records"][0]["address"]
+            self.assertEqual((self.pki / f"{name}.der").read_bytes(), self.body(address))
+        address = self.import_files("p256.old.pem")["records"][0]["address"]
+        self.assertEqual((self.pki / "p256.key.der").read_bytes(), self.body(address))
+        self.assert_sound()
+
+    def test_key_is_nowhere_in_plain_form(self):
+        self.import_files("rsa.key", "modern.p12")
+        secrets = [(self.pki / "rsa.key.der").read_bytes()[-40:],
+                   pki.secret_of((self.pki / "p256.key.der").read_bytes())]
+        for name, contents in self.files().items():
+            for secret in secrets:
+                self.assertNotIn(secret, contents, name)
+                self.assertNotIn(secret.hex().encode(), contents, name)
+
+    def test_attributes_are_kept_on_disk(self):
+        leaf = self.import_files("leaf.pem")["records"][0]
+        self.assertEqual("EC-P-256", leaf["keyAlgorithm"])
+        self.assertEqual(hashlib.sha256((self.pki / "leaf.der").read_bytes()).hexdigest(),
+                         leaf["sha256"])
+        self.assertIn("DNS:www.example.com", leaf["altNames"])
+        self.assertIn("IP:2001:db8::1", leaf["altNames"])
+        known = self.attributes(leaf["address"], password=None)
+        self.assertEqual("01", known["serial"]["value"])
+        self.assertRegex(known["imported"]["value"], r"\A20\d\d-\d\d-\d\dT\d\d:\d\d:\d\dZ\Z")
+        self.assertTrue(known["subject"]["value"].startswith("CN=\\ www,L=Kln 東京+OU=first"))
+
+    def test_public_objects_need_no_password(self):
+        self.import_files("root.pem", "crl.pem", "request.pem", password=None)
+        self.assertEqual(3, len(self.records(password=None)))
+
+    def test_keys_need_the_password(self):
+        self.assertIn("--password-file", self.fails(2, "usage", "import", self.pki / "rsa.key",
+                                                    password=None))
+        self.fails(6, "wrong-password", "import", self.pki / "rsa.key", password="wrong")
+        self.assertEqual([], self.records())
+
+    def test_standard_input(self):
+        for name in ("root.pem", "leaf.der"):
+            self.run_tool("import", "-", stdin=(self.pki / name).read_bytes())
+        self.assertEqual(2, len(self.records()))
+
+    def test_standard_input_is_one_thing(self):
+        for options in [("-", "-"), ("-", "--in-password-file", "-"),
+                        ("-", "--password-file", "-"),
+                        (self.pki / "rsa.key", "--in-password-file", "-", "--password-fd", "0")]:
+            self.assertIn("standard input", self.fails(2, "usage", "import", *options))
+
+
+class PlaceTest(ImportTest):
+    def test_certificate_with_its_key_is_local(self):
+        document = self.import_files("modern.p12")
+        self.assertEqual(["keys/Caf-Server", "certificates/local/Caf-Server",
+                          "certificates/remote/Example-Root"],
+                         [record["address"][:-9] for record in document["records"]])
+        self.assertEqual("Café Server", document["records"][0]["label"])
+
+    def test_key_may_come_in_another_file_or_earlier(self):
+        self.import_files("leaf.pem", "p256.key")
+        self.assertEqual(["certificates/local", "keys"], self.folders())
+        self.import_files("rsa.key")
+        self.import_files("root.pem")
+        self.assertEqual(2, self.folders().count("certificates/local"))
+
+    def test_certificate_moves_when_its_key_has_come(self):
+        address = self.import_files("leaf.pem")["records"][0]["address"]
+        self.run_tool("set", address, "0x8001=noted")
+        self.import_files("p256.key")
+        (record,) = self.import_files("leaf.pem")["records"]
+        self.assertEqual("moved", record["outcome"])
+        self.assertEqual(address.replace("remote", "local"), record["address"])
+        self.assertEqual(["certificates/local", "keys"], self.folders())
+        shown = self.run_tool("show", record["address"], "--json").document["records"][0]
+        self.assertIn({"id": 0x8001, "type": "text", "encrypted": False, "value": "noted"},
+                      shown["attributes"])
+        self.assert_sound()
+
+    def test_move_that_was_broken_off_is_finished(self):
+        self.import_files("leaf.pem")
+        self.import_files("leaf.pem", "p256.key", options=("--to", "certificates/local"))
+        (record,) = self.import_files("leaf.pem")["records"]
+        self.assertEqual("moved", record["outcome"])
+
+    def test_folder_that_was_asked_for(self):
+        self.import_files("leaf.pem", "crl.pem", options=("--to", "settings"))
+        self.assertEqual(["settings", "settings"], self.folders())
+        self.assertIn("nowhere", self.fails(50, "missing", "import", self.pki / "root.pem",
+                                            "--to", "nowhere"))
+        self.fails(4, "invalid", "import", self.pki / "root.pem", "--to", "../keys")
+
+    def test_name_that_was_asked_for(self):
+        self.import_files("root.pem", options=("--name", "the root"))
+        self.import_files("old.p12", options=("--name", "server"))
+        self.assertEqual(["certificates/local/server", "certificates/remote/the root",
+                          "keys/server"], sorted(self.records()))
+
+    def test_name_must_be_clear(self):
+        self.assertIn("2 objects", self.fails(4, "invalid", "import", self.pki / "root.pem",
+                                              self.pki / "leaf.pem", "--name", "a"))
+        for name in ("a/b", "..", ""):
+            self.fails(4, "invalid", "import", self.pki / "root.pem", "--name", name)
+        self.assertEqual([], self.records())
+
+    def test_label_names_and_is_kept(self):
+        (record,) = self.import_files("root.pem", options=("--label", " My: \"Root\"\n"))["records"]
+        self.assertRegex(record["address"], r"remote/My-Root-[0-9a-f]{8}\Z")
+        self.assertEqual("\\ My: \"Root\"\\0A", record["label"])
+
+
+class AgainTest(ImportTest):
+    def test_same_object_is_one_record(self):
+        self.import_files("leaf.pem", "rsa.key", "crl.pem", "request.pem")
+        before = self.files()
+        document = self.import_files("leaf.der", "rsa.old.der", "crl.der", "rsa.sealed.pem",
+                                     "request.der", "leaf.trusted.pem")
+        self.assertEqual({"present"}, {record["outcome"] for record in document["records"]})
+        self.assertEqual(before, self.files())
+
+    def test_twice_in_one_input_too(self):
+        document = self.import_files("root.pem", "root.der")
+        self.assertEqual(["added", "present"],
+                         [record["outcome"] for record in document["records"]])
+        self.assertEqual(1, len(self.records()))
+
+    def test_is_found_wherever_it_is(self):
+        self.import_files("root.pem", options=("--to", "settings", "--name", "elsewhere"))
+        self.assertEqual("settings/elsewhere",
+                         self.import_files("root.pem")["records"][0]["address"])
+
+    def test_name_of_another_object_is_refused_or_replaced(self):
+        self.import_files("root.pem", options=("--name", "ca"))
+        self.assertIn("--replace", self.fails(4, "invalid", "import", self.pki / "leaf.pem",
+                                              "--name", "ca"))
+        self.assertEqual((self.pki / "root.der").read_bytes(), self.body("ca"))
+        (record,) = self.import_files("leaf.pem", options=("--name", "ca", "--replace"))["records"]
+        self.assertEqual("replaced", record["outcome"])
+        self.assertEqual((self.pki / "leaf.der").read_bytes(), self.body("ca"))
+        self.assert_sound()
+
+    def test_replacing_keeps_what_the_user_noted(self):
+        address = self.import_files("root.pem", options=("--label", "mine"))["records"][0]["address"]
+        self.run_tool("set", address, "0x8001=kept")
+        (record,) = self.import_files("root.pem", options=("--replace",))["records"]
+        self.assertEqual((address, "replaced", "mine"),
+                         (record["address"], record["outcome"], record["label"]))
+        shown = self.run_tool("show", address, "--json").document["records"][0]["attributes"]
+        self.assertEqual(["kept"], [a["value"] for a in shown if a["id"] == 0x8001])
+        self.assertEqual(len(shown), len({(a["id"], a.get("value")) for a in shown}))
+
+
+class EncryptTest(ImportTest):
+    def test_nothing_tells_what_is_in_it(self):
+        (record,) = self.import_files("leaf.trusted.pem", options=("--encrypt",))["records"]
+        self.assertRegex(record["address"], r"certificates/remote/certificate-[0-9a-f]{8}\Z")
+        der = (self.pki / "leaf.der").read_bytes()
+        for name, contents in self.files().items():
+            for secret in (b"example", "東京".encode(), b"my alias", der[100:140],
+                           hashlib.sha256(der).hexdigest().encode()):
+                self.assertNotIn(secret, contents, name)
+                self.assertNotIn(secret.hex().encode(), contents, name)
+
+    def test_password_shows_it_again(self):
+        address = self.import_files("leaf.pem", options=("--encrypt",))["records"][0]["address"]
+        self.assertEqual((self.pki / "leaf.der").read_bytes(), self.body(address))
+        shown = self.run_tool("show", "--unlock", address, "--json").document["records"][0]
+        self.assertIn("DNS:*.example.org", shown["altNames"])
+        self.assertTrue(shown["subject"].startswith("CN=\\ www"))
+        self.assert_sound()
+
+    def test_same_object_is_found_with_the_password(self):
+        self.import_files("leaf.pem", options=("--encrypt",))
+        document = self.import_files("leaf.pem", options=("--encrypt",))
+        self.assertEqual("present", document["records"][0]["outcome"])
+
+
+class InputPasswordTest(ImportTest):
+    def test_sources(self):
+        path = self.write("in", "secret\n")
+        path.chmod(0o600)
+        sealed = self.pki / "modern.p12"
+        rows = [(("--in-password-file", path), {}), ((), {"FSTORE_IN_PASSWORD_FILE": str(path)}),
+                ((), {"FSTORE_IN_PASSWORD": "secret"})]
+        for options, env in rows:
+            with self.subTest(options or env):
+                run = self.run_tool("import", sealed, *options, env=env)
+                self.assertNotIn("warning", run.message)
+        reader, writer = os.pipe()
+        os.write(writer, b"secret")
+        os.close(writer)
+        self.run_tool("import", sealed, "--in-password-fd", reader, pass_fds=(reader,))
+        os.close(reader)
+        self.run_tool("import", sealed, "--in-password-file", "-", stdin=b"secret")
+
+    def test_wrong_one_is_told_with_the_file(self):
+        message = self.fails(6, "wrong-password", "import", self.pki / "modern.p12",
+                             env={"FSTORE_IN_PASSWORD": "wrong"})
+        self.assertIn("modern.p12: the password does not open", message)
+        self.assertEqual([], self.records())
+
+    def test_missing_one_names_the_ways(self):
+        message = self.fails(2, "usage", "import", self.pki / "rsa.sealed.pem")
+        for way in ("--in-password-fd", "--in-password-file", "FSTORE_IN_PASSWORD"):
+            self.assertIn(way, message)
+
+    def test_is_asked_for_on_a_terminal(self):
+        terminal = Terminal(["import", self.pki / "rsa.sealed.pem"], cwd=self.folder,
+                            password=support.PASSWORD)
+        self.addCleanup(terminal.close)
+        terminal.expect("Password of the imported file: ")
+        terminal.type("secret\n")
+        self.assertEqual(0, terminal.wait(), terminal.seen)
+        self.assertNotIn("secret", terminal.seen)
+        self.assertEqual(1, len(self.records()))
+
+    def test_empty_one_is_tried_by_itself(self):
+        self.run_tool("import", self.pki / "empty.p12")
+        self.assertEqual(3, len(self.records()))
+
+
+class ReportTest(ImportTest):
+    def damaged(self):
+        good, bad = (self.pki / "root.pem").read_text(), (self.pki / "leaf.pem").read_text()
+        return self.write("mixed.pem", "text\n" + bad[:200] + "\n" + good)
+
+    def test_each_object_is_told(self):
+        run = self.run_tool("import", self.pki / "root.pem", self.pki / "leaf.pem")
+        self.assertEqual(b"", run.out)
+        self.assertRegex(run.message, r"\Afstore: added: certificates/remote/Example-Root-\w+\n"
+                                      r"fstore: added: certificates/remote/www-\w+\n\Z")
+        run = self.run_tool("import", self.pki / "root.pem")
+        self.assertTrue(run.message.startswith("fstore: present: "))
+        self.assertEqual("", self.run_tool("import", self.pki / "root.pem", "-q").message)
+
+    def test_some_done_and_some_not_is_5(self):
+        path = self.damaged()
+        run = self.run_tool("import", path, "nowhere", code=5)
+        self.assertIn("added: certificates/remote/Example-Root", run.message)
+        self.assertIn(f"warning: {path} line 2: the PEM block has no end", run.message)
+        self.assertIn("warning: cannot open nowhere: ", run.message)
+
+    def test_failures_stand_in_the_document(self):
+        path = self.damaged()
+        document = self.run_tool("import", path, "--json", code=5).document
+        (failure,) = document["failures"]
+        self.assertEqual((str(path), 2), (failure["file"], failure["line"]))
+        self.assertEqual({"status": 59, "name": "malformed",
+                          "message": "the PEM block has no end"}, failure["error"])
+        self.assertEqual(4, document["records"][0]["line"] - failure["line"])
+
+    def test_nothing_done_is_the_failure(self):
+        self.assertIn("neither PEM nor DER",
+                      self.fails(59, "malformed", "import", self.write("a", "hello")))
+        self.fails(50, "missing", "import", "nowhere")
+        self.fails(9, "io", "import", self.folder)
+        message = self.fails(50, "missing", "import", "nowhere", self.write("a", "hello"))
+        self.assertEqual("none of 2 could be imported", message)
+
+    def test_too_large_file_is_refused_unread(self):
+        path = self.folder / "huge"
+        with path.open("wb") as file:
+            file.truncate((64 << 20) + 1)
+        self.assertIn("67108864", self.fails(4, "invalid", "import", path))
+
+    def test_garbage_of_every_size_is_refused(self):
+        for size in (1, 2, 100, 100_000):
+            self.fails(59, "malformed", "import", self.write("garbage", os.urandom(size)))
+
+    def test_no_file_is_a_wrong_command_line(self):
+        self.run_tool("import", code=2)
+
+
+class HostileTest(ImportTest):
+    """What is too large or too deep is told in one sentence, in bounded memory."""
+
+    def import_in_little_memory(self, name, contents):
+        run = support.fstore("import", self.write(name, contents), cwd=self.folder,
+                             memory=400 << 20)
+        self.assertEqual(1, run.message.count("\n"), run.message[:1000])
+        self.assertIn(name, run.message)
+        return run
+
+    @staticmethod
+    def nested(depth):
+        heads, size = [], 0
+        for _ in range(depth):
+            length = size.to_bytes(4, "big").lstrip(b"\0") or b"\0"
+            short = size < 0x80
+            heads.append(b"\x30" + (length if short else bytes([0x80 + len(length)]) + length))
+            size += len(heads[-1])
+        return b"".join(reversed(heads))
+
+    def test_deep_der(self):
+        for name, contents in [("definite", self.nested(100_000)),
+                               ("indefinite", b"\x30\x80" * 400_000)]:
+            run = self.import_in_little_memory(name, contents)
+            self.assertEqual(59, run.code, run)
+
+    def test_one_block_of_the_largest_file(self):
+        lines = b"A" * 64 + b"\n"
+        head, end = b"-----BEGIN CERTIFICATE-----\n", b"-----END CERTIFICATE-----\n"
+        count = ((64 << 20) - len(head + end)) // len(lines)
+        run = self.import_in_little_memory("huge.pem", head + lines * count + end)
+        self.assertEqual(59, run.code, run)
+        self.assertIn("huge.pem line 1: the certificate is too large", run.message)
+
+    def test_more_blocks_than_a_file_can_have(self):
+        run = self.import_in_little_memory("many.pem", b"-----BEGIN A-----\n" * 3_000_000)
+        self.assertEqual(4, run.code, run)
+        self.assertIn("more than 100000 PEM blocks", run.message)
+
+    def test_endless_standard_input(self):
+        limit = "" if support.SANITIZED else "ulimit -v 400000; "
+        run = subprocess.run(["bash", "-c", f"{limit}exec '{support.PROGRAM}' import - < /dev/zero"],
+                             cwd=self.folder, env=support.environment(), capture_output=True,
+                             check=False, timeout=support.SECONDS)
+        self.assertEqual(4, run.returncode, run.stderr)
+        self.assertEqual(b"fstore: error: the standard input has more than the 67108864 bytes "
+                         b"that can be taken\n", run.stderr)
+
+
+class StateTest(FstoreTest):
+    def test_no_database(self):
+        self.fails(50, "missing", "import", pki.files() / "root.pem")
+        self.assertEqual({}, self.files())
+
+    def test_secret_in_a_database_without_password(self):
+        (self.folder / "db").mkdir()
+        self.assertIn("no password", self.fails(14, "not-open", "import", pki.files() / "rsa.key"))
+        self.run_tool("import", pki.files() / "root.pem")
+
+    def test_busy_database(self):
+        self.init()
+        held = os.open(self.folder, os.O_RDONLY)
+        self.addCleanup(os.close, held)
+        fcntl.flock(held, fcntl.LOCK_EX)
+        self.fails(33, "busy", "import", pki.files() / "root.pem", "--lock-timeout", 0)
+
+
+if __name__ == "__main__":
+    support.main()
