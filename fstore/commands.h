@@ -10,6 +10,7 @@ void addInit(Cli& cli);
 void addImport(Cli& cli);
 void addLs(Cli& cli);
 void addShow(Cli& cli);
+void addExport(Cli& cli);
 void addSet(Cli& cli);
 void addUnset(Cli& cli);
 void addRm(Cli& cli);
@@ -25,6 +26,7 @@ inline void addCommands(Cli& cli) {
     addImport(cli);
     addLs(cli);
     addShow(cli);
+    addExport(cli);
     addSet(cli);
     addUnset(cli);
     addRm(cli);
