@@ -18,6 +18,8 @@ void addPut(Cli& cli);
 void addGet(Cli& cli);
 void addPasswd(Cli& cli);
 void addCheck(Cli& cli);
+void addBackup(Cli& cli);
+void addRestore(Cli& cli);
 void addDump(Cli& cli);
 void addInfo(Cli& cli);
 
@@ -34,6 +36,8 @@ inline void addCommands(Cli& cli) {
     addGet(cli);
     addPasswd(cli);
     addCheck(cli);
+    addBackup(cli);
+    addRestore(cli);
     addDump(cli);
     addInfo(cli);
 }

@@ -25,8 +25,7 @@ constexpr std::size_t kPiece = 1 << 20;
 
 [[noreturn]] void failTooLarge(const std::string& name, std::uint64_t most) {
     throw Failure(kInvalid,
-                  fmt::format("{} has more than the {} bytes that a record can hold", name, most),
-                  name);
+                  fmt::format("{} has more than the {} bytes that can be taken", name, most), name);
 }
 
 std::string besideName(const std::string& path) {
@@ -119,6 +118,14 @@ void OutputFile::write(std::span<const unsigned char> bytes) {
         }
         failWithErrno("write", name_);
     }
+}
+
+os::File OutputFile::reopen() const {
+    os::File file = os::openFile(beside_->c_str(), O_RDONLY);
+    if (!file) {
+        failWithErrno("read back", name_);
+    }
+    return file;
 }
 
 void OutputFile::commit() {

@@ -51,6 +51,10 @@ public:
     const std::string& name() const noexcept { return name_; }
 
     void write(std::span<const unsigned char> bytes);
+
+    // What was written, for reading from its beginning. Not of the standard output.
+    os::File reopen() const;
+
     void commit();
 
 private:

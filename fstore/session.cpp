@@ -179,13 +179,17 @@ void Session::open(Access access) {
     }
 }
 
-void Session::enterNew() {
+void Session::enterFolder() {
     if (!exists(globals_.folder) && os::mkdir(globals_.folder.c_str(), S_IRWXU) != 0) {
         failWithErrno("make the folder", globals_.folder);
     }
     goToFolder();
-    startHost();
     lock(os::LockKind::kExclusive);
+}
+
+void Session::enterNew() {
+    enterFolder();
+    startHost();
     recover();
 }
 

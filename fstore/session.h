@@ -66,6 +66,10 @@ public:
     // and the folder itself.
     void enterNew();
 
+    // Only locks the folder, exclusively, and makes it if there is none: what is in it
+    // may be no database.
+    void enterFolder();
+
     // Lets other processes in, until the next enter...() or open(). What was read before
     // may have changed then.
     void release();

@@ -384,6 +384,12 @@ std::string printMoment(std::int64_t moment) {
                        time.minutes().count(), time.seconds().count());
 }
 
+std::string compactMoment(std::int64_t moment) {
+    std::string text = printMoment(moment);
+    std::erase_if(text, [](char c) { return c == '-' || c == ':'; });
+    return text;
+}
+
 std::int64_t now() {
     using namespace std::chrono;
     return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();

@@ -52,6 +52,9 @@ std::optional<std::int64_t> parsePeriod(std::string_view text);
 std::optional<std::int64_t> parseMoment(std::string_view text);
 std::string printMoment(std::int64_t moment);
 
+// "20300131T235959Z", for the names of files.
+std::string compactMoment(std::int64_t moment);
+
 std::int64_t now();
 
 }  // namespace fstore

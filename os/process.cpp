@@ -125,6 +125,10 @@ Locked lockFile(const File& file, LockKind kind, double seconds) noexcept {
     }
 }
 
+bool setPermissions(const File& file, mode_t mode) noexcept {
+    return ::fchmod(file.get(), mode) == 0;
+}
+
 bool unlockFile(const File& file) noexcept {
     return ::flock(file.get(), LOCK_UN) == 0;
 }

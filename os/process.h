@@ -28,6 +28,9 @@ void installSignalHandlers() noexcept;
 // path that is too long is not kept.
 void removeOnSignal(const char* path) noexcept;
 
+// Gives an open file or folder these permission bits, whatever the umask.
+[[nodiscard]] bool setPermissions(const File& file, mode_t mode) noexcept;
+
 [[nodiscard]] bool changeFolder(const char* path) noexcept;
 
 // The process's folder as an absolute path; empty with errno on failure.
