@@ -1,0 +1,161 @@
+#!/usr/bin/env python3
+"""import, export, backup and restore die in front of each call: nothing is lost."""
+
+import os
+
+import pki
+import support
+from kill import KillTest, Workload
+
+
+class Import(Workload):
+    """What was killed is finished by running it again."""
+
+    env = pki.IN_PASSWORD
+    codes = {0, 5, 9}
+
+    def __init__(self, template):
+        super().__init__(template)
+        self.args = ("import", *[pki.files() / name for name in
+                                 ("modern.p12", "crl.pem", "request.pem", "rsa.key")])
+
+    def verify(self, folder):
+        super().verify(folder)
+        run = support.fstore("-D", folder, *self.args, "--json", env=self.env)
+        assert run.code == 0, run
+        assert len(run.document["records"]) == 6, run
+        super().verify(folder)
+        run = support.fstore("-D", folder, "ls", "--json")
+        folders = sorted(record["address"].split("-")[0] for record in run.document["records"])
+        assert folders == ["certificates/local/Caf", "certificates/local/Example", "crls/Example",
+                           "crm/asker", "keys/Caf", "keys/k", "keys/key", "lsps/plain",
+                           "settings/a"], run
+
+
+class Move(Import):
+    """A certificate whose key has come since."""
+
+    def __init__(self, template):
+        super().__init__(template)
+        self.args = ("import", pki.files() / "leaf.pem")
+
+    def prepare(self, folder):
+        for name in ("leaf.pem", "p256.key"):
+            run = support.fstore("-D", folder, "import", pki.files() / name)
+            assert run.code == 0, run
+
+    def verify(self, folder):
+        Workload.verify(self, folder)
+        run = support.fstore("-D", folder, *self.args)
+        assert run.code == 0, run
+        run = support.fstore("-D", folder, "ls", "certificates", "--json")
+        (record,) = run.document["records"]
+        assert record["address"].startswith("certificates/local/"), record
+
+
+class Output(Workload):
+    """A file outside of the database, which is whole or not there."""
+
+    def out(self, folder):
+        return folder.parent / f"out-{folder.name}"
+
+    def run(self, folder, **trap):
+        self.args = (*self.command, self.out(folder))
+        return super().run(folder, **trap)
+
+    def verify(self, folder):
+        super().verify(folder)
+        out = self.out(folder)
+        if out.exists():
+            self.verify_file(folder, out)
+        # A kill that cannot be caught leaves the unfinished file, under a name of its own.
+        left = [name for name in os.listdir(folder.parent) if name.startswith(".fstore-")]
+        assert len(left) <= 1, left
+
+
+class Export(Output):
+    command = ("export", "certificates/remote/root", "-o")
+
+    def prepare(self, folder):
+        run = support.fstore("-D", folder, "import", pki.files() / "root.pem", "--name", "root")
+        assert run.code == 0, run
+
+    def verify_file(self, folder, out):
+        assert out.read_bytes() == (pki.files() / "root.pem").read_bytes()
+
+
+class Backup(Output):
+    command = ("backup",)
+
+    def verify_file(self, folder, out):
+        copy = folder.parent / f"copy-{folder.name}"
+        run = support.fstore("-D", copy, "restore", out)
+        assert run.code == 0, run
+        run = support.fstore("-D", copy, "get", "settings/a")
+        assert run.out == b"old", run
+
+
+class Restore(Workload):
+    """The database is the old or the new one, and no other is lost."""
+
+    def __init__(self, template):
+        super().__init__(template)
+        self.args = ("restore", template.parent / f"{template.name}.tar", "--replace")
+        run = support.fstore("-D", template, "backup", self.args[1], "--force")
+        assert run.code == 0, run
+
+    def prepare(self, folder):
+        run = support.fstore("-D", folder, "put", "settings/a", "-", stdin=b"changed since")
+        assert run.code == 0, run
+
+    @staticmethod
+    def body_of(database):
+        """Of a database that stands under another name."""
+        parent = database.parent / "looked-at"
+        parent.mkdir()
+        os.rename(database, parent / "db")
+        run = support.fstore("-D", parent, "check", "--deep")
+        assert run.code == 0, run
+        body = support.fstore("-D", parent, "get", "settings/a").out
+        os.rename(parent / "db", database)
+        parent.rmdir()
+        return body
+
+    def verify(self, folder):
+        names = [name for name in sorted(os.listdir(folder)) if name != "new_db"]
+        bodies = [self.body_of(folder / name) for name in names]
+        assert b"changed since" in bodies and set(bodies) <= {b"changed since", b"old"}, bodies
+        run = support.fstore("-D", folder, "get", "settings/a")
+        assert run.code == 0 and run.out in (b"changed since", b"old"), run
+        run = support.fstore("-D", folder, "check", "--deep", "--repair")
+        assert run.code == 0, run
+        run = support.fstore("-D", folder, *self.args)
+        assert run.code == 0, run
+        assert support.fstore("-D", folder, "get", "settings/a").out == b"old"
+
+
+class PkiKillTest(KillTest):
+    def test_import(self):
+        self.kill_everywhere(Import)
+
+    def test_move(self):
+        self.kill_everywhere(Move)
+
+    def test_export(self):
+        self.kill_everywhere(Export)
+
+    def test_backup(self):
+        self.kill_everywhere(Backup)
+
+    def test_restore(self):
+        self.kill_everywhere(Restore)
+
+    def test_import_with_faults(self):
+        self.fail_everywhere(Import)
+
+    def test_restore_with_faults(self):
+        self.fail_everywhere(Restore)
+
+
+if __name__ == "__main__":
+    support.main()
