@@ -20,6 +20,7 @@ void addPasswd(Cli& cli);
 void addCheck(Cli& cli);
 void addBackup(Cli& cli);
 void addRestore(Cli& cli);
+void addCompletion(Cli& cli);
 void addDump(Cli& cli);
 void addInfo(Cli& cli);
 
@@ -38,6 +39,7 @@ inline void addCommands(Cli& cli) {
     addCheck(cli);
     addBackup(cli);
     addRestore(cli);
+    addCompletion(cli);
     addDump(cli);
     addInfo(cli);
 }
