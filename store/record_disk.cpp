@@ -226,15 +226,17 @@ Status FileStore::replaceRecord(Sync sync) {
     return kOk;
 }
 
-// Both files are written before either is synced: the system then writes back one
-// while the other is made. Each is durable and closed before any rename (I1).
+// Both files are written, and their write-back is started, before either is synced: the
+// journal then takes both in at the first sync, and the second finds its work done. The
+// start is a hint that promises nothing; each file is synced and closed before any
+// rename (I1).
 Status FileStore::writeNewFiles(NewFiles& files, Sync sync) {
     if (bodyPresent != 0) {
         if (const Status status = createBodyFile(files); status != kOk) {
             return status;
         }
         if (sync == Sync::kNow) {
-            (void)os::startWriteback(files.body.get());  // a hint; the sync decides
+            (void)os::startWriteback(files.body.get());
         }
     }
     files.recordName = name.empty() ? freshRecordName(folderName) : name;
@@ -251,6 +253,9 @@ Status FileStore::writeNewFiles(NewFiles& files, Sync sync) {
         return status;
     }
     files.newDescriptor.emplace(path);
+    if (files.body && sync == Sync::kNow) {
+        (void)os::startWriteback(descriptor.get());
+    }
     if (files.body && !finish(std::move(files.body), sync)) {
         return kIo;
     }

@@ -47,7 +47,8 @@ const Contents kWithoutBody{{{kTypeText, 1, "x", false}}, {}, false};
 constexpr fault::Calls kWithoutEntries{Call::kOpen,  Call::kClose,   Call::kRead,    Call::kWrite,
                                        Call::kFstat, Call::kFsync,   Call::kSyncfs,  Call::kAccess,
                                        Call::kLstat, Call::kRename,  Call::kRemove,  Call::kMkdir,
-                                       Call::kRmdir, Call::kOpendir, Call::kClosedir};
+                                       Call::kRmdir, Call::kOpendir, Call::kClosedir,
+                                       Call::kStartWriteback};
 
 struct Order {
     const char* name;
@@ -131,8 +132,10 @@ const Order kOrders[] = {
 access F/NEW failed ENOENT
 open F/NEW wronly|creat|excl
 write F/NEW 4
+startWriteback F/NEW
 open F/a.dsc.$n$ wronly|creat|excl
 write F/a.dsc.$n$ 47
+startWriteback F/a.dsc.$n$
 fsync F/NEW
 close F/NEW
 fsync F/a.dsc.$n$
@@ -148,8 +151,10 @@ access F/a.dsc.$o$ failed ENOENT
 access F/NEW failed ENOENT
 open F/NEW wronly|creat|excl
 write F/NEW 33
+startWriteback F/NEW
 open F/a.dsc.$n$ wronly|creat|excl
 write F/a.dsc.$n$ 106
+startWriteback F/a.dsc.$n$
 fsync F/NEW
 close F/NEW
 fsync F/a.dsc.$n$
@@ -203,10 +208,12 @@ remove F/OLD
 access F/NEW failed ENOENT
 open F/NEW wronly|creat|excl
 write F/NEW 4
+startWriteback F/NEW
 access F/NEW.dsc failed ENOENT
 access F/NEW.dsc.$o$ failed ENOENT
 open F/NEW.dsc.$n$ wronly|creat|excl
 write F/NEW.dsc.$n$ 47
+startWriteback F/NEW.dsc.$n$
 fsync F/NEW
 close F/NEW
 fsync F/NEW.dsc.$n$
