@@ -61,6 +61,18 @@ bool moveAside(const std::string& from, const std::string& to) {
     return os::rename(from.c_str(), to.c_str()) == 0;
 }
 
+// Gives a descriptor that is to go the name of the saved one. A saved descriptor that
+// is there, or that an earlier write has deleted and a power loss could bring back, is
+// replaced by it: whichever of the two names reaches the disk leads to the same state,
+// and no older one comes back (I4). Without a descriptor the saved one is the record.
+bool moveOverSaved(const std::string& descriptor, const std::string& saved) {
+    if (os::rename(descriptor.c_str(), saved.c_str()) == 0 || errno == ENOENT) {
+        return true;
+    }
+    return os::presence(descriptor.c_str()) == os::Presence::kPresent &&
+           moveAside(descriptor, saved);
+}
+
 bool removed(const std::string& path) {
     return os::remove(path.c_str()) == 0;
 }
@@ -398,20 +410,19 @@ Status FileStore::remove() {
     });
 }
 
-// Once the descriptor's new name is durable the record is gone, whatever becomes of
-// its files. Before that nothing is deleted that the record needs (I3).
+// The record is gone once the sync has returned, whatever becomes of its files. Before
+// that nothing is deleted that the record needs (I3). The deletions need no sync: no
+// reader knows the names that a power loss could bring back, and what they take up is
+// found by those names.
 Status FileStore::removeFiles() {
-    if (const Status status = tryCorrectName(folderName.c_str(), fileName.c_str()); status != kOk) {
-        return status;  // I4
-    }
-    // A saved descriptor that an earlier write has deleted could still come back after a
-    // loss of power, beside a record that is gone: it goes for good first (I4).
-    if (!os::syncFolder(folderName.c_str())) {
+    const std::string path = joinPath(folderName, fileName);
+    const std::string saved = marked(path, kOldMarker);
+    const std::string deleted = marked(path, kDeletedMarker);
+    if (!moveOverSaved(path, saved)) {
         return kIo;
     }
-    const std::string path = joinPath(folderName, fileName);
-    const std::string deleted = marked(path, kDeletedMarker);
-    if (!moveAside(path, deleted)) {
+    if (!moveAside(saved, deleted)) {
+        (void)os::rename(saved.c_str(), path.c_str());
         return kIo;
     }
     if (!os::syncFolder(folderName.c_str())) {
@@ -421,7 +432,6 @@ Status FileStore::removeFiles() {
     if (removeRecord(folderName, deleted) != kOk) {
         (void)removed(deleted);  // unreadable, it goes alone
     }
-    (void)os::syncFolder(folderName.c_str());  // nothing comes back that a reader knows
     return kOk;
 }
 
