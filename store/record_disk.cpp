@@ -133,9 +133,6 @@ void removeBody(const std::string& path) {
 Status removeRecord(const std::string& folder, const std::string& descriptor,
                     std::string_view kept = {}) {
     return noThrow([&] {
-        if (os::presence(descriptor.c_str()) == os::Presence::kAbsent) {
-            return kMissing;
-        }
         std::string body;
         if (const Status status = findBody(folder, descriptor, body); status != kOk) {
             return status;
