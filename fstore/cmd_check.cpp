@@ -154,9 +154,10 @@ Status run(const Options& options, Context& context) {
     }
     print(report, context.output);
     if (report.isSound()) {
-        context.output.note(report.deep ? fmt::format("{} records are sound, {} secrets decrypt",
-                                                      report.deep->records, report.deep->secrets)
-                                        : "no damage found; --deep also decrypts");
+        context.output.note(
+            report.deep ? fmt::format("no damage found; records read: {}, secrets decrypted: {}",
+                                      report.deep->records, report.deep->secrets)
+                        : "no damage found; --deep also decrypts");
     }
     context.output.document(toDocument(report));
     return report.isSound() ? kOk : kFound;

@@ -35,7 +35,7 @@ class CheckTest(InitialisedTest):
     def test_a_sound_database(self):
         self.assertEqual({}, self.findings())
         run = self.run_tool("check", "--deep")
-        self.assertIn("2 records are sound, 4 secrets decrypt", run.message)
+        self.assertIn("no damage found; records read: 2, secrets decrypted: 4", run.message)
 
     def test_leftovers_of_each_kind_are_cleaned_up(self):
         cases = {
