@@ -1,0 +1,137 @@
+#!/usr/bin/env python3
+"""filestore(5) is exact enough: a reader written from it alone reads what the tool wrote.
+
+Nothing here is the tool's: the descriptors, the derivation of the keys and AES-GCM are
+written down a second time, from the page.
+"""
+
+import hashlib
+import re
+
+import pki
+import support
+from support import InitialisedTest
+
+BODY, ENCRYPTED = 0x10000000, 0x01000000
+
+
+def aes(mode, key, data, *options):
+    return pki.openssl("enc", f"-aes-128-{mode}", "-K", key.hex(), *options, stdin=data)
+
+
+def multiply(x, y):
+    """In the field of GHASH."""
+    product = 0
+    for i in range(127, -1, -1):
+        product ^= y * (x >> i & 1)
+        y = y >> 1 ^ (0xE1 << 120) * (y & 1)
+    return product
+
+
+def open_frame(key, frame):
+    """The contents of what was encrypted."""
+    version, nonce, sealed, tag = frame[:1], frame[1:13], frame[13:-16], frame[-16:]
+    assert version == b"\1"
+    subkey = int.from_bytes(aes("ecb", key, bytes(16), "-nopad"), "big")
+    lengths = (8 * len(version)).to_bytes(8, "big") + (8 * len(sealed)).to_bytes(8, "big")
+    digest = 0
+    for part in (version, sealed, lengths):
+        for at in range(0, len(part), 16):
+            block = part[at:at + 16].ljust(16, b"\0")
+            digest = multiply(digest ^ int.from_bytes(block, "big"), subkey)
+    mask = aes("ecb", key, nonce + b"\0\0\0\1", "-nopad")
+    assert (digest ^ int.from_bytes(mask, "big")).to_bytes(16, "big") == tag
+    return aes("ctr", key, sealed, "-iv", (nonce + b"\0\0\0\2").hex())
+
+
+class Record:
+    def __init__(self, database, address, key=None):
+        path = database / f"{address}.dsc"
+        self.attributes, self.body = {}, None
+        for line in path.read_bytes().split(b"\n"):
+            if not line.strip() or line.lstrip().startswith(b"!"):
+                continue
+            word, number, data = re.fullmatch(rb"(\S+)\s+(\S+)\s*(.*)", line).groups()
+            word, number = int(word, 16), int(number, 16)
+            if word & BODY and number == 0:
+                self.body = (path.parent / data.decode()).read_bytes()
+                if word & ENCRYPTED:
+                    self.body = open_frame(key, self.body) if key else None
+                continue
+            value = {1: lambda d: int(d, 16), 2: lambda d: bytes.fromhex(d.decode()),
+                     3: bytes.decode, 4: bytes.decode}[word & 15](data)
+            if word & ENCRYPTED:
+                value = open_frame(key, value) if key else None
+            self.attributes.setdefault((number, word & 15), []).append(value)
+
+    def one(self, number, kind):
+        (value,) = self.attributes[number, kind]
+        return value
+
+
+def derive(database, password):
+    """The key of the database, and what opens nothing is refused."""
+    (slot,) = Record(database, "kdf").attributes[0x4B01, 4]
+    ln, r, p, salt, digest = re.fullmatch(
+        r"scrypt ln=(\d+) r=(\d+) p=(\d+) salt=([0-9a-f]{64}) digest=([0-9a-f]{32})", slot).groups()
+    derived = hashlib.scrypt(password, salt=bytes.fromhex(salt), n=1 << int(ln), r=int(r),
+                             p=int(p), dklen=32, maxmem=1 << 30).hex().encode()
+    known = Record(database, "key").attributes[1, 2][0]
+    assert hashlib.md5(derived).digest() == known == bytes.fromhex(digest)
+    return hashlib.pbkdf2_hmac("sha256", derived, b"", 1000, 16)
+
+
+class FormatTest(InitialisedTest):
+    @classmethod
+    def fill(cls, folder):
+        made = pki.files()
+        for args, stdin in [(("import", made / "leaf.pem", made / "p256.key"), b""),
+                            (("import", made / "root.pem", "--encrypt", "--name", "sealed"), b""),
+                            (("put", "settings/text", "-"), b"a body"),
+                            (("set", "settings/text", "0x8001=plain", "0x8002:number=42",
+                              "0x8003:binary=00ff01", "0x8004:string=string"), b""),
+                            (("set", "settings/text", "0x8005:binary=0102", "--encrypt"), b"")]:
+            run = support.fstore("-D", folder, *args, stdin=stdin)
+            assert run.code == 0, run.message
+
+    def setUp(self):
+        super().setUp()
+        self.database = self.folder / "db"
+        self.key = derive(self.database, support.PASSWORD.encode())
+
+    def record(self, address):
+        return Record(self.database, address, self.key)
+
+    def test_body_and_attributes_of_every_type(self):
+        record = self.record("settings/text")
+        self.assertEqual(b"a body", record.body)
+        self.assertEqual(("plain", 42, b"\0\xff\1", "string", b"\1\2"),
+                         tuple(record.one(*which) for which in ((0x8001, 4), (0x8002, 1),
+                               (0x8003, 2), (0x8004, 3), (0x8005, 2))))
+
+    def test_imported_objects(self):
+        addresses = self.records()
+        (leaf,) = [a for a in addresses if a.startswith("certificates/local/")]
+        (key,) = [a for a in addresses if a.startswith("keys/")]
+        der = (pki.files() / "leaf.der").read_bytes()
+        certificate, private = self.record(leaf), self.record(key)
+        self.assertEqual(der, certificate.body)
+        self.assertEqual((pki.files() / "p256.key.der").read_bytes(), private.body)
+        self.assertEqual((1, 1, hashlib.sha256(der).digest(), b"\1", 0),
+                         tuple(certificate.one(*which) for which in ((0x100, 1), (0x101, 1),
+                               (0x109, 2), (0x105, 2), (0x10F, 1))))
+        self.assertEqual(certificate.one(0x10B, 2), private.one(0x10B, 2))
+        self.assertIn("DNS:www.example.com", certificate.attributes[0x10E, 4])
+
+    def test_encrypted_certificate(self):
+        record = self.record("certificates/remote/sealed")
+        self.assertEqual((pki.files() / "root.der").read_bytes(), record.body)
+        self.assertEqual(b"CN=Example Root,O=Example,C=DE", record.one(0x103, 2))
+
+    def test_wrong_password_opens_nothing(self):
+        with self.assertRaises(AssertionError):
+            derive(self.database, b"another")
+
+
+if __name__ == "__main__":
+    support.main()
