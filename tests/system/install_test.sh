@@ -1,0 +1,74 @@
+#!/bin/bash
+# Installs the build into a new folder, moves it, and builds and runs somebody else's
+# program against it: with CMake, and with pkg-config.
+#
+#     install_test.sh BUILD_FOLDER COMPILER
+set -eu
+build=$1 compiler=$2
+here=$(cd "$(dirname "$0")" && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+step() { printf '== %s\n' "$*"; }
+fail() {
+    printf 'failed: %s\n' "$*"
+    exit 1
+}
+
+step "install, and move what was installed"
+cmake --install "$build" --prefix "$work/first" >/dev/null
+mv "$work/first" "$work/prefix"
+prefix=$work/prefix
+libdir=$(dirname "$(find "$prefix" -name libfilestore_client.a)")
+for file in bin/fstore lib/filestore/filestore.so lib/filestore/pkcs5.so \
+    lib/filestore/pkixkey.so lib/filestore/x509cmn.so include/filestore/host/store_host.h \
+    share/man/man1/fstore.1.gz share/man/man5/filestore.5.gz \
+    share/bash-completion/completions/fstore share/zsh/vendor-completions/_fstore \
+    share/fish/vendor_completions.d/fstore.fish; do
+    [ -f "$prefix/$file" ] || fail "$file is not installed"
+done
+if grep -rlF "$work/first" "$prefix"; then
+    fail "a file names the folder that it was installed into"
+fi
+
+step "the installed program works"
+mkdir "$work/db"
+cd "$work/db"
+FSTORE_PASSWORD=secret "$prefix/bin/fstore" -q init --cost 14
+echo hello | FSTORE_PASSWORD=secret "$prefix/bin/fstore" -q put settings/greeting -
+[ "$(FSTORE_PASSWORD=secret "$prefix/bin/fstore" get greeting)" = hello ] || fail "fstore get"
+
+step "every installed header compiles by itself"
+cd "$prefix/include/filestore"
+find . -name '*.h' | sort | while read -r header; do
+    echo "#include \"$header\"" |
+        "$compiler" -std=c++20 -Wall -Wextra -Werror -fsyntax-only -D_FILE_OFFSET_BITS=64 -I. \
+            -x c++ - || fail "$header"
+done
+
+example=$here/../../examples/store_key.cpp
+run_client() {
+    rm -rf "$work/run"
+    mkdir "$work/run"
+    cd "$work/run"
+    [ "$(FILESTORE_MODULES=$2 "$1")" = "alice's key is stored" ] || fail "$1"
+}
+
+step "a client built with CMake"
+cmake -S "$here/install" -B "$work/cmake" -DCMAKE_CXX_COMPILER="$compiler" \
+    -DCMAKE_PREFIX_PATH="$prefix" -DEXAMPLE="$example" >"$work/log" ||
+    { cat "$work/log"; fail "configure"; }
+cmake --build "$work/cmake" >"$work/log" || { cat "$work/log"; fail "build"; }
+run_client "$work/cmake/client" "$(cat "$work/cmake/module_dir")"
+
+step "a client built with pkg-config"
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+flags=$(pkg-config --cflags --libs filestore)
+# shellcheck disable=SC2086  # a list of words
+"$compiler" -std=c++20 "$example" $flags -o "$work/client"
+run_client "$work/client" "$(pkg-config --variable=moduledir filestore)"
+
+step "a client beside the modules finds them by itself"
+cp "$work/client" "$prefix/bin/client"
+run_client "$prefix/bin/client" ""
+echo "passed"
