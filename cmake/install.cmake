@@ -80,3 +80,5 @@ add_completion(fish fstore.fish fish/vendor_completions.d)
 
 install(FILES README.md docs/disk-format.md docs/crash-safety.md
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/filestore COMPONENT tool)
+
+include(package)

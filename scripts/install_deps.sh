@@ -6,7 +6,7 @@
 #   scripts/install_deps.sh [--full]
 #
 # --full adds what only the further checks need: the clang tools, memory checks,
-# coverage reports.
+# coverage reports, the check of packages, two more shells.
 set -eu
 
 # Compilers and tools. g++-12-multilib makes the 32-bit module and, unlike
@@ -17,7 +17,7 @@ libraries="libssl-dev libcli11-dev nlohmann-json3-dev libfmt-dev scdoc"
 # googletest has the sources, built for 32 bits; the others its native libraries.
 testing="googletest libgtest-dev libgmock-dev libbenchmark-dev openssl python3 git strace
 pkg-config"
-full="clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev llvm-14 valgrind gcovr"
+full="lintian dpkg-dev zsh fish clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev llvm-14 valgrind gcovr"
 
 packages="$build $libraries $testing ca-certificates"
 case "${1:-}" in
