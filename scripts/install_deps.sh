@@ -3,10 +3,11 @@
 # there yet; does nothing, and needs no rights, when all are. Runs as root or
 # through sudo.
 #
-#   scripts/install_deps.sh [--full]
+#   scripts/install_deps.sh [--full | --quickstart]
 #
 # --full adds what only the further checks need: the clang tools, memory checks,
-# coverage reports, the check of packages, two more shells.
+# coverage reports, the check of packages, two more shells. --quickstart installs only what building and
+# trying the command-line tool needs.
 set -eu
 
 # Compilers and tools. g++-12-multilib makes the 32-bit module and, unlike
@@ -23,7 +24,8 @@ packages="$build $libraries $testing ca-certificates"
 case "${1:-}" in
     "") ;;
     --full) packages="$packages $full" ;;
-    *) echo "usage: $0 [--full]" >&2; exit 2 ;;
+    --quickstart) packages="g++ cmake ninja-build $libraries openssl ca-certificates" ;;
+    *) echo "usage: $0 [--full | --quickstart]" >&2; exit 2 ;;
 esac
 
 missing=""
