@@ -77,7 +77,7 @@ std::set<std::string> keysOf(Session& session) {
 }
 
 void sort(std::vector<RecordInfo>& records, Order order) {
-    std::stable_sort(records.begin(), records.end(), [order](const auto& a, const auto& b) {
+    const auto isBefore = [order](const auto& a, const auto& b) {
         switch (order) {
             case Order::kExpiry:
                 return a.notAfter.value_or(kNever) < b.notAfter.value_or(kNever);
@@ -87,7 +87,10 @@ void sort(std::vector<RecordInfo>& records, Order order) {
                 break;
         }
         return a.address < b.address;
-    });
+    };
+    if (!std::is_sorted(records.begin(), records.end(), isBefore)) {  // by name it mostly is
+        std::stable_sort(records.begin(), records.end(), isBefore);
+    }
 }
 
 Listing list(const Options& options, Session& session) {
@@ -152,10 +155,8 @@ void print(const Listing& listing, Output& output) {
     if (!table.empty()) {
         output.table(table);
     }
-    if (!output.json()) {
-        for (const auto& [address, failure] : listing.damaged) {
-            output.warn(failure.what());
-        }
+    for (const auto& [address, failure] : listing.damaged) {
+        output.warn(failure.what());
     }
 }
 
@@ -167,7 +168,7 @@ Json toDocument(const Listing& listing) {
     for (const auto& [address, failure] : listing.damaged) {
         records.push_back(failureToJson(address.print(), failure));
     }
-    return {{"records", records}};
+    return {{"records", std::move(records)}};
 }
 
 Status run(const Options& options, Context& context) {
@@ -178,8 +179,11 @@ Status run(const Options& options, Context& context) {
         context.session.enter(Access::kRead);
     }
     const Listing listing = list(options, context.session);
-    print(listing, context.output);
-    context.output.document(toDocument(listing));
+    if (context.output.json()) {
+        context.output.document(toDocument(listing));
+    } else {
+        print(listing, context.output);
+    }
     const bool matched = options.failOnMatch && !listing.records.empty();
     return matched || !listing.damaged.empty() ? kFound : kOk;
 }

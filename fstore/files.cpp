@@ -161,7 +161,7 @@ std::string joined(const std::string& folder, const std::string& name) {
     return folder + "/" + name;
 }
 
-std::vector<FolderEntry> listFolder(const std::string& path) {
+std::vector<FolderEntry> readFolder(const std::string& path) {
     const os::Dir folder = os::openFolder(path.c_str());
     if (!folder) {
         failWithErrno("read the folder", path);
@@ -187,6 +187,11 @@ std::vector<FolderEntry> listFolder(const std::string& path) {
     if (errno != 0) {
         failWithErrno("read the folder", path);
     }
+    return entries;
+}
+
+std::vector<FolderEntry> listFolder(const std::string& path) {
+    std::vector<FolderEntry> entries = readFolder(path);
     std::sort(entries.begin(), entries.end(),
               [](const auto& a, const auto& b) { return a.name < b.name; });
     return entries;

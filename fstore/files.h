@@ -79,6 +79,7 @@ struct FolderEntry {
 
 // The entries of a folder by name, without "." and "..".
 std::vector<FolderEntry> listFolder(const std::string& path);
+std::vector<FolderEntry> readFolder(const std::string& path);  // in no order
 
 bool exists(const std::string& path);  // not following a link; throws when it cannot be told
 

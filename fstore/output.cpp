@@ -68,12 +68,14 @@ void Output::table(const Table& table) {
     }
 }
 
-void Output::document(const Json& document) {
+void Output::document(Json document) {
     if (!settings_.json) {
         return;
     }
     Json whole = {{"schema", kSchema}};
-    whole.update(document);
+    for (auto& [name, value] : document.items()) {
+        whole[name] = std::move(value);
+    }
     if (!warnings_.empty()) {
         whole["warnings"] = warnings_;
     }
@@ -143,6 +145,9 @@ void Output::say(std::string_view text) {
 }
 
 std::string jsonText(std::string_view text) {
+    if (isUtf8(text)) {
+        return std::string(text);
+    }
     const std::string dumped = Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
     return Json::parse(dumped).get<std::string>();
 }

@@ -44,7 +44,7 @@ public:
     void raw(std::string_view text);                                       // as it is
     void table(const Table& table);
     // One document with "schema" in front; once, and only with --json.
-    void document(const Json& document);
+    void document(Json document);
 
     // On stderr at once: what was done (not with -q), details (with -v only), and
     // what deserves attention.

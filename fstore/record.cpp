@@ -37,6 +37,15 @@ std::span<const unsigned char> asBytes(std::string_view text) {
     return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
 }
 
+std::optional<std::uint32_t> asNumber(unsigned int type, std::span<const unsigned char> bytes) {
+    std::uint32_t value = 0;
+    if (type != kNumber || bytes.size() != sizeof value) {
+        return std::nullopt;
+    }
+    std::memcpy(&value, bytes.data(), sizeof value);
+    return value;
+}
+
 void checkText(unsigned int id, std::string_view text) {
     constexpr std::string_view kBlanks = " \t\v\f\r";
     if (text.find_first_of(std::string_view("\n\0", 2)) != std::string_view::npos ||
@@ -75,12 +84,95 @@ bool isFolder(const std::string& folder) {
 }
 
 // NOLINTNEXTLINE(misc-no-recursion): as deep as folders are
-void addFolders(const std::string& folder, std::vector<std::string>& folders) {
-    folders.push_back(folder);
-    for (const FolderEntry& entry : listFolder(folderPath(folder))) {
-        if (entry.type == FolderEntry::Type::kFolder) {
-            addFolders(folder.empty() ? entry.name : joined(folder, entry.name), folders);
+void visitFoldersFrom(const std::string& folder, const FolderVisitor& visit) {
+    std::vector<std::string> inside;
+    {
+        const std::vector<FolderEntry> entries = readFolder(folderPath(folder));
+        visit(folder, entries);
+        for (const FolderEntry& entry : entries) {
+            if (entry.type == FolderEntry::Type::kFolder) {
+                inside.push_back(folder.empty() ? entry.name : joined(folder, entry.name));
+            }
         }
+    }
+    std::sort(inside.begin(), inside.end());
+    for (const std::string& each : inside) {
+        visitFoldersFrom(each, visit);
+    }
+}
+
+void checkRead(Status status, const Address& address) {
+    if (status == kOk) {
+        return;
+    }
+    if (status == kMissing && !exists(descriptorPath(address))) {
+        throw Failure(kMissing, fmt::format("there is no record {}", address.print()),
+                      address.print());
+    }
+    if (status == kMissing) {
+        throw Failure(kMissing,
+                      fmt::format("cannot read {}: its descriptor or its body file is missing or "
+                                  "cannot be opened; `fstore check` tells more",
+                                  address.print()),
+                      address.print());
+    }
+    check(status, fmt::format("cannot read {}", address.print()), address.print());
+}
+
+// What one attribute tells about its record. The first of its id and type counts.
+void addTo(RecordInfo& info, unsigned int type, unsigned int id,
+           std::span<const unsigned char> bytes) {
+    const auto setText = [&](std::string& field) {
+        if (type == kText && field.empty()) {
+            field = asText(bytes);
+        }
+    };
+    const auto setDigits = [&](std::string& field) {
+        if (type == kBinary && field.empty()) {
+            field = toHex(bytes);
+        }
+    };
+    const auto setMoment = [&](std::optional<std::int64_t>& field) {
+        if (type == kText && !field) {
+            field = parseMoment(asText(bytes));
+        }
+    };
+    switch (id) {
+        case attr::kKind: {
+            const std::uint32_t kind = asNumber(type, bytes).value_or(0);
+            if (info.kind == Kind::kUnknown && kind <= static_cast<std::uint32_t>(Kind::kRaw)) {
+                info.kind = static_cast<Kind>(kind);
+            }
+            break;
+        }
+        case attr::kBits:
+            info.isCa = info.isCa || (asNumber(type, bytes).value_or(0) & attr::kIsCa) != 0;
+            break;
+        case attr::kAltName:
+            if (type == kText) {
+                info.altNames.emplace_back(asText(bytes));
+            }
+            break;
+        case attr::kLabel:
+            return setText(info.label);
+        case attr::kSubject:
+            return setText(info.subject);
+        case attr::kIssuer:
+            return setText(info.issuer);
+        case attr::kKeyAlgorithm:
+            return setText(info.keyAlgorithm);
+        case attr::kSerial:
+            return setDigits(info.serial);
+        case attr::kSha256:
+            return setDigits(info.sha256);
+        case attr::kKeySha256:
+            return setDigits(info.keySha256);
+        case attr::kNotBefore:
+            return setMoment(info.notBefore);
+        case attr::kNotAfter:
+            return setMoment(info.notAfter);
+        default:
+            break;
     }
 }
 
@@ -112,26 +204,18 @@ Record::Record(Address address) : address_(std::move(address)) {
     if (store_.target() == nullptr) {
         failNoService();
     }
-    const std::string what = fmt::format("cannot make {}", address_.print());
-    check(store_.setFolderName(folderPath(address_.folder).c_str()), what, address_.print());
-    check(store_.setName(address_.name.c_str()), what, address_.print());
+    const auto accept = [&](Status status) {
+        if (status != kOk) {  // a listing makes many, and none of them needs the sentence
+            check(status, fmt::format("cannot make {}", address_.print()), address_.print());
+        }
+    };
+    accept(store_.setFolderName(folderPath(address_.folder).c_str()));
+    accept(store_.setName(address_.name.c_str()));
 }
 
 Record Record::read(const Address& address) {
     Record record(address);
-    const Status status = record.store_.read();
-    if (status == kMissing && !exists(descriptorPath(address))) {
-        throw Failure(kMissing, fmt::format("there is no record {}", address.print()),
-                      address.print());
-    }
-    if (status == kMissing) {
-        throw Failure(kMissing,
-                      fmt::format("cannot read {}: its descriptor or its body file is missing or "
-                                  "cannot be opened; `fstore check` tells more",
-                                  address.print()),
-                      address.print());
-    }
-    check(status, fmt::format("cannot read {}", address.print()), address.print());
+    checkRead(record.store_.read(), address);
     record.readable_ = !record.hasSecrets();
     return record;
 }
@@ -180,12 +264,7 @@ std::optional<unsigned int> Record::find(unsigned int type, unsigned int id) con
 
 std::optional<std::uint32_t> Record::number(unsigned int id) const {
     const auto index = find(kNumber, id);
-    if (!index || bytes(*index).size() != sizeof(std::uint32_t)) {
-        return std::nullopt;
-    }
-    std::uint32_t value = 0;
-    std::memcpy(&value, bytes(*index).data(), sizeof value);
-    return value;
+    return index ? asNumber(kNumber, bytes(*index)) : std::nullopt;
 }
 
 std::optional<std::string> Record::text(unsigned int id) const {
@@ -349,32 +428,21 @@ std::vector<unsigned char> sha256(std::span<const unsigned char> bytes) {
 }
 
 RecordInfo infoOf(const Record& record) {
-    const auto textOf = [&](unsigned int id) { return record.text(id).value_or(std::string()); };
-    const auto hexOf = [&](unsigned int id) {
-        const auto bytes = record.binary(id);
-        return bytes ? toHex(*bytes) : std::string();
-    };
-    const auto momentOf = [&](unsigned int id) { return parseMoment(textOf(id)); };
-    const unsigned int kind = record.number(attr::kKind).value_or(0);
-    const bool known = kind <= static_cast<unsigned int>(Kind::kRaw);
-    return {.address = record.address(),
-            .kind = known ? static_cast<Kind>(kind) : Kind::kUnknown,
-            .label = textOf(attr::kLabel),
-            .subject = textOf(attr::kSubject),
-            .issuer = textOf(attr::kIssuer),
-            .keyAlgorithm = textOf(attr::kKeyAlgorithm),
-            .altNames = record.texts(attr::kAltName),
-            .serial = hexOf(attr::kSerial),
-            .sha256 = hexOf(attr::kSha256),
-            .keySha256 = hexOf(attr::kKeySha256),
-            .notBefore = momentOf(attr::kNotBefore),
-            .notAfter = momentOf(attr::kNotAfter),
-            .isCa = (record.number(attr::kBits).value_or(0) & attr::kIsCa) != 0,
-            .hasBody = record.hasBody(),
-            .bodyEncrypted = record.isBodyEncrypted(),
-            .bodySize = record.body().size(),
-            .attributes = record.count(),
-            .hasSecrets = record.hasSecrets()};
+    RecordInfo info;
+    info.address = record.address();
+    info.hasBody = record.hasBody();
+    info.bodyEncrypted = record.isBodyEncrypted();
+    info.bodySize = record.body().size();
+    info.attributes = record.count();
+    info.hasSecrets = info.bodyEncrypted;
+    for (unsigned int i = 0; i < info.attributes; ++i) {
+        const bool encrypted = record.isEncrypted(i);
+        info.hasSecrets = info.hasSecrets || encrypted;
+        if (!encrypted || record.isReadable()) {
+            addTo(info, record.type(i), record.id(i), record.bytes(i));
+        }
+    }
+    return info;
 }
 
 const char* nameOf(Kind kind) {
@@ -397,8 +465,14 @@ const char* nameOf(Kind kind) {
 
 std::vector<std::string> allFolders() {
     std::vector<std::string> folders;
-    addFolders("", folders);
+    visitFolders([&](const std::string& folder, const std::vector<FolderEntry>&) {
+        folders.push_back(folder);
+    });
     return folders;
+}
+
+void visitFolders(const FolderVisitor& visit) {
+    visitFoldersFrom("", visit);
 }
 
 std::vector<Address> recordsOf(const std::string& folder) {

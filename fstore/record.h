@@ -16,6 +16,7 @@
 #include "client/file_store_exp.h"
 #include "fstore/address.h"
 #include "fstore/attributes.h"
+#include "fstore/files.h"
 
 namespace fstore {
 
@@ -128,6 +129,10 @@ const char* nameOf(Kind kind);
 // The folders below "db" that are there, their parents before them; the first is "db"
 // itself, as the empty text.
 std::vector<std::string> allFolders();
+
+// Calls visit(folder, what is in it, in no order) for each of them.
+using FolderVisitor = std::function<void(const std::string&, const std::vector<FolderEntry>&)>;
+void visitFolders(const FolderVisitor& visit);
 
 // The records of one folder, by name. What a crash left behind must have been
 // repaired: listing would do it otherwise.

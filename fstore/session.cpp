@@ -105,8 +105,7 @@ Protection::State stateOf(const Slot& slot) {
 
 // Whether a descriptor stands moved aside alone, as a write that was broken off
 // between its two renames leaves it: listing and reading would put it back.
-bool hasLoneSaved(const std::string& folder) {
-    const std::vector<FolderEntry> entries = listFolder(folderPath(folder));
+bool hasLoneSaved(const std::string& folder, const std::vector<FolderEntry>& entries) {
     return std::any_of(entries.begin(), entries.end(), [&](const FolderEntry& entry) {
         const std::string_view name = entry.name;
         return name.ends_with(kSavedMark) &&
@@ -298,8 +297,11 @@ bool Session::needsRepair() const {
     if (!exists(kLive)) {
         return true;
     }
-    const std::vector<std::string> folders = allFolders();
-    return std::any_of(folders.begin(), folders.end(), hasLoneSaved);
+    bool found = false;
+    visitFolders([&](const std::string& folder, const std::vector<FolderEntry>& entries) {
+        found = found || hasLoneSaved(folder, entries);
+    });
+    return found;
 }
 
 void Session::recover() {

@@ -39,7 +39,7 @@ void appendLine(std::string& page, const std::vector<Cell>& cells,
         if (widths[i] == 0) {
             continue;
         }
-        const std::string text = clipped(printable(cells[i].text), widths[i]);
+        const std::string text = clipped(cells[i].text, widths[i]);
         if (!text.empty()) {
             line.append(owed, ' ');
             owed = 0;
@@ -55,6 +55,13 @@ void appendLine(std::string& page, const std::vector<Cell>& cells,
 std::string styled(std::string_view text, Style style) {
     return style == Style::kPlain ? std::string(text)
                                   : fmt::format("\033[{}m{}\033[0m", codeOf(style), text);
+}
+
+void Table::add(std::vector<Cell> row) {
+    for (Cell& cell : row) {
+        cell.text = printable(cell.text);
+    }
+    rows_.push_back(std::move(row));
 }
 
 std::string Table::print(std::size_t columns, bool colour) const {
@@ -75,7 +82,7 @@ std::vector<std::size_t> Table::widths(std::size_t columns) const {
     std::vector<std::size_t> widths(columns_.size(), 0);
     for (const auto& row : rows_) {
         for (std::size_t i = 0; i < row.size(); ++i) {
-            widths[i] = std::max(widths[i], columnsOf(printable(row[i].text)));
+            widths[i] = std::max(widths[i], columnsOf(row[i].text));
         }
     }
     std::size_t total = 0;

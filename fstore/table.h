@@ -28,7 +28,7 @@ public:
 
     explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
 
-    void add(std::vector<Cell> row) { rows_.push_back(std::move(row)); }  // a cell a column
+    void add(std::vector<Cell> row);  // a cell a column
     bool empty() const noexcept { return rows_.empty(); }
 
     // One line a row under a line of titles, each ended by a line feed. With `columns`

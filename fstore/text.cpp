@@ -1,5 +1,6 @@
 #include "fstore/text.h"
 
+#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <cwchar>
@@ -59,6 +60,11 @@ void forEachCharacter(std::string_view text, Visit visit) {
         visit(next, text.substr(0, next.bytes));
         text.remove_prefix(next.bytes);
     }
+}
+
+// What is shown as it is, a column a byte: nearly every text.
+bool isPlain(std::string_view text) {
+    return std::ranges::all_of(text, [](char c) { return c >= 0x20 && c < 0x7F; });
 }
 
 bool isControl(char32_t c) {
@@ -225,6 +231,9 @@ std::optional<std::string> hexDigits(std::string_view text) {
 }
 
 std::string printable(std::string_view text) {
+    if (isPlain(text)) {
+        return std::string(text);
+    }
     std::string shown;
     forEachCharacter(text, [&](const Character& next, std::string_view bytes) {
         if (!next.code) {
@@ -241,6 +250,9 @@ std::string printable(std::string_view text) {
 }
 
 bool isUtf8(std::string_view text) {
+    if (isPlain(text)) {
+        return true;
+    }
     bool all = true;
     forEachCharacter(
         text, [&](const Character& next, std::string_view) { all = all && next.code.has_value(); });
@@ -248,6 +260,9 @@ bool isUtf8(std::string_view text) {
 }
 
 std::size_t columnsOf(std::string_view text) {
+    if (isPlain(text)) {
+        return text.size();
+    }
     std::size_t columns = 0;
     forEachCharacter(text, [&](const Character& next, std::string_view) {
         columns += next.code ? columnsOfCharacter(*next.code) : 1;
