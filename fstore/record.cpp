@@ -122,8 +122,9 @@ void checkRead(Status status, const Address& address) {
 // What one attribute tells about its record. The first of its id and type counts.
 void addTo(RecordInfo& info, unsigned int type, unsigned int id,
            std::span<const unsigned char> bytes) {
+    const bool isText = type == kText || type == kBinary;  // so a text is kept encrypted
     const auto setText = [&](std::string& field) {
-        if (type == kText && field.empty()) {
+        if (isText && field.empty()) {
             field = asText(bytes);
         }
     };
@@ -133,7 +134,7 @@ void addTo(RecordInfo& info, unsigned int type, unsigned int id,
         }
     };
     const auto setMoment = [&](std::optional<std::int64_t>& field) {
-        if (type == kText && !field) {
+        if (isText && !field) {
             field = parseMoment(asText(bytes));
         }
     };
@@ -149,7 +150,7 @@ void addTo(RecordInfo& info, unsigned int type, unsigned int id,
             info.isCa = info.isCa || (asNumber(type, bytes).value_or(0) & attr::kIsCa) != 0;
             break;
         case attr::kAltName:
-            if (type == kText) {
+            if (isText) {
                 info.altNames.emplace_back(asText(bytes));
             }
             break;
