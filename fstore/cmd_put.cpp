@@ -94,7 +94,11 @@ Status runPut(const PutOptions& options, Context& context) {
     record.write();
     context.output.note(
         fmt::format("{}: {} bytes{}", address.print(), size, options.plain ? "" : ", encrypted"));
-    context.output.document({{"records", Json::array({toJson(infoOf(record))})}});
+    if (context.output.json()) {
+        // As it is on disk: the digest of a secret is one too.
+        const RecordInfo stored = infoOf(Record::read(address));
+        context.output.document({{"records", Json::array({toJson(stored)})}});
+    }
     return kOk;
 }
 

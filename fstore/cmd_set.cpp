@@ -23,11 +23,13 @@ struct UnsetOptions {
     std::vector<std::string> ids;
 };
 
-void tell(const Record& record, Output& output) {
-    Json json = toJson(infoOf(record));
-    json["attributes"] = attributesToJson(record);
+// As it is on disk, so that what was given to be kept encrypted is not told.
+void tell(const Address& address, Output& output) {
+    const Record stored = Record::read(address);
+    Json json = toJson(infoOf(stored));
+    json["attributes"] = attributesToJson(stored);
     output.document({{"records", Json::array({json})}});
-    output.detail(fmt::format("{} was written", record.address().print()));
+    output.detail(fmt::format("{} was written", address.print()));
 }
 
 Status runSet(const SetOptions& options, Context& context) {
@@ -40,7 +42,7 @@ Status runSet(const SetOptions& options, Context& context) {
         assignment.applyTo(record, options.encrypt);
     }
     record.write();
-    tell(record, context.output);
+    tell(record.address(), context.output);
     return kOk;
 }
 
@@ -59,7 +61,7 @@ Status runUnset(const UnsetOptions& options, Context& context) {
         }
     }
     record.write();
-    tell(record, context.output);
+    tell(record.address(), context.output);
     return kOk;
 }
 

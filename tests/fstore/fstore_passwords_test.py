@@ -152,6 +152,32 @@ class TerminalTest(InitialisedTest):
         terminal.hang_up()
         self.assertNotEqual(0, terminal.wait())
 
+    def test_hangup_at_the_new_password_changes_nothing(self):
+        before = {path: path.read_bytes() for path in self.folder.rglob("*.dsc")}
+        terminal = self.terminal("passwd", *CHEAP)
+        terminal.expect("Password: ")
+        terminal.type(PASSWORD + "\n")
+        terminal.expect("New password: ")
+        terminal.hang_up()
+        self.assertNotEqual(0, terminal.wait())
+        self.assertEqual(before, {path: path.read_bytes() for path in self.folder.rglob("*.dsc")})
+        self.assert_sound()
+
+    def test_hangup_in_the_midst_of_a_change_leaves_one_password(self):
+        terminal = self.terminal("passwd", *CHEAP, password=PASSWORD,
+                                 env={"LD_PRELOAD": support.CALL_TRAP, "CALL_TRAP_PAUSE": "50",
+                                      "FSTORE_NEW_PASSWORD": "new"})
+        support.wait_until(lambda: (self.folder / "new_db").exists())
+        terminal.hang_up()
+        self.assertNotEqual(0, terminal.wait())
+        codes = [self.run_any("get", "a", password=password) for password in (PASSWORD, "new")]
+        self.assertEqual([0, 6], sorted(codes))
+        self.run_tool("check", "--repair")
+        self.assertEqual(["db"], [path.name for path in self.folder.iterdir()])
+
+    def run_any(self, *args, **more):
+        return support.fstore(*args, cwd=self.folder, **more).code
+
     def test_new_password_is_typed_twice(self):
         terminal = self.terminal("passwd", *CHEAP)
         for prompt, answer in [("Password: ", PASSWORD), ("New password: ", "new one"),
@@ -403,6 +429,44 @@ class SecrecyTest(InitialisedTest):
         if os.geteuid() != 0:
             support.wait_until(lambda: (proc / "environ").stat().st_uid == 0)
         self.assertEqual(0, support.finish(process, PASSWORD.encode()).code)
+
+    def test_no_output_and_no_file_tells_a_secret(self):
+        text = "hunter2 of the body"
+        slot = SLOT.search((self.folder / "db/kdf.dsc").read_text())
+        p = hashlib.scrypt(PASSWORD.encode(), salt=bytes.fromhex(slot[4]), n=1 << int(slot[1]),
+                           r=8, p=1, dklen=32, maxmem=1 << 27).hex()
+        digest = hashlib.sha256(text.encode()).hexdigest()  # tells whether a guess is right
+        forms = [form for secret in (PASSWORD, p, text, digest)
+                 for form in (secret.encode(), secret.encode().hex().encode())]
+        value = self.write("value", text)
+        trace = self.folder / "trace"
+        commands = [("put", "settings/s", "value"), ("set", "s", "--encrypt", "0x8001=@value"),
+                    ("ls",), ("show", "s"), ("dump", "s"), ("dump", "--raw", "s"),
+                    ("info",), ("check", "--deep", "--repair"), ("get", "s", "-o", "out", "-f", "-q"),
+                    ("set", "s", "0x8001:number=@value"), ("get", "missing"), ("init",),
+                    ("passwd", *CHEAP, "--new-password-file", "-")]
+        for args in commands:
+            for option in ("-v", "--json"):
+                run = support.fstore(*args, option, cwd=self.folder, stdin=PASSWORD.encode(),
+                                     prefix=["strace", "-f", "-s", "200", "-e",
+                                             "trace=write,execve", "-o", trace])
+                shown = run.out + run.err
+                if args[0] == "get":  # asks for the body, so may tell about it
+                    shown = shown.replace(digest.encode(), b"")
+                for form in forms:
+                    self.assertNotIn(form, shown, args)
+                # Of what is written to streams and files, only the file that was asked for.
+                written = [line.replace(digest.encode(), b"") if args[0] == "get" else line
+                           for line in trace.read_bytes().splitlines()
+                           if b'"' + text.encode() not in line]
+                for form in forms:
+                    self.assertFalse(any(form in line for line in written), (args, form))
+        value.unlink()
+        trace.unlink()
+        (self.folder / "out").unlink()
+        for name, contents in self.files().items():
+            for form in forms:
+                self.assertNotIn(form, contents, name)
 
     def test_password_leaves_the_environment(self):
         process, proc = self.waiting("passwd", *CHEAP, "--new-password-file", "-",

@@ -57,8 +57,11 @@ class Run:
         return json.loads(self.err)["error"]
 
 
-def start(*args, password=PASSWORD, cwd=None, env=None, pass_fds=(), memory=None):
-    """Starts the tool without a terminal; `password` None gives none, `memory` limits it."""
+def start(*args, password=PASSWORD, cwd=None, env=None, pass_fds=(), memory=None, prefix=()):
+    """Starts the tool without a terminal, by way of the command `prefix` when there is one.
+
+    `password` None gives none; `memory` limits it.
+    """
     given = {} if password is None else {"FSTORE_PASSWORD": password}
     given.update(env or {})
     limit = None
@@ -68,7 +71,7 @@ def start(*args, password=PASSWORD, cwd=None, env=None, pass_fds=(), memory=None
     elif memory is not None:
         def limit():
             resource.setrlimit(resource.RLIMIT_AS, (memory, memory))
-    return subprocess.Popen([PROGRAM, *map(str, args)], stdin=subprocess.PIPE,
+    return subprocess.Popen([*prefix, PROGRAM, *map(str, args)], stdin=subprocess.PIPE,
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, cwd=cwd,
                             env=environment(**given), pass_fds=pass_fds, preexec_fn=limit,
                             start_new_session=True)
@@ -82,6 +85,8 @@ def finish(process, stdin=b""):
         process.kill()
         process.communicate()
         raise
+    # Whatever a test is about, what it ran does not tell the password.
+    assert PASSWORD.encode() not in out + err, (out, err)
     return Run(process.returncode, out, err)
 
 
