@@ -22,7 +22,9 @@ constexpr Code kCodes[] = {
     {kInvalid, "invalid", "the value is not allowed"},
     {kPartial, "partial", "some of it was done and some not"},
     {kWrongPassword, "wrong-password", "the password is wrong"},
-    {kIo, "io", "a file could not be written or a cipher step failed"},
+    {kIo, "io",
+     "a file could not be written (is the disk full, or not yours to write?) or a cipher step "
+     "failed"},
     {kNotOpen, "not-open", "the database is not open, or its password record is unreadable"},
     {kAlreadyOpen, "busy", "another process holds the database"},
     {kClosed, "closed", "the database is closed"},

@@ -25,6 +25,23 @@ void renameFolder(const char* from, const char* to) {
     }
 }
 
+// The store copies what it finds: a pipe or a dangling link would fail it, without a
+// word which, and any other link would become the file that it leads to.
+void requireCopyable() {
+    visitFolders([](const std::string& folder, const std::vector<FolderEntry>& entries) {
+        for (const FolderEntry& entry : entries) {
+            if (entry.type == FolderEntry::Type::kOther) {
+                const std::string path = joined(folderPath(folder), entry.name);
+                throw Failure(kInvalid,
+                              fmt::format("{} is neither a file nor a folder, and cannot be copied "
+                                          "with the database; move it elsewhere first",
+                                          path),
+                              path);
+            }
+        }
+    });
+}
+
 DeepReport readSound(Session& session, const char* what) {
     DeepReport report = readEverything(session, what);
     if (!report.damaged.empty()) {
@@ -95,6 +112,7 @@ void dropOld(Session& session) {
 }  // namespace
 
 void changePassword(Session& session, NewSlot fresh, bool keepOld) {
+    requireCopyable();
     const DeepReport before = readSound(session, "Checking");
     writeKdf({session.protection().inForce, fresh.slot}, keepOld);
     const bool shown = session.output().showsProgress();

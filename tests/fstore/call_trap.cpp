@@ -6,6 +6,8 @@
 //                            when that is a write, half of it is stored before
 //     CALL_TRAP_FAIL=N       the Nth call fails with the number in CALL_TRAP_ERRNO
 //     CALL_TRAP_FAIL_FROM=N  that one and all after it fail
+//     CALL_TRAP_FULL=N       from the Nth call on the disk is full: what would take room
+//                            fails, and what only renames, removes or syncs does not
 //     CALL_TRAP_NO_LOCK=1    flock() succeeds and locks nothing
 //     CALL_TRAP_PAUSE=N      each opening of a descriptor file takes N milliseconds longer
 //
@@ -50,10 +52,14 @@ Function* next(const char* name) {
 
 enum class Fate { kGoOn, kFail, kDie };
 
-Fate nextCall() {
+// Whether a call takes room on the disk.
+enum class Room { kNone, kTaken };
+
+Fate nextCall(Room room) {
     static const long dieAt = setting("CALL_TRAP_DIE");
     static const long failAt = setting("CALL_TRAP_FAIL");
     static const long failFrom = setting("CALL_TRAP_FAIL_FROM");
+    static const long fullFrom = setting("CALL_TRAP_FULL");
     const long number = ++calls;
     if (number == dieAt) {
         return Fate::kDie;
@@ -62,13 +68,17 @@ Fate nextCall() {
         errno = static_cast<int>(setting("CALL_TRAP_ERRNO"));
         return Fate::kFail;
     }
+    if (fullFrom != 0 && number >= fullFrom && room == Room::kTaken) {
+        errno = ENOSPC;
+        return Fate::kFail;
+    }
     return Fate::kGoOn;
 }
 
 // The call of the function `name`, unless its turn has come.
 template <class Result, class... Args>
-Result pass(const char* name, Args... args) {
-    switch (nextCall()) {
+Result pass(Room room, const char* name, Args... args) {
+    switch (nextCall(room)) {
         case Fate::kDie:
             die();
         case Fate::kFail:
@@ -92,7 +102,7 @@ int openFile(const char* name, const char* path, int flags, mode_t mode) {
     if ((flags & (O_CREAT | O_TRUNC)) == 0) {
         return next<int(const char*, int, ...)>(name)(path, flags, mode);
     }
-    switch (nextCall()) {
+    switch (nextCall(Room::kTaken)) {
         case Fate::kDie:
             die();
         case Fate::kFail:
@@ -144,7 +154,7 @@ ssize_t write(int fd, const void* data, size_t size) {
     if (!isOnDisk(fd)) {
         return real(fd, data, size);
     }
-    switch (nextCall()) {
+    switch (nextCall(Room::kTaken)) {
         case Fate::kDie:
             (void)real(fd, data, size / 2);
             die();
@@ -157,22 +167,22 @@ ssize_t write(int fd, const void* data, size_t size) {
 }
 
 int fsync(int fd) {
-    return pass<int>("fsync", fd);
+    return pass<int>(Room::kNone, "fsync", fd);
 }
 int syncfs(int fd) noexcept {
-    return pass<int>("syncfs", fd);
+    return pass<int>(Room::kNone, "syncfs", fd);
 }
 int rename(const char* from, const char* to) noexcept {
-    return pass<int>("rename", from, to);
+    return pass<int>(Room::kNone, "rename", from, to);
 }
 int remove(const char* path) noexcept {
-    return pass<int>("remove", path);
+    return pass<int>(Room::kNone, "remove", path);
 }
 int mkdir(const char* path, mode_t mode) noexcept {
-    return pass<int>("mkdir", path, mode);
+    return pass<int>(Room::kTaken, "mkdir", path, mode);
 }
 int rmdir(const char* path) noexcept {
-    return pass<int>("rmdir", path);
+    return pass<int>(Room::kNone, "rmdir", path);
 }
 
 int flock(int fd, int operation) noexcept {

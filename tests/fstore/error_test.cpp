@@ -29,8 +29,10 @@ TEST(CheckTest, ThrowsTheStatusWithItsMeaning) {
     } catch (const Failure& failure) {
         EXPECT_EQ(kIo, failure.status());
         EXPECT_EQ("keys/a", failure.path());
-        EXPECT_EQ("cannot write keys/a: a file could not be written or a cipher step failed",
-                  std::string(failure.what()));
+        EXPECT_EQ(
+            "cannot write keys/a: a file could not be written (is the disk full, or not yours to "
+            "write?) or a cipher step failed",
+            std::string(failure.what()));
     }
 }
 
