@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
 """The command line: options before and after the command, usage errors, help."""
 
+import os
+
 import support
 from support import FstoreTest, InitialisedTest
 
@@ -75,6 +77,37 @@ class GlobalOptionsTest(InitialisedTest):
 
     def test_modules_that_are_missing_are_told(self):
         self.fails(40, "no-service", "ls", env={"FILESTORE_MODULES": "/nonexistent"})
+
+
+class StartTest(InitialisedTest):
+    """Processor time, the best of some runs: what else the machine does has no part in it."""
+
+    SLACK = 20 if support.SANITIZED else 4
+
+    def seconds(self, *args):
+        best = None
+        for _ in range(5):
+            process = support.start(*args, cwd=self.folder, password=None)
+            with process.stdin, process.stdout, process.stderr:
+                process.stdout.read()
+                _, status, usage = os.wait4(process.pid, 0)
+            process.returncode = os.waitstatus_to_exitcode(status)
+            self.assertEqual(0, process.returncode)
+            used = usage.ru_utime + usage.ru_stime
+            best = used if best is None else min(best, used)
+        return best
+
+    def test_takes_milliseconds(self):
+        for args, most in [(("--version",), 0.010), (("ls",), 0.025), (("info",), 0.025)]:
+            self.assertLess(self.seconds(*args), most * self.SLACK, args)
+
+    def test_a_listing_takes_microseconds_a_record(self):
+        count = 2000
+        for number in range(count):
+            (self.folder / f"db/certificates/remote/host{number}.dsc").write_text(
+                f"00000004 00000103 CN=host{number}\n00000004 00000107 2999-01-01T00:00:00Z\n")
+        # 15 microseconds is what a second and a half for 100,000 of them leaves.
+        self.assertLess(self.seconds("ls"), (0.025 + count * 15e-6) * self.SLACK)
 
 
 if __name__ == "__main__":

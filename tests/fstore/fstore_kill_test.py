@@ -32,6 +32,7 @@ class Remove(Workload):
 class Change(Workload):
     args = ("passwd", *CHEAP)
     env = {"FSTORE_NEW_PASSWORD": NEW}
+    passwords = (PASSWORD, NEW)
 
 
 class ChangeKeepingOld(Change):
@@ -41,19 +42,19 @@ class ChangeKeepingOld(Change):
 
 class Init(Workload):
     args = ("init", *CHEAP)
-    bodies = {}
+    bodies = {"settings/s": {None, b"secret"}}
 
     def fresh(self, folder):
         folder.mkdir()
 
-    def password(self, folder):
+    def verify(self, folder):
         # What stands before it is done is no database that would keep a secret.
         run = support.fstore("-D", folder, "put", "settings/s", "-", stdin=b"secret")
         assert run.code in (0, 14, 50, 74), run
         if run.code != 0:
             run = support.fstore("-D", folder, *self.args)
             assert run.code == 0, run
-        return PASSWORD
+        super().verify(folder)
 
 
 class Repair(Workload):
@@ -85,7 +86,13 @@ class MovedAside(Repair):
 
 class CommandsTest(KillTest):
     def test_put_with_faults(self):
+        self.fail_everywhere(Put)
+
+    def test_put_over_with_faults(self):
         self.fail_everywhere(PutOver)
+
+    def test_set_with_faults(self):
+        self.fail_everywhere(Set)
 
     def test_rm_with_faults(self):
         self.fail_everywhere(Remove)
@@ -93,11 +100,17 @@ class CommandsTest(KillTest):
     def test_passwd_with_faults(self):
         self.fail_everywhere(Change)
 
+    def test_passwd_keep_old_with_faults(self):
+        self.fail_everywhere(ChangeKeepingOld)
+
     def test_init_with_faults(self):
         self.fail_everywhere(Init)
 
     def test_repair_with_faults(self):
         self.fail_everywhere(Repair)
+
+    def test_repair_of_a_database_moved_aside_with_faults(self):
+        self.fail_everywhere(MovedAside)
 
     def test_put(self):
         self.kill_everywhere(Put)

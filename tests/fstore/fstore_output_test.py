@@ -70,8 +70,12 @@ class OutputTest(InitialisedTest):
     def test_every_document_has_its_schema(self):
         self.put("settings/a", b"x")
         for args in [("ls",), ("show", "a"), ("get", "a"), ("dump", "a"), ("info",), ("check",),
-                     ("set", "a", "label=x"), ("unset", "a", "label"), ("rm", "a")]:
-            self.assertEqual("fstore/1", self.run_tool("--json", *args).document["schema"], args)
+                     ("set", "a", "label=x"), ("unset", "a", "label"), ("put", "settings/a", "-"),
+                     ("rm", "a"), ("init",), ("passwd", *support.CHEAP)]:
+            document = self.run_tool("--json", *args, stdin=b"x",
+                                     env={"FSTORE_NEW_PASSWORD": "new"}).document
+            self.assertEqual("fstore/1", document["schema"], args)
+            self.assertEqual("schema", next(iter(document)))
 
     def test_a_binary_body_does_not_reach_a_terminal(self):
         self.put("settings/a", b"\x1b[2J", "--plain-body")

@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
 """Records: put, get, set, unset, show, ls, rm, dump, info."""
 
+import filecmp
 import hashlib
 import os
 
 import support
-from support import FstoreTest, InitialisedTest
+from support import LONG, FstoreTest, InitialisedTest
 
 
 class BodyTest(InitialisedTest):
@@ -423,23 +424,30 @@ class InfoTest(FstoreTest):
 
 
 class LargeTest(InitialisedTest):
-    def test_body_of_64_mib(self):
-        self.large(64 << 20)
+    """A body takes memory in proportion: as often as it is held at once, and no more."""
 
-    def large(self, size):
+    SIZE = (1 << 30) if LONG else (32 << 20)
+    COPIES = 6
+    BESIDE = 256 << 20  # the program, its libraries and scrypt
+
+    def test_comes_back_in_bounded_memory(self):
         path = self.folder / "large"
         with path.open("wb") as file:
             block = os.urandom(1 << 20)
-            for _ in range(size >> 20):
-                file.write(block)
-        self.run_tool("put", "settings/large", path)
-        self.run_tool("get", "large", "-o", "back")
-        with path.open("rb") as a, (self.folder / "back").open("rb") as b:
-            while True:
-                block = a.read(1 << 20)
-                self.assertEqual(block, b.read(1 << 20))
-                if not block:
-                    break
+            for number in range(self.SIZE >> 20):
+                file.write(number.to_bytes(8, "big") + block[8:])
+        memory = self.COPIES * self.SIZE + self.BESIDE
+        self.run_tool("put", "settings/large", path, memory=memory)
+        self.run_tool("get", "large", "-o", "back", memory=memory)
+        self.assertTrue(filecmp.cmp(path, self.folder / "back", shallow=False))
+
+    def test_too_little_memory_is_told(self):
+        self.put("settings/a", b"body")
+        path = self.write("large", bytes(256 << 20))
+        before = self.files()
+        self.assertRegex(self.fails(1, "no-memory", "put", "settings/a", path,
+                                    memory=self.BESIDE), "memory")
+        self.assertEqual(before, self.files())
 
 
 if __name__ == "__main__":

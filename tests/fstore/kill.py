@@ -1,11 +1,12 @@
-"""Workloads in which each call that changes the disk fails, or the tool dies in front of it.
+"""Deaths and faults of the tool at each call that changes the disk, for any command.
 
 The trap counts the calls of the program and of all modules. A share of them is
-struck every day, each of them, and each of the recovery after it, with FSTORE_LONG=1.
+struck every day; each of them, and the calls of the recovery after it, with FSTORE_LONG=1.
 """
 
 import concurrent.futures
 import errno
+import hashlib
 import os
 import pathlib
 import shutil
@@ -16,7 +17,8 @@ import support
 from support import CHEAP, LONG, PASSWORD
 
 NEW = "another password"
-SHARE = 3 if support.SANITIZED else 10  # deaths and failures of each workload in everyday runs
+SHARE = 3 if support.SANITIZED else 6  # deaths and faults of each workload in everyday runs
+STRIDE = 8  # calls between two deaths of one recovery; the first is another one each time
 KILLED = -9
 
 
@@ -26,11 +28,11 @@ class Workload:
     args = ()
     stdin = b""
     env = {}
+    codes = {0, 9}  # of a run in which a call fails
     # Address: the bodies it may have; None among them when it may be gone.
     bodies = {"settings/a": {b"old"}, "lsps/plain": {b"plain"}, "keys/k": {b"key"}}
+    passwords = (PASSWORD,)  # of which exactly one opens it
     leftovers = set()  # kinds of findings that stay
-    # A file that was there already, or is only tidied up, is no failure.
-    codes = {0, 9}  # when a call fails
 
     def __init__(self, template):
         self.template = template
@@ -55,24 +57,25 @@ class Workload:
             assert run.code == 0, run.message
             return int((folder / "calls").read_text())
 
-    def password(self, folder):
-        """The password that opens everything; fails unless exactly one does."""
-        codes = {}
-        for password in (PASSWORD, NEW):
-            run = support.fstore("-D", folder, "check", "--deep", password=password)
-            codes[password] = run.code
-        assert sorted(codes.values()) == [0, 6], codes
-        return min(codes, key=codes.get)
+    def listed(self, folder):
+        """The password that opens it, and the digests of all bodies, by address."""
+        runs = {password: support.fstore("-D", folder, "ls", "--unlock", "--json",
+                                         password=password) for password in self.passwords}
+        codes = [run.code for run in runs.values()]
+        assert sorted(codes) == [0, *[6] * (len(codes) - 1)], runs
+        password = min(runs, key=lambda one: runs[one].code)
+        return password, {record["address"]: record.get("sha256")
+                          for record in runs[password].document["records"]}
 
     def verify(self, folder):
         """Recovers the folder by ordinary commands; raises when something is lost."""
-        password = self.password(folder)
+        password, digests = self.listed(folder)
         for address, allowed in self.bodies.items():
-            run = support.fstore("-D", folder, "get", address, password=password)
-            body = {0: run.out, 50: None}[run.code]
-            assert body in allowed, (address, run)
+            expected = {body and hashlib.sha256(body).hexdigest() for body in allowed}
+            assert digests.get(address) in expected, address
         run = support.fstore("-D", folder, "check", "--repair", password=password)
         assert run.code == 0, run
+        # This compares the digests with the bodies, too.
         run = support.fstore("-D", folder, "check", "--deep", "--json", password=password)
         assert run.code == 0, run
         kinds = {finding["kind"] for finding in run.document["findings"]}
@@ -82,6 +85,8 @@ class Workload:
 
 
 class KillTest(unittest.TestCase):
+    maxDiff = None
+
     @classmethod
     def setUpClass(cls):
         cls.template = pathlib.Path(tempfile.mkdtemp(prefix="fstore-template-"))
@@ -100,30 +105,6 @@ class KillTest(unittest.TestCase):
             return range(1, calls + 1)
         return sorted({1 + i * calls // SHARE for i in range(SHARE)})
 
-    def strike(self, workload, call):
-        with tempfile.TemporaryDirectory(prefix="fstore-kill-") as name:
-            folder = pathlib.Path(name) / "w"
-            workload.fresh(folder)
-            run = workload.run(folder, CALL_TRAP_DIE=call)
-            if run.code != KILLED:
-                return f"call {call}: it lived, with {run}"
-            if not LONG:
-                return self.recovered(workload, folder, f"call {call}")
-            # Each death within the recovery starts from the same wreck.
-            again = 0
-            while True:
-                again += 1
-                wreck = pathlib.Path(name) / f"w{again}"
-                shutil.copytree(folder, wreck, symlinks=True)
-                run = support.fstore("-D", wreck, "check", "--deep", "--repair",
-                                     env={"LD_PRELOAD": support.CALL_TRAP,
-                                          "CALL_TRAP_DIE": again})
-                self.within += run.code == KILLED
-                failure = self.recovered(workload, wreck, f"call {call}, then {again}")
-                if failure or run.code != KILLED:
-                    return failure
-                shutil.rmtree(wreck)
-
     @staticmethod
     def recovered(workload, folder, where):
         try:
@@ -132,42 +113,69 @@ class KillTest(unittest.TestCase):
             return f"{where}: {failure!r}"
         return None
 
+    def kill(self, workload, call):
+        """The command dies, and so does its recovery again and again, at a later call each time."""
+        with tempfile.TemporaryDirectory(prefix="fstore-kill-") as name:
+            folder = pathlib.Path(name) / "w"
+            workload.fresh(folder)
+            run = workload.run(folder, CALL_TRAP_DIE=call)
+            if run.code != KILLED:
+                return f"call {call}: it lived, with {run}"
+            wreck = pathlib.Path(name) / "wreck"
+            if LONG:
+                shutil.copytree(folder, wreck, symlinks=True)
+            failure = self.recovered(workload, folder, f"call {call}")
+            if failure or not LONG:
+                return failure
+            for again in range(1 + call % STRIDE, 1000, STRIDE):
+                run = support.fstore("-D", wreck, "check", "--deep", "--repair",
+                                     env={"LD_PRELOAD": support.CALL_TRAP,
+                                          "CALL_TRAP_DIE": again})
+                if run.code != KILLED:
+                    break
+                self.within += 1
+            return self.recovered(workload, wreck, f"call {call}, then up to {again}")
+
     def kill_everywhere(self, kind):
         workload = kind(self.template)
         calls = workload.count()
         deaths = self.struck(calls)
         self.within = 0
-        with concurrent.futures.ThreadPoolExecutor(2) as pool:
-            failures = [failure for failure in
-                        pool.map(lambda call: self.strike(workload, call), deaths) if failure]
-        print(f"{kind.__name__}: {len(deaths)} deaths at {calls} calls, "
-              f"{self.within} within recovery, {len(failures)} violations", flush=True)
-        self.assertEqual([], failures)
-
-    def fault(self, workload, call, setting, number):
-        """One call fails, or all from there on; the command tells it, and nothing is lost."""
-        with tempfile.TemporaryDirectory(prefix="fstore-fail-") as name:
-            folder = pathlib.Path(name) / "w"
-            workload.fresh(folder)
-            run = workload.run(folder, **{setting: call, "CALL_TRAP_ERRNO": number})
-            where = f"{setting} {call} {errno.errorcode[number]}"
-            if run.code not in workload.codes:
-                return f"{where}: {run}"
-            told = b"warning:" if run.code == 5 else b"error:"
-            if (run.code == 0) == (told in run.err):
-                return f"{where}: exit code and message differ: {run}"
-            return self.recovered(workload, folder, where)
+        self.strike(kind, f"deaths at {calls} calls", deaths,
+                    lambda call: self.kill(workload, call))
+        if LONG:
+            print(f"{kind.__name__}: {self.within} deaths within recovery", flush=True)
 
     def fail_everywhere(self, kind):
         workload = kind(self.template)
         calls = workload.count()
-        faults = [(call, setting, number) for call in self.struck(calls)
-                  for setting in ("CALL_TRAP_FAIL", "CALL_TRAP_FAIL_FROM")
-                  for number in ((errno.EIO, errno.ENOSPC, errno.EROFS) if LONG
-                                 else (errno.EIO,))]
-        with concurrent.futures.ThreadPoolExecutor(2) as pool:
-            failures = [failure for failure in
-                        pool.map(lambda fault: self.fault(workload, *fault), faults) if failure]
-        print(f"{kind.__name__}: {len(faults)} faults at {calls} calls, "
-              f"{len(failures)} violations", flush=True)
+        faults = [self.fault(*each) for each in enumerate(self.struck(calls))]
+        self.strike(kind, f"faults at {calls} calls", faults,
+                    lambda fault: self.disturb(workload, fault))
+
+    def strike(self, kind, what, blows, strike):
+        with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+            failures = [failure for failure in pool.map(strike, blows) if failure]
+        print(f"{kind.__name__}: {len(blows)} {what}, {len(failures)} violations", flush=True)
         self.assertEqual([], failures)
+
+    @staticmethod
+    def fault(turn, call):
+        """In turn one call fails, all from there on, and all that would take room."""
+        return [{"CALL_TRAP_FAIL": call, "CALL_TRAP_ERRNO": errno.EIO},
+                {"CALL_TRAP_FAIL_FROM": call, "CALL_TRAP_ERRNO": errno.EROFS},
+                {"CALL_TRAP_FULL": call}][turn % 3]
+
+    def disturb(self, workload, fault):
+        """Some calls fail; the command tells it, and nothing is lost."""
+        with tempfile.TemporaryDirectory(prefix="fstore-fail-") as name:
+            folder = pathlib.Path(name) / "w"
+            workload.fresh(folder)
+            run = workload.run(folder, **fault)
+            if run.code not in workload.codes:
+                return f"{fault}: {run}"
+            told = b"warning:" if run.code == 5 else b"error:"
+            # A file that was there already, or is only tidied up, is no failure.
+            if (run.code == 0) == (told in run.err):
+                return f"{fault}: exit code and message differ: {run}"
+            return self.recovered(workload, folder, str(fault))
