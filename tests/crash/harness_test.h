@@ -1,0 +1,44 @@
+// What the tests of the harness share: a folder in memory, random choices that can be
+// repeated, and loops that end at the first failure.
+#ifndef TESTS_CRASH_HARNESS_TEST_H
+#define TESTS_CRASH_HARNESS_TEST_H
+
+#include <random>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "tests/crash/figures.h"
+#include "tests/crash/tree.h"
+#include "tests/crash/workloads.h"
+
+namespace crash {
+
+class HarnessTest : public ::testing::Test {
+protected:
+    // Every `nth` of the workloads; all of them in a full run.
+    template <class Check>
+    void each(const std::vector<Workload>& all, std::size_t nth, Check check) {
+        for (std::size_t i = 0; i < all.size() && !HasFailure(); i += isFull_ ? 1 : nth) {
+            check(all[i]);
+        }
+    }
+
+    // As many random ones every day; in overtime they go on.
+    template <class Check>
+    void some(int everyDay, Check check) {
+        const Overtime overtime;
+        for (int done = 0; !HasFailure() && (done < everyDay || overtime.isLeft()); ++done) {
+            check(randomWorkload(random_));
+        }
+    }
+
+    const bool isFull_ = isFull();
+    std::mt19937 random_{seed()};
+
+private:
+    Scratch scratch_;
+};
+
+}  // namespace crash
+
+#endif  // TESTS_CRASH_HARNESS_TEST_H

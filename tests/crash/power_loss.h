@@ -1,0 +1,53 @@
+// Loses the power at every moment of a recorded run, in every way that a model allows,
+// and has the store recover.
+#ifndef TESTS_CRASH_POWER_LOSS_H
+#define TESTS_CRASH_POWER_LOSS_H
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "tests/crash/disk_model.h"
+#include "tests/crash/recording.h"
+
+namespace crash {
+
+class PowerLoss {
+public:
+    PowerLoss(const Recording& recording, const Limits& limits, std::mt19937& random)
+        : recording_(recording), limits_(limits), random_(random) {}
+
+    // The first state of this model that breaks the promise, told at length; empty when
+    // there is none. The current folder is used, and its contents go.
+    std::string findViolation(Model model);
+
+    // For kWeakest, of which nothing is promised: counts instead of telling.
+    void measure(Model model);
+
+private:
+    // What follows from a tree: the observation after its recovery, and those after a
+    // recovery that lost the power as well.
+    struct Outcome {
+        std::vector<Observation> seen;
+        std::string goesOn;  // what is wrong when the database is used again
+    };
+
+    template <class Visit>
+    void forEachState(Model model, Visit visit);
+    const Outcome& outcomeOf(const Tree& tree, Model model);
+    void addRecoveries(const Tree& tree, const std::vector<fault::Event>& calls, Model model,
+                       Outcome& outcome);
+    std::string report(Model model, std::size_t made, const Disk& disk, const Tree& tree,
+                       const std::string& wrong) const;
+
+    const Recording& recording_;
+    const Limits& limits_;
+    std::mt19937& random_;
+    std::unordered_map<std::uint64_t, Outcome> outcomes_;  // by hash of the tree
+};
+
+}  // namespace crash
+
+#endif  // TESTS_CRASH_POWER_LOSS_H
