@@ -1,6 +1,7 @@
 // The record in memory. Descriptor, body and disk have files of their own.
 #include "store/file_store.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstring>
@@ -301,13 +302,27 @@ Status FileStore::setLoginCheck(int check) {
     return kOk;
 }
 
+bool FileStore::isPending() const {
+    return bodyPending != 0 ||
+           std::any_of(attrs.begin(), attrs.end(), [](const Attr& a) { return a.pending != 0; });
+}
+
+// One buffer takes the cipher bytes of all parts: making one goes through the
+// framework's locks some dozen times, which is more than a short part costs to decrypt.
 Status FileStore::decrypt() {
     return noThrow([&] {
-        if (const Status status = decryptBody(); status != kOk) {
+        if (!isPending()) {
+            return kOk;
+        }
+        if (decryptionRefused()) {
+            return kNotOpen;
+        }
+        aBuf cipher;
+        if (const Status status = decryptBody(cipher); status != kOk) {
             return status;
         }
         for (Attr& attr : attrs) {
-            if (const Status status = decryptAttr(attr); status != kOk) {
+            if (const Status status = decryptAttr(attr, cipher); status != kOk) {
                 return status;
             }
         }
@@ -319,14 +334,13 @@ bool FileStore::decryptionRefused() const {
     return loginCheck != 0 && CMN_FILESTORE_S.isOpen() == 0;
 }
 
-Status FileStore::decryptBody() {
+Status FileStore::decryptBody(aBuf& cipher) {
     if (bodyPending == 0) {
         return kOk;
     }
-    if (decryptionRefused()) {
-        return kNotOpen;
+    if (cipher.set(body.data(), getBodySize()) != kOk) {
+        return kIo;
     }
-    aBuf cipher(body.data(), getBodySize());
     const aBuf plain = decoder.decrypt(cipher);
     if (plain.target() == nullptr) {
         return kIo;
@@ -334,14 +348,13 @@ Status FileStore::decryptBody() {
     return setBody(plain.datap(), plain.len()) == kOk ? kOk : kIo;
 }
 
-Status FileStore::decryptAttr(Attr& attr) {
+Status FileStore::decryptAttr(Attr& attr, aBuf& cipher) {
     if (attr.pending == 0) {
         return kOk;
     }
-    if (decryptionRefused()) {
-        return kNotOpen;
+    if (cipher.set(attr.data, attr.size) != kOk) {
+        return kIo;
     }
-    aBuf cipher(attr.data, attr.size);
     const aBuf plain = decoder.decrypt(cipher);
     if (plain.target() == nullptr) {
         return kIo;

@@ -192,8 +192,9 @@ public:
 private:
     struct NewFiles;
 
-    CMN_HIDDEN Status decryptBody();
-    CMN_HIDDEN Status decryptAttr(Attr& attr);
+    CMN_HIDDEN bool isPending() const;
+    CMN_HIDDEN Status decryptBody(aBuf& cipher);
+    CMN_HIDDEN Status decryptAttr(Attr& attr, aBuf& cipher);
     CMN_HIDDEN bool decryptionRefused() const;
 
     CMN_HIDDEN aBuf bodyOnDisk();

@@ -26,7 +26,10 @@ public:
     unsigned int length() const override { return static_cast<unsigned int>(bytes_.size()); }
     Status clear() override { return kIo; }
     Status set(const char* /*s*/) override { return kIo; }
-    Status set(const unsigned char* /*data*/, unsigned int /*len*/) override { return kIo; }
+    Status set(const unsigned char* data, unsigned int len) override {
+        bytes_.assign(data, data + len);
+        return kOk;
+    }
     Status append(const unsigned char* /*data*/, unsigned int /*len*/) override { return kIo; }
     Status append(TBuf* /*other*/) override { return kIo; }
     Status duplicate(TBuf* /*other*/) override { return kIo; }
