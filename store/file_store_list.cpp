@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "client/s_filestoreC.h"
 #include "cmn/no_throw.h"
 #include "os/files.h"
 #include "store/record_name.h"
@@ -64,14 +65,14 @@ unsigned int FileStoreList::isTail() {
 
 Status FileStoreList::pushFront(aFileStore& item) {
     return noThrow([&] {
-        records.push_front(item);
+        records.emplace_front(item);
         return kOk;
     });
 }
 
 Status FileStoreList::pushBack(aFileStore& item) {
     return noThrow([&] {
-        records.push_back(item);
+        records.emplace_back(item);
         return kOk;
     });
 }
@@ -97,7 +98,11 @@ Status FileStoreList::setLockType(int newType) {
 
 namespace {
 
-// The names of the folder's regular files, in its order.
+bool concernsRecord(const char* name) {
+    return hasMarker(name, kDscSuffix) || hasMarker(name, kOldMarker);
+}
+
+// The names of the folder's regular files that tell of a record, in its order.
 Status getFileNameList(const char* folder, std::vector<std::string>& names) {
     if (folder == nullptr) {
         return kInvalid;
@@ -107,6 +112,9 @@ Status getFileNameList(const char* folder, std::vector<std::string>& names) {
         return kIo;
     }
     while (const dirent* const entry = os::nextEntry(dir.get())) {
+        if (!concernsRecord(entry->d_name)) {
+            continue;  // a body, most often
+        }
         os::EntryType kind = os::entryType(*entry);
         if (kind == os::EntryType::kUnknown) {
             kind = os::entryTypeOf(joinPath(folder, entry->d_name).c_str());
@@ -140,8 +148,30 @@ Status renameOLDFile(const char* folder, std::vector<std::string>& names) {
 
 }  // namespace
 
+// A new record gets its names before it gets its holder, the element. Until then the
+// framework leaves it alone and nobody else knows it, so that it is called without a
+// guard, and no handle takes it up only to let go of it.
+Status FileStoreList::append(const aFileStore& none, const char* folder, const char* name) {
+    Records fresh;
+    Element& element = fresh.emplace_back(none);
+    auto* const record = static_cast<TFileStore*>(FileStoreSrvC.create(TFileStoreSrv::kRecord));
+    if (record == nullptr) {
+        return kNoObject;
+    }
+    Status status = record->setFolderName(folder);
+    if (status == kOk) {
+        status = record->setFileName(name);
+    }
+    element.hold(record);
+    if (status == kOk) {
+        records.splice(records.end(), fresh);
+    }
+    return status;
+}
+
 Status FileStoreList::readFromFolder(const char* folder) {
-    aFileStore working;
+    // Elements take no use of the service; this handle keeps it while they are made.
+    const aFileStore none = noRecord();
     std::vector<std::string> names;
     {
         const os::WriteLock locked(RWLocker::lockFor(lockType));
@@ -156,14 +186,9 @@ Status FileStoreList::readFromFolder(const char* folder) {
     records.clear();
     cursor = records.end();
     for (const std::string& name : names) {
-        working = aFileStore();
-        if (const Status status = working.setFolderName(folder); status != kOk) {
+        if (const Status status = append(none, folder, name.c_str()); status != kOk) {
             return status;
         }
-        if (const Status status = working.setFileName(name.c_str()); status != kOk) {
-            return status;
-        }
-        records.push_back(working);
     }
     return kOk;
 }

@@ -59,9 +59,14 @@ public:
     Status setLockType(int newType) override;
 
 private:
-    using Records = std::list<aFileStore>;
+    struct Element : aFileStore {
+        explicit Element(const aFileStore& other) : aFileStore(other) {}
+        void hold(TFileStore* record) { m_ref = record; }
+    };
+    using Records = std::list<Element>;
 
     CMN_HIDDEN void erase(Records::iterator element);
+    CMN_HIDDEN Status append(const aFileStore& none, const char* folder, const char* name);
 
     Records records;
     Records::iterator cursor = records.end();
