@@ -100,6 +100,7 @@ void addChain(Selection& selection, std::vector<Candidate> known) {
         return;
     }
     std::vector<SecretBytes> ders;
+    ders.reserve(known.size());
     for (Candidate& candidate : known) {
         ders.push_back(std::move(candidate.der));
     }

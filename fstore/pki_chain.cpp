@@ -30,6 +30,7 @@ bool isSelfIssued(X509* certificate) {
 Chain chainOf(std::span<const unsigned char> certificate, const std::vector<SecretBytes>& known) {
     const ossl::QuietErrors quiet;
     std::vector<ossl::Certificate> candidates;
+    candidates.reserve(known.size());
     for (const SecretBytes& der : known) {
         candidates.push_back(decode(der));  // null for a damaged one, which issues nothing
     }

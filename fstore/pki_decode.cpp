@@ -248,6 +248,7 @@ std::vector<PkiPart> partsOfText(Bytes bytes, FilePassword& password) {
     std::vector<Block> blocks = blocksOf(asText(bytes));
     std::erase_if(blocks, isParameters);
     std::vector<PkiPart> parts;
+    parts.reserve(blocks.size());
     for (const Block& block : blocks) {
         parts.push_back(partOf(block, password));
     }
@@ -273,15 +274,15 @@ Failure strangeness(Bytes bytes) {
 
 }  // namespace
 
-std::vector<PkiPart> decodePki(Bytes bytes, const InputPassword& ask) {
-    FilePassword password(ask);
+std::vector<PkiPart> decodePki(Bytes bytes, const InputPassword& password) {
+    FilePassword tried(password);
     std::vector<PkiPart> parts;
     try {
         if (bytes.size() > kMostInput) {
             throw Failure(kInvalid, fmt::format("the file is larger than {} bytes", kMostInput));
         }
-        parts = outermostEnd(bytes) == bytes.size() ? partsOfBinary(bytes, password)
-                                                    : partsOfText(bytes, password);
+        parts = outermostEnd(bytes) == bytes.size() ? partsOfBinary(bytes, tried)
+                                                    : partsOfText(bytes, tried);
         if (parts.empty()) {
             throw Failure(strangeness(bytes));
         }

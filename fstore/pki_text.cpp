@@ -122,7 +122,7 @@ std::string nameText(const X509_NAME* name) {
     // Letters of all scripts stay as they are.
     constexpr unsigned long kFlags =
         XN_FLAG_RFC2253 & ~static_cast<unsigned long>(ASN1_STRFLGS_ESC_MSB);
-    const std::string text = printName(name, kFlags);
+    std::string text = printName(name, kFlags);
     if (!text.empty() && isUtf8(text)) {
         return text;
     }
