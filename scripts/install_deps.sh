@@ -3,11 +3,12 @@
 # there yet; does nothing, and needs no rights, when all are. Runs as root or
 # through sudo.
 #
-#   scripts/install_deps.sh [--full | --quickstart]
+#   scripts/install_deps.sh [--full | --quickstart | --bench]
 #
 # --full adds what only the further checks need: the clang tools, memory checks,
 # coverage reports, the check of packages, two more shells. --quickstart installs only what building and
-# trying the command-line tool needs.
+# trying the command-line tool needs, --bench also the stores that scripts/bench.sh
+# compares with.
 set -eu
 
 # Compilers and tools. g++-12-multilib makes the 32-bit module and, unlike
@@ -19,13 +20,15 @@ libraries="libssl-dev libcli11-dev nlohmann-json3-dev libfmt-dev scdoc"
 testing="googletest libgtest-dev libgmock-dev libbenchmark-dev openssl python3 git strace
 pkg-config"
 full="lintian dpkg-dev zsh fish clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev llvm-14 valgrind gcovr"
+bench="libsqlite3-dev libsqlcipher-dev liblmdb-dev e2fsprogs"
 
 packages="$build $libraries $testing ca-certificates"
 case "${1:-}" in
     "") ;;
     --full) packages="$packages $full" ;;
+    --bench) packages="$packages $bench" ;;
     --quickstart) packages="g++ cmake ninja-build $libraries openssl ca-certificates" ;;
-    *) echo "usage: $0 [--full | --quickstart]" >&2; exit 2 ;;
+    *) echo "usage: $0 [--full | --quickstart | --bench]" >&2; exit 2 ;;
 esac
 
 missing=""
