@@ -7,6 +7,12 @@
 #ifndef FSTORE_ATTRIBUTES_H
 #define FSTORE_ATTRIBUTES_H
 
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <span>
+#include <string_view>
+
 namespace fstore {
 
 // Types of attributes.
@@ -56,6 +62,21 @@ inline constexpr unsigned int kSlot = 0x4B01;     // kText, one attribute a slot
 inline constexpr unsigned int kKeepOld = 0x4B02;  // kNumber, 1
 
 }  // namespace attr
+
+// What the bytes of an attribute stand for.
+inline std::string_view asText(std::span<const unsigned char> bytes) {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+inline std::optional<std::uint32_t> asNumber(unsigned int type,
+                                             std::span<const unsigned char> bytes) {
+    std::uint32_t value = 0;
+    if (type != kNumber || bytes.size() != sizeof value) {
+        return std::nullopt;
+    }
+    std::memcpy(&value, bytes.data(), sizeof value);
+    return value;
+}
 
 // Values of attr::kKind.
 enum class Kind : unsigned int {

@@ -68,11 +68,7 @@ void addInit(Cli& cli) {
     const auto options = std::make_shared<Options>();
     CLI::App& app = cli.add("init", "Make a database and give it a password",
                             [options](Context& context) { return run(*options, context); });
-    app.add_option("--cost", options->cost,
-                   "Cost of a guess at the password: 14 to 22, each step doubles it")
-        ->type_name("LN")
-        ->check(CLI::Range(Slot::kLeastLn, Slot::kMostLn).description(""))
-        ->capture_default_str();
+    addCostOption(app, options->cost);
 }
 
 }  // namespace fstore

@@ -52,11 +52,7 @@ void addPasswd(Cli& cli) {
         ->check(CLI::NonNegativeNumber);
     app.add_flag("--keep-old", options->keepOld,
                  "Leave the database as it was, with the old password, in ./old_db");
-    app.add_option("--cost", options->cost,
-                   "Cost of a guess at the password: 14 to 22, each step doubles it")
-        ->type_name("LN")
-        ->check(CLI::Range(Slot::kLeastLn, Slot::kMostLn).description(""))
-        ->capture_default_str();
+    addCostOption(app, options->cost);
 }
 
 }  // namespace fstore

@@ -29,21 +29,8 @@ const unsigned char* dataOf(std::span<const unsigned char> bytes) {
     return bytes.empty() ? &kNothing : bytes.data();
 }
 
-std::string_view asText(std::span<const unsigned char> bytes) {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
 std::span<const unsigned char> asBytes(std::string_view text) {
     return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
-}
-
-std::optional<std::uint32_t> asNumber(unsigned int type, std::span<const unsigned char> bytes) {
-    std::uint32_t value = 0;
-    if (type != kNumber || bytes.size() != sizeof value) {
-        return std::nullopt;
-    }
-    std::memcpy(&value, bytes.data(), sizeof value);
-    return value;
 }
 
 void checkText(unsigned int id, std::string_view text) {
@@ -117,64 +104,6 @@ void checkRead(Status status, const Address& address) {
                       address.print());
     }
     check(status, fmt::format("cannot read {}", address.print()), address.print());
-}
-
-// What one attribute tells about its record. The first of its id and type counts.
-void addTo(RecordInfo& info, unsigned int type, unsigned int id,
-           std::span<const unsigned char> bytes) {
-    const bool isText = type == kText || type == kBinary;  // so a text is kept encrypted
-    const auto setText = [&](std::string& field) {
-        if (isText && field.empty()) {
-            field = asText(bytes);
-        }
-    };
-    const auto setDigits = [&](std::string& field) {
-        if (type == kBinary && field.empty()) {
-            field = toHex(bytes);
-        }
-    };
-    const auto setMoment = [&](std::optional<std::int64_t>& field) {
-        if (isText && !field) {
-            field = parseMoment(asText(bytes));
-        }
-    };
-    switch (id) {
-        case attr::kKind: {
-            const std::uint32_t kind = asNumber(type, bytes).value_or(0);
-            if (info.kind == Kind::kUnknown && kind <= static_cast<std::uint32_t>(Kind::kRaw)) {
-                info.kind = static_cast<Kind>(kind);
-            }
-            break;
-        }
-        case attr::kBits:
-            info.isCa = info.isCa || (asNumber(type, bytes).value_or(0) & attr::kIsCa) != 0;
-            break;
-        case attr::kAltName:
-            if (isText) {
-                info.altNames.emplace_back(asText(bytes));
-            }
-            break;
-        case attr::kLabel:
-            return setText(info.label);
-        case attr::kSubject:
-            return setText(info.subject);
-        case attr::kIssuer:
-            return setText(info.issuer);
-        case attr::kKeyAlgorithm:
-            return setText(info.keyAlgorithm);
-        case attr::kSerial:
-            return setDigits(info.serial);
-        case attr::kSha256:
-            return setDigits(info.sha256);
-        case attr::kKeySha256:
-            return setDigits(info.keySha256);
-        case attr::kNotBefore:
-            return setMoment(info.notBefore);
-        case attr::kNotAfter:
-            return setMoment(info.notAfter);
-        default:
-            break;
-    }
 }
 
 std::vector<Address> candidates(const AddressText& text) {
@@ -426,42 +355,6 @@ std::vector<unsigned char> sha256(std::span<const unsigned char> bytes) {
         throw Failure(kIo, "cannot compute a digest: OpenSSL refuses SHA-256");
     }
     return digest;
-}
-
-RecordInfo infoOf(const Record& record) {
-    RecordInfo info;
-    info.address = record.address();
-    info.hasBody = record.hasBody();
-    info.bodyEncrypted = record.isBodyEncrypted();
-    info.bodySize = record.body().size();
-    info.attributes = record.count();
-    info.hasSecrets = info.bodyEncrypted;
-    for (unsigned int i = 0; i < info.attributes; ++i) {
-        const bool encrypted = record.isEncrypted(i);
-        info.hasSecrets = info.hasSecrets || encrypted;
-        if (!encrypted || record.isReadable()) {
-            addTo(info, record.type(i), record.id(i), record.bytes(i));
-        }
-    }
-    return info;
-}
-
-const char* nameOf(Kind kind) {
-    switch (kind) {
-        case Kind::kCertificate:
-            return "certificate";
-        case Kind::kCrl:
-            return "crl";
-        case Kind::kKey:
-            return "key";
-        case Kind::kRequest:
-            return "request";
-        case Kind::kRaw:
-            return "raw";
-        case Kind::kUnknown:
-            break;
-    }
-    return "record";
 }
 
 std::vector<std::string> allFolders() {

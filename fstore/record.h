@@ -17,6 +17,7 @@
 #include "fstore/address.h"
 #include "fstore/attributes.h"
 #include "fstore/files.h"
+#include "fstore/record_info.h"
 
 namespace fstore {
 
@@ -105,26 +106,6 @@ inline constexpr std::uint64_t kMostBody = 0xFFFFFFFF - 64;
 void requireFolder(const std::string& folder);
 
 std::vector<unsigned char> sha256(std::span<const unsigned char> bytes);
-
-// What the attributes of a record tell, in the form in which it is shown and searched.
-struct RecordInfo {
-    Address address;
-    Kind kind = Kind::kUnknown;
-    std::string label, subject, issuer, keyAlgorithm;
-    std::vector<std::string> altNames;
-    std::string serial, sha256, keySha256;  // hexadecimal digits
-    std::optional<std::int64_t> notBefore, notAfter;
-    bool isCa = false;
-    bool hasBody = false, bodyEncrypted = false;
-    std::uint64_t bodySize = 0;  // as it is on disk
-    unsigned int attributes = 0;
-    bool hasSecrets = false;
-};
-
-RecordInfo infoOf(const Record& record);
-
-// "certificate", "crl", "key", "request", "raw"; "record" for one of an unknown kind.
-const char* nameOf(Kind kind);
 
 // The folders below "db" that are there, their parents before them; the first is "db"
 // itself, as the empty text.
