@@ -107,9 +107,11 @@ public:
 
     void done(const Item& item, const Importer::Result& result) {
         ++done_;
-        Json json = toJson(result.record);
-        json["outcome"] = nameOf(result.outcome);
-        records_.push_back(withSource(item, std::move(json)));
+        if (output_.json()) {
+            Json json = toJson(result.record);
+            json["outcome"] = nameOf(result.outcome);
+            records_.push_back(withSource(item, std::move(json)));
+        }
         output_.note(fmt::format("{}: {}", nameOf(result.outcome), result.record.address.print()));
     }
 

@@ -75,7 +75,7 @@ Importer::Importer(Session& session, ImportRules rules,
             if (session_.service().isOpen() != 0) {
                 record.decrypt();
             }
-            index(record);
+            (void)index(record);
         } catch (const Failure& failure) {
             if (failure.status() == kNoMemory) {
                 throw;
@@ -84,14 +84,15 @@ Importer::Importer(Session& session, ImportRules rules,
     }
 }
 
-void Importer::index(const Record& record) {
-    const RecordInfo info = infoOf(record);
+RecordInfo Importer::index(const Record& record) {
+    RecordInfo info = infoOf(record);
     if (!info.sha256.empty()) {
         present_[{info.kind, info.sha256}].push_back(info.address);
     }
     if (info.kind == Kind::kKey) {
         keys_.insert(info.keySha256);
     }
+    return info;
 }
 
 bool Importer::hasKey(const PkiObject& object) const {
@@ -148,8 +149,7 @@ Importer::Result Importer::add(const PkiObject& object, const std::string& label
     Record record(std::move(address));
     fill(record, object, label);
     record.write();
-    index(record);
-    return {Outcome::kAdded, infoOf(record)};
+    return {Outcome::kAdded, index(record)};
 }
 
 Importer::Result Importer::replace(const PkiObject& object, const std::string& label,
@@ -172,8 +172,7 @@ Importer::Result Importer::replace(const PkiObject& object, const std::string& l
     }
     fill(record, object, label);
     record.write();
-    index(record);
-    return {Outcome::kReplaced, infoOf(record)};
+    return {Outcome::kReplaced, index(record)};
 }
 
 void Importer::fill(Record& record, const PkiObject& object, const std::string& label) const {

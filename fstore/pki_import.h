@@ -54,7 +54,8 @@ public:
 private:
     using Identity = std::pair<Kind, std::string>;  // the digest in hexadecimal digits
 
-    void index(const Record& record);
+    // Takes the record into account, and tells about it.
+    RecordInfo index(const Record& record);
     bool hasKey(const PkiObject& object) const;
     Address addressFor(const PkiObject& object, const std::string& label) const;
     void fill(Record& record, const PkiObject& object, const std::string& label) const;
