@@ -156,11 +156,16 @@ bool Record::isThere(const Address& address) {
 }
 
 bool Record::hasSecrets() const {
-    bool secrets = isBodyEncrypted();
-    for (unsigned int i = 0; i < count() && !secrets; ++i) {
-        secrets = isEncrypted(i);
+    if (isBodyEncrypted()) {
+        return true;
     }
-    return secrets;
+    const unsigned int all = count();
+    for (unsigned int i = 0; i < all; ++i) {
+        if (isEncrypted(i)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 void Record::decrypt() {

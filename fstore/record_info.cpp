@@ -86,12 +86,9 @@ RecordInfo infoOf(const Record& record) {
     info.hasBody = record.hasBody();
     info.bodyEncrypted = record.isBodyEncrypted();
     info.bodySize = record.body().size();
-    info.attributes = record.count();
-    info.hasSecrets = info.bodyEncrypted;
-    for (unsigned int i = 0; i < info.attributes; ++i) {
-        const bool encrypted = record.isEncrypted(i);
-        info.hasSecrets = info.hasSecrets || encrypted;
-        if (!encrypted || record.isReadable()) {
+    const unsigned int count = record.count();
+    for (unsigned int i = 0; i < count; ++i) {
+        if (record.isKnown(i)) {
             addTo(info, record.type(i), record.id(i), record.bytes(i));
         }
     }

@@ -25,8 +25,6 @@ struct RecordInfo {
     bool isCa = false;
     bool hasBody = false, bodyEncrypted = false;
     std::uint64_t bodySize = 0;  // as it is on disk
-    unsigned int attributes = 0;
-    bool hasSecrets = false;
 };
 
 // What can be read of the record now: of one that is not decrypted, what is kept plain.
