@@ -59,7 +59,7 @@ public:
     Status setLockType(int newType) override;
 
 private:
-    struct Element : aFileStore {
+    struct CMN_HIDDEN Element : aFileStore {
         explicit Element(const aFileStore& other) : aFileStore(other) {}
         void hold(TFileStore* record) { m_ref = record; }
     };
