@@ -17,7 +17,13 @@ public:
     // kNoObject without cipher; otherwise as TCryptoCoder::setKey().
     [[nodiscard]] Status setKey(aBuf& password);
 
+    // Asks for a handle without cipher that takes no use of the service, neither for
+    // itself nor for a cipher assigned to it: for objects of the service's own module,
+    // which is there as long as they are.
+    struct NoUse {};
+
 protected:
+    CMN_HIDDEN explicit CryptoCoderHandle(NoUse /*none*/) : CMN_ObjectStub(nullptr, nullptr) {}
     CryptoCoderHandle();  // a new cipher of the store service, without key
     explicit CryptoCoderHandle(TCryptoCoder* coder);  // may be null
 };
@@ -26,6 +32,7 @@ class CMN_EXPORT aCryptoEncoder : public CryptoCoderHandle {
 public:
     aCryptoEncoder() = default;
     explicit aCryptoEncoder(TCryptoCoder* coder) : CryptoCoderHandle(coder) {}
+    CMN_HIDDEN explicit aCryptoEncoder(NoUse none) : CryptoCoderHandle(none) {}
 
     // Without buffer object when there is no cipher, no key, or it failed.
     aBuf encrypt(aBuf& data);
@@ -35,6 +42,7 @@ class CMN_EXPORT aCryptoDecoder : public CryptoCoderHandle {
 public:
     aCryptoDecoder() = default;
     explicit aCryptoDecoder(TCryptoCoder* coder) : CryptoCoderHandle(coder) {}
+    CMN_HIDDEN explicit aCryptoDecoder(NoUse none) : CryptoCoderHandle(none) {}
 
     // As encrypt(); also for a wrong key and for damage.
     aBuf decrypt(aBuf& data);

@@ -109,6 +109,8 @@ Status FileStore::writeDSC(const char* path, const char* bodyFileName) {
 
 namespace {
 
+constexpr std::size_t kUsualLines = 8;
+
 // The file's bytes with one spare byte behind them, for the line reader.
 Status readText(const char* path, std::unique_ptr<char[]>& text, std::size_t& size) {
     os::File file;
@@ -142,6 +144,7 @@ Status FileStore::readDSC(const char* path, std::vector<Attr>& attrs) {
         if (const Status status = readText(path, text, size); status != kOk) {
             return status;
         }
+        attrs.reserve(attrs.size() + kUsualLines);  // or the first few would move each time
         DscLineReader lines(text.get(), size);
         const char* line = nullptr;
         Status status = lines.next(line);

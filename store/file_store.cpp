@@ -114,8 +114,8 @@ std::string FileStore::Attr::text() const {
 
 FileStore::FileStore()
     : TFileStore(0),  // no successor module makes records anew, so they need no type
-      encoder(nullptr),
-      decoder(nullptr),
+      encoder(aCryptoEncoder::NoUse{}),
+      decoder(aCryptoDecoder::NoUse{}),
       uniqueID(nextUniqueID(this)) {}
 
 FileStore::~FileStore() = default;
