@@ -9,12 +9,6 @@
 namespace crash {
 namespace {
 
-Observation recoverTree(const Tree& tree, const Question& question) {
-    clearCurrentFolder();
-    writeCurrentFolder(tree);
-    return recover(question);
-}
-
 bool changesNames(const fault::Event& call) {
     return call.call == fault::Call::kRename || call.call == fault::Call::kRemove ||
            call.call == fault::Call::kMkdir;
@@ -79,6 +73,16 @@ void PowerLoss::measure(Model model) {
           static_cast<long>(broken.size()));
 }
 
+Observation PowerLoss::recoverTree(const Tree& tree, const Question& question) {
+    if (standing_) {
+        changeCurrentFolder(*standing_, tree);
+    } else {
+        clearCurrentFolder();
+        writeCurrentFolder(tree);
+    }
+    return recover(question, &standing_.emplace());
+}
+
 const PowerLoss::Outcome& PowerLoss::outcomeOf(const Tree& tree, Model model) {
     const auto [known, isNew] = outcomes_.try_emplace(hashOf(tree));
     Outcome& outcome = known->second;
@@ -95,6 +99,7 @@ const PowerLoss::Outcome& PowerLoss::outcomeOf(const Tree& tree, Model model) {
     }
     const Observation& seen = outcome.seen.front();
     if (seen.faults.empty() && seen.passwords.size() == 1 && (known->first & 6) == 0) {
+        standing_.reset();
         for (const std::string& wrong : goOn(seen, question)) {
             outcome.goesOn += "  used again: " + wrong + '\n';
         }

@@ -4,6 +4,7 @@
 #define TESTS_CRASH_POWER_LOSS_H
 
 #include <cstdint>
+#include <optional>
 #include <random>
 #include <string>
 #include <unordered_map>
@@ -36,6 +37,7 @@ private:
 
     template <class Visit>
     void forEachState(Model model, Visit visit);
+    Observation recoverTree(const Tree& tree, const Question& question);
     const Outcome& outcomeOf(const Tree& tree, Model model);
     void addRecoveries(const Tree& tree, const std::vector<fault::Event>& calls, Model model,
                        Outcome& outcome);
@@ -45,6 +47,7 @@ private:
     const Recording& recording_;
     const Limits& limits_;
     std::mt19937& random_;
+    std::optional<Tree> standing_;  // in the current folder, where that is known
     std::unordered_map<std::uint64_t, Outcome> outcomes_;  // by hash of the tree
 };
 

@@ -11,7 +11,7 @@ namespace {
 
 // The states of a change of password, of which nobody sees most, are sampled.
 constexpr Limits kEveryday{256, 16, 1, 1};
-constexpr Limits kTorture{4096, 64, 16, 4};
+constexpr Limits kTorture{1024, 32, 4, 2};
 
 class PowerLossTest : public HarnessTest {
 protected:

@@ -5,7 +5,6 @@
 #include <sstream>
 
 #include "store/dsc_text.h"
-#include "tests/crash/tree.h"
 
 namespace crash {
 namespace {
@@ -22,10 +21,18 @@ class Recovery {
 public:
     explicit Recovery(const Question& question) : question_(question) {}
 
-    Observation run() {
+    Observation run(Tree& left) {
+        lookAtAll();
+        left = readCurrentFolder();
+        checkFiles(left);
+        return seen_;
+    }
+
+private:
+    void lookAtAll() {
         expect(kOk, CMN_FILESTORE_S.prepareDBFolders(), "prepareDBFolders");
         if (!tryPasswords()) {
-            return seen_;
+            return;
         }
         if (question_.scanFirst) {
             scan();
@@ -35,11 +42,8 @@ public:
             scan();
         }
         readByName();  // the same again, now that everything is repaired
-        checkFiles();
-        return seen_;
     }
 
-private:
     void fault(const std::string& what) {
         if (std::find(seen_.faults.begin(), seen_.faults.end(), what) == seen_.faults.end()) {
             seen_.faults.push_back(what);
@@ -108,8 +112,7 @@ private:
     }
 
     // Whatever is left over is known by its name, and hides nothing.
-    void checkFiles() {
-        const Tree tree = readCurrentFolder();
+    void checkFiles(const Tree& tree) {
         for (const auto& [path, node] : tree) {
             const std::string name = path.substr(path.rfind('/') + 1);
             const std::string top = path.substr(0, path.find('/'));
@@ -140,9 +143,10 @@ private:
 
 }  // namespace
 
-Observation recover(const Question& question) {
+Observation recover(const Question& question, Tree* left) {
     const Session session;
-    return Recovery(question).run();
+    Tree ignored;
+    return Recovery(question).run(left != nullptr ? *left : ignored);
 }
 
 std::vector<std::string> goOn(const Observation& recovered, const Question& question) {

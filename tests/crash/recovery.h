@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tests/crash/session.h"
+#include "tests/crash/tree.h"
 
 namespace crash {
 
@@ -26,8 +27,9 @@ struct Question {
 };
 
 // Prepares the folders, opens the database, reads records by name and by listing, and
-// looks at the files that are left over. What is found must be found again.
-Observation recover(const Question& question);
+// looks at the files that are left over. What is found must be found again. `left`: what
+// stands in the folder then.
+Observation recover(const Question& question, Tree* left = nullptr);
 
 // Whether the database can be worked with afterwards, by one more process: nothing that
 // was left over comes between. Tells what goes wrong.

@@ -78,6 +78,18 @@ void clearFolder(int parent, const char* name) {
     ::close(fd);
 }
 
+void make(const std::string& path, const Node& node) {
+    if (node.folder) {
+        require(::mkdir(path.c_str(), 0750) == 0, path);
+        return;
+    }
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    require(fd >= 0, path);
+    const ssize_t stored = ::write(fd, node.bytes.data(), node.bytes.size());
+    require(stored == static_cast<ssize_t>(node.bytes.size()), path);
+    ::close(fd);
+}
+
 std::string shown(const std::string& bytes) {
     constexpr std::size_t kMost = 160;
     std::string text = "\"";
@@ -142,16 +154,24 @@ void clearCurrentFolder() {
 }
 
 void writeCurrentFolder(const Tree& tree) {
-    for (const auto& [path, node] : tree) {
-        if (node.folder) {
-            require(::mkdir(path.c_str(), 0750) == 0, path);
-            continue;
+    changeCurrentFolder({}, tree);
+}
+
+void changeCurrentFolder(const Tree& from, const Tree& to) {
+    const auto isIn = [](const Tree& tree, const Tree::value_type& entry) {
+        const auto found = tree.find(entry.first);
+        return found != tree.end() && found->second == entry.second;
+    };
+    for (auto entry = from.rbegin(); entry != from.rend(); ++entry) {
+        if (!isIn(to, *entry)) {
+            const int flags = entry->second.folder ? AT_REMOVEDIR : 0;
+            require(::unlinkat(AT_FDCWD, entry->first.c_str(), flags) == 0, entry->first);
         }
-        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        require(fd >= 0, path);
-        const ssize_t stored = ::write(fd, node.bytes.data(), node.bytes.size());
-        require(stored == static_cast<ssize_t>(node.bytes.size()), path);
-        ::close(fd);
+    }
+    for (const auto& entry : to) {
+        if (!isIn(from, entry)) {
+            make(entry.first, entry.second);
+        }
     }
 }
 

@@ -30,6 +30,9 @@ Tree readBelow(const std::string& folder);  // with paths as above
 void clearCurrentFolder();
 void writeCurrentFolder(const Tree& tree);  // into an empty one
 
+// Makes what differs, where `from` is what stands there.
+void changeCurrentFolder(const Tree& from, const Tree& to);
+
 // An empty folder in memory where the system has one (/dev/shm), else under $TMPDIR or
 // where the program runs; it is the current one while this lives.
 class Scratch {
