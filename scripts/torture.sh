@@ -1,0 +1,91 @@
+#!/bin/bash
+# Goes on where the tests of every day stop: tries all that the harness of crash safety
+# can enumerate, and after that random workloads and fuzzing, for some minutes each.
+#
+#   scripts/torture.sh [minutes [job...]]
+#
+# 10 minutes by default, and all jobs: the programs of tests/crash and tests/fault,
+# random_threads_test (also with the thread sanitizer), seeded_bugs, and each fuzz target.
+# What is enumerated comes on top of the minutes.
+#
+# Prints one line a figure. Ends with 0 when nothing was found and every seeded bug was.
+# $TORTURE_SEED repeats the random choices of an earlier run.
+set -u
+cd "$(dirname "$0")/.." || exit 1
+
+programs=(power_loss_test death_test failing_call_test failing_allocation_test lock_test
+          random_threads_test)
+mapfile -t fuzzers < <(basename -s .cpp fuzz/*_fuzz.cpp)
+minutes=${1:-10}
+[ $# -gt 0 ] && shift
+[ $# -gt 0 ] || set -- "${programs[@]}" random_threads_test:tsan seeded_bugs "${fuzzers[@]}"
+jobs=" $* "
+seed=${TORTURE_SEED:-$(od -An -N3 -tu4 /dev/urandom | tr -d ' ')}
+logs=$PWD/build/torture
+rm -rf "$logs"
+mkdir -p "$logs"
+echo "seed $seed, $minutes minutes each, on $(nproc) processors"
+
+# Those of the words that are among the jobs.
+wanted() {
+    local word
+    for word; do
+        [[ $jobs != *" $word "* ]] || echo "$word"
+    done
+}
+prepare() {
+    local preset=$1
+    shift
+    [ $# -eq 0 ] || { cmake --preset "$preset" && cmake --build --preset "$preset" --target "$@"; }
+}
+mapfile -t release < <(wanted "${programs[@]}")
+[[ $jobs != *" seeded_bugs "* ]] || release=("${programs[@]}")
+mapfile -t tsan < <(wanted random_threads_test:tsan)
+mapfile -t fuzz < <(wanted "${fuzzers[@]}")
+{
+    prepare release "${release[@]}" && prepare tsan "${tsan[@]%:tsan}" && prepare fuzz "${fuzz[@]}"
+} >"$logs/build.log" 2>&1 || { tail -n 40 "$logs/build.log"; exit 1; }
+
+# Writes NAME.log, and NAME.failed when the job finds something.
+run() {
+    local name=$1 command
+    case $name in
+        seeded_bugs) command=(tests/crash/seeded_bugs.py build/release --all) ;;
+        *_fuzz)
+            mkdir -p "$logs/corpus/$name"
+            command=("build/fuzz/bin/$name" "-max_total_time=$((minutes * 60))" "-seed=$seed"
+                     -print_final_stats=1 "-artifact_prefix=$logs/$name-")
+            [ ! -f "fuzz/$name.dict" ] || command+=("-dict=fuzz/$name.dict")
+            command+=("$logs/corpus/$name" "$PWD/fuzz/corpus/$name")
+            ;;
+        *:tsan) command=(setarch --addr-no-randomize "build/tsan/bin/${name%:tsan}") ;;
+        *) command=("build/release/bin/$name") ;;
+    esac
+    TORTURE_FULL=1 TORTURE_SECONDS=$((minutes * 60)) TORTURE_SEED=$seed \
+        "${command[@]}" >"$logs/$name.log" 2>&1 || touch "$logs/$name.failed"
+}
+export -f run
+export logs minutes seed
+unset GTEST_OUTPUT
+printf '%s\n' "$@" | xargs -P "$(nproc)" -I{} bash -c 'run {}'
+
+# Figures of the same name are added up; fuzzers tell theirs otherwise.
+{
+    cat "$logs"/*.log | sed -n 's/^figure: //p'
+    for name in "${fuzz[@]}"; do
+        echo "fuzz executions, $name: $(sed -n 's/^stat::number_of_executed_units: *//p' \
+                                            "$logs/$name.log")"
+    done
+} | awk -F': ' '{ sum[$1] += $2 } END { for (name in sum) print name ": " sum[name] }' | sort
+[ ! -f "$logs/seeded_bugs.log" ] || grep -v '^figure: ' "$logs/seeded_bugs.log"
+
+failed=0
+for found in "$logs"/*.failed; do
+    [ -e "$found" ] || continue
+    name=$(basename "$found" .failed)
+    failed=$((failed + 1))
+    echo "== $name has found something; the end of $logs/$name.log:"
+    tail -n 40 "$logs/$name.log"
+done
+echo "violations: $failed"
+[ "$failed" -eq 0 ]

@@ -1,0 +1,299 @@
+#!/usr/bin/env python3
+"""Proves that the harness sees: builds the store with one small fault at a time and
+expects a test to fail.
+
+    seeded_bugs.py BUILD_FOLDER [--all | NAME...]
+
+Without names a fixed few are tried. A fault is a change of a few lines of one source
+file; the text must be found there exactly once, so that a fault whose place has changed
+is an error and is not passed over. The file is changed in a copy, compiled as the build
+compiles it, and linked in its object's place into the test programs, one after the
+other until one of them fails. Needs a Ninja build of those programs.
+"""
+import dataclasses
+import json
+import os
+import pathlib
+import re
+import subprocess
+import sys
+
+PROJECT = pathlib.Path(__file__).resolve().parents[2]
+EVERY_DAY = ("body_not_synced", "old_descriptor_deleted_too_early", "removal_deletes_saved_descriptor_and_hopes",
+             "copy_not_durable", "write_takes_no_lock")
+TIMEOUT = 900  # of one test program
+
+POWER, DEATH, CALLS, MEMORY, LOCK = ("power_loss_test", "death_test", "failing_call_test",
+                                     "failing_allocation_test", "lock_test")
+PROGRAMS = (LOCK, POWER, DEATH, CALLS, MEMORY)
+
+
+@dataclasses.dataclass
+class Bug:
+    name: str
+    file: str
+    old: str
+    new: str
+    first: str = POWER  # the program that is expected to see it
+    also: tuple = ()    # further places in the file: (old, new)
+
+
+RECORD = "store/record_disk.cpp"
+DSC = "store/dsc_file.cpp"
+BODY = "store/body_file.cpp"
+LIST = "store/file_store_list.cpp"
+RECRYPT = "service/recrypt.cpp"
+FOLDERS = "service/db_folders.cpp"
+FILES = "os/files.cpp"
+
+BUGS = (
+    # Writing.
+    Bug("body_not_synced", RECORD,
+        "if (files.body && !finish(std::move(files.body), sync)) {",
+        "if (files.body && !files.body.close()) {"),
+    Bug("descriptor_not_synced", RECORD,
+        "if (!finish(std::move(descriptor), sync)) {",
+        "if (!descriptor.close()) {"),
+    Bug("names_not_synced", RECORD,
+        "if (sync == Sync::kNow && !os::syncFolder(folderName.c_str())) {",
+        "if (sync == Sync::kLater && replaces) {"),
+    Bug("failed_sync_of_names_ignored", RECORD,
+        "undoPublish(files, replaces);\n        return kIo;",
+        "(void)replaces;"),
+    Bug("published_although_it_failed", RECORD,
+        "undoPublish(files, replaces);\n        return kIo;",
+        "files.bodyPath->commit();\n        return kIo;", CALLS),
+    Bug("new_body_deleted_before_the_undo_is_durable", RECORD,
+        "if (files.bodyPath && !(undone && os::syncFolder(folderName.c_str()))) {",
+        "if (files.bodyPath && !undone) {"),
+    Bug("new_body_deleted_although_published", RECORD,
+        "    if (files.bodyPath) {\n        files.bodyPath->commit();\n    }\n    return kOk;",
+        "    return kOk;"),
+    Bug("old_descriptor_deleted_instead_of_moved", RECORD,
+        "if (replaces && !moveAside(files.descriptor, files.saved)) {",
+        "if (replaces && !removed(files.descriptor)) {"),
+    Bug("old_descriptor_deleted_too_early", RECORD,
+        "    if (os::rename(files.newDescriptor->c_str(), files.descriptor.c_str()) != 0) {",
+        "    (void)removed(files.saved);\n"
+        "    if (os::rename(files.newDescriptor->c_str(), files.descriptor.c_str()) != 0) {"),
+    Bug("old_body_deleted_too_early", RECORD,
+        "    if (sync == Sync::kNow && !os::syncFolder(folderName.c_str())) {",
+        "    (void)removeRecord(folderName, files.saved);\n"
+        "    if (sync == Sync::kNow && !os::syncFolder(folderName.c_str())) {"),
+    Bug("descriptor_published_before_it_is_complete", RECORD,
+        "    files.newDescriptor.emplace(path);\n",
+        "    files.newDescriptor.emplace(path);\n"
+        "    if (publish(files, sync) != kOk) {\n        return kIo;\n    }\n"),
+    Bug("body_of_another_overwritten", RECORD,
+        "O_WRONLY | O_CREAT | O_EXCL);", "O_WRONLY | O_CREAT | O_TRUNC);",
+        also=(("if (taken != os::Presence::kPresent) {", "if (attempt > 0) {"),)),
+    Bug("failed_body_write_ignored", RECORD,
+        "return files.body && writeBytes(files.body, bytes) ? kOk : kIo;",
+        "(void)(files.body && writeBytes(files.body, bytes));\n    return kOk;", CALLS),
+    Bug("failed_descriptor_write_ignored", DSC,
+        "if (!os::writeAll(opened.get(), text.data(), text.size())) {",
+        "if (!os::writeAll(opened.get(), text.data(), text.size()) && text.empty()) {", CALLS),
+    Bug("write_takes_no_lock", RECORD,
+        "const os::WriteLock locked(RWLocker::lockFor(lockType));\n        return replaceRecord(sync);",
+        "return replaceRecord(sync);", LOCK),
+    Bug("write_takes_the_lock_of_readers", RECORD,
+        "const os::WriteLock locked(RWLocker::lockFor(lockType));\n        return replaceRecord(sync);",
+        "const os::ReadLock locked(RWLocker::lockFor(lockType));\n        return replaceRecord(sync);",
+        LOCK),
+    # Reading.
+    Bug("read_takes_no_lock", RECORD,
+        "        const os::ReadLock locked(RWLocker::lockFor(lockType));\n"
+        "        const Status status = readFiles(path);",
+        "        const Status status = readFiles(path);", LOCK),
+    Bug("reader_does_not_repair", RECORD,
+        "if (status == kMissing) {\n        // A repair",
+        "if (status == kNotOpen) {\n        // A repair"),
+    Bug("short_body_taken_for_whole", BODY,
+        "return resized == kOk && os::readAll(file.get(), body.data(), size) ? kOk : kIo;",
+        "(void)os::readAll(file.get(), body.data(), size);\n    return resized;", CALLS),
+    Bug("short_descriptor_taken_for_whole", DSC,
+        "return os::readAll(file.get(), text.get(), size) ? kOk : kMalformed;",
+        "const ssize_t got = os::readSome(file.get(), text.get(), size);\n"
+        "    size = got < 0 ? 0 : static_cast<std::size_t>(got);\n    return kOk;", CALLS),
+    Bug("flag_of_cipher_form_not_cleared", "store/file_store.cpp",
+        "        bodyPending = 0;\n        bodyPresent = 1;",
+        "        bodyPresent = 1;"),
+    Bug("repair_prefers_the_saved_descriptor", RECORD,
+        "const bool done = hasCurrent == os::Presence::kPresent\n",
+        "const bool done = hasCurrent == os::Presence::kUnknown\n"),
+    # Removing.
+    Bug("removal_keeps_saved_descriptor", RECORD,
+        "    if (!moveOverSaved(path, saved)) {\n        return kIo;\n    }\n"
+        "    if (!moveAside(saved, deleted)) {",
+        "    if (!moveAside(path, deleted)) {"),
+    Bug("removal_deletes_saved_descriptor_and_hopes", RECORD,
+        "    if (!moveOverSaved(path, saved)) {\n        return kIo;\n    }\n"
+        "    if (!moveAside(saved, deleted)) {",
+        "    if (tryCorrectName(folderName.c_str(), fileName.c_str()) != kOk ||\n"
+        "        !moveAside(path, deleted)) {"),
+    Bug("removal_not_synced", RECORD,
+        "    if (!os::syncFolder(folderName.c_str())) {\n        (void)os::rename(deleted",
+        "    if (folderName.empty()) {\n        (void)os::rename(deleted"),
+    Bug("removal_not_undone", RECORD,
+        "        (void)os::rename(deleted.c_str(), path.c_str());\n",
+        "", CALLS),
+    Bug("removal_of_the_body_first", RECORD,
+        "    if (!moveOverSaved(path, saved)) {",
+        "    std::string body;\n    (void)findBody(folderName, path, body);\n    removeBody(body);\n"
+        "    if (!moveOverSaved(path, saved)) {"),
+    Bug("removal_takes_no_lock", RECORD,
+        "        const os::WriteLock locked(RWLocker::lockFor(lockType));\n        return removeFiles();",
+        "        return removeFiles();", LOCK),
+    # Listing.
+    Bug("scan_puts_back_over_the_new", "store/record_name.cpp",
+        "    if (!saved.empty()) {",
+        "    if (saved.size() > 1000) {"),
+    Bug("scan_does_not_repair", LIST,
+        "        if (!hasMarker(name, kOldMarker)) {",
+        "        if (hasMarker(name, kOldMarker) || !hasMarker(name, kOldMarker)) {"),
+    Bug("unreadable_folder_taken_for_empty", LIST,
+        "    if (!dir) {\n        return kIo;",
+        "    if (!dir) {\n        return kOk;", CALLS),
+    Bug("listing_that_breaks_off_taken_for_whole", LIST,
+        "return errno == 0 ? kOk : kIo;  // a listing",
+        "return kOk;  // a listing", CALLS),
+    Bug("scan_takes_no_lock", LIST,
+        "        const os::WriteLock locked(RWLocker::lockFor(lockType));\n", "", LOCK),
+    # Folders and passwords.
+    Bug("old_database_not_put_back", FOLDERS,
+        "    switch (os::presence(kPrevious)) {\n        case os::Presence::kPresent:",
+        "    switch (os::presence(kPrevious)) {\n        case os::Presence::kPresent:\n            break;\n"
+        "        case static_cast<os::Presence>(99):"),
+    Bug("unexaminable_old_database_taken_for_none", FOLDERS,
+        "        case os::Presence::kUnknown:\n            return false;",
+        "        case os::Presence::kUnknown:", CALLS),
+    Bug("folders_not_synced", FOLDERS,
+        "        if (!os::syncFolder(parent)) {",
+        "        if (parent == nullptr) {"),
+    Bug("copy_not_durable", RECRYPT,
+        "    return opened && os::syncfs(opened.get()) == 0;",
+        "    return static_cast<bool>(opened);"),
+    Bug("copy_that_breaks_off_taken_for_whole", RECRYPT,
+        "copyWholeFolder(kLive, kCopy)", "copyFolder(kLive, kCopy)", CALLS),
+    Bug("swap_not_synced", RECRYPT,
+        "const bool durable = os::syncFolder(\".\");", "const bool durable = true;"),
+    Bug("live_database_deleted_before_the_swap", RECRYPT,
+        "        if (os::rename(kLive, kPrevious) != 0 ||",
+        "        if (removeFolder(kLive) != kOk ||"),
+    # What all of it stands on.
+    Bug("failed_sync_ignored", FILES,
+        "    return uninterrupted([&] { return os::fsync(file.get()); }) == 0 && file.close();",
+        "    (void)uninterrupted([&] { return os::fsync(file.get()); });\n    return file.close();"),
+    Bug("descriptor_leaks_when_a_sync_fails", FILES,
+        "    return uninterrupted([&] { return os::fsync(file.get()); }) == 0 && file.close();",
+        "    if (uninterrupted([&] { return os::fsync(file.get()); }) != 0) {\n"
+        "        (void)file.release();\n        return false;\n    }\n    return file.close();", CALLS),
+    Bug("short_write_taken_for_whole", FILES,
+        "    const auto* next = static_cast<const char*>(data);\n    while (size != 0) {",
+        "    const auto* next = static_cast<const char*>(data);\n    if (size != 0) {", CALLS),
+    Bug("unexaminable_taken_for_absent", FILES,
+        "errno == ENOENT || errno == ENOTDIR ? Presence::kAbsent : Presence::kUnknown;",
+        "Presence::kAbsent;", CALLS),
+)
+
+
+def with_bug(bug):
+    text = (PROJECT / bug.file).read_text(encoding="utf-8")
+    for old, new in ((bug.old, bug.new), *bug.also):
+        if text.count(old) != 1:
+            raise RuntimeError(f"{bug.name}: its place in {bug.file} is there {text.count(old)} times")
+        text = text.replace(old, new)
+    return text
+
+
+class Build:
+    """The commands of a Ninja build, with one object replaced."""
+
+    def __init__(self, folder):
+        self.folder = pathlib.Path(folder).resolve()
+        with open(self.folder / "compile_commands.json", encoding="utf-8") as file:
+            self.compiles = {entry["file"]: entry for entry in json.load(file)}
+        self.links = {}
+
+    def link_command(self, program):
+        if program not in self.links:
+            listed = subprocess.run(["ninja", "-C", self.folder, "-t", "commands", "bin/" + program],
+                                    check=True, capture_output=True, text=True).stdout
+            self.links[program] = listed.strip().splitlines()[-1]
+        return self.links[program]
+
+    def variant(self, bug):
+        """Compiles the faulty source; returns the folder, and the object's name in both."""
+        folder = self.folder / "seeded" / bug.name
+        folder.mkdir(parents=True, exist_ok=True)
+        source = folder / pathlib.Path(bug.file).name
+        source.write_text(with_bug(bug), encoding="utf-8")
+        entry = self.compiles[str(PROJECT / bug.file)]
+        before = re.search(r" -o (\S+)", entry["command"]).group(1)
+        after = str(folder / (source.name + ".o"))
+        command = entry["command"].replace(" -o " + before, " -o " + after)
+        command = command.replace(" -c " + entry["file"], " -Wno-error -w -c " + str(source))
+        subprocess.run(command, shell=True, check=True, cwd=self.folder)
+        return folder, before, after
+
+    def run(self, program, folder, before, after):
+        """Whether the program with the faulty object fails, and the test that did."""
+        faulty = folder / program
+        command = self.link_command(program)
+        if before not in command:
+            return None
+        command = command.replace(before, after).replace("-o bin/" + program, f"-o {faulty}")
+        subprocess.run(command, shell=True, check=True, cwd=self.folder)
+        try:
+            done = subprocess.run([faulty, "--gtest_fail_fast", "--gtest_brief=1"], cwd=folder,
+                                  capture_output=True, text=True, errors="replace",
+                                  timeout=TIMEOUT, check=False)
+        except subprocess.TimeoutExpired:
+            return program + ": hangs"
+        finally:
+            faulty.unlink()
+        if done.returncode == 0:
+            return None
+        failed = re.search(r"\[  FAILED  \] ([\w.]+)", done.stdout)
+        if failed is None:
+            failed = re.search(r"\[ RUN      \] ([\w.]+)(?!.*\[ RUN)", done.stdout, re.DOTALL)
+        return failed.group(1) if failed else f"{program}: ends with {done.returncode}"
+
+
+def catch(build, bug):
+    folder, before, after = build.variant(bug)
+    for program in (bug.first, *(p for p in PROGRAMS if p != bug.first)):
+        caught = build.run(program, folder, before, after)
+        if caught is not None:
+            return caught
+    return None
+
+
+def chosen(names):
+    if names == ["--all"]:
+        return list(BUGS)
+    unknown = set(names) - {bug.name for bug in BUGS}
+    if unknown:
+        sys.exit("unknown: " + ", ".join(sorted(unknown)))
+    return [bug for bug in BUGS if bug.name in (names or EVERY_DAY)]
+
+
+def main():
+    if len(sys.argv) < 2:
+        sys.exit(__doc__)
+    for variable in ("GTEST_OUTPUT", "TORTURE_FULL", "TORTURE_SECONDS", "TORTURE_SEED"):
+        os.environ.pop(variable, None)  # each bug meets the tests of every day
+    build = Build(sys.argv[1])
+    bugs = chosen(sys.argv[2:])
+    missed = 0
+    for bug in bugs:
+        caught = catch(build, bug)
+        missed += caught is None
+        print(f"{bug.name:48}  {caught or 'NOT CAUGHT'}", flush=True)
+    print(f"figure: seeded bugs: {len(bugs)}")
+    print(f"figure: seeded bugs caught: {len(bugs) - missed}")
+    return 1 if missed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
