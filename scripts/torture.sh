@@ -14,7 +14,7 @@ set -u
 cd "$(dirname "$0")/.." || exit 1
 
 programs=(power_loss_test death_test failing_call_test failing_allocation_test lock_test
-          random_threads_test)
+          tool_repair_test random_threads_test)
 mapfile -t fuzzers < <(basename -s .cpp fuzz/*_fuzz.cpp)
 minutes=${1:-10}
 [ $# -gt 0 ] && shift
