@@ -4,6 +4,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "store/record_disk.h"
+
 namespace crash {
 namespace {
 
@@ -76,12 +78,15 @@ Question questionOf(const Workload& workload) {
     return question;
 }
 
-Recording record(const Workload& workload, const std::optional<Fault>& fault) {
+Recording record(const Workload& workload, const std::optional<Fault>& fault, Names names) {
     Recording recording;
     recording.workload = workload;
     recording.question = questionOf(workload);
     clearCurrentFolder();
     make(workload.start);
+    for (int used = 0; names == Names::kAreNew && used < 32; ++used) {
+        (void)getUniqueName(nullptr, nullptr);  // by no process before this one
+    }
     recording.start = readCurrentFolder();
     recording.baseline = recover(recording.question);
     recording.faults = recording.baseline.faults;

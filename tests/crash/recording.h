@@ -43,9 +43,14 @@ struct Fault {
     fault::Calls calls = fault::Calls::all();
 };
 
+// Whether names that the store chooses for bodies may be taken by what an earlier process
+// left. Where they are new, each further run makes the same calls.
+enum class Names { kMayBeTaken, kAreNew };
+
 // Runs the workload in the current folder, whose contents go. Where the folders, the
 // opening or a change of password failed, the process does nothing more.
-Recording record(const Workload& workload, const std::optional<Fault>& fault = std::nullopt);
+Recording record(const Workload& workload, const std::optional<Fault>& fault = std::nullopt,
+                 Names names = Names::kMayBeTaken);
 
 }  // namespace crash
 

@@ -4,7 +4,7 @@
 
 #include "service/md5.h"
 #include "store/dsc_text.h"
-#include "store/record_disk.h"
+#include "tests/crash/tree.h"
 
 namespace crash {
 namespace {
@@ -135,7 +135,7 @@ void addFolderWorkloads(std::vector<Workload>& all) {
     empty.password = "";
     Start halfMade = empty;
     halfMade.interrupted = {{kPrepare, Call::kMkdir, 4}};
-    const Interrupted swapBroken{recrypt("next"), Call::kRename, 2};
+    const Interrupted swapBroken{recrypt("next"), Call::kRename, Interrupted::kLast};
     all.push_back({"prepare_fresh", empty, {kPrepare}, false});
     all.push_back({"prepare_half_made", halfMade, {kPrepare}, false});
     all.push_back({"prepare_again", with(records), {kPrepare}, false});
@@ -205,20 +205,36 @@ void writeAll(const std::map<std::string, Contents>& records) {
     }
 }
 
+// How many calls of a kind the whole step makes; what it does is undone.
+int countCalls(const Interrupted& interrupted, std::string password) {
+    const Tree before = readCurrentFolder();
+    const int count = fault::inChild([&] {
+        const Session session;
+        const Step open{Act::kOpen, {}, {}, password};
+        (void)Action(open, password).run();
+        Action action(interrupted.step, password);
+        const fault::Recorder recorder({interrupted.call});
+        (void)action.run();
+        return static_cast<int>(recorder.events().size());
+    });
+    clearCurrentFolder();
+    writeCurrentFolder(before);
+    return count;
+}
+
 void interrupt(const Interrupted& interrupted, std::string password) {
+    const int nth =
+        interrupted.nth == Interrupted::kLast ? countCalls(interrupted, password) : interrupted.nth;
     const int code = fault::inChild([&] {
         const Session session;
         const Step open{Act::kOpen, {}, {}, password};
         (void)Action(open, password).run();  // there may be nothing to open yet
         Action action(interrupted.step, password);
-        const fault::DyingCall death(interrupted.nth, {interrupted.call});
+        const fault::DyingCall death(nth, {interrupted.call});
         return static_cast<int>(action.run());
     });
     if (code != fault::kDeath) {
         throw std::runtime_error("no death: " + describe(interrupted.step));
-    }
-    for (int names = 0; names < 32; ++names) {  // those that the child has used
-        (void)getUniqueName(nullptr, nullptr);
     }
 }
 

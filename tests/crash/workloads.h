@@ -28,7 +28,8 @@ std::string describe(const Step& step);
 struct Interrupted {
     Step step;
     fault::Call call;
-    int nth;
+    int nth;  // kLast: before the last one
+    static constexpr int kLast = 0;
 };
 
 struct Start {

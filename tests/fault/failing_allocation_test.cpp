@@ -31,7 +31,7 @@ protected:
     }
 
     void failEachAllocation(const Workload& workload) {
-        const Recording recording = record(workload);
+        const Recording recording = record(workload, std::nullopt, Names::kAreNew);
         (void)expectKept(recording, LONG_MAX - 1, Allocation::Mode::kOnce);
         const bool isLong = workload.steps.back().act == Act::kRecrypt;
         const long step = isFull_ ? 1 : isLong ? 61 : 3;

@@ -48,7 +48,7 @@ protected:
     }
 
     void failEachCall(const Workload& workload) {
-        const Recording recording = record(workload);
+        const Recording recording = record(workload, std::nullopt, Names::kAreNew);
         expectKeptWithout(recording);
         const std::size_t calls = recording.everyCall.size();
         const std::size_t step = stride(calls);
@@ -77,7 +77,7 @@ protected:
     // A write or read that moves less than it was asked to goes on; one that stores
     // nothing, or finds an early end, is a failure.
     void shortenEachCall(const Workload& workload) {
-        const Recording recording = record(workload);
+        const Recording recording = record(workload, std::nullopt, Names::kAreNew);
         const std::size_t step = stride(recording.everyCall.size());
         for (const std::size_t atMost : {SIZE_MAX, std::size_t{1}, std::size_t{0}}) {
             bool struck = true;
@@ -138,7 +138,7 @@ TEST_F(FailingCallTest, EachReadAndWriteFallsShort) {
 TEST_F(FailingCallTest, ListingsThatTellNoTypesChangeNothing) {
     each(workloads(), 1, [&](const Workload& workload) {
         SCOPED_TRACE(workload.name);
-        const Recording recording = record(workload);
+        const Recording recording = record(workload, std::nullopt, Names::kAreNew);
         const fault::UntypedEntries untyped;
         expectKeptWithout(recording);
     });
