@@ -74,6 +74,7 @@ auto readSideBySide(const std::vector<Address>& addresses, Read read) {
         running.push_back(std::async(std::launch::async | std::launch::deferred, read, part));
     }
     std::vector<decltype(read(Addresses()))> results;
+    results.reserve(parts);
     for (auto& result : running) {
         results.push_back(result.get());
     }
