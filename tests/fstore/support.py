@@ -29,7 +29,11 @@ def environment(**more):
     kept = {name: value for name, value in os.environ.items()
             if not name.startswith(("FSTORE_", "CALL_TRAP", "FILESTORE_"))
             and name not in ("NO_COLOR", "TERM", "COLUMNS")}
-    return {**kept, "TERM": "xterm", **{name: str(value) for name, value in more.items()}}
+    result = {**kept, "TERM": "xterm", **{name: str(value) for name, value in more.items()}}
+    if SANITIZED and "LD_PRELOAD" in more:  # the trap stands in front of the sanitizer
+        result["ASAN_OPTIONS"] = ":".join(filter(None, [result.get("ASAN_OPTIONS"),
+                                                        "verify_asan_link_order=0"]))
+    return result
 
 
 @dataclasses.dataclass
