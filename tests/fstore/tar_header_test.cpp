@@ -48,7 +48,7 @@ TEST(TarHeaderTest, LongPathStandsBeforeItsHeader) {
 }
 
 TEST(TarHeaderTest, LongPathCountsItself) {
-    for (const std::size_t size : {101, 989, 990, 991, 992, 993, 4095}) {
+    for (const std::size_t size : {101U, 989U, 990U, 991U, 992U, 993U, 4095U}) {
         const std::string record = printLongPath(std::string(size, 'p'));
         EXPECT_EQ(record.size(), std::stoul(record)) << size;
         EXPECT_EQ(std::string(size, 'p'), parseLongPath(record)) << size;

@@ -100,7 +100,7 @@ protected:
         return file.objects();
     }
 
-    const support::TempWorkingDir dir_;
+    support::TempWorkingDir dir_;
     StoreHost host_;
 };
 
