@@ -6,9 +6,9 @@
 #   scripts/install_deps.sh [--full | --quickstart | --bench]
 #
 # --full adds what only the further checks need: the clang tools, memory checks,
-# coverage reports, the check of packages, two more shells. --quickstart installs only what building and
-# trying the command-line tool needs, --bench also the stores that scripts/bench.sh
-# compares with.
+# coverage reports, the check of packages, two more shells. --quickstart installs only
+# what building and trying the command-line tool needs, --bench also the stores that
+# scripts/bench.sh compares with.
 set -eu
 
 # Compilers and tools. g++-12-multilib makes the 32-bit module and, unlike
@@ -19,7 +19,8 @@ libraries="libssl-dev libcli11-dev nlohmann-json3-dev libfmt-dev scdoc"
 # googletest has the sources, built for 32 bits; the others its native libraries.
 testing="googletest libgtest-dev libgmock-dev libbenchmark-dev openssl python3 git strace
 pkg-config"
-full="lintian dpkg-dev zsh fish clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev llvm-14 valgrind gcovr"
+full="lintian dpkg-dev zsh fish clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev
+llvm-14 valgrind gcovr"
 bench="libsqlite3-dev libsqlcipher-dev liblmdb-dev e2fsprogs"
 
 packages="$build $libraries $testing ca-certificates"
@@ -33,6 +34,7 @@ esac
 
 missing=""
 for package in $packages; do
+    # A package that dpkg has never heard of has no state, and is missing.
     state=$(dpkg-query -W -f '${Status}' "$package" 2>/dev/null || true)
     if [ "$state" != "install ok installed" ]; then
         missing="$missing $package"
