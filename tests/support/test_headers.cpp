@@ -1,0 +1,1 @@
+// Empty: a target that precompiles headers must have a source.
