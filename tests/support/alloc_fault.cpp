@@ -4,9 +4,10 @@
 #include <climits>
 #include <cstddef>
 #include <cstdlib>
-#include <new>
 
 #include <malloc.h>
+
+#include "tests/support/replaced_heap.h"
 
 namespace {
 
@@ -39,32 +40,6 @@ void took(long bytes) noexcept {
     const long now = liveBytes.fetch_add(bytes, std::memory_order_relaxed) + bytes;
     long peak = peakBytes.load(std::memory_order_relaxed);
     while (peak < now && !peakBytes.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
-    }
-}
-
-void* allocate(std::size_t size) noexcept {
-    void* const memory = fails() ? nullptr : std::malloc(size == 0 ? 1 : size);
-    if (memory != nullptr) {
-        live.fetch_add(1, std::memory_order_relaxed);
-        took(static_cast<long>(malloc_usable_size(memory)));
-    }
-    return memory;
-}
-
-void* allocateOrThrow(std::size_t size) {
-    void* const memory = allocate(size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
-void release(void* memory) noexcept {
-    if (memory != nullptr) {
-        live.fetch_sub(1, std::memory_order_relaxed);
-        liveBytes.fetch_sub(static_cast<long>(malloc_usable_size(memory)),
-                            std::memory_order_relaxed);
-        std::free(memory);
     }
 }
 
@@ -109,35 +84,20 @@ void shiftAllocationPause(int by) noexcept {
 
 }  // namespace fault
 
-// All forms are replaced, not only the one that the others are built on by
-// default: sanitizers bring complete sets of their own.
-void* operator new(std::size_t size) {
-    return allocateOrThrow(size);
+void* replaced::allocate(std::size_t size) noexcept {
+    void* const memory = fails() ? nullptr : std::malloc(size == 0 ? 1 : size);
+    if (memory != nullptr) {
+        live.fetch_add(1, std::memory_order_relaxed);
+        took(static_cast<long>(malloc_usable_size(memory)));
+    }
+    return memory;
 }
-void* operator new[](std::size_t size) {
-    return allocateOrThrow(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size);
-}
-void operator delete(void* memory) noexcept {
-    release(memory);
-}
-void operator delete[](void* memory) noexcept {
-    release(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    release(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-    release(memory);
-}
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-    release(memory);
-}
-void operator delete[](void* memory, const std::nothrow_t&) noexcept {
-    release(memory);
+
+void replaced::release(void* memory) noexcept {
+    if (memory != nullptr) {
+        live.fetch_sub(1, std::memory_order_relaxed);
+        liveBytes.fetch_sub(static_cast<long>(malloc_usable_size(memory)),
+                            std::memory_order_relaxed);
+        std::free(memory);
+    }
 }

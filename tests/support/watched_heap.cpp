@@ -4,30 +4,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <new>
+
+#include "tests/support/replaced_heap.h"
 
 namespace {
 
 thread_local WatchedHeap* watching = nullptr;
-
-void* allocate(std::size_t size) noexcept {
-    return watching != nullptr ? watching->allocate(size) : std::malloc(size);
-}
-
-void* allocateOrThrow(std::size_t size) {
-    void* const memory = allocate(size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
-void release(void* memory) noexcept {
-    if (watching != nullptr && memory != nullptr) {
-        watching->release(memory);
-    }
-    std::free(memory);
-}
 
 }  // namespace
 
@@ -61,34 +43,13 @@ void WatchedHeap::release(const void* memory) noexcept {
     }
 }
 
-// All forms are replaced: a sanitizer brings a whole set of its own.
-void* operator new(std::size_t size) {
-    return allocateOrThrow(size);
+void* replaced::allocate(std::size_t size) noexcept {
+    return watching != nullptr ? watching->allocate(size) : std::malloc(size);
 }
-void* operator new[](std::size_t size) {
-    return allocateOrThrow(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size);
-}
-void operator delete(void* memory) noexcept {
-    release(memory);
-}
-void operator delete[](void* memory) noexcept {
-    release(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    release(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-    release(memory);
-}
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-    release(memory);
-}
-void operator delete[](void* memory, const std::nothrow_t&) noexcept {
-    release(memory);
+
+void replaced::release(void* memory) noexcept {
+    if (watching != nullptr && memory != nullptr) {
+        watching->release(memory);
+    }
+    std::free(memory);
 }
