@@ -88,13 +88,18 @@ void visitFoldersFrom(const std::string& folder, const FolderVisitor& visit) {
     }
 }
 
+Failure noRecord(std::string_view name) {
+    return Failure(kMissing,
+                   fmt::format("there is no record {}; `fstore ls` lists what there is", name),
+                   std::string(name));
+}
+
 void checkRead(Status status, const Address& address) {
     if (status == kOk) {
         return;
     }
     if (status == kMissing && !exists(descriptorPath(address))) {
-        throw Failure(kMissing, fmt::format("there is no record {}", address.print()),
-                      address.print());
+        throw noRecord(address.print());
     }
     if (status == kMissing) {
         throw Failure(kMissing,
@@ -406,14 +411,13 @@ Address resolve(std::string_view text) {
     const AddressText wanted = parseAddress(text);
     if (wanted.form == AddressText::Form::kPlace) {
         if (!isFolder(wanted.place.folder) || !Record::isThere(wanted.place)) {
-            throw Failure(kMissing, fmt::format("there is no record {}", wanted.place.print()),
-                          wanted.place.print());
+            throw noRecord(wanted.place.print());
         }
         return wanted.place;
     }
     const std::vector<Address> found = candidates(wanted);
     if (found.empty()) {
-        throw Failure(kMissing, fmt::format("there is no record {}", text), std::string(text));
+        throw noRecord(text);
     }
     if (found.size() > 1) {
         std::string names;

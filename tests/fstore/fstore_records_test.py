@@ -148,7 +148,8 @@ class AddressTest(InitialisedTest):
 
     def test_of_nothing_is_missing(self):
         for address in ["nothing", "settings/nothing", "nowhere/a", "sha256:00"]:
-            self.assertIn(address, self.fails(50, "missing", "show", address))
+            self.assertIn(f"there is no record {address}; `fstore ls` lists what there is",
+                          self.fails(50, "missing", "show", address))
 
     def test_that_leads_elsewhere_is_refused(self):
         for address in ["../a", "settings/../../a", "settings/", "sha256:xyz", ""]:
