@@ -77,6 +77,25 @@ Tree others() {
     return tree;
 }
 
+// A database, made once: an input works on one folder, and may change nothing else.
+class Place {
+public:
+    Place() {
+        crash::writeCurrentFolder(
+            {{"outside", {true, ""}}, {"outside/file", {false, "untouched"}}});
+        const Session session;
+        require(CMN_FILESTORE_S.prepareDBFolders() == kOk && CMN_FILESTORE_S.open("") == kOk);
+        require(crash::recordOf("settings/s").write() == kOk);
+        before_ = others();
+    }
+
+    bool isUntouched() const { return others() == before_; }
+
+private:
+    crash::Scratch scratch_;
+    Tree before_;
+};
+
 // What was read whole can be written, is found again, and goes when it is told to. A
 // failure is not believed and not asked about: the folder may forbid anything.
 void use(aFileStore& record) {
@@ -112,13 +131,10 @@ void writeNew(const char* name) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const crash::Scratch scratch;
-    crash::clearCurrentFolder();
-    crash::writeCurrentFolder({{"outside", {true, ""}}, {"outside/file", {false, "untouched"}}});
+    static const Place place;
+    crash::clearBelow(kFolder);
     const Session session;
-    require(CMN_FILESTORE_S.prepareDBFolders() == kOk && CMN_FILESTORE_S.open("") == kOk);
-    require(crash::recordOf("settings/s").write() == kOk);
-    const Tree before = others();
+    require(CMN_FILESTORE_S.open("") == kOk);
 
     Input input(data, size);
     while (!input.isEmpty()) {
@@ -133,6 +149,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             use(record);
         }
     }
-    require(others() == before);
+    require(place.isUntouched());
     return 0;
 }

@@ -1,5 +1,7 @@
 // Any sequence of a client's calls: what the store answers is what a map of records
 // would, over restarts and changes of password.
+#include <unistd.h>
+
 #include <map>
 #include <optional>
 #include <string>
@@ -164,11 +166,21 @@ private:
     std::map<std::string, Contents> records_;
 };
 
+// Making the folders anew takes as long as a few steps: they stay, unless there has been
+// a change of password, which has made them by itself.
+void clearDatabase() {
+    if (::access("old_db", F_OK) == 0) {
+        crash::clearCurrentFolder();
+    } else {
+        crash::clearFiles(".");
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const crash::Scratch scratch;
-    crash::clearCurrentFolder();
+    clearDatabase();
     Input input(data, size);
     Client client;
     while (!input.isEmpty()) {

@@ -62,18 +62,26 @@ void readFolder(int parent, const char* name, const std::string& path, Tree& tre
     });
 }
 
-void clearFolder(int parent, const char* name) {
-    std::vector<std::pair<std::string, bool>> entries;
+enum class Folders { kGo, kStay };
+
+void clearFolder(int parent, const char* name, Folders folders) {
+    std::vector<std::pair<std::string, int>> entries;  // with the flags to remove each
     forEachEntry(parent, name, [&](int folder, const dirent& entry) {
-        if (entry.d_type == DT_DIR) {
-            clearFolder(folder, entry.d_name);
+        const bool isFolder = entry.d_type == DT_DIR;
+        if (isFolder) {
+            clearFolder(folder, entry.d_name, folders);
         }
-        entries.emplace_back(entry.d_name, entry.d_type == DT_DIR);
+        if (!isFolder || folders == Folders::kGo) {
+            entries.emplace_back(entry.d_name, isFolder ? AT_REMOVEDIR : 0);
+        }
     });
+    if (entries.empty()) {
+        return;
+    }
     const int fd = ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     require(fd >= 0, name);
-    for (const auto& [entry, isFolder] : entries) {
-        require(::unlinkat(fd, entry.c_str(), isFolder ? AT_REMOVEDIR : 0) == 0, entry);
+    for (const auto& [entry, flags] : entries) {
+        require(::unlinkat(fd, entry.c_str(), flags) == 0, entry);
     }
     ::close(fd);
 }
@@ -150,7 +158,15 @@ Tree readBelow(const std::string& folder) {
 }
 
 void clearCurrentFolder() {
-    clearFolder(AT_FDCWD, ".");
+    clearBelow(".");
+}
+
+void clearBelow(const std::string& folder) {
+    clearFolder(AT_FDCWD, folder.c_str(), Folders::kGo);
+}
+
+void clearFiles(const std::string& folder) {
+    clearFolder(AT_FDCWD, folder.c_str(), Folders::kStay);
 }
 
 void writeCurrentFolder(const Tree& tree) {

@@ -28,7 +28,9 @@ Tree readCurrentFolder();
 Tree readBelow(const std::string& folder);  // with paths as above
 
 void clearCurrentFolder();
-void writeCurrentFolder(const Tree& tree);  // into an empty one
+void clearBelow(const std::string& folder);
+void clearFiles(const std::string& folder);  // all below it but the folders
+void writeCurrentFolder(const Tree& tree);   // into an empty one
 
 // Makes what differs, where `from` is what stands there.
 void changeCurrentFolder(const Tree& from, const Tree& to);
