@@ -22,10 +22,12 @@ constexpr std::size_t kFewer = 1;
 
 class HarnessTest : public ::testing::Test {
 protected:
-    // Every `nth` of the workloads; all of them in a full run.
+    // Every `nth` of the workloads; in a full run all of them, or all of a part.
     template <class Check>
     void each(const std::vector<Workload>& all, std::size_t nth, Check check) {
-        for (std::size_t i = 0; i < all.size() && !HasFailure(); i += isFull_ ? 1 : nth * kFewer) {
+        const std::size_t first = isFull_ ? part().index : 0;
+        const std::size_t step = isFull_ ? part().count : nth * kFewer;
+        for (std::size_t i = first; i < all.size() && !HasFailure(); i += step) {
             check(all[i]);
         }
     }

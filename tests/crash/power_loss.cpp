@@ -27,6 +27,9 @@ void PowerLoss::forEachState(Model model, Visit visit) {
         if (made > 0) {
             disk.apply(recording_.calls[made - 1]);
         }
+        if (made < from_) {
+            continue;
+        }
         all &= disk.forEachTree(model, limits_, random_, [&](const Tree& tree) {
             const std::uint64_t hash = hashOf(tree);
             trees.insert(hash);

@@ -17,8 +17,10 @@ namespace crash {
 
 class PowerLoss {
 public:
-    PowerLoss(const Recording& recording, const Limits& limits, std::mt19937& random)
-        : recording_(recording), limits_(limits), random_(random) {}
+    // The power goes once `from` calls were made, at the earliest.
+    PowerLoss(const Recording& recording, const Limits& limits, std::mt19937& random,
+              std::size_t from = 0)
+        : recording_(recording), limits_(limits), random_(random), from_(from) {}
 
     // The first state of this model that breaks the promise, told at length; empty when
     // there is none. The current folder is used, and its contents go.
@@ -47,6 +49,7 @@ private:
     const Recording& recording_;
     const Limits& limits_;
     std::mt19937& random_;
+    const std::size_t from_;
     std::optional<Tree> standing_;  // in the current folder, where that is known
     std::unordered_map<std::uint64_t, Outcome> outcomes_;  // by hash of the tree
 };

@@ -112,6 +112,7 @@ Recording record(const Workload& workload, const std::optional<Fault>& fault, Na
     }
     for (const Step& step : workload.steps) {
         Action action(step, password);
+        recording.lastStep = recording.phaseAfter.size() - 1;
         oracle.begin(step);
         recording.phases.push_back(oracle.allowed());
         const Status status = run(action, recording.everyCall);

@@ -25,6 +25,7 @@ struct Recording {
     std::vector<Allowed> phases;
     std::vector<std::size_t> phaseAfter;  // by number of calls made: an index of `phases`
     std::vector<Status> statuses;         // of the steps
+    std::size_t lastStep = 0;             // the number of calls made before it
     std::vector<std::string> faults;      // what readers among the steps found wrong
 
     // All steps have, but for removals of records that there are not.

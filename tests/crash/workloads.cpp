@@ -191,6 +191,21 @@ std::vector<Step> changes(const std::string& nth) {
             write("keys/", sealed(nth))};
 }
 
+// The steps of sequences, behind those that the workload has.
+std::vector<Step> anySteps(const Workload& workload, const std::string& nth) {
+    std::string password = workload.start.password;
+    for (const Step& step : workload.steps) {
+        password = step.act == Act::kRecrypt ? step.password : password;
+    }
+    std::vector<Step> steps = changes(nth);
+    steps.insert(steps.end(), {readIt(kA),
+                               kScan,
+                               kPrepare,
+                               {Act::kOpen, {}, {}, password},
+                               recrypt(password == "next" ? workload.start.password : "next")});
+    return steps;
+}
+
 void require(Status status, const std::string& what) {
     if (status != kOk) {
         throw std::runtime_error(what + ": status " + std::to_string(status));
@@ -260,12 +275,16 @@ const std::vector<Workload>& workloads() {
 }
 
 std::vector<Workload> sequences(int length) {
-    std::vector<Workload> all{{"sequence", with({{kA, sealed("zero")}}), {}}};
+    const Start left =
+        with({{kA, sealed("zero")}, {kB, sealed("zero")}},
+             {beforeDeleting(removeIt(kB)), betweenRenames(write(kA, bare("lost")))});
+    std::vector<Workload> all{{"sequence", with({{kA, sealed("zero")}}), {}},
+                              {"sequence_on_leftovers", left, {}}};
     for (int nth = 1; nth <= length; ++nth) {
         std::vector<Workload> longer;
         for (const Workload& workload : all) {
             int number = 0;
-            for (const Step& step : changes("number " + std::to_string(nth))) {
+            for (const Step& step : anySteps(workload, "number " + std::to_string(nth))) {
                 Workload& added = longer.emplace_back(workload);
                 added.name += "_" + std::to_string(number++);
                 added.steps.push_back(step);
@@ -346,6 +365,7 @@ Status Action::run() {
         case Act::kPrepare:
             return CMN_FILESTORE_S.prepareDBFolders();
         case Act::kOpen:
+            (void)CMN_FILESTORE_S.close();  // kClosed is as good
             return CMN_FILESTORE_S.open(step_.password.c_str());
         case Act::kRecrypt: {
             const Status status =

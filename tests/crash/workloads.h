@@ -20,7 +20,7 @@ struct Step {
     Act act;
     std::string id = {};        // of the record; "keys/" is one without a name; kScan: the folder
     Contents contents = {};     // kWrite
-    std::string password = {};  // kOpen; kRecrypt: the new one
+    std::string password = {};  // kOpen, which closes first; kRecrypt: the new one
 };
 std::string describe(const Step& step);
 
@@ -50,8 +50,8 @@ struct Workload {
 // Each by itself, with every state of the record before it.
 const std::vector<Workload>& workloads();
 
-// All sequences of `length` of the steps that change a record, on two records of which
-// one exists, and on unnamed ones.
+// All sequences of `length` of all kinds of steps, on two records and on unnamed ones:
+// once where one of the two exists, and once where each was left over by a death.
 std::vector<Workload> sequences(int length);
 
 Workload randomWorkload(std::mt19937& random);

@@ -128,7 +128,7 @@ TEST_F(FailingCallTest, EachCallOfEachWorkloadFails) {
 }
 
 TEST_F(FailingCallTest, EachCallOfSequencesFails) {
-    each(sequences(2), 6, [&](const Workload& workload) { failEachCall(workload); });
+    each(sequences(2), 35, [&](const Workload& workload) { failEachCall(workload); });
 }
 
 TEST_F(FailingCallTest, EachReadAndWriteFallsShort) {
