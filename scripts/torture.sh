@@ -6,15 +6,21 @@
 #
 # 10 minutes by default, and all jobs: the programs of tests/crash and tests/fault,
 # random_threads_test (also with the thread sanitizer), seeded_bugs, and each fuzz target.
-# What is enumerated comes on top of the minutes.
+# What is enumerated comes on top of the minutes: with 0, only that is done.
 #
-# Prints one line a figure. Ends with 0 when nothing was found and every seeded bug was.
+# Prints one line a figure, also when it is stopped by a signal: of what was done until
+# then. Ends with 0 when nothing was found and every seeded bug was.
 # $TORTURE_SEED repeats the random choices of an earlier run.
 set -u
 cd "$(dirname "$0")/.." || exit 1
 
 programs=(power_loss_test death_test failing_call_test failing_allocation_test lock_test
           tool_repair_test random_threads_test)
+# These enumerate, and are done in parts that keep all processors busy to the end. Of the
+# twelve steps of sequences one is long: a number of parts that has no divisor in common
+# with twelve gives each its share.
+divided=" power_loss_test death_test failing_call_test failing_allocation_test "
+parts=7
 mapfile -t fuzzers < <(basename -s .cpp fuzz/*_fuzz.cpp)
 minutes=${1:-10}
 [ $# -gt 0 ] && shift
@@ -46,15 +52,38 @@ mapfile -t fuzz < <(wanted "${fuzzers[@]}")
     prepare release "${release[@]}" && prepare tsan "${tsan[@]%:tsan}" && prepare fuzz "${fuzz[@]}"
 } >"$logs/build.log" 2>&1 || { tail -n 40 "$logs/build.log"; exit 1; }
 
+divide() {
+    local job part
+    for job; do
+        if [[ $divided == *" $job "* ]]; then
+            for ((part = 1; part <= parts; part++)); do echo "$job:${part}of$parts"; done
+        else
+            echo "$job"
+        fi
+    done
+}
+
 # Writes NAME.log, and NAME.failed when the job finds something.
 run() {
     local name=$1 command
     case $name in
+        *:*of*)
+            TORTURE_PART=${name#*:}
+            export TORTURE_PART=${TORTURE_PART/of//}
+            command=("build/release/bin/${name%:*}")
+            ;;
         seeded_bugs) command=(tests/crash/seeded_bugs.py build/release --all) ;;
         *_fuzz)
+            [ "$minutes" -gt 0 ] || return 0  # libFuzzer takes 0 for ever
             mkdir -p "$logs/corpus/$name"
             command=("build/fuzz/bin/$name" "-max_total_time=$((minutes * 60))" "-seed=$seed"
                      -print_final_stats=1 "-artifact_prefix=$logs/$name-")
+            # Each byte may ask for calls of the file system, and long inputs do what short
+            # ones do, many times. To weigh features would take longer than to run inputs.
+            case $name in
+                store_calls_fuzz) command+=(-max_len=128 -entropic=0) ;;
+                folder_tree_fuzz) command+=(-max_len=256 -entropic=0) ;;
+            esac
             [ ! -f "fuzz/$name.dict" ] || command+=("-dict=fuzz/$name.dict")
             command+=("$logs/corpus/$name" "$PWD/fuzz/corpus/$name")
             ;;
@@ -66,18 +95,35 @@ run() {
 }
 export -f run
 export logs minutes seed
-unset GTEST_OUTPUT
-printf '%s\n' "$@" | xargs -P "$(nproc)" -I{} bash -c 'run {}'
+unset GTEST_OUTPUT TORTURE_PART
 
 # Figures of the same name are added up; fuzzers tell theirs otherwise.
-{
-    cat "$logs"/*.log | sed -n 's/^figure: //p'
-    for name in "${fuzz[@]}"; do
-        echo "fuzz executions, $name: $(sed -n 's/^stat::number_of_executed_units: *//p' \
-                                            "$logs/$name.log")"
-    done
-} | awk -F': ' '{ sum[$1] += $2 } END { for (name in sum) print name ": " sum[name] }' | sort
-[ ! -f "$logs/seeded_bugs.log" ] || grep -v '^figure: ' "$logs/seeded_bugs.log"
+print_figures() {
+    {
+        cat "$logs"/*.log | sed -n 's/^figure: //p'
+        for name in "${fuzz[@]}"; do
+            [ ! -f "$logs/$name.log" ] ||
+                echo "fuzz executions, $name: $(sed -n 's/^stat::number_of_executed_units: *//p' \
+                                                    "$logs/$name.log")"
+        done
+    } | awk -F': ' '{ sum[$1] += $2 } END { for (name in sum) print name ": " sum[name] }' | sort
+    [ ! -f "$logs/seeded_bugs.log" ] || grep -v '^figure: ' "$logs/seeded_bugs.log"
+}
+
+stop() {
+    trap '' INT TERM
+    kill -TERM -- "-$jobs_group"
+    wait
+    echo "stopped; until then:"
+    print_figures
+    exit 1
+}
+trap stop INT TERM
+divide "$@" | setsid xargs -P "$(nproc)" -I{} bash -c 'run {}' &
+jobs_group=$!
+wait "$jobs_group"
+trap - INT TERM
+print_figures
 
 failed=0
 for found in "$logs"/*.failed; do
