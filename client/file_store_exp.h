@@ -25,6 +25,7 @@ public:
     // list's own, keeps the service in use.
     aFileStore(const aFileStore& other);
     aFileStore& operator=(const aFileStore&) = default;
+    aFileStore& operator=(aFileStore&&) = default;
 
     [[nodiscard]] Status setFolderName(const char* folder);
     [[nodiscard]] Status setName(const char* name);

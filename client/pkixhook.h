@@ -7,6 +7,7 @@
 #define CLIENT_PKIXHOOK_H
 
 #include <atomic>
+#include <utility>
 
 #include "api/t_buf.h"
 #include "client/pkixkeyclnt.h"
@@ -30,6 +31,12 @@ public:
     PKIXAnyObject& operator=(const PKIXAnyObject& other) {
         CMN_ObjectStub<T>::operator=(other);
         record(other.error());
+        return *this;
+    }
+    // NOLINTNEXTLINE(performance-noexcept-move-constructor): may need memory, as the stub's
+    PKIXAnyObject& operator=(PKIXAnyObject&& other) {
+        record(other.error());
+        CMN_ObjectStub<T>::operator=(std::move(other));
         return *this;
     }
 

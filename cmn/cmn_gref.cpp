@@ -75,6 +75,16 @@ void CMN_GuardedRef::addReference(CMN_GRPHolder* holder) {
     claim.keep();
 }
 
+bool CMN_GuardedRef::passReference(const CMN_GRPHolder* from, CMN_GRPHolder* to) noexcept {
+    const CMN_Entered entered(holderMutex);
+    sitem<CMN_GRPHolder>* const node = holders.find(from);
+    if (node == nullptr) {
+        return false;
+    }
+    node->value = to;
+    return true;
+}
+
 int CMN_GuardedRef::remReference(CMN_GRPHolder* holder) {
     {
         const CMN_Entered entered(holderMutex);

@@ -170,6 +170,10 @@ public:
     // the object is gone. A holder that is not listed changes nothing.
     int remReference(CMN_GRPHolder* holder);
 
+    // Lists `to` in place of the newest reference by `from`; the count stays. False, with
+    // nothing changed, when `from` is not listed.
+    CMN_HIDDEN bool passReference(const CMN_GRPHolder* from, CMN_GRPHolder* to) noexcept;
+
     // Redirects to this object, oldest first, all holders of the object whose list
     // this is. The caller holds that object's holder lock.
     void updateHolders(HolderList& list) { redirectHolders(this, list); }
@@ -239,6 +243,30 @@ public:
         }
         attach(object);
         return *this;
+    }
+
+    // Takes over the other's reference, which leaves it empty: as an assignment from it and
+    // one of null to it, without a change of the count. Neither may owe the release of a
+    // module. Memory is needed, and std::bad_alloc possible, only when the object was
+    // replaced meanwhile.
+    void takeOver(CMN_GRefPtr& other) {
+        T* const object = other.get();
+        if (get() == object) {
+            return;
+        }
+        if (object == nullptr || get() != nullptr) {
+            *this = nullptr;
+        }
+        if (object == nullptr) {
+            return;
+        }
+        guard.store(object->getGuard(), std::memory_order_release);
+        pointee.store(object, std::memory_order_release);
+        if (object->passReference(&other, this)) {
+            other.pointee.store(nullptr, std::memory_order_release);
+        } else {
+            enlist(object);
+        }
     }
 
     // Who calls meanwhile waits for the old object's guard, or sees the new one's and

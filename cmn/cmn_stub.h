@@ -210,6 +210,14 @@ public:
         return *this;
     }
 
+    // Takes the other's object over; both keep the use of the service that they have. May
+    // need memory: see CMN_GRefPtr::takeOver().
+    // NOLINTNEXTLINE(performance-noexcept-move-constructor)
+    CMN_ObjectStub& operator=(CMN_ObjectStub&& other) {
+        m_ref.takeOver(other.m_ref);
+        return *this;
+    }
+
     // The object goes before the service that it came from.
     virtual ~CMN_ObjectStub() {
         m_ref = nullptr;

@@ -46,7 +46,6 @@ GuardPool::~GuardPool() {
 // would be taken for what the last object has left.
 CMN_Guard* GuardPool::next() {
     CMN_Guard* const guard = take();
-    givenLast.replaceBy(guard);
     const int left = guard->calls();
     if (left > 0) {
         guard->dec();
@@ -67,6 +66,7 @@ CMN_Guard* GuardPool::take() {
         guard->addReference();
     }
     guard->addReference();
+    givenLast.replaceBy(guard);
     return guard;
 }
 

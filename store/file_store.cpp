@@ -155,11 +155,14 @@ const char* FileStore::getFileName() {
 
 Status FileStore::setFileName(const char* newFileName) {
     return noThrow([&] {
-        std::string file = newFileName == nullptr ? "" : newFileName;
-        name = recordName(file);
-        fileName = std::move(file);
+        adoptFileName(newFileName == nullptr ? "" : newFileName);
         return kOk;
     });
+}
+
+void FileStore::adoptFileName(std::string newFileName) {
+    name = recordName(newFileName);
+    fileName = std::move(newFileName);
 }
 
 Status FileStore::setBody(const unsigned char* bytes, unsigned int size) {

@@ -159,6 +159,9 @@ public:
     // 0: decrypt() does not ask whether the service is open.
     Status setLoginCheck(int check) override;
 
+    // setFileName() that takes the name over.
+    CMN_HIDDEN void adoptFileName(std::string newFileName);
+
     // write(), with the choice of durability.
     [[nodiscard]] Status store(Sync sync);
 

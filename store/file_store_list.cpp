@@ -1,10 +1,12 @@
 #include "store/file_store_list.h"
 
 #include <cerrno>
+#include <utility>
 
 #include "client/s_filestoreC.h"
 #include "cmn/no_throw.h"
 #include "os/files.h"
+#include "store/file_store.h"
 #include "store/record_name.h"
 #include "store/rw_locker.h"
 
@@ -151,17 +153,21 @@ Status renameOLDFile(const char* folder, std::vector<std::string>& names) {
 // A new record gets its names before it gets its holder, the element. Until then the
 // framework leaves it alone and nobody else knows it, so that it is called without a
 // guard, and no handle takes it up only to let go of it.
-Status FileStoreList::append(const aFileStore& none, const char* folder, const char* name) {
+Status FileStoreList::append(const aFileStore& none, const char* folder, std::string name) {
     Records fresh;
     Element& element = fresh.emplace_back(none);
-    auto* const record = static_cast<TFileStore*>(FileStoreSrvC.create(TFileStoreSrv::kRecord));
+    // The service is this module's own, and so are its records.
+    auto* const record = static_cast<FileStore*>(FileStoreSrvC.create(TFileStoreSrv::kRecord));
     if (record == nullptr) {
         return kNoObject;
     }
-    Status status = record->setFolderName(folder);
-    if (status == kOk) {
-        status = record->setFileName(name);
-    }
+    const Status status = noThrow([&] {
+        const Status placed = record->setFolderName(folder);
+        if (placed == kOk) {
+            record->adoptFileName(std::move(name));
+        }
+        return placed;
+    });
     element.hold(record);
     if (status == kOk) {
         records.splice(records.end(), fresh);
@@ -185,8 +191,8 @@ Status FileStoreList::readFromFolder(const char* folder) {
     }
     records.clear();
     cursor = records.end();
-    for (const std::string& name : names) {
-        if (const Status status = append(none, folder, name.c_str()); status != kOk) {
+    for (std::string& name : names) {
+        if (const Status status = append(none, folder, std::move(name)); status != kOk) {
             return status;
         }
     }

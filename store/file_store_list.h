@@ -66,7 +66,7 @@ private:
     using Records = std::list<Element>;
 
     CMN_HIDDEN void erase(Records::iterator element);
-    CMN_HIDDEN Status append(const aFileStore& none, const char* folder, const char* name);
+    CMN_HIDDEN Status append(const aFileStore& none, const char* folder, std::string name);
 
     Records records;
     Records::iterator cursor = records.end();

@@ -22,10 +22,6 @@ std::string_view recordName(std::string_view file) {
     return file.substr(0, file.rfind('.'));
 }
 
-bool hasMarker(std::string_view name, std::string_view marker) {
-    return name.size() > marker.size() && name.ends_with(marker);
-}
-
 std::string_view withoutMarker(std::string_view name, std::string_view marker) {
     return name.substr(0, name.size() - marker.size());
 }

@@ -26,7 +26,9 @@ inline constexpr std::string_view kDeletedMarker = ".$d$";  // on its way out
 
 // Whether the name is something that the marker (or kDscSuffix) has been put
 // behind. The marker alone is no such name.
-[[nodiscard]] bool hasMarker(std::string_view name, std::string_view marker);
+[[nodiscard]] constexpr bool hasMarker(std::string_view name, std::string_view marker) {
+    return name.size() > marker.size() && name.ends_with(marker);
+}
 
 // The name without its marker, which it has.
 [[nodiscard]] std::string_view withoutMarker(std::string_view name, std::string_view marker);

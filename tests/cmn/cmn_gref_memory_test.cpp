@@ -47,6 +47,23 @@ TEST(GRefMemoryTest, FailedAssignmentHoldsNothing) {
     EXPECT_EQ(2, kept.get()->references());
 }
 
+TEST(GRefMemoryTest, TakingOverNeedsNone) {
+    Holder from(new TestObject);
+    Holder to;
+    EXPECT_FALSE(throwsWithoutMemory([&] { to.takeOver(from); }));
+    EXPECT_NE(nullptr, to.get());
+}
+
+TEST(GRefMemoryTest, FailedTakingOverFromAHolderThatIsNotListedHoldsNothing) {
+    const Holder kept(new TestObject);
+    Holder from(kept.get());
+    ASSERT_EQ(1, kept.get()->remReference(&from));
+    Holder to;
+    EXPECT_TRUE(throwsWithoutMemory([&] { to.takeOver(from); }));
+    EXPECT_EQ(nullptr, to.get());
+    EXPECT_EQ(1, kept.get()->references());
+}
+
 TEST(GRefMemoryTest, FailedRedirectionHoldsNothing) {
     const Holder kept(new TestObject("new"));
     Holder holder(new TestObject("old"));

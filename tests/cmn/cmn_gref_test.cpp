@@ -375,6 +375,7 @@ TEST_F(GuardedRefTest, UpdateHoldersOfNothingDetachesThemAll) {
 // --- holders
 
 using HolderTest = GuardedTest;
+using Holder = CMN_GRefPtr<TestObject>;
 
 TEST_F(HolderTest, EmptyOneHoldsNothingAndReleasesNothing) {
     {
@@ -558,6 +559,70 @@ TEST_F(HolderTest, AssignmentOfWhatItHoldsKeepsIt) {
     EXPECT_EQ(object, holder.get());
     EXPECT_EQ(1, object->references());
     EXPECT_THAT(host.calls(), IsEmpty());
+}
+
+TEST_F(HolderTest, TakingOverPassesTheReferenceOnAndLeavesTheOtherEmpty) {
+    const Holder oldest(new TestObject);
+    TestObject* const object = oldest.get();
+    Holder from(object);
+    const Holder newest(object);
+    Holder to;
+    to.takeOver(from);
+    EXPECT_EQ(object, to.get());
+    EXPECT_EQ(guard, to.heldGuard());
+    EXPECT_EQ(nullptr, from.get());
+    EXPECT_EQ(3, object->references());
+    EXPECT_THAT(holdersOf(*object), ElementsAre(&newest, &to, &oldest));
+}
+
+TEST_F(HolderTest, TakingOverLetsGoOfWhatWasHeld) {
+    Holder from(new TestObject("kept"));
+    Holder to(new TestObject("gone"));
+    to.takeOver(from);
+    EXPECT_EQ(1, TestObject::alive());
+    EXPECT_EQ(1, to.get()->references());
+}
+
+TEST_F(HolderTest, TakingOverNothingHoldsNothing) {
+    Holder from;
+    Holder to(new TestObject);
+    to.takeOver(from);
+    EXPECT_EQ(nullptr, to.get());
+    EXPECT_EQ(0, TestObject::alive());
+}
+
+TEST_F(HolderTest, TakingOverWhatItHoldsChangesNothing) {
+    Holder from(new TestObject);
+    Holder to(from.get());
+    to.takeOver(from);
+    to.takeOver(to);
+    EXPECT_EQ(from.get(), to.get());
+    EXPECT_EQ(2, to.get()->references());
+}
+
+// The framework has cut the other loose: it holds the object and is not listed.
+TEST_F(HolderTest, TakingOverFromAHolderThatIsNotListedAttachesAnew) {
+    const Holder kept(new TestObject);
+    Holder from(kept.get());
+    ASSERT_EQ(1, kept.get()->remReference(&from));
+    Holder to;
+    to.takeOver(from);
+    EXPECT_THAT(holdersOf(*kept.get()), ElementsAre(&to, &kept));
+    EXPECT_EQ(2, kept.get()->references());
+}
+
+TEST_F(HolderTest, WhatWasTakenOverIsRedirectedLikeAnyHolder) {
+    const Holder successor(new TestObject("new"));
+    Holder from(new TestObject("old"));
+    Holder to;
+    to.takeOver(from);
+    TestObject& old = *to.get();
+    old.lockHolderList();
+    const Holder pin(&old);
+    CMN_GuardedRef::redirectHolders(successor.get(), old._getHolders(), &pin);
+    old.unlockHolderList();
+    EXPECT_EQ(successor.get(), to.get());
+    EXPECT_EQ(nullptr, from.get());
 }
 
 TEST_F(HolderTest, ReplacePointeeAttachesTheReplacement) {

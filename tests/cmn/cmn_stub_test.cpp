@@ -401,6 +401,19 @@ TEST_F(ObjectStubTest, CopySharesTheTargetAndTakesAUseOfItsOwn) {
     EXPECT_EQ(1, uses.uses());
 }
 
+TEST_F(ObjectStubTest, MoveAssignmentTakesTheTargetOverAndKeepsBothServices) {
+    ServiceStub uses;
+    ObjectStub stub(new Target("first", &log), &uses);
+    auto* const second = new Target("second", &log);
+    ObjectStub other(second, &uses);
+    stub = std::move(other);
+    EXPECT_THAT(log, ElementsAre("~first"));
+    EXPECT_EQ(second, stub.target());
+    EXPECT_EQ(1, second->references());
+    EXPECT_EQ(nullptr, other.target());  // NOLINT(bugprone-use-after-move): it is empty now
+    EXPECT_EQ(2, uses.uses());
+}
+
 TEST_F(ObjectStubTest, AssignmentSharesTheTargetAndKeepsTheService) {
     ServiceStub uses;
     ObjectStub stub(new Target("first", &log), &uses);
