@@ -101,6 +101,7 @@ struct Entrant {
 };
 
 std::unique_ptr<Contender> makeFloor();
+std::unique_ptr<Contender> makeCalls();  // opens nothing and changes no password
 std::unique_ptr<Contender> makeStore();  // of all the databases; a StoreHost is started
 
 #endif  // BENCH_CONTEST_CONTENDER_H

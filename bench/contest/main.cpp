@@ -62,6 +62,7 @@ public:
     Contest(fs::path root, const Sizes& sizes) : root_(std::move(root)), sizes_(sizes) {
         entrants_.push_back({"floor", makeFloor()});
         entrants_.push_back({"store", makeStore()});
+        entrants_.push_back({"calls", makeCalls()});
         addOthers(entrants_);
     }
 
