@@ -49,24 +49,29 @@ std::string joinPath(std::string_view folder, std::string_view name) {
 }
 
 void correctFileNameList(std::vector<std::string>& names) {
-    std::vector<std::string> records;
     std::vector<std::string> saved;
+    std::size_t records = 0;
     for (std::string& name : names) {
         if (hasMarker(name, kDscSuffix)) {
-            records.push_back(std::move(name));
+            if (std::string& place = names[records++]; &place != &name) {
+                place = std::move(name);
+            }
         } else if (hasMarker(name, kOldMarker)) {
             saved.push_back(std::move(name));
         }
     }
-    if (!saved.empty()) {
-        // A short string carries its characters with it, so nothing may join
-        // `records` while the set points into it.
-        const std::unordered_set<std::string_view> descriptors(records.begin(), records.end());
+    names.resize(records);
+    if (saved.empty()) {
+        return;
+    }
+    {
+        // A short string carries its characters with it, so nothing may join `names`
+        // while the set points into it.
+        const std::unordered_set<std::string_view> descriptors(names.begin(), names.end());
         std::erase_if(saved, [&](const std::string& name) {
             return descriptors.contains(withoutMarker(name, kOldMarker));
         });
     }
-    records.insert(records.end(), std::make_move_iterator(saved.begin()),
-                   std::make_move_iterator(saved.end()));
-    names = std::move(records);
+    names.insert(names.end(), std::make_move_iterator(saved.begin()),
+                 std::make_move_iterator(saved.end()));
 }
