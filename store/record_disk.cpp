@@ -235,10 +235,10 @@ Status FileStore::replaceRecord(Sync sync) {
     return kOk;
 }
 
-// Both files are written, and their write-back is started, before either is synced: the
-// journal then takes both in at the first sync, and the second finds its work done. The
-// start is a hint that promises nothing; each file is synced and closed before any
-// rename (I1).
+// Both files are written, and their write-back is started, before either is synced: their
+// bytes travel side by side, a journal takes both in at the first sync, and the second
+// finds its work done. The start is a hint that promises nothing; each file is synced and
+// closed before any rename (I1).
 Status FileStore::writeNewFiles(NewFiles& files, Sync sync) {
     if (bodyPresent != 0) {
         if (const Status status = createBodyFile(files); status != kOk) {

@@ -54,13 +54,12 @@ void syncFolder() {
     syncClose(fd);
 }
 
-// A new file, written and with its write-back begun, but not yet synced.
+// A new file, written but not yet synced.
 int createFile(const std::string& path, std::string_view bytes) {
     const int fd = os::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     require(
         fd >= 0 && os::write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()),
         "calls: no file");
-    (void)os::startWriteback(fd);
     return fd;
 }
 
@@ -93,7 +92,9 @@ public:
         const std::string descriptor = descriptorOf(record.name);
         const std::string body = freshName();
         const int bodyFile = createFile(pathOf(body), bodyBytes_);
+        (void)os::startWriteback(bodyFile);
         const int file = createFile(descriptor + ".$n$", textNaming(body));
+        (void)os::startWriteback(file);
         syncClose(bodyFile);
         syncClose(file);
         if (exists(descriptor)) {

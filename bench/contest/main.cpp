@@ -39,7 +39,7 @@ struct Sizes {
     double secondsOfReading;
 };
 
-constexpr Sizes kFull{40, 10, 200, 100, 100000, 10000, 2, 2.0};
+constexpr Sizes kFull{40, 10, 200, 100, 100000, 10000, 4, 2.0};
 constexpr Sizes kQuick{12, 6, 100, 100, 10000, 1000, 1, 0.5};
 
 double microseconds(Clock::time_point since) {
