@@ -1,6 +1,6 @@
 #include "cmn/cmn_ref.h"
 
-CMN_BUILT_FIRST constinit CMN_RecursiveMutex CMN_Reference::RefMutex("RefMutex");
+alignas(64) CMN_BUILT_FIRST constinit CMN_RecursiveMutex CMN_Reference::RefMutex("RefMutex");
 
 CMN_Reference::~CMN_Reference() = default;
 

@@ -14,8 +14,9 @@
 
 class CMN_EXPORT CMN_Reference {
 public:
-    // Guards all counts of this module, and the module's object registry.
-    static CMN_RecursiveMutex RefMutex;
+    // Guards all counts of this module, and the module's object registry. On a cache line
+    // of its own: who only reads what lies beside it does not wait for those who count.
+    alignas(64) static CMN_RecursiveMutex RefMutex;
 
     CMN_Reference() noexcept : CMN_Reference(&RefMutex) {}
     // `m` guards this count; it is not owned and must outlive the object.
