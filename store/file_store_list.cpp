@@ -150,17 +150,14 @@ Status renameOLDFile(const char* folder, std::vector<std::string>& names) {
 
 }  // namespace
 
-// A new record gets its names before it gets its holder, the element. Until then the
-// framework leaves it alone and nobody else knows it, so that it is called without a
-// guard, and no handle takes it up only to let go of it.
+// What the service makes of this module's records, without asking it for each. A new
+// record gets its names before it gets its holder, the element. Until then the framework
+// leaves it alone and nobody else knows it, so that it is called without a guard, and no
+// handle takes it up only to let go of it.
 Status FileStoreList::append(const aFileStore& none, const char* folder, std::string name) {
     Records fresh;
     Element& element = fresh.emplace_back(none);
-    // The service is this module's own, and so are its records.
-    auto* const record = static_cast<FileStore*>(FileStoreSrvC.create(TFileStoreSrv::kRecord));
-    if (record == nullptr) {
-        return kNoObject;
-    }
+    auto* const record = new FileStore;
     const Status status = noThrow([&] {
         const Status placed = record->setFolderName(folder);
         if (placed == kOk) {
@@ -191,6 +188,9 @@ Status FileStoreList::readFromFolder(const char* folder) {
     }
     records.clear();
     cursor = records.end();
+    if (!names.empty() && FileStoreSrvC.service() == nullptr) {
+        return kNoObject;  // without the service there are no records
+    }
     for (std::string& name : names) {
         if (const Status status = append(none, folder, std::move(name)); status != kOk) {
             return status;
