@@ -4,8 +4,8 @@
 # of, without headers that are precompiled elsewhere. Needs the compilation commands of
 # the `dev` preset and makes them when they are missing.
 #
-#   scripts/tidy.sh              all sources
-#   scripts/tidy.sh --changed    only those that differ from the branch `main`
+#   scripts/tidy.sh              all sources but those of tests: four builds have them
+#   scripts/tidy.sh --changed    those that differ from the branch `main`, also of tests
 #   scripts/tidy.sh FILE...      these files, with all checks
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -17,7 +17,7 @@ others='^(tests|fuzz|bench)/'
 case "${1:-}" in
     # What is compiled: a source for another system or program is none of it.
     "") files=$(sed -n "s|^ *\"file\": \"$PWD/\(.*\.cpp\)\".*|\1|p" build/dev/compile_commands.json |
-                    sort -u) ;;
+                    grep -v '^tests/' | sort -u) ;;
     --changed) files=$(git diff --name-only --diff-filter=d main -- '*.cpp') ;;
     *) printf '%s\n' "$@" | tidy; exit ;;
 esac
