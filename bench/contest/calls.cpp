@@ -138,8 +138,7 @@ public:
             const int file = createFile(descriptorOf(nameOfRecord(index)), textNaming(body));
             require(os::close(bodyFile) == 0 && os::close(file) == 0, "calls: no files");
         }
-        const int fd = os::open(".", O_RDONLY | O_DIRECTORY, 0);
-        require(fd >= 0 && os::syncfs(fd) == 0 && os::close(fd) == 0, "calls: no sync of all");
+        syncDisk();
     }
 
     void open() override {}

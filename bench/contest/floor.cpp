@@ -320,7 +320,7 @@ public:
             writeBody(pathOf(kFolder, body), record.body, close);
             writeDescriptor(pathOf(kFolder, record.name + ".dsc"), body, record, close);
         }
-        syncAll(".");
+        syncDisk();
     }
 
     // The password is checked, and a key derived for the encoder and for the decoder.
@@ -339,7 +339,7 @@ public:
         rewriteTree("./new_db");
         writePasswordRecord("./new_db", to);
         deriveKey(to);
-        syncAll("./new_db");
+        syncDisk();
         removeTree("./old_db");
         rename("./db", "./old_db");
         rename("./new_db", "./db");
@@ -347,10 +347,6 @@ public:
     }
 
 private:
-    static void syncAll(const char* folder) {
-        const int fd = os::open(folder, O_RDONLY | O_DIRECTORY, 0);
-        require(fd >= 0 && os::syncfs(fd) == 0 && os::close(fd) == 0, "floor: no sync of all");
-    }
 };
 
 }  // namespace

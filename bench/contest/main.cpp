@@ -7,6 +7,7 @@
 // that whatever else the machine does meets all alike. Prints one line per round:
 // question, contender, round, and the median of what one operation took in
 // microseconds, with tabs between; scripts/bench_report.py makes ratios of them.
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -104,12 +105,7 @@ private:
     // What `work` takes for each of the next `batch` numbers in every round.
     void ask(const std::string& question, const std::string& database, int rounds,
              std::size_t batch, const Work& work) {
-        ask(entrants_.size(), question, database, rounds, batch, work);
-    }
-
-    // Asks the first `count` entrants only.
-    void ask(std::size_t count, const std::string& question, const std::string& database,
-             int rounds, std::size_t batch, const Work& work) {
+        const std::size_t count = entrants_.size();
         for (int round = 0; round < rounds; ++round) {
             for (std::size_t turn = 0; turn < count; ++turn) {
                 const Entrant& entrant =
@@ -190,14 +186,23 @@ private:
         memoryOfList();
     }
 
-    // There and back again, so that all databases keep the same password.
+    // There and back again, so that all databases keep the same password. What one leaves
+    // to be written at any time, another's sync of the whole disk must not pay for.
     void recryption() {
         fill(kOurs, "recrypt", sizes_.toRecrypt);
-        ask(kOurs, "recrypt", "recrypt", 2 * sizes_.recryptions, 1,
-            [](Contender& store, std::size_t i) {
-                store.changePassword(i % 2 == 0 ? kPassword : kOtherPassword,
-                                     i % 2 == 0 ? kOtherPassword : kPassword);
-            });
+        for (int round = 0; round < 2 * sizes_.recryptions; ++round) {
+            const bool there = round % 2 == 0;
+            for (std::size_t turn = 0; turn < kOurs; ++turn) {
+                const Entrant& entrant =
+                    entrants_[(turn + static_cast<std::size_t>(round)) % kOurs];
+                enter(entrant, "recrypt");
+                syncDisk();
+                const auto start = Clock::now();
+                entrant.contender->changePassword(there ? kPassword : kOtherPassword,
+                                                  there ? kOtherPassword : kPassword);
+                report("recrypt", entrant.name, round, microseconds(start));
+            }
+        }
     }
 
     // Reads in a second that `threads` threads do together.

@@ -114,8 +114,7 @@ public:
             makeFile(folder + nameOfRecord(index) + ".dsc",
                      std::string(descriptor).replace(at, 8, name));
         }
-        const int fd = os::open(".", O_RDONLY | O_DIRECTORY, 0);
-        require(fd >= 0 && os::syncfs(fd) == 0 && os::close(fd) == 0, "store: no sync of all");
+        syncDisk();
     }
 
     void open() override {
