@@ -345,8 +345,6 @@ public:
         rename("./new_db", "./db");
         syncFolder(".");
     }
-
-private:
 };
 
 }  // namespace
