@@ -6,7 +6,7 @@
 #
 # Installs the libraries of the others, builds the `bench` preset, runs in a new folder
 # below FOLDER (by default build/), which must be on a disk, and prints medians, ratios
-# and their spread. A full run takes some eight minutes and puts its figures into
+# and their spread. A full run takes some six minutes and puts its figures into
 # docs/performance.md and the plot beside it; --quick takes less than two, with smaller
 # databases, and writes no document. Leave the machine alone meanwhile.
 set -eu

@@ -139,10 +139,13 @@ def first_match(pattern, path):
 
 def machine(folder):
     memory = int(first_match(r"MemTotal:\s*(\d+)", "/proc/meminfo")) / 2**20
-    mount = subprocess.run(["findmnt", "-no", "FSTYPE,OPTIONS", "-T", folder], check=False,
+    mount = subprocess.run(["findmnt", "-no", "FSTYPE,OPTIONS,SOURCE", "-T", folder], check=False,
                            capture_output=True, text=True).stdout.split()
-    kind, options = (mount + ["unknown", ""])[:2]
+    kind, options, device = (mount + ["unknown", "", ""])[:3]
     kept = [o for o in options.split(",") if "=" not in o]
+    task = pathlib.Path("/sys/fs/ext4", pathlib.Path(device).name, "journal_task")
+    if kind == "ext4" and task.exists() and not task.read_text(encoding="ascii").strip().isdigit():
+        kind = "ext4 without a journal"
     model = first_match(r"model name\s*:(.*)", "/proc/cpuinfo")
     return (f"{os.cpu_count()} CPUs ({model}), "
             f"{memory:.0f} GiB of memory, {kind} ({', '.join(kept)}), "
