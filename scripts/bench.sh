@@ -45,9 +45,9 @@ fi
 
 echo "running; the machine has a load of $(cut -d' ' -f1 /proc/loadavg)"
 # shellcheck disable=SC2086  # an absent option is no argument
-build/bench/bin/contest $quick "$folder/run" >build/contest.tsv
+build/bench/bin/contest $quick "$folder" >build/contest.tsv
 # shellcheck disable=SC2086
-bench/tool.py build/bench/bin/fstore "$folder/run" $quick >>build/contest.tsv
+bench/tool.py build/bench/bin/fstore "$folder" $quick >>build/contest.tsv
 if [ -n "$quick" ]; then
     scripts/bench_report.py build/contest.tsv "$folder"
 else

@@ -2,8 +2,8 @@
 //
 //     contest [--quick] FOLDER [small|large|recrypt|threads|framework]
 //
-// Every contender does the same work in a folder of its own below FOLDER, which must
-// not exist. The rounds of all are interleaved and begin with another one each time, so
+// Every contender does the same work in a folder of its own in FOLDER, which must be
+// empty, or not exist. The rounds of all are interleaved and begin with another one each time, so
 // that whatever else the machine does meets all alike. Prints one line per round:
 // question, contender, round, and the median of what one operation took in
 // microseconds, with tabs between; scripts/bench_report.py makes ratios of them.
@@ -186,16 +186,20 @@ private:
         memoryOfList();
     }
 
-    // There and back again, so that all databases keep the same password. What one leaves
-    // to be written at any time, another's sync of the whole disk must not pay for.
+    // There and back again, on databases of their own: what was deleted lately slows its
+    // neighbours down. What one leaves to be written at any time, another's sync of the
+    // whole disk must not pay for.
     void recryption() {
-        fill(kOurs, "recrypt", sizes_.toRecrypt);
         for (int round = 0; round < 2 * sizes_.recryptions; ++round) {
             const bool there = round % 2 == 0;
+            const std::string database = "recrypt-" + std::to_string(round / 2);
+            if (there) {
+                fill(kOurs, database, sizes_.toRecrypt);
+            }
             for (std::size_t turn = 0; turn < kOurs; ++turn) {
                 const Entrant& entrant =
                     entrants_[(turn + static_cast<std::size_t>(round)) % kOurs];
-                enter(entrant, "recrypt");
+                enter(entrant, database);
                 syncDisk();
                 const auto start = Clock::now();
                 entrant.contender->changePassword(there ? kPassword : kOtherPassword,
@@ -308,7 +312,8 @@ int compete(const char* root, const Sizes& sizes, const char* part) {
         return 1;
     }
     try {
-        require(fs::create_directory(root), "the folder exists already");
+        fs::create_directories(root);
+        require(fs::is_empty(root), "the folder is not empty");
         Contest(fs::absolute(root), sizes).run(part);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "%s\n", failure.what());
