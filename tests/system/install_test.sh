@@ -55,7 +55,7 @@ run_client() {
 }
 
 step "a client built with CMake"
-cmake -S "$here/install" -B "$work/cmake" -DCMAKE_CXX_COMPILER="$compiler" \
+cmake -G Ninja -S "$here/install" -B "$work/cmake" -DCMAKE_CXX_COMPILER="$compiler" \
     -DCMAKE_PREFIX_PATH="$prefix" -DEXAMPLE="$example" >"$work/log" ||
     { cat "$work/log"; fail "configure"; }
 cmake --build "$work/cmake" >"$work/log" || { cat "$work/log"; fail "build"; }
