@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "bench/contest/contender.h"
+#include "bench/contest/files.h"
 #include "os/fs.h"
 
 namespace {
@@ -32,26 +32,8 @@ std::string descriptorOf(const std::string& record) {
     return pathOf(record) + ".dsc";
 }
 
-bool exists(const std::string& path) {
-    return os::access(path.c_str(), F_OK) == 0;
-}
-
-void rename(const std::string& from, const std::string& to) {
-    require(os::rename(from.c_str(), to.c_str()) == 0, "calls: no rename");
-}
-
-void removeFile(const std::string& path) {
-    require(os::remove(path.c_str()) == 0, "calls: no removal");
-}
-
 void syncClose(int fd) {
     require(os::fsync(fd) == 0 && os::close(fd) == 0, "calls: nothing becomes durable");
-}
-
-void syncFolder() {
-    const int fd = os::open(kFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
-    require(fd >= 0, "calls: no folder");
-    syncClose(fd);
 }
 
 // A new file, written but not yet synced.
@@ -98,18 +80,18 @@ public:
         syncClose(bodyFile);
         syncClose(file);
         if (exists(descriptor)) {
-            rename(descriptor, descriptor + ".$o$");
+            renameFile(descriptor, descriptor + ".$o$");
         }
-        rename(descriptor + ".$n$", descriptor);
-        syncFolder();
+        renameFile(descriptor + ".$n$", descriptor);
+        syncFolder(kFolder);
         removeWithBody(descriptor + ".$o$");
     }
 
     void remove(const std::string& name) override {
         const std::string descriptor = descriptorOf(name);
-        rename(descriptor, descriptor + ".$o$");
-        rename(descriptor + ".$o$", descriptor + ".$d$");
-        syncFolder();
+        renameFile(descriptor, descriptor + ".$o$");
+        renameFile(descriptor + ".$o$", descriptor + ".$d$");
+        syncFolder(kFolder);
         removeWithBody(descriptor + ".$d$");
     }
 

@@ -6,8 +6,6 @@
 #ifndef BENCH_CONTEST_CONTENDER_H
 #define BENCH_CONTEST_CONTENDER_H
 
-#include <fcntl.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -15,8 +13,6 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include "os/fs.h"
 
 // Three attributes and a body; `secret` and `body` are kept encrypted by all but the
 // floor.
@@ -32,12 +28,6 @@ inline void require(bool holds, const char* what) {
     if (!holds) {
         throw std::runtime_error(what);
     }
-}
-
-// Waits until all that the current folder's disk was given is on it.
-inline void syncDisk() {
-    const int fd = os::open(".", O_RDONLY | O_DIRECTORY, 0);
-    require(fd >= 0 && os::syncfs(fd) == 0 && os::close(fd) == 0, "the disk does not sync");
 }
 
 inline constexpr std::size_t kSecretSize = 64;

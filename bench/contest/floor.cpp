@@ -4,15 +4,13 @@
 // It has no framework, no cipher, no locks and no repair, and its files look like the
 // store's. Everything that the store adds is paid on top of this, and everything that
 // it arranges better comes off.
-#include <fcntl.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include <openssl/evp.h>
 
-#include "bench/contest/contender.h"
+#include "bench/contest/files.h"
 #include "os/fs.h"
 
 namespace {
@@ -27,24 +25,6 @@ std::string pathOf(const std::string& folder, const std::string& name) {
 void syncClose(std::FILE* file) {
     require(std::fflush(file) == 0 && os::fsync(fileno(file)) == 0 && std::fclose(file) == 0,
             "floor: a file does not become durable");
-}
-
-void syncFolder(const std::string& folder) {
-    const int fd = os::open(folder.c_str(), O_RDONLY | O_DIRECTORY, 0);
-    require(fd >= 0 && os::fsync(fd) == 0 && os::close(fd) == 0,
-            "floor: a folder does not become durable");
-}
-
-bool exists(const std::string& path) {
-    return os::access(path.c_str(), F_OK) == 0;
-}
-
-void rename(const std::string& from, const std::string& to) {
-    require(os::rename(from.c_str(), to.c_str()) == 0, "floor: no rename");
-}
-
-void removeFile(const std::string& path) {
-    require(os::remove(path.c_str()) == 0, "floor: no removal");
 }
 
 unsigned int nextNumber = 1;
@@ -152,9 +132,9 @@ void writeRecord(const std::string& folder, const std::string& descriptor, const
     const std::string path = pathOf(folder, descriptor);
     writeDescriptor(path + ".$n$", body, record, syncClose);
     if (exists(path)) {
-        rename(path, path + ".$o$");
+        renameFile(path, path + ".$o$");
     }
-    rename(path + ".$n$", path);
+    renameFile(path + ".$n$", path);
     if (syncsFolder) {
         syncFolder(folder);
     }
@@ -262,9 +242,9 @@ void writePasswordRecord(const std::string& folder, const char* password) {
     require(std::fputs((line + "\n").c_str(), file) >= 0, "floor: no password record");
     syncClose(file);
     if (exists(path)) {
-        rename(path, path + ".$o$");
+        renameFile(path, path + ".$o$");
     }
-    rename(path + ".$n$", path);
+    renameFile(path + ".$n$", path);
     if (exists(path + ".$o$")) {
         removeFile(path + ".$o$");
     }
@@ -289,7 +269,7 @@ public:
 
     void remove(const std::string& name) override {
         const std::string path = pathOf(kFolder, name + ".dsc");
-        rename(path, path + ".$d$");
+        renameFile(path, path + ".$d$");
         removeWithBody(kFolder, path + ".$d$");
         syncFolder(kFolder);
     }
@@ -341,8 +321,8 @@ public:
         deriveKey(to);
         syncDisk();
         removeTree("./old_db");
-        rename("./db", "./old_db");
-        rename("./new_db", "./db");
+        renameFile("./db", "./old_db");
+        renameFile("./new_db", "./db");
         syncFolder(".");
     }
 };

@@ -19,7 +19,7 @@
 
 #include <malloc.h>
 
-#include "bench/contest/contender.h"
+#include "bench/contest/files.h"
 #include "bench/contest/others.h"
 #include "client/file_store_exp.h"
 #include "host/store_host.h"

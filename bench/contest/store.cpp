@@ -1,14 +1,11 @@
 // The store itself, as a program uses it: through its proxies, the host and the
 // modules, with everything secret encrypted.
-#include <fcntl.h>
-
 #include <fstream>
 #include <sstream>
 
-#include "bench/contest/contender.h"
+#include "bench/contest/files.h"
 #include "client/file_store_exp.h"
 #include "client/s_filestoreC.h"
-#include "os/fs.h"
 
 namespace {
 
