@@ -1,11 +1,12 @@
 // Any line: its head is what the C library reads, whatever parses prints, and
 // what was printed parses to the same value.
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 #include "store/dsc_text.h"
+#include "tests/support/scanned_line.h"
 
 namespace {
 
@@ -19,12 +20,10 @@ void checkHead(const std::string& line) {
     DscHead head;
     const bool parsed = parseDscHead(line.c_str(), head) == kOk;
 
-    unsigned int type = 0;
-    unsigned int id = 0;
-    std::string text(line.size() + 1, '\0');
-    const int items = std::sscanf(line.c_str(), "%x %x %[^\n]", &type, &id, text.data());
-    require(parsed == (items >= 2));
-    require(!parsed || (head.type == type && head.id == id && head.text == text.c_str()));
+    const std::optional<ScannedLine> scanned = scanLine(line);
+    require(parsed == scanned.has_value());
+    require(!parsed ||
+            (head.type == scanned->type && head.id == scanned->id && head.text == scanned->text));
 }
 
 void checkRoundTrip(const std::string& line) {

@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <new>
 #include <utility>
 
@@ -66,12 +67,12 @@ std::string_view withoutSpaces(std::string_view text) {
     return text.substr(spaces);
 }
 
-// Takes a number from the front of `text` as "%x" does, and just as exactly: the
-// number is an unsigned long that stays at its largest value when it would be
-// larger, the sign turns it round, and 32 bits of it are kept. "0x" without a
-// digit is 0. Hence "-1" is 0xffffffff, and nine digits mean one thing where
-// long has 32 bits and another where it has 64.
+// Takes a number from the front of `text` as "%x" does where a long has 32 bits, whatever
+// it has here: one descriptor reads alike in every build. What does not fit stays at the
+// largest number, whatever its sign; a smaller one is turned round by its sign, so "-1" is
+// the largest number as well. "0x" without a digit is 0.
 bool takeHex(std::string_view& text, unsigned int& value) {
+    constexpr std::uint32_t kLargest = std::numeric_limits<std::uint32_t>::max();
     std::string_view rest = withoutSpaces(text);
     bool negative = false;
     if (!rest.empty() && (rest[0] == '-' || rest[0] == '+')) {
@@ -82,22 +83,22 @@ bool takeHex(std::string_view& text, unsigned int& value) {
     if (prefixed) {
         rest.remove_prefix(2);
     }
-    unsigned long sum = 0;
+    std::uint32_t sum = 0;
     bool tooLarge = false;
     std::size_t digits = 0;
     for (; digits < rest.size() && hexValue(rest[digits]) != kNotHex; ++digits) {
-        tooLarge = tooLarge || sum > ULONG_MAX >> 4;
+        tooLarge = tooLarge || sum > kLargest >> 4;
         sum = sum << 4 | hexValue(rest[digits]);
     }
     if (digits == 0 && !prefixed) {
         return false;
     }
     if (tooLarge) {
-        sum = ULONG_MAX;
+        sum = kLargest;
     } else if (negative) {
         sum = 0 - sum;
     }
-    value = static_cast<unsigned int>(sum);
+    value = sum;
     text = rest.substr(digits);
     return true;
 }

@@ -62,7 +62,8 @@ struct DscHead {
 
 // Reads the line as the C conversions "%x %x %[^\n]" do: any white space may
 // stand before the three items and is no part of them, numbers may have a sign,
-// "0x" and any number of digits, and the text ends before a line feed.
+// "0x" and any number of digits, and the text ends before a line feed. A number that
+// does not fit into 32 bits is read as the largest that does, in every build.
 //   kOk         `head` is set
 //   kInvalid    null line
 //   kMalformed  fewer than two numbers
