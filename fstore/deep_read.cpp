@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 
 #include "fstore/progress.h"
-#include "fstore/sha256.h"
+#include "lib/base/sha256.h"
 
 namespace fstore {
 namespace {

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "fstore/address.h"
-#include "fstore/error.h"
-#include "fstore/record.h"
 #include "fstore/session.h"
+#include "lib/base/error.h"
+#include "lib/records/address.h"
+#include "lib/records/record.h"
 
 namespace fstore {
 

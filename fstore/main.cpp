@@ -1,5 +1,5 @@
-#include "fstore/cli.h"
-#include "fstore/commands.h"
+#include "fstore/commands/cli.h"
+#include "fstore/commands/commands.h"
 #include "os/process.h"
 
 int main(int argc, char** argv) {

@@ -6,10 +6,10 @@
 #include <fmt/format.h>
 
 #include "fstore/deep_read.h"
-#include "fstore/error.h"
-#include "fstore/files.h"
 #include "fstore/progress.h"
-#include "fstore/record.h"
+#include "lib/base/error.h"
+#include "lib/base/files.h"
+#include "lib/records/record.h"
 #include "os/fs.h"
 
 namespace fstore {

@@ -21,8 +21,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include "fstore/kdf_record.h"
 #include "fstore/session.h"
+#include "lib/database/kdf_record.h"
 
 namespace fstore {
 

@@ -4,9 +4,9 @@
 
 #include <fmt/format.h>
 
-#include "fstore/error.h"
-#include "fstore/pki_text.h"
-#include "fstore/text.h"
+#include "lib/base/error.h"
+#include "lib/base/text.h"
+#include "lib/pki/text.h"
 
 namespace fstore {
 namespace {

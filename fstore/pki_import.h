@@ -13,9 +13,9 @@
 #include <utility>
 #include <vector>
 
-#include "fstore/pki_decode.h"
-#include "fstore/record.h"
 #include "fstore/session.h"
+#include "lib/pki/decode.h"
+#include "lib/records/record.h"
 
 namespace fstore {
 

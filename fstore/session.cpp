@@ -9,13 +9,13 @@
 #include <fmt/format.h>
 
 #include "cmn/cmn_gref.h"
-#include "fstore/error.h"
-#include "fstore/files.h"
 #include "fstore/password_change.h"
 #include "fstore/progress.h"
-#include "fstore/record.h"
-#include "fstore/text.h"
 #include "host/store_host.h"
+#include "lib/base/error.h"
+#include "lib/base/files.h"
+#include "lib/base/text.h"
+#include "lib/records/record.h"
 #include "os/files.h"
 #include "os/process.h"
 

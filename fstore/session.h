@@ -16,11 +16,11 @@
 #include <vector>
 
 #include "client/s_filestoreC.h"
-#include "fstore/globals.h"
-#include "fstore/kdf_record.h"
-#include "fstore/output.h"
-#include "fstore/password.h"
-#include "fstore/secret.h"
+#include "fstore/commands/globals.h"
+#include "fstore/commands/password.h"
+#include "fstore/terminal/output.h"
+#include "lib/base/secret.h"
+#include "lib/database/kdf_record.h"
 #include "os/handles.h"
 #include "os/process.h"
 

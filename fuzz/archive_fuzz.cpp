@@ -6,8 +6,8 @@
 #include <span>
 #include <vector>
 
-#include "fstore/archive.h"
-#include "fstore/error.h"
+#include "lib/archive/archive.h"
+#include "lib/base/error.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "store/dsc_text.h"
+#include "format/dsc_text.h"
 #include "store/file_store.h"
 
 namespace {

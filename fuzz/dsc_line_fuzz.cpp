@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "store/dsc_text.h"
+#include "format/dsc_text.h"
 #include "tests/support/scanned_line.h"
 
 namespace {

@@ -6,11 +6,11 @@
 #include <string>
 #include <variant>
 
-#include "fstore/pki_chain.h"
-#include "fstore/pki_decode.h"
-#include "fstore/pki_encode.h"
-#include "fstore/pki_text.h"
-#include "fstore/text.h"
+#include "lib/base/text.h"
+#include "lib/pki/chain.h"
+#include "lib/pki/decode.h"
+#include "lib/pki/encode.h"
+#include "lib/pki/text.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <string>
 
-#include "fstore/kdf_record.h"
 #include "fuzz/input.h"
+#include "lib/database/kdf_record.h"
 
 namespace {
 

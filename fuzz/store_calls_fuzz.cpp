@@ -6,8 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "format/dsc_text.h"
 #include "fuzz/input.h"
-#include "store/dsc_text.h"
 #include "tests/crash/session.h"
 #include "tests/crash/tree.h"
 

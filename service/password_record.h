@@ -3,7 +3,7 @@
 #define SERVICE_PASSWORD_RECORD_H
 
 #include "service/md5.h"
-#include "store/dsc_text.h"
+#include "format/dsc_text.h"
 
 inline constexpr const char* kPasswordRecord = "key";
 inline constexpr unsigned int kDigestType = kTypeBinary;

@@ -1,4 +1,4 @@
-// A record's descriptor as a file: the text of store/dsc_text.h, its encrypted
+// A record's descriptor as a file: the text of format/dsc_text.h, its encrypted
 // attributes, and the line that names the body file.
 #include <cstring>
 #include <limits>

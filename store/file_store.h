@@ -21,17 +21,17 @@
 #include "cmn/export.h"
 #include "cmn/secret_bytes.h"
 #include "cmn/status.h"
+#include "format/dsc_text.h"
+#include "format/record_name.h"
 #include "os/handles.h"
 #include "store/crypto_coder.h"
-#include "store/dsc_text.h"
 #include "store/file_store_list.h"
 #include "store/record_disk.h"
-#include "store/record_name.h"
 #include "store/rw_locker.h"
 
 class CMN_EXPORT FileStore : public TFileStore {
 public:
-    // An attribute: its type word (data type and flags, store/dsc_text.h), its id,
+    // An attribute: its type word (data type and flags, format/dsc_text.h), its id,
     // and data of its own, wiped when given back.
     class Attr {
     public:

@@ -5,9 +5,9 @@
 
 #include "client/s_filestoreC.h"
 #include "cmn/no_throw.h"
+#include "format/record_name.h"
 #include "os/files.h"
 #include "store/file_store.h"
-#include "store/record_name.h"
 #include "store/rw_locker.h"
 
 FileStoreList::FileStoreList() : TFileStoreList(0) {}

@@ -6,8 +6,8 @@
 #include <optional>
 #include <thread>
 
+#include "format/dsc_text.h"
 #include "gtest/gtest.h"
-#include "store/dsc_text.h"
 #include "store/rw_locker.h"
 #include "tests/crash/harness_test.h"
 #include "tests/support/fs_fault.h"

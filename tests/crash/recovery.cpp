@@ -4,7 +4,7 @@
 #include <set>
 #include <sstream>
 
-#include "store/dsc_text.h"
+#include "format/dsc_text.h"
 
 namespace crash {
 namespace {

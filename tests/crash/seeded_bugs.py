@@ -145,7 +145,7 @@ BUGS = (
         "        const os::WriteLock locked(RWLocker::lockFor(lockType));\n        return removeFiles();",
         "        return removeFiles();", LOCK),
     # Listing.
-    Bug("scan_puts_back_over_the_new", "store/record_name.cpp",
+    Bug("scan_puts_back_over_the_new", "format/record_name.cpp",
         "    if (!saved.empty()) {",
         "    if (saved.size() > 1000) {"),
     Bug("scan_does_not_repair", LIST,

@@ -2,8 +2,8 @@
 
 #include <stdexcept>
 
+#include "format/dsc_text.h"
 #include "service/md5.h"
-#include "store/dsc_text.h"
 #include "tests/crash/tree.h"
 
 namespace crash {

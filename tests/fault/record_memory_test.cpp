@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "format/dsc_text.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "store/dsc_text.h"
 #include "store/rw_locker.h"
 #include "tests/fault/record_workloads.h"
 #include "tests/support/alloc_fault.h"

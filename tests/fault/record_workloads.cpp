@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "store/dsc_text.h"
+#include "format/dsc_text.h"
 #include "tests/support/temp_dir.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "fstore/cli.h"
+#include "fstore/commands/cli.h"
 
 #include <new>
 #include <stdexcept>

@@ -63,7 +63,7 @@ class OptionsTest(FstoreTest):
 
 class ExitStatusTest(FstoreTest):
     def test_every_exit_code_is_told(self):
-        source = (ROOT / "fstore/error.cpp").read_text(encoding="utf-8")
+        source = (ROOT / "lib/base/error.cpp").read_text(encoding="utf-8")
         self.assertEqual(18, len(re.findall(r"^    \{k\w+, \"", source, re.MULTILINE)))
         told = re.findall(r"^[\[|].*\*(\d+)\*", PAGE.split("# EXIT STATUS")[1], re.MULTILINE)
         self.assertEqual(["0", "1", "2", "3", "4", "5", "6", "9", "14", "33", "35", "36", "40",

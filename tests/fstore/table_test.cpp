@@ -1,10 +1,10 @@
-#include "fstore/table.h"
+#include "fstore/terminal/table.h"
 
 #include <sstream>
 
 #include <gtest/gtest.h>
 
-#include "fstore/text.h"
+#include "lib/base/text.h"
 
 namespace fstore {
 namespace {

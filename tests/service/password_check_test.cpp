@@ -7,8 +7,8 @@
 #include <gtest/gtest.h>
 
 #include "client/s_filestoreC.h"
+#include "format/dsc_text.h"
 #include "service/md5.h"
-#include "store/dsc_text.h"
 #include "tests/support/alloc_fault.h"
 #include "tests/support/fs_fault.h"
 #include "tests/support/test_store.h"

@@ -19,9 +19,9 @@
 #include <utility>
 #include <vector>
 
+#include "format/dsc_text.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "store/dsc_text.h"
 #include "store/rw_locker.h"
 #include "tests/support/fs_fault.h"
 #include "tests/support/test_store.h"

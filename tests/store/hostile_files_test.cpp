@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "format/dsc_text.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "store/dsc_text.h"
 #include "store/file_store.h"
 #include "tests/support/alloc_fault.h"
 #include "tests/support/test_store.h"

@@ -3,8 +3,8 @@
 #include <string>
 #include <utility>
 
+#include "format/dsc_text.h"
 #include "gtest/gtest.h"
-#include "store/dsc_text.h"
 #include "store/file_store.h"
 #include "tests/modules/secret_heap.h"
 #include "tests/support/test_store.h"

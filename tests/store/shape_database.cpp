@@ -1,6 +1,6 @@
 #include "tests/store/shape_database.h"
 
-#include "store/dsc_text.h"
+#include "format/dsc_text.h"
 
 using std::string_literals::operator""s;
 

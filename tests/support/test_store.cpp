@@ -3,8 +3,8 @@
 #include <stdexcept>
 
 #include "api/base_module.h"
+#include "format/dsc_text.h"
 #include "service/md5.h"
-#include "store/dsc_text.h"
 
 namespace {
 

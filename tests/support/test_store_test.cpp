@@ -1,8 +1,8 @@
 // The fixture itself: several stores in one process know nothing of each other.
 #include "tests/support/test_store.h"
 
+#include "format/dsc_text.h"
 #include "gtest/gtest.h"
-#include "store/dsc_text.h"
 
 namespace {
 

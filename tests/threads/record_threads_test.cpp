@@ -8,8 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include "format/dsc_text.h"
 #include "gtest/gtest.h"
-#include "store/dsc_text.h"
 #include "tests/support/test_store.h"
 
 namespace {

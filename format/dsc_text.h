@@ -1,0 +1,129 @@
+// The text of a record's descriptor: one attribute a line, and nothing else.
+//
+// A line is the attribute's type word, a blank, its id, a blank (both numbers
+// as 8 lower-case hexadecimal digits), then the data as its type wants it. Here
+// lines become data and data become lines: bytes in, value and status out. No
+// file, lock, cipher or proxy is known here, nothing is remembered between
+// calls, and any thread may call anything.
+//
+// No function throws. Where memory could not be had the status is kNoMemory
+// and a string that was to be filled is empty or, when appended to, unchanged.
+#ifndef FORMAT_DSC_TEXT_H
+#define FORMAT_DSC_TEXT_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "cmn/status.h"
+
+// The type word: the data type in bits 0-3, flags above. Only the data type
+// chooses how data is written; all other bits are carried as they are.
+inline constexpr unsigned int kTypeMask = 0xf;
+inline constexpr unsigned int kTypeNumber = 1;  // 32 bits in host byte order
+inline constexpr unsigned int kTypeBinary = 2;  // any bytes
+inline constexpr unsigned int kTypeString = 3;  // text with its terminating NUL
+inline constexpr unsigned int kTypeText = 4;    // text without a NUL
+inline constexpr unsigned int kFlagEncrypted = 0x01000000;
+inline constexpr unsigned int kFlagBody = 0x10000000;  // the line names the body file
+
+// Puts into `out` the text of `size` bytes of data: a number as 8 hexadecimal
+// digits, binary bytes as 2 each, a string or text up to its first NUL.
+//   kOk         `out` is the text
+//   kInvalid    null data
+//   kMalformed  not one of the four types, or a number that is not 4 bytes
+//               long: half of a number, or a number and more, has no text
+// `out` is unchanged after kInvalid and kMalformed.
+[[nodiscard]] Status DataToPrint(unsigned int type, const unsigned char* data, unsigned int size,
+                                 std::string& out);
+
+// Puts into `out` the data whose text is given. `size` is the room at `out` on
+// entry and the number of bytes there on return. Binary text ends at the first
+// white space, and a single last digit is a byte of its own; where the room is
+// full the rest of it is not looked at.
+//   kOk         `out` holds `size` bytes
+//   kInvalid    null text or out; `size` is unchanged
+//   kTooSmall   a number, string or text does not fit; `size` is the room it needs
+//   kMalformed  not one of the four types, or not a number (`size` is 0); not
+//               hexadecimal (`size` bytes before that place are at `out`)
+[[nodiscard]] Status PrintToData(unsigned int type, const char* text, unsigned char* out,
+                                 unsigned int& size);
+
+// The same for a text that need not end in NUL, nor contain one; `out` is not null.
+[[nodiscard]] Status PrintToData(unsigned int type, std::string_view text, unsigned char* out,
+                                 unsigned int& size);
+
+// A line taken apart, its data not yet looked at.
+struct DscHead {
+    unsigned int type = 0;  // the whole type word
+    unsigned int id = 0;
+    std::string_view text;  // lies in the line and lives as long as it
+};
+
+// Reads the line as the C conversions "%x %x %[^\n]" do: any white space may
+// stand before the three items and is no part of them, numbers may have a sign,
+// "0x" and any number of digits, and the text ends before a line feed. A number that
+// does not fit into 32 bits is read as the largest that does, in every build.
+//   kOk         `head` is set
+//   kInvalid    null line
+//   kMalformed  fewer than two numbers
+[[nodiscard]] Status parseDscHead(const char* line, DscHead& head);
+
+// The room that PrintToData() never finds too small for this text. Its `size` has
+// 32 bits: a caller whose size_t is larger asks whether the room fits.
+[[nodiscard]] std::size_t roomForData(const DscHead& head);
+
+// Appends a line, without a line feed, to `out`. Statuses as DataToPrint(),
+// with `out` unchanged unless kOk is returned.
+[[nodiscard]] Status appendDscLine(unsigned int type, unsigned int id, const unsigned char* data,
+                                   unsigned int size, std::string& out);
+
+// A line with its data.
+struct DscLine {
+    unsigned int type = 0;
+    unsigned int id = 0;
+    std::string data;
+};
+
+// What parses prints, and what was printed parses to the same value.
+//   kOk         `value` is set
+//   kInvalid    null line
+//   kNoMemory   also when the data would be longer than 32 bits can tell
+//   kMalformed  as parseDscHead() and PrintToData()
+[[nodiscard]] Status parseDscLine(const char* line, DscLine& value);
+
+// Makes `text` the line of `value`, without a line feed. Statuses as
+// DataToPrint(), with `text` empty unless kOk is returned.
+[[nodiscard]] Status printDscLine(const DscLine& value, std::string& text);
+
+// Takes a whole descriptor apart into lines, in one pass and in place.
+//
+// Lines are those which a loop of fgets() over a buffer that grows by 1024
+// bytes would read as C strings, because that is what descriptors have always
+// been read with. It matters only where a descriptor holds NUL bytes: the rest
+// of what one fgets() took is lost behind a NUL, and what it takes next follows
+// directly. A descriptor without NUL bytes is cut at its line feeds, and not a
+// byte is moved.
+class DscLineReader {
+public:
+    // Reads the `size` bytes at `bytes`. One more byte, bytes[size], must be
+    // there to be written; data() and size() of a std::string will do. All of it
+    // belongs to the reader, and stays with its owner, while lines are in use.
+    DscLineReader(char* bytes, std::size_t size) noexcept : at_(bytes), end_(bytes + size) {}
+
+    // Moves to the next line that is not blank and no comment ("!" as the first
+    // character that is not white space). `line` ends in NUL instead of its line
+    // feed, and is valid as long as the bytes are.
+    //   kOk         `line` is set
+    //   kEnd        no line is left
+    //   kMalformed  a NUL byte stands at the start of a line; the reading ends
+    [[nodiscard]] Status next(const char*& line) noexcept;
+
+private:
+    Status read(const char*& line) noexcept;
+
+    char* at_;   // the next byte to be read
+    char* end_;  // the spare byte
+};
+
+#endif  // FORMAT_DSC_TEXT_H

@@ -1,0 +1,156 @@
+#include "fstore/commands/assignment.h"
+
+#include <cstring>
+
+#include <fmt/format.h>
+
+#include "fstore/commands/record_json.h"
+#include "lib/base/error.h"
+#include "lib/base/files.h"
+#include "lib/base/text.h"
+#include "lib/records/filter.h"
+
+namespace fstore {
+namespace {
+
+constexpr std::uint64_t kMostValue = 16 << 20;  // bytes of a value from a file
+
+[[noreturn]] void refuse(std::string_view text, std::string_view why) {
+    throw Failure(kInvalid, fmt::format("{}: {}", text, why));
+}
+
+unsigned int parseType(std::string_view left, std::string_view name) {
+    for (const unsigned int type : {kNumber, kBinary, kString, kText}) {
+        if (name == typeName(type)) {
+            return type;
+        }
+    }
+    refuse(left, "the type is number, binary, string or text");
+}
+
+std::string_view asText(const SecretBytes& bytes) {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+SecretBytes numberBytes(std::string_view left, std::string_view text) {
+    const bool isNumber = !text.empty() && text[0] >= '0' && text[0] <= '9';
+    const auto number = isNumber ? parseAttributeId(text) : std::nullopt;
+    if (!number) {
+        refuse(left, "a number has 32 bits and stands in decimal or after 0x");
+    }
+    SecretBytes bytes(sizeof *number);
+    std::memcpy(bytes.data(), &*number, sizeof *number);
+    return bytes;
+}
+
+SecretBytes valueFromFile(std::string_view left, unsigned int type, const std::string& name) {
+    SecretBytes bytes = InputFile(name).readAll(kMostValue);
+    if (type == kBinary) {
+        return bytes;
+    }
+    if (!bytes.empty() && bytes.back() == '\n') {
+        bytes.pop_back();
+    }
+    return type == kNumber ? numberBytes(left, asText(bytes)) : bytes;
+}
+
+SecretBytes valueFromText(std::string_view left, unsigned int type, std::string_view text) {
+    if (type == kNumber) {
+        return numberBytes(left, text);
+    }
+    if (type == kBinary) {
+        auto bytes = fromHex(text);
+        if (!bytes) {
+            refuse(left, "binary takes pairs of hexadecimal digits");
+        }
+        SecretBytes value(bytes->begin(), bytes->end());
+        wipe(bytes->data(), bytes->size());
+        return value;
+    }
+    return {text.begin(), text.end()};
+}
+
+// The one attribute with this id, or none.
+std::optional<unsigned int> onlyWithId(const Record& record, unsigned int id) {
+    std::optional<unsigned int> only;
+    for (unsigned int i = 0; i < record.count(); ++i) {
+        if (record.id(i) == id) {
+            if (only) {
+                return std::nullopt;
+            }
+            only = i;
+        }
+    }
+    return only;
+}
+
+bool isKeptSecret(const Record& record, unsigned int id) {
+    for (unsigned int i = 0; i < record.count(); ++i) {
+        if (record.id(i) == id && record.isEncrypted(i)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+Assignment Assignment::parse(const std::string& text) {
+    const std::size_t equals = text.find('=');
+    if (equals == std::string::npos) {
+        refuse(text, "an assignment is NAME=VALUE");
+    }
+    const std::string_view left = std::string_view(text).substr(0, equals);
+    std::string_view right = std::string_view(text).substr(equals + 1);
+    const std::size_t colon = left.find(':');
+    Assignment assignment;
+    assignment.id = parseEditableId(left.substr(0, colon));
+    assignment.type =
+        colon == std::string_view::npos ? kText : parseType(left, left.substr(colon + 1));
+    const bool fromFile = right.starts_with('@') && !right.starts_with("@@");
+    right.remove_prefix(right.starts_with('@') ? 1 : 0);
+    assignment.value = fromFile ? valueFromFile(left, assignment.type, std::string(right))
+                                : valueFromText(left, assignment.type, right);
+    return assignment;
+}
+
+void Assignment::applyTo(Record& record, bool encrypt) const {
+    const bool secret = encrypt || isKeptSecret(record, id);
+    const unsigned int stored = secret ? kBinary : type;
+    const auto present = onlyWithId(record, id);
+    if (!present || record.type(*present) != stored) {
+        (void)record.removeAll(id);
+    }
+    switch (stored) {
+        case kNumber: {
+            std::uint32_t number = 0;
+            std::memcpy(&number, value.data(), sizeof number);
+            record.setNumber(id, number);
+            break;
+        }
+        case kBinary:
+            record.setBinary(id, value, secret);
+            break;
+        case kString:
+            record.setString(id, asText(value));
+            break;
+        default:
+            record.setText(id, asText(value));
+            break;
+    }
+}
+
+unsigned int parseEditableId(std::string_view text) {
+    const auto id = parseAttributeId(text);
+    if (!id) {
+        refuse(text, "an attribute has a number or a name, as in label=TEXT or 0x8001=TEXT");
+    }
+    if (*id != attr::kLabel && *id < attr::kFirstOfUser) {
+        refuse(text,
+               "below 0x8000 only the label may be changed; the others tell what is in the "
+               "record");
+    }
+    return *id;
+}
+
+}  // namespace fstore

@@ -1,0 +1,22 @@
+// Records that a command is about to change.
+#ifndef FSTORE_COMMANDS_CHANGE_H
+#define FSTORE_COMMANDS_CHANGE_H
+
+#include <string>
+
+#include "fstore/session.h"
+#include "lib/records/record.h"
+
+namespace fstore {
+
+// The record that the user's words stand for, readable, in a database entered for
+// changes: opened too when the record has secrets or is to get one. Throws kInvalid
+// for the records that the tool keeps for itself.
+Record readForChange(Session& session, const std::string& text, bool getsSecret);
+
+// Throws kInvalid for those.
+void refuseInternal(const Address& address);
+
+}  // namespace fstore
+
+#endif  // FSTORE_COMMANDS_CHANGE_H

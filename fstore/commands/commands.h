@@ -1,0 +1,49 @@
+// All commands, in the order in which the help lists them.
+#ifndef FSTORE_COMMANDS_COMMANDS_H
+#define FSTORE_COMMANDS_COMMANDS_H
+
+#include "fstore/commands/cli.h"
+
+namespace fstore {
+
+void addInit(Cli& cli);
+void addImport(Cli& cli);
+void addLs(Cli& cli);
+void addShow(Cli& cli);
+void addExport(Cli& cli);
+void addSet(Cli& cli);
+void addUnset(Cli& cli);
+void addRm(Cli& cli);
+void addPut(Cli& cli);
+void addGet(Cli& cli);
+void addPasswd(Cli& cli);
+void addCheck(Cli& cli);
+void addBackup(Cli& cli);
+void addRestore(Cli& cli);
+void addCompletion(Cli& cli);
+void addDump(Cli& cli);
+void addInfo(Cli& cli);
+
+inline void addCommands(Cli& cli) {
+    addInit(cli);
+    addImport(cli);
+    addLs(cli);
+    addShow(cli);
+    addExport(cli);
+    addSet(cli);
+    addUnset(cli);
+    addRm(cli);
+    addPut(cli);
+    addGet(cli);
+    addPasswd(cli);
+    addCheck(cli);
+    addBackup(cli);
+    addRestore(cli);
+    addCompletion(cli);
+    addDump(cli);
+    addInfo(cli);
+}
+
+}  // namespace fstore
+
+#endif  // FSTORE_COMMANDS_COMMANDS_H

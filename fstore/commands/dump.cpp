@@ -1,0 +1,71 @@
+// fstore dump: a record's descriptor as it is on disk.
+#include <memory>
+
+#include <fmt/format.h>
+
+#include "fstore/commands/commands.h"
+#include "fstore/commands/record_json.h"
+#include "lib/base/files.h"
+#include "lib/records/descriptor.h"
+#include "lib/records/filter.h"
+#include "lib/records/record.h"
+
+namespace fstore {
+namespace {
+
+struct Options {
+    std::string address;
+    bool raw = false;
+};
+
+std::string describe(const DescriptorLine& line) {
+    if (!line.isData) {
+        return "skipped";
+    }
+    if (!line.isRead) {
+        return "damaged: it does not begin with two numbers";
+    }
+    const bool encrypted = (line.type & DescriptorLine::kEncrypted) != 0;
+    if (line.namesBody()) {
+        return fmt::format("body in the file {}{}", line.data, encrypted ? ", encrypted" : "");
+    }
+    const std::string_view name = attributeName(line.id);
+    return fmt::format("{} {}{}", typeName(line.type & DescriptorLine::kTypeMask),
+                       name.empty() ? fmt::format("0x{:x}", line.id) : std::string(name),
+                       encrypted ? ", encrypted" : "");
+}
+
+Status run(const Options& options, Context& context) {
+    context.session.enter(Access::kRead);
+    const Address address = resolve(options.address);
+    const std::vector<DescriptorLine> lines = readDescriptor(descriptorPath(address));
+    Json listed = Json::array();
+    for (const DescriptorLine& line : lines) {
+        context.output.line(line.text);
+        if (!options.raw) {
+            context.output.line("    " + describe(line));
+        }
+        Json one = {{"line", jsonText(line.text)}, {"meaning", jsonText(describe(line))}};
+        if (line.isRead) {
+            one["type"] = line.type;
+            one["id"] = line.id;
+            one["data"] = jsonText(line.data);
+        }
+        listed.push_back(std::move(one));
+    }
+    context.output.document({{"path", jsonText(descriptorPath(address))}, {"lines", listed}});
+    return kOk;
+}
+
+}  // namespace
+
+void addDump(Cli& cli) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& app = cli.add("dump", "Print a record's descriptor as it is on disk",
+                            [options](Context& context) { return run(*options, context); });
+    app.add_option("ADDRESS", options->address, "FOLDER/NAME, a unique NAME, or sha256:PREFIX")
+        ->required();
+    app.add_flag("--raw", options->raw, "The lines alone, without what they mean");
+}
+
+}  // namespace fstore

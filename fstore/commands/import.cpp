@@ -1,0 +1,237 @@
+// fstore import: certificates, keys, CRLs and requests from files.
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "fstore/commands/commands.h"
+#include "fstore/commands/record_json.h"
+#include "fstore/pki_import.h"
+#include "fstore/terminal/json.h"
+#include "lib/base/files.h"
+#include "lib/records/address.h"
+
+namespace fstore {
+namespace {
+
+struct Options {
+    std::vector<std::string> files;
+    std::optional<std::string> folder;
+    ImportRules rules;
+    PasswordOptions password;
+};
+
+// A part of an input file, or a whole one that could not be read.
+struct Item {
+    std::string file;
+    PkiPart part;
+    bool isRead = true;
+
+    const PkiObject* object() const { return std::get_if<PkiObject>(&part.content); }
+    const Failure* failure() const { return std::get_if<Failure>(&part.content); }
+    std::string tell(const Failure& failure) const {
+        if (!isRead) {
+            return failure.what();  // which names the file
+        }
+        const std::string name = file == kStandardStream ? "the standard input" : file;
+        return part.line == 0 ? fmt::format("{}: {}", name, failure.what())
+                              : fmt::format("{} line {}: {}", name, part.line, failure.what());
+    }
+};
+
+ImportRules rulesOf(const Options& options) {
+    ImportRules rules = options.rules;
+    if (options.folder) {
+        rules.folder = parseFolder(*options.folder);
+    }
+    if (rules.name) {
+        // As a part of an address it obeys the rules of addresses.
+        const Address place = parseNewAddress("keys/" + *rules.name);
+        if (place.folder != "keys") {
+            throw Failure(kInvalid, "--name is a name without a folder; --to names the folder");
+        }
+    }
+    return rules;
+}
+
+void refuseStandardInputTwice(const Options& options, Session& session,
+                              const PasswordSource& input) {
+    const auto asFile = std::ranges::count(options.files, kStandardStream);
+    const int asPassword =
+        (session.password().usesStandardInput() ? 1 : 0) + (input.usesStandardInput() ? 1 : 0);
+    if (asFile + asPassword > 1) {
+        throw Failure(kUsage, "the standard input can be one file or one password, not both");
+    }
+}
+
+// All parts of all files, keys first: a certificate then finds its key in the
+// database, also when the import is broken off between the two.
+std::vector<Item> readItems(const Options& options, PasswordSource& password) {
+    std::vector<Item> items;
+    for (const std::string& file : options.files) {
+        try {
+            const SecretBytes bytes = InputFile(file).readAll(kMostInput);
+            for (PkiPart& part : decodePki(bytes, [&]() -> const SecretText& {
+                     return password.get(PasswordSource::Entry::kOnce);
+                 })) {
+                items.push_back({file, std::move(part), true});
+            }
+        } catch (const Failure& failure) {
+            items.push_back({file, {0, "", failure}, false});
+        }
+    }
+    const auto rank = [](const Item& item) {
+        constexpr Kind kOrder[] = {Kind::kKey, Kind::kCertificate, Kind::kCrl, Kind::kRequest};
+        return item.object() != nullptr ? std::ranges::find(kOrder, item.object()->kind) - kOrder
+                                        : std::ssize(kOrder);
+    };
+    std::ranges::stable_sort(items, {}, rank);
+    return items;
+}
+
+std::vector<const PkiObject*> objectsOf(const std::vector<Item>& items) {
+    std::vector<const PkiObject*> objects;
+    for (const Item& item : items) {
+        if (item.object() != nullptr) {
+            objects.push_back(item.object());
+        }
+    }
+    return objects;
+}
+
+// What was done with each item, for the user.
+class Report {
+public:
+    explicit Report(Output& output) : output_(output) {}
+
+    void done(const Item& item, const Importer::Result& result) {
+        ++done_;
+        if (output_.json()) {
+            Json json = toJson(result.record);
+            json["outcome"] = nameOf(result.outcome);
+            records_.push_back(withSource(item, std::move(json)));
+        }
+        output_.note(fmt::format("{}: {}", nameOf(result.outcome), result.record.address.print()));
+    }
+
+    void failed(const Item& item, const Failure& failure) {
+        if (!first_) {
+            first_ = Failure(failure.status(), item.tell(failure), item.file);
+        }
+        ++failed_;
+        failures_.push_back(withSource(item, {{"error", errorToJson(failure)}}));
+        messages_.push_back(item.tell(failure));
+    }
+
+    // The exit code. Throws when nothing at all could be imported.
+    Status finish() {
+        if (done_ == 0 && failed_ == 1) {
+            throw Failure(*first_);
+        }
+        if (!output_.json()) {
+            std::ranges::for_each(messages_, [&](const auto& text) { output_.warn(text); });
+        }
+        if (done_ == 0) {
+            throw Failure(first_->status(), fmt::format("none of {} could be imported", failed_));
+        }
+        output_.document({{"records", records_}, {"failures", failures_}});
+        return failed_ == 0 ? kOk : kPartial;
+    }
+
+private:
+    static Json withSource(const Item& item, Json json) {
+        json["file"] = jsonText(item.file);
+        if (item.part.line != 0) {
+            json["line"] = item.part.line;
+        }
+        return json;
+    }
+
+    Output& output_;
+    std::size_t done_ = 0, failed_ = 0;
+    Json records_ = Json::array(), failures_ = Json::array();
+    std::vector<std::string> messages_;
+    std::optional<Failure> first_;
+};
+
+void enterFor(const std::vector<const PkiObject*>& objects, const ImportRules& rules,
+              Session& session) {
+    const bool secret = std::ranges::any_of(
+        objects, [&](const PkiObject* object) { return wantsSecrecy(*object, rules); });
+    if (!secret && !rules.replace) {
+        session.enter(Access::kChange);
+        return;
+    }
+    session.open(Access::kChange);
+    if (secret) {
+        session.requireSecrecy();
+    }
+}
+
+void importObjects(const std::vector<Item>& items, const ImportRules& rules, Session& session,
+                   Report& report) {
+    const std::vector<const PkiObject*> objects = objectsOf(items);
+    if (objects.empty()) {
+        return;
+    }
+    enterFor(objects, rules, session);
+    Importer importer(session, rules, objects);
+    for (const Item& item : items) {
+        if (item.object() == nullptr) {
+            continue;
+        }
+        try {
+            report.done(item, importer.import(*item.object(), item.part.label));
+        } catch (const Failure& failure) {
+            if (failure.status() == kNoMemory) {
+                throw;
+            }
+            report.failed(item, failure);
+        }
+    }
+}
+
+Status run(const Options& options, Context& context) {
+    const ImportRules rules = rulesOf(options);
+    PasswordSource password(PasswordSource::Which::kInput, options.password,
+                            context.globals.noInput, context.output);
+    refuseStandardInputTwice(options, context.session, password);
+    const std::vector<Item> items = readItems(options, password);
+    Report report(context.output);
+    importObjects(items, rules, context.session, report);
+    for (const Item& item : items) {
+        if (item.failure() != nullptr) {
+            report.failed(item, *item.failure());
+        }
+    }
+    return report.finish();
+}
+
+}  // namespace
+
+void addImport(Cli& cli) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& app = cli.add("import", "Keep certificates, keys, CRLs and requests",
+                            [options](Context& context) { return run(*options, context); });
+    app.add_option("FILE", options->files,
+                   "PEM with any number of them, DER or PKCS#12, up to 64 MiB; \"-\" is the "
+                   "standard input")
+        ->required();
+    app.add_option("--to", options->folder, "The folder for all of them")->type_name("FOLDER");
+    app.add_option("--name", options->rules.name,
+                   "The record's name: for one object, or for one key and what belongs to it")
+        ->type_name("NAME");
+    app.add_option("--label", options->rules.label, "A text to find them by")->type_name("TEXT");
+    app.add_flag("--replace", options->rules.replace, "Write anew what is there");
+    app.add_flag("--encrypt", options->rules.encrypt, "Keep all secret, as keys always are");
+    app.add_option("--in-password-file", options->password.file,
+                   "Read the password of encrypted input from a file; \"-\" is the standard input")
+        ->type_name("FILE");
+    app.add_option("--in-password-fd", options->password.fd,
+                   "Read the password of encrypted input from an open descriptor")
+        ->type_name("N")
+        ->check(CLI::NonNegativeNumber.description(""));
+}
+
+}  // namespace fstore

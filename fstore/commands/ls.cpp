@@ -1,0 +1,260 @@
+// fstore ls: the records of the database or of one folder, with their expiry.
+#include <algorithm>
+#include <future>
+#include <iterator>
+#include <limits>
+#include <memory>
+#include <span>
+#include <thread>
+
+#include <fmt/format.h>
+
+#include "fstore/commands/commands.h"
+#include "fstore/commands/record_json.h"
+#include "lib/base/text.h"
+#include "lib/records/filter.h"
+#include "lib/records/record.h"
+
+namespace fstore {
+namespace {
+
+enum class Order { kName, kExpiry, kSubject };
+
+constexpr std::int64_t kDay = 24 * std::int64_t{60} * 60;
+constexpr std::int64_t kSoon = 30 * kDay;
+constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
+
+struct Options {
+    std::optional<std::string> folder;
+    Filters filters;
+    Order order = Order::kName;
+    bool failOnMatch = false;
+    bool unlock = false;
+};
+
+// What a listing found, in its order.
+struct Listing {
+    std::vector<RecordInfo> records;
+    std::vector<std::pair<Address, Failure>> damaged;
+};
+
+std::vector<Address> addressesOf(const Options& options) {
+    if (!options.folder) {
+        return allRecords();
+    }
+    const std::string folder = parseFolder(*options.folder);
+    std::vector<Address> found;
+    for (const std::string& each : allFolders()) {
+        if (folder.empty() || each == folder || each.starts_with(folder + "/")) {
+            const auto inside = recordsOf(each);
+            found.insert(found.end(), inside.begin(), inside.end());
+        }
+    }
+    requireFolder(folder);
+    return found;
+}
+
+using Addresses = std::span<const Address>;
+
+// Reads a part of the addresses in each of some threads, by read(part); the results
+// in order. Most of the time goes into the system's opening of files.
+template <class Read>
+auto readSideBySide(const std::vector<Address>& addresses, Read read) {
+    constexpr std::size_t kWorthAThread = 1000;
+    constexpr std::size_t kMostThreads = 8;
+    const std::size_t processors = std::thread::hardware_concurrency();
+    const std::size_t parts = std::clamp<std::size_t>(
+        std::min(processors, addresses.size() / kWorthAThread), 1, kMostThreads);
+    std::vector<std::future<decltype(read(Addresses()))>> running;
+    for (std::size_t i = 0; i < parts; ++i) {
+        const std::size_t from = addresses.size() * i / parts;
+        const std::size_t to = addresses.size() * (i + 1) / parts;
+        const Addresses part(addresses.data() + from, to - from);
+        // Where no thread can be had, by the one that asks for the result.
+        running.push_back(std::async(std::launch::async | std::launch::deferred, read, part));
+    }
+    std::vector<decltype(read(Addresses()))> results;
+    results.reserve(parts);
+    for (auto& result : running) {
+        results.push_back(result.get());
+    }
+    return results;
+}
+
+Record readFor(bool unlocked, const Address& address) {
+    Record record = Record::read(address);
+    if (unlocked) {
+        record.decrypt();
+    }
+    return record;
+}
+
+// The digests of all keys, in whatever folder.
+std::set<std::string> keysOf(bool unlocked) {
+    std::set<std::string> keys;
+    auto parts = readSideBySide(allRecords(), [unlocked](Addresses addresses) {
+        std::set<std::string> found;
+        for (const Address& address : addresses) {
+            try {
+                const RecordInfo info = infoOf(readFor(unlocked, address));
+                if (info.kind == Kind::kKey && !info.keySha256.empty()) {
+                    found.insert(info.keySha256);
+                }
+            } catch (const Failure& failure) {
+                if (failure.status() == kNoMemory) {
+                    throw;
+                }  // told about when it is its turn to be listed
+            }
+        }
+        return found;
+    });
+    for (auto& part : parts) {
+        keys.merge(part);
+    }
+    return keys;
+}
+
+void sort(std::vector<RecordInfo>& records, Order order) {
+    const auto isBefore = [order](const auto& a, const auto& b) {
+        switch (order) {
+            case Order::kExpiry:
+                return a.notAfter.value_or(kNever) < b.notAfter.value_or(kNever);
+            case Order::kSubject:
+                return a.subject < b.subject;
+            case Order::kName:
+                break;
+        }
+        return a.address < b.address;
+    };
+    if (!std::is_sorted(records.begin(), records.end(), isBefore)) {  // by name it mostly is
+        std::stable_sort(records.begin(), records.end(), isBefore);
+    }
+}
+
+Listing readPart(Addresses addresses, const Filter& filter, bool unlocked) {
+    Listing listing;
+    for (const Address& address : addresses) {
+        try {
+            const Record record = readFor(unlocked, address);
+            RecordInfo info = infoOf(record);
+            if (filter.matches(record, info)) {
+                listing.records.push_back(std::move(info));
+            }
+        } catch (const Failure& failure) {
+            if (failure.status() == kNoMemory) {
+                throw;
+            }
+            listing.damaged.emplace_back(address, failure);
+        }
+    }
+    return listing;
+}
+
+Listing list(const Options& options, Session& session) {
+    const bool unlocked = session.service().isOpen() != 0;
+    Filter filter(options.filters, now());
+    if (filter.needsKeys()) {
+        filter.setKeys(keysOf(unlocked));
+    }
+    Listing listing;
+    auto parts = readSideBySide(addressesOf(options), [&filter, unlocked](Addresses addresses) {
+        return readPart(addresses, filter, unlocked);
+    });
+    for (Listing& part : parts) {
+        std::ranges::move(part.records, std::back_inserter(listing.records));
+        std::ranges::move(part.damaged, std::back_inserter(listing.damaged));
+    }
+    sort(listing.records, options.order);
+    return listing;
+}
+
+Cell expiryCell(const RecordInfo& info, std::int64_t at) {
+    if (!info.notAfter) {
+        return {};
+    }
+    const std::string day = printMoment(*info.notAfter).substr(0, 10);
+    const std::int64_t left = *info.notAfter - at;
+    if (left < 0) {
+        return {day + " expired", Style::kRed};
+    }
+    if (left < kSoon) {
+        return {fmt::format("{} in {} d", day, left / kDay), Style::kYellow};
+    }
+    return {day};
+}
+
+void print(const Listing& listing, Output& output) {
+    Table table({{"ADDRESS", false},
+                 {"KIND", false},
+                 {"EXPIRES", false},
+                 {"KEY", false},
+                 {"SUBJECT", true},
+                 {"LABEL", true}});
+    const std::int64_t at = now();
+    for (const RecordInfo& info : listing.records) {
+        const bool secret = info.bodyEncrypted;
+        table.add({{info.address.print()},
+                   {nameOf(info.kind) + std::string(secret ? ", encrypted" : ""), Style::kDim},
+                   expiryCell(info, at),
+                   {info.keyAlgorithm},
+                   {info.subject},
+                   {info.label}});
+    }
+    for (const auto& [address, failure] : listing.damaged) {
+        table.add({{address.print()}, {"damaged", Style::kRed}, {}, {}, {}, {}});
+    }
+    if (!table.empty()) {
+        output.table(table);
+    }
+    for (const auto& [address, failure] : listing.damaged) {
+        output.warn(failure.what());
+    }
+}
+
+Json toDocument(const Listing& listing) {
+    Json records = Json::array();
+    for (const RecordInfo& info : listing.records) {
+        records.push_back(toJson(info));
+    }
+    for (const auto& [address, failure] : listing.damaged) {
+        records.push_back(failureToJson(address.print(), failure));
+    }
+    return {{"records", std::move(records)}};
+}
+
+Status run(const Options& options, Context& context) {
+    (void)Filter(options.filters, now());  // what cannot be read is told before anything is asked
+    if (options.unlock) {
+        context.session.open(Access::kRead);
+    } else {
+        context.session.enter(Access::kRead);
+    }
+    const Listing listing = list(options, context.session);
+    if (context.output.json()) {
+        context.output.document(toDocument(listing));
+    } else {
+        print(listing, context.output);
+    }
+    const bool matched = options.failOnMatch && !listing.records.empty();
+    return matched || !listing.damaged.empty() ? kFound : kOk;
+}
+
+}  // namespace
+
+void addLs(Cli& cli) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& app = cli.add("ls", "List records and when they expire",
+                            [options](Context& context) { return run(*options, context); });
+    const std::map<std::string, Order> orders{
+        {"name", Order::kName}, {"expiry", Order::kExpiry}, {"subject", Order::kSubject}};
+    app.add_option("FOLDER", options->folder, "Only this folder and those below it");
+    app.add_option("--sort", options->order, "By name, expiry or subject")
+        ->transform(CLI::CheckedTransformer(orders).description(""))
+        ->type_name("ORDER");
+    app.add_flag("--fail", options->failOnMatch, "Exit with 3 when a record is listed, for cron");
+    app.add_flag("-u,--unlock", options->unlock,
+                 "Ask for the password, and look at what is kept encrypted too");
+    addFilterOptions(app, options->filters);
+}
+
+}  // namespace fstore

@@ -1,0 +1,75 @@
+// The user's passwords: where they come from, and what is refused.
+//
+// In this order: --password-fd, --password-file, the file that FSTORE_PASSWORD_FILE
+// names, FSTORE_PASSWORD, the terminal without echo; for a new password of `passwd`
+// the same with --new-password-... and FSTORE_NEW_PASSWORD.... One trailing line feed
+// is dropped. An empty password and one with a NUL are refused. A file that others
+// can read is warned about. A variable is wiped from memory once it has been read.
+//
+// For the main thread.
+#ifndef FSTORE_COMMANDS_PASSWORD_H
+#define FSTORE_COMMANDS_PASSWORD_H
+
+#include <optional>
+#include <string>
+
+#include "fstore/commands/globals.h"
+#include "fstore/terminal/output.h"
+#include "lib/base/secret.h"
+#include "os/handles.h"
+
+namespace fstore {
+
+class PasswordSource {
+public:
+    enum class Which {
+        kCurrent,
+        kNew,
+        kInput,  // of a file to import
+        kOutput  // of a file to export
+    };
+
+    // Finds the source and opens its file, before the tool changes its folder. Asks
+    // for nothing yet.
+    PasswordSource(Which which, const PasswordOptions& options, bool noInput, Output& output);
+
+    enum class Entry {
+        kOnce,
+        kTwice  // typed twice on a terminal: a mistake would lock the user out
+    };
+
+    // The password, read or asked for on the first call. kUsage when there is no
+    // source, or nobody typed one; kInvalid when it is refused.
+    const SecretText& get(Entry entry);
+
+    // Whether get() would not have to ask anyone.
+    bool isGiven() const noexcept { return from_ != From::kTerminal; }
+    // Whether the standard input is where it comes from.
+    bool usesStandardInput() const noexcept { return from_ == From::kFile && !file_; }
+
+private:
+    enum class From { kFd, kFile, kVariable, kTerminal };
+
+    void openFile(const std::string& name);
+    SecretText ask(const char* prompt) const;
+    SecretText read(int fd) const;
+    SecretText readTerminal(Entry entry) const;
+
+    Which which_;
+    bool noInput_;
+    Output& output_;
+    From from_ = From::kTerminal;
+    os::File file_;     // of kFile; none for the standard input
+    int fd_ = -1;       // of kFd
+    std::string name_;  // of the file or variable, for messages
+    bool othersCanRead_ = false;
+    std::optional<SecretText> password_;
+};
+
+// Asks a question on the terminal; true for "y" or "yes". False, without asking, when
+// there is no terminal.
+bool confirm(const std::string& question, bool noInput);
+
+}  // namespace fstore
+
+#endif  // FSTORE_COMMANDS_PASSWORD_H

@@ -1,0 +1,176 @@
+// fstore put, fstore get: any bytes as a record's body.
+#include <algorithm>
+#include <memory>
+
+#include <fmt/format.h>
+
+#include "fstore/commands/change.h"
+#include "fstore/commands/commands.h"
+#include "fstore/commands/record_json.h"
+#include "lib/base/files.h"
+#include "lib/base/text.h"
+#include "lib/records/record.h"
+#include "os/terminal.h"
+
+namespace fstore {
+namespace {
+
+constexpr int kStdout = 1;
+
+struct PutOptions {
+    std::string address;
+    std::string file;
+    std::string label;
+    bool plain = false;
+};
+
+struct GetOptions {
+    std::string address;
+    std::string file{kStandardStream};
+    bool force = false;
+};
+
+// The record that gets the body: what is there, or a new one. Looks once more when
+// the database had to be opened for it.
+// NOLINTNEXTLINE(misc-no-recursion): the second time it is open
+Record recordFor(Session& session, const Address& address) {
+    if (!Record::isThere(address)) {
+        requireFolder(address.folder);
+        Record record(address);
+        record.setNumber(attr::kSchema, 1);
+        record.setNumber(attr::kKind, static_cast<unsigned int>(Kind::kRaw));
+        return record;
+    }
+    Record record = Record::read(address);
+    const Kind kind = infoOf(record).kind;
+    if (kind != Kind::kRaw && kind != Kind::kUnknown) {
+        throw Failure(kInvalid,
+                      fmt::format("{} is a {}: `fstore import --replace` replaces it, `fstore rm` "
+                                  "removes it",
+                                  address.print(), nameOf(kind)),
+                      address.print());
+    }
+    if (record.hasSecrets() && session.service().isOpen() == 0) {
+        session.open(Access::kChange);  // what was read may have changed meanwhile
+        return recordFor(session, address);
+    }
+    record.decrypt();
+    return record;
+}
+
+void refuseStandardInputTwice(const PutOptions& options, Session& session) {
+    if (options.file == kStandardStream && session.password().usesStandardInput()) {
+        throw Failure(kUsage, "the standard input cannot be both the password and the body");
+    }
+}
+
+Status runPut(const PutOptions& options, Context& context) {
+    Session& session = context.session;
+    const Address address = parseNewAddress(options.address);
+    refuseInternal(address);
+    refuseStandardInputTwice(options, session);
+    SecretBytes bytes = InputFile(options.file).readAll(kMostBody);
+    if (bytes.empty() && options.plain) {
+        throw Failure(kInvalid,
+                      "an empty body cannot be kept in plain form; without --plain-body "
+                      "it can");
+    }
+    if (options.plain) {
+        session.enter(Access::kChange);
+    } else {
+        session.open(Access::kChange);
+        session.requireSecrecy();
+    }
+    Record record = recordFor(session, address);
+    const std::size_t size = bytes.size();
+    // Of a secret that can be guessed, a digest in plain form would tell it.
+    record.setBinary(attr::kSha256, sha256(bytes), /*encrypted=*/!options.plain);
+    record.setText(attr::kImported, printMoment(now()));
+    if (!options.label.empty()) {
+        record.setText(attr::kLabel, options.label);
+    }
+    record.setBody(bytes, !options.plain);
+    bytes = SecretBytes();  // one copy less while it is written
+    record.write();
+    context.output.note(
+        fmt::format("{}: {} bytes{}", address.print(), size, options.plain ? "" : ", encrypted"));
+    if (context.output.json()) {
+        // As it is on disk: the digest of a secret is one too.
+        const RecordInfo stored = infoOf(Record::read(address));
+        context.output.document({{"records", Json::array({toJson(stored)})}});
+    }
+    return kOk;
+}
+
+bool isForTerminals(std::span<const unsigned char> body) {
+    const std::string_view text(reinterpret_cast<const char*>(body.data()), body.size());
+    return std::ranges::all_of(text, [](char c) { return c == '\n' || c == '\t' || c >= ' '; }) &&
+           isUtf8(text);
+}
+
+Record readBody(Session& session, const std::string& text) {
+    session.enter(Access::kRead);
+    Record record = Record::read(resolve(text));
+    if (record.isBodyEncrypted()) {
+        session.open(Access::kRead);
+        record = Record::read(resolve(text));
+        record.decrypt();
+    }
+    if (!record.hasBody()) {
+        throw Failure(kEnd, fmt::format("{} has no body", record.address().print()),
+                      record.address().print());
+    }
+    return record;
+}
+
+Status runGet(const GetOptions& options, Context& context) {
+    // With --json the document has the body, unless a file gets it.
+    const bool inDocument = context.output.json() && options.file == kStandardStream;
+    std::optional<OutputFile> file;
+    if (!inDocument) {
+        file.emplace(options.file, options.force);
+    }
+    const Record record = readBody(context.session, options.address);
+    Json json = toJson(infoOf(record));
+    if (inDocument) {
+        json["body"]["bytes"] = toHex(record.body());
+    } else if (file->isStandardOutput() && os::isTerminal(kStdout) &&
+               !isForTerminals(record.body())) {
+        throw Failure(kUsage,
+                      fmt::format("the body of {} is not text, and would garble the terminal: "
+                                  "write it to a file with -o",
+                                  record.address().print()),
+                      record.address().print());
+    } else {
+        file->write(record.body());
+        file->commit();
+    }
+    context.output.document({{"records", Json::array({json})}});
+    return kOk;
+}
+
+}  // namespace
+
+void addPut(Cli& cli) {
+    const auto options = std::make_shared<PutOptions>();
+    CLI::App& app = cli.add("put", "Keep a file's bytes as a record",
+                            [options](Context& context) { return runPut(*options, context); });
+    app.add_option("ADDRESS", options->address, "FOLDER/NAME of a new record or of one to replace")
+        ->required();
+    app.add_option("FILE", options->file, "The file; \"-\" is the standard input")->required();
+    app.add_option("--label", options->label, "A text to find it by")->type_name("TEXT");
+    app.add_flag("--plain-body", options->plain, "Do not encrypt it, and need no password");
+}
+
+void addGet(Cli& cli) {
+    const auto options = std::make_shared<GetOptions>();
+    CLI::App& app = cli.add("get", "Write a record's body to a file",
+                            [options](Context& context) { return runGet(*options, context); });
+    app.add_option("ADDRESS", options->address, "FOLDER/NAME, a unique NAME, or sha256:PREFIX")
+        ->required();
+    app.add_option("-o,--output", options->file, "The file, readable by its owner only")
+        ->type_name("FILE");
+    app.add_flag("-f,--force", options->force, "Replace a file that exists");
+}
+
+}  // namespace fstore

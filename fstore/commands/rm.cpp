@@ -1,0 +1,103 @@
+// fstore rm: removes records.
+#include <algorithm>
+#include <memory>
+
+#include <fmt/format.h>
+
+#include "fstore/commands/change.h"
+#include "fstore/commands/commands.h"
+#include "fstore/commands/record_json.h"
+#include "lib/records/record.h"
+
+namespace fstore {
+namespace {
+
+struct Options {
+    std::vector<std::string> addresses;
+    bool force = false;
+};
+
+// A key is gone for good, unless there is a backup; so is what was encrypted for it.
+bool isKey(const Address& address) {
+    if (address.folder == "keys" || address.folder.starts_with("keys/")) {
+        return true;
+    }
+    try {
+        return infoOf(Record::read(address)).kind == Kind::kKey;
+    } catch (const Failure& failure) {
+        if (failure.status() == kNoMemory) {
+            throw;
+        }
+        return false;  // a damaged record elsewhere
+    }
+}
+
+// The records that are meant, each once. Throws when one is not there: nothing has
+// been removed then.
+std::vector<Address> resolveAll(const Options& options) {
+    std::vector<Address> found;
+    for (const std::string& text : options.addresses) {
+        Address address = resolve(text);
+        refuseInternal(address);
+        if (std::ranges::find(found, address) == found.end()) {
+            found.push_back(std::move(address));
+        }
+    }
+    return found;
+}
+
+void confirmKeys(const std::vector<Address>& addresses, const Globals& globals) {
+    for (const Address& address : addresses) {
+        if (isKey(address) &&
+            !confirm(fmt::format("Remove the key {}?", address.print()), globals.noInput)) {
+            throw Failure(kUsage,
+                          fmt::format("{} is a key and was not confirmed, so nothing was removed; "
+                                      "--force removes without asking",
+                                      address.print()),
+                          address.print());
+        }
+    }
+}
+
+Status run(const Options& options, Context& context) {
+    if (!options.force) {
+        // Others may read while the user thinks.
+        context.session.enter(Access::kRead);
+        confirmKeys(resolveAll(options), context.globals);
+    }
+    context.session.enter(Access::kChange);
+    const std::vector<Address> addresses = resolveAll(options);
+    Json records = Json::array();
+    std::vector<Failure> failures;
+    for (const Address& address : addresses) {
+        try {
+            Record(address).remove();
+            records.push_back({{"address", jsonText(address.print())}, {"removed", true}});
+            context.output.detail(fmt::format("{} was removed", address.print()));
+        } catch (const Failure& failure) {
+            records.push_back(failureToJson(address.print(), failure));
+            failures.push_back(failure);
+        }
+    }
+    if (failures.size() == addresses.size()) {
+        throw Failure(failures.front());
+    }
+    for (const Failure& failure : failures) {
+        context.output.warn(failure.what());
+    }
+    context.output.document({{"records", records}});
+    return failures.empty() ? kOk : kPartial;
+}
+
+}  // namespace
+
+void addRm(Cli& cli) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& app = cli.add("rm", "Remove records",
+                            [options](Context& context) { return run(*options, context); });
+    app.add_option("ADDRESS", options->addresses, "FOLDER/NAME, a unique NAME, or sha256:PREFIX")
+        ->required();
+    app.add_flag("-f,--force", options->force, "Do not ask before a key is removed");
+}
+
+}  // namespace fstore

@@ -1,0 +1,92 @@
+// fstore set, fstore unset: a record's attributes.
+#include <memory>
+
+#include <fmt/format.h>
+
+#include "fstore/commands/assignment.h"
+#include "fstore/commands/change.h"
+#include "fstore/commands/commands.h"
+#include "fstore/commands/record_json.h"
+#include "lib/records/record.h"
+
+namespace fstore {
+namespace {
+
+struct SetOptions {
+    std::string address;
+    std::vector<std::string> assignments;
+    bool encrypt = false;
+};
+
+struct UnsetOptions {
+    std::string address;
+    std::vector<std::string> ids;
+};
+
+// As it is on disk, so that what was given to be kept encrypted is not told.
+void tell(const Address& address, Output& output) {
+    const Record stored = Record::read(address);
+    Json json = toJson(infoOf(stored));
+    json["attributes"] = attributesToJson(stored);
+    output.document({{"records", Json::array({json})}});
+    output.detail(fmt::format("{} was written", address.print()));
+}
+
+Status runSet(const SetOptions& options, Context& context) {
+    std::vector<Assignment> assignments;
+    for (const std::string& text : options.assignments) {
+        assignments.push_back(Assignment::parse(text));
+    }
+    Record record = readForChange(context.session, options.address, options.encrypt);
+    for (const Assignment& assignment : assignments) {
+        assignment.applyTo(record, options.encrypt);
+    }
+    record.write();
+    tell(record.address(), context.output);
+    return kOk;
+}
+
+Status runUnset(const UnsetOptions& options, Context& context) {
+    std::vector<unsigned int> ids;
+    for (const std::string& text : options.ids) {
+        ids.push_back(parseEditableId(text));
+    }
+    Record record = readForChange(context.session, options.address, /*getsSecret=*/false);
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+        if (record.removeAll(ids[i]) == 0) {
+            throw Failure(kEnd,
+                          fmt::format("{} has no attribute {}; nothing was changed",
+                                      record.address().print(), options.ids[i]),
+                          record.address().print());
+        }
+    }
+    record.write();
+    tell(record.address(), context.output);
+    return kOk;
+}
+
+}  // namespace
+
+void addSet(Cli& cli) {
+    const auto options = std::make_shared<SetOptions>();
+    CLI::App& app = cli.add("set", "Set a record's label or attributes of your own",
+                            [options](Context& context) { return runSet(*options, context); });
+    app.add_option("ADDRESS", options->address, "FOLDER/NAME, a unique NAME, or sha256:PREFIX")
+        ->required();
+    app.add_option("ASSIGNMENT", options->assignments,
+                   "label=TEXT or ID[:TYPE]=VALUE; ID from 0x8000, TYPE number, binary, string or "
+                   "text, VALUE @FILE for the contents of a file")
+        ->required();
+    app.add_flag("--encrypt", options->encrypt, "Keep the values encrypted, as binary attributes");
+}
+
+void addUnset(Cli& cli) {
+    const auto options = std::make_shared<UnsetOptions>();
+    CLI::App& app = cli.add("unset", "Remove a record's label or attributes of your own",
+                            [options](Context& context) { return runUnset(*options, context); });
+    app.add_option("ADDRESS", options->address, "FOLDER/NAME, a unique NAME, or sha256:PREFIX")
+        ->required();
+    app.add_option("ID", options->ids, "label, or a number from 0x8000")->required();
+}
+
+}  // namespace fstore

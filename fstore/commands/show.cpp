@@ -1,0 +1,77 @@
+// fstore show: what is known about one record.
+#include <memory>
+
+#include <fmt/format.h>
+
+#include "fstore/commands/commands.h"
+#include "fstore/commands/record_json.h"
+#include "lib/base/text.h"
+#include "lib/records/filter.h"
+#include "lib/records/record.h"
+
+namespace fstore {
+namespace {
+
+struct Options {
+    std::string address;
+    bool unlock = false;
+};
+
+std::string describeBody(const Record& record) {
+    if (!record.hasBody()) {
+        return "none";
+    }
+    return record.isReadable() || !record.isBodyEncrypted()
+               ? fmt::format("{} bytes{}", record.body().size(),
+                             record.isBodyEncrypted() ? ", encrypted" : "")
+               : fmt::format("{} bytes of ciphertext", record.body().size());
+}
+
+void print(const Record& record, Output& output) {
+    const auto line = [&](std::string_view name, std::string_view value) {
+        output.line(fmt::format("{:<18}", name), Style::kBold, value);
+    };
+    line("address", record.address().print());
+    for (unsigned int i = 0; i < record.count(); ++i) {
+        const std::string_view known = attributeName(record.id(i));
+        const std::string name =
+            known.empty() ? fmt::format("0x{:x}", record.id(i)) : std::string(known);
+        const std::string value = record.id(i) == attr::kKind && record.type(i) == kNumber
+                                      ? nameOf(infoOf(record).kind)
+                                      : valueText(record, i);
+        line(name, record.isKnown(i) ? value + (record.isEncrypted(i) ? " (encrypted)" : "")
+                                     : "(encrypted; --unlock shows it)");
+    }
+    line("body", describeBody(record));
+}
+
+Status run(const Options& options, Context& context) {
+    if (options.unlock) {
+        context.session.open(Access::kRead);
+    } else {
+        context.session.enter(Access::kRead);
+    }
+    Record record = Record::read(resolve(options.address));
+    if (options.unlock) {
+        record.decrypt();
+    }
+    print(record, context.output);
+    Json json = toJson(infoOf(record));
+    json["attributes"] = attributesToJson(record);
+    context.output.document({{"records", Json::array({json})}});
+    return kOk;
+}
+
+}  // namespace
+
+void addShow(Cli& cli) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& app = cli.add("show", "Print what is known about a record",
+                            [options](Context& context) { return run(*options, context); });
+    app.add_option("ADDRESS", options->address, "FOLDER/NAME, a unique NAME, or sha256:PREFIX")
+        ->required();
+    app.add_flag("-u,--unlock", options->unlock,
+                 "Ask for the password, and show what is kept encrypted too");
+}
+
+}  // namespace fstore

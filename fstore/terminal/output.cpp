@@ -1,0 +1,155 @@
+#include "fstore/terminal/output.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include <fmt/format.h>
+
+#include "fstore/terminal/json.h"
+#include "lib/base/text.h"
+#include "os/files.h"
+#include "os/terminal.h"
+
+namespace fstore {
+namespace {
+
+constexpr int kStdout = 1;
+constexpr int kStderr = 2;
+constexpr const char* kSchema = "fstore/1";
+
+bool isSet(const char* variable) {
+    const char* const value = std::getenv(variable);
+    return value != nullptr && *value != '\0';
+}
+
+bool hasColour(Colour asked, int fd) {
+    if (asked != Colour::kAuto) {
+        return asked == Colour::kAlways;
+    }
+    const char* const terminal = std::getenv("TERM");
+    const bool dumb = terminal != nullptr && std::strcmp(terminal, "dumb") == 0;
+    return !isSet("NO_COLOR") && !dumb && os::isTerminal(fd);
+}
+
+std::string printed(const Json& document) {
+    return document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace
+
+Output::Output(const Settings& settings)
+    : settings_(settings),
+      colourOut_(!settings.json && hasColour(settings.colour, kStdout)),
+      colourErr_(!settings.json && hasColour(settings.colour, kStderr)),
+      columns_(os::isTerminal(kStdout) ? os::terminalColumns(kStdout) : 0) {}
+
+void Output::line(std::string_view text) {
+    if (!settings_.json) {
+        kept_ += printable(text) + "\n";
+    }
+}
+
+void Output::line(std::string_view head, Style style, std::string_view text) {
+    if (!settings_.json) {
+        const std::string shown = printable(head);
+        kept_ += colourOut_ ? styled(shown, style) : shown;
+        line(text);
+    }
+}
+
+void Output::raw(std::string_view text) {
+    kept_ += text;
+}
+
+void Output::table(const Table& table) {
+    if (!settings_.json) {
+        kept_ += table.print(columns_, colourOut_);
+    }
+}
+
+void Output::document(Json document) {
+    if (!settings_.json) {
+        return;
+    }
+    Json whole = {{"schema", kSchema}};
+    for (auto& [name, value] : document.items()) {
+        whole[name] = std::move(value);
+    }
+    if (!warnings_.empty()) {
+        whole["warnings"] = warnings_;
+    }
+    kept_ += printed(whole);
+}
+
+void Output::note(std::string_view text) {
+    if (!settings_.quiet && !settings_.json) {
+        say(printable(text));
+    }
+}
+
+void Output::detail(std::string_view text) {
+    if (settings_.verbose && !settings_.json) {
+        say(printable(text));
+    }
+}
+
+void Output::warn(std::string_view text) {
+    if (settings_.json) {
+        warnings_.emplace_back(text);
+    } else {
+        const std::string head = colourErr_ ? styled("warning:", Style::kYellow) : "warning:";
+        say(fmt::format("{} {}", head, printable(text)));
+    }
+}
+
+void Output::flush() {
+    if (os::writeAll(kStdout, kept_.data(), kept_.size())) {
+        kept_.clear();
+        return;
+    }
+    kept_.clear();
+    if (errno == EPIPE) {
+        throw Failure(kIo, "");  // who closed the pipe knows it
+    }
+    throw Failure(kIo,
+                  fmt::format("cannot write to the standard output: {}", std::strerror(errno)));
+}
+
+void Output::fail(const Failure& failure) {
+    if (*failure.what() == '\0') {
+        return;  // nobody is left to be told
+    }
+    if (settings_.json) {
+        Json error = {{"status", failure.exitCode()},
+                      {"name", nameOf(failure.exitCode())},
+                      {"message", jsonText(failure.what())}};
+        if (!failure.path().empty()) {
+            error["path"] = jsonText(failure.path());
+        }
+        Json whole = {{"schema", kSchema}, {"error", error}};
+        if (!warnings_.empty()) {
+            whole["warnings"] = warnings_;
+        }
+        const std::string text = printed(whole);
+        (void)os::writeAll(kStderr, text.data(), text.size());  // there is nowhere else to tell it
+        return;
+    }
+    const std::string head = colourErr_ ? styled("error:", Style::kRed) : "error:";
+    say(fmt::format("{} {}", head, printable(failure.what())));
+}
+
+void Output::say(std::string_view text) {
+    const std::string line = fmt::format("fstore: {}\n", text);
+    (void)os::writeAll(kStderr, line.data(), line.size());  // there is nowhere else to tell it
+}
+
+std::string jsonText(std::string_view text) {
+    if (isUtf8(text)) {
+        return std::string(text);
+    }
+    const std::string dumped = Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
+    return Json::parse(dumped).get<std::string>();
+}
+
+}  // namespace fstore

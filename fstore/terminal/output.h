@@ -1,0 +1,73 @@
+// What a command says: data on stdout, everything else on stderr.
+//
+// Text for stdout is kept until the command has ended, so that a command that fails
+// with --json leaves stdout empty. With --json stderr too holds one document at
+// most, so warnings become a part of whichever document is written.
+//
+// For the main thread.
+#ifndef FSTORE_TERMINAL_OUTPUT_H
+#define FSTORE_TERMINAL_OUTPUT_H
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "fstore/terminal/table.h"
+#include "lib/base/error.h"
+
+namespace fstore {
+
+using Json = nlohmann::ordered_json;  // complete in fstore/terminal/json.h
+
+enum class Colour { kAuto, kAlways, kNever };
+
+class Output {
+public:
+    struct Settings {
+        bool json = false;
+        bool quiet = false;
+        bool verbose = false;
+        Colour colour = Colour::kAuto;
+    };
+
+    explicit Output(const Settings& settings);
+
+    bool json() const noexcept { return settings_.json; }
+    bool quiet() const noexcept { return settings_.quiet; }
+    bool showsProgress() const noexcept { return !settings_.json && !settings_.quiet; }
+
+    // Data. line() and table() are for people and write nothing with --json.
+    void line(std::string_view text);  // escaped, and ended by a line feed
+    void line(std::string_view head, Style style, std::string_view text);  // with its head in style
+    void raw(std::string_view text);                                       // as it is
+    void table(const Table& table);
+    // One document with "schema" in front; once, and only with --json.
+    void document(Json document);
+
+    // On stderr at once: what was done (not with -q), details (with -v only), and
+    // what deserves attention.
+    void note(std::string_view text);
+    void detail(std::string_view text);
+    void warn(std::string_view text);
+
+    // Writes what was kept. Throws kIo; silently when the reader has gone.
+    void flush();
+    // Tells the failure on stderr; with --json nothing that was kept is written.
+    void fail(const Failure& failure);
+
+private:
+    void say(std::string_view text);
+
+    Settings settings_;
+    bool colourOut_;
+    bool colourErr_;
+    std::size_t columns_;  // of stdout; 0 when it is no terminal
+    std::string kept_;
+    std::vector<std::string> warnings_;
+};
+
+}  // namespace fstore
+
+#endif  // FSTORE_TERMINAL_OUTPUT_H

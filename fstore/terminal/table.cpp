@@ -1,0 +1,112 @@
+#include "fstore/terminal/table.h"
+
+#include <algorithm>
+#include <numeric>
+
+#include <fmt/format.h>
+
+#include "lib/base/text.h"
+
+namespace fstore {
+namespace {
+
+constexpr std::size_t kGap = 2;        // columns between two columns
+constexpr std::size_t kNarrowest = 6;  // a column is not cut below this
+
+const char* codeOf(Style style) {
+    switch (style) {
+        case Style::kBold:
+            return "1";
+        case Style::kRed:
+            return "31";
+        case Style::kYellow:
+            return "33";
+        case Style::kGreen:
+            return "32";
+        case Style::kDim:
+            return "2";
+        case Style::kPlain:
+            break;
+    }
+    return "0";
+}
+
+void appendLine(std::string& page, const std::vector<Cell>& cells,
+                const std::vector<std::size_t>& widths, bool colour) {
+    std::string line;
+    std::size_t owed = 0;  // blanks up to the next column, left out at the end of a line
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        if (widths[i] == 0) {
+            continue;
+        }
+        const std::string text = clipped(cells[i].text, widths[i]);
+        if (!text.empty()) {
+            line.append(owed, ' ');
+            owed = 0;
+            line += colour ? styled(text, cells[i].style) : text;
+        }
+        owed += widths[i] - columnsOf(text) + kGap;
+    }
+    page += line + "\n";
+}
+
+}  // namespace
+
+std::string styled(std::string_view text, Style style) {
+    return style == Style::kPlain ? std::string(text)
+                                  : fmt::format("\033[{}m{}\033[0m", codeOf(style), text);
+}
+
+void Table::add(std::vector<Cell> row) {
+    for (Cell& cell : row) {
+        cell.text = printable(cell.text);
+    }
+    rows_.push_back(std::move(row));
+}
+
+std::string Table::print(std::size_t columns, bool colour) const {
+    const std::vector<std::size_t> fitting = widths(columns);
+    std::vector<Cell> titles;
+    for (const Column& column : columns_) {
+        titles.push_back({column.title, Style::kBold});
+    }
+    std::string page;
+    appendLine(page, titles, fitting, colour);
+    for (const auto& row : rows_) {
+        appendLine(page, row, fitting, colour);
+    }
+    return page;
+}
+
+std::vector<std::size_t> Table::widths(std::size_t columns) const {
+    std::vector<std::size_t> widths(columns_.size(), 0);
+    for (const auto& row : rows_) {
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            widths[i] = std::max(widths[i], columnsOf(row[i].text));
+        }
+    }
+    std::size_t total = 0;
+    for (std::size_t i = 0; i < widths.size(); ++i) {
+        if (widths[i] != 0) {
+            widths[i] = std::max(widths[i], columnsOf(columns_[i].title));
+            total += widths[i] + (total != 0 ? kGap : 0);
+        }
+    }
+    while (columns != 0 && total > columns) {
+        std::size_t widest = columns_.size();
+        for (std::size_t i = 0; i < widths.size(); ++i) {
+            if (columns_[i].mayBeCut && widths[i] > kNarrowest &&
+                (widest == columns_.size() || widths[i] > widths[widest])) {
+                widest = i;
+            }
+        }
+        if (widest == columns_.size()) {
+            break;
+        }
+        --widths[widest];
+        --total;
+    }
+    return widths;
+}
+
+}  // namespace fstore

@@ -1,0 +1,85 @@
+#include "lib/base/error.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <fmt/format.h>
+
+namespace fstore {
+namespace {
+
+struct Code {
+    Status code;
+    const char* name;
+    const char* meaning;  // completes "<what>: "
+};
+
+constexpr Code kCodes[] = {
+    {kOk, "ok", "done"},
+    {kNoMemory, "no-memory", "there is not enough memory"},
+    {kUsage, "usage", "the command line is wrong"},
+    {kFound, "found", "something was found"},
+    {kInvalid, "invalid", "the value is not allowed"},
+    {kPartial, "partial", "some of it was done and some not"},
+    {kWrongPassword, "wrong-password", "the password is wrong"},
+    {kIo, "io",
+     "a file could not be written (is the disk full, or not yours to write?) or a cipher step "
+     "failed"},
+    {kNotOpen, "not-open", "the database is not open, or its password record is unreadable"},
+    {kAlreadyOpen, "busy", "another process holds the database"},
+    {kClosed, "closed", "the database is closed"},
+    {kEnd, "not-found", "there is no such thing"},
+    {kNoObject, "no-service", "a service of the store cannot be had"},
+    {kMissing, "missing", "there is no such file"},
+    {kMalformed, "malformed", "the data is malformed"},
+    {kNoDigest, "no-digest", "the password record is damaged"},
+    {kForeign, "foreign", "another module reported a failure"},
+    {kInterrupted, "interrupted", "it was interrupted"},
+};
+
+const Code* find(Status code) {
+    for (const Code& known : kCodes) {
+        if (known.code == code) {
+            return &known;
+        }
+    }
+    return nullptr;
+}
+
+// A status of another module may have the number of a code that is the tool's own.
+bool isOfStore(Status status) {
+    return find(status) != nullptr && status != kUsage && status != kFound && status != kPartial &&
+           status != kInterrupted;
+}
+
+}  // namespace
+
+const char* nameOf(int exitCode) {
+    const Code* const code = find(static_cast<Status>(exitCode));
+    return code != nullptr ? code->name : "foreign";
+}
+
+int exitCodeOf(Status status) {
+    return static_cast<int>(find(status) != nullptr ? status : kForeign);
+}
+
+void check(Status status, const std::string& what, const std::string& path) {
+    if (status == kOk) {
+        return;
+    }
+    if (!isOfStore(status)) {
+        throw Failure(kForeign, fmt::format("{}: another module reported status {}", what, status),
+                      path);
+    }
+    throw Failure(status, fmt::format("{}: {}", what, find(status)->meaning), path);
+}
+
+void failWithErrno(const std::string& what, const std::string& path) {
+    const int reason = errno;
+    const Status status = reason == ENOENT || reason == ENOTDIR ? kMissing
+                          : reason == ENOMEM                    ? kNoMemory
+                                                                : kIo;
+    throw Failure(status, fmt::format("cannot {} {}: {}", what, path, std::strerror(reason)), path);
+}
+
+}  // namespace fstore

@@ -1,0 +1,54 @@
+// How a command ends: exit codes, their names, and the failure that carries one
+// from where it is noticed to main().
+//
+// One number serves the library, JSON and the shell: a status of the store is the
+// exit code, and the codes of the tool alone are numbers that no status has.
+#ifndef LIB_BASE_ERROR_H
+#define LIB_BASE_ERROR_H
+
+#include <stdexcept>
+#include <string>
+
+#include "cmn/status.h"
+
+namespace fstore {
+
+inline constexpr Status kUsage = 2;          // the command line, or no way to get the password
+inline constexpr Status kFound = 3;          // damage was found, or --fail and a record matched
+inline constexpr Status kPartial = 5;        // some of it was done and some not
+inline constexpr Status kForeign = 125;      // a status that no code stands for
+inline constexpr Status kInterrupted = 130;  // by SIGINT
+
+// The same word for the same code in every version: "wrong-password", "io", ...
+const char* nameOf(int exitCode);
+
+// The exit code of a status: the status itself where it has a name, else kForeign.
+int exitCodeOf(Status status);
+
+// Ends the command. The message is one sentence without a full stop, for the
+// terminal: it says what happened, names the file and the way out, and holds no
+// secret. `path` is the file or record that it is about, for programs; may be empty.
+class Failure : public std::runtime_error {
+public:
+    Failure(Status status, const std::string& message, std::string path = {})
+        : std::runtime_error(message), status_(status), path_(std::move(path)) {}
+
+    Status status() const noexcept { return status_; }
+    int exitCode() const { return exitCodeOf(status_); }
+    const std::string& path() const noexcept { return path_; }
+
+private:
+    Status status_;
+    std::string path_;
+};
+
+// Throws the Failure "<what>: <what the status means>" unless `status` is kOk.
+void check(Status status, const std::string& what, const std::string& path = {});
+
+// Throws kIo, or kMissing when errno says so, with the system's reason: "cannot
+// <what> <path>: <reason>".
+[[noreturn]] void failWithErrno(const std::string& what, const std::string& path);
+
+}  // namespace fstore
+
+#endif  // LIB_BASE_ERROR_H

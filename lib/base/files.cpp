@@ -1,0 +1,236 @@
+#include "lib/base/files.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <span>
+
+#include <fmt/format.h>
+#include <openssl/rand.h>
+
+#include "lib/base/error.h"
+#include "lib/base/text.h"
+#include "os/files.h"
+#include "os/fs.h"
+#include "os/process.h"
+
+namespace fstore {
+namespace {
+
+constexpr int kStdin = 0;
+constexpr int kStdout = 1;
+constexpr std::size_t kPiece = 1 << 20;
+
+[[noreturn]] void failTooLarge(const std::string& name, std::uint64_t most) {
+    throw Failure(kInvalid,
+                  fmt::format("{} has more than the {} bytes that can be taken", name, most), name);
+}
+
+std::string besideName(const std::string& path) {
+    std::array<unsigned char, 6> random{};
+    if (RAND_bytes(random.data(), static_cast<int>(random.size())) != 1) {
+        throw Failure(kIo, "cannot name a file: OpenSSL has no random numbers");
+    }
+    const std::size_t slash = path.rfind('/');
+    return fmt::format("{}/.fstore-{}", path.substr(0, slash), toHex(random));
+}
+
+}  // namespace
+
+InputFile::InputFile(const std::string& name) : name_(name) {
+    if (name == kStandardStream) {
+        name_ = "the standard input";
+        return;
+    }
+    file_ = os::openFile(name.c_str(), O_RDONLY | O_NOCTTY);
+    if (!file_) {
+        failWithErrno("open", name);
+    }
+}
+
+SecretBytes InputFile::readAll(std::uint64_t most) {
+    const int fd = file_ ? file_.get() : kStdin;
+    struct stat status {};
+    if (os::fstat(fd, &status) != 0) {
+        failWithErrno("examine", name_);
+    }
+    std::uint64_t expected = 0;
+    if (S_ISREG(status.st_mode)) {
+        expected = static_cast<std::uint64_t>(status.st_size);
+        if (expected > most) {
+            failTooLarge(name_, most);
+        }
+    }
+    // One byte more than the size: a file that does not grow is then read without a
+    // move of what has been read.
+    SecretBytes bytes(static_cast<std::size_t>(std::max<std::uint64_t>(expected + 1, 4096)));
+    std::size_t filled = 0;
+    for (;;) {
+        if (filled == bytes.size()) {
+            bytes.resize(bytes.size() * 2);
+        }
+        const std::size_t piece = std::min(bytes.size() - filled, kPiece);
+        const ssize_t got = os::readSome(fd, bytes.data() + filled, piece);
+        if (got < 0) {
+            failWithErrno("read", name_);
+        }
+        if (got == 0) {
+            break;
+        }
+        filled += static_cast<std::size_t>(got);
+        if (filled > most) {
+            failTooLarge(name_, most);
+        }
+    }
+    bytes.resize(filled);
+    return bytes;
+}
+
+OutputFile::OutputFile(const std::string& name, bool replace) : name_(name), replace_(replace) {
+    if (name == kStandardStream) {
+        name_ = "the standard output";
+        return;
+    }
+    path_ = absolutePath(name);
+    if (!replace && exists(path_)) {
+        throw Failure(kInvalid, fmt::format("{} exists; --force replaces it", name), name);
+    }
+    beside_.emplace(besideName(path_));
+    os::removeOnSignal(beside_->c_str());
+    file_ = os::openFile(beside_->c_str(), O_WRONLY | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR);
+    if (!file_) {
+        beside_->commit();  // there is nothing to remove
+        failWithErrno("write", name);
+    }
+}
+
+OutputFile::~OutputFile() {
+    beside_.reset();
+    os::removeOnSignal(nullptr);
+}
+
+void OutputFile::write(std::span<const unsigned char> bytes) {
+    if (!os::writeAll(beside_ ? file_.get() : kStdout, bytes.data(), bytes.size())) {
+        if (!beside_ && errno == EPIPE) {
+            throw Failure(kIo, "");  // who closed the pipe knows it
+        }
+        failWithErrno("write", name_);
+    }
+}
+
+os::File OutputFile::reopen() const {
+    os::File file = os::openFile(beside_->c_str(), O_RDONLY);
+    if (!file) {
+        failWithErrno("read back", name_);
+    }
+    return file;
+}
+
+void OutputFile::commit() {
+    if (!beside_) {
+        return;
+    }
+    if (!os::syncClose(std::move(file_))) {
+        failWithErrno("write", name_);
+    }
+    if (!replace_ && exists(path_)) {
+        throw Failure(kInvalid, fmt::format("{} exists; --force replaces it", name_), name_);
+    }
+    if (os::rename(beside_->c_str(), path_.c_str()) != 0) {
+        failWithErrno("write", name_);
+    }
+    beside_->commit();
+    os::removeOnSignal(nullptr);
+    syncFolder(path_.substr(0, path_.rfind('/')) + "/");
+}
+
+std::string absolutePath(const std::string& path) {
+    if (path.starts_with('/')) {
+        return path;
+    }
+    const std::string here = os::currentFolder();
+    if (here.empty()) {
+        failWithErrno("find", "the current folder");
+    }
+    return joined(here == "/" ? "" : here, path);
+}
+
+std::string joined(const std::string& folder, const std::string& name) {
+    return folder + "/" + name;
+}
+
+std::vector<FolderEntry> readFolder(const std::string& path) {
+    const os::Dir folder = os::openFolder(path.c_str());
+    if (!folder) {
+        failWithErrno("read the folder", path);
+    }
+    std::vector<FolderEntry> entries;
+    while (const dirent* const entry = os::nextEntry(folder.get())) {
+        const std::string name = entry->d_name;
+        if (name == "." || name == "..") {
+            continue;
+        }
+        os::EntryType type = os::entryType(*entry);
+        if (type == os::EntryType::kUnknown) {
+            type = os::entryTypeOf(joined(path, name).c_str());
+        }
+        if (type == os::EntryType::kUnknown) {
+            failWithErrno("examine", joined(path, name));
+        }
+        using Type = FolderEntry::Type;
+        entries.push_back({name, type == os::EntryType::kFolder ? Type::kFolder
+                                 : type == os::EntryType::kFile ? Type::kFile
+                                                                : Type::kOther});
+    }
+    if (errno != 0) {
+        failWithErrno("read the folder", path);
+    }
+    return entries;
+}
+
+std::vector<FolderEntry> listFolder(const std::string& path) {
+    std::vector<FolderEntry> entries = readFolder(path);
+    std::sort(entries.begin(), entries.end(),
+              [](const auto& a, const auto& b) { return a.name < b.name; });
+    return entries;
+}
+
+bool exists(const std::string& path) {
+    struct stat status {};
+    if (os::lstat(path.c_str(), &status) == 0) {
+        return true;
+    }
+    if (errno == ENOENT || errno == ENOTDIR) {
+        return false;
+    }
+    failWithErrno("examine", path);
+}
+
+// As deep as folders are: a path cannot grow for ever.
+// NOLINTNEXTLINE(misc-no-recursion)
+void removeTree(const std::string& path) {
+    if (!exists(path)) {
+        return;
+    }
+    for (const FolderEntry& entry : listFolder(path)) {
+        const std::string inside = joined(path, entry.name);
+        if (entry.type == FolderEntry::Type::kFolder) {
+            removeTree(inside);
+        } else if (os::remove(inside.c_str()) != 0 && errno != ENOENT) {
+            failWithErrno("remove", inside);
+        }
+    }
+    if (os::rmdir(path.c_str()) != 0 && errno != ENOENT) {
+        failWithErrno("remove", path);
+    }
+}
+
+void syncFolder(const std::string& path) {
+    if (!os::syncFolder(path.c_str())) {
+        failWithErrno("sync", path);
+    }
+}
+
+}  // namespace fstore

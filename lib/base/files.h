@@ -1,0 +1,94 @@
+// Files of the user's, read and written whole, and folders removed whole.
+//
+// Both kinds of file are opened before the tool changes its folder, so that their
+// names mean what the user meant. Failures throw.
+#ifndef LIB_BASE_FILES_H
+#define LIB_BASE_FILES_H
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "cmn/secret_bytes.h"
+#include "os/handles.h"
+
+namespace fstore {
+
+// Where "-" stands for a standard stream.
+inline constexpr std::string_view kStandardStream = "-";
+
+class InputFile {
+public:
+    // Opens `name`, or takes the standard input for "-".
+    explicit InputFile(const std::string& name);
+
+    const std::string& name() const noexcept { return name_; }  // for messages
+
+    // All bytes from here to the end. kInvalid when there are more than `most`, in
+    // which case a file of known size has not been read.
+    SecretBytes readAll(std::uint64_t most);
+
+private:
+    std::string name_;
+    os::File file_;  // none for the standard input
+};
+
+// A file that is complete or as it was before: written beside, synced, renamed, and
+// readable by its owner only. Or the standard output, for "-".
+class OutputFile {
+public:
+    // Makes the file beside `name`, so that what stands in the way shows now. Without
+    // `replace` an existing file is refused (kInvalid).
+    OutputFile(const std::string& name, bool replace);
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+    ~OutputFile();  // without commit() nothing is left of it
+
+    bool isStandardOutput() const noexcept { return !beside_; }
+    const std::string& name() const noexcept { return name_; }
+
+    void write(std::span<const unsigned char> bytes);
+
+    // What was written, for reading from its beginning. Not of the standard output.
+    os::File reopen() const;
+
+    void commit();
+
+private:
+    std::string name_;
+    std::string path_;  // absolute
+    bool replace_;
+    std::optional<os::TempPath> beside_;  // none for the standard output
+    os::File file_;
+};
+
+// The path as an absolute one. It need not exist.
+std::string absolutePath(const std::string& path);
+
+// "a/b" of "a" and "b".
+std::string joined(const std::string& folder, const std::string& name);
+
+struct FolderEntry {
+    enum class Type { kFolder, kFile, kOther };
+    std::string name;
+    Type type;
+};
+
+// The entries of a folder by name, without "." and "..".
+std::vector<FolderEntry> listFolder(const std::string& path);
+std::vector<FolderEntry> readFolder(const std::string& path);  // in no order
+
+bool exists(const std::string& path);  // not following a link; throws when it cannot be told
+
+// Removes a folder with all it contains; done at once when there is none.
+void removeTree(const std::string& path);
+
+// Makes what was created, renamed or removed in a folder last.
+void syncFolder(const std::string& path);
+
+}  // namespace fstore
+
+#endif  // LIB_BASE_FILES_H

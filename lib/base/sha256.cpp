@@ -1,0 +1,34 @@
+#include "lib/base/sha256.h"
+
+#include "lib/base/error.h"
+
+namespace fstore {
+namespace {
+
+void require(bool done) {
+    if (!done) {
+        throw Failure(kIo, "cannot compute a digest: OpenSSL refuses SHA-256");
+    }
+}
+
+}  // namespace
+
+Sha256::Sha256() : context_(EVP_MD_CTX_new()) {
+    require(context_ != nullptr && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1);
+}
+
+void Sha256::add(std::span<const unsigned char> bytes) {
+    require(EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) == 1);
+}
+
+void Sha256::add(std::string_view text) {
+    add(std::span(reinterpret_cast<const unsigned char*>(text.data()), text.size()));
+}
+
+Sha256Digest Sha256::finish() {
+    Sha256Digest digest;
+    require(EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr) == 1);
+    return digest;
+}
+
+}  // namespace fstore

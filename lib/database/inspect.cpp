@@ -1,0 +1,309 @@
+#include "lib/database/inspect.h"
+
+#include <algorithm>
+#include <map>
+#include <set>
+#include <string_view>
+
+#include <fmt/format.h>
+
+#include "lib/base/error.h"
+#include "lib/base/files.h"
+#include "lib/records/descriptor.h"
+#include "lib/records/record.h"
+#include "os/fs.h"
+
+namespace fstore {
+namespace {
+
+using FindingKind = Finding::Kind;
+using Repair = Finding::Repair;
+
+constexpr std::string_view kDescriptor = ".dsc";
+constexpr std::string_view kNewMark = ".$n$";
+constexpr std::string_view kSavedMark = ".$o$";
+constexpr std::string_view kRemovedMark = ".$d$";
+constexpr const char* kFolders[] = {"",
+                                    "settings",
+                                    "lsps",
+                                    "keys",
+                                    "crls",
+                                    "crm",
+                                    "certificates",
+                                    "certificates/local",
+                                    "certificates/remote"};
+
+bool hasEnding(std::string_view name, std::string_view ending) {
+    return name.size() > ending.size() && name.ends_with(ending);
+}
+
+std::string withoutEnding(const std::string& name, std::string_view ending) {
+    return name.substr(0, name.size() - ending.size());
+}
+
+// Eight lower-case hexadecimal digits, as the store names bodies.
+bool isBodyName(std::string_view name) {
+    return name.size() == 8 && name.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
+// One folder's files, and what its descriptors say about its bodies.
+class FolderInspection {
+public:
+    FolderInspection(std::string folder, std::vector<Finding>& findings)
+        : folder_(std::move(folder)), path_(folderPath(folder_)), findings_(findings) {}
+
+    void run() {
+        std::vector<std::string> bodies;
+        for (const FolderEntry& entry : listFolder(path_)) {
+            if (entry.type == FolderEntry::Type::kFolder) {
+                continue;
+            }
+            files_.insert(entry.name);
+            if (entry.type == FolderEntry::Type::kFile && isBodyName(entry.name)) {
+                bodies.push_back(entry.name);
+            } else {
+                others_.push_back(entry);
+            }
+        }
+        for (const FolderEntry& entry : others_) {
+            examine(entry);
+        }
+        for (const std::string& body : bodies) {
+            examineBody(body);
+        }
+    }
+
+private:
+    void examine(const FolderEntry& entry) {
+        const std::string& name = entry.name;
+        if (entry.type == FolderEntry::Type::kOther) {
+            add(FindingKind::kStranger, name, "is neither a file nor a folder");
+        } else if (hasEnding(name, kDescriptor)) {
+            examineDescriptor(name);
+        } else if (hasEnding(name, kNewMark)) {
+            noteBodyOf(name);
+            add(FindingKind::kNewDescriptor, name, "is left over from a write that was broken off",
+                Repair::kDelete);
+        } else if (hasEnding(name, kRemovedMark)) {
+            noteBodyOf(name);
+            add(FindingKind::kRemoved, name, "is left over from a removal that was broken off",
+                Repair::kDelete);
+        } else if (hasEnding(name, kSavedMark)) {
+            examineSaved(name);
+        } else {
+            add(FindingKind::kStranger, name, "is no file of the store");
+        }
+    }
+
+    void examineSaved(const std::string& name) {
+        noteBodyOf(name);
+        const std::string descriptor = withoutEnding(name, kSavedMark);
+        if (files_.contains(descriptor)) {
+            add(FindingKind::kSavedDescriptor, name,
+                "is the state before a write that was finished", Repair::kDelete);
+        } else {
+            add(FindingKind::kSavedDescriptor, name,
+                "is the state before a write that was broken off", Repair::kPutBack);
+        }
+    }
+
+    void examineDescriptor(const std::string& name) {
+        const std::optional<std::string> body = noteBodyOf(name);
+        const Address address{folder_, withoutEnding(name, kDescriptor)};
+        try {
+            const Record record = Record::read(address);
+            // What the store sees and this does not, or the other way round, must not
+            // decide about a file.
+            unsure_ = unsure_ || record.hasBody() != body.has_value();
+        } catch (const Failure& failure) {
+            if (failure.status() == kNoMemory) {
+                throw;
+            }
+            if (body && !files_.contains(*body)) {
+                add(FindingKind::kDamaged, name,
+                    fmt::format("names the body file {}, which is missing", *body));
+            } else {
+                add(FindingKind::kDamaged, name, "cannot be read: its text is malformed");
+            }
+            return;
+        }
+        if (body && body->find('/') != std::string::npos) {
+            add(FindingKind::kDamaged, name, "names a body file outside of its folder");
+        } else if (body && !owners_.emplace(*body, name).second) {
+            add(FindingKind::kDamaged, name,
+                fmt::format("names the same body file as {}", owners_[*body]));
+        }
+    }
+
+    // The body that a file names, in whatever state the file is.
+    std::optional<std::string> noteBodyOf(const std::string& name) {
+        try {
+            const std::vector<DescriptorLine> lines = readDescriptor(joined(path_, name));
+            std::optional<std::string> body = bodyNameOf(lines);
+            if (body) {
+                named_.insert(*body);
+            } else if (!std::ranges::all_of(lines, [](const DescriptorLine& line) {
+                           return !line.isData || line.isRead;
+                       })) {
+                unsure_ = true;  // the damaged line may be the one
+            }
+            return body;
+        } catch (const Failure& failure) {
+            if (failure.status() == kNoMemory) {
+                throw;
+            }
+            unsure_ = true;
+            return std::nullopt;
+        }
+    }
+
+    void examineBody(const std::string& name) {
+        if (named_.contains(name)) {
+            return;
+        }
+        if (unsure_) {
+            add(FindingKind::kUnnamedBody, name,
+                "is named by no descriptor that can be read, and may belong to a damaged one");
+        } else {
+            add(FindingKind::kUnnamedBody, name, "is a body file that no descriptor names",
+                Repair::kDelete);
+        }
+    }
+
+    void add(FindingKind kind, const std::string& name, const std::string& message,
+             Repair repair = Repair::kNone) {
+        findings_.push_back({kind, joined(path_, name), message, repair});
+    }
+
+    std::string folder_;
+    std::string path_;
+    std::vector<Finding>& findings_;
+    std::set<std::string> files_;
+    std::vector<FolderEntry> others_;
+    std::set<std::string> named_;                // bodies
+    std::map<std::string, std::string> owners_;  // body: the first descriptor that names it
+    bool unsure_ = false;                        // some file may name a body that is not in named_
+};
+
+void removeFile(const std::string& path) {
+    if (os::remove(path.c_str()) != 0) {
+        failWithErrno("remove", path);
+    }
+}
+
+void putBack(const std::string& path) {
+    const std::string descriptor = withoutEnding(path, kSavedMark);
+    if (exists(descriptor)) {
+        return;  // the next inspection sees what it is now
+    }
+    if (os::rename(path.c_str(), descriptor.c_str()) != 0) {
+        failWithErrno("rename", path);
+    }
+}
+
+void makeFolder(const std::string& path) {
+    if (os::mkdir(path.c_str(), S_IRWXU) != 0) {
+        failWithErrno("make the folder", path);
+    }
+}
+
+void moveBack(const std::string& path) {
+    if (os::rename(path.c_str(), "./db") != 0) {
+        failWithErrno("rename", path);
+    }
+}
+
+std::string folderOf(const std::string& path) {
+    return path.substr(0, path.rfind('/'));
+}
+
+}  // namespace
+
+const char* nameOf(Finding::Kind kind) {
+    switch (kind) {
+        case FindingKind::kUnnamedBody:
+            return "unnamed-body";
+        case FindingKind::kNewDescriptor:
+            return "new-descriptor";
+        case FindingKind::kSavedDescriptor:
+            return "saved-descriptor";
+        case FindingKind::kRemoved:
+            return "removed";
+        case FindingKind::kUnfinishedCopy:
+            return "unfinished-copy";
+        case FindingKind::kMissingFolder:
+            return "missing-folder";
+        case FindingKind::kDamaged:
+            return "damaged";
+        case FindingKind::kStranger:
+            return "foreign";
+        case FindingKind::kMovedAside:
+            return "moved-aside";
+        case FindingKind::kUnfinishedChange:
+            return "unfinished-change";
+        case FindingKind::kPrevious:
+            break;
+    }
+    return "previous";
+}
+
+std::vector<Finding> inspect() {
+    if (!exists("./db")) {
+        return {{FindingKind::kMovedAside, "./old_db",
+                 "is the database, moved aside by a change of the password that was broken off",
+                 Repair::kMoveBack}};
+    }
+    std::vector<Finding> findings;
+    for (const char* const folder : kFolders) {
+        const std::string path = folderPath(folder);
+        if (!exists(path)) {
+            findings.push_back(
+                {FindingKind::kMissingFolder, path, "is missing", Repair::kMakeFolder});
+        }
+    }
+    if (exists("./new_db")) {
+        findings.push_back({FindingKind::kUnfinishedCopy, "./new_db",
+                            "is left over from a change of the password", Repair::kRemoveFolder});
+    }
+    if (exists("./old_db")) {
+        findings.push_back({FindingKind::kPrevious, "./old_db",
+                            "is the database before the last change of the password, and opens "
+                            "with the old one; remove it when it is no longer needed"});
+    }
+    for (const std::string& folder : allFolders()) {
+        FolderInspection(folder, findings).run();
+    }
+    return findings;
+}
+
+void repair(const std::vector<Finding>& findings) {
+    std::set<std::string> changed;
+    for (const Finding& finding : findings) {
+        switch (finding.repair) {
+            case Repair::kNone:
+            case Repair::kFinish:
+                continue;
+            case Repair::kDelete:
+                removeFile(finding.path);
+                break;
+            case Repair::kPutBack:
+                putBack(finding.path);
+                break;
+            case Repair::kRemoveFolder:
+                removeTree(finding.path);
+                break;
+            case Repair::kMakeFolder:
+                makeFolder(finding.path);
+                break;
+            case Repair::kMoveBack:
+                moveBack(finding.path);
+                break;
+        }
+        changed.insert(folderOf(finding.path));
+    }
+    for (const std::string& folder : changed) {
+        syncFolder(folder);
+    }
+}
+
+}  // namespace fstore

@@ -1,0 +1,26 @@
+// The way from a certificate to the root that it depends on.
+#ifndef LIB_PKI_CHAIN_H
+#define LIB_PKI_CHAIN_H
+
+#include <cstddef>
+#include <span>
+#include <vector>
+
+#include "cmn/secret_bytes.h"
+
+namespace fstore {
+
+struct Chain {
+    std::vector<std::size_t> issuers;  // by index in `known`; the certificate's own first
+    bool complete = false;             // the last one, or the certificate itself, is self-issued
+};
+
+// The issuers of a certificate among the known ones. An issuer has the name and the
+// key identifier that the certificate asks for, and its key made the signature; of
+// several, the one that ends last. Times are not judged: who exports an expired
+// certificate wants its chain too.
+Chain chainOf(std::span<const unsigned char> certificate, const std::vector<SecretBytes>& known);
+
+}  // namespace fstore
+
+#endif  // LIB_PKI_CHAIN_H

@@ -1,0 +1,52 @@
+// The certificates, CRLs, private keys and requests in a file: PEM with any number of
+// them, one in DER, or PKCS#12, told apart by content.
+//
+// Each part of a file succeeds or fails by itself. Nothing is passed over without a
+// word but what stands outside of PEM blocks, and the parameters that some programs
+// write in front of a key. Hostile input costs memory in proportion to its size, and
+// never more time than a password with kMostIterations does.
+#ifndef LIB_PKI_DECODE_H
+#define LIB_PKI_DECODE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "lib/base/error.h"
+#include "lib/base/secret.h"
+#include "lib/pki/object.h"
+
+namespace fstore {
+
+// The largest file that is decoded.
+inline constexpr std::uint64_t kMostInput = 64 << 20;
+
+// The most PEM blocks in a file: more than real ones of this size have.
+inline constexpr std::size_t kMostParts = 100'000;
+
+// The most rounds that a file may demand to turn its password into a key: ten times
+// what cautious programs write, a few seconds.
+inline constexpr long kMostIterations = 10'000'000;
+
+// The password of an encrypted key or PKCS#12 file. Called only when one is needed and
+// the empty one is not it; the same one is good for all of a file. Throws what the
+// user is to be told when there is none.
+using InputPassword = std::function<const SecretText&()>;
+
+struct PkiPart {
+    unsigned int line = 0;  // where its PEM block begins; 0 in a binary file
+    std::string label;      // what the file calls it; may be empty
+    // kWrongPassword, kMalformed, or what the password's source threw.
+    std::variant<PkiObject, Failure> content;
+};
+
+// The parts in the order of the file, at least one.
+std::vector<PkiPart> decodePki(std::span<const unsigned char> bytes, const InputPassword& password);
+
+}  // namespace fstore
+
+#endif  // LIB_PKI_DECODE_H

@@ -1,0 +1,61 @@
+// Certificates, CRLs, private keys and certificate requests as they are stored: DER,
+// and attributes that tell what is in it without decoding it again.
+//
+// Any thread may call any of these.
+#ifndef LIB_PKI_OBJECT_H
+#define LIB_PKI_OBJECT_H
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "cmn/secret_bytes.h"
+#include "lib/records/attributes.h"
+
+namespace fstore {
+
+// An attribute of a record; the type is told by what it holds.
+struct PkiAttribute {
+    unsigned int id = 0;
+    std::variant<std::uint32_t, std::string, std::vector<unsigned char>> value;
+
+    bool operator==(const PkiAttribute&) const = default;
+};
+
+struct PkiObject {
+    Kind kind = Kind::kUnknown;
+    SecretBytes der;    // of a key: PKCS#8, not encrypted
+    std::string title;  // what people call it, for its record's name; may be empty
+
+    std::vector<unsigned char> sha256;     // of `der`
+    std::vector<unsigned char> keySha256;  // of the public key; empty for a CRL
+
+    // In the order of their ids; empty texts are left out. The time of import and a
+    // label are the importer's to add.
+    std::vector<PkiAttribute> attributes;
+};
+
+// No object but a CRL is larger: a certificate of a thousand names has some 30 KiB,
+// and what is done with names takes more than a time in proportion.
+inline constexpr std::size_t kMostObject = 1 << 20;
+
+// Reads the DER of an object of this kind, all of it. Throws kMalformed when it is
+// something else, is damaged, goes on behind the object, or exceeds kMostObject.
+PkiObject readPkiObject(Kind kind, SecretBytes der);
+
+// The object's record name when the user gives none: `label` if there is one, or
+// else its title, reduced to [A-Za-z0-9._-] and 64 characters, "-", and 8 digits of the
+// object's SHA-256.
+std::string recordNameFor(const PkiObject& object, std::string_view label);
+
+// The folder in which an object of this kind is kept: "keys", "crls", "crm",
+// "certificates/local" for a certificate whose key we have, else
+// "certificates/remote".
+const char* folderFor(Kind kind, bool hasKey);
+
+}  // namespace fstore
+
+#endif  // LIB_PKI_OBJECT_H

@@ -1,0 +1,103 @@
+// Owners of OpenSSL's objects, and a scope that leaves no error of OpenSSL behind.
+#ifndef LIB_PKI_OSSL_H
+#define LIB_PKI_OSSL_H
+
+#include <memory>
+#include <span>
+
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/pkcs12.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+
+#include "cmn/secret_bytes.h"
+
+namespace fstore::ossl {
+
+template <auto Free>
+struct FreeWith {
+    template <class T>
+    void operator()(T* object) const noexcept {
+        Free(object);
+    }
+};
+template <class T, auto Free>
+using Owner = std::unique_ptr<T, FreeWith<Free>>;
+
+// The stacks' own functions are macros.
+inline void freeCertificates(STACK_OF(X509) * stack) {
+    sk_X509_free(stack);
+}
+inline void freeExtensions(STACK_OF(X509_EXTENSION) * stack) {
+    sk_X509_EXTENSION_pop_free(stack, X509_EXTENSION_free);
+}
+inline void freeBags(STACK_OF(PKCS12_SAFEBAG) * stack) {
+    sk_PKCS12_SAFEBAG_pop_free(stack, PKCS12_SAFEBAG_free);
+}
+inline void freeSafes(STACK_OF(PKCS7) * stack) {
+    sk_PKCS7_pop_free(stack, PKCS7_free);
+}
+inline void freeText(void* text) {
+    OPENSSL_free(text);
+}
+
+using AuthorityKeyId = Owner<AUTHORITY_KEYID, AUTHORITY_KEYID_free>;
+using Bags = Owner<STACK_OF(PKCS12_SAFEBAG), freeBags>;
+using Bio = Owner<BIO, BIO_free_all>;
+using Certificate = Owner<X509, X509_free>;
+using Certificates = Owner<STACK_OF(X509), freeCertificates>;  // does not own what is in it
+using Crl = Owner<X509_CRL, X509_CRL_free>;
+using Extensions = Owner<STACK_OF(X509_EXTENSION), freeExtensions>;
+using GeneralNames = Owner<GENERAL_NAMES, GENERAL_NAMES_free>;
+using Integer = Owner<ASN1_INTEGER, ASN1_INTEGER_free>;
+using KeyInfo = Owner<PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free>;
+using OctetString = Owner<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>;
+using Pbes1 = Owner<PBEPARAM, PBEPARAM_free>;
+using Pbes2 = Owner<PBE2PARAM, PBE2PARAM_free>;
+using Pbkdf2 = Owner<PBKDF2PARAM, PBKDF2PARAM_free>;
+using Pkcs12 = Owner<PKCS12, PKCS12_free>;
+using Pkey = Owner<EVP_PKEY, EVP_PKEY_free>;
+using Request = Owner<X509_REQ, X509_REQ_free>;
+using Safes = Owner<STACK_OF(PKCS7), freeSafes>;
+using Scrypt = Owner<SCRYPT_PARAMS, SCRYPT_PARAMS_free>;
+using Sealed = Owner<X509_SIG, X509_SIG_free>;  // an encrypted private key
+using Text = Owner<char, freeText>;
+
+// Decodes all of the bytes, or answers null: `Decode` is a function as d2i_X509 is.
+template <class Owned, auto Decode>
+Owned decodeWhole(std::span<const unsigned char> der) {
+    const unsigned char* at = der.data();
+    Owned object(Decode(nullptr, &at, static_cast<long>(der.size())));
+    if (object != nullptr && at != der.data() + der.size()) {
+        object.reset();
+    }
+    return object;
+}
+
+// What `Encode`, a function as i2d_X509 is, makes of the object; empty when the object
+// is null or has no such form.
+template <auto Encode, class T>
+SecretBytes encoded(const T* object) {
+    const int size = object != nullptr ? Encode(object, nullptr) : -1;
+    SecretBytes der(size > 0 ? static_cast<std::size_t>(size) : 0);
+    unsigned char* at = der.data();
+    if (!der.empty() && Encode(object, &at) != size) {
+        der.clear();
+    }
+    return der;
+}
+
+// What failed is told in our own words, so OpenSSL's are dropped when this goes.
+class QuietErrors {
+public:
+    QuietErrors() noexcept { ERR_set_mark(); }
+    QuietErrors(const QuietErrors&) = delete;
+    QuietErrors& operator=(const QuietErrors&) = delete;
+    ~QuietErrors() { ERR_pop_to_mark(); }
+};
+
+}  // namespace fstore::ossl
+
+#endif  // LIB_PKI_OSSL_H

@@ -1,0 +1,65 @@
+// What a password of an input file is tried on, and how much work that may cost.
+#ifndef LIB_PKI_PASSWORD_H
+#define LIB_PKI_PASSWORD_H
+
+#include <cstdint>
+
+#include <openssl/x509.h>
+
+#include "lib/pki/decode.h"
+
+namespace fstore {
+
+// The rounds that an algorithm takes to turn a password into a key; 0 for one that we
+// do not know, which OpenSSL then refuses.
+std::uint64_t roundsOf(const X509_ALGOR& algorithm);
+
+// The password of one file. Throws kMalformed when what was tried costs more than
+// kMostIterations in all.
+class FilePassword {
+public:
+    explicit FilePassword(const InputPassword& ask) : ask_(ask) {}
+    FilePassword(const FilePassword&) = delete;
+    FilePassword& operator=(const FilePassword&) = delete;
+
+    // The user's password, for `rounds` rounds.
+    const SecretText& get(std::uint64_t rounds);
+
+    // What attempt(text, length) answers for the password that fits, or else null or
+    // false: the absent one, the empty one, or the user's. What has fitted once is
+    // taken from then on.
+    template <class Attempt>
+    auto find(std::uint64_t rounds, Attempt attempt) {
+        if (known_ == Known::kNothing) {
+            for (const Known blank : {Known::kAbsent, Known::kEmpty}) {
+                spend(rounds);
+                if (auto opened = attempt(blank == Known::kAbsent ? nullptr : "", 0)) {
+                    known_ = blank;
+                    return opened;
+                }
+            }
+        } else if (known_ != Known::kUsers) {
+            spend(rounds);
+            return attempt(known_ == Known::kAbsent ? nullptr : "", 0);
+        }
+        const SecretText& password = get(rounds);
+        auto opened = attempt(password.c_str(), static_cast<int>(password.size()));
+        if (opened) {
+            known_ = Known::kUsers;
+        }
+        return opened;
+    }
+
+private:
+    enum class Known { kNothing, kAbsent, kEmpty, kUsers };
+
+    void spend(std::uint64_t rounds);
+
+    const InputPassword& ask_;
+    Known known_ = Known::kNothing;
+    std::uint64_t left_ = kMostIterations;
+};
+
+}  // namespace fstore
+
+#endif  // LIB_PKI_PASSWORD_H

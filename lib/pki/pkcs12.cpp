@@ -1,0 +1,155 @@
+#include "lib/pki/pkcs12.h"
+
+#include <deque>
+#include <string>
+#include <utility>
+
+#include <openssl/provider.h>
+
+#include "lib/base/error.h"
+#include "lib/pki/ossl.h"
+#include "lib/pki/secret_key.h"
+
+namespace fstore {
+namespace {
+
+// The ciphers that OpenSSL has set aside: files of older programs are encrypted with
+// RC2. Where that part of it is not installed, such files fail to open.
+using OldCiphers = ossl::Owner<OSSL_PROVIDER, OSSL_PROVIDER_unload>;
+
+OldCiphers loadOldCiphers() {
+    constexpr int kBesideTheUsual = 1;
+    return OldCiphers(OSSL_PROVIDER_try_load(nullptr, "legacy", kBesideTheUsual));
+}
+
+SecretBytes keyOf(const PKCS8_PRIV_KEY_INFO* info) {
+    const ossl::Pkey key(info != nullptr ? EVP_PKCS82PKEY(info) : nullptr);
+    if (key == nullptr) {
+        throw Failure(kMalformed, "the key is damaged, or of an unknown algorithm");
+    }
+    return pkcs8Of(*key);
+}
+
+SecretBytes shroudedKeyOf(const PKCS12_SAFEBAG* bag, FilePassword& password) {
+    const X509_SIG* const sealed = PKCS12_SAFEBAG_get0_pkcs8(bag);
+    const X509_ALGOR* algorithm = nullptr;
+    X509_SIG_get0(sealed, &algorithm, nullptr);
+    const auto info = password.find(roundsOf(*algorithm), [&](const char* text, int length) {
+        return ossl::KeyInfo(PKCS8_decrypt(sealed, text, length));
+    });
+    if (info == nullptr) {
+        throw Failure(kMalformed, "the key cannot be decrypted");
+    }
+    return keyOf(info.get());
+}
+
+PkiObject objectOf(const PKCS12_SAFEBAG* bag, FilePassword& password) {
+    switch (PKCS12_SAFEBAG_get_nid(bag)) {
+        case NID_keyBag:
+            return readPkiObject(Kind::kKey, keyOf(PKCS12_SAFEBAG_get0_p8inf(bag)));
+        case NID_pkcs8ShroudedKeyBag:
+            return readPkiObject(Kind::kKey, shroudedKeyOf(bag, password));
+        case NID_certBag: {
+            const ossl::Certificate certificate(PKCS12_SAFEBAG_get1_cert(bag));
+            return readPkiObject(Kind::kCertificate, ossl::encoded<i2d_X509>(certificate.get()));
+        }
+        case NID_crlBag: {
+            const ossl::Crl crl(PKCS12_SAFEBAG_get1_crl(bag));
+            return readPkiObject(Kind::kCrl, ossl::encoded<i2d_X509_CRL>(crl.get()));
+        }
+        default:
+            throw Failure(kMalformed, "a PKCS#12 entry of an unknown kind");
+    }
+}
+
+PkiPart partOf(PKCS12_SAFEBAG* bag, FilePassword& password) {
+    const ossl::Text label(PKCS12_get_friendlyname(bag));
+    try {
+        return {0, label != nullptr ? label.get() : "", objectOf(bag, password)};
+    } catch (const Failure& failure) {
+        return {0, label != nullptr ? label.get() : "", failure};
+    }
+}
+
+void addParts(const STACK_OF(PKCS12_SAFEBAG) * bags, FilePassword& password,
+              std::vector<PkiPart>& parts) {
+    std::deque<const STACK_OF(PKCS12_SAFEBAG)*> left{bags};
+    while (!left.empty()) {
+        const auto* const some = left.front();
+        left.pop_front();
+        for (int i = 0; i < sk_PKCS12_SAFEBAG_num(some); ++i) {
+            PKCS12_SAFEBAG* const bag = sk_PKCS12_SAFEBAG_value(some, i);
+            if (PKCS12_SAFEBAG_get_nid(bag) == NID_safeContentsBag) {
+                left.push_back(PKCS12_SAFEBAG_get0_safes(bag));
+            } else {
+                parts.push_back(partOf(bag, password));
+            }
+        }
+    }
+}
+
+ossl::Bags bagsOf(PKCS7* safe, FilePassword& password) {
+    if (PKCS7_type_is_data(safe)) {
+        return ossl::Bags(PKCS12_unpack_p7data(safe));
+    }
+    if (!PKCS7_type_is_encrypted(safe)) {
+        return nullptr;
+    }
+    const std::uint64_t rounds = roundsOf(*safe->d.encrypted->enc_data->algorithm);
+    return password.find(rounds, [&](const char* text, int length) {
+        return ossl::Bags(PKCS12_unpack_p7encdata(safe, text, length));
+    });
+}
+
+void checkMac(PKCS12& file, FilePassword& password) {
+    if (PKCS12_mac_present(&file) != 1) {
+        return;
+    }
+    const ASN1_INTEGER* iterations = nullptr;
+    PKCS12_get0_mac(nullptr, nullptr, nullptr, &iterations, &file);
+    std::uint64_t rounds = 1;
+    if (iterations != nullptr && ASN1_INTEGER_get_uint64(&rounds, iterations) != 1) {
+        throw Failure(kMalformed, "the PKCS#12 file is damaged");
+    }
+    const bool right = password.find(rounds, [&](const char* text, int length) {
+        return PKCS12_verify_mac(&file, text, length) == 1;
+    });
+    if (!right) {
+        throw Failure(kWrongPassword, "the password does not open this PKCS#12 file");
+    }
+}
+
+}  // namespace
+
+std::optional<std::vector<PkiPart>> partsOfPkcs12(std::span<const unsigned char> der,
+                                                  FilePassword& password) {
+    const ossl::QuietErrors quiet;
+    const auto file = ossl::decodeWhole<ossl::Pkcs12, d2i_PKCS12>(der);
+    if (file == nullptr) {
+        return std::nullopt;
+    }
+    const OldCiphers oldCiphers = loadOldCiphers();
+    checkMac(*file, password);
+    const ossl::Safes safes(PKCS12_unpack_authsafes(file.get()));
+    if (safes == nullptr) {
+        throw Failure(kMalformed, "the PKCS#12 file is damaged, or signed instead of encrypted");
+    }
+    std::vector<PkiPart> parts;
+    for (int i = 0; i < sk_PKCS7_num(safes.get()); ++i) {
+        const ossl::Bags bags = bagsOf(sk_PKCS7_value(safes.get(), i), password);
+        if (bags == nullptr) {
+            parts.push_back({0, "",
+                             Failure(kMalformed,
+                                     "a part of the PKCS#12 file cannot be "
+                                     "decrypted, or is damaged")});
+            continue;
+        }
+        addParts(bags.get(), password, parts);
+    }
+    if (parts.empty()) {
+        throw Failure(kMalformed, "the PKCS#12 file holds nothing");
+    }
+    return parts;
+}
+
+}  // namespace fstore

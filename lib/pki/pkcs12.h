@@ -1,0 +1,22 @@
+// The keys, certificates and CRLs of a PKCS#12 file.
+#ifndef LIB_PKI_PKCS12_H
+#define LIB_PKI_PKCS12_H
+
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "lib/pki/decode.h"
+#include "lib/pki/password.h"
+
+namespace fstore {
+
+// The file's parts, at least one. None when it is not a PKCS#12 file. Throws
+// kWrongPassword, kMalformed when the file as a whole is damaged, and what the
+// password's source throws.
+std::optional<std::vector<PkiPart>> partsOfPkcs12(std::span<const unsigned char> der,
+                                                  FilePassword& password);
+
+}  // namespace fstore
+
+#endif  // LIB_PKI_PKCS12_H

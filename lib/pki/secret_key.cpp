@@ -1,0 +1,52 @@
+#include "lib/pki/secret_key.h"
+
+#include "lib/base/error.h"
+#include "lib/pki/ossl.h"
+
+namespace fstore {
+
+SecretBytes pkcs8Of(const EVP_PKEY& key) {
+    const ossl::KeyInfo info(EVP_PKEY2PKCS8(&key));
+    SecretBytes der = ossl::encoded<i2d_PKCS8_PRIV_KEY_INFO>(info.get());
+    if (der.empty()) {
+        throw Failure(kMalformed, "a key of this algorithm has no PKCS#8 form");
+    }
+    return der;
+}
+
+std::optional<SecretBytes> keyFromPlain(std::span<const unsigned char> der) {
+    const ossl::QuietErrors quiet;
+    if (der.size() > kMostObject) {  // hostile bytes would cost a second a megabyte
+        return std::nullopt;
+    }
+    const unsigned char* at = der.data();
+    const ossl::Pkey key(d2i_AutoPrivateKey(nullptr, &at, static_cast<long>(der.size())));
+    if (key == nullptr || at != der.data() + der.size()) {
+        return std::nullopt;
+    }
+    return pkcs8Of(*key);
+}
+
+std::optional<SecretBytes> keyFromSealed(std::span<const unsigned char> der,
+                                         FilePassword& password) {
+    const ossl::QuietErrors quiet;
+    const auto sealed = ossl::decodeWhole<ossl::Sealed, d2i_X509_SIG>(der);
+    if (sealed == nullptr) {
+        return std::nullopt;
+    }
+    const X509_ALGOR* algorithm = nullptr;
+    X509_SIG_get0(sealed.get(), &algorithm, nullptr);
+    const SecretText& text = password.get(roundsOf(*algorithm));
+    const ossl::KeyInfo info(
+        PKCS8_decrypt(sealed.get(), text.c_str(), static_cast<int>(text.size())));
+    if (info == nullptr) {
+        throw Failure(kWrongPassword, "the password does not open this key");
+    }
+    const ossl::Pkey key(EVP_PKCS82PKEY(info.get()));
+    if (key == nullptr) {
+        throw Failure(kMalformed, "the key is damaged, or of an unknown algorithm");
+    }
+    return pkcs8Of(*key);
+}
+
+}  // namespace fstore

@@ -1,0 +1,103 @@
+#include "lib/records/address.h"
+
+#include <fmt/format.h>
+
+#include "lib/base/error.h"
+#include "lib/base/text.h"
+
+namespace fstore {
+namespace {
+
+constexpr std::string_view kDigest = "sha256:";
+constexpr std::size_t kLongestDigest = 64;
+// A file name has 255 bytes, of which ".dsc" and a marker such as ".$n$" take eight.
+constexpr std::size_t kLongestName = 255 - 8;
+
+[[noreturn]] void fail(std::string_view text, const char* why) {
+    throw Failure(kInvalid, fmt::format("\"{}\" is no address of a record: {}", text, why),
+                  std::string(text));
+}
+
+void checkName(std::string_view text, std::string_view name) {
+    if (name.empty() || name == "." || name == "..") {
+        fail(text, "it has no name");
+    }
+    if (name.find('\0') != std::string_view::npos) {
+        fail(text, "it has a NUL byte in it");
+    }
+    if (name.size() > kLongestName) {
+        fail(text, "its name is longer than 247 bytes");
+    }
+}
+
+}  // namespace
+
+std::string Address::print() const {
+    return fmt::format("{}/{}", folder.empty() ? "." : folder, name);
+}
+
+AddressText parseAddress(std::string_view text) {
+    AddressText address;
+    if (text.starts_with(kDigest)) {
+        const auto digits = hexDigits(text.substr(kDigest.size()));
+        if (!digits || digits->empty() || digits->size() > kLongestDigest) {
+            fail(text, "after \"sha256:\" come 1 to 64 hexadecimal digits");
+        }
+        address.form = AddressText::Form::kDigest;
+        address.digest = *digits;
+        return address;
+    }
+    const std::size_t slash = text.rfind('/');
+    address.form =
+        slash == std::string_view::npos ? AddressText::Form::kBare : AddressText::Form::kPlace;
+    if (slash != std::string_view::npos) {
+        address.place.folder = parseFolder(text.substr(0, slash));
+    }
+    address.place.name = text.substr(slash + 1);  // all of it without a slash: npos + 1 is 0
+    checkName(text, address.place.name);
+    return address;
+}
+
+Address parseNewAddress(std::string_view text) {
+    const AddressText address = parseAddress(text);
+    if (address.form != AddressText::Form::kPlace) {
+        fail(text, "for a new record the folder is needed, as in \"settings/name\"");
+    }
+    if (printable(address.place.name) != address.place.name) {
+        fail(text, "its name has characters that cannot be shown");
+    }
+    return address.place;
+}
+
+std::string parseFolder(std::string_view text) {
+    std::string folder;
+    std::size_t depth = 0;
+    while (!text.empty()) {
+        const std::size_t slash = text.find('/');
+        const std::string_view part = text.substr(0, slash);
+        text.remove_prefix(slash == std::string_view::npos ? text.size() : slash + 1);
+        if (part == ".." || part.find('\0') != std::string_view::npos) {
+            throw Failure(kInvalid,
+                          "a folder of the database is named from \"db\" downwards, "
+                          "as in \"certificates/local\"");
+        }
+        if (part.empty() || part == "." || (depth == 0 && part == "db")) {
+            continue;
+        }
+        if (depth++ != 0) {
+            folder += '/';
+        }
+        folder += part;
+    }
+    return folder;
+}
+
+std::string folderPath(const std::string& folder) {
+    return folder.empty() ? "./db" : "./db/" + folder;
+}
+
+std::string descriptorPath(const Address& address) {
+    return fmt::format("{}/{}.dsc", folderPath(address.folder), address.name);
+}
+
+}  // namespace fstore

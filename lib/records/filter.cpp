@@ -1,0 +1,255 @@
+#include "lib/records/filter.h"
+
+#include <algorithm>
+#include <charconv>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "lib/base/error.h"
+#include "lib/base/text.h"
+
+namespace fstore {
+namespace {
+
+struct Name {
+    unsigned int id;
+    std::string_view name;
+};
+
+constexpr Name kNames[] = {
+    {attr::kSchema, "schema"},
+    {attr::kKind, "kind"},
+    {attr::kLabel, "label"},
+    {attr::kSubject, "subject"},
+    {attr::kIssuer, "issuer"},
+    {attr::kSerial, "serial"},
+    {attr::kNotBefore, "not-before"},
+    {attr::kNotAfter, "not-after"},
+    {attr::kSubjectSha256, "subject-sha256"},
+    {attr::kSha256, "sha256"},
+    {attr::kKeyAlgorithm, "key-algorithm"},
+    {attr::kKeySha256, "key-sha256"},
+    {attr::kSubjectKeyId, "subject-key-id"},
+    {attr::kAuthorityKeyId, "authority-key-id"},
+    {attr::kAltName, "alt-name"},
+    {attr::kBits, "bits"},
+    {attr::kCrlNumber, "crl-number"},
+    {attr::kImported, "imported"},
+};
+
+[[noreturn]] void failOption(const char* option, const std::string& value, const char* expected) {
+    throw Failure(kUsage, fmt::format("{} {}: {}", option, value, expected));
+}
+
+// Digits without colons and without zeros in front, which number and text may differ in.
+std::string digitsOfNumber(std::string_view text) {
+    std::string digits(text);
+    std::erase(digits, ':');
+    digits = hexDigits(digits).value_or(std::string());
+    digits.erase(0, std::min(digits.find_first_not_of('0'), digits.size()));
+    return digits.empty() ? "0" : digits;
+}
+
+std::optional<std::uint32_t> parseNumber(std::string_view text) {
+    const bool hex = text.starts_with("0x") || text.starts_with("0X");
+    text.remove_prefix(hex ? 2 : 0);
+    std::uint32_t value = 0;
+    const auto [end, error] =
+        std::from_chars(text.data(), text.data() + text.size(), value, hex ? 16 : 10);
+    if (error != std::errc() || end != text.data() + text.size()) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+}  // namespace
+
+void addFilterOptions(CLI::App& app, Filters& filters) {
+    const char* const group = "Filters (all must hold)";
+    app.add_option("--expires-within", filters.expiresWithin,
+                   "Expired, or about to within a period: 30d, 12h, 2w, 1y")
+        ->type_name("PERIOD")
+        ->group(group);
+    app.add_flag("--expired", filters.expired, "No longer valid")->group(group);
+    app.add_option("--subject", filters.subject, "Subject, as a pattern or a part of it")
+        ->type_name("GLOB")
+        ->group(group);
+    app.add_option("--issuer", filters.issuer, "Issuer")->type_name("GLOB")->group(group);
+    app.add_option("--san", filters.altName, "A subject alternative name")
+        ->type_name("GLOB")
+        ->group(group);
+    app.add_option("--serial", filters.serial, "Serial number")->type_name("HEX")->group(group);
+    app.add_option("--sha256", filters.sha256, "First digits of the SHA-256 of the body")
+        ->type_name("HEX")
+        ->group(group);
+    app.add_option("--alg", filters.algorithm, "Key algorithm: RSA, RSA-2048, EC*")
+        ->type_name("NAME")
+        ->group(group);
+    CLI::Option* const hasKey =
+        app.add_flag("--has-key", filters.hasKey, "Certificates and requests whose key is here")
+            ->group(group);
+    app.add_flag("--no-key", filters.noKey, "Certificates and requests whose key is not here")
+        ->excludes(hasKey)
+        ->group(group);
+    app.add_option("--attr", filters.attributes, "An attribute, by id or name, and its value")
+        ->type_name("ID[=VALUE]")
+        ->allow_extra_args(false)
+        ->group(group);
+}
+
+Filter::Filter(const Filters& filters, std::int64_t now) : filters_(filters), now_(now) {
+    if (filters.expiresWithin) {
+        const auto period = parsePeriod(*filters.expiresWithin);
+        if (!period) {
+            failOption("--expires-within", *filters.expiresWithin,
+                       "a period is a number and s, m, h, d, w or y, as in 30d");
+        }
+        expiresBefore_ = now + *period;
+    }
+    if (filters.serial) {
+        std::string digits = *filters.serial;
+        std::erase(digits, ':');
+        if (digits.empty() || !hexDigits(digits)) {
+            failOption("--serial", *filters.serial, "a serial number has hexadecimal digits");
+        }
+        serial_ = digitsOfNumber(digits);
+    }
+    if (filters.sha256) {
+        const auto digits = hexDigits(*filters.sha256);
+        if (!digits || digits->empty()) {
+            failOption("--sha256", *filters.sha256, "a digest has hexadecimal digits");
+        }
+        sha256_ = *digits;
+    }
+    for (const std::string& text : filters.attributes) {
+        const std::size_t equals = text.find('=');
+        const auto id = parseAttributeId(std::string_view(text).substr(0, equals));
+        if (!id) {
+            failOption("--attr", text, "an attribute has a number or a name, as in 0x8001=red");
+        }
+        attributes_.push_back({*id, equals == std::string::npos
+                                        ? std::nullopt
+                                        : std::optional(text.substr(equals + 1))});
+    }
+}
+
+bool Filter::matches(const Record& record, const RecordInfo& info) const {
+    return matchesExpiry(info) && matchesNames(info) && matchesDigits(info) && matchesKey(info) &&
+           std::ranges::all_of(attributes_, [&](const Attribute& wanted) {
+               return matchesAttribute(record, wanted);
+           });
+}
+
+bool Filter::matchesExpiry(const RecordInfo& info) const {
+    if (!filters_.expired && !expiresBefore_) {
+        return true;
+    }
+    // What has expired also counts as about to: an alarm must not fall silent when
+    // nobody heard it.
+    return info.notAfter && (!filters_.expired || *info.notAfter < now_) &&
+           (!expiresBefore_ || *info.notAfter <= *expiresBefore_);
+}
+
+bool Filter::matchesNames(const RecordInfo& info) const {
+    if (filters_.subject && !hasPattern(*filters_.subject, info.subject)) {
+        return false;
+    }
+    if (filters_.issuer && !hasPattern(*filters_.issuer, info.issuer)) {
+        return false;
+    }
+    if (filters_.altName && std::ranges::none_of(info.altNames, [&](const std::string& name) {
+            // "DNS:host" is found by "host" as well as by the whole of it.
+            const std::size_t colon = name.find(':');
+            return hasPattern(*filters_.altName, name) ||
+                   (colon != std::string::npos &&
+                    hasPattern(*filters_.altName, std::string_view(name).substr(colon + 1)));
+        })) {
+        return false;
+    }
+    // "RSA" finds "RSA-2048".
+    return !filters_.algorithm || matchesGlob(*filters_.algorithm, info.keyAlgorithm) ||
+           matchesGlob(*filters_.algorithm + "-*", info.keyAlgorithm);
+}
+
+bool Filter::matchesDigits(const RecordInfo& info) const {
+    if (filters_.serial && (info.serial.empty() || digitsOfNumber(info.serial) != serial_)) {
+        return false;
+    }
+    return !filters_.sha256 || info.sha256.starts_with(sha256_);
+}
+
+bool Filter::matchesKey(const RecordInfo& info) const {
+    if (!needsKeys()) {
+        return true;
+    }
+    if (info.kind != Kind::kCertificate && info.kind != Kind::kRequest) {
+        return false;
+    }
+    return (!info.keySha256.empty() && keys_.contains(info.keySha256)) == filters_.hasKey;
+}
+
+bool Filter::matchesAttribute(const Record& record, const Attribute& wanted) {
+    for (unsigned int i = 0; i < record.count(); ++i) {
+        if (record.id(i) != wanted.id) {
+            continue;
+        }
+        if (!wanted.value) {
+            return true;
+        }
+        if (!record.isKnown(i)) {
+            continue;
+        }
+        const auto bytes = record.bytes(i);
+        std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+        switch (record.type(i)) {
+            case kNumber: {
+                const auto number = parseNumber(*wanted.value);
+                if (number && record.number(wanted.id) == *number) {
+                    return true;
+                }
+                break;
+            }
+            case kBinary: {
+                const auto value = fromHex(*wanted.value);
+                if ((value && std::ranges::equal(*value, bytes)) ||
+                    hasPattern(*wanted.value, text)) {
+                    return true;
+                }
+                break;
+            }
+            default:
+                text = text.substr(0, text.find('\0'));
+                if (hasPattern(*wanted.value, text)) {
+                    return true;
+                }
+                break;
+        }
+    }
+    return false;
+}
+
+bool hasPattern(std::string_view pattern, std::string_view text) {
+    const bool isPlain = pattern.find_first_of("*?[") == std::string_view::npos;
+    return matchesGlob(isPlain ? fmt::format("*{}*", pattern) : std::string(pattern), text);
+}
+
+std::optional<unsigned int> parseAttributeId(std::string_view text) {
+    for (const Name& known : kNames) {
+        if (known.name == text) {
+            return known.id;
+        }
+    }
+    return parseNumber(text);
+}
+
+std::string_view attributeName(unsigned int id) {
+    for (const Name& known : kNames) {
+        if (known.id == id) {
+            return known.name;
+        }
+    }
+    return {};
+}
+
+}  // namespace fstore

@@ -1,0 +1,80 @@
+// Which records a listing shows. All conditions that were given must hold.
+#ifndef LIB_RECORDS_FILTER_H
+#define LIB_RECORDS_FILTER_H
+
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "lib/records/record.h"
+
+namespace CLI {
+class App;
+}
+
+namespace fstore {
+
+struct Filters {
+    std::optional<std::string> expiresWithin;  // a period
+    bool expired = false;
+    std::optional<std::string> subject, issuer, altName;  // patterns
+    std::optional<std::string> serial;                    // hexadecimal digits
+    std::optional<std::string> sha256;                    // the first of them
+    std::optional<std::string> algorithm;
+    bool hasKey = false;
+    bool noKey = false;
+    std::vector<std::string> attributes;  // "ID" or "ID=VALUE"
+};
+
+// Adds the options that fill `filters`.
+void addFilterOptions(CLI::App& app, Filters& filters);
+
+class Filter {
+public:
+    // Throws kUsage for a period, number or attribute that cannot be read. `now` is
+    // the moment that expiry is counted from.
+    Filter(const Filters& filters, std::int64_t now);
+
+    // Whether matches() needs to know the keys of the database.
+    bool needsKeys() const noexcept { return filters_.hasKey || filters_.noKey; }
+    // The digests (RecordInfo::keySha256) of the keys that the database has.
+    void setKeys(std::set<std::string> keys) { keys_ = std::move(keys); }
+
+    bool matches(const Record& record, const RecordInfo& info) const;
+
+private:
+    struct Attribute {
+        unsigned int id;
+        std::optional<std::string> value;
+    };
+
+    bool matchesExpiry(const RecordInfo& info) const;
+    bool matchesNames(const RecordInfo& info) const;
+    bool matchesDigits(const RecordInfo& info) const;
+    bool matchesKey(const RecordInfo& info) const;
+    static bool matchesAttribute(const Record& record, const Attribute& wanted);
+
+    Filters filters_;
+    std::int64_t now_;
+    std::optional<std::int64_t> expiresBefore_;
+    std::string serial_, sha256_;
+    std::vector<Attribute> attributes_;
+    std::set<std::string> keys_;
+};
+
+// Whether a text has what the user looks for: a pattern that matches all of it, or
+// words without "*", "?" and "[" that stand anywhere in it; letters in either case.
+bool hasPattern(std::string_view pattern, std::string_view text);
+
+// An attribute's id as users write it: "0x8001", decimal, or the name of one that the
+// tool gives ("label"). None for anything else.
+std::optional<unsigned int> parseAttributeId(std::string_view text);
+
+// "label", "subject", ...; empty for an id that has no name.
+std::string_view attributeName(unsigned int id);
+
+}  // namespace fstore
+
+#endif  // LIB_RECORDS_FILTER_H

@@ -1,0 +1,433 @@
+#include "lib/records/record.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include <fmt/format.h>
+#include <openssl/evp.h>
+
+#include "lib/base/error.h"
+#include "lib/base/files.h"
+#include "lib/base/text.h"
+#include "os/files.h"
+
+namespace fstore {
+namespace {
+
+constexpr unsigned int kNone = 0xFFFFFFFF;
+
+[[noreturn]] void failNoService() {
+    throw Failure(kNoObject, "the store's modules do not give a record");
+}
+
+unsigned int sizeOf(std::span<const unsigned char> bytes) {
+    return static_cast<unsigned int>(bytes.size());
+}
+
+const unsigned char* dataOf(std::span<const unsigned char> bytes) {
+    static constexpr unsigned char kNothing = 0;  // null would be refused
+    return bytes.empty() ? &kNothing : bytes.data();
+}
+
+std::span<const unsigned char> asBytes(std::string_view text) {
+    return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
+}
+
+void checkText(unsigned int id, std::string_view text) {
+    constexpr std::string_view kBlanks = " \t\v\f\r";
+    if (text.find_first_of(std::string_view("\n\0", 2)) != std::string_view::npos ||
+        (!text.empty() && kBlanks.find(text[0]) != std::string_view::npos)) {
+        throw Failure(kMalformed, fmt::format("the text of attribute 0x{:x} cannot be kept: it has "
+                                              "a line feed or a NUL in it, or a blank in front",
+                                              id));
+    }
+}
+
+// Two readable records hold the same.
+bool sameContents(const Record& a, const Record& b) {
+    if (a.count() != b.count() || a.hasBody() != b.hasBody() ||
+        !std::ranges::equal(a.body(), b.body())) {
+        return false;
+    }
+    for (unsigned int i = 0; i < a.count(); ++i) {
+        if (a.type(i) != b.type(i) || a.id(i) != b.id(i) || a.isEncrypted(i) != b.isEncrypted(i) ||
+            !std::ranges::equal(a.bytes(i), b.bytes(i))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Whether each step of the way is a folder, and not a link to one.
+bool isFolder(const std::string& folder) {
+    std::size_t end = 0;
+    while (end != std::string::npos) {
+        end = folder.find('/', end + 1);
+        if (os::entryTypeOf(folderPath(folder.substr(0, end)).c_str()) != os::EntryType::kFolder) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// NOLINTNEXTLINE(misc-no-recursion): as deep as folders are
+void visitFoldersFrom(const std::string& folder, const FolderVisitor& visit) {
+    std::vector<std::string> inside;
+    {
+        const std::vector<FolderEntry> entries = readFolder(folderPath(folder));
+        visit(folder, entries);
+        for (const FolderEntry& entry : entries) {
+            if (entry.type == FolderEntry::Type::kFolder) {
+                inside.push_back(folder.empty() ? entry.name : joined(folder, entry.name));
+            }
+        }
+    }
+    std::sort(inside.begin(), inside.end());
+    for (const std::string& each : inside) {
+        visitFoldersFrom(each, visit);
+    }
+}
+
+Failure noRecord(std::string_view name) {
+    return Failure(kMissing,
+                   fmt::format("there is no record {}; `fstore ls` lists what there is", name),
+                   std::string(name));
+}
+
+void checkRead(Status status, const Address& address) {
+    if (status == kOk) {
+        return;
+    }
+    if (status == kMissing && !exists(descriptorPath(address))) {
+        throw noRecord(address.print());
+    }
+    if (status == kMissing) {
+        throw Failure(kMissing,
+                      fmt::format("cannot read {}: its descriptor or its body file is missing or "
+                                  "cannot be opened; `fstore check` tells more",
+                                  address.print()),
+                      address.print());
+    }
+    check(status, fmt::format("cannot read {}", address.print()), address.print());
+}
+
+std::vector<Address> candidates(const AddressText& text) {
+    std::vector<Address> found;
+    for (const Address& address : allRecords()) {
+        if (text.form == AddressText::Form::kBare) {
+            if (address.name == text.place.name) {
+                found.push_back(address);
+            }
+            continue;
+        }
+        try {
+            if (infoOf(Record::read(address)).sha256.starts_with(text.digest)) {
+                found.push_back(address);
+            }
+        } catch (const Failure& failure) {
+            if (failure.status() == kNoMemory) {
+                throw;
+            }  // a damaged record has no digest; ls and check tell about it
+        }
+    }
+    return found;
+}
+
+}  // namespace
+
+Record::Record(Address address) : address_(std::move(address)) {
+    if (store_.target() == nullptr) {
+        failNoService();
+    }
+    const auto accept = [&](Status status) {
+        if (status != kOk) {  // a listing makes many, and none of them needs the sentence
+            check(status, fmt::format("cannot make {}", address_.print()), address_.print());
+        }
+    };
+    accept(store_.setFolderName(folderPath(address_.folder).c_str()));
+    accept(store_.setName(address_.name.c_str()));
+}
+
+Record Record::read(const Address& address) {
+    Record record(address);
+    checkRead(record.store_.read(), address);
+    record.readable_ = !record.hasSecrets();
+    return record;
+}
+
+bool Record::isThere(const Address& address) {
+    const std::string path = descriptorPath(address);
+    return exists(path) && os::entryTypeOf(path.c_str()) == os::EntryType::kFile;
+}
+
+bool Record::hasSecrets() const {
+    if (isBodyEncrypted()) {
+        return true;
+    }
+    const unsigned int all = count();
+    for (unsigned int i = 0; i < all; ++i) {
+        if (isEncrypted(i)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void Record::decrypt() {
+    if (readable_) {
+        return;
+    }
+    const Status status = store_.decrypt();
+    if (status == kIo) {
+        throw Failure(kIo,
+                      fmt::format("cannot decrypt {}: it is damaged, or was not encrypted with "
+                                  "this database's password",
+                                  address_.print()),
+                      address_.print());
+    }
+    check(status, fmt::format("cannot decrypt {}", address_.print()), address_.print());
+    readable_ = true;
+}
+
+std::span<const unsigned char> Record::bytes(unsigned int index) const {
+    return {store_.getAttr(index), store_.getAttrSize(index)};
+}
+
+std::optional<unsigned int> Record::find(unsigned int type, unsigned int id) const {
+    for (unsigned int i = 0; i < count(); ++i) {
+        if (this->type(i) == type && this->id(i) == id && isKnown(i)) {
+            return i;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<std::uint32_t> Record::number(unsigned int id) const {
+    const auto index = find(kNumber, id);
+    return index ? asNumber(kNumber, bytes(*index)) : std::nullopt;
+}
+
+std::optional<std::string> Record::text(unsigned int id) const {
+    auto index = find(kText, id);
+    if (!index) {
+        index = find(kBinary, id);
+    }
+    return index ? std::optional(std::string(asText(bytes(*index)))) : std::nullopt;
+}
+
+std::vector<std::string> Record::texts(unsigned int id) const {
+    std::vector<std::string> found;
+    for (unsigned int i = 0; i < count(); ++i) {
+        const bool isOne = type(i) == kText || type(i) == kBinary;
+        if (isOne && this->id(i) == id && isKnown(i)) {
+            found.emplace_back(asText(bytes(i)));
+        }
+    }
+    return found;
+}
+
+std::optional<std::vector<unsigned char>> Record::binary(unsigned int id) const {
+    const auto index = find(kBinary, id);
+    if (!index) {
+        return std::nullopt;
+    }
+    return std::vector<unsigned char>(bytes(*index).begin(), bytes(*index).end());
+}
+
+void Record::set(unsigned int type, unsigned int id, std::span<const unsigned char> bytes) {
+    check(store_.setAttr(type, id, dataOf(bytes), sizeOf(bytes)),
+          fmt::format("cannot set attribute 0x{:x} of {}", id, address_.print()), address_.print());
+}
+
+void Record::setNumber(unsigned int id, std::uint32_t value) {
+    unsigned char bytes[sizeof value];
+    std::memcpy(bytes, &value, sizeof value);
+    set(kNumber, id, bytes);
+}
+
+void Record::setText(unsigned int id, std::string_view text) {
+    setOrRemove(kText, id, text);
+}
+
+void Record::setString(unsigned int id, std::string_view text) {
+    setOrRemove(kString, id, text);
+}
+
+void Record::setOrRemove(unsigned int type, unsigned int id, std::string_view text) {
+    checkText(id, text);
+    if (text.empty()) {
+        if (const unsigned int index = store_.findAttr(type, id, nullptr, 0); index != kNone) {
+            check(store_.removeAttr(index), "cannot remove an attribute", address_.print());
+        }
+        return;
+    }
+    // A string is read up to its NUL, whatever the size.
+    const std::string terminated(text);
+    set(type, id, asBytes({terminated.c_str(), text.size() + (type == kString ? 1 : 0)}));
+}
+
+void Record::setBinary(unsigned int id, std::span<const unsigned char> bytes, bool encrypted) {
+    set(kBinary, id, bytes);
+    const unsigned int index = store_.findAttr(kBinary, id, nullptr, 0);
+    check(store_.setAttrFlag(index, encrypted ? 1 : 0), "cannot set an attribute",
+          address_.print());
+}
+
+void Record::addText(unsigned int id, std::string_view text) {
+    checkText(id, text);
+    if (!text.empty()) {
+        add(kText, id, asBytes(text));
+    }
+}
+
+void Record::addBinary(unsigned int id, std::span<const unsigned char> bytes, bool encrypted) {
+    add(kBinary, id, bytes);
+    check(store_.setAttrFlag(count() - 1, encrypted ? 1 : 0), "cannot add an attribute",
+          address_.print());
+}
+
+void Record::add(unsigned int type, unsigned int id, std::span<const unsigned char> bytes) {
+    check(store_.addAttr(type, id, dataOf(bytes), sizeOf(bytes)),
+          fmt::format("cannot add attribute 0x{:x} to {}", id, address_.print()), address_.print());
+}
+
+Record Record::copyTo(Address address) const {
+    Record copy(std::move(address));
+    for (unsigned int i = 0; i < count(); ++i) {
+        copy.add(type(i), id(i), bytes(i));
+        check(copy.store_.setAttrFlag(i, isEncrypted(i) ? 1 : 0), "cannot copy an attribute",
+              copy.address_.print());
+    }
+    if (hasBody()) {
+        copy.setBody(body(), isBodyEncrypted());
+    }
+    return copy;
+}
+
+unsigned int Record::removeAll(unsigned int id) {
+    unsigned int removed = 0;
+    for (unsigned int i = count(); i-- > 0;) {
+        if (this->id(i) == id) {
+            check(store_.removeAttr(i), "cannot remove an attribute", address_.print());
+            ++removed;
+        }
+    }
+    return removed;
+}
+
+std::span<const unsigned char> Record::body() const {
+    return hasBody() ? std::span(store_.getBody(), store_.getBodySize())
+                     : std::span<const unsigned char>();
+}
+
+void Record::setBody(std::span<const unsigned char> bytes, bool encrypted) {
+    const std::string what = fmt::format("cannot set the body of {}", address_.print());
+    if (bytes.size() > kMostBody) {
+        throw Failure(kInvalid, what + ": it is larger than a record can hold", address_.print());
+    }
+    check(store_.setBody(bytes.data(), sizeOf(bytes)), what, address_.print());
+    check(store_.setBodyFlag(encrypted ? 1 : 0), what, address_.print());
+}
+
+void Record::write() {
+    check(store_.write(), fmt::format("cannot write {}", address_.print()), address_.print());
+    if (hasSecrets()) {
+        verifyWritten();
+    }
+}
+
+void Record::verifyWritten() const {
+    Record stored = Record::read(address_);
+    stored.decrypt();
+    if (!sameContents(*this, stored)) {
+        throw Failure(kIo,
+                      fmt::format("{} does not read back as it was written; keep the original",
+                                  address_.print()),
+                      address_.print());
+    }
+}
+
+void Record::remove() {
+    check(store_.remove(), fmt::format("cannot remove {}", address_.print()), address_.print());
+}
+
+void requireFolder(const std::string& folder) {
+    if (!isFolder(folder)) {
+        throw Failure(kMissing, fmt::format("there is no folder {} in the database", folder),
+                      folder);
+    }
+}
+
+std::vector<unsigned char> sha256(std::span<const unsigned char> bytes) {
+    std::vector<unsigned char> digest(32);
+    if (EVP_Digest(bytes.data(), bytes.size(), digest.data(), nullptr, EVP_sha256(), nullptr) !=
+        1) {
+        throw Failure(kIo, "cannot compute a digest: OpenSSL refuses SHA-256");
+    }
+    return digest;
+}
+
+std::vector<std::string> allFolders() {
+    std::vector<std::string> folders;
+    visitFolders([&](const std::string& folder, const std::vector<FolderEntry>&) {
+        folders.push_back(folder);
+    });
+    return folders;
+}
+
+void visitFolders(const FolderVisitor& visit) {
+    visitFoldersFrom("", visit);
+}
+
+std::vector<Address> recordsOf(const std::string& folder) {
+    aFileStoreList list;
+    if (list.target() == nullptr) {
+        failNoService();
+    }
+    requireFolder(folder);
+    const std::string path = folderPath(folder);
+    check(list.readFromFolder(path.c_str()), fmt::format("cannot list {}", path), path);
+    std::vector<Address> found;
+    for (aFileStore record = list.getFirst(); record.target() != nullptr; record = list.getNext()) {
+        found.push_back({folder, record.getName()});
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+std::vector<Address> allRecords() {
+    std::vector<Address> found;
+    for (const std::string& folder : allFolders()) {
+        for (Address& address : recordsOf(folder)) {
+            if (!address.isInternal()) {
+                found.push_back(std::move(address));
+            }
+        }
+    }
+    return found;
+}
+
+Address resolve(std::string_view text) {
+    const AddressText wanted = parseAddress(text);
+    if (wanted.form == AddressText::Form::kPlace) {
+        if (!isFolder(wanted.place.folder) || !Record::isThere(wanted.place)) {
+            throw noRecord(wanted.place.print());
+        }
+        return wanted.place;
+    }
+    const std::vector<Address> found = candidates(wanted);
+    if (found.empty()) {
+        throw noRecord(text);
+    }
+    if (found.size() > 1) {
+        std::string names;
+        for (const Address& address : found) {
+            names += (names.empty() ? "" : ", ") + address.print();
+        }
+        throw Failure(kInvalid, fmt::format("{} may be {}; name one of them", text, names),
+                      std::string(text));
+    }
+    return found[0];
+}
+
+}  // namespace fstore

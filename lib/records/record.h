@@ -1,0 +1,131 @@
+// A record of the database, read and written whole, with failures that say which
+// record they are about; and what its attributes tell.
+//
+// Needs a Session that has entered the database. For one thread.
+#ifndef LIB_RECORDS_RECORD_H
+#define LIB_RECORDS_RECORD_H
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "client/file_store_exp.h"
+#include "lib/base/files.h"
+#include "lib/records/address.h"
+#include "lib/records/attributes.h"
+#include "lib/records/record_info.h"
+
+namespace fstore {
+
+class Record {
+public:
+    // A new record of this address, with nothing in it and not on disk.
+    explicit Record(Address address);
+
+    // The record as it is on disk. Throws kMissing when there is none, and what the
+    // store says when it cannot be read.
+    static Record read(const Address& address);
+
+    // Whether there is a record of this address.
+    static bool isThere(const Address& address);
+
+    const Address& address() const noexcept { return address_; }
+
+    // Whether something of it is kept encrypted, and whether that can be read now.
+    bool hasSecrets() const;
+    bool isReadable() const noexcept { return readable_; }
+    // Makes it readable; the database is open. Throws kIo for the wrong key and for
+    // damage, which cannot be told apart.
+    void decrypt();
+
+    // Attributes by index. While the record is not readable, the bytes of one that is
+    // kept encrypted are not those it stands for.
+    unsigned int count() const { return store_.getAttrCount(); }
+    unsigned int type(unsigned int index) const { return store_.getAttrType(index); }
+    unsigned int id(unsigned int index) const { return store_.getAttrID(index); }
+    bool isEncrypted(unsigned int index) const { return store_.getAttrFlag(index) != 0; }
+    bool isKnown(unsigned int index) const { return readable_ || !isEncrypted(index); }
+    std::span<const unsigned char> bytes(unsigned int index) const;
+
+    // The first attribute of this type and id whose contents can be read now.
+    std::optional<unsigned int> find(unsigned int type, unsigned int id) const;
+    std::optional<std::uint32_t> number(unsigned int id) const;
+    // Also of type kBinary: so a text is kept encrypted.
+    std::optional<std::string> text(unsigned int id) const;
+    std::vector<std::string> texts(unsigned int id) const;
+    std::optional<std::vector<unsigned char>> binary(unsigned int id) const;
+
+    // Sets the attribute of this type and id, or adds it. A text that is empty is
+    // removed instead. Throws kMalformed for a text that a descriptor cannot hold: with
+    // a line feed or a NUL in it, or a blank in front.
+    void setNumber(unsigned int id, std::uint32_t value);
+    void setText(unsigned int id, std::string_view text);
+    void setString(unsigned int id, std::string_view text);  // as setText(), but kString
+    void setBinary(unsigned int id, std::span<const unsigned char> bytes, bool encrypted = false);
+    // One more with this id.
+    void addText(unsigned int id, std::string_view text);
+    void addBinary(unsigned int id, std::span<const unsigned char> bytes, bool encrypted);
+    // Removes every attribute with this id, of whatever type; how many there were.
+    unsigned int removeAll(unsigned int id);
+
+    bool hasBody() const { return store_.hasBody() != 0; }
+    bool isBodyEncrypted() const { return store_.getBodyFlag() != 0; }
+    std::span<const unsigned char> body() const;
+    void setBody(std::span<const unsigned char> bytes, bool encrypted);
+
+    // A new record of another address with the same contents, not on disk yet. This one
+    // is readable.
+    Record copyTo(Address address) const;
+
+    // Stores it. What is encrypted is read back and compared before this returns, so
+    // that a secret is never lost to a cipher that cannot undo what it did.
+    void write();
+    void remove();
+
+    aFileStore& store() noexcept { return store_; }
+
+private:
+    void set(unsigned int type, unsigned int id, std::span<const unsigned char> bytes);
+    void add(unsigned int type, unsigned int id, std::span<const unsigned char> bytes);
+    void setOrRemove(unsigned int type, unsigned int id, std::string_view text);
+    void verifyWritten() const;
+
+    Address address_;
+    aFileStore store_;
+    bool readable_ = true;
+};
+
+// The most bytes that a body can have, encrypted or not.
+inline constexpr std::uint64_t kMostBody = 0xFFFFFFFF - 64;
+
+// Throws kMissing unless the folder is there, as a folder and not as a link to one.
+void requireFolder(const std::string& folder);
+
+std::vector<unsigned char> sha256(std::span<const unsigned char> bytes);
+
+// The folders below "db" that are there, their parents before them; the first is "db"
+// itself, as the empty text.
+std::vector<std::string> allFolders();
+
+// Calls visit(folder, what is in it, in no order) for each of them.
+using FolderVisitor = std::function<void(const std::string&, const std::vector<FolderEntry>&)>;
+void visitFolders(const FolderVisitor& visit);
+
+// The records of one folder, by name. What a crash left behind must have been
+// repaired: listing would do it otherwise.
+std::vector<Address> recordsOf(const std::string& folder);
+
+// All records but the internal ones, by folder and name.
+std::vector<Address> allRecords();
+
+// The record that the user's words stand for. Throws kMissing for none and kInvalid
+// when there are several.
+Address resolve(std::string_view text);
+
+}  // namespace fstore
+
+#endif  // LIB_RECORDS_RECORD_H

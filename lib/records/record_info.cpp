@@ -1,0 +1,116 @@
+#include "lib/records/record_info.h"
+
+#include "lib/base/text.h"
+#include "lib/records/record.h"
+
+namespace fstore {
+namespace {
+
+// Each of these takes an attribute of its form. The first of an id counts.
+
+void addNumber(RecordInfo& info, unsigned int id, std::uint32_t value) {
+    if (id == attr::kBits) {
+        info.isCa = info.isCa || (value & attr::kIsCa) != 0;
+    } else if (id == attr::kKind && info.kind == Kind::kUnknown &&
+               value <= static_cast<std::uint32_t>(Kind::kRaw)) {
+        info.kind = static_cast<Kind>(value);
+    }
+}
+
+void addText(RecordInfo& info, unsigned int id, std::string_view text) {
+    const auto set = [text](std::string& field) {
+        if (field.empty()) {
+            field = text;
+        }
+    };
+    const auto setMoment = [text](std::optional<std::int64_t>& field) {
+        if (!field) {
+            field = parseMoment(text);
+        }
+    };
+    switch (id) {
+        case attr::kLabel:
+            return set(info.label);
+        case attr::kSubject:
+            return set(info.subject);
+        case attr::kIssuer:
+            return set(info.issuer);
+        case attr::kKeyAlgorithm:
+            return set(info.keyAlgorithm);
+        case attr::kNotBefore:
+            return setMoment(info.notBefore);
+        case attr::kNotAfter:
+            return setMoment(info.notAfter);
+        case attr::kAltName:
+            info.altNames.emplace_back(text);
+            return;
+        default:
+            return;
+    }
+}
+
+void addBytes(RecordInfo& info, unsigned int id, std::span<const unsigned char> bytes) {
+    const auto set = [bytes](std::string& field) {
+        if (field.empty()) {
+            field = toHex(bytes);
+        }
+    };
+    switch (id) {
+        case attr::kSerial:
+            return set(info.serial);
+        case attr::kSha256:
+            return set(info.sha256);
+        case attr::kKeySha256:
+            return set(info.keySha256);
+        default:
+            return addText(info, id, asText(bytes));  // so a text is kept encrypted
+    }
+}
+
+void addTo(RecordInfo& info, unsigned int type, unsigned int id,
+           std::span<const unsigned char> bytes) {
+    if (const auto number = asNumber(type, bytes)) {
+        addNumber(info, id, *number);
+    } else if (type == kText) {
+        addText(info, id, asText(bytes));
+    } else if (type == kBinary) {
+        addBytes(info, id, bytes);
+    }
+}
+
+}  // namespace
+
+RecordInfo infoOf(const Record& record) {
+    RecordInfo info;
+    info.address = record.address();
+    info.hasBody = record.hasBody();
+    info.bodyEncrypted = record.isBodyEncrypted();
+    info.bodySize = record.body().size();
+    const unsigned int count = record.count();
+    for (unsigned int i = 0; i < count; ++i) {
+        if (record.isKnown(i)) {
+            addTo(info, record.type(i), record.id(i), record.bytes(i));
+        }
+    }
+    return info;
+}
+
+const char* nameOf(Kind kind) {
+    switch (kind) {
+        case Kind::kCertificate:
+            return "certificate";
+        case Kind::kCrl:
+            return "crl";
+        case Kind::kKey:
+            return "key";
+        case Kind::kRequest:
+            return "request";
+        case Kind::kRaw:
+            return "raw";
+        case Kind::kUnknown:
+            break;
+    }
+    return "record";
+}
+
+}  // namespace fstore

@@ -1,0 +1,38 @@
+// What the attributes of a record tell, in the form in which it is shown and searched.
+// A value like any other: needs no database and no lock.
+#ifndef LIB_RECORDS_RECORD_INFO_H
+#define LIB_RECORDS_RECORD_INFO_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lib/records/address.h"
+#include "lib/records/attributes.h"
+
+namespace fstore {
+
+class Record;
+
+struct RecordInfo {
+    Address address;
+    Kind kind = Kind::kUnknown;
+    std::string label, subject, issuer, keyAlgorithm;
+    std::vector<std::string> altNames;
+    std::string serial, sha256, keySha256;  // hexadecimal digits
+    std::optional<std::int64_t> notBefore, notAfter;
+    bool isCa = false;
+    bool hasBody = false, bodyEncrypted = false;
+    std::uint64_t bodySize = 0;  // as it is on disk
+};
+
+// What can be read of the record now: of one that is not decrypted, what is kept plain.
+RecordInfo infoOf(const Record& record);
+
+// "certificate", "crl", "key", "request", "raw"; "record" for one of an unknown kind.
+const char* nameOf(Kind kind);
+
+}  // namespace fstore
+
+#endif  // LIB_RECORDS_RECORD_INFO_H

@@ -1,0 +1,53 @@
+#include "lib/base/error.h"
+
+#include <set>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace fstore {
+namespace {
+
+TEST(ExitCodeTest, EachHasANameOfItsOwn) {
+    std::set<std::string> names;
+    for (const int code : {0, 1, 2, 3, 4, 5, 6, 9, 14, 33, 35, 36, 40, 50, 59, 74, 125, 130}) {
+        EXPECT_TRUE(names.insert(nameOf(code)).second) << code;
+        EXPECT_EQ(code, exitCodeOf(static_cast<Status>(code)));
+    }
+}
+
+TEST(ExitCodeTest, OtherStatusesAreForeign) {
+    EXPECT_EQ(125, exitCodeOf(7));
+    EXPECT_EQ(125, exitCodeOf(0x80000001));
+}
+
+TEST(CheckTest, ThrowsTheStatusWithItsMeaning) {
+    check(kOk, "nothing");
+    try {
+        check(kIo, "cannot write keys/a", "keys/a");
+        FAIL();
+    } catch (const Failure& failure) {
+        EXPECT_EQ(kIo, failure.status());
+        EXPECT_EQ("keys/a", failure.path());
+        EXPECT_EQ(
+            "cannot write keys/a: a file could not be written (is the disk full, or not yours to "
+            "write?) or a cipher step failed",
+            std::string(failure.what()));
+    }
+}
+
+// A number that the tool gives a meaning of its own is not passed on as if it were that.
+TEST(CheckTest, StatusesOfOtherModulesAreToldByNumber) {
+    for (const Status status : {kUsage, kFound, kPartial, kInterrupted, Status{16}, Status{777}}) {
+        try {
+            check(status, "cannot open");
+            FAIL();
+        } catch (const Failure& failure) {
+            EXPECT_EQ(125, failure.exitCode());
+            EXPECT_NE(std::string::npos, std::string(failure.what()).find(std::to_string(status)));
+        }
+    }
+}
+
+}  // namespace
+}  // namespace fstore

@@ -1,0 +1,52 @@
+#include "lib/records/filter.h"
+
+#include <gtest/gtest.h>
+
+#include "lib/base/error.h"
+
+namespace fstore {
+namespace {
+
+TEST(PatternTest, PlainWordsStandAnywhere) {
+    EXPECT_TRUE(hasPattern("example", "CN=www.EXAMPLE.org"));
+    EXPECT_FALSE(hasPattern("example*", "CN=www.example.org"));
+    EXPECT_TRUE(hasPattern("*example*", "CN=www.example.org"));
+    EXPECT_TRUE(hasPattern("", ""));
+}
+
+TEST(AttributeIdTest, IsANumberOrAName) {
+    EXPECT_EQ(0x8001u, parseAttributeId("0x8001"));
+    EXPECT_EQ(32769u, parseAttributeId("32769"));
+    EXPECT_EQ(attr::kLabel, parseAttributeId("label"));
+    EXPECT_EQ("label", attributeName(attr::kLabel));
+    EXPECT_EQ("", attributeName(0x8001));
+    for (const char* const text : {"", "0x", "label ", "-1", "0x100000000", "1x", "Label"}) {
+        EXPECT_FALSE(parseAttributeId(text)) << text;
+    }
+}
+
+TEST(FilterTest, RefusesWhatCannotBeRead) {
+    const auto statusOf = [](const auto& set) {
+        Filters filters;
+        set(filters);
+        try {
+            const Filter filter(filters, 0);
+        } catch (const Failure& failure) {
+            return failure.status();
+        }
+        return kOk;
+    };
+    EXPECT_EQ(kOk, statusOf([](Filters& it) {
+                  it.expiresWithin = "30d";
+                  it.serial = "00:FF";
+                  it.sha256 = "a";
+              }));
+    EXPECT_EQ(kUsage, statusOf([](Filters& it) { it.expiresWithin = "soon"; }));
+    EXPECT_EQ(kUsage, statusOf([](Filters& it) { it.serial = "xyz"; }));
+    EXPECT_EQ(kUsage, statusOf([](Filters& it) { it.serial = ""; }));
+    EXPECT_EQ(kUsage, statusOf([](Filters& it) { it.sha256 = "g"; }));
+    EXPECT_EQ(kUsage, statusOf([](Filters& it) { it.attributes = {"nonsense"}; }));
+}
+
+}  // namespace
+}  // namespace fstore
