@@ -6,7 +6,7 @@ set -eu
 here=$(cd "$(dirname "$0")" && pwd)
 made=$(mktemp -d)
 trap 'rm -rf "$made"' EXIT
-sh "$here/../tests/fstore/make_pki.sh" "$made"
+sh "$here/../tests/lib/pki/make_pki.sh" "$made"
 corpus=$here/corpus/import_file_fuzz
 rm -rf "$corpus"
 mkdir -p "$corpus"

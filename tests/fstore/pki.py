@@ -6,7 +6,7 @@ import shutil
 import subprocess
 import tempfile
 
-SCRIPT = pathlib.Path(__file__).with_name("make_pki.sh")
+SCRIPT = pathlib.Path(__file__).parents[1] / "lib/pki/make_pki.sh"
 IN_PASSWORD = {"FSTORE_IN_PASSWORD": "secret"}  # of all encrypted files
 
 _made = None

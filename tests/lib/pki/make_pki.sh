@@ -2,7 +2,7 @@
 # Makes keys, certificates, CRLs, requests and PKCS#12 files of every form that is
 # imported, and beside each what the openssl program says about it.
 #
-#     tests/fstore/make_pki.sh FOLDER
+#     tests/lib/pki/make_pki.sh FOLDER
 set -eu
 cd "$1"
 exec 2>make_pki.log
