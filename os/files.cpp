@@ -27,6 +27,12 @@ EntryType typeOfMode(mode_t mode) noexcept {
     return S_ISREG(mode) ? EntryType::kFile : EntryType::kOther;
 }
 
+// What a file system answers that has no way to sync a folder: a local one EINVAL, one
+// on a server also that the descriptor is none to it, or that the call is not supported.
+bool cannotSyncFolders(int error) noexcept {
+    return error == EINVAL || error == EBADF || error == ENOTSUP;
+}
+
 }  // namespace
 
 File openFile(const char* path, int flags, mode_t mode) noexcept {
@@ -114,7 +120,11 @@ bool syncClose(File file) noexcept {
 
 bool syncFolder(const char* path) noexcept {
     File folder = openFile(path, O_RDONLY | O_DIRECTORY);
-    return folder && syncClose(std::move(folder));
+    if (!folder) {
+        return false;
+    }
+    const bool synced = uninterrupted([&] { return os::fsync(folder.get()); }) == 0;
+    return (synced || cannotSyncFolders(errno)) && folder.close();
 }
 
 Presence presence(const char* path) noexcept {

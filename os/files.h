@@ -52,7 +52,9 @@ enum class Opened {
 // the power: see syncFolder().
 [[nodiscard]] bool syncClose(File file) noexcept;
 
-// Makes the names in a folder durable: what was created, renamed or removed in it.
+// Makes the names in a folder durable: what was created, renamed or removed in it. Where
+// the file system has no way to do so, nothing more can be asked of it, and the answer is
+// true; a sync that it tried and that failed is false.
 [[nodiscard]] bool syncFolder(const char* path) noexcept;
 
 enum class Presence {

@@ -1,5 +1,7 @@
 // Whichever file-system call fails, in whatever way, a record is wholly its old or
 // wholly its new one, and the status says which.
+#include <cerrno>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -183,6 +185,50 @@ TEST_F(DurableCloseTest, OfTheNewBodyLeavesNothing) {
     ASSERT_EQ(kOk, record.setBody(dataOf("body"), 4));
     EXPECT_EQ(kIo, record.write());
     EXPECT_THAT(TestStore::files(), IsEmpty());
+}
+
+// A file system without a way to sync its folders fails no write, removal or repair.
+TEST(FolderSyncTest, FailsWhatItFailsAtUnlessItIsUnknown) {
+    const struct {
+        int error;
+        bool cannot;
+    } rows[] = {{EINVAL, true}, {EBADF, true},  {ENOTSUP, true},
+                {EIO, false},   {EROFS, false}, {ENOSPC, false}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(strerrorname_np(row.error));
+        const TestStore store;
+        aFileStore record = TestStore::record("a");
+        const Status expected = row.cannot ? kOk : kIo;
+        {
+            // The first sync is that of the descriptor.
+            FailingCall fault(2, row.error, Mode::kFromThenOn, {Call::kFsync});
+            EXPECT_EQ(expected, record.write());
+            EXPECT_TRUE(fault.lift());
+            EXPECT_EQ(row.cannot ? 1 : 0, record.isExist());
+        }
+        ASSERT_EQ(kOk, record.write());
+        {
+            FailingCall fault(1, row.error, Mode::kFromThenOn, {Call::kFsync});
+            EXPECT_EQ(expected, record.remove());
+            EXPECT_TRUE(fault.lift());
+            EXPECT_EQ(row.cannot ? 0 : 1, record.isExist());
+        }
+        support::writeFile(store.path("b.dsc.$o$"), "");
+        FailingCall fault(1, row.error, Mode::kFromThenOn, {Call::kFsync});
+        EXPECT_EQ(expected, tryCorrectName(TestStore::kFolder, "b.dsc"));
+        EXPECT_TRUE(fault.lift());
+    }
+}
+
+// A file has bytes to lose: that it cannot be synced is a failure whatever the reason.
+TEST(FileSyncTest, FailsTheWriteForAnyReason) {
+    for (const int error : {EINVAL, EBADF, ENOTSUP, EIO}) {
+        SCOPED_TRACE(strerrorname_np(error));
+        const TestStore store;
+        FailingCall fault(1, error, Mode::kOnce, {Call::kFsync});
+        EXPECT_EQ(kIo, TestStore::record("a").write());
+        EXPECT_TRUE(fault.lift());
+    }
 }
 
 // Another reader was faster: what is to be renamed or deleted is gone.
