@@ -24,6 +24,9 @@ EntryType typeOfMode(mode_t mode) noexcept {
     if (S_ISDIR(mode)) {
         return EntryType::kFolder;
     }
+    if (S_ISLNK(mode)) {
+        return EntryType::kLink;
+    }
     return S_ISREG(mode) ? EntryType::kFile : EntryType::kOther;
 }
 
@@ -44,7 +47,7 @@ File createAnew(const char* path) noexcept {
     File file = openFile(path, kFlags);
     if (!file && errno == EEXIST) {
         const EntryType kind = entryTypeOf(path);
-        const bool goes = kind == EntryType::kFile || kind == EntryType::kOther;
+        const bool goes = kind != EntryType::kFolder && kind != EntryType::kUnknown;
         if (goes && os::remove(path) == 0) {
             file = openFile(path, kFlags);
         }
@@ -131,7 +134,11 @@ Presence presence(const char* path) noexcept {
     if (os::access(path, F_OK) == 0) {
         return Presence::kPresent;
     }
-    return errno == ENOENT || errno == ENOTDIR ? Presence::kAbsent : Presence::kUnknown;
+    // The last two say that nothing can be reached by this name: no file can have it, or
+    // its links lead in a circle.
+    const bool isAbsent =
+        errno == ENOENT || errno == ENOTDIR || errno == ENAMETOOLONG || errno == ELOOP;
+    return isAbsent ? Presence::kAbsent : Presence::kUnknown;
 }
 
 dirent* nextEntry(DIR* dir) noexcept {

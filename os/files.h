@@ -63,7 +63,8 @@ enum class Presence {
     kUnknown  // the name could not be examined and must not be taken for absent
 };
 
-// Follows symbolic links: one that leads nowhere is absent.
+// Follows symbolic links: one that leads nowhere, or to itself, is absent, and so is a name
+// that is too long for any file.
 [[nodiscard]] Presence presence(const char* path) noexcept;
 
 // The next entry of an open stream, "." and ".." among them, valid until the
@@ -74,7 +75,8 @@ enum class Presence {
 enum class EntryType {
     kFolder,
     kFile,    // a regular file
-    kOther,   // a symbolic link, whatever it leads to, or a special file
+    kLink,    // a symbolic link, whatever it leads to
+    kOther,   // a special file
     kUnknown  // not told, or could not be examined
 };
 

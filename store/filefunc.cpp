@@ -128,7 +128,7 @@ void clearTree(std::string& path) {
         if (isDots(entries.getName())) {
             continue;
         }
-        // What cannot be deleted stays; removeFolder() tells by looking afterwards.
+        // What cannot be deleted stays; removeFolder() finds it by looking afterwards.
         const Below entry(path, entries.getName());
         if (entries.isFolder() != 0) {
             clearTree(path);
@@ -137,6 +137,21 @@ void clearTree(std::string& path) {
             (void)os::remove(path.c_str());
         }
     }
+}
+
+// Slashes at the end of a path make the system follow a link. The root keeps one.
+std::string withoutEndSlashes(const char* path) {
+    std::string name = path;
+    while (name.size() > 1 && name.back() == '/') {
+        name.pop_back();
+    }
+    return name;
+}
+
+// A link that could not be deleted is still there although it leads nowhere.
+bool isGone(const char* path) {
+    return os::presence(path) == os::Presence::kAbsent &&
+           os::entryTypeOf(path) != os::EntryType::kLink;
 }
 
 }  // namespace
@@ -217,9 +232,17 @@ Status copyWholeFolder(const char* from, const char* to) {
 }
 
 void clearFolder(const char* path) {
+    if (*path == '\0') {
+        return;
+    }
     (void)noThrow([&] {  // what is left over for lack of memory stays, like all that fails
-        std::string folder = path;
-        clearTree(folder);
+        std::string folder = withoutEndSlashes(path);
+        const os::EntryType kind = os::entryTypeOf(folder.c_str());
+        if (kind == os::EntryType::kLink) {
+            (void)os::remove(folder.c_str());
+        } else if (kind == os::EntryType::kFolder) {
+            clearTree(folder);
+        }
         return kOk;
     });
 }
@@ -230,7 +253,7 @@ Status removeFolder(const char* path) {
     }
     clearFolder(path);
     (void)os::rmdir(path);  // the look that follows tells whether it has worked
-    return os::presence(path) == os::Presence::kAbsent ? kOk : kIo;
+    return isGone(path) ? kOk : kIo;
 }
 
 std::string getFullPath(const char* path) {

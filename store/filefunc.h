@@ -80,10 +80,11 @@ private:
 [[nodiscard]] Status copyWholeFolder(const char* from, const char* to);
 
 // Deletes all that is in a folder; the folder stays, and so does silently what
-// cannot be deleted. A symbolic link is deleted, not followed.
+// cannot be deleted. A symbolic link is deleted, not followed, also when `path` is one.
 CMN_EXPORT void clearFolder(const char* path);  // not null
 
-// Deletes a folder with all that is in it; one that does not exist is a success.
+// Deletes a folder with all that is in it; one that does not exist is a success. Where
+// `path` is a symbolic link, the link goes and what it leads to stays.
 //   kInvalid   `path` is null
 //   kIo        it is still there, or might be; part of the contents may be gone
 [[nodiscard]] CMN_EXPORT Status removeFolder(const char* path);

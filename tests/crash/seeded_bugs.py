@@ -192,8 +192,8 @@ BUGS = (
         "    const auto* next = static_cast<const char*>(data);\n    while (size != 0) {",
         "    const auto* next = static_cast<const char*>(data);\n    if (size != 0) {", CALLS),
     Bug("unexaminable_taken_for_absent", FILES,
-        "errno == ENOENT || errno == ENOTDIR ? Presence::kAbsent : Presence::kUnknown;",
-        "Presence::kAbsent;", CALLS),
+        "return isAbsent ? Presence::kAbsent : Presence::kUnknown;",
+        "(void)isAbsent;\n    return Presence::kAbsent;", CALLS),
 )
 
 

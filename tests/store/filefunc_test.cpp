@@ -727,6 +727,33 @@ TEST(ClearFolderTest, LinksAreDeletedAndNotFollowed) {
               tree(dir.path()));
 }
 
+// With slashes behind it the system would follow it.
+TEST(ClearFolderTest, PathThatIsALinkIsDeletedAndNotFollowed) {
+    for (const char* const path : {"link", "link/", "link//"}) {
+        SCOPED_TRACE(path);
+        const TempDir dir;
+        makeFolder(dir / "outside");
+        writeFile(dir / "outside/a", "kept");
+        ASSERT_EQ(0, ::symlink("outside", (dir / "link").c_str()));
+        clearFolder((dir / path).c_str());
+        EXPECT_EQ((Tree{{"outside", "<folder>"}, {"outside/a", "kept"}}), tree(dir.path()));
+    }
+}
+
+// A link that cannot be told from a folder is not followed.
+TEST(ClearFolderTest, PathThatCannotBeExaminedIsLeft) {
+    const TempDir dir;
+    makeSample(dir / "db");
+    ASSERT_EQ(0, ::symlink("db", (dir / "link").c_str()));
+    const Tree before = tree(dir.path());
+    for (const int error : fault::errnosOf(Call::kLstat)) {
+        SCOPED_TRACE(faultName(Call::kLstat, error));
+        const FailingCall fault(1, error, Mode::kOnce, {Call::kLstat});
+        clearFolder((dir / "link").c_str());
+        EXPECT_EQ(before, tree(dir.path()));
+    }
+}
+
 TEST(RemoveFolderTest, NullIsInvalid) {
     EXPECT_EQ(4U, removeFolder(nullptr));
 }
@@ -745,6 +772,44 @@ TEST(RemoveFolderTest, AbsentFolderIsASuccess) {
     const TempDir dir;
     EXPECT_EQ(0U, removeFolder((dir / "absent").c_str()));
     EXPECT_EQ(0U, removeFolder((dir / "no/such/folder").c_str()));
+}
+
+TEST(RemoveFolderTest, NameThatCannotExistIsASuccess) {
+    const TempDir dir;
+    ASSERT_EQ(0, ::symlink("loop", (dir / "loop").c_str()));
+    EXPECT_EQ(0U, removeFolder((dir / std::string(300, 'n')).c_str()));
+    EXPECT_EQ(0U, removeFolder((dir / std::string(300, 'n') + "/below").c_str()));
+    EXPECT_EQ(0U, removeFolder((dir / std::string(5000, '/') + "x").c_str()));
+    EXPECT_EQ(0U, removeFolder((dir / "loop/below").c_str()));
+}
+
+TEST(RemoveFolderTest, PathThatIsALinkGoesAndWhatItLeadsToStays) {
+    for (const char* const target : {"outside", "outside/a", "nowhere", "link"}) {
+        for (const char* const path : {"link", "link/"}) {
+            SCOPED_TRACE(std::string(path) + " to " + target);
+            const TempDir dir;
+            makeFolder(dir / "outside");
+            writeFile(dir / "outside/a", "kept");
+            ASSERT_EQ(0, ::symlink(target, (dir / "link").c_str()));
+            EXPECT_EQ(0U, removeFolder((dir / path).c_str()));
+            EXPECT_EQ((Tree{{"outside", "<folder>"}, {"outside/a", "kept"}}), tree(dir.path()));
+        }
+    }
+}
+
+// Also one that leads nowhere, for which access() finds nothing.
+TEST(RemoveFolderTest, LinkThatCannotBeDeletedIsNine) {
+    for (const char* const target : {"outside", "nowhere", "link"}) {
+        SCOPED_TRACE(target);
+        const TempDir dir;
+        makeFolder(dir / "outside");
+        ASSERT_EQ(0, ::symlink(target, (dir / "link").c_str()));
+        FailingCall fault(1, EACCES, Mode::kOnce, {Call::kRemove});
+        EXPECT_EQ(9U, removeFolder((dir / "link").c_str()));
+        EXPECT_TRUE(fault.lift());
+        EXPECT_EQ((Tree{{"link", std::string("-> ") + target}, {"outside", "<folder>"}}),
+                  tree(dir.path()));
+    }
 }
 
 TEST(RemoveFolderTest, WhatIsNoFolderStaysAndIsNine) {

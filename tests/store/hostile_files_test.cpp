@@ -192,6 +192,7 @@ const Place kPlaces[] = {
     {"Fifo", [](const std::string& path) { ASSERT_EQ(0, mkfifo(path.c_str(), 0600)); }, kMalformed},
     {"LinkToNowhere", [](const std::string& path) { fs::create_symlink("nowhere", path); },
      kMissing},
+    {"LinkToItself", [](const std::string& path) { fs::create_symlink("a.dsc", path); }, kMissing},
     {"LinkToADevice", [](const std::string& path) { fs::create_symlink("/dev/zero", path); },
      kMalformed},
     {"LinkToTheFolder", [](const std::string& path) { fs::create_symlink(".", path); }, kMalformed},
@@ -205,17 +206,30 @@ const Place kPlaces[] = {
 INSTANTIATE_TEST_SUITE_P(, HostilePlaceTest, testing::ValuesIn(kPlaces),
                          [](const auto& param) { return param.param.name; });
 
-// Nobody can tell what stands there, so nothing takes its place until it is removed.
-TEST_F(HostileFilesTest, LinkLoopIsRemovedBeforeItIsReplaced) {
+// Nothing can be reached by such a name, so there is no such record.
+TEST_F(HostileFilesTest, NameThatCannotExistIsAbsent) {
     fs::create_symlink("a.dsc", store.path("a.dsc"));
-    aFileStore record = TestStore::record("a");
-    fill(record, kFresh);
-    EXPECT_EQ(kIo, record.write());
-    EXPECT_EQ(1, record.isExist());
-    EXPECT_EQ(kMissing, TestStore::record("a").read());
-    EXPECT_EQ(kOk, record.remove());
-    EXPECT_EQ(kOk, record.write());
-    EXPECT_EQ(kFresh, TestStore::load("a"));
+    fs::create_symlink("loop", in("loop"));
+    const std::string deep = std::string(5000, '/') + "x";
+    const struct {
+        const char* name;
+        std::string folder;
+        std::string record;
+    } rows[] = {
+        {"link to itself", TestStore::kFolder, "a"},
+        {"folder that is a link to itself", in("loop"), "a"},
+        {"too long", TestStore::kFolder, std::string(300, 'x')},
+        {"too long with its ending only", TestStore::kFolder, std::string(253, 'x')},
+        {"too long a folder", in(std::string(300, 'x').c_str()), "a"},
+        {"too long a path", TestStore::kFolder + deep, "a"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        aFileStore record = TestStore::record(row.record);
+        ASSERT_EQ(kOk, record.setFolderName(row.folder.c_str()));
+        EXPECT_EQ(0, record.isExist());
+        EXPECT_EQ(kMissing, record.read());
+    }
     expectOthersUntouched();
 }
 

@@ -260,7 +260,7 @@ const std::vector<int>& errnosOf(Call call) {
         {EDQUOT, EINTR, EINVAL, EIO, ENOSPC, EROFS},            // fsync
         {EDQUOT, EIO, ENOSPC},                                  // syncfs
         {EIO, ENOMEM, ENOSPC},                                  // startWriteback
-        {EACCES, EIO, ELOOP, ENAMETOOLONG, ENOMEM},             // access
+        {EACCES, EIO, ENOMEM},                                  // access
         {EACCES, EIO, ELOOP, ENAMETOOLONG, ENOMEM, EOVERFLOW},  // lstat
         {EACCES, EBUSY, EDQUOT, EIO, ELOOP, EMLINK, ENAMETOOLONG, ENOMEM, ENOSPC, EPERM, EROFS,
          EXDEV},                                                                           // rename

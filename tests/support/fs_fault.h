@@ -73,8 +73,8 @@ inline constexpr Calls kLastingCalls{Call::kOpen,   Call::kClose,  Call::kWrite,
 
 // What a call can fail with, as the manual pages and file systems have it.
 // Answers that state a fact about the tree (ENOENT, ENOTDIR, EEXIST, ENOTEMPTY,
-// EISDIR) are left out, for they would be lies and not failures, and so are
-// those that only a wrong call meets (EBADF, EFAULT).
+// EISDIR; of access() also ELOOP and ENAMETOOLONG) are left out, for they would be
+// lies and not failures, and so are those that only a wrong call meets (EBADF, EFAULT).
 const std::vector<int>& errnosOf(Call call);
 
 enum class Mode {
