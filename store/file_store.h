@@ -147,8 +147,9 @@ public:
     int isExist() override;
 
     // Deletes the record's files; the record in memory stays as it is.
-    //   kMissing  no file name
-    //   kIo       it is not removed, or not durably
+    //   kMissing   no file name
+    //   kNoMemory  it is not removed
+    //   kIo        it is not removed, or not durably
     Status remove() override;
 
     // Identifies this object among all live records of the process; never 0.

@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <limits>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -121,6 +122,27 @@ Status findBody(const std::string& folder, const std::string& descriptor, std::s
     const std::string name = reference == nullptr ? std::string() : reference->text();
     path = isBodyName(name) ? joinPath(folder, name) : std::string();
     return kOk;
+}
+
+// A file that no memory will ever be asked for.
+bool isTooLargeToRead(const std::string& path) {
+    os::File file;
+    off_t size = 0;
+    return os::openRegular(path.c_str(), file, size) == os::Opened::kRegular &&
+           size >= std::numeric_limits<unsigned int>::max();
+}
+
+// As findBody(), of the record whose descriptor is the saved one where there is no other.
+// False when memory was short, and may not be the next time.
+bool learnBody(const std::string& folder, const std::string& descriptor, const std::string& saved,
+               std::string& path) {
+    const std::string* source = &descriptor;
+    Status status = findBody(folder, descriptor, path);
+    if (status == kMissing && os::presence(descriptor.c_str()) == os::Presence::kAbsent) {
+        source = &saved;
+        status = findBody(folder, saved, path);
+    }
+    return status != kNoMemory || isTooLargeToRead(*source);
 }
 
 void removeBody(const std::string& path) {
@@ -411,10 +433,18 @@ Status FileStore::remove() {
 // that nothing is deleted that the record needs (I3). The deletions need no sync: no
 // reader knows the names that a power loss could bring back, and what they take up is
 // found by those names.
+//
+// The body's name comes first: a removal that found no memory for it afterwards would
+// leave the body behind, and its bytes may be secret. A descriptor that is damaged or
+// cannot be read goes alone, since nothing tells which body is its own.
 Status FileStore::removeFiles() {
     const std::string path = joinPath(folderName, fileName);
     const std::string saved = marked(path, kOldMarker);
     const std::string deleted = marked(path, kDeletedMarker);
+    std::string bodyPath;
+    if (!learnBody(folderName, path, saved, bodyPath)) {
+        return kNoMemory;
+    }
     if (!moveOverSaved(path, saved)) {
         return kIo;
     }
@@ -426,9 +456,8 @@ Status FileStore::removeFiles() {
         (void)os::rename(deleted.c_str(), path.c_str());
         return kIo;
     }
-    if (removeRecord(folderName, deleted) != kOk) {
-        (void)removed(deleted);  // unreadable, it goes alone
-    }
+    (void)removed(deleted);  // one that stays is nobody's record
+    removeBody(bodyPath);
     return kOk;
 }
 

@@ -139,7 +139,7 @@ BUGS = (
         "", CALLS),
     Bug("removal_of_the_body_first", RECORD,
         "    if (!moveOverSaved(path, saved)) {",
-        "    std::string body;\n    (void)findBody(folderName, path, body);\n    removeBody(body);\n"
+        "    removeBody(bodyPath);\n"
         "    if (!moveOverSaved(path, saved)) {"),
     Bug("removal_takes_no_lock", RECORD,
         "        const os::WriteLock locked(RWLocker::lockFor(lockType));\n        return removeFiles();",

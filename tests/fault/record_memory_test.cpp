@@ -63,6 +63,9 @@ TEST_P(RecordMemoryTest, EveryFailingAllocationLeavesTheOldRecordOrTheNewOne) {
             EXPECT_EQ(status == kOk ? workload.after : workload.before, found(workload));
             EXPECT_EQ(inMemory, contentsOf(record));
             EXPECT_THAT(openHandles(), IsEmpty());
+            if (status == kOk && !workload.after) {
+                EXPECT_THAT(TestStore::files(), IsEmpty()) << "what is removed leaves no bytes";
+            }
             if (status != kOk) {
                 EXPECT_EQ(kOk, workload.operation(record));
                 EXPECT_EQ(workload.after, found(workload));

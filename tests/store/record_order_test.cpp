@@ -274,31 +274,32 @@ fstat F/OLD
 read F/OLD 4
 close F/OLD
 )"},
-    // By way of the saved name: a saved descriptor that a write before has deleted must not
-    // outlive the removal. One sync, after which nothing has to be durable any more.
+    // The body's name first. By way of the saved name: a saved descriptor that a write before
+    // has deleted must not outlive the removal. One sync, after which nothing has to be
+    // durable any more.
     {"Remove", [] { save(kWithBody); }, erase, R"(
+open F/a.dsc rdonly
+fstat F/a.dsc
+read F/a.dsc 47
+close F/a.dsc
 rename F/a.dsc F/a.dsc.$o$
 rename F/a.dsc.$o$ F/a.dsc.$d$
 open F rdonly|directory
 fsync F
 close F
-open F/a.dsc.$d$ rdonly
-fstat F/a.dsc.$d$
-read F/a.dsc.$d$ 47
-close F/a.dsc.$d$
 remove F/a.dsc.$d$
 remove F/OLD
 )"},
     {"RemoveWithoutBody", [] { save(kWithoutBody); }, erase, R"(
+open F/a.dsc rdonly
+fstat F/a.dsc
+read F/a.dsc 20
+close F/a.dsc
 rename F/a.dsc F/a.dsc.$o$
 rename F/a.dsc.$o$ F/a.dsc.$d$
 open F rdonly|directory
 fsync F
 close F
-open F/a.dsc.$d$ rdonly
-fstat F/a.dsc.$d$
-read F/a.dsc.$d$ 20
-close F/a.dsc.$d$
 remove F/a.dsc.$d$
 )"},
     {"RemoveWithSavedDescriptorBesideIt",
@@ -307,15 +308,15 @@ remove F/a.dsc.$d$
          place("a.dsc.$o$");
      },
      erase, R"(
+open F/a.dsc rdonly
+fstat F/a.dsc
+read F/a.dsc 20
+close F/a.dsc
 rename F/a.dsc F/a.dsc.$o$
 rename F/a.dsc.$o$ F/a.dsc.$d$
 open F rdonly|directory
 fsync F
 close F
-open F/a.dsc.$d$ rdonly
-fstat F/a.dsc.$d$
-read F/a.dsc.$d$ 20
-close F/a.dsc.$d$
 remove F/a.dsc.$d$
 )"},
     {"RemoveOfAWriteThatWasBrokenOff",
@@ -324,15 +325,17 @@ remove F/a.dsc.$d$
          rename("a.dsc", "a.dsc.$o$");
      },
      erase, R"(
+open F/a.dsc rdonly failed ENOENT
+access F/a.dsc failed ENOENT
+open F/a.dsc.$o$ rdonly
+fstat F/a.dsc.$o$
+read F/a.dsc.$o$ 47
+close F/a.dsc.$o$
 rename F/a.dsc F/a.dsc.$o$ failed ENOENT
 rename F/a.dsc.$o$ F/a.dsc.$d$
 open F rdonly|directory
 fsync F
 close F
-open F/a.dsc.$d$ rdonly
-fstat F/a.dsc.$d$
-read F/a.dsc.$d$ 47
-close F/a.dsc.$d$
 remove F/a.dsc.$d$
 remove F/OLD
 )"},
@@ -342,6 +345,10 @@ remove F/OLD
          std::filesystem::create_directory(std::string(TestStore::kFolder) + "/a.dsc.$o$");
      },
      erase, R"(
+open F/a.dsc rdonly
+fstat F/a.dsc
+read F/a.dsc 20
+close F/a.dsc
 rename F/a.dsc F/a.dsc.$o$ failed EISDIR
 access F/a.dsc
 rename F/a.dsc F/a.dsc.$o$ failed EISDIR
@@ -351,10 +358,6 @@ rename F/a.dsc.$o$ F/a.dsc.$d$
 open F rdonly|directory
 fsync F
 close F
-open F/a.dsc.$d$ rdonly
-fstat F/a.dsc.$d$
-read F/a.dsc.$d$ 20
-close F/a.dsc.$d$
 remove F/a.dsc.$d$
 )"},
     {"RemoveOverAStaleRemoval",
@@ -363,6 +366,10 @@ remove F/a.dsc.$d$
          std::filesystem::create_directory(std::string(TestStore::kFolder) + "/a.dsc.$d$");
      },
      erase, R"(
+open F/a.dsc rdonly
+fstat F/a.dsc
+read F/a.dsc 20
+close F/a.dsc
 rename F/a.dsc F/a.dsc.$o$
 rename F/a.dsc.$o$ F/a.dsc.$d$ failed EISDIR
 remove F/a.dsc.$d$
@@ -370,10 +377,6 @@ rename F/a.dsc.$o$ F/a.dsc.$d$
 open F rdonly|directory
 fsync F
 close F
-open F/a.dsc.$d$ rdonly
-fstat F/a.dsc.$d$
-read F/a.dsc.$d$ 20
-close F/a.dsc.$d$
 remove F/a.dsc.$d$
 )"},
     {"IsExist", [] { save(kWithBody); }, [] { EXPECT_EQ(1, TestStore::record("a").isExist()); }, R"(
