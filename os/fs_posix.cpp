@@ -2,12 +2,12 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 
+#include "os/base.h"
 #include "os/fs.h"
 
 int os::open(const char* path, int flags, mode_t mode) noexcept {
-    return ::open(path, flags, mode);
+    return ::openat(baseFolder(), path, flags, mode);
 }
 
 int os::close(int fd) noexcept {
@@ -39,35 +39,35 @@ int os::startWriteback(int fd) noexcept {
 }
 
 int os::access(const char* path, int mode) noexcept {
-    return ::access(path, mode);
+    return ::faccessat(baseFolder(), path, mode, 0);
 }
 
 int os::lstat(const char* path, struct stat* status) noexcept {
-    return ::lstat(path, status);
+    return ::fstatat(baseFolder(), path, status, AT_SYMLINK_NOFOLLOW);
 }
 
 int os::rename(const char* from, const char* to) noexcept {
-    return ::rename(from, to);
+    return ::renameat(baseFolder(), from, baseFolder(), to);
 }
 
 int os::remove(const char* path) noexcept {
-    return ::remove(path);
+    return removeAtBase(path);
 }
 
 int os::mkdir(const char* path, mode_t mode) noexcept {
-    return ::mkdir(path, mode);
+    return ::mkdirat(baseFolder(), path, mode);
 }
 
 int os::rmdir(const char* path) noexcept {
-    return ::rmdir(path);
+    return ::unlinkat(baseFolder(), path, AT_REMOVEDIR);
 }
 
 char* os::realpath(const char* path, char* resolved) noexcept {
-    return ::realpath(path, resolved);
+    return realpathAtBase(path, resolved);
 }
 
 DIR* os::opendir(const char* path) noexcept {
-    return ::opendir(path);
+    return opendirAtBase(path);
 }
 
 dirent* os::readdir(DIR* dir) noexcept {

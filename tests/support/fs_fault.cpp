@@ -17,6 +17,7 @@
 #include <system_error>
 #include <unordered_map>
 
+#include "os/base.h"
 #include "os/fs.h"
 #include "tests/support/alloc_fault.h"
 
@@ -136,7 +137,7 @@ namespace {
 class Step {
 public:
     Step(Call call, const char* path, std::size_t size = 0) : Step(call, size) {
-        event.path = path != nullptr ? path : "(null)";
+        event.path = path != nullptr ? fromBase(path) : "(null)";
     }
     Step(Call call, int fd, std::size_t size = 0) : Step(call, size) { knownAs(seam.files, fd); }
     Step(Call call, DIR* dir) : Step(call, std::size_t{0}) { knownAs(seam.folders, dir); }
@@ -159,6 +160,12 @@ public:
     Target* done(Target* result, bool failed) {
         finish(result != nullptr ? 1 : 0, failed);
         return result;
+    }
+
+    // The path as it would be without a Base: behind the name of the folder it begins at.
+    std::string fromBase(const char* path) const {
+        const auto found = seam.files.find(os::baseFolder());
+        return found == seam.files.end() || path[0] == '/' ? path : found->second.path + "/" + path;
     }
 
     template <class Table, class Key>
@@ -400,7 +407,7 @@ int os::open(const char* path, int flags, mode_t mode) noexcept {
     Step step(Call::kOpen, path);
     step.event.flags = flags;
     step.event.mode = mode;
-    const int fd = step.fails() ? -1 : ::open(path, flags, mode);
+    const int fd = step.fails() ? -1 : ::openat(os::baseFolder(), path, flags, mode);
     if (fd >= 0) {
         step.open(step.seam.files, fd);
     }
@@ -454,45 +461,46 @@ int os::access(const char* path, int mode) noexcept {
     if (step.verdict.found) {
         return step.done(0);
     }
-    return step.done(step.fails() ? -1 : ::access(path, mode));
+    return step.done(step.fails() ? -1 : ::faccessat(os::baseFolder(), path, mode, 0));
 }
 
 int os::lstat(const char* path, struct stat* status) noexcept {
     Step step(Call::kLstat, path);
-    return step.done(step.fails() ? -1 : ::lstat(path, status));
+    return step.done(step.fails() ? -1
+                                  : ::fstatat(os::baseFolder(), path, status, AT_SYMLINK_NOFOLLOW));
 }
 
 int os::rename(const char* from, const char* to) noexcept {
     Step step(Call::kRename, from);
-    step.event.to = to;
-    return step.done(step.fails() ? -1 : ::rename(from, to));
+    step.event.to = step.fromBase(to);
+    return step.done(step.fails() ? -1 : ::renameat(os::baseFolder(), from, os::baseFolder(), to));
 }
 
 int os::remove(const char* path) noexcept {
     Step step(Call::kRemove, path);
-    return step.done(step.fails() ? -1 : ::remove(path));
+    return step.done(step.fails() ? -1 : os::removeAtBase(path));
 }
 
 int os::mkdir(const char* path, mode_t mode) noexcept {
     Step step(Call::kMkdir, path);
     step.event.mode = mode;
-    return step.done(step.fails() ? -1 : ::mkdir(path, mode));
+    return step.done(step.fails() ? -1 : ::mkdirat(os::baseFolder(), path, mode));
 }
 
 int os::rmdir(const char* path) noexcept {
     Step step(Call::kRmdir, path);
-    return step.done(step.fails() ? -1 : ::rmdir(path));
+    return step.done(step.fails() ? -1 : ::unlinkat(os::baseFolder(), path, AT_REMOVEDIR));
 }
 
 char* os::realpath(const char* path, char* resolved) noexcept {
     Step step(Call::kRealpath, path);
-    char* const result = step.fails() ? nullptr : ::realpath(path, resolved);
+    char* const result = step.fails() ? nullptr : os::realpathAtBase(path, resolved);
     return step.done(result, result == nullptr);
 }
 
 DIR* os::opendir(const char* path) noexcept {
     Step step(Call::kOpendir, path);
-    DIR* const dir = step.fails() ? nullptr : ::opendir(path);
+    DIR* const dir = step.fails() ? nullptr : os::opendirAtBase(path);
     if (dir != nullptr) {
         step.open(step.seam.folders, dir);
     }

@@ -161,7 +161,8 @@ int inChild(const std::function<int()>& body);
 
 struct Event {
     Call call;
-    std::string path;      // as given; of a descriptor or stream: as given when it was opened
+    std::string path;      // as given, behind the name of an os::Base; of a descriptor or stream:
+                           // as given when it was opened
     std::string to;        // new name of kRename, name of the entry that kReaddir gave
     unsigned handle = 0;   // from kOpen or kOpendir to the closing: its number, never used twice
     int flags = 0;         // of kOpen

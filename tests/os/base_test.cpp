@@ -1,0 +1,3 @@
+#include "os/base.h"
+
+#include "tests/os/base_cases.h"
