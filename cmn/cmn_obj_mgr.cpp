@@ -1,6 +1,7 @@
 #include "cmn/cmn_obj_mgr.h"
 
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -112,12 +113,19 @@ void CMN_ObjectManager::init(CMN_ObjectManager* parent) {
     parent->giveUp(MakeObject);
 }
 
+namespace {
+
+struct EndPin {
+    void operator()(DummyHolder* pin) const { pin->die(); }
+};
+
+}  // namespace
+
 void CMN_ObjectManager::giveUp(Successor make) {
-    while (DummyHolder* const pinned = getObj()) {
+    while (const std::unique_ptr<DummyHolder, EndPin> pinned{getObj()}) {
         while (!handOver(*pinned, make)) {
             sched_yield();
         }
-        pinned->die();
     }
 }
 

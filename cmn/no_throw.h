@@ -2,8 +2,10 @@
 #ifndef CMN_NO_THROW_H
 #define CMN_NO_THROW_H
 
+#include <exception>
 #include <new>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "cmn/status.h"
@@ -21,6 +23,20 @@ template <class Body>
     } catch (...) {
         return kIo;
     }
+}
+
+// As above, for who has to say why: `words` becomes what the exception says of itself,
+// which may be nothing. Without memory for the words it is kNoMemory.
+template <class Body>
+[[nodiscard]] Status noThrow(Body&& body, std::string& words) noexcept {
+    return noThrow([&] {
+        try {
+            return std::forward<Body>(body)();
+        } catch (const std::exception& thrown) {
+            words = thrown.what();
+            throw;
+        }
+    });
 }
 
 #endif  // CMN_NO_THROW_H

@@ -9,11 +9,13 @@
 #include <cstring>
 #include <memory>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include <elf.h>
 #include <link.h>
 
+#include "cmn/no_throw.h"
 #include "cmn/objmgrfunc.h"
 #include "os/files.h"
 #include "os/fs.h"
@@ -94,15 +96,6 @@ std::string dynamicLinkerError() {
 
 }  // namespace
 
-ModuleFile& ModuleFile::operator=(ModuleFile&& other) noexcept {
-    std::swap(path_, other.path_);
-    std::swap(handle_, other.handle_);
-    std::swap(entry_, other.entry_);
-    std::swap(objects_, other.objects_);
-    std::swap(makeObject_, other.makeObject_);
-    return *this;
-}
-
 ModuleFile::~ModuleFile() {
     if (handle_ != nullptr) {
         dlclose(handle_);
@@ -133,7 +126,14 @@ Result ModuleFile::open(const std::string& path, ModuleFile& file) {
                            std::string("is no module: it lacks ") + lacking);
         }
     }
-    file.objects_ = objects();
+    // What it throws may be of a type of the file's own.
+    (void)noThrow([&] {
+        file.objects_ = objects();
+        return kOk;
+    });
+    if (file.objects_ == nullptr) {
+        return failure(kMalformed, file.path_, "gives no object manager");
+    }
     return {};
 }
 

@@ -6,7 +6,6 @@
 #define HOST_MODULE_FILE_H
 
 #include <string>
-#include <utility>
 
 #include "api/base_module.h"
 #include "cmn/cmn_obj_mgr.h"
@@ -19,17 +18,18 @@ public:
     using Successor = CMN_ObjectManager::Successor;
 
     ModuleFile() = default;  // nothing is mapped
-    ModuleFile(ModuleFile&& other) noexcept { *this = std::move(other); }
-    ModuleFile& operator=(ModuleFile&& other) noexcept;
+    ModuleFile(const ModuleFile&) = delete;
+    ModuleFile& operator=(const ModuleFile&) = delete;
     ~ModuleFile();  // as close()
 
     // Maps the module at `path` into `file`, which holds nothing. Its static objects
-    // are built, its entry is not called.
+    // are built, its entry is not called. One that throws then ends the process: no
+    // exception passes the dynamic linker.
     //   kMissing    there is no such file
     //   kIo         the file could not be opened or examined
     //   kMalformed  it is not a regular file, not a shared object, one of the other
     //               word size, cut short, needs what is not there, or lacks the
-    //               functions of a module
+    //               functions of a module, or has no object manager
     static Result open(const std::string& path, ModuleFile& file);
 
     // Unmaps it and destroys its static objects. kIo when the system keeps it
@@ -38,6 +38,9 @@ public:
 
     // Lets it stay mapped to the end of the process.
     void abandon() noexcept { handle_ = nullptr; }
+
+    // Whether a module is mapped here.
+    bool isOpen() const noexcept { return handle_ != nullptr; }
 
     // True when both are the same mapping: a file, by whatever name, is mapped once.
     bool sameAs(const ModuleFile& other) const noexcept { return handle_ == other.handle_; }

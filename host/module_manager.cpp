@@ -10,15 +10,16 @@
 
 namespace {
 
-// Runs an operation's body; an exception becomes a status without words.
+// Runs an operation's body; an exception becomes a status, with its own words.
 template <class Body>
-Result answer(Body body) {
+Result answer(Body body) noexcept {
     Result result;
-    const Status status = noThrow([&] {
-        result = body();
-        return result.status;
-    });
-    result.status = status;
+    result.status = noThrow(
+        [&] {
+            result = body();
+            return result.status;
+        },
+        result.message);
     return result;
 }
 
@@ -74,12 +75,53 @@ bool everyUseIsHeld(CMN_GuardedRef& service, const ServiceTable::Uses& uses) {
 
 }  // namespace
 
+// A module on its way in or out, kept where the nested calls of modules find it. One that
+// has not arrived in the end is stopped and unmapped.
+class ModuleManager::InTransit {
+public:
+    explicit InTransit(Modules& list) : list_(list), module_(list.emplace(list.end())) {}
+    InTransit(Modules& list, Modules& from, Modules::iterator leaving)
+        : list_(list), module_(leaving) {
+        list.splice(list.end(), from, leaving);
+    }
+    InTransit(const InTransit&) = delete;
+    InTransit& operator=(const InTransit&) = delete;
+    ~InTransit() {
+        if (module_ != list_.end()) {
+            module_->stop();  // while it is still in the list
+            list_.erase(module_);
+        }
+    }
+
+    Module& operator*() const { return *module_; }
+    Module* operator->() const { return &*module_; }
+
+    void arrive(Modules& to, Modules::iterator before) noexcept {
+        to.splice(before, list_, module_);
+        module_ = list_.end();
+    }
+
+private:
+    Modules& list_;
+    Modules::iterator module_;
+};
+
 ModuleManager::Modules::iterator ModuleManager::find(unsigned int id) {
     auto module = modules_.begin();
-    while (module != modules_.end() && module->id != id) {
+    while (module != modules_.end() && module->id() != id) {
         ++module;
     }
     return module;
+}
+
+// Another one of `modules` that is the same file, or null.
+const Module* ModuleManager::sameFile(const Modules& modules, const Module& module) {
+    for (const Module& other : modules) {
+        if (&other != &module && module.sameFileAs(other)) {
+            return &other;
+        }
+    }
+    return nullptr;
 }
 
 Result ModuleManager::load(const char* path, std::optional<unsigned int> expected) {
@@ -88,63 +130,37 @@ Result ModuleManager::load(const char* path, std::optional<unsigned int> expecte
             return {kInvalid, "no path of a module is given"};
         }
         const CMN_Entered entered(lifecycle_);
-        Modules loading(1);
-        Module& module = loading.front();
-        if (Result opened = ModuleFile::open(path, module.file); !opened.ok()) {
-            return opened;
+        InTransit fresh(inTransit_);
+        if (Result mapped = fresh->map(path); !mapped.ok()) {
+            return mapped;
         }
-        for (const Module& other : modules_) {
-            if (module.file.sameAs(other.file)) {
-                return inUse(other.id, "is loaded already from " + other.file.path());
-            }
+        if (const Module* const other = sameFile(modules_, *fresh)) {
+            return inUse(other->id(), "is loaded already from " + other->path());
         }
-        if (Result started = start(module, expected); !started.ok()) {
+        if (sameFile(inTransit_, *fresh) != nullptr) {
+            return {kAlreadyOpen, fresh->path() + ": is being loaded or unloaded"};
+        }
+        if (Result started = fresh->start(*this, expected); !started.ok()) {
             return started;
         }
-        if (const auto other = find(module.id); other != modules_.end()) {
-            shutDown(module);
-            return inUse(other->id, "is loaded already from " + other->file.path());
+        if (Result admitted = admit(*fresh); !admitted.ok()) {
+            return admitted;
         }
-        const Status added = noThrow([&] {
-            services_.add(module.id, module.service);
-            return kOk;
-        });
-        if (added != kOk) {
-            shutDown(module);
-            return {added, {}};
-        }
-        modules_.splice(modules_.end(), loading);
+        services_.add(fresh->id(), fresh->service());
+        fresh.arrive(modules_, modules_.end());
         return {};
     });
 }
 
-// Brings a mapped module to life; after a failure it is as it was before.
-Result ModuleManager::start(Module& module, std::optional<unsigned int> expected) {
-    const ModuleFile& file = module.file;
-    const Status called = noThrow([&] {
-        module.face = file.entry()(this, 0);
-        return kOk;
-    });
-    if (called != kOk || module.face == nullptr) {
-        return {called != kOk ? called : kMalformed, file.path() + ": its entry gives no object"};
+// Whether no other file of the module is there, or on its way in or out.
+Result ModuleManager::admit(const Module& fresh) {
+    if (const auto other = find(fresh.id()); other != modules_.end()) {
+        return inUse(other->id(), "is loaded already from " + other->path());
     }
-    module.id = module.face->getModuleID();
-    module.service = module.face->getService(Tuint32ID(module.id));
-    if (module.service == nullptr) {
-        // What its entry has made has no owner who could take it back.
-        Result refused{kMalformed, file.path() + ": stays mapped: offers no service of its own"};
-        module.file.abandon();
-        return refused;
-    }
-    module.service->addReference();
-    if (expected && module.id != *expected) {
-        shutDown(module);
-        return {kMalformed, file.path() + ": is module " + std::to_string(module.id) + ", not " +
-                                std::to_string(*expected)};
-    }
-    if (const Status begun = module.service->init(); begun != kOk) {
-        shutDown(module);
-        return {begun, file.path() + ": its service does not start"};
+    for (const Module& other : inTransit_) {
+        if (&other != &fresh && other.service() != nullptr && other.id() == fresh.id()) {
+            return inUse(other.id(), "is being loaded or unloaded, from " + other.path());
+        }
     }
     return {};
 }
@@ -167,20 +183,20 @@ Result ModuleManager::unload(unsigned int id) {
 // may come by an object and give the use back between two looks. So there must be
 // no use before the looks, and no acquisition up to their end.
 Result ModuleManager::closeUnused(const Module& module) {
-    CMN_ObjectManager& objects = module.file.objects();
+    CMN_ObjectManager& objects = module.objects();
     for (;;) {
-        const ServiceTable::Uses seen = services_.uses(module.id);
+        const ServiceTable::Uses seen = services_.uses(module.id());
         if (!seen.byAsker.empty()) {
-            return inUse(module.id, "is used by module " + seen.byAsker.begin()->first);
+            return inUse(module.id(), "is used by module " + seen.byAsker.begin()->first);
         }
         // Asked first: an object on its way to its first holder is busy, then held.
         if (objects.isBusy()) {
-            return inUse(module.id, "has a call in progress");
+            return inUse(module.id(), "has a call in progress");
         }
         if (objects.moduleIsUsed() != 0) {
-            return inUse(module.id, "has objects that another module holds");
+            return inUse(module.id(), "has objects that another module holds");
         }
-        if (services_.closeUnused(module.id, seen)) {
+        if (services_.closeUnused(module.id(), seen)) {
             return {};
         }
     }
@@ -206,10 +222,10 @@ Result ModuleManager::unloadAll() {
     const CMN_Entered entered(lifecycle_);
     Result first;
     while (!modules_.empty()) {
-        const unsigned int id = modules_.back().id;
+        const unsigned int id = modules_.back().id();
         Result unloaded = forceUnload(id);
         if (const auto refused = find(id); refused != modules_.end()) {
-            refused->file.abandon();  // it is being called: better kept than pulled away
+            refused->abandon();  // it is being called: better kept than pulled away
             modules_.erase(refused);
             services_.remove(id);
         }
@@ -221,74 +237,55 @@ Result ModuleManager::unloadAll() {
 }
 
 Result ModuleManager::detachUsers(const Module& module) {
-    CMN_ObjectManager& objects = module.file.objects();
+    CMN_ObjectManager& objects = module.objects();
     // Who was given the service a moment ago is to attach it first. Whoever never
     // does is not waited for any longer than this.
     (void)within(patience_,
-                 [&] { return everyUseIsHeld(*module.service, services_.uses(module.id)); });
+                 [&] { return everyUseIsHeld(*module.service(), services_.uses(module.id())); });
     if (!within(patience_, [&] { return !objects.isBusy(); })) {
-        return inUse(module.id, "has calls in progress");
+        return inUse(module.id(), "has calls in progress");
     }
     // A call that has begun since keeps its object; all others are let go of now.
-    const Tuint32ID home(module.id);
+    const Tuint32ID home(module.id());
     if (!within(patience_, [&] { return objects.unhookForeign(home) == 0; })) {
-        services_.forget(module.id, services_.uses(module.id));  // for the most part void
-        return inUse(module.id, "has calls in progress that began while it was being detached");
+        services_.forget(module.id(), services_.uses(module.id()));  // for the most part void
+        return inUse(module.id(), "has calls in progress that began while it was being detached");
     }
     return {};
 }
 
 // The module is closed and nobody else holds an object of it.
 Result ModuleManager::remove(Modules::iterator module) {
-    const unsigned int id = module->id;
-    shutDown(*module);
-    letGoOfOthers(id);
-    Result unmapped = unmap(*module);
-    modules_.erase(module);
+    const unsigned int id = module->id();
+    const InTransit leaving(inTransit_, modules_, module);
+    leaving->stop();
+    const Result detached = letGoOfOthers(id);
+    if (!detached.ok()) {
+        leaving->abandon();  // what is left of it in others may be called
+    }
+    Result unmapped = answer([&] { return leaving->unmap(); });
     services_.remove(id);
     services_.forgetAsker(std::to_string(id));
-    return unmapped;
-}
-
-// The entry stops the module's objects. Holders of its own that are left, static
-// ones above all, let go before the manager does, whose reference is then the last.
-void ModuleManager::shutDown(Module& module) {
-    (void)noThrow([&] {
-        module.file.entry()(nullptr, 0);
-        module.file.objects().fini();
-        return kOk;
-    });
-    if (CMN_GuardedRef* const service = std::exchange(module.service, nullptr)) {
-        service->remReference();
-    }
+    return detached.ok() ? unmapped : detached;
 }
 
 // A holder that the module has left in other modules' objects would be called there
 // when its code is gone. Looks before it walks, because walks wait.
-void ModuleManager::letGoOfOthers(unsigned int id) {
-    const Tuint32ID leaving(id);
-    const auto letGoOf = [&leaving](CMN_ObjectManager& objects) {
-        if (objects.moduleIsUsedBy(leaving) != 0) {
-            objects.unhookObjs(leaving);
+Result ModuleManager::letGoOfOthers(unsigned int id) {
+    return answer([&]() -> Result {
+        const CMN_Entered entered(lifecycle_);
+        const Tuint32ID leaving(id);
+        const auto letGoOf = [&leaving](CMN_ObjectManager& objects) {
+            if (objects.moduleIsUsedBy(leaving) != 0) {
+                objects.unhookObjs(leaving);
+            }
+        };
+        for (const Module& other : modules_) {
+            letGoOf(other.objects());
         }
-    };
-    for (const Module& other : modules_) {
-        if (other.id != id) {
-            letGoOf(other.file.objects());
-        }
-    }
-    letGoOf(ObjectManager);  // of the host's own services
-}
-
-// An object whose code is gone is worse than a file that stays.
-Result ModuleManager::unmap(Module& module) {
-    const int left = module.file.objects().size();
-    if (left != 0) {
-        module.file.abandon();
-        return {kIo, module.file.path() + ": stays mapped, for objects that it has left behind: " +
-                         std::to_string(left)};
-    }
-    return module.file.close();
+        letGoOf(ObjectManager);  // of the host's own services
+        return {};
+    });
 }
 
 Result ModuleManager::replace(unsigned int id, const char* path) {
@@ -297,40 +294,50 @@ Result ModuleManager::replace(unsigned int id, const char* path) {
             return {kInvalid, "no path of a module is given"};
         }
         const CMN_Entered entered(lifecycle_);
-        const auto module = find(id);
-        if (module == modules_.end()) {
-            return notLoaded(id);
+        if (Result asked = askToBeReplaced(id); !asked.ok()) {
+            return asked;
         }
-        if (module->face->isReplaceable() == 0) {
-            return inUse(id, "does not let itself be replaced");
+        InTransit fresh(inTransit_);
+        if (Result mapped = fresh->map(path); !mapped.ok()) {
+            return mapped;
         }
-        Module fresh;
-        if (Result opened = ModuleFile::open(path, fresh.file); !opened.ok()) {
-            return opened;
+        if (const Module* const other = sameFile(modules_, *fresh)) {
+            return {kInvalid,
+                    fresh->path() + ": is loaded already as module " + std::to_string(other->id())};
         }
-        for (const Module& other : modules_) {
-            if (fresh.file.sameAs(other.file)) {
-                return {kInvalid, fresh.file.path() + ": is loaded already as module " +
-                                      std::to_string(other.id)};
-            }
+        if (sameFile(inTransit_, *fresh) != nullptr) {
+            return {kAlreadyOpen, fresh->path() + ": is being loaded or unloaded"};
         }
-        if (Result started = start(fresh, id); !started.ok()) {
+        if (Result started = fresh->start(*this, id); !started.ok()) {
             return started;
         }
+        const auto old = find(id);
+        if (old == modules_.end()) {
+            return notLoaded(id);  // any more: the new one has unloaded it
+        }
         ServiceTable::Uses seen;
-        if (!offerInPlaceOf(*module, fresh, seen)) {
-            shutDown(fresh);
+        if (!offerInPlaceOf(*old, *fresh, seen)) {
             return inUse(id, "was acquired by someone who holds no reference on its service");
         }
-        const Status moved = noThrow([&] {
-            takeOver(*module, fresh, seen);
-            return kOk;
-        });
-        std::swap(*module, fresh);
-        shutDown(fresh);  // also lets go of what could not be taken over
-        Result unmapped = unmap(fresh);
-        return moved == kOk ? unmapped : Result{moved, {}};
+        Result moved = takeOver(*old, *fresh, seen);
+        fresh.arrive(modules_, old);
+        const InTransit leaving(inTransit_, modules_, old);
+        leaving->stop();  // also lets go of what could not be taken over
+        Result unmapped = leaving->unmap();
+        return moved.ok() ? unmapped : moved;
     });
+}
+
+Result ModuleManager::askToBeReplaced(unsigned int id) {
+    const auto module = find(id);
+    if (module == modules_.end()) {
+        return notLoaded(id);
+    }
+    bool replaceable = false;
+    if (Result asked = module->isReplaceable(replaceable); !asked.ok()) {
+        return asked;
+    }
+    return replaceable ? Result{} : inUse(id, "does not let itself be replaced");
 }
 
 // The new service is offered at a moment when nobody is between being given the old
@@ -338,29 +345,34 @@ Result ModuleManager::replace(unsigned int id, const char* path) {
 bool ModuleManager::offerInPlaceOf(const Module& old, const Module& fresh,
                                    ServiceTable::Uses& seen) {
     return within(patience_, [&] {
-        seen = services_.uses(old.id);
-        return everyUseIsHeld(*old.service, seen) &&
-               services_.exchange(old.id, fresh.service, seen);
+        seen = services_.uses(old.id());
+        return everyUseIsHeld(*old.service(), seen) &&
+               services_.exchange(old.id(), fresh.service(), seen);
     });
 }
 
 // giveUp() goes on for as long as the old module has an object, so the manager lets
 // go of its plain reference on the service. In its place it has a holder, which tells
 // what has become of the others.
-void ModuleManager::takeOver(Module& old, const Module& fresh, const ServiceTable::Uses& seen) {
-    const CMN_GRefPtr<CMN_GuardedRef> witness(old.service);
-    std::exchange(old.service, nullptr)->remReference();
-    guards_.mend();
-    old.file.objects().giveUp(fresh.file.makeObject());
-    if (witness.get() == nullptr) {
-        services_.forget(old.id, seen);  // who lost the service does not release it
+Result ModuleManager::takeOver(Module& old, Module& fresh, const ServiceTable::Uses& seen) {
+    const CMN_GuardedRef* const service = old.service();
+    CMN_GRefPtr<CMN_GuardedRef> witness;
+    Result moved = answer([&]() -> Result {
+        witness = old.service();
+        old.letGo();
+        guards_.mend();
+        return fresh.takeOver(old.objects());
+    });
+    if (witness.get() == nullptr || witness.get() == service) {
+        services_.forget(old.id(), seen);  // who loses the service does not release it
     }
+    return moved;
 }
 
 CMN_GuardedRef* ModuleManager::moduleService(unsigned int id) {
     const CMN_Entered entered(lifecycle_);
     const auto module = find(id);
-    return module == modules_.end() ? nullptr : module->service;
+    return module == modules_.end() ? nullptr : module->service();
 }
 
 void ModuleManager::setPatience(std::chrono::milliseconds patience) {

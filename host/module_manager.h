@@ -1,6 +1,8 @@
 // The host's module manager: loads modules, finds their services for each other,
 // gives their objects guards, and unloads or replaces modules.
 //
+// Whatever a module throws is a refusal with words, kIo or kNoMemory, and ends there.
+//
 // Any thread may call any operation. Loading, unloading and replacing exclude each
 // other; each may be called from within a module's entry, but neither from within
 // a call of an object of the module concerned nor with a lock of the framework held
@@ -25,7 +27,7 @@
 #include "cmn/status.h"
 #include "cmn/thread_annotations.h"
 #include "host/guard_pool.h"
-#include "host/module_file.h"
+#include "host/module.h"
 #include "host/result.h"
 #include "host/service_table.h"
 
@@ -38,7 +40,8 @@ public:
     //   kInvalid       `path` is null
     //   kMissing       there is no such file
     //   kMalformed     no file of a module, or of a module other than `expected`
-    //   kAlreadyOpen   this file, or another one of the module, is loaded
+    //   kAlreadyOpen   this file, or another one of the module, is loaded, or is just
+    //                  being loaded or unloaded: its entry may have led here
     //   kIo, kNoMemory, or what the start of the service answered
     Result load(const char* path, std::optional<unsigned int> expected = {});
 
@@ -70,6 +73,8 @@ public:
     //   kEnd           module `id` is not loaded
     //   kAlreadyOpen   the module does not let itself be replaced, or someone has
     //                  acquired its service and holds no reference on it
+    //   kIo, kNoMemory also when the new module could not make all of the objects: it has
+    //                  taken over, and who held one that it did not make has lost it
     Result replace(unsigned int id, const char* path);
 
     // Offers `service` to all modules as service `id`, before that of a module with
@@ -97,28 +102,20 @@ public:
     void releaseModule(const TypifiedID& module, const TypifiedID& asker) override;
 
 private:
-    struct Module {
-        unsigned int id = 0;
-        ModuleFile file;
-        BaseModuleInterface* face = nullptr;  // what the entry gave
-        // The module's service object, on which the manager keeps a plain reference:
-        // giving that up deletes it.
-        CMN_GuardedRef* service = nullptr;
-    };
     using Modules = std::list<Module>;
+    class InTransit;
 
     Modules::iterator find(unsigned int id) CMN_REQUIRES(lifecycle_);
-    Result start(Module& module, std::optional<unsigned int> expected);
+    static const Module* sameFile(const Modules& modules, const Module& module);
+    Result admit(const Module& fresh) CMN_REQUIRES(lifecycle_);
     Result closeUnused(const Module& module);
     Result detachUsers(const Module& module) CMN_REQUIRES(lifecycle_);
     Result remove(Modules::iterator module) CMN_REQUIRES(lifecycle_);
+    Result askToBeReplaced(unsigned int id) CMN_REQUIRES(lifecycle_);
     bool offerInPlaceOf(const Module& old, const Module& fresh, ServiceTable::Uses& seen)
         CMN_REQUIRES(lifecycle_);
-    void takeOver(Module& old, const Module& fresh, const ServiceTable::Uses& seen);
-    void letGoOfOthers(unsigned int id) CMN_REQUIRES(lifecycle_);
-
-    static void shutDown(Module& module);
-    static Result unmap(Module& module);
+    Result takeOver(Module& old, Module& fresh, const ServiceTable::Uses& seen);
+    Result letGoOfOthers(unsigned int id);
 
     // Serialises loading, unloading and replacing. Recursive: a module's entry may
     // load others. The first lock of the order; held while modules are called.
@@ -126,6 +123,9 @@ private:
     GuardPool guards_;  // outlives the modules
     ServiceTable services_;
     Modules modules_ CMN_GUARDED_BY(lifecycle_);  // in the order of loading
+    // Those that are being started or stopped. A module that is called meanwhile may ask
+    // for any of them.
+    Modules inTransit_ CMN_GUARDED_BY(lifecycle_);
     std::chrono::milliseconds patience_ CMN_GUARDED_BY(lifecycle_){2000};
 };
 

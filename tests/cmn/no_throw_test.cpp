@@ -38,4 +38,16 @@ TEST(NoThrowTest, BodyMayBeAnObjectThatIsChanged) {
     EXPECT_EQ(2, runs);
 }
 
+TEST(NoThrowTest, TellsWhatTheExceptionSays) {
+    std::string words;
+    EXPECT_EQ(kMissing, noThrow([] { return kMissing; }, words));
+    EXPECT_EQ("", words);
+    EXPECT_EQ(kIo, noThrow([]() -> Status { throw 7; }, words));
+    EXPECT_EQ("", words);
+    EXPECT_EQ(kIo, noThrow([]() -> Status { throw std::runtime_error("the reason"); }, words));
+    EXPECT_EQ("the reason", words);
+    EXPECT_EQ(kNoMemory, noThrow([]() -> Status { throw std::bad_alloc(); }, words));
+    EXPECT_EQ("std::bad_alloc", words);
+}
+
 }  // namespace

@@ -59,6 +59,23 @@ bool isMapped(const char* name) {
     return support::readFile("/proc/self/maps").find(moduleFile(name)) != std::string::npos;
 }
 
+// A variable of the environment, by which a probe is told what to do.
+class Told {
+public:
+    Told(std::string name, const std::string& value) : name_(std::move(name)) {
+        setenv(name_.c_str(), value.c_str(), 1);
+    }
+    Told(const Told&) = delete;
+    Told& operator=(const Told&) = delete;
+    ~Told() { unsetenv(name_.c_str()); }
+
+    // What the probe has put in the place.
+    std::string now() const { return std::getenv(name_.c_str()); }
+
+private:
+    std::string name_;
+};
+
 // A call that stays in progress until it is told to end.
 class LongCall {
 public:
@@ -132,7 +149,6 @@ TEST_F(ModuleManagerTest, RefusalsNameTheFileAndTheReason) {
         {"no such", kMissing, "No such file"},
         {"probe_no_entry", kMalformed, "GetInterfaceClass"},
         {"probe_null_entry", kMalformed, "its entry gives no object"},
-        {"probe_throwing_entry", kNoMemory, "its entry gives no object"},
         {"probe_no_service", kMalformed, "offers no service"},
         {"probe_failing_init", kNoDigest, "does not start"},
     };
@@ -147,12 +163,55 @@ TEST_F(ModuleManagerTest, RefusalsNameTheFileAndTheReason) {
 }
 
 TEST_F(ModuleManagerTest, RefusedFilesAreUnmapped) {
-    for (const char* const name :
-         {"probe_null_entry", "probe_throwing_entry", "probe_failing_init"}) {
+    for (const char* const name : {"probe_null_entry", "probe_no_service", "probe_failing_init"}) {
         SCOPED_TRACE(name);
         EXPECT_FALSE(load(name).ok());
         EXPECT_FALSE(isMapped(name));
     }
+}
+
+struct Throw {
+    const char* where;
+    const char* said;  // of the place, in the message
+};
+struct Thrown {
+    const char* what;
+    Status status;
+    const char* words;
+};
+constexpr Thrown kThrown[] = {
+    {"bad_alloc", kNoMemory, "throws an exception: std::bad_alloc"},
+    {"std", kIo, "throws an exception: words of its own"},
+    {"own", kIo, "throws an exception"},
+    {"number", kIo, "throws an exception"},
+};
+
+TEST_F(ModuleManagerTest, ModuleThatThrowsIsRefusedStoppedAndUnmapped) {
+    const Throw places[] = {
+        {"entry", "its entry"},
+        {"getModuleID", "its object"},
+        {"getService", "its object"},
+        {"init", "its service"},
+    };
+    for (const Throw& place : places) {
+        for (const Thrown& thrown : kThrown) {
+            const std::string throws = std::string(place.where) + " " + thrown.what;
+            SCOPED_TRACE(throws);
+            for (int round = 0; round != 10; ++round) {
+                const Told told("PROBE_THROWS", throws);
+                const Result loaded = load("probe1");
+                ASSERT_EQ(thrown.status, loaded.status);
+                ASSERT_THAT(loaded.message, HasSubstr(moduleFile("probe1")));
+                ASSERT_THAT(loaded.message, HasSubstr(place.said));
+                ASSERT_THAT(loaded.message, HasSubstr(thrown.words));
+                ASSERT_EQ(place.where == std::string("entry") ? throws : "stopped", told.now());
+                ASSERT_FALSE(isMapped("probe1"));
+                ASSERT_EQ(0, manager_.isLoaded(k201));
+            }
+        }
+    }
+    EXPECT_GE(2U, manager_.guards().size()) << "no service was left behind";
+    EXPECT_STATUS(kOk, load("probe1"));
 }
 
 TEST_F(ModuleManagerTest, AnotherModuleThanTheExpectedIsRefused) {
@@ -161,6 +220,37 @@ TEST_F(ModuleManagerTest, AnotherModuleThanTheExpectedIsRefused) {
     EXPECT_THAT(loaded.message, HasSubstr("is module 201, not 202"));
     EXPECT_EQ(0, manager_.isLoaded(k201));
     EXPECT_STATUS(kOk, manager_.load(moduleFile("probe1").c_str(), 201));
+}
+
+TEST_F(ModuleManagerTest, ModuleThatLoadsItselfIsRefusedTheSecondTime) {
+    const Told told("PROBE_201_start", "load " + moduleFile("probe1"));
+    ASSERT_OK(load("probe1"));
+    EXPECT_EQ(std::to_string(kAlreadyOpen), told.now());
+    aProbe service(k201);
+    EXPECT_EQ(1U, service.version());
+    EXPECT_EQ(0, aThing(service).value());
+}
+
+TEST_F(ModuleManagerTest, ModulesThatLoadEachOtherAreLoadedOnce) {
+    const Told first("PROBE_201_start", "load " + moduleFile("probe2"));
+    const Told second("PROBE_202_start", "load " + moduleFile("probe1"));
+    ASSERT_OK(load("probe1"));
+    EXPECT_EQ("0", first.now());
+    EXPECT_EQ(std::to_string(kAlreadyOpen), second.now());
+    EXPECT_EQ(1U, aProbe(k201).version());
+    EXPECT_EQ(1U, aProbe(k202).version());
+}
+
+// The one that comes second is told apart by its number, and goes without a trace.
+TEST_F(ModuleManagerTest, ModuleThatLoadsACopyOfItselfGivesWay) {
+    const TempDir dir;
+    std::filesystem::copy_file(moduleFile("probe1"), dir / "copy.so");
+    const Told told("PROBE_201_start", "load " + (dir / "copy.so"));
+    const Result loaded = load("probe1");
+    EXPECT_EQ(kAlreadyOpen, loaded.status);
+    EXPECT_THAT(loaded.message, HasSubstr(dir / "copy.so"));
+    EXPECT_FALSE(isMapped("probe1"));
+    EXPECT_EQ(1U, aProbe(k201).version());
 }
 
 // ---- services and uses
@@ -223,6 +313,19 @@ TEST_F(ModuleManagerTest, ModuleIsStoppedThenItsServiceDeletedThenUnmapped) {
     EXPECT_STATUS(kOk, manager_.unload(201));
     EXPECT_THAT(events_,
                 ElementsAre("1 service fini", "1 stopped", "1 service gone", "1 unmapped"));
+}
+
+TEST_F(ModuleManagerTest, ObjectApartFromTheServiceIsDeletedToo) {
+    const Told told("PROBE_APART", "yes");
+    ASSERT_OK(load("probe1"));
+    static_cast<TProbe*>(manager_.moduleService(201))->observe(&events_);
+    EXPECT_STATUS(kOk, manager_.replace(201, moduleFile("probe1_remaking").c_str()));
+    EXPECT_THAT(events_, ElementsAre("1 object gone", "1 service gone", "1 stopped", "1 unmapped"));
+    events_.clear();
+    static_cast<TProbe*>(manager_.moduleService(201))->observe(&events_);
+    EXPECT_STATUS(kOk, manager_.unload(201));
+    EXPECT_THAT(events_, ElementsAre("2 service fini", "2 stopped", "2 service gone",
+                                     "2 object gone", "2 unmapped"));
 }
 
 TEST_F(ModuleManagerTest, AcquiredModuleIsNotUnloaded) {
@@ -337,6 +440,31 @@ TEST_F(ModuleManagerTest, LoadUseAndUnloadLeaveNothingBehind) {
     EXPECT_FALSE(isMapped("probe1"));
     EXPECT_FALSE(isMapped("probe2"));
     EXPECT_EQ(0, ObjectManager.size());
+}
+
+TEST_F(ModuleManagerTest, ModuleThatThrowsWhenItIsStoppedIsUnloaded) {
+    for (const Thrown& thrown : kThrown) {
+        SCOPED_TRACE(thrown.what);
+        ASSERT_OK(load("probe1"));
+        ASSERT_EQ(kOk, static_cast<TProbe*>(manager_.moduleService(201))->keepItself());
+        const Told told("PROBE_THROWS", std::string("stop ") + thrown.what);
+        EXPECT_STATUS(kOk, manager_.unload(201));
+        EXPECT_EQ("stopped", told.now());
+        EXPECT_FALSE(isMapped("probe1"));
+    }
+}
+
+TEST_F(ModuleManagerTest, ModuleThatIsStoppedCannotBringItselfBack) {
+    const std::string wishes[] = {"load " + moduleFile("probe1"), "unload 201"};
+    for (const std::string& wish : wishes) {
+        SCOPED_TRACE(wish);
+        ASSERT_OK(load("probe1"));
+        const Told told("PROBE_201_stop", wish);
+        EXPECT_STATUS(kOk, manager_.unload(201));
+        EXPECT_EQ(std::to_string(wish[0] == 'l' ? kAlreadyOpen : kEnd), told.now());
+        EXPECT_FALSE(isMapped("probe1"));
+        EXPECT_EQ(0, manager_.isLoaded(k201));
+    }
 }
 
 // ---- unloading by force
@@ -557,6 +685,66 @@ TEST_F(ModuleManagerTest, RefusedReplacementsChangeNothing) {
         EXPECT_EQ(1, manager_.uses(201));
     }
     EXPECT_STATUS(kInvalid, manager_.replace(201, nullptr));
+}
+
+TEST_F(ModuleManagerTest, ReplacementThatThrowsIsRefused) {
+    const Throw places[] = {
+        {"isReplaceable", "probe1.so: its object"},
+        {"entry", "probe1_remaking.so: its entry"},
+        {"getModuleID", "probe1_remaking.so: its object"},
+        {"getService", "probe1_remaking.so: its object"},
+        {"init", "probe1_remaking.so: its service"},
+    };
+    ASSERT_OK(load("probe1"));
+    aProbe service(k201);
+    const aThing thing(service);
+    for (const Throw& place : places) {
+        for (const Thrown& thrown : kThrown) {
+            SCOPED_TRACE(std::string(place.where) + " " + thrown.what);
+            const Told told("PROBE_THROWS", std::string(place.where) + " " + thrown.what);
+            const Result refused = manager_.replace(201, moduleFile("probe1_remaking").c_str());
+            EXPECT_EQ(thrown.status, refused.status);
+            EXPECT_THAT(refused.message, HasSubstr(place.said));
+            EXPECT_THAT(refused.message, HasSubstr(thrown.words));
+            EXPECT_EQ(1U, thing.madeBy());
+            EXPECT_EQ(1U, service.version());
+            EXPECT_EQ(1, manager_.uses(201));
+            EXPECT_FALSE(isMapped("probe1_remaking"));
+        }
+    }
+    EXPECT_STATUS(kOk, manager_.replace(201, moduleFile("probe1_remaking").c_str()));
+}
+
+TEST_F(ModuleManagerTest, ReplacementWhoseFactoryThrowsTakesOverWithoutTheObjects) {
+    for (const Thrown& thrown : kThrown) {
+        SCOPED_TRACE(thrown.what);
+        ASSERT_OK(load("probe1"));
+        {
+            aProbe service(k201);
+            const aThing thing(service);
+            const Told told("PROBE_THROWS", std::string("MakeObject ") + thrown.what);
+            const Result replaced = manager_.replace(201, moduleFile("probe1_remaking").c_str());
+            EXPECT_EQ(thrown.status, replaced.status);
+            EXPECT_THAT(replaced.message, HasSubstr(thrown.words));
+            EXPECT_EQ("stopped", told.now());
+            EXPECT_FALSE(isMapped("probe1"));
+            EXPECT_EQ(nullptr, thing.target());
+            EXPECT_EQ(nullptr, service.service());
+            EXPECT_EQ(0, manager_.uses(201));
+            EXPECT_EQ(2U, service.version()) << "the new module serves";
+        }
+        EXPECT_STATUS(kOk, manager_.unload(201));
+    }
+}
+
+TEST_F(ModuleManagerTest, ReplacementThatUnloadsTheOldModuleIsRefused) {
+    ASSERT_OK(load("probe1"));
+    const Told told("PROBE_201_start", "unload 201");
+    EXPECT_STATUS(kEnd, manager_.replace(201, moduleFile("probe1_remaking").c_str()));
+    EXPECT_EQ("0", told.now());
+    EXPECT_EQ(0, manager_.isLoaded(k201));
+    EXPECT_FALSE(isMapped("probe1"));
+    EXPECT_FALSE(isMapped("probe1_remaking"));
 }
 
 TEST_F(ModuleManagerTest, ReplaceIsRefusedWhileSomeoneHasTheServiceUnheld) {

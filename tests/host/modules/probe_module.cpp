@@ -5,7 +5,16 @@
 //   PROBE_REPLACEABLE what isReplaceable() answers
 //   PROBE_REMAKES     defined: MakeObject() makes successors
 //   PROBE_FAULT       what goes wrong, one of the values below
+//
+// The environment may say more. PROBE_THROWS, "<where> <what>", names a call that throws
+// and an exception; stopping such a module sets it to "stopped". PROBE_<id>_start and
+// PROBE_<id>_stop name what the entry asks of the host, "load <path>" or "unload <id>";
+// the status answered is put in its place. With PROBE_APART the module's object is not
+// its service.
+#include <cstdlib>
+#include <exception>
 #include <new>
+#include <string>
 #include <thread>
 
 #include "cmn/objmgrfunc.h"
@@ -17,7 +26,7 @@
 
 namespace {
 
-enum Fault { kNone, kNullEntry, kThrowingEntry, kNoService, kFailingInit };
+enum Fault { kNone, kNullEntry, kNoService, kFailingInit };
 constexpr Fault kFault = PROBE_FAULT;
 
 std::vector<std::string>* log = nullptr;
@@ -25,6 +34,43 @@ std::vector<std::string>* log = nullptr;
 void note(const char* event) {
     if (log != nullptr) {
         log->push_back(std::to_string(PROBE_VERSION) + " " + event);
+    }
+}
+
+// Exceptions whose types, destructors and words are in this file.
+class OwnException {
+public:
+    OwnException() = default;
+    OwnException(const OwnException&) = default;
+    OwnException& operator=(const OwnException&) = default;
+    virtual ~OwnException() { note("exception gone"); }
+};
+class OwnStdException : public std::exception {
+public:
+    const char* what() const noexcept override { return "words of its own"; }
+};
+
+void mayThrow(const std::string& where) {
+    const char* const wanted = std::getenv("PROBE_THROWS");
+    const std::string throws = wanted == nullptr ? "" : wanted;
+    if (throws == where + " bad_alloc") {
+        throw std::bad_alloc();
+    }
+    if (throws == where + " std") {
+        throw OwnStdException();
+    }
+    if (throws == where + " own") {
+        throw OwnException();
+    }
+    if (throws == where + " number") {
+        throw 7;
+    }
+}
+
+void noteStop() {
+    note("stopped");
+    if (std::getenv("PROBE_THROWS") != nullptr) {
+        setenv("PROBE_THROWS", "stopped", 1);
     }
 }
 
@@ -66,13 +112,20 @@ public:
     Probe() : TProbe(kService) {}
     ~Probe() override { note("service gone"); }
 
-    unsigned int getModuleID() override { return PROBE_ID; }
+    unsigned int getModuleID() override {
+        mayThrow("getModuleID");
+        return PROBE_ID;
+    }
     unsigned int getVersion() override { return PROBE_VERSION; }
     unsigned int getBuild() override { return 1; }
-    int isReplaceable() override { return PROBE_REPLACEABLE; }
+    int isReplaceable() override {
+        mayThrow("isReplaceable");
+        return PROBE_REPLACEABLE;
+    }
     CMN_GuardedRef* createObject(unsigned int) override { return nullptr; }
     Status addModule(unsigned int, BaseModuleInterface*) override { return kIo; }
     CMN_GuardedRef* getService(const TypifiedID& id) override {
+        mayThrow("getService");
         return kFault != kNoService && id == ModuleID ? this : nullptr;
     }
 
@@ -89,7 +142,10 @@ public:
         left->CMN_Reference::addReference();
         return left;
     }
-    Status init() override { return kFault == kFailingInit ? kNoDigest : kOk; }
+    Status init() override {
+        mayThrow("init");
+        return kFault == kFailingInit ? kNoDigest : kOk;
+    }
     Status fini() override {
         note("service fini");
         return kOk;
@@ -101,6 +157,34 @@ private:
 
 Probe* service = nullptr;
 
+class Apart final : public BaseModuleInterface {
+public:
+    ~Apart() override { note("object gone"); }
+
+    unsigned int getModuleID() override { return service->getModuleID(); }
+    unsigned int getVersion() override { return service->getVersion(); }
+    unsigned int getBuild() override { return service->getBuild(); }
+    int isReplaceable() override { return service->isReplaceable(); }
+    CMN_GuardedRef* createObject(unsigned int) override { return nullptr; }
+    Status addModule(unsigned int, BaseModuleInterface*) override { return kIo; }
+    CMN_GuardedRef* getService(const TypifiedID& id) override { return service->getService(id); }
+};
+
+void ask(const std::string& when) {
+    const std::string name = "PROBE_" + std::to_string(PROBE_ID) + "_" + when;
+    const char* const set = std::getenv(name.c_str());
+    if (set == nullptr) {
+        return;
+    }
+    const std::string wish = set;
+    const std::string what = wish.substr(wish.find(' ') + 1);
+    const Status status =
+        wish.rfind("load ", 0) == 0
+            ? ModMgr->loadModule(what.c_str())
+            : ModMgr->unloadModule(Tuint32ID(static_cast<unsigned int>(std::stoul(what))));
+    setenv(name.c_str(), std::to_string(status).c_str(), 1);
+}
+
 }  // namespace
 
 CMN_BUILT_FIRST constinit Tuint32ID ModuleID(PROBE_ID);
@@ -108,22 +192,27 @@ CMN_BUILT_FIRST constinit Tuint32ID ModuleID(PROBE_ID);
 BaseModuleInterface* GetInterfaceClass(TModuleManager* manager, int flag) {
     if (manager == nullptr) {
         ObjectManager.finiAll();
-        note("stopped");
+        noteStop();
+        ask("stop");
+        mayThrow("stop");
         return nullptr;
     }
     ModMgr = manager;
     if (flag != 0 || kFault == kNullEntry) {
         return nullptr;
     }
-    if (kFault == kThrowingEntry) {
-        throw std::bad_alloc();
-    }
+    mayThrow("entry");
+    ask("start");
     service = new Probe;
+    if (std::getenv("PROBE_APART") != nullptr) {
+        return new Apart;
+    }
     return service;
 }
 
 CMN_GuardedRef* MakeObject([[maybe_unused]] unsigned int type,
                            [[maybe_unused]] CMN_GuardedRef& old) {
+    mayThrow("MakeObject");
 #ifdef PROBE_REMAKES
     if (type == TProbe::kThing) {
         return new Thing(static_cast<TThing&>(old).value());
