@@ -12,6 +12,7 @@
 
 #include "lib/base/error.h"
 #include "lib/base/text.h"
+#include "os/base.h"
 #include "os/files.h"
 #include "os/fs.h"
 #include "os/process.h"
@@ -35,6 +36,70 @@ std::string besideName(const std::string& path) {
     }
     const std::size_t slash = path.rfind('/');
     return fmt::format("{}/.fstore-{}", path.substr(0, slash), toHex(random));
+}
+
+// The entries of the folder at `path`, which messages call `name`.
+std::vector<FolderEntry> entriesOf(const char* path, const std::string& name) {
+    const os::Dir folder = os::openFolder(path);
+    if (!folder) {
+        failWithErrno("read the folder", name);
+    }
+    std::vector<FolderEntry> entries;
+    while (const dirent* const entry = os::nextEntry(folder.get())) {
+        const std::string inside = entry->d_name;
+        if (inside == "." || inside == "..") {
+            continue;
+        }
+        os::EntryType type = os::entryType(*entry);
+        if (type == os::EntryType::kUnknown) {
+            type = os::entryTypeOf(joined(path, inside).c_str());
+        }
+        if (type == os::EntryType::kUnknown) {
+            failWithErrno("examine", joined(name, inside));
+        }
+        using Type = FolderEntry::Type;
+        entries.push_back({inside, type == os::EntryType::kFolder ? Type::kFolder
+                                   : type == os::EntryType::kFile ? Type::kFile
+                                                                  : Type::kOther});
+    }
+    if (errno != 0) {
+        failWithErrno("read the folder", name);
+    }
+    return entries;
+}
+
+// In the functions below `path` begins at the thread's os::Base, and `name` is for messages.
+
+void removeEntry(const char* path, const std::string& name) {
+    if (os::remove(path) != 0 && errno != ENOENT) {
+        failWithErrno("remove", name);
+    }
+}
+
+void removeFolder(const char* path, const std::string& name) {
+    if (os::rmdir(path) != 0 && errno != ENOENT) {
+        failWithErrno("remove", name);
+    }
+}
+
+// From descriptor to descriptor: a link that takes the place of a folder meanwhile is not
+// followed. As deep as the system lets us hold folders open.
+// NOLINTNEXTLINE(misc-no-recursion)
+void emptyFolder(const char* path, const std::string& name) {
+    const os::File folder = os::openFile(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (!folder) {
+        failWithErrno("read the folder", name);
+    }
+    const os::Base inside(folder.get());
+    for (const FolderEntry& entry : entriesOf(".", name)) {
+        const std::string shown = joined(name, entry.name);
+        if (entry.type == FolderEntry::Type::kFolder) {
+            emptyFolder(entry.name.c_str(), shown);
+            removeFolder(entry.name.c_str(), shown);
+        } else {
+            removeEntry(entry.name.c_str(), shown);
+        }
+    }
 }
 
 }  // namespace
@@ -162,32 +227,7 @@ std::string joined(const std::string& folder, const std::string& name) {
 }
 
 std::vector<FolderEntry> readFolder(const std::string& path) {
-    const os::Dir folder = os::openFolder(path.c_str());
-    if (!folder) {
-        failWithErrno("read the folder", path);
-    }
-    std::vector<FolderEntry> entries;
-    while (const dirent* const entry = os::nextEntry(folder.get())) {
-        const std::string name = entry->d_name;
-        if (name == "." || name == "..") {
-            continue;
-        }
-        os::EntryType type = os::entryType(*entry);
-        if (type == os::EntryType::kUnknown) {
-            type = os::entryTypeOf(joined(path, name).c_str());
-        }
-        if (type == os::EntryType::kUnknown) {
-            failWithErrno("examine", joined(path, name));
-        }
-        using Type = FolderEntry::Type;
-        entries.push_back({name, type == os::EntryType::kFolder ? Type::kFolder
-                                 : type == os::EntryType::kFile ? Type::kFile
-                                                                : Type::kOther});
-    }
-    if (errno != 0) {
-        failWithErrno("read the folder", path);
-    }
-    return entries;
+    return entriesOf(path.c_str(), path);
 }
 
 std::vector<FolderEntry> listFolder(const std::string& path) {
@@ -208,23 +248,16 @@ bool exists(const std::string& path) {
     failWithErrno("examine", path);
 }
 
-// As deep as folders are: a path cannot grow for ever.
-// NOLINTNEXTLINE(misc-no-recursion)
 void removeTree(const std::string& path) {
     if (!exists(path)) {
         return;
     }
-    for (const FolderEntry& entry : listFolder(path)) {
-        const std::string inside = joined(path, entry.name);
-        if (entry.type == FolderEntry::Type::kFolder) {
-            removeTree(inside);
-        } else if (os::remove(inside.c_str()) != 0 && errno != ENOENT) {
-            failWithErrno("remove", inside);
-        }
+    if (os::entryTypeOf(path.c_str()) != os::EntryType::kFolder) {
+        removeEntry(path.c_str(), path);  // a link goes, what it leads to stays
+        return;
     }
-    if (os::rmdir(path.c_str()) != 0 && errno != ENOENT) {
-        failWithErrno("remove", path);
-    }
+    emptyFolder(path.c_str(), path);
+    removeFolder(path.c_str(), path);
 }
 
 void syncFolder(const std::string& path) {

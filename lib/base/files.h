@@ -83,7 +83,8 @@ std::vector<FolderEntry> readFolder(const std::string& path);  // in no order
 
 bool exists(const std::string& path);  // not following a link; throws when it cannot be told
 
-// Removes a folder with all it contains; done at once when there is none.
+// Removes a folder with all it contains, following no link in it; done at once when there is
+// none. A link of this name goes, and what it leads to stays.
 void removeTree(const std::string& path);
 
 // Makes what was created, renamed or removed in a folder last.
