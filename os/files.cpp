@@ -63,8 +63,9 @@ Dir openFolder(const char* path) noexcept {
     return Dir(stream);
 }
 
-Opened openRegular(const char* path, File& file, off_t& size) noexcept {
-    File opened = openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+Opened openRegular(const char* path, File& file, off_t& size, Links links) noexcept {
+    const int noFollow = links == Links::kRefuse ? O_NOFOLLOW : 0;
+    File opened = openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | noFollow);
     struct stat status {};
     if (!opened || os::fstat(opened.get(), &status) != 0) {
         return Opened::kFailed;

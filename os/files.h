@@ -32,9 +32,15 @@ enum class Opened {
     kFailed       // absent, or could not be opened or examined: see errno
 };
 
-// Opens a regular file for reading, also through a symbolic link. Never waits:
-// a FIFO without writer is told like any other file that is not regular.
-[[nodiscard]] Opened openRegular(const char* path, File& file, off_t& size) noexcept;
+enum class Links {
+    kFollow,
+    kRefuse  // a path that ends at a symbolic link cannot be opened (ELOOP)
+};
+
+// Opens a regular file for reading. Never waits: a FIFO without writer is told like any
+// other file that is not regular.
+[[nodiscard]] Opened openRegular(const char* path, File& file, off_t& size,
+                                 Links links = Links::kFollow) noexcept;
 
 // Up to `size` bytes from the descriptor's position; 0 at the end of the file,
 // -1 on failure.

@@ -46,7 +46,7 @@ Status FileStore::readBody(const char* path) {
     }
     os::File file;
     off_t length = 0;
-    switch (os::openRegular(path, file, length)) {
+    switch (os::openRegular(path, file, length, os::Links::kRefuse)) {
         case os::Opened::kFailed:
             return kMissing;
         case os::Opened::kNotRegular:

@@ -115,7 +115,7 @@ constexpr std::size_t kUsualLines = 8;
 Status readText(const char* path, std::unique_ptr<char[]>& text, std::size_t& size) {
     os::File file;
     off_t length = 0;
-    switch (os::openRegular(path, file, length)) {
+    switch (os::openRegular(path, file, length, os::Links::kRefuse)) {
         case os::Opened::kFailed:
             return kMissing;
         case os::Opened::kNotRegular:

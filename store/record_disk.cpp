@@ -128,7 +128,7 @@ Status findBody(const std::string& folder, const std::string& descriptor, std::s
 bool isTooLargeToRead(const std::string& path) {
     os::File file;
     off_t size = 0;
-    return os::openRegular(path.c_str(), file, size) == os::Opened::kRegular &&
+    return os::openRegular(path.c_str(), file, size, os::Links::kRefuse) == os::Opened::kRegular &&
            size >= std::numeric_limits<unsigned int>::max();
 }
 

@@ -116,6 +116,19 @@ TEST(OpenRegularTest, TellsWhatIsThere) {
     EXPECT_THAT(openHandles(), IsEmpty());
 }
 
+TEST(OpenRegularTest, ALinkIsRefusedWhereItIsToBe) {
+    const TempDir dir;
+    writeFile(dir / "file", "bytes");
+    ASSERT_EQ(0, ::symlink("file", (dir / "link").c_str()));
+    os::File file;
+    off_t size = -1;
+    EXPECT_EQ(os::Opened::kFailed,
+              os::openRegular((dir / "link").c_str(), file, size, os::Links::kRefuse));
+    EXPECT_EQ(ELOOP, errno);
+    EXPECT_EQ(os::Opened::kRegular,
+              os::openRegular((dir / "file").c_str(), file, size, os::Links::kRefuse));
+}
+
 TEST(OpenRegularTest, SizesPastFourGigabytesAreTold) {
     const TempDir dir;
     const off_t large = (off_t{5} << 30) + 1;

@@ -121,9 +121,11 @@ const Reference kReferences[] = {
     {"Fifo", "x", [] { ASSERT_EQ(0, mkfifo(in("x").c_str(), 0600)); }, kIo},
     {"LinkLoop", "x", [] { fs::create_symlink("x", in("x")); }, kMissing},
     {"LinkToNowhere", "x", [] { fs::create_symlink("nowhere", in("x")); }, kMissing},
-    {"LinkToADevice", "x", [] { fs::create_symlink("/dev/zero", in("x")); }, kIo},
-    {"LinkToAFolder", "x", [] { fs::create_symlink("..", in("x")); }, kIo},
-    {"LinkToAFile", "x", [] { fs::create_symlink("../../victim", in("x")); }, kOk},
+    // Whoever can write into a folder could otherwise have any file read that a privileged
+    // process can read.
+    {"LinkToADevice", "x", [] { fs::create_symlink("/dev/zero", in("x")); }, kMissing},
+    {"LinkToAFolder", "x", [] { fs::create_symlink("..", in("x")); }, kMissing},
+    {"LinkToAFile", "x", [] { fs::create_symlink("../../victim", in("x")); }, kMissing},
     {"MoreThan32Bits", "x", [] { makeSparse(in("x"), k5GiB); }, kIo},
 };
 
@@ -194,8 +196,9 @@ const Place kPlaces[] = {
      kMissing},
     {"LinkToItself", [](const std::string& path) { fs::create_symlink("a.dsc", path); }, kMissing},
     {"LinkToADevice", [](const std::string& path) { fs::create_symlink("/dev/zero", path); },
-     kMalformed},
-    {"LinkToTheFolder", [](const std::string& path) { fs::create_symlink(".", path); }, kMalformed},
+     kMissing},
+    {"LinkToTheFolder", [](const std::string& path) { fs::create_symlink(".", path); }, kMissing},
+    {"LinkToARecord", [](const std::string& path) { fs::create_symlink("b.dsc", path); }, kMissing},
     {"Zeros", [](const std::string& path) { writeFile(path, std::string(100000, '\0')); },
      kMalformed},
     {"RandomBytes", [](const std::string& path) { writeFile(path, randomBytes(1, 100000)); },
