@@ -36,6 +36,9 @@ inline constexpr std::string_view kDeletedMarker = ".$d$";  // on its way out
 // The n-th unique name, 8 lower-case hexadecimal digits.
 [[nodiscard]] std::string uniqueName(unsigned int n);
 
+// Whether uniqueName() gives this name for some number.
+[[nodiscard]] bool isUniqueName(std::string_view name);
+
 // Whether the name stands for an entry of the folder itself: it is not empty,
 // "." or "..", and has no "/" in it.
 [[nodiscard]] bool isPlainName(std::string_view name);

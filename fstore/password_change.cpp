@@ -5,6 +5,8 @@
 
 #include <fmt/format.h>
 
+#include "format/layout.h"
+#include "format/record_name.h"
 #include "fstore/deep_read.h"
 #include "fstore/progress.h"
 #include "lib/base/error.h"
@@ -15,9 +17,9 @@
 namespace fstore {
 namespace {
 
-constexpr const char* kLive = "./db";
-constexpr const char* kCopy = "./new_db";
-constexpr const char* kPrevious = "./old_db";
+using layout::kCopy;
+using layout::kLive;
+using layout::kPrevious;
 
 void renameFolder(const char* from, const char* to) {
     if (os::rename(from, to) != 0) {
@@ -62,7 +64,7 @@ void requireNamesOf(const std::string& old, const std::string& live) {
     for (const FolderEntry& entry : listFolder(old)) {
         const std::string name = joined(live, entry.name);
         const bool isFolder = entry.type == FolderEntry::Type::kFolder;
-        if ((isFolder || entry.name.ends_with(".dsc")) && !exists(name)) {
+        if ((isFolder || entry.name.ends_with(kDscSuffix)) && !exists(name)) {
             throw Failure(kMissing, fmt::format("{} is missing", name), name);
         }
         if (isFolder) {

@@ -11,8 +11,8 @@
 namespace fstore {
 namespace {
 
-const std::string kLocal = folderFor(Kind::kCertificate, true);
-const std::string kRemote = folderFor(Kind::kCertificate, false);
+const std::string kLocal(folderFor(Kind::kCertificate, true));
+const std::string kRemote(folderFor(Kind::kCertificate, false));
 
 // The one key among the objects; null for none or several.
 const PkiObject* onlyKey(const std::vector<const PkiObject*>& objects) {
@@ -100,7 +100,8 @@ bool Importer::hasKey(const PkiObject& object) const {
 }
 
 Address Importer::addressFor(const PkiObject& object, const std::string& label) const {
-    Address address{rules_.folder ? *rules_.folder : folderFor(object.kind, hasKey(object)), {}};
+    Address address{rules_.folder.value_or(std::string(folderFor(object.kind, hasKey(object)))),
+                    {}};
     const bool isNamed =
         rules_.name && (&object == namedAlone_ || toHex(object.keySha256) == named_);
     if (isNamed) {

@@ -9,6 +9,8 @@
 #include <fmt/format.h>
 
 #include "cmn/cmn_gref.h"
+#include "format/layout.h"
+#include "format/record_name.h"
 #include "fstore/password_change.h"
 #include "fstore/progress.h"
 #include "host/store_host.h"
@@ -22,13 +24,11 @@
 namespace fstore {
 namespace {
 
-const Address kKdf{"", "kdf"};
-const Address kKey{"", "key"};
-constexpr unsigned int kDigestId = 1;  // of the record "key"
-constexpr const char* kLive = "./db";
-constexpr const char* kCopy = "./new_db";
-constexpr const char* kPrevious = "./old_db";
-constexpr std::string_view kSavedMark = ".$o$";
+const Address kKdf{"", layout::kKdfRecord};
+const Address kKey{"", layout::kKeyRecord};
+using layout::kCopy;
+using layout::kLive;
+using layout::kPrevious;
 
 [[noreturn]] void failOnKey(const std::string& what) {
     throw Failure(kNoDigest, what + "; restore the database from a backup", kKey.print());
@@ -39,7 +39,7 @@ std::optional<Digest> readKeyDigest() {
     if (!Record::isThere(kKey)) {
         return std::nullopt;
     }
-    const auto bytes = Record::read(kKey).binary(kDigestId);
+    const auto bytes = Record::read(kKey).binary(layout::kDigestId);
     Digest digest;
     if (!bytes || bytes->size() != digest.size()) {
         failOnKey("the record ./key has no digest of the password");
@@ -59,7 +59,7 @@ Kdf readKdf() {
     }
     const Record record = Record::read(kKdf);
     Kdf kdf;
-    for (const std::string& text : record.texts(attr::kSlot)) {
+    for (const std::string& text : record.texts(layout::kSlotId)) {
         const auto slot = parseSlot(text);
         if (!slot) {
             throw Failure(kMalformed,
@@ -75,7 +75,7 @@ Kdf readKdf() {
                       "restore the database from a backup",
                       kKdf.print());
     }
-    kdf.keepOld = record.number(attr::kKeepOld).value_or(0) != 0;
+    kdf.keepOld = record.number(layout::kKeepOldId).value_or(0) != 0;
     return kdf;
 }
 
@@ -107,10 +107,8 @@ Protection::State stateOf(const Slot& slot) {
 // between its two renames leaves it: listing and reading would put it back.
 bool hasLoneSaved(const std::string& folder, const std::vector<FolderEntry>& entries) {
     return std::any_of(entries.begin(), entries.end(), [&](const FolderEntry& entry) {
-        const std::string_view name = entry.name;
-        return name.ends_with(kSavedMark) &&
-               !exists(joined(folderPath(folder),
-                              std::string(name.substr(0, name.size() - kSavedMark.size()))));
+        return hasMarker(entry.name, kOldMarker) &&
+               !exists(joinPath(folderPath(folder), withoutMarker(entry.name, kOldMarker)));
     });
 }
 
@@ -393,10 +391,10 @@ void writeKdf(const std::vector<Slot>& slots, bool keepOld) {
         return;
     }
     for (const Slot& slot : slots) {
-        record.addText(attr::kSlot, printSlot(slot));
+        record.addText(layout::kSlotId, printSlot(slot));
     }
     if (keepOld) {
-        record.setNumber(attr::kKeepOld, 1);
+        record.setNumber(layout::kKeepOldId, 1);
     }
     record.write();
 }

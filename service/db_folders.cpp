@@ -1,26 +1,17 @@
 // The folder tree of the database.
+#include "format/layout.h"
 #include "os/files.h"
 #include "service/s_filestore_mm.h"
 
 namespace {
 
-constexpr const char* kRoot = "./db";
-constexpr const char* kPrevious = "./old_db";
+using layout::kLive;
+using layout::kPrevious;
+
 constexpr mode_t kMode = 0750;
 
-constexpr const char* kFolders[] = {
-    "./db/settings",
-    "./db/lsps",
-    "./db/keys",
-    "./db/crls",
-    "./db/crm",
-    "./db/certificates",
-    "./db/certificates/local",
-    "./db/certificates/remote",
-};
-
-// The folders in which the names above stand, from the bottom up.
-constexpr const char* kParents[] = {"./db/certificates", kRoot, "."};
+// The folders in which the names of all folders stand, from the bottom up.
+constexpr const char* kParents[] = {layout::kCertificates.path, kLive, "."};
 
 bool isThere(const char* path) {
     return os::presence(path) == os::Presence::kPresent;
@@ -36,20 +27,20 @@ bool make(const char* folder) {
 // was interrupted between its two renames. An empty root in its place would hide
 // it for good, so a name that cannot be examined ends in failure.
 bool makeRoot() {
-    const os::Presence root = os::presence(kRoot);
+    const os::Presence root = os::presence(kLive);
     if (root != os::Presence::kAbsent) {
         return root == os::Presence::kPresent;
     }
     switch (os::presence(kPrevious)) {
         case os::Presence::kPresent:
-            (void)os::rename(kPrevious, kRoot);
-            return isThere(kRoot);
+            (void)os::rename(kPrevious, kLive);
+            return isThere(kLive);
         case os::Presence::kUnknown:
             return false;
         case os::Presence::kAbsent:
             break;
     }
-    return make(kRoot);
+    return make(kLive);
 }
 
 }  // namespace
@@ -60,8 +51,8 @@ Status FileStoreSrv::prepareDBFolders() {
     if (!makeRoot()) {
         return kIo;
     }
-    for (const char* const folder : kFolders) {
-        if (!make(folder)) {
+    for (const layout::Folder& folder : layout::kFolders) {
+        if (!make(folder.path)) {
             return kIo;
         }
     }

@@ -3,7 +3,8 @@
 
 #include "cmn/no_throw.h"
 #include "cmn/wipe.h"
-#include "service/password_record.h"
+#include "format/layout.h"
+#include "service/password_digest.h"
 #include "service/s_filestore_mm.h"
 #include "store/record_disk.h"
 #include "store/rw_locker.h"
@@ -19,14 +20,12 @@ bool PasswordDigest::compute(const char* password) {
 
 namespace {
 
-constexpr const char* kFolder = "./db";
-
 // An interrupted write may have left the record under its saved name: it is put
 // back then, before anybody takes the database for one without password. False
 // when that cannot be told or not be done.
 bool repaired(const aFileStore& record) {
     const os::ReadLock locked(&RWLocker::m_RWMutex);
-    return tryCorrectName(kFolder, record.getFileName()) == kOk;
+    return tryCorrectName(layout::kLive, record.getFileName()) == kOk;
 }
 
 }  // namespace
@@ -37,8 +36,8 @@ Status FileStoreSrv::checkPwd(const char* candidate) {
     }
     return noThrow([&] {
         aFileStore record;
-        if (record.target() == nullptr || record.setFolderName(kFolder) != kOk ||
-            record.setName(kPasswordRecord) != kOk) {
+        if (record.target() == nullptr || record.setFolderName(layout::kLive) != kOk ||
+            record.setName(layout::kKeyRecord) != kOk) {
             return kNotOpen;  // whether the database has a password cannot be told
         }
         if (record.isExist() == 0) {
@@ -52,7 +51,8 @@ Status FileStoreSrv::checkPwd(const char* candidate) {
         if (record.read() != kOk) {
             return kNotOpen;
         }
-        const unsigned int index = record.findAttr(kDigestType, kDigestId, nullptr, 0);
+        const unsigned int index =
+            record.findAttr(layout::kDigestType, layout::kDigestId, nullptr, 0);
         PasswordDigest digest;
         if (index >= record.getAttrCount() || record.getAttrSize(index) != sizeof digest.bytes) {
             return kNoDigest;

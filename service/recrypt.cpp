@@ -9,17 +9,18 @@
 
 #include "client/s_filestoreC.h"
 #include "cmn/no_throw.h"
+#include "format/layout.h"
 #include "os/files.h"
-#include "service/password_record.h"
+#include "service/password_digest.h"
 #include "service/s_filestore_mm.h"
 #include "store/file_store.h"
 #include "store/filefunc.h"
 
 namespace {
 
-constexpr const char* kLive = "./db";
-constexpr const char* kCopy = "./new_db";
-constexpr const char* kPrevious = "./old_db";
+using layout::kCopy;
+using layout::kLive;
+using layout::kPrevious;
 
 // What the handles made here hold is always this module's own.
 FileStore& ownRecord(const aFileStore& handle) {
@@ -52,11 +53,11 @@ Status writePasswordRecord(const char* password) {
     if (const Status status = record.setFolderName(kCopy); status != kOk) {
         return status;
     }
-    if (const Status status = record.setName(kPasswordRecord); status != kOk) {
+    if (const Status status = record.setName(layout::kKeyRecord); status != kOk) {
         return status;
     }
-    if (const Status status =
-            record.addAttr(kDigestType, kDigestId, digest.bytes, sizeof digest.bytes);
+    if (const Status status = record.addAttr(layout::kDigestType, layout::kDigestId, digest.bytes,
+                                             sizeof digest.bytes);
         status != kOk) {
         return status;
     }

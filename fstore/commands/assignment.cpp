@@ -20,7 +20,7 @@ constexpr std::uint64_t kMostValue = 16 << 20;  // bytes of a value from a file
 }
 
 unsigned int parseType(std::string_view left, std::string_view name) {
-    for (const unsigned int type : {kNumber, kBinary, kString, kText}) {
+    for (const unsigned int type : {kTypeNumber, kTypeBinary, kTypeString, kTypeText}) {
         if (name == typeName(type)) {
             return type;
         }
@@ -45,20 +45,20 @@ SecretBytes numberBytes(std::string_view left, std::string_view text) {
 
 SecretBytes valueFromFile(std::string_view left, unsigned int type, const std::string& name) {
     SecretBytes bytes = InputFile(name).readAll(kMostValue);
-    if (type == kBinary) {
+    if (type == kTypeBinary) {
         return bytes;
     }
     if (!bytes.empty() && bytes.back() == '\n') {
         bytes.pop_back();
     }
-    return type == kNumber ? numberBytes(left, asText(bytes)) : bytes;
+    return type == kTypeNumber ? numberBytes(left, asText(bytes)) : bytes;
 }
 
 SecretBytes valueFromText(std::string_view left, unsigned int type, std::string_view text) {
-    if (type == kNumber) {
+    if (type == kTypeNumber) {
         return numberBytes(left, text);
     }
-    if (type == kBinary) {
+    if (type == kTypeBinary) {
         auto bytes = fromHex(text);
         if (!bytes) {
             refuse(left, "binary takes pairs of hexadecimal digits");
@@ -106,7 +106,7 @@ Assignment Assignment::parse(const std::string& text) {
     Assignment assignment;
     assignment.id = parseEditableId(left.substr(0, colon));
     assignment.type =
-        colon == std::string_view::npos ? kText : parseType(left, left.substr(colon + 1));
+        colon == std::string_view::npos ? kTypeText : parseType(left, left.substr(colon + 1));
     const bool fromFile = right.starts_with('@') && !right.starts_with("@@");
     right.remove_prefix(right.starts_with('@') ? 1 : 0);
     assignment.value = fromFile ? valueFromFile(left, assignment.type, std::string(right))
@@ -116,22 +116,22 @@ Assignment Assignment::parse(const std::string& text) {
 
 void Assignment::applyTo(Record& record, bool encrypt) const {
     const bool secret = encrypt || isKeptSecret(record, id);
-    const unsigned int stored = secret ? kBinary : type;
+    const unsigned int stored = secret ? kTypeBinary : type;
     const auto present = onlyWithId(record, id);
     if (!present || record.type(*present) != stored) {
         (void)record.removeAll(id);
     }
     switch (stored) {
-        case kNumber: {
+        case kTypeNumber: {
             std::uint32_t number = 0;
             std::memcpy(&number, value.data(), sizeof number);
             record.setNumber(id, number);
             break;
         }
-        case kBinary:
+        case kTypeBinary:
             record.setBinary(id, value, secret);
             break;
-        case kString:
+        case kTypeString:
             record.setString(id, asText(value));
             break;
         default:

@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "format/layout.h"
 #include "fstore/commands/commands.h"
 #include "fstore/terminal/json.h"
 #include "lib/base/files.h"
@@ -15,9 +16,9 @@
 namespace fstore {
 namespace {
 
-constexpr const char* kLive = "./db";
-constexpr const char* kCopy = "./new_db";
-constexpr const char* kPrevious = "./old_db";
+using layout::kCopy;
+using layout::kLive;
+using layout::kPrevious;
 
 struct BackupOptions {
     std::string file;

@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include "format/layout.h"
 #include "fstore/commands/commands.h"
 #include "fstore/commands/record_json.h"
 #include "fstore/deep_read.h"
@@ -61,7 +62,8 @@ std::vector<Finding> inspectAll(Session& session) {
     try {
         session.readProtection();
         if (session.protection().isUnfinished()) {
-            findings.push_back({Finding::Kind::kUnfinishedChange, "./db/kdf.dsc",
+            findings.push_back({Finding::Kind::kUnfinishedChange,
+                                descriptorPath({"", layout::kKdfRecord}),
                                 "tells of a change of the password that was broken off",
                                 Finding::Repair::kFinish});
         }

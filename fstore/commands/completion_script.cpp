@@ -10,6 +10,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/records/address.h"
@@ -18,8 +19,6 @@
 
 namespace fstore {
 namespace {
-
-constexpr std::string_view kDescriptor = ".dsc";
 
 // The values of options and arguments that have few.
 const std::vector<std::string>& choicesOf(const std::string& name) {
@@ -174,8 +173,8 @@ void addCommands(const CLI::App& parser, Collector& to) {
 std::vector<std::string> namesIn(const std::string& folder) {
     std::vector<std::string> names;
     for (const FolderEntry& entry : listFolder(folderPath(folder))) {
-        if (entry.type == FolderEntry::Type::kFile && entry.name.ends_with(kDescriptor)) {
-            names.push_back(entry.name.substr(0, entry.name.size() - kDescriptor.size()));
+        if (entry.type == FolderEntry::Type::kFile && hasMarker(entry.name, kDscSuffix)) {
+            names.emplace_back(recordName(entry.name));
         }
     }
     return names;

@@ -25,12 +25,12 @@ std::string describe(const DescriptorLine& line) {
     if (!line.isRead) {
         return "damaged: it does not begin with two numbers";
     }
-    const bool encrypted = (line.type & DescriptorLine::kEncrypted) != 0;
+    const bool encrypted = (line.type & kFlagEncrypted) != 0;
     if (line.namesBody()) {
         return fmt::format("body in the file {}{}", line.data, encrypted ? ", encrypted" : "");
     }
     const std::string_view name = attributeName(line.id);
-    return fmt::format("{} {}{}", typeName(line.type & DescriptorLine::kTypeMask),
+    return fmt::format("{} {}{}", typeName(line.type & kTypeMask),
                        name.empty() ? fmt::format("0x{:x}", line.id) : std::string(name),
                        encrypted ? ", encrypted" : "");
 }

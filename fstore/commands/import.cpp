@@ -5,6 +5,8 @@
 
 #include <fmt/format.h>
 
+#include "format/layout.h"
+#include "format/record_name.h"
 #include "fstore/commands/commands.h"
 #include "fstore/commands/record_json.h"
 #include "fstore/pki_import.h"
@@ -47,8 +49,8 @@ ImportRules rulesOf(const Options& options) {
     }
     if (rules.name) {
         // As a part of an address it obeys the rules of addresses.
-        const Address place = parseNewAddress("keys/" + *rules.name);
-        if (place.folder != "keys") {
+        const Address place = parseNewAddress(joinPath(layout::kKeys.name(), *rules.name));
+        if (place.folder != layout::kKeys.name()) {
             throw Failure(kInvalid, "--name is a name without a folder; --to names the folder");
         }
     }

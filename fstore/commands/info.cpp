@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include "format/layout.h"
 #include "fstore/commands/commands.h"
 #include "fstore/terminal/json.h"
 #include "lib/base/files.h"
@@ -50,7 +51,7 @@ Json toJson(const Protection& protection) {
 Status run(Context& context) {
     context.session.enter(Access::kRead);
     const Protection& protection = context.session.protection();
-    const bool hasOld = exists("./old_db");
+    const bool hasOld = exists(layout::kPrevious);
     Json folders = Json::array();
     std::size_t records = 0;
     Table table({{"FOLDER", false}, {"RECORDS", false}});
@@ -64,7 +65,7 @@ Status run(Context& context) {
         table.add({{shown}, {std::to_string(count)}});
         folders.push_back({{"folder", jsonText(shown)}, {"records", count}});
     }
-    const std::string here = absolutePath("db");
+    const std::string here = absolutePath(layout::kLiveName);
     Output& output = context.output;
     output.line(fmt::format("database   {}", here));
     output.line(fmt::format("password   {}", describe(protection)));

@@ -72,7 +72,7 @@ Json attributesToJson(const Record& record) {
         one["type"] = typeName(record.type(i));
         one["encrypted"] = record.isEncrypted(i);
         if (record.isKnown(i)) {
-            if (record.type(i) == kNumber) {
+            if (record.type(i) == kTypeNumber) {
                 one["value"] = numberOf(record, i);
             } else {
                 one["value"] = jsonText(valueText(record, i));
@@ -95,13 +95,13 @@ Json failureToJson(const std::string& address, const Failure& failure) {
 
 std::string typeName(unsigned int type) {
     switch (type) {
-        case kNumber:
+        case kTypeNumber:
             return "number";
-        case kBinary:
+        case kTypeBinary:
             return "binary";
-        case kString:
+        case kTypeString:
             return "string";
-        case kText:
+        case kTypeText:
             return "text";
         default:
             return std::to_string(type);
@@ -113,11 +113,11 @@ std::string valueText(const Record& record, unsigned int index) {
         return {};
     }
     const auto bytes = record.bytes(index);
-    if (record.type(index) == kNumber) {
+    if (record.type(index) == kTypeNumber) {
         return std::to_string(numberOf(record, index));
     }
-    const bool secretText = record.type(index) == kBinary && attr::isText(record.id(index));
-    if (record.type(index) == kString || record.type(index) == kText || secretText) {
+    const bool secretText = record.type(index) == kTypeBinary && attr::isText(record.id(index));
+    if (record.type(index) == kTypeString || record.type(index) == kTypeText || secretText) {
         const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
         return std::string(text.substr(0, text.find('\0')));
     }

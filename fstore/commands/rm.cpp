@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include "format/layout.h"
 #include "fstore/commands/change.h"
 #include "fstore/commands/commands.h"
 #include "fstore/commands/record_json.h"
@@ -19,7 +20,7 @@ struct Options {
 
 // A key is gone for good, unless there is a backup; so is what was encrypted for it.
 bool isKey(const Address& address) {
-    if (address.folder == "keys" || address.folder.starts_with("keys/")) {
+    if (layout::kKeys.holds(address.folder)) {
         return true;
     }
     try {

@@ -36,7 +36,7 @@ void print(const Record& record, Output& output) {
         const std::string_view known = attributeName(record.id(i));
         const std::string name =
             known.empty() ? fmt::format("0x{:x}", record.id(i)) : std::string(known);
-        const std::string value = record.id(i) == attr::kKind && record.type(i) == kNumber
+        const std::string value = record.id(i) == attr::kKind && record.type(i) == kTypeNumber
                                       ? nameOf(infoOf(record).kind)
                                       : valueText(record, i);
         line(name, record.isKnown(i) ? value + (record.isEncrypted(i) ? " (encrypted)" : "")

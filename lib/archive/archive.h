@@ -25,13 +25,14 @@
 #include <string_view>
 #include <vector>
 
+#include "format/layout.h"
 #include "lib/archive/tar_header.h"
 #include "lib/base/sha256.h"
 
 namespace fstore {
 
 inline constexpr const char* kManifestName = "MANIFEST.sha256";
-inline constexpr const char* kArchiveRoot = "db";
+inline constexpr const char* kArchiveRoot = layout::kLiveName;
 
 struct ArchiveEntry {
     bool isFolder = false;

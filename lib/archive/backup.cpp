@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include "format/layout.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "os/files.h"
@@ -16,9 +17,9 @@ namespace fstore {
 namespace {
 
 constexpr mode_t kPermissions = 0777;
-constexpr const char* kLive = "./db";
-constexpr const char* kCopy = "./new_db";
-constexpr const char* kPrevious = "./old_db";
+using layout::kCopy;
+using layout::kLive;
+using layout::kPrevious;
 
 unsigned int modeOf(const struct stat& status) {
     return static_cast<unsigned int>(status.st_mode & kPermissions);

@@ -3,10 +3,11 @@
 #include <algorithm>
 #include <map>
 #include <set>
-#include <string_view>
 
 #include <fmt/format.h>
 
+#include "format/layout.h"
+#include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/records/descriptor.h"
@@ -18,33 +19,6 @@ namespace {
 
 using FindingKind = Finding::Kind;
 using Repair = Finding::Repair;
-
-constexpr std::string_view kDescriptor = ".dsc";
-constexpr std::string_view kNewMark = ".$n$";
-constexpr std::string_view kSavedMark = ".$o$";
-constexpr std::string_view kRemovedMark = ".$d$";
-constexpr const char* kFolders[] = {"",
-                                    "settings",
-                                    "lsps",
-                                    "keys",
-                                    "crls",
-                                    "crm",
-                                    "certificates",
-                                    "certificates/local",
-                                    "certificates/remote"};
-
-bool hasEnding(std::string_view name, std::string_view ending) {
-    return name.size() > ending.size() && name.ends_with(ending);
-}
-
-std::string withoutEnding(const std::string& name, std::string_view ending) {
-    return name.substr(0, name.size() - ending.size());
-}
-
-// Eight lower-case hexadecimal digits, as the store names bodies.
-bool isBodyName(std::string_view name) {
-    return name.size() == 8 && name.find_first_not_of("0123456789abcdef") == std::string_view::npos;
-}
 
 // One folder's files, and what its descriptors say about its bodies.
 class FolderInspection {
@@ -59,7 +33,7 @@ public:
                 continue;
             }
             files_.insert(entry.name);
-            if (entry.type == FolderEntry::Type::kFile && isBodyName(entry.name)) {
+            if (entry.type == FolderEntry::Type::kFile && isUniqueName(entry.name)) {
                 bodies.push_back(entry.name);
             } else {
                 others_.push_back(entry);
@@ -78,17 +52,17 @@ private:
         const std::string& name = entry.name;
         if (entry.type == FolderEntry::Type::kOther) {
             add(FindingKind::kStranger, name, "is neither a file nor a folder");
-        } else if (hasEnding(name, kDescriptor)) {
+        } else if (hasMarker(name, kDscSuffix)) {
             examineDescriptor(name);
-        } else if (hasEnding(name, kNewMark)) {
+        } else if (hasMarker(name, kNewMarker)) {
             noteBodyOf(name);
             add(FindingKind::kNewDescriptor, name, "is left over from a write that was broken off",
                 Repair::kDelete);
-        } else if (hasEnding(name, kRemovedMark)) {
+        } else if (hasMarker(name, kDeletedMarker)) {
             noteBodyOf(name);
             add(FindingKind::kRemoved, name, "is left over from a removal that was broken off",
                 Repair::kDelete);
-        } else if (hasEnding(name, kSavedMark)) {
+        } else if (hasMarker(name, kOldMarker)) {
             examineSaved(name);
         } else {
             add(FindingKind::kStranger, name, "is no file of the store");
@@ -97,7 +71,7 @@ private:
 
     void examineSaved(const std::string& name) {
         noteBodyOf(name);
-        const std::string descriptor = withoutEnding(name, kSavedMark);
+        const std::string descriptor(withoutMarker(name, kOldMarker));
         if (files_.contains(descriptor)) {
             add(FindingKind::kSavedDescriptor, name,
                 "is the state before a write that was finished", Repair::kDelete);
@@ -109,7 +83,7 @@ private:
 
     void examineDescriptor(const std::string& name) {
         const std::optional<std::string> body = noteBodyOf(name);
-        const Address address{folder_, withoutEnding(name, kDescriptor)};
+        const Address address{folder_, std::string(recordName(name))};
         try {
             const Record record = Record::read(address);
             // What the store sees and this does not, or the other way round, must not
@@ -192,7 +166,7 @@ void removeFile(const std::string& path) {
 }
 
 void putBack(const std::string& path) {
-    const std::string descriptor = withoutEnding(path, kSavedMark);
+    const std::string descriptor(withoutMarker(path, kOldMarker));
     if (exists(descriptor)) {
         return;  // the next inspection sees what it is now
     }
@@ -208,7 +182,7 @@ void makeFolder(const std::string& path) {
 }
 
 void moveBack(const std::string& path) {
-    if (os::rename(path.c_str(), "./db") != 0) {
+    if (os::rename(path.c_str(), layout::kLive) != 0) {
         failWithErrno("rename", path);
     }
 }
@@ -248,25 +222,24 @@ const char* nameOf(Finding::Kind kind) {
 }
 
 std::vector<Finding> inspect() {
-    if (!exists("./db")) {
-        return {{FindingKind::kMovedAside, "./old_db",
+    if (!exists(layout::kLive)) {
+        return {{FindingKind::kMovedAside, layout::kPrevious,
                  "is the database, moved aside by a change of the password that was broken off",
                  Repair::kMoveBack}};
     }
     std::vector<Finding> findings;
-    for (const char* const folder : kFolders) {
-        const std::string path = folderPath(folder);
-        if (!exists(path)) {
+    for (const layout::Folder& folder : layout::kFolders) {
+        if (!exists(folder.path)) {
             findings.push_back(
-                {FindingKind::kMissingFolder, path, "is missing", Repair::kMakeFolder});
+                {FindingKind::kMissingFolder, folder.path, "is missing", Repair::kMakeFolder});
         }
     }
-    if (exists("./new_db")) {
-        findings.push_back({FindingKind::kUnfinishedCopy, "./new_db",
+    if (exists(layout::kCopy)) {
+        findings.push_back({FindingKind::kUnfinishedCopy, layout::kCopy,
                             "is left over from a change of the password", Repair::kRemoveFolder});
     }
-    if (exists("./old_db")) {
-        findings.push_back({FindingKind::kPrevious, "./old_db",
+    if (exists(layout::kPrevious)) {
+        findings.push_back({FindingKind::kPrevious, layout::kPrevious,
                             "is the database before the last change of the password, and opens "
                             "with the old one; remove it when it is no longer needed"});
     }

@@ -24,11 +24,12 @@
 #include <string>
 #include <string_view>
 
+#include "format/layout.h"
 #include "lib/base/secret.h"
 
 namespace fstore {
 
-using Digest = std::array<unsigned char, 16>;  // what the record "key" holds
+using Digest = std::array<unsigned char, layout::kDigestSize>;  // what the record "key" holds
 
 struct Slot {
     enum class Form { kScrypt, kRaw, kNone };

@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "format/layout.h"
 #include "lib/base/error.h"
 #include "lib/base/text.h"
 #include "lib/pki/ossl.h"
@@ -242,21 +243,21 @@ std::string recordNameFor(const PkiObject& object, std::string_view label) {
     return fmt::format("{}-{}", name, toHex(object.sha256).substr(0, 8));
 }
 
-const char* folderFor(Kind kind, bool hasKey) {
+std::string_view folderFor(Kind kind, bool hasKey) {
     switch (kind) {
         case Kind::kCertificate:
-            return hasKey ? "certificates/local" : "certificates/remote";
+            return (hasKey ? layout::kLocalCertificates : layout::kRemoteCertificates).name();
         case Kind::kCrl:
-            return "crls";
+            return layout::kCrls.name();
         case Kind::kKey:
-            return "keys";
+            return layout::kKeys.name();
         case Kind::kRequest:
-            return "crm";
+            return layout::kCrm.name();
         case Kind::kRaw:
         case Kind::kUnknown:
             break;
     }
-    return "settings";
+    return layout::kSettings.name();
 }
 
 }  // namespace fstore

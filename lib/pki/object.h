@@ -54,7 +54,7 @@ std::string recordNameFor(const PkiObject& object, std::string_view label);
 // The folder in which an object of this kind is kept: "keys", "crls", "crm",
 // "certificates/local" for a certificate whose key we have, else
 // "certificates/remote".
-const char* folderFor(Kind kind, bool hasKey);
+std::string_view folderFor(Kind kind, bool hasKey);
 
 }  // namespace fstore
 

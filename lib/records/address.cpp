@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/base/text.h"
 
@@ -10,8 +11,8 @@ namespace {
 
 constexpr std::string_view kDigest = "sha256:";
 constexpr std::size_t kLongestDigest = 64;
-// A file name has 255 bytes, of which ".dsc" and a marker such as ".$n$" take eight.
-constexpr std::size_t kLongestName = 255 - 8;
+// A file name has 255 bytes, of which the suffix and a marker take eight.
+constexpr std::size_t kLongestName = 255 - kDscSuffix.size() - kNewMarker.size();
 
 [[noreturn]] void fail(std::string_view text, const char* why) {
     throw Failure(kInvalid, fmt::format("\"{}\" is no address of a record: {}", text, why),
@@ -81,7 +82,7 @@ std::string parseFolder(std::string_view text) {
                           "a folder of the database is named from \"db\" downwards, "
                           "as in \"certificates/local\"");
         }
-        if (part.empty() || part == "." || (depth == 0 && part == "db")) {
+        if (part.empty() || part == "." || (depth == 0 && part == layout::kLiveName)) {
             continue;
         }
         if (depth++ != 0) {
@@ -93,11 +94,11 @@ std::string parseFolder(std::string_view text) {
 }
 
 std::string folderPath(const std::string& folder) {
-    return folder.empty() ? "./db" : "./db/" + folder;
+    return folder.empty() ? layout::kLive : joinPath(layout::kLive, folder);
 }
 
 std::string descriptorPath(const Address& address) {
-    return fmt::format("{}/{}.dsc", folderPath(address.folder), address.name);
+    return joinPath(folderPath(address.folder), descriptorName(address.name));
 }
 
 }  // namespace fstore

@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "format/layout.h"
+
 namespace fstore {
 
 // A record's place: a folder below "db" and the record's name in it.
@@ -19,7 +21,9 @@ struct Address {
     auto operator<=>(const Address&) const = default;
 
     // The records that the tool and the store keep for themselves.
-    bool isInternal() const { return folder.empty() && (name == "key" || name == "kdf"); }
+    bool isInternal() const {
+        return folder.empty() && (name == layout::kKeyRecord || name == layout::kKdfRecord);
+    }
 
     // "certificates/local/server"; "./key" for a record of "db" itself.
     std::string print() const;

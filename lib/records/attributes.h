@@ -2,7 +2,7 @@
 //
 // They are part of what is on disk and never change their meaning. Only binary
 // attributes may be kept encrypted; what is secret among the others is stored as
-// kBinary under the same id. Texts lose leading blanks in the descriptor and cannot
+// kTypeBinary under the same id. Texts lose leading blanks in the descriptor and cannot
 // hold a line feed, so they are escaped as RFC 4514 does and left out when empty.
 #ifndef LIB_RECORDS_ATTRIBUTES_H
 #define LIB_RECORDS_ATTRIBUTES_H
@@ -13,42 +13,38 @@
 #include <span>
 #include <string_view>
 
-namespace fstore {
+#include "format/dsc_text.h"
 
-// Types of attributes.
-inline constexpr unsigned int kNumber = 1;  // 32 bits, host order
-inline constexpr unsigned int kBinary = 2;
-inline constexpr unsigned int kString = 3;  // with its NUL
-inline constexpr unsigned int kText = 4;    // without
+namespace fstore {
 
 namespace attr {
 
 // Whether the tool knows what is in the record, and what it is.
-inline constexpr unsigned int kSchema = 0x100;  // kNumber, 1
-inline constexpr unsigned int kKind = 0x101;    // kNumber, one of Kind
-inline constexpr unsigned int kLabel = 0x102;   // kText
+inline constexpr unsigned int kSchema = 0x100;  // kTypeNumber, 1
+inline constexpr unsigned int kKind = 0x101;    // kTypeNumber, one of Kind
+inline constexpr unsigned int kLabel = 0x102;   // kTypeText
 
 // Of a certificate, CRL or request.
-inline constexpr unsigned int kSubject = 0x103;         // kText, RFC 4514
-inline constexpr unsigned int kIssuer = 0x104;          // kText, RFC 4514
-inline constexpr unsigned int kSerial = 0x105;          // kBinary, big-endian
-inline constexpr unsigned int kNotBefore = 0x106;       // kText, RFC 3339; thisUpdate of a CRL
-inline constexpr unsigned int kNotAfter = 0x107;        // kText, RFC 3339; nextUpdate of a CRL
-inline constexpr unsigned int kSubjectSha256 = 0x108;   // kBinary, of the subject's DER
-inline constexpr unsigned int kSha256 = 0x109;          // kBinary, of the body in plain form
-inline constexpr unsigned int kKeyAlgorithm = 0x10A;    // kText, "RSA-2048", "EC-P-256"
-inline constexpr unsigned int kKeySha256 = 0x10B;       // kBinary, of the public key info
-inline constexpr unsigned int kSubjectKeyId = 0x10C;    // kBinary
-inline constexpr unsigned int kAuthorityKeyId = 0x10D;  // kBinary
-inline constexpr unsigned int kAltName = 0x10E;         // kText, one attribute a name
-inline constexpr unsigned int kBits = 0x10F;            // kNumber, kIsCa | kIsSelfIssued
-inline constexpr unsigned int kCrlNumber = 0x110;       // kBinary
-inline constexpr unsigned int kImported = 0x111;        // kText, RFC 3339
+inline constexpr unsigned int kSubject = 0x103;         // kTypeText, RFC 4514
+inline constexpr unsigned int kIssuer = 0x104;          // kTypeText, RFC 4514
+inline constexpr unsigned int kSerial = 0x105;          // kTypeBinary, big-endian
+inline constexpr unsigned int kNotBefore = 0x106;       // kTypeText, RFC 3339; thisUpdate of a CRL
+inline constexpr unsigned int kNotAfter = 0x107;        // kTypeText, RFC 3339; nextUpdate of a CRL
+inline constexpr unsigned int kSubjectSha256 = 0x108;   // kTypeBinary, of the subject's DER
+inline constexpr unsigned int kSha256 = 0x109;          // kTypeBinary, of the body in plain form
+inline constexpr unsigned int kKeyAlgorithm = 0x10A;    // kTypeText, "RSA-2048", "EC-P-256"
+inline constexpr unsigned int kKeySha256 = 0x10B;       // kTypeBinary, of the public key info
+inline constexpr unsigned int kSubjectKeyId = 0x10C;    // kTypeBinary
+inline constexpr unsigned int kAuthorityKeyId = 0x10D;  // kTypeBinary
+inline constexpr unsigned int kAltName = 0x10E;         // kTypeText, one attribute a name
+inline constexpr unsigned int kBits = 0x10F;            // kTypeNumber, kIsCa | kIsSelfIssued
+inline constexpr unsigned int kCrlNumber = 0x110;       // kTypeBinary
+inline constexpr unsigned int kImported = 0x111;        // kTypeText, RFC 3339
 
 inline constexpr unsigned int kIsCa = 1;
 inline constexpr unsigned int kIsSelfIssued = 2;
 
-// Whether it is a text by its meaning. One that is kept encrypted has type kBinary.
+// Whether it is a text by its meaning. One that is kept encrypted has type kTypeBinary.
 constexpr bool isText(unsigned int id) {
     return id == kLabel || id == kSubject || id == kIssuer || id == kNotBefore || id == kNotAfter ||
            id == kKeyAlgorithm || id == kAltName || id == kImported;
@@ -56,10 +52,6 @@ constexpr bool isText(unsigned int id) {
 
 // Ids from here on are the user's.
 inline constexpr unsigned int kFirstOfUser = 0x8000;
-
-// Of the record "kdf"; see kdf_record.h.
-inline constexpr unsigned int kSlot = 0x4B01;     // kText, one attribute a slot
-inline constexpr unsigned int kKeepOld = 0x4B02;  // kNumber, 1
 
 }  // namespace attr
 
@@ -71,7 +63,7 @@ inline std::string_view asText(std::span<const unsigned char> bytes) {
 inline std::optional<std::uint32_t> asNumber(unsigned int type,
                                              std::span<const unsigned char> bytes) {
     std::uint32_t value = 0;
-    if (type != kNumber || bytes.size() != sizeof value) {
+    if (type != kTypeNumber || bytes.size() != sizeof value) {
         return std::nullopt;
     }
     std::memcpy(&value, bytes.data(), sizeof value);

@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "format/dsc_text.h"
+
 namespace fstore {
 
 struct DescriptorLine {
@@ -19,11 +21,7 @@ struct DescriptorLine {
     unsigned int id = 0;
     std::string data;  // what stands after the numbers
 
-    static constexpr unsigned int kTypeMask = 0xF;
-    static constexpr unsigned int kEncrypted = 0x01000000;
-    static constexpr unsigned int kBodyReference = 0x10000000;
-
-    bool namesBody() const { return isRead && (type & kBodyReference) != 0 && id == 0; }
+    bool namesBody() const { return isRead && (type & kFlagBody) != 0 && id == 0; }
 };
 
 std::vector<DescriptorLine> parseDescriptor(std::string_view text);

@@ -203,14 +203,14 @@ bool Filter::matchesAttribute(const Record& record, const Attribute& wanted) {
         const auto bytes = record.bytes(i);
         std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
         switch (record.type(i)) {
-            case kNumber: {
+            case kTypeNumber: {
                 const auto number = parseNumber(*wanted.value);
                 if (number && record.number(wanted.id) == *number) {
                     return true;
                 }
                 break;
             }
-            case kBinary: {
+            case kTypeBinary: {
                 const auto value = fromHex(*wanted.value);
                 if ((value && std::ranges::equal(*value, bytes)) ||
                     hasPattern(*wanted.value, text)) {

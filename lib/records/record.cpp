@@ -203,14 +203,14 @@ std::optional<unsigned int> Record::find(unsigned int type, unsigned int id) con
 }
 
 std::optional<std::uint32_t> Record::number(unsigned int id) const {
-    const auto index = find(kNumber, id);
-    return index ? asNumber(kNumber, bytes(*index)) : std::nullopt;
+    const auto index = find(kTypeNumber, id);
+    return index ? asNumber(kTypeNumber, bytes(*index)) : std::nullopt;
 }
 
 std::optional<std::string> Record::text(unsigned int id) const {
-    auto index = find(kText, id);
+    auto index = find(kTypeText, id);
     if (!index) {
-        index = find(kBinary, id);
+        index = find(kTypeBinary, id);
     }
     return index ? std::optional(std::string(asText(bytes(*index)))) : std::nullopt;
 }
@@ -218,7 +218,7 @@ std::optional<std::string> Record::text(unsigned int id) const {
 std::vector<std::string> Record::texts(unsigned int id) const {
     std::vector<std::string> found;
     for (unsigned int i = 0; i < count(); ++i) {
-        const bool isOne = type(i) == kText || type(i) == kBinary;
+        const bool isOne = type(i) == kTypeText || type(i) == kTypeBinary;
         if (isOne && this->id(i) == id && isKnown(i)) {
             found.emplace_back(asText(bytes(i)));
         }
@@ -227,7 +227,7 @@ std::vector<std::string> Record::texts(unsigned int id) const {
 }
 
 std::optional<std::vector<unsigned char>> Record::binary(unsigned int id) const {
-    const auto index = find(kBinary, id);
+    const auto index = find(kTypeBinary, id);
     if (!index) {
         return std::nullopt;
     }
@@ -242,15 +242,15 @@ void Record::set(unsigned int type, unsigned int id, std::span<const unsigned ch
 void Record::setNumber(unsigned int id, std::uint32_t value) {
     unsigned char bytes[sizeof value];
     std::memcpy(bytes, &value, sizeof value);
-    set(kNumber, id, bytes);
+    set(kTypeNumber, id, bytes);
 }
 
 void Record::setText(unsigned int id, std::string_view text) {
-    setOrRemove(kText, id, text);
+    setOrRemove(kTypeText, id, text);
 }
 
 void Record::setString(unsigned int id, std::string_view text) {
-    setOrRemove(kString, id, text);
+    setOrRemove(kTypeString, id, text);
 }
 
 void Record::setOrRemove(unsigned int type, unsigned int id, std::string_view text) {
@@ -263,12 +263,12 @@ void Record::setOrRemove(unsigned int type, unsigned int id, std::string_view te
     }
     // A string is read up to its NUL, whatever the size.
     const std::string terminated(text);
-    set(type, id, asBytes({terminated.c_str(), text.size() + (type == kString ? 1 : 0)}));
+    set(type, id, asBytes({terminated.c_str(), text.size() + (type == kTypeString ? 1 : 0)}));
 }
 
 void Record::setBinary(unsigned int id, std::span<const unsigned char> bytes, bool encrypted) {
-    set(kBinary, id, bytes);
-    const unsigned int index = store_.findAttr(kBinary, id, nullptr, 0);
+    set(kTypeBinary, id, bytes);
+    const unsigned int index = store_.findAttr(kTypeBinary, id, nullptr, 0);
     check(store_.setAttrFlag(index, encrypted ? 1 : 0), "cannot set an attribute",
           address_.print());
 }
@@ -276,12 +276,12 @@ void Record::setBinary(unsigned int id, std::span<const unsigned char> bytes, bo
 void Record::addText(unsigned int id, std::string_view text) {
     checkText(id, text);
     if (!text.empty()) {
-        add(kText, id, asBytes(text));
+        add(kTypeText, id, asBytes(text));
     }
 }
 
 void Record::addBinary(unsigned int id, std::span<const unsigned char> bytes, bool encrypted) {
-    add(kBinary, id, bytes);
+    add(kTypeBinary, id, bytes);
     check(store_.setAttrFlag(count() - 1, encrypted ? 1 : 0), "cannot add an attribute",
           address_.print());
 }

@@ -54,7 +54,7 @@ public:
     // The first attribute of this type and id whose contents can be read now.
     std::optional<unsigned int> find(unsigned int type, unsigned int id) const;
     std::optional<std::uint32_t> number(unsigned int id) const;
-    // Also of type kBinary: so a text is kept encrypted.
+    // Also of type kTypeBinary: so a text is kept encrypted.
     std::optional<std::string> text(unsigned int id) const;
     std::vector<std::string> texts(unsigned int id) const;
     std::optional<std::vector<unsigned char>> binary(unsigned int id) const;
@@ -64,7 +64,7 @@ public:
     // a line feed or a NUL in it, or a blank in front.
     void setNumber(unsigned int id, std::uint32_t value);
     void setText(unsigned int id, std::string_view text);
-    void setString(unsigned int id, std::string_view text);  // as setText(), but kString
+    void setString(unsigned int id, std::string_view text);  // as setText(), but kTypeString
     void setBinary(unsigned int id, std::span<const unsigned char> bytes, bool encrypted = false);
     // One more with this id.
     void addText(unsigned int id, std::string_view text);

@@ -71,9 +71,9 @@ void addTo(RecordInfo& info, unsigned int type, unsigned int id,
            std::span<const unsigned char> bytes) {
     if (const auto number = asNumber(type, bytes)) {
         addNumber(info, id, *number);
-    } else if (type == kText) {
+    } else if (type == kTypeText) {
         addText(info, id, asText(bytes));
-    } else if (type == kBinary) {
+    } else if (type == kTypeBinary) {
         addBytes(info, id, bytes);
     }
 }

@@ -41,6 +41,15 @@ TEST(RecordNameTest, RecordNameUndoesDescriptorName) {
     }
 }
 
+TEST(RecordNameTest, UniqueNamesAreThoseThatAreGiven) {
+    for (const unsigned int n : {0u, 1u, 0x2au, 0xffffffffu}) {
+        EXPECT_TRUE(isUniqueName(uniqueName(n)));
+    }
+    for (const char* name : {"", "0000002", "0000002aa", "0000002A", "0000002g", "0000/02a"}) {
+        EXPECT_FALSE(isUniqueName(name)) << name;
+    }
+}
+
 TEST(RecordNameTest, HasMarkerWantsANameInFrontOfIt) {
     const struct {
         const char* name;

@@ -243,11 +243,11 @@ TEST(RecordNameForTest, FallsBackOnOtherNamesAndTheKind) {
 }
 
 TEST(FolderForTest, FollowsTheKindAndTheKey) {
-    EXPECT_STREQ("certificates/local", folderFor(Kind::kCertificate, true));
-    EXPECT_STREQ("certificates/remote", folderFor(Kind::kCertificate, false));
-    EXPECT_STREQ("crls", folderFor(Kind::kCrl, false));
-    EXPECT_STREQ("keys", folderFor(Kind::kKey, true));
-    EXPECT_STREQ("crm", folderFor(Kind::kRequest, true));
+    EXPECT_EQ("certificates/local", folderFor(Kind::kCertificate, true));
+    EXPECT_EQ("certificates/remote", folderFor(Kind::kCertificate, false));
+    EXPECT_EQ("crls", folderFor(Kind::kCrl, false));
+    EXPECT_EQ("keys", folderFor(Kind::kKey, true));
+    EXPECT_EQ("crm", folderFor(Kind::kRequest, true));
 }
 
 }  // namespace

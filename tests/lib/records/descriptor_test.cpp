@@ -19,7 +19,7 @@ TEST(DescriptorTest, ReadsTheLinesOfARecord) {
     EXPECT_EQ("00000003", lines[0].data);
     EXPECT_EQ("alice", lines[1].data);
     EXPECT_EQ(1u, lines[1].id);
-    EXPECT_EQ(DescriptorLine::kEncrypted, lines[2].type & DescriptorLine::kEncrypted);
+    EXPECT_EQ(kFlagEncrypted, lines[2].type & kFlagEncrypted);
     EXPECT_FALSE(lines[3].isData);
     EXPECT_FALSE(lines[4].isData);
     EXPECT_TRUE(lines[5].isData);
