@@ -19,6 +19,9 @@ inline constexpr const char* kLive = "./db";
 inline constexpr const char* kCopy = "./new_db";      // being made, and nobody's yet
 inline constexpr const char* kPrevious = "./old_db";  // of before a change of the password
 
+// What repairs took out of the live folder.
+inline constexpr const char* kLost = "./db.lost";
+
 // The live folder in the words of users and of backups.
 inline constexpr const char* kLiveName = "db";
 

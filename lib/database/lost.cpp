@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "format/layout.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/base/text.h"
@@ -18,7 +19,8 @@
 namespace fstore {
 namespace {
 
-constexpr const char* kLive = "./db";
+using layout::kLive;
+
 constexpr std::string_view kPlanName = "plan";
 constexpr std::string_view kFirstLine = "fstore-lost 1";
 constexpr std::string_view kLastLine = "end";

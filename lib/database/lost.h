@@ -15,11 +15,12 @@
 #include <string>
 #include <vector>
 
+#include "format/layout.h"
 #include "lib/database/kdf_record.h"
 
 namespace fstore {
 
-inline constexpr const char* kLostFolder = "./db.lost";
+inline constexpr const char* kLostFolder = layout::kLost;
 
 struct LostFile {
     std::string path;    // below "./db": "keys/00000003"

@@ -20,6 +20,7 @@ EXCEPTIONS = {
     ("fstore/commands/passwd.cpp", "; ./old_db still opens with the one before"): "for users",
     ("fstore/commands/passwd.cpp",
      "Leave the database as it was, with the old password, in ./old_db"): "for users",
+    ("lib/database/lost.cpp", "key"): "a word of a plan",
     ("fstore/commands/export.cpp", "key"): "a name in JSON",
     ("fstore/commands/export.cpp", "certificates"): "a name in JSON",
 }
@@ -57,7 +58,7 @@ class Format:
                 elif number:
                     self.numbers[name] = value_of(number[1])
         self.markers = [text for text in self.texts.values() if text.startswith(".") and "/" not in text]
-        self.tops = [text for text in self.texts.values() if re.fullmatch(r"\./\w+", text)]
+        self.tops = [text for text in self.texts.values() if re.fullmatch(r"\./[\w.]+", text)]
         live = self.texts["kLive"] + "/"
         self.below = [text[len(live):] for text in self.texts.values() if text.startswith(live)]
         names = [text for text in self.texts.values() if re.fullmatch(r"\w+", text)]
@@ -101,7 +102,7 @@ class FormatAloneTest(unittest.TestCase):
 
     def test_the_lists_come_from_format(self):
         self.assertEqual({".dsc", ".$n$", ".$o$", ".$d$"}, set(self.format.markers))
-        self.assertEqual({"./db", "./new_db", "./old_db"}, set(self.format.tops))
+        self.assertEqual({"./db", "./new_db", "./old_db", "./db.lost"}, set(self.format.tops))
         self.assertEqual({"settings", "lsps", "keys", "crls", "crm", "certificates",
                           "certificates/local", "certificates/remote"}, set(self.format.below))
         self.assertLessEqual({"db", "key", "kdf"}, set(self.format.names))
