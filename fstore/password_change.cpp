@@ -73,10 +73,9 @@ void requireNamesOf(const std::string& old, const std::string& live) {
     }
 }
 
+// Memory that could not be had does not lead here: it says nothing about the folder, and the
+// next command goes on.
 [[noreturn]] void goBack(Session& session, const Failure& reason) {
-    if (reason.status() == kNoMemory) {
-        throw Failure(reason);  // tells nothing about the folder; the next command goes on
-    }
     if (!exists(kPrevious)) {
         throw Failure(kFound,
                       fmt::format("the change of the password cannot be finished: {}; what is "

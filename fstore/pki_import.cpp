@@ -76,10 +76,8 @@ Importer::Importer(Session& session, ImportRules rules,
                 record.decrypt();
             }
             (void)index(record);
-        } catch (const Failure& failure) {
-            if (failure.status() == kNoMemory) {
-                throw;
-            }  // a damaged record is none of the objects; ls and check tell about it
+        } catch (const Failure&) {
+            // a damaged record is none of the objects; ls and check tell about it
         }
     }
 }
@@ -162,7 +160,7 @@ Importer::Result Importer::replace(const PkiObject& object, const std::string& l
         old.decrypt();
         record = std::move(old);
     } catch (const Failure& failure) {
-        if (failure.status() == kNoMemory || failure.status() == kNotOpen) {
+        if (failure.status() == kNotOpen) {
             throw;
         }
     }

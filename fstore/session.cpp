@@ -119,8 +119,9 @@ class Session::Host {
 public:
     Host() {
         if (const Result started = modules_.start(); !started.ok()) {
-            throw Failure(started.status == kNoMemory ? kNoMemory : kNoObject,
-                          fmt::format("the store's modules cannot be loaded: {}", started.message));
+            failWithStatus(
+                started.status == kNoMemory ? kNoMemory : kNoObject,
+                fmt::format("the store's modules cannot be loaded: {}", started.message));
         }
         ModuleManager& manager = modules_.manager();
         const unsigned int id = pkcs5ID.value();

@@ -68,9 +68,6 @@ std::vector<Finding> inspectAll(Session& session) {
                                 Finding::Repair::kFinish});
         }
     } catch (const Failure& failure) {
-        if (failure.status() == kNoMemory) {
-            throw;
-        }
         findings.push_back({Finding::Kind::kDamaged, failure.path(), failure.what()});
     }
     return findings;

@@ -28,6 +28,9 @@ int guarded(Output& output, Body body) {
     } catch (const Failure& failure) {
         output.fail(failure);
         return failure.exitCode();
+    } catch (const MemoryFailure& memory) {
+        output.fail(memory.failure());
+        return memory.failure().exitCode();
     } catch (const std::bad_alloc&) {
         output.fail(Failure(kNoMemory, "there is not enough memory"));
         return static_cast<int>(kNoMemory);
@@ -111,7 +114,7 @@ int Cli::runChosen() {
         int code = static_cast<int>(kOk);
         try {
             code = exitCodeOf(chosen_(context));
-        } catch (const Failure&) {
+        } catch (const std::exception&) {
             if (!output.json()) {
                 output.flush();  // what was found before the failure
             }

@@ -75,7 +75,7 @@ std::vector<Candidate> candidatesOf(Kind kind, Session& session) {
                 found.push_back({infoOf(record), bodyOf(record)});
             }
         } catch (const Failure& failure) {
-            if (failure.status() == kNoMemory || failure.status() == kNotOpen) {
+            if (failure.status() == kNotOpen) {
                 throw;
             }  // a damaged record goes with nothing
         }

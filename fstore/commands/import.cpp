@@ -186,9 +186,6 @@ void importObjects(const std::vector<Item>& items, const ImportRules& rules, Ses
         try {
             report.done(item, importer.import(*item.object(), item.part.label));
         } catch (const Failure& failure) {
-            if (failure.status() == kNoMemory) {
-                throw;
-            }
             report.failed(item, failure);
         }
     }

@@ -100,10 +100,8 @@ std::set<std::string> keysOf(bool unlocked) {
                 if (info.kind == Kind::kKey && !info.keySha256.empty()) {
                     found.insert(info.keySha256);
                 }
-            } catch (const Failure& failure) {
-                if (failure.status() == kNoMemory) {
-                    throw;
-                }  // told about when it is its turn to be listed
+            } catch (const Failure&) {
+                // told about when it is its turn to be listed
             }
         }
         return found;
@@ -141,9 +139,6 @@ Listing readPart(Addresses addresses, const Filter& filter, bool unlocked) {
                 listing.records.push_back(std::move(info));
             }
         } catch (const Failure& failure) {
-            if (failure.status() == kNoMemory) {
-                throw;
-            }
             listing.damaged.emplace_back(address, failure);
         }
     }

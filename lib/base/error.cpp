@@ -63,15 +63,22 @@ int exitCodeOf(Status status) {
     return static_cast<int>(find(status) != nullptr ? status : kForeign);
 }
 
+void failWithStatus(Status status, const std::string& message, const std::string& path) {
+    if (status == kNoMemory) {
+        throw MemoryFailure(message, path);
+    }
+    throw Failure(status, message, path);
+}
+
 void check(Status status, const std::string& what, const std::string& path) {
     if (status == kOk) {
         return;
     }
     if (!isOfStore(status)) {
-        throw Failure(kForeign, fmt::format("{}: another module reported status {}", what, status),
-                      path);
+        failWithStatus(kForeign, fmt::format("{}: another module reported status {}", what, status),
+                       path);
     }
-    throw Failure(status, fmt::format("{}: {}", what, find(status)->meaning), path);
+    failWithStatus(status, fmt::format("{}: {}", what, find(status)->meaning), path);
 }
 
 void failWithErrno(const std::string& what, const std::string& path) {
@@ -79,7 +86,8 @@ void failWithErrno(const std::string& what, const std::string& path) {
     const Status status = reason == ENOENT || reason == ENOTDIR ? kMissing
                           : reason == ENOMEM                    ? kNoMemory
                                                                 : kIo;
-    throw Failure(status, fmt::format("cannot {} {}: {}", what, path, std::strerror(reason)), path);
+    failWithStatus(status, fmt::format("cannot {} {}: {}", what, path, std::strerror(reason)),
+                   path);
 }
 
 }  // namespace fstore

@@ -6,6 +6,7 @@
 #ifndef LIB_BASE_ERROR_H
 #define LIB_BASE_ERROR_H
 
+#include <new>
 #include <stdexcept>
 #include <string>
 
@@ -42,11 +43,30 @@ private:
     std::string path_;
 };
 
-// Throws the Failure "<what>: <what the status means>" unless `status` is kOk.
+// Memory that could not be had, with a sentence about it as a Failure has. No Failure: what
+// goes on after one record that cannot be read does not go on after this.
+class MemoryFailure : public std::bad_alloc {
+public:
+    explicit MemoryFailure(const std::string& message, std::string path = {})
+        : failure_(kNoMemory, message, std::move(path)) {}
+
+    const char* what() const noexcept override { return failure_.what(); }
+    // What the border to the user, who knows one kind of failure, reports.
+    const Failure& failure() const noexcept { return failure_; }
+
+private:
+    Failure failure_;
+};
+
+// Throws a MemoryFailure for kNoMemory and a Failure for any other status.
+[[noreturn]] void failWithStatus(Status status, const std::string& message,
+                                 const std::string& path = {});
+
+// Fails with "<what>: <what the status means>" unless `status` is kOk.
 void check(Status status, const std::string& what, const std::string& path = {});
 
-// Throws kIo, or kMissing when errno says so, with the system's reason: "cannot
-// <what> <path>: <reason>".
+// Fails with kIo, or kMissing or kNoMemory when errno says so, and the system's reason:
+// "cannot <what> <path>: <reason>".
 [[noreturn]] void failWithErrno(const std::string& what, const std::string& path);
 
 }  // namespace fstore

@@ -90,9 +90,6 @@ private:
             // decide about a file.
             unsure_ = unsure_ || record.hasBody() != body.has_value();
         } catch (const Failure& failure) {
-            if (failure.status() == kNoMemory) {
-                throw;
-            }
             if (body && !files_.contains(*body)) {
                 add(FindingKind::kDamaged, name,
                     fmt::format("names the body file {}, which is missing", *body));
@@ -122,10 +119,7 @@ private:
                 unsure_ = true;  // the damaged line may be the one
             }
             return body;
-        } catch (const Failure& failure) {
-            if (failure.status() == kNoMemory) {
-                throw;
-            }
+        } catch (const Failure&) {
             unsure_ = true;
             return std::nullopt;
         }

@@ -122,9 +122,10 @@ SecretText deriveP(const Slot& slot, const SecretText& password) {
     SecretBytes key(32);
     if (context == nullptr ||
         EVP_KDF_derive(context.get(), key.data(), key.size(), parameters) != 1) {
-        throw Failure(kNoMemory, fmt::format("cannot derive the key from the password: it takes "
-                                             "{} MiB of memory, and OpenSSL's scrypt",
-                                             memory >> 20));
+        failWithStatus(kNoMemory,
+                       fmt::format("cannot derive the key from the password: it takes {} MiB of "
+                                   "memory, and OpenSSL's scrypt",
+                                   memory >> 20));
     }
     constexpr char kDigits[] = "0123456789abcdef";
     SecretBytes digits(2 * key.size());

@@ -56,7 +56,7 @@ std::optional<Slot> parseSlot(std::string_view text);
 std::string printSlot(const Slot& slot);
 
 // P of this slot for a password, which "none" does not look at. Takes 128 * 2^ln * r bytes of
-// memory and, at the default cost, about half a second. Throws kNoMemory.
+// memory and, at the default cost, about half a second. Throws MemoryFailure.
 SecretText deriveP(const Slot& slot, const SecretText& password);
 
 // What the record "key" holds for P.

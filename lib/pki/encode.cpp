@@ -14,7 +14,7 @@ SecretBytes pemBlock(const char* type, Bytes der) {
     const ossl::Bio out(BIO_new(BIO_s_mem()));
     if (out == nullptr ||
         PEM_write_bio(out.get(), type, "", der.data(), static_cast<long>(der.size())) <= 0) {
-        throw Failure(kNoMemory, "cannot write a PEM block: there is not enough memory");
+        failWithStatus(kNoMemory, "cannot write a PEM block: there is not enough memory");
     }
     unsigned char* text = nullptr;
     const long size = BIO_get_mem_data(out.get(), &text);

@@ -1,5 +1,8 @@
 #include "lib/base/error.h"
 
+#include <cerrno>
+#include <functional>
+#include <new>
 #include <set>
 #include <string>
 
@@ -45,6 +48,28 @@ TEST(CheckTest, StatusesOfOtherModulesAreToldByNumber) {
         } catch (const Failure& failure) {
             EXPECT_EQ(125, failure.exitCode());
             EXPECT_NE(std::string::npos, std::string(failure.what()).find(std::to_string(status)));
+        }
+    }
+}
+
+// Who goes on after a record that cannot be read must not take a lack of memory for one.
+TEST(CheckTest, MemoryThatCouldNotBeHadIsNoFailure) {
+    const auto byStatus = [] { check(kNoMemory, "cannot read keys/a", "keys/a"); };
+    const auto byErrno = [] {
+        errno = ENOMEM;
+        failWithErrno("read", "keys/a");
+    };
+    for (const std::function<void()>& failing :
+         {std::function<void()>(byStatus), std::function<void()>(byErrno)}) {
+        EXPECT_THROW(failing(), std::bad_alloc);
+        try {
+            failing();
+        } catch (const Failure&) {
+            FAIL();
+        } catch (const MemoryFailure& memory) {
+            EXPECT_EQ(kNoMemory, memory.failure().status());
+            EXPECT_EQ("keys/a", memory.failure().path());
+            EXPECT_EQ(0u, std::string(memory.what()).find("cannot read keys/a: "));
         }
     }
 }
