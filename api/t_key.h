@@ -5,11 +5,22 @@
 // getters) may run in many threads at once; those that change it need the key to
 // themselves. Nothing throws. Operations that give an object give null on failure,
 // and getError() then tells why. In general
-//   kInvalid    null, an unknown number, or what a key of this kind cannot do
+//   kInvalid    null, an unknown number, or what a key of this kind cannot do. A number
+//               that no parameter, type or algorithm has is unknown to every key
 //   kMalformed  bytes that are no key of the type; the key stays as it was
 //   kEnd        the key has no value, or a value without such a part
 //   kNoObject   a buffer could not be had of its service
 // The order of the operations is a binary contract between modules.
+//
+// Bytes are read as DER, from the first to the last; of what BER allows beyond it nothing
+// is. They are a key when each number is in its range, whoever reads them:
+//   RSA      two primes; an odd modulus; an odd public exponent from 3, of up to 64 bits;
+//            all others from 1 and below the modulus, the primes odd
+//   EC       a curve by its name; a scalar from 1 and below the order, in no more bytes
+//            than that; a point of the curve, whole or compressed, not at infinity
+//   Ed25519  a point of the curve, of none of the small orders, in its one encoding
+// Parameters of the algorithm are those that its standard asks for: NULL of RSA, none of
+// Ed25519. Whether the numbers of one key fit each other, isConsistent() finds.
 #ifndef API_T_KEY_H
 #define API_T_KEY_H
 
@@ -71,13 +82,15 @@ public:
     virtual pki_alg_t getAlg() const = 0;
 
     // The key value: raw bytes of a symmetric key, PKCS#8 of a private key,
-    // SubjectPublicKeyInfo of a public one. setKey() takes the same forms, DER from
-    // the first byte to the last; curves by name only.
+    // SubjectPublicKeyInfo of a public one. setKey() takes the same forms: PKCS#8 of
+    // either version (RFC 5208, RFC 5958), where a public key beside the private one has
+    // to be its own, and attributes are not kept. getKey() gives a key in one form, in
+    // whichever it came: the first version, of EC with the whole public point.
     virtual Status setKey(TBuf* value) = 0;
     virtual TBuf* getKey() const = 0;
 
     // Parameters by tag: bytes that the owner attaches under a number of its own.
-    // Without one, getParam() gives null and kEnd.
+    // Any number will do. Without one, getParam() gives null and kEnd.
     virtual TBuf* getParam(unsigned char tag) const = 0;
     virtual Status setParam(unsigned char tag, TBuf* value) = 0;
     virtual TBuf* getParam(aka_t which) const = 0;

@@ -23,6 +23,14 @@ pki_alg_t algOf(TKey::key_type_t type) {
     return known == nullptr ? PKI_ALG_NONE : known->alg;
 }
 
+bool isParameter(TKey::aka_t which) {
+    return which >= TKey::kPublicKeyInfo && which <= TKey::kCurveName;
+}
+
+bool isParameter(TKey::bka_t which) {
+    return which >= TKey::kBits && which <= TKey::kUsage;
+}
+
 // Runs `body` with the bytes of a buffer that the caller owns; kInvalid for null.
 template <class Body>
 Status withBytes(TBuf* buf, Body body) {
@@ -121,9 +129,21 @@ int Key::compare(TKey* other) const {
         if (other->getType() != type_) {
             return kOk;
         }
-        const aBuf ours(getKey());
         const aBuf theirs(other->getKey());
-        differ = ours.target() == nullptr && theirs.target() == nullptr ? 0 : ours != theirs;
+        const Status lacking = theirs.target() == nullptr ? other->getError() : kOk;
+        if (lacking != kOk && lacking != kEnd) {
+            return lacking;
+        }
+        if (value_ == nullptr || lacking == kEnd) {
+            differ = value_ == nullptr && lacking == kEnd ? 0 : 1;
+            return kOk;
+        }
+        // What a key gives is always the same, in whatever form it came.
+        const aBuf ours(getKey());
+        if (ours.target() == nullptr) {
+            return lastStatus;
+        }
+        differ = ours != theirs ? 1 : 0;
         return kOk;
     });
     return differ;
@@ -197,18 +217,26 @@ Status Key::setParam(unsigned char tag, TBuf* value) {
 }
 
 TBuf* Key::getParam(aka_t which) const {
-    return made([&](TBuf& into) { return value_ == nullptr ? kEnd : value_->param(which, into); });
+    return made([&](TBuf& into) {
+        if (!isParameter(which)) {
+            return kInvalid;
+        }
+        return value_ == nullptr ? kEnd : value_->param(which, into);
+    });
 }
 
 int Key::getParam(bka_t which) const {
     int number = -1;
     (void)recorded([&] {
+        if (!isParameter(which)) {
+            return kInvalid;
+        }
         if (which == kUsage) {
             number = usage_;
-        } else if (value_ != nullptr) {
-            number = value_->number(which);
+            return kOk;
         }
-        return number < 0 && which != kUsage ? kEnd : kOk;
+        number = value_ == nullptr ? -1 : value_->number(which);
+        return number < 0 ? kEnd : kOk;
     });
     return number;
 }
@@ -330,8 +358,11 @@ Status Key::isConsistent(TKey* other, int deep) const {
                     key.getType() == kSymmetric ? key.getRaw() : key.getParam(kPublicKeyInfo));
             };
             const auto ours = pairedPart(*this);
+            if (ours == nullptr) {
+                return lastStatus;
+            }
             const auto theirs = pairedPart(*other);
-            if (ours == nullptr || ours->compare(theirs.get()) != 0) {
+            if (ours->compare(theirs.get()) != 0) {
                 return kIo;
             }
         }

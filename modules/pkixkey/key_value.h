@@ -5,13 +5,10 @@
 #ifndef MODULES_PKIXKEY_KEY_VALUE_H
 #define MODULES_PKIXKEY_KEY_VALUE_H
 
-#include <span>
-
 #include "api/t_buf.h"
 #include "api/t_key.h"
 #include "cmn/status.h"
-
-using Bytes = std::span<const unsigned char>;
+#include "modules/common/bytes.h"
 
 // What an operation gives as bytes it appends to an empty buffer. Those that a kind
 // of key does not have are kInvalid to use, and kEnd to ask for.

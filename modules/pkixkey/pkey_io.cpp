@@ -1,17 +1,244 @@
 #include "modules/pkixkey/pkey_io.h"
 
-#include <memory>
+#include <algorithm>
+#include <optional>
 #include <utility>
 
 #include <openssl/core_names.h>
 #include <openssl/crypto.h>
 
+#include "modules/pkixkey/der.h"
+#include "modules/pkixkey/pkey_parts.h"
 #include "modules/pkixkey/pkey_type.h"
 
 namespace {
 
-constexpr int kLeastRsaBits = 1024;  // smaller ones are broken
-constexpr int kMostRsaBits = 16384;  // larger ones only cost time
+bool equal(Bytes left, Bytes right) {
+    return std::equal(left.begin(), left.end(), right.begin(), right.end());
+}
+
+const PkeyType* findPkeyType(Bytes algorithm) {
+    for (const PkeyType& known : kPkeyTypes) {
+        if (equal(known.algorithm, algorithm)) {
+            return &known;
+        }
+    }
+    return nullptr;
+}
+
+// Takes a version: 0 or 1, the only ones there are.
+bool takeVersion(der::Reader& reader, unsigned int& version) {
+    Bytes number;
+    if (!reader.takeNumber(number) || number.size() > 1 || (number.size() == 1 && number[0] != 1)) {
+        return false;
+    }
+    version = static_cast<unsigned int>(number.size());
+    return true;
+}
+
+// Takes an AlgorithmIdentifier; null when it is of no type that we have.
+const PkeyType* takeType(der::Reader& reader) {
+    Bytes algorithm;
+    return reader.take(der::kSequence, algorithm) ? findPkeyType(algorithm) : nullptr;
+}
+
+// PrivateKeyInfo of RFC 5208, and its second version, OneAsymmetricKey of RFC 5958.
+struct PrivateKeyInfo {
+    const PkeyType* type = nullptr;
+    Bytes key;
+    std::optional<Bytes> publicBits;  // of the second version
+};
+
+bool readPrivateKeyInfo(Bytes bytes, PrivateKeyInfo& info) {
+    der::Reader outer(bytes);
+    Bytes contents;
+    if (!outer.takeLast(der::kSequence, contents)) {
+        return false;
+    }
+    der::Reader fields(contents);
+    unsigned int version = 0;
+    if (!takeVersion(fields, version) || (info.type = takeType(fields)) == nullptr ||
+        !fields.take(der::kOctetString, info.key)) {
+        return false;
+    }
+    Bytes attributes;
+    if (fields.nextIs(der::kConstructed0) &&
+        (!fields.take(der::kConstructed0, attributes) || !der::isAttributes(attributes))) {
+        return false;
+    }
+    // The version says whether the public key follows.
+    return (version == 0 || fields.takeBits(der::kPrimitive1, info.publicBits.emplace())) &&
+           fields.done();
+}
+
+// RSAPublicKey of RFC 8017.
+Status readRsaPublic(Bytes bytes, AnyPkey& key) {
+    der::Reader outer(bytes);
+    Bytes contents;
+    if (!outer.takeLast(der::kSequence, contents)) {
+        return kMalformed;
+    }
+    der::Reader numbers(contents);
+    RsaPublicParts open;
+    const bool read =
+        numbers.takeNumber(open.modulus) && numbers.takeNumber(open.exponent) && numbers.done();
+    return read ? makeRsa(open, nullptr, key.pkey) : kMalformed;
+}
+
+// RSAPrivateKey of RFC 8017, of two primes.
+Status readRsaPrivate(Bytes bytes, AnyPkey& key) {
+    der::Reader outer(bytes);
+    Bytes contents;
+    if (!outer.takeLast(der::kSequence, contents)) {
+        return kMalformed;
+    }
+    der::Reader numbers(contents);
+    unsigned int version = 0;
+    RsaPublicParts open;
+    RsaPrivateParts secret;
+    if (!takeVersion(numbers, version) || version != 0) {
+        return kMalformed;
+    }
+    for (Bytes* const number :
+         {&open.modulus, &open.exponent, &secret.exponent, &secret.primes[0], &secret.primes[1],
+          &secret.exponents[0], &secret.exponents[1], &secret.coefficient}) {
+        if (!numbers.takeNumber(*number)) {
+            return kMalformed;
+        }
+    }
+    return numbers.done() ? makeRsa(open, &secret, key.pkey) : kMalformed;
+}
+
+// ECPrivateKey of RFC 5915. What was written when leading zeros of the scalar were left
+// out is read, too.
+Status readEcPrivate(const PkeyType& type, Bytes bytes, AnyPkey& key) {
+    der::Reader outer(bytes);
+    Bytes contents;
+    if (!outer.takeLast(der::kSequence, contents)) {
+        return kMalformed;
+    }
+    der::Reader fields(contents);
+    unsigned int version = 0;
+    Bytes scalar;
+    if (!takeVersion(fields, version) || version != 1 || !fields.take(der::kOctetString, scalar)) {
+        return kMalformed;
+    }
+    Bytes curve;
+    if (fields.nextIs(der::kConstructed0) &&
+        (!fields.take(der::kConstructed0, curve) || !equal(curve, type.curveId()))) {
+        return kMalformed;
+    }
+    Bytes point;
+    if (fields.nextIs(der::kConstructed1)) {
+        Bytes tagged;
+        if (!fields.take(der::kConstructed1, tagged)) {
+            return kMalformed;
+        }
+        der::Reader inner(tagged);
+        if (!inner.takeBits(der::kBitString, point) || !inner.done() || point.empty()) {
+            return kMalformed;
+        }
+    }
+    return fields.done() ? makeEcPrivate(type, scalar, point, key.pkey) : kMalformed;
+}
+
+// CurvePrivateKey of RFC 8410.
+Status readEd25519Private(Bytes bytes, AnyPkey& key) {
+    der::Reader outer(bytes);
+    Bytes seed;
+    return outer.takeLast(der::kOctetString, seed) ? makeEd25519Private(seed, key.pkey)
+                                                   : kMalformed;
+}
+
+// What the private key of a PrivateKeyInfo contains.
+Status readPrivate(const PkeyType& type, Bytes bytes, AnyPkey& key) {
+    key.type = type.type;
+    key.isPrivate = true;
+    if (type.type == TKey::kRsa) {
+        return readRsaPrivate(bytes, key);
+    }
+    return type.curve != 0 ? readEcPrivate(type, bytes, key) : readEd25519Private(bytes, key);
+}
+
+// What the bits of a SubjectPublicKeyInfo contain.
+Status readPublic(const PkeyType& type, Bytes bytes, AnyPkey& key) {
+    key.type = type.type;
+    key.isPrivate = false;
+    if (type.type == TKey::kRsa) {
+        return readRsaPublic(bytes, key);
+    }
+    return type.curve != 0 ? makeEcPublic(type, bytes, key.pkey)
+                           : makeEd25519Public(bytes, key.pkey);
+}
+
+// Whether the public key that came beside a private one is its own. Nobody could find a
+// difference later, for it is not kept.
+Status checkPublicBits(const PkeyType& type, const AnyPkey& key, Bytes bits) {
+    AnyPkey beside;
+    if (const Status status = readPublic(type, bits, beside); status != kOk) {
+        return status;
+    }
+    WipedBytes own;
+    if (const Status status = publicBits(key, own); status != kOk) {
+        return status;
+    }
+    WipedBytes others;
+    if (const Status status = publicBits(beside, others); status != kOk) {
+        return status;
+    }
+    return equal(own.view(), others.view()) ? kOk : kMalformed;
+}
+
+bool isWanted(const PkeyType& found, TKey::key_type_t wanted) {
+    return wanted == TKey::kNone || wanted == found.type;
+}
+
+Status readPrivateKeyInfo(TKey::key_type_t wanted, Bytes bytes, AnyPkey& key) {
+    PrivateKeyInfo info;
+    if (!readPrivateKeyInfo(bytes, info) || !isWanted(*info.type, wanted)) {
+        return kMalformed;
+    }
+    const Status status = readPrivate(*info.type, info.key, key);
+    return status == kOk && info.publicBits ? checkPublicBits(*info.type, key, *info.publicBits)
+                                            : status;
+}
+
+Status readPublicKeyInfo(TKey::key_type_t wanted, Bytes bytes, AnyPkey& key) {
+    der::Reader outer(bytes);
+    Bytes contents;
+    if (!outer.takeLast(der::kSequence, contents)) {
+        return kMalformed;
+    }
+    der::Reader fields(contents);
+    const PkeyType* const type = takeType(fields);
+    Bytes bits;
+    if (type == nullptr || !isWanted(*type, wanted) || !fields.takeBits(der::kBitString, bits) ||
+        !fields.done()) {
+        return kMalformed;
+    }
+    return readPublic(*type, bits, key);
+}
+
+Status readRaw(TKey::key_type_t wanted, Bytes bytes, AnyPkey& key) {
+    const PkeyType* const type = findPkeyType(wanted);
+    if (type == nullptr) {
+        return kInvalid;
+    }
+    key.type = wanted;
+    key.isPrivate = true;
+    if (type->type == TKey::kRsa) {
+        const Status status = readRsaPrivate(bytes, key);
+        return status == kMalformed ? readPublic(*type, bytes, key) : status;
+    }
+    if (type->curve == 0) {
+        return makeEd25519Private(bytes, key.pkey);
+    }
+    if (bytes.size() == type->scalarBytes) {
+        return makeEcPrivate(*type, bytes, {}, key.pkey);
+    }
+    // A compressed point could be a scalar with a byte too many.
+    return bytes.size() == 1 + 2 * type->scalarBytes ? readPublic(*type, bytes, key) : kMalformed;
+}
 
 const char* structureOf(PkeyForm form) {
     switch (form) {
@@ -22,35 +249,6 @@ const char* structureOf(PkeyForm form) {
         default:
             return "type-specific";
     }
-}
-
-// Each reads all of the bytes or nothing.
-ossl::Pkcs8 pkcs8Of(Bytes bytes) {
-    const unsigned char* next = bytes.data();
-    ossl::Pkcs8 read(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &next, static_cast<long>(bytes.size())));
-    return next == bytes.data() + bytes.size() ? std::move(read) : nullptr;
-}
-
-ossl::PublicKeyInfo publicKeyInfoOf(Bytes bytes) {
-    const unsigned char* next = bytes.data();
-    ossl::PublicKeyInfo read(d2i_X509_PUBKEY(nullptr, &next, static_cast<long>(bytes.size())));
-    return next == bytes.data() + bytes.size() ? std::move(read) : nullptr;
-}
-
-// PKCS#1. The decoder takes other structures too, which are ruled out before.
-ossl::Pkey rsaKey(Bytes bytes, int selection) {
-    if (pkcs8Of(bytes) != nullptr || publicKeyInfoOf(bytes) != nullptr) {
-        return nullptr;
-    }
-    EVP_PKEY* decoded = nullptr;
-    const ossl::Decoder decoder(OSSL_DECODER_CTX_new_for_pkey(
-        &decoded, "DER", structureOf(PkeyForm::kRaw), "RSA", selection, nullptr, nullptr));
-    const unsigned char* next = bytes.data();
-    std::size_t left = bytes.size();
-    const bool good =
-        decoder != nullptr && OSSL_DECODER_from_data(decoder.get(), &next, &left) == 1 && left == 0;
-    ossl::Pkey pkey(decoded);
-    return good ? std::move(pkey) : nullptr;
 }
 
 Status encode(const EVP_PKEY* pkey, int selection, PkeyForm form, WipedBytes& bytes) {
@@ -64,97 +262,6 @@ Status encode(const EVP_PKEY* pkey, int selection, PkeyForm form, WipedBytes& by
     const bool copied = bytes.assign({der, size});
     OPENSSL_clear_free(der, size);
     return copied ? kOk : kNoMemory;
-}
-
-// An EC key from its parts: the public point, and the private scalar or null.
-ossl::Pkey ecKey(const PkeyType& type, Bytes point, const BIGNUM* scalar) {
-    const ossl::ParamBuilder builder(OSSL_PARAM_BLD_new());
-    const ossl::PkeyCtx ctx(EVP_PKEY_CTX_new_from_name(nullptr, type.name, nullptr));
-    if (builder == nullptr || ctx == nullptr ||
-        OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, type.curveName,
-                                        0) != 1 ||
-        OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(),
-                                         point.size()) != 1 ||
-        (scalar != nullptr &&
-         OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_PRIV_KEY, scalar) != 1)) {
-        return nullptr;
-    }
-    const ossl::Params params(OSSL_PARAM_BLD_to_param(builder.get()));
-    EVP_PKEY* made = nullptr;
-    if (params == nullptr || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
-        EVP_PKEY_fromdata(ctx.get(), &made,
-                          scalar == nullptr ? EVP_PKEY_PUBLIC_KEY : EVP_PKEY_KEYPAIR,
-                          params.get()) != 1) {
-        return nullptr;
-    }
-    return ossl::Pkey(made);
-}
-
-// The scalar's key with its public point, which OpenSSL does not work out itself.
-ossl::Pkey ecKeyOfScalar(const PkeyType& type, Bytes bytes) {
-    const ossl::Group group(EC_GROUP_new_by_curve_name(type.curve));
-    const ossl::Number scalar(BN_secure_new());  // copies of a secure one are wiped, too
-    if (group == nullptr || scalar == nullptr ||
-        BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), scalar.get()) == nullptr ||
-        BN_is_zero(scalar.get()) == 1 ||
-        BN_cmp(scalar.get(), EC_GROUP_get0_order(group.get())) >= 0) {
-        return nullptr;
-    }
-    BN_set_flags(scalar.get(), BN_FLG_CONSTTIME);
-    const ossl::Point point(EC_POINT_new(group.get()));
-    unsigned char encoded[1 + 2 * 66];
-    if (point == nullptr ||
-        EC_POINT_mul(group.get(), point.get(), scalar.get(), nullptr, nullptr, nullptr) != 1) {
-        return nullptr;
-    }
-    const std::size_t size = EC_POINT_point2oct(
-        group.get(), point.get(), POINT_CONVERSION_UNCOMPRESSED, encoded, sizeof encoded, nullptr);
-    return size == 0 ? nullptr : ecKey(type, {encoded, size}, scalar.get());
-}
-
-void readRaw(const PkeyType& type, Bytes bytes, AnyPkey& key) {
-    key.isPrivate = true;
-    if (type.type == TKey::kRsa) {
-        key.pkey = rsaKey(bytes, EVP_PKEY_KEYPAIR);
-        if (key.pkey == nullptr) {
-            key.isPrivate = false;
-            key.pkey = rsaKey(bytes, EVP_PKEY_PUBLIC_KEY);
-        }
-    } else if (bytes.size() != type.scalarBytes) {
-        key.isPrivate = false;
-        if (type.curve != 0 && bytes.size() == 1 + 2 * type.scalarBytes &&
-            bytes[0] == POINT_CONVERSION_UNCOMPRESSED) {
-            key.pkey = ecKey(type, bytes, nullptr);
-        }
-    } else if (type.curve != 0) {
-        key.pkey = ecKeyOfScalar(type, bytes);
-    } else {
-        key.pkey.reset(EVP_PKEY_new_raw_private_key_ex(nullptr, type.name, nullptr, bytes.data(),
-                                                       bytes.size()));
-    }
-}
-
-bool isCurve(const EVP_PKEY* pkey, int curve) {
-    char name[32];
-    std::size_t size = 0;
-    int explicitly = 0;
-    // A curve spelled out is refused: it may differ from the one that it resembles.
-    return EVP_PKEY_get_group_name(pkey, name, sizeof name, &size) == 1 &&
-           OBJ_txt2nid(name) == curve &&
-           (EVP_PKEY_get_int_param(pkey, OSSL_PKEY_PARAM_EC_DECODED_FROM_EXPLICIT_PARAMS,
-                                   &explicitly) != 1 ||
-            explicitly == 0);
-}
-
-bool isOf(const PkeyType& type, const EVP_PKEY* pkey) {
-    if (EVP_PKEY_is_a(pkey, type.name) != 1) {
-        return false;
-    }
-    if (type.type == TKey::kRsa) {
-        const int bits = EVP_PKEY_get_bits(pkey);
-        return bits >= kLeastRsaBits && bits <= kMostRsaBits;
-    }
-    return type.curve == 0 || isCurve(pkey, type.curve);
 }
 
 Status privateScalar(const EVP_PKEY* pkey, std::size_t size, WipedBytes& bytes) {
@@ -175,35 +282,13 @@ Status privateScalar(const EVP_PKEY* pkey, std::size_t size, WipedBytes& bytes) 
 Status readPkey(PkeyForm form, TKey::key_type_t type, Bytes bytes, AnyPkey& key) {
     const ossl::QuietErrors quiet;
     AnyPkey read;
-    if (form == PkeyForm::kPrivateKeyInfo) {
-        const ossl::Pkcs8 info = pkcs8Of(bytes);
-        read.pkey.reset(info == nullptr ? nullptr : EVP_PKCS82PKEY(info.get()));
-        read.isPrivate = true;
-    } else if (form == PkeyForm::kPublicKeyInfo) {
-        const ossl::PublicKeyInfo info = publicKeyInfoOf(bytes);
-        read.pkey.reset(info == nullptr ? nullptr : X509_PUBKEY_get(info.get()));
-    } else if (const PkeyType* const wanted = findPkeyType(type)) {
-        readRaw(*wanted, bytes, read);
-    } else {
-        return kInvalid;
+    const Status status = form == PkeyForm::kPrivateKeyInfo  ? readPrivateKeyInfo(type, bytes, read)
+                          : form == PkeyForm::kPublicKeyInfo ? readPublicKeyInfo(type, bytes, read)
+                                                             : readRaw(type, bytes, read);
+    if (status == kOk) {
+        key = std::move(read);
     }
-    if (read.pkey == nullptr) {
-        return kMalformed;
-    }
-    for (const PkeyType& known : kPkeyTypes) {
-        if ((type == TKey::kNone || type == known.type) && isOf(known, read.pkey.get())) {
-            read.type = known.type;
-            // Points may have come compressed; what we give is always the same.
-            if (known.curve != 0 && EVP_PKEY_set_utf8_string_param(
-                                        read.pkey.get(), OSSL_PKEY_PARAM_EC_POINT_CONVERSION_FORMAT,
-                                        OSSL_PKEY_EC_POINT_CONVERSION_FORMAT_UNCOMPRESSED) != 1) {
-                return kIo;
-            }
-            key = std::move(read);
-            return kOk;
-        }
-    }
-    return kMalformed;
+    return status;
 }
 
 Status writePkey(const AnyPkey& key, PkeyForm form, WipedBytes& bytes) {
