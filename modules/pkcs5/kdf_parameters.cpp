@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "cmn/cmn_stub.h"
+
 namespace {
 
 bool contains(std::span<const pki_alg_t> algs, pki_alg_t alg) {
@@ -11,30 +13,49 @@ bool contains(std::span<const pki_alg_t> algs, pki_alg_t alg) {
 
 }  // namespace
 
+// A value that follows an unknown selector must not go to the one before it.
 Status KdfParameters::select(PBES::param selector) {
-    if (selector < PBES::kPassword || selector > PBES::kSecondAlg) {
-        return kInvalid;
-    }
-    selected_ = selector;
-    return kOk;
+    const bool known = selector >= PBES::kPassword && selector <= PBES::kSecondAlg;
+    selected_ = known ? selector : kNothing;
+    return known ? kOk : noted(kInvalid);
 }
 
-Status KdfParameters::supply(std::span<const unsigned char> bytes) {
-    if (selected_ != PBES::kPassword && selected_ != PBES::kSalt) {
+Status KdfParameters::supply(TBuf* bytes) {
+    return noted(take(bytes));
+}
+
+Status KdfParameters::supply(unsigned int number) {
+    return noted(take(number));
+}
+
+Status KdfParameters::supply(pki_alg_t alg) {
+    return noted(take(alg));
+}
+
+// Who does not look at the status still gets no key that he did not ask for.
+Status KdfParameters::noted(Status taken) noexcept {
+    const unsigned int bit = 1U << selected_;
+    refused_ = taken == kOk ? refused_ & ~bit : refused_ | bit;
+    return taken;
+}
+
+Status KdfParameters::take(TBuf* bytes) {
+    if (bytes == nullptr || (selected_ != PBES::kPassword && selected_ != PBES::kSalt)) {
         return kInvalid;
     }
-    if (bytes.size() > kMostBytes) {
+    const GuardLock inUse(bytes->getGuard());
+    if (bytes->length() > kMostBytes) {
         return kInvalid;
     }
     WipedBytes copy;
-    if (!copy.assign(bytes)) {
+    if (!copy.assign({bytes->data(), bytes->length()})) {
         return kNoMemory;
     }
     (selected_ == PBES::kPassword ? password_ : salt_) = std::move(copy);
     return kOk;
 }
 
-Status KdfParameters::supply(unsigned int number) {
+Status KdfParameters::take(unsigned int number) {
     if (selected_ == PBES::kIterations && number >= 1 && number <= kMostIterations) {
         iterations_ = number;
         return kOk;
@@ -47,7 +68,7 @@ Status KdfParameters::supply(unsigned int number) {
     return kInvalid;
 }
 
-Status KdfParameters::supply(pki_alg_t alg) {
+Status KdfParameters::take(pki_alg_t alg) {
     if (selected_ == PBES::kFirstAlg && contains(limits_.firstAlgs, alg)) {
         firstAlg_ = alg;
         return kOk;
@@ -60,6 +81,6 @@ Status KdfParameters::supply(pki_alg_t alg) {
 }
 
 bool KdfParameters::complete() const noexcept {
-    return password_ && salt_ && iterations_ && keyLength_ && firstAlg_ &&
+    return refused_ == 0 && password_ && salt_ && iterations_ && keyLength_ && firstAlg_ &&
            (secondAlg_ || limits_.secondAlgs.empty());
 }

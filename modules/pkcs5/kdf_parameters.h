@@ -28,14 +28,16 @@ public:
 
     explicit KdfParameters(const KdfLimits& limits) : limits_(limits) {}
 
-    // Each is kInvalid, and changes nothing, when the selector is none of a
-    // scheme's, or the value does not fit the selector set last.
+    // Each is kInvalid when the selector is none of a scheme's, or the value, null
+    // among them, does not fit the selector set last. A parameter that was refused is
+    // missing until a value of it is taken; an unknown one is missing for good.
     Status select(PBES::param selector);
-    Status supply(std::span<const unsigned char> bytes);  // kNoMemory too
+    Status supply(TBuf* bytes);  // kNoMemory too
     Status supply(unsigned int number);
     Status supply(pki_alg_t alg);
 
-    // Whether every parameter of the scheme was supplied. Empty ones count.
+    // Whether every parameter of the scheme was supplied, and the last value of each
+    // was taken. Empty ones count.
     bool complete() const noexcept;
 
     // The values. Only what was supplied may be asked for.
@@ -46,8 +48,16 @@ public:
     pki_alg_t firstAlg() const { return *firstAlg_; }
 
 private:
+    static constexpr unsigned int kNothing = 0;  // no selector has this number
+
+    Status noted(Status taken) noexcept;
+    Status take(TBuf* bytes);
+    Status take(unsigned int number);
+    Status take(pki_alg_t alg);
+
     KdfLimits limits_;
-    std::optional<PBES::param> selected_;
+    unsigned int selected_ = kNothing;
+    unsigned int refused_ = 0;  // a bit for each selector whose last value was refused
     std::optional<WipedBytes> password_;
     std::optional<WipedBytes> salt_;
     std::optional<unsigned int> iterations_;

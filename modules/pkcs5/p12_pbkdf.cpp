@@ -2,7 +2,6 @@
 
 #include <cstring>
 #include <memory>
-#include <span>
 
 #include <openssl/evp.h>
 
@@ -56,13 +55,7 @@ Status P12Pbkdf::select(param selector) {
 }
 
 Status P12Pbkdf::supply(TBuf* bytes) {
-    return recorded([&] {
-        if (bytes == nullptr) {
-            return kInvalid;
-        }
-        const GuardLock inUse(bytes->getGuard());
-        return parameters_.supply(std::span<const unsigned char>(bytes->data(), bytes->length()));
-    });
+    return recorded([&] { return parameters_.supply(bytes); });
 }
 
 Status P12Pbkdf::supply(unsigned int number) {

@@ -25,28 +25,26 @@ KdfLimits limitsOf(PBES::pbes_type scheme) {
 
 Pbes::Pbes(pbes_type scheme) : PBES(kType), scheme_(scheme), parameters_(limitsOf(scheme)) {}
 
+// A key that belongs to other parameters must not be used any more, also when those
+// that were meant instead of them are refused.
 Status Pbes::select(param selector) {
-    return recorded([&] { return parameters_.select(selector); });
+    return recorded([&] {
+        const Status status = parameters_.select(selector);
+        if (status != kOk) {
+            use(nullptr);
+        }
+        return status;
+    });
 }
 
-// A key that belongs to other parameters must not be used any more.
 template <class Value>
-Status Pbes::supplied(const Value& value) {
-    const Status status = parameters_.supply(value);
-    if (status == kOk) {
-        use(nullptr);
-    }
-    return status;
+Status Pbes::supplied(Value value) {
+    use(nullptr);
+    return parameters_.supply(value);
 }
 
 Status Pbes::supply(TBuf* bytes) {
-    return recorded([&] {
-        if (bytes == nullptr) {
-            return kInvalid;
-        }
-        const GuardLock inUse(bytes->getGuard());
-        return supplied(std::span<const unsigned char>(bytes->data(), bytes->length()));
-    });
+    return recorded([&] { return supplied(bytes); });
 }
 
 Status Pbes::supply(unsigned int number) {

@@ -31,7 +31,7 @@ public:
 
 private:
     template <class Value>
-    Status supplied(const Value& value);
+    Status supplied(Value value);
     void use(std::unique_ptr<GcmFrame> key);
     Status obtainKey(const GcmFrame*& key);
     template <class Step>

@@ -94,13 +94,18 @@ TEST_F(P12PbkdfTest, RefusesWhatItCannotTake) {
         kdf << PBES::kKeyLength << length;
         EXPECT_EQ(kInvalid, kdf.error());
     }
-    kdf << PBES::kSecondAlg << PKI_ALG_AES_GCM;
-    EXPECT_EQ(kInvalid, kdf.error()) << "it encrypts nothing";
     kdf << PBES::kFirstAlg << PKI_ALG_PBKDF2_HMAC_SHA256;
     EXPECT_EQ(kInvalid, kdf.error());
     kdf << PBES::kSalt << aBuf(static_cast<TBuf*>(nullptr));
     EXPECT_EQ(kInvalid, kdf.error());
+    EXPECT_EQ(nullptr, kdf.getKey(P12PBKDF::kEncryptionKey).target());
+    EXPECT_EQ(kInvalid, kdf.error()) << "nor a key without what it refused";
+    kdf << PBES::kKeyLength << 16U << PBES::kFirstAlg << PKI_ALG_SHA1 << PBES::kSalt
+        << bufOf("salt");
     EXPECT_EQ(16U, kdf.getKey(P12PBKDF::kEncryptionKey).getRaw().len());
+    kdf << PBES::kSecondAlg << PKI_ALG_AES_GCM;
+    EXPECT_EQ(kInvalid, kdf.error()) << "it encrypts nothing";
+    EXPECT_EQ(nullptr, kdf.getKey(P12PBKDF::kEncryptionKey).target());
 
     EXPECT_EQ(nullptr, mmP12PBKDF().getKey(P12PBKDF::kEncryptionKey).target());
     EXPECT_EQ(kInvalid, kdf.error()) << "no parameters";

@@ -273,12 +273,37 @@ TEST_F(PbesTest, RefusesWhatDoesNotFitTheSelector) {
     EXPECT_EQ(kOk, pbes.error()) << "the longest password";
 }
 
-TEST_F(PbesTest, RefusedValueLeavesTheFormerOne) {
+// Whoever does not look at each status must not get a key that he did not ask for.
+TEST_F(PbesTest, RefusedParameterMakesNoKeyUntilItIsTaken) {
     mmPBES pbes = pbesOf(kSchemes[0], "secret");
     const std::string key = textOf(pbes.getKey().getRaw());
+    const std::string frame = textOf(pbes.encrypt(bufOf("message")));
+    const auto makesNoKey = [&](const char* what) {
+        EXPECT_EQ(nullptr, pbes.getKey().target()) << what;
+        EXPECT_EQ(kInvalid, pbes.error()) << what;
+        EXPECT_EQ("<none>", textOf(pbes.encrypt(bufOf("message")))) << what;
+        EXPECT_EQ("<none>", textOf(pbes.decrypt(bufOf(frame)))) << what;
+    };
     pbes << PBES::kIterations << 0U;
-    EXPECT_EQ(kInvalid, pbes.error());
+    makesNoKey("a number out of range");
+    pbes << PBES::kSalt << bufOf("other");
+    makesNoKey("a number out of range, and another parameter");
+    pbes << PBES::kIterations << 1000U << PBES::kSalt << bufOf("");
     EXPECT_EQ(key, textOf(pbes.getKey().getRaw()));
+    pbes << PBES::kPassword << aBuf(static_cast<TBuf*>(nullptr));
+    makesNoKey("no buffer");
+    pbes << PBES::kPassword << bufOf("secret");
+    EXPECT_EQ(key, textOf(pbes.getKey().getRaw()));
+    pbes << static_cast<PBES::param>(7) << bufOf("for nobody");
+    makesNoKey("an unknown selector");
+    pbes << PBES::kPassword << bufOf("secret");
+    makesNoKey("an unknown selector, whatever follows");
+}
+
+TEST_F(PbesTest, ValueAfterAnUnknownSelectorIsNotForTheOneBefore) {
+    mmPBES pbes(PBES::kPbkdf2);
+    pbes << PBES::kIterations << static_cast<PBES::param>(0) << 5U;
+    EXPECT_EQ(kInvalid, pbes.error());
 }
 
 TEST_F(PbesTest, MissingParameterMakesNoKey) {

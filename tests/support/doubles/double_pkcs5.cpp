@@ -91,8 +91,9 @@ Status DoubleParameters::supply(pki_alg_t alg) {
 }
 
 Status DoubleParameters::check() const {
-    const bool complete = hasPassword_ && values_.iterations != 0 && values_.length != 0 &&
-                          values_.length <= kLongestKey && values_.firstAlg != PKI_ALG_NONE;
+    const bool complete = !refused_ && hasPassword_ && values_.iterations != 0 &&
+                          values_.length != 0 && values_.length <= kLongestKey &&
+                          values_.firstAlg != PKI_ALG_NONE;
     return complete ? kOk : kInvalid;
 }
 
@@ -102,16 +103,14 @@ DoublePbes::DoublePbes(Watch watch, pbes_type scheme)
       scheme_(scheme) {}
 
 Status DoublePbes::parameter(Status status) {
-    if (status == kOk) {
-        const std::lock_guard locked(mutex_);
-        key_.reset();
-    }
-    return ended(status);
+    const std::lock_guard locked(mutex_);
+    key_.reset();
+    return ended(parameters_.noted(status));
 }
 
 Status DoublePbes::select(param selector) {
     const Status told = watch_->called(*this, "select", selector);
-    return ended(told != kOk ? told : parameters_.select(selector));
+    return ended(parameters_.noted(told != kOk ? told : parameters_.select(selector)));
 }
 
 Status DoublePbes::supply(TBuf* bytes) {
@@ -193,8 +192,8 @@ TBuf* DoublePbes::decrypt(TBuf* cipher) {
 }
 
 Status DoublePbes::error() {
-    (void)watch_->called(*this, "error");
-    return lastError;
+    const Status told = watch_->called(*this, "error");
+    return told != kOk ? told : lastError;
 }
 
 DoubleHashMap::DoubleHashMap(Watch watch)
@@ -230,22 +229,22 @@ DoubleP12Pbkdf::DoubleP12Pbkdf(Watch watch)
 
 Status DoubleP12Pbkdf::select(param selector) {
     const Status told = watch_->called(*this, "select", selector);
-    return ended(told != kOk ? told : parameters_.select(selector));
+    return ended(parameters_.noted(told != kOk ? told : parameters_.select(selector)));
 }
 
 Status DoubleP12Pbkdf::supply(TBuf* bytes) {
     const Status told = watch_->called(*this, "supply", bytes);
-    return ended(told != kOk ? told : parameters_.supply(bytes));
+    return ended(parameters_.noted(told != kOk ? told : parameters_.supply(bytes)));
 }
 
 Status DoubleP12Pbkdf::supply(unsigned int number) {
     const Status told = watch_->called(*this, "supply", tellNumber(number));
-    return ended(told != kOk ? told : parameters_.supply(number));
+    return ended(parameters_.noted(told != kOk ? told : parameters_.supply(number)));
 }
 
 Status DoubleP12Pbkdf::supply(pki_alg_t alg) {
     const Status told = watch_->called(*this, "supply", tellAlg(alg));
-    return ended(told != kOk ? told : parameters_.supply(alg));
+    return ended(parameters_.noted(told != kOk ? told : parameters_.supply(alg)));
 }
 
 TKey* DoubleP12Pbkdf::getKey(target purpose) {

@@ -27,6 +27,13 @@ public:
     Status supply(unsigned int number);
     Status supply(pki_alg_t alg);
 
+    // As the real ones, they make no key once one was refused, also when the test made
+    // the service refuse it.
+    Status noted(Status taken) {
+        refused_ = refused_ || taken != kOk;
+        return taken;
+    }
+
     // Whether they are complete and make sense; kInvalid if not.
     Status check() const;
 
@@ -35,6 +42,7 @@ public:
 private:
     toy::Parameters values_;
     bool hasPassword_ = false;
+    bool refused_ = false;
     PBES::param selector_{};  // 0: none yet
 };
 
