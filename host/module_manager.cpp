@@ -315,6 +315,10 @@ Result ModuleManager::replace(unsigned int id, const char* path) {
         if (old == modules_.end()) {
             return notLoaded(id);  // any more: the new one has unloaded it
         }
+        // Nothing has moved yet: whoever is in the way keeps the old module as it is.
+        if (!within(patience_, [&] { return !old->objects().isBusy(); })) {
+            return inUse(id, "has calls in progress, or an object that nobody holds yet");
+        }
         ServiceTable::Uses seen;
         if (!offerInPlaceOf(*old, *fresh, seen)) {
             return inUse(id, "was acquired by someone who holds no reference on its service");

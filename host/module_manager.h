@@ -71,8 +71,10 @@ public:
     // Waits for the end of every call that is in progress on the old module.
     //   as load(), where the file that is loaded already is kInvalid, and
     //   kEnd           module `id` is not loaded
-    //   kAlreadyOpen   the module does not let itself be replaced, or someone has
-    //                  acquired its service and holds no reference on it
+    //   kAlreadyOpen   the module does not let itself be replaced, or for longer than the
+    //                  patience calls were in progress, an object had no holder yet, or
+    //                  someone had acquired its service and held no reference on it; the
+    //                  module is as it was
     //   kIo, kNoMemory also when the new module could not make all of the objects: it has
     //                  taken over, and who held one that it did not make has lost it
     Result replace(unsigned int id, const char* path);

@@ -646,6 +646,40 @@ TEST_F(ModuleManagerTest, ReplaceWaitsForACallInProgress) {
     EXPECT_EQ(2U, thing.madeBy());
 }
 
+TEST_F(ModuleManagerTest, ReplaceGivesUpWhenACallDoesNotEnd) {
+    ASSERT_OK(load("probe1"));
+    manager_.setPatience(milliseconds(20));
+    aProbe service(k201);
+    const aThing thing(service);
+    LongCall call(thing);
+    const Result refused = manager_.replace(201, moduleFile("probe1_remaking").c_str());
+    EXPECT_EQ(kAlreadyOpen, refused.status);
+    EXPECT_THAT(refused.message, HasSubstr("calls in progress"));
+    call.end();
+
+    EXPECT_EQ(1U, thing.madeBy()) << "nothing has changed";
+    EXPECT_EQ(1U, service.version());
+    EXPECT_EQ(1, manager_.uses(201));
+    EXPECT_FALSE(isMapped("probe1_remaking"));
+    EXPECT_STATUS(kOk, manager_.replace(201, moduleFile("probe1_remaking").c_str()));
+    EXPECT_EQ(2U, thing.madeBy());
+}
+
+TEST_F(ModuleManagerTest, ReplaceGivesUpOnAnObjectThatNobodyTakes) {
+    ASSERT_OK(load("probe1"));
+    manager_.setPatience(milliseconds(20));
+    aProbe service(k201);
+    CMN_GuardedRef* const made = service.create();
+    EXPECT_STATUS(kAlreadyOpen, manager_.replace(201, moduleFile("probe1_remaking").c_str()));
+    EXPECT_EQ(1U, service.version()) << "nothing has changed";
+    EXPECT_FALSE(isMapped("probe1_remaking"));
+
+    const CMN_GRefPtr<TThing> taken(static_cast<TThing*>(made));
+    EXPECT_EQ(1U, taken.get()->madeBy());
+    EXPECT_STATUS(kOk, manager_.replace(201, moduleFile("probe1_remaking").c_str()));
+    EXPECT_EQ(2U, taken.get()->madeBy());
+}
+
 TEST_F(ModuleManagerTest, ReplaceMendsGuardsFirst) {
     ASSERT_OK(load("probe1"));
     aProbe service(k201);
