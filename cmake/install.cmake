@@ -64,19 +64,12 @@ configure_file(cmake/filestore.pc.in ${PROJECT_BINARY_DIR}/filestore.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/filestore.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
-# The completions are the program's own.
-function(add_completion shell file folder)
-    add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/completions/${file}
-        COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/completions
-        COMMAND fstore completion ${shell} > ${PROJECT_BINARY_DIR}/completions/${file}
-        DEPENDS fstore VERBATIM)
-    add_custom_target(completion_${shell} ALL DEPENDS ${PROJECT_BINARY_DIR}/completions/${file})
-    install(FILES ${PROJECT_BINARY_DIR}/completions/${file}
-            DESTINATION ${CMAKE_INSTALL_DATADIR}/${folder} COMPONENT tool)
-endfunction()
-add_completion(bash fstore bash-completion/completions)
-add_completion(zsh _fstore zsh/vendor-completions)
-add_completion(fish fstore.fish fish/vendor_completions.d)
+install(FILES fstore/completion/fstore.bash RENAME fstore
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)
+install(FILES fstore/completion/_fstore
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tool)
+install(FILES fstore/completion/fstore.fish
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tool)
 
 install(FILES README.md docs/disk-format.md docs/crash-safety.md
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/filestore COMPONENT tool)

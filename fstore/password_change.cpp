@@ -112,14 +112,6 @@ void dropOld(Session& session) {
 
 }  // namespace
 
-void addCostOption(CLI::App& app, unsigned int& cost) {
-    app.add_option("--cost", cost,
-                   "Cost of a guess at the password: 14 to 22, each step doubles it")
-        ->type_name("LN")
-        ->check(CLI::Range(Slot::kLeastLn, Slot::kMostLn).description(""))
-        ->capture_default_str();
-}
-
 void changePassword(Session& session, NewSlot fresh, bool keepOld) {
     requireCopyable();
     const DeepReport before = readSound(session, "Checking");

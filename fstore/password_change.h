@@ -19,15 +19,10 @@
 #ifndef FSTORE_PASSWORD_CHANGE_H
 #define FSTORE_PASSWORD_CHANGE_H
 
-#include <CLI/CLI.hpp>
-
 #include "fstore/session.h"
 #include "lib/database/kdf_record.h"
 
 namespace fstore {
-
-// The option --cost of the commands that make a slot.
-void addCostOption(CLI::App& app, unsigned int& cost);
 
 // Steps 1 to 7. The session is open for changes; afterwards it is open with the new
 // password. Throws kFound when step 1 finds damage.

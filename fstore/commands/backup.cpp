@@ -7,6 +7,7 @@
 
 #include "format/layout.h"
 #include "fstore/commands/commands.h"
+#include "fstore/commands/common_options.h"
 #include "fstore/terminal/json.h"
 #include "lib/base/files.h"
 #include "lib/base/text.h"
@@ -164,18 +165,20 @@ Status runRestore(const RestoreOptions& options, Context& context) {
 
 void addBackup(Cli& cli) {
     const auto options = std::make_shared<BackupOptions>();
-    CLI::App& app = cli.add("backup", "Write the database into one file, without a password",
-                            [options](Context& context) { return runBackup(*options, context); });
-    app.add_option("FILE", options->file, "A tar archive, readable by its owner only")->required();
-    app.add_flag("-f,--force", options->force, "Replace a file that exists");
+    Command& command =
+        cli.add("backup", "Write the database into one file, without a password",
+                [options](Context& context) { return runBackup(*options, context); });
+    command.argument("FILE", &options->file, "A tar archive, readable by its owner only");
+    addForce(command, &options->force);
 }
 
 void addRestore(Cli& cli) {
     const auto options = std::make_shared<RestoreOptions>();
-    CLI::App& app = cli.add("restore", "Make a database from a backup",
-                            [options](Context& context) { return runRestore(*options, context); });
-    app.add_option("FILE", options->file, "What `fstore backup` has written")->required();
-    app.add_flag("--replace", options->replace,
+    Command& command =
+        cli.add("restore", "Make a database from a backup",
+                [options](Context& context) { return runRestore(*options, context); });
+    command.argument("FILE", &options->file, "What `fstore backup` has written");
+    command.flag("--replace", &options->replace,
                  "Also where there is a database, which is kept under another name");
 }
 

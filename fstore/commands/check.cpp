@@ -166,10 +166,10 @@ Status run(const Options& options, Context& context) {
 
 void addCheck(Cli& cli) {
     const auto options = std::make_shared<Options>();
-    CLI::App& app = cli.add("check", "Look for damage and for what a crash left over",
-                            [options](Context& context) { return run(*options, context); });
-    app.add_flag("--deep", options->deep, "Decrypt and examine every record too");
-    app.add_flag("--repair", options->repair,
+    Command& command = cli.add("check", "Look for damage and for what a crash left over",
+                               [options](Context& context) { return run(*options, context); });
+    command.flag("--deep", &options->deep, "Decrypt and examine every record too");
+    command.flag("--repair", &options->repair,
                  "Clean up what a crash left over; damaged records are never touched");
 }
 

@@ -1,14 +1,22 @@
+// The only file that sees the parser's library, which takes seconds to compile.
 #include "fstore/commands/cli.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cstring>
-#include <map>
 #include <new>
+#include <sstream>
 #include <utility>
 
+#include <CLI/CLI.hpp>
 #include <fmt/format.h>
+
+#include "fstore/commands/common_options.h"
 
 namespace fstore {
 namespace {
+
+constexpr double kMostLockSeconds = 1e9;
 
 // A command line that cannot be read may ask for JSON all the same.
 bool asksForJson(int argc, const char* const* argv) {
@@ -40,61 +48,148 @@ int guarded(Output& output, Body body) {
     }
 }
 
+// "-o,--output", as the parser takes the names of an option.
+std::string namesOf(const Option& option) {
+    if (option.isArgument()) {
+        return option.type;
+    }
+    return option.shortName.empty() ? option.longName : option.shortName + "," + option.longName;
+}
+
+// Refuses what is not a number within the bounds.
+CLI::Validator within(double least, double most) {
+    const auto refuse = [least, most](const std::string& text) {
+        double value = 0;
+        const char* const end = text.data() + text.size();
+        const auto [rest, error] = std::from_chars(text.data(), end, value);
+        const bool good = error == std::errc() && rest == end && value >= least && value <= most;
+        return good ? std::string()
+                    : fmt::format("Value {} not in range {} to {}", text, least, most);
+    };
+    return CLI::Validator(refuse, "");
+}
+
+// Declares one option to the parser, by what it sets.
+class Declaration {
+public:
+    Declaration(CLI::App& app, const Option& option)
+        : app_(app), option_(option), names_(namesOf(option)) {}
+
+    CLI::Option* operator()(Option::Help) const {
+        return app_.set_help_flag(names_, option_.description);
+    }
+    CLI::Option* operator()(Option::Version) const {
+        return app_.set_version_flag(names_, "fstore " FSTORE_VERSION);
+    }
+    CLI::Option* operator()(bool* target) const {
+        return app_.add_flag(names_, *target, option_.description);
+    }
+    template <class T>
+    CLI::Option* operator()(T* target) const {
+        return app_.add_option(names_, *target, option_.description);
+    }
+    CLI::Option* operator()(const Number& number) const {
+        CLI::Option* const added = std::visit(*this, number.target);
+        return added->check(within(number.least, number.most));
+    }
+    CLI::Option* operator()(const Choice& choice) const {
+        return app_
+            .add_option_function<std::string>(
+                names_, [&choice](const std::string& name) { choice.take(name); },
+                option_.description)
+            ->check(CLI::IsMember(choice.names).description(""));
+    }
+
+private:
+    CLI::App& app_;
+    const Option& option_;
+    std::string names_;
+};
+
+void declare(CLI::App& app, const Option& option) {
+    CLI::Option& added = *std::visit(Declaration(app, option), option.target);
+    added.required(option.required);
+    if (!option.isArgument() && !option.isFlag()) {
+        added.type_name(option.type)->allow_extra_args(false);
+    }
+    if (option.showsDefault) {
+        added.capture_default_str();
+    }
+    if (!option.group.empty()) {
+        added.group(option.group);
+    }
+    if (!option.excludes.empty()) {
+        added.excludes(app.get_option(option.excludes));
+    }
+    if (!option.variable.empty()) {
+        added.envname(option.variable);
+    }
+}
+
+// The parser of all that `cli` declares.
+void declare(CLI::App& app, const Cli& cli) {
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.footer("\"fstore COMMAND --help\" tells about one command.");
+    for (const Option& option : cli.program().options()) {
+        declare(app, option);
+    }
+    for (const Command& command : cli.commands()) {
+        CLI::App& added = *app.add_subcommand(command.name(), command.description());
+        added.fallthrough();
+        if (command.isHidden()) {
+            added.group("");
+        }
+        for (const Option& option : command.options()) {
+            declare(added, option);
+        }
+    }
+}
+
 }  // namespace
 
-Cli::Cli() {
-    app_.require_subcommand(1);
-    app_.fallthrough();
-    app_.set_version_flag("--version", "fstore " FSTORE_VERSION);
-    app_.set_help_flag("-h,--help", "Print help and exit");
-    app_.footer("\"fstore COMMAND --help\" tells about one command.");
+Cli::Cli()
+    : program_("fstore", "An encrypted, crash-safe store of keys, certificates and settings.", {}) {
     addGlobals();
 }
 
 void Cli::addGlobals() {
-    const std::map<std::string, Colour> colours{
-        {"auto", Colour::kAuto}, {"always", Colour::kAlways}, {"never", Colour::kNever}};
-    app_.add_option("-D,--dir", globals_.folder, "The folder that holds \"db\"")
-        ->envname("FSTORE_DIR")
-        ->type_name("DIR")
-        ->capture_default_str();
-    app_.add_option("--password-file", globals_.password.file,
-                    "Read the password from a file; \"-\" is the standard input")
-        ->type_name("FILE");
-    app_.add_option("--password-fd", globals_.password.fd,
-                    "Read the password from an open descriptor")
-        ->type_name("N")
-        ->check(CLI::NonNegativeNumber);
-    app_.add_flag("--json", globals_.output.json, "Print one JSON document");
-    app_.add_flag("-q,--quiet", globals_.output.quiet, "Tell of failures only");
-    app_.add_flag("-v,--verbose", globals_.output.verbose, "Tell what is being done");
-    app_.add_option("--color", globals_.output.colour, "auto, always or never")
-        ->transform(CLI::CheckedTransformer(colours).description(""))
-        ->type_name("WHEN");
-    app_.add_flag("--no-input", globals_.noInput, "Never ask on the terminal");
-    app_.add_option("--lock-timeout", globals_.lockSeconds,
-                    "Wait so many seconds for another process")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(0.0, 1e9).description(""))
-        ->capture_default_str();
+    program_.version();
+    Option& folder =
+        program_.option("-D,--dir", "DIR", &globals_.folder, "The folder that holds \"db\"");
+    folder.variable = "FSTORE_DIR";
+    folder.showsDefault = true;
+    addPassword(program_, "--password", "the password", globals_.password);
+    program_.flag("--json", &globals_.output.json, "Print one JSON document");
+    program_.flag("-q,--quiet", &globals_.output.quiet, "Tell of failures only");
+    program_.flag("-v,--verbose", &globals_.output.verbose, "Tell what is being done");
+    program_.option(
+        "--color", "WHEN",
+        Choice(&globals_.output.colour,
+               {{"auto", Colour::kAuto}, {"always", Colour::kAlways}, {"never", Colour::kNever}}),
+        "auto, always or never");
+    program_.flag("--no-input", &globals_.noInput, "Never ask on the terminal");
+    program_
+        .option("--lock-timeout", "SECONDS", Number{&globals_.lockSeconds, 0, kMostLockSeconds},
+                "Wait so many seconds for another process")
+        .showsDefault = true;
 }
 
-CLI::App& Cli::add(const char* name, const char* description, Run run) {
-    CLI::App* const command = app_.add_subcommand(name, description);
-    command->fallthrough();
-    command->final_callback([this, run = std::move(run)] { chosen_ = run; });
-    return *command;
+Command& Cli::add(std::string name, std::string description, Run run) {
+    return commands_.emplace_back(std::move(name), std::move(description), std::move(run));
 }
 
 int Cli::main(int argc, const char* const* argv) {
+    CLI::App app(program_.description(), program_.name());
+    declare(app, *this);
     try {
-        app_.parse(argc, argv);
+        app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         Output output({.json = asksForJson(argc, argv)});
         if (error.get_exit_code() == 0) {  // --help or --version
             return guarded(output, [&] {
                 std::ostringstream text;
-                (void)app_.exit(error, text, text);
+                (void)app.exit(error, text, text);
                 output.raw(text.str());
                 output.flush();
                 return static_cast<int>(kOk);
@@ -103,17 +198,18 @@ int Cli::main(int argc, const char* const* argv) {
         output.fail(Failure(kUsage, fmt::format("{}; `fstore --help` tells more", error.what())));
         return static_cast<int>(kUsage);
     }
-    return runChosen();
+    const std::string name = app.get_subcommands().front()->get_name();
+    return run(*std::ranges::find(commands_, name, &Command::name));
 }
 
-int Cli::runChosen() {
+int Cli::run(const Command& command) {
     Output output(globals_.output);
     return guarded(output, [&] {
         Session session(globals_, output);
         Context context{globals_, output, session};
         int code = static_cast<int>(kOk);
         try {
-            code = exitCodeOf(chosen_(context));
+            code = exitCodeOf(command.run()(context));
         } catch (const std::exception&) {
             if (!output.json()) {
                 output.flush();  // what was found before the failure

@@ -4,23 +4,21 @@
 //
 //     void addShow(Cli& cli) {
 //         const auto options = std::make_shared<Options>();
-//         CLI::App& app = cli.add("show", "print a record", [options](Context& context) {
-//             return run(*options, context);
-//         });
-//         app.add_option("ADDRESS", options->address)->required();
+//         Command& command = cli.add("show", "Print what is known about a record",
+//                                    [options](Context& context) { return run(*options, context);
+//                                    });
+//         addAddress(command, &options->address);
 //     }
 #ifndef FSTORE_COMMANDS_CLI_H
 #define FSTORE_COMMANDS_CLI_H
 
-#include <functional>
+#include <deque>
 #include <string>
 
-#include <CLI/CLI.hpp>
-
+#include "fstore/commands/command.h"
 #include "fstore/commands/globals.h"
 #include "fstore/session.h"
 #include "fstore/terminal/output.h"
-#include "lib/base/error.h"
 
 namespace fstore {
 
@@ -31,9 +29,6 @@ struct Context {
     Session& session;
 };
 
-// Does the work and returns kOk, kFound or kPartial; everything else is thrown.
-using Run = std::function<Status(Context&)>;
-
 class Cli {
 public:
     Cli();
@@ -42,21 +37,22 @@ public:
     ~Cli() = default;
 
     // A new command, to which the caller adds options and arguments.
-    CLI::App& add(const char* name, const char* description, Run run);
+    Command& add(std::string name, std::string description, Run run);
 
     // Runs the command that the arguments name, and tells its failure; the exit code.
     int main(int argc, const char* const* argv);
 
-    // For completion: the program's parser with all commands.
-    const CLI::App& parser() const noexcept { return app_; }
+    // The program's own options, and its commands.
+    const Command& program() const noexcept { return program_; }
+    const std::deque<Command>& commands() const noexcept { return commands_; }
 
 private:
     void addGlobals();
-    int runChosen();
+    int run(const Command& command);
 
-    CLI::App app_{"An encrypted, crash-safe store of keys, certificates and settings.", "fstore"};
     Globals globals_;
-    Run chosen_;
+    Command program_;
+    std::deque<Command> commands_;
 };
 
 }  // namespace fstore

@@ -1,20 +1,21 @@
 // fstore completion: the shells' scripts, and the answers that these ask for.
+#include <limits>
 #include <memory>
 
 #include "fstore/commands/commands.h"
 #include "fstore/commands/completion_script.h"
+#include "fstore/commands/shell_scripts.h"
 #include "fstore/terminal/json.h"
 
 namespace fstore {
 namespace {
 
 struct Question {
-    std::size_t index = 0;
+    unsigned int index = 0;
     std::vector<std::string> words;
 };
 
-Status runScript(const std::string& shell, Context& context) {
-    const char* const script = completionScript(shell);
+Status runScript(const char* script, Context& context) {
     if (context.output.json()) {
         context.output.document({{"script", script}});
     } else {
@@ -26,7 +27,7 @@ Status runScript(const std::string& shell, Context& context) {
 // A line that says which files fit as well, then one a word: the word, a tab and what
 // it is. Control characters cannot be offered, for they end a line or a word.
 Status runQuestion(const Question& question, const Cli& cli, Context& context) {
-    const Completion completion = complete(cli.parser(), question.words, question.index);
+    const Completion completion = complete(cli, question.words, question.index);
     constexpr const char* kFiles[] = {":words", ":files", ":folders"};
     std::string text = kFiles[static_cast<int>(completion.files)];
     text += '\n';
@@ -43,20 +44,23 @@ Status runQuestion(const Question& question, const Cli& cli, Context& context) {
 }  // namespace
 
 void addCompletion(Cli& cli) {
-    const auto shell = std::make_shared<std::string>();
-    CLI::App& script = cli.add("completion", "Print a shell's completion script",
-                               [shell](Context& context) { return runScript(*shell, context); });
-    script.add_option("SHELL", *shell, "bash, zsh or fish")
-        ->required()
-        ->check(CLI::IsMember({"bash", "zsh", "fish"}).description(""));
+    const auto script = std::make_shared<const char*>();
+    Command& print = cli.add("completion", "Print a shell's completion script",
+                             [script](Context& context) { return runScript(*script, context); });
+    print.argument(
+        "SHELL",
+        Choice(script.get(), {{"bash", kBashScript}, {"zsh", kZshScript}, {"fish", kFishScript}}),
+        "bash, zsh or fish");
 
     const auto question = std::make_shared<Question>();
-    CLI::App& answer = cli.add(
+    Command& answer = cli.add(
         "complete", "Answer a completion script",
         [question, &cli](Context& context) { return runQuestion(*question, cli, context); });
-    answer.group("");  // not for people
-    answer.add_option("INDEX", question->index, "Of the word under the cursor")->required();
-    answer.add_option("WORD", question->words, "The words of the command line, behind \"--\"");
+    answer.hide();  // not for people
+    answer.argument("INDEX", Number{&question->index, 0, std::numeric_limits<unsigned int>::max()},
+                    "Of the word under the cursor");
+    answer.argument("WORD", &question->words, "The words of the command line, behind \"--\"")
+        .required = false;
 }
 
 }  // namespace fstore

@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <functional>
-#include <map>
 #include <optional>
 #include <string_view>
-
-#include <CLI/CLI.hpp>
+#include <utility>
+#include <variant>
 
 #include "format/record_name.h"
 #include "lib/base/error.h"
@@ -20,45 +18,29 @@
 namespace fstore {
 namespace {
 
-// The values of options and arguments that have few.
-const std::vector<std::string>& choicesOf(const std::string& name) {
-    static const std::map<std::string, std::vector<std::string>> kChoices{
-        {"--color", {"auto", "always", "never"}},
-        {"--format", {"pem", "der", "p12"}},
-        {"--sort", {"name", "expiry", "subject"}},
-        {"SHELL", {"bash", "zsh", "fish"}},
-        {"", {}}};
-    const auto found = kChoices.find(name);
-    return found != kChoices.end() ? found->second : kChoices.at("");
-}
-
 // What the words before the one under the cursor say.
 struct Line {
-    const CLI::App* command = nullptr;
-    std::size_t arguments = 0;             // of the command
-    const CLI::Option* pending = nullptr;  // whose value comes next
-    bool onlyArguments = false;            // behind "--"
-    std::optional<std::string> folder;     // of --dir
+    const Command* command = nullptr;
+    std::size_t arguments = 0;          // of the command
+    const Option* pending = nullptr;    // whose value comes next
+    bool onlyArguments = false;         // behind "--"
+    std::optional<std::string> folder;  // of --dir
 };
 
-bool takesValue(const CLI::Option& option) {
-    return option.get_items_expected_max() > 0;
+const Option* optionOf(const Command& command, const std::string& name) {
+    const auto called = [&](const Option& option) { return option.isCalled(name); };
+    const auto found = std::ranges::find_if(command.options(), called);
+    return found != command.options().end() ? &*found : nullptr;
 }
 
-std::string longNameOf(const CLI::Option& option) {
-    return option.get_lnames().empty() ? std::string() : "--" + option.get_lnames().front();
-}
-
-const CLI::Option* optionOf(const CLI::App& parser, const CLI::App* command,
-                            const std::string& name) {
-    const CLI::Option* const own =
-        command != nullptr ? command->get_option_no_throw(name) : nullptr;
-    return own != nullptr ? own : parser.get_option_no_throw(name);
+const Option* optionOf(const Cli& cli, const Command* command, const std::string& name) {
+    const Option* const own = command != nullptr ? optionOf(*command, name) : nullptr;
+    return own != nullptr ? own : optionOf(cli.program(), name);
 }
 
 class LineReader {
 public:
-    explicit LineReader(const CLI::App& parser) : parser_(parser) {}
+    explicit LineReader(const Cli& cli) : cli_(cli) {}
 
     void read(const std::string& word) {
         if (line_.pending != nullptr) {
@@ -80,29 +62,28 @@ public:
 
 private:
     void endPending(const std::string& value) {
-        if (longNameOf(*line_.pending) == "--dir") {
+        if (line_.pending->longName == "--dir") {
             line_.folder = value;
         }
         line_.pending = nullptr;
     }
 
-    void expectValue(const CLI::Option* option) {
-        line_.pending = option != nullptr && takesValue(*option) ? option : nullptr;
+    void expectValue(const Option* option) {
+        line_.pending = option != nullptr && !option->isFlag() ? option : nullptr;
     }
 
     void readPlain(const std::string& word) {
         if (line_.command != nullptr) {
             ++line_.arguments;
         } else {
-            const auto named = parser_.get_subcommands(
-                [&](const CLI::App* command) { return command->get_name() == word; });
-            line_.command = named.empty() ? nullptr : named.front();
+            const auto named = std::ranges::find(cli_.commands(), word, &Command::name);
+            line_.command = named != cli_.commands().end() ? &*named : nullptr;
         }
     }
 
     void readLong(const std::string& word) {
         const std::size_t equals = word.find('=');
-        expectValue(optionOf(parser_, line_.command, word.substr(0, equals)));
+        expectValue(optionOf(cli_, line_.command, word.substr(0, equals)));
         if (line_.pending != nullptr && equals != std::string::npos) {
             endPending(word.substr(equals + 1));
         }
@@ -111,7 +92,7 @@ private:
     // "-qD" and "-Dfolder"
     void readShort(const std::string& word) {
         for (std::size_t i = 1; i < word.size() && line_.pending == nullptr; ++i) {
-            expectValue(optionOf(parser_, line_.command, std::string{'-', word[i]}));
+            expectValue(optionOf(cli_, line_.command, std::string{'-', word[i]}));
             if (line_.pending != nullptr && i + 1 < word.size()) {
                 endPending(word.substr(i + 1));
                 return;
@@ -119,7 +100,7 @@ private:
         }
     }
 
-    const CLI::App& parser_;
+    const Cli& cli_;
     Line line_;
 };
 
@@ -150,21 +131,20 @@ private:
     Completion completion_;
 };
 
-void addOptions(const CLI::App& app, Collector& to) {
-    for (const CLI::Option* const option : app.get_options()) {
-        for (const std::string& name : option->get_lnames()) {
-            to.add("--" + name, option->get_description());
-        }
-        for (const std::string& name : option->get_snames()) {
-            to.add("-" + name, option->get_description());
+void addOptions(const Command& command, Collector& to) {
+    for (const Option& option : command.options()) {
+        for (const std::string& name : {option.longName, option.shortName}) {
+            if (!name.empty()) {
+                to.add(name, option.description);
+            }
         }
     }
 }
 
-void addCommands(const CLI::App& parser, Collector& to) {
-    for (const CLI::App* const command : parser.get_subcommands(nullptr)) {
-        if (!command->get_group().empty()) {  // hidden ones have none
-            to.add(command->get_name(), command->get_description());
+void addCommands(const Cli& cli, Collector& to) {
+    for (const Command& command : cli.commands()) {
+        if (!command.isHidden()) {
+            to.add(command.name(), command.description());
         }
     }
 }
@@ -231,56 +211,48 @@ void addFromDatabase(const Line& line, Collector& to, void (*add)(Collector&)) {
     }
 }
 
-// By what the option or argument is called.
-void addValues(const std::string& name, const std::string& typeName, const Line& line,
-               Collector& to) {
-    to.add(choicesOf(name));
-    if (typeName == "ADDRESS") {
+// By the type of the value.
+void addValues(const Option& option, const Line& line, Collector& to) {
+    if (const auto* const choice = std::get_if<Choice>(&option.target)) {
+        to.add(choice->names);
+    } else if (option.type == "ADDRESS") {
         addFromDatabase(line, to, addRecords);
-    } else if (typeName == "FOLDER") {
+    } else if (option.type == "FOLDER") {
         addFromDatabase(line, to, addFolders);
-    } else if (typeName == "FILE") {
+    } else if (option.type == "FILE") {
         to.addFiles(Completion::Files::kAny);
-    } else if (typeName == "DIR") {
+    } else if (option.type == "DIR") {
         to.addFiles(Completion::Files::kFolders);
     }
 }
 
-void addOptionValues(const CLI::Option& option, const Line& line, Collector& to) {
-    std::string type = option.get_type_name();
-    type = type.substr(0, type.find(':'));  // a check's name may follow
-    addValues(longNameOf(option), type, line, to);
-}
-
 void addArguments(const Line& line, Collector& to) {
-    const auto arguments = line.command->get_options(
-        [](const CLI::Option* option) { return option->get_positional(); });
-    if (arguments.empty()) {
-        return;
+    std::vector<const Option*> arguments;
+    for (const Option& option : line.command->options()) {
+        if (option.isArgument()) {
+            arguments.push_back(&option);
+        }
     }
-    const bool isLast = line.arguments >= arguments.size();
-    const CLI::Option& argument = *(isLast ? arguments.back() : arguments[line.arguments]);
-    if (isLast && argument.get_expected_max() <= 1) {
-        return;
+    if (line.arguments < arguments.size()) {
+        addValues(*arguments[line.arguments], line, to);
+    } else if (!arguments.empty() && arguments.back()->takesMany()) {
+        addValues(*arguments.back(), line, to);
     }
-    const std::string& name = argument.get_name(/*positional=*/true);
-    addValues(name, name, line, to);
 }
 
 // "--format=p" in one word, as other shells than bash have it.
-const CLI::Option* joinedOption(const CLI::App& parser, const Line& line, const std::string& word) {
+const Option* joinedOption(const Cli& cli, const Line& line, const std::string& word) {
     const std::size_t equals = word.find('=');
     if (line.onlyArguments || !word.starts_with("--") || equals == std::string::npos) {
         return nullptr;
     }
-    return optionOf(parser, line.command, word.substr(0, equals));
+    return optionOf(cli, line.command, word.substr(0, equals));
 }
 
 }  // namespace
 
-Completion complete(const CLI::App& parser, const std::vector<std::string>& words,
-                    std::size_t index) {
-    LineReader reader(parser);
+Completion complete(const Cli& cli, const std::vector<std::string>& words, std::size_t index) {
+    LineReader reader(cli);
     for (std::size_t i = 1; i < std::min(index, words.size()); ++i) {
         reader.read(words[i]);
     }
@@ -288,13 +260,13 @@ Completion complete(const CLI::App& parser, const std::vector<std::string>& word
     const std::string typed = index < words.size() ? words[index] : std::string();
     if (line.pending != nullptr) {
         Collector to(typed == "=" ? std::string() : typed, {});
-        addOptionValues(*line.pending, line, to);
+        addValues(*line.pending, line, to);
         return to.take();
     }
-    if (const CLI::Option* const option = joinedOption(parser, line, typed)) {
+    if (const Option* const option = joinedOption(cli, line, typed)) {
         const std::size_t value = typed.find('=') + 1;
         Collector to(typed.substr(value), typed.substr(0, value));
-        addOptionValues(*option, line, to);
+        addValues(*option, line, to);
         return to.take();
     }
     Collector to(typed, {});
@@ -302,81 +274,13 @@ Completion complete(const CLI::App& parser, const std::vector<std::string>& word
         if (line.command != nullptr) {
             addOptions(*line.command, to);
         }
-        addOptions(parser, to);
+        addOptions(cli.program(), to);
     } else if (line.command == nullptr) {
-        addCommands(parser, to);
+        addCommands(cli, to);
     } else {
         addArguments(line, to);
     }
     return to.take();
-}
-
-const char* completionScript(const std::string& shell) {
-    if (shell == "bash") {
-        return R"(# Completion of fstore for bash: put it where bash-completion looks, or source it.
-_fstore() {
-    local -a answer
-    local word current=${COMP_WORDS[COMP_CWORD]}
-    COMPREPLY=()
-    mapfile -t answer < <("${COMP_WORDS[0]}" complete "$COMP_CWORD" -- "${COMP_WORDS[@]}" 2>/dev/null)
-    [[ $current == "=" ]] && current=
-    case ${answer[0]} in
-        :files) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
-        :folders) mapfile -t COMPREPLY < <(compgen -d -- "$current") ;;
-    esac
-    if ((${#COMPREPLY[@]})); then
-        compopt -o filenames 2>/dev/null
-    fi
-    for word in "${answer[@]:1}"; do
-        printf -v word %q "${word%%$'\t'*}"
-        COMPREPLY+=("$word")
-    done
-}
-complete -F _fstore fstore
-)";
-    }
-    if (shell == "zsh") {
-        return R"(#compdef fstore
-# Completion of fstore for zsh: put it as _fstore into a folder of $fpath, or source it.
-_fstore() {
-    local -a answer plain shown
-    local line
-    answer=("${(@f)$("${(Q)words[1]}" complete $((CURRENT - 1)) -- "${(@Q)words}" 2>/dev/null)}")
-    case $answer[1] in
-        (:files) _files; return ;;
-        (:folders) _files -/; return ;;
-    esac
-    for line in "${(@)answer[2,-1]}"; do
-        plain+=("${line%%$'\t'*}")
-        shown+=("${line/$'\t'/  -- }")
-    done
-    compadd -l -d shown -a plain
-}
-if [[ $funcstack[1] == _fstore ]]; then
-    _fstore "$@"
-else
-    compdef _fstore fstore
-fi
-)";
-    }
-    return R"(# Completion of fstore for fish: put it into ~/.config/fish/completions, or source it.
-function __fstore_complete
-    set -l words (commandline -opc)
-    set -l current (commandline -ct)
-    set -l answer ($words[1] complete (count $words) -- $words "$current" 2>/dev/null)
-    switch "$answer[1]"
-        case :files
-            __fish_complete_path "$current"
-        case :folders
-            __fish_complete_directories "$current"
-        case '*'
-            if test (count $answer) -gt 1
-                printf '%s\n' $answer[2..-1]
-            end
-    end
-end
-complete -c fstore -f -a '(__fstore_complete)'
-)";
 }
 
 }  // namespace fstore

@@ -9,9 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace CLI {
-class App;
-}
+#include "fstore/commands/cli.h"
 
 namespace fstore {
 
@@ -30,11 +28,7 @@ struct Completion {
 // word is the program; those behind the index do not count. Records are those of the
 // folder that the words name; nothing is locked or changed, and what cannot be read is
 // not offered.
-Completion complete(const CLI::App& parser, const std::vector<std::string>& words,
-                    std::size_t index);
-
-// The shell's script: "bash", "zsh" or "fish".
-const char* completionScript(const std::string& shell);
+Completion complete(const Cli& cli, const std::vector<std::string>& words, std::size_t index);
 
 }  // namespace fstore
 

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include "fstore/commands/commands.h"
+#include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
 #include "lib/base/files.h"
 #include "lib/records/descriptor.h"
@@ -61,11 +62,10 @@ Status run(const Options& options, Context& context) {
 
 void addDump(Cli& cli) {
     const auto options = std::make_shared<Options>();
-    CLI::App& app = cli.add("dump", "Print a record's descriptor as it is on disk",
-                            [options](Context& context) { return run(*options, context); });
-    app.add_option("ADDRESS", options->address, "FOLDER/NAME, a unique NAME, or sha256:PREFIX")
-        ->required();
-    app.add_flag("--raw", options->raw, "The lines alone, without what they mean");
+    Command& command = cli.add("dump", "Print a record's descriptor as it is on disk",
+                               [options](Context& context) { return run(*options, context); });
+    addAddress(command, &options->address);
+    command.flag("--raw", &options->raw, "The lines alone, without what they mean");
 }
 
 }  // namespace fstore

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "fstore/commands/commands.h"
+#include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
 #include "fstore/deep_read.h"
 #include "fstore/terminal/json.h"
@@ -288,29 +289,19 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addExport(Cli& cli) {
-    const std::map<std::string, Format> formats{
-        {"pem", Format::kPem}, {"der", Format::kDer}, {"p12", Format::kPkcs12}};
     const auto options = std::make_shared<Options>();
-    CLI::App& app = cli.add("export", "Write an object for other programs",
-                            [options](Context& context) { return run(*options, context); });
-    app.add_option("ADDRESS", options->address, "FOLDER/NAME, a unique NAME, or sha256:PREFIX")
-        ->required();
-    app.add_option("-o,--output", options->file, "The file, readable by its owner only")
-        ->type_name("FILE");
-    app.add_option("--format", options->format, "pem, der or p12 (PKCS#12)")
-        ->transform(CLI::CheckedTransformer(formats).description(""))
-        ->type_name("FORMAT");
-    app.add_flag("--chain", options->chain, "Add the certificate's issuers, up to the root");
-    app.add_flag("--plain", options->plain, "Do not encrypt a key or PKCS#12");
-    app.add_flag("-f,--force", options->force, "Replace a file that exists");
-    app.add_option("--out-password-file", options->password.file,
-                   "Read the password for the exported file from a file; \"-\" is the standard "
-                   "input")
-        ->type_name("FILE");
-    app.add_option("--out-password-fd", options->password.fd,
-                   "Read the password for the exported file from an open descriptor")
-        ->type_name("N")
-        ->check(CLI::NonNegativeNumber.description(""));
+    Command& command = cli.add("export", "Write an object for other programs",
+                               [options](Context& context) { return run(*options, context); });
+    addAddress(command, &options->address);
+    addOutput(command, &options->file);
+    command.option("--format", "FORMAT",
+                   Choice(&options->format,
+                          {{"pem", Format::kPem}, {"der", Format::kDer}, {"p12", Format::kPkcs12}}),
+                   "pem, der or p12 (PKCS#12)");
+    command.flag("--chain", &options->chain, "Add the certificate's issuers, up to the root");
+    command.flag("--plain", &options->plain, "Do not encrypt a key or PKCS#12");
+    addForce(command, &options->force);
+    addPassword(command, "--out-password", "the password for the exported file", options->password);
 }
 
 }  // namespace fstore

@@ -8,6 +8,7 @@
 #include "format/layout.h"
 #include "format/record_name.h"
 #include "fstore/commands/commands.h"
+#include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
 #include "fstore/pki_import.h"
 #include "fstore/terminal/json.h"
@@ -211,26 +212,18 @@ Status run(const Options& options, Context& context) {
 
 void addImport(Cli& cli) {
     const auto options = std::make_shared<Options>();
-    CLI::App& app = cli.add("import", "Keep certificates, keys, CRLs and requests",
-                            [options](Context& context) { return run(*options, context); });
-    app.add_option("FILE", options->files,
-                   "PEM with any number of them, DER or PKCS#12, up to 64 MiB; \"-\" is the "
-                   "standard input")
-        ->required();
-    app.add_option("--to", options->folder, "The folder for all of them")->type_name("FOLDER");
-    app.add_option("--name", options->rules.name,
-                   "The record's name: for one object, or for one key and what belongs to it")
-        ->type_name("NAME");
-    app.add_option("--label", options->rules.label, "A text to find them by")->type_name("TEXT");
-    app.add_flag("--replace", options->rules.replace, "Write anew what is there");
-    app.add_flag("--encrypt", options->rules.encrypt, "Keep all secret, as keys always are");
-    app.add_option("--in-password-file", options->password.file,
-                   "Read the password of encrypted input from a file; \"-\" is the standard input")
-        ->type_name("FILE");
-    app.add_option("--in-password-fd", options->password.fd,
-                   "Read the password of encrypted input from an open descriptor")
-        ->type_name("N")
-        ->check(CLI::NonNegativeNumber.description(""));
+    Command& command = cli.add("import", "Keep certificates, keys, CRLs and requests",
+                               [options](Context& context) { return run(*options, context); });
+    command.argument("FILE", &options->files,
+                     "PEM with any number of them, DER or PKCS#12, up to 64 MiB; \"-\" is the "
+                     "standard input");
+    command.option("--to", "FOLDER", &options->folder, "The folder for all of them");
+    command.option("--name", "NAME", &options->rules.name,
+                   "The record's name: for one object, or for one key and what belongs to it");
+    command.option("--label", "TEXT", &options->rules.label, "A text to find them by");
+    command.flag("--replace", &options->rules.replace, "Write anew what is there");
+    command.flag("--encrypt", &options->rules.encrypt, "Keep all secret, as keys always are");
+    addPassword(command, "--in-password", "the password of encrypted input", options->password);
 }
 
 }  // namespace fstore

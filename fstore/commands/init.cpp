@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include "fstore/commands/commands.h"
+#include "fstore/commands/common_options.h"
 #include "fstore/password_change.h"
 #include "fstore/terminal/json.h"
 #include "lib/records/record.h"
@@ -66,9 +67,9 @@ Status run(const Options& options, Context& context) {
 
 void addInit(Cli& cli) {
     const auto options = std::make_shared<Options>();
-    CLI::App& app = cli.add("init", "Make a database and give it a password",
-                            [options](Context& context) { return run(*options, context); });
-    addCostOption(app, options->cost);
+    Command& command = cli.add("init", "Make a database and give it a password",
+                               [options](Context& context) { return run(*options, context); });
+    addCost(command, &options->cost);
 }
 
 }  // namespace fstore

@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include "fstore/commands/commands.h"
+#include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
 #include "lib/base/text.h"
 #include "lib/records/filter.h"
@@ -238,18 +239,19 @@ Status run(const Options& options, Context& context) {
 
 void addLs(Cli& cli) {
     const auto options = std::make_shared<Options>();
-    CLI::App& app = cli.add("ls", "List records and when they expire",
-                            [options](Context& context) { return run(*options, context); });
-    const std::map<std::string, Order> orders{
-        {"name", Order::kName}, {"expiry", Order::kExpiry}, {"subject", Order::kSubject}};
-    app.add_option("FOLDER", options->folder, "Only this folder and those below it");
-    app.add_option("--sort", options->order, "By name, expiry or subject")
-        ->transform(CLI::CheckedTransformer(orders).description(""))
-        ->type_name("ORDER");
-    app.add_flag("--fail", options->failOnMatch, "Exit with 3 when a record is listed, for cron");
-    app.add_flag("-u,--unlock", options->unlock,
+    Command& command = cli.add("ls", "List records and when they expire",
+                               [options](Context& context) { return run(*options, context); });
+    command.argument("FOLDER", &options->folder, "Only this folder and those below it").required =
+        false;
+    command.option(
+        "--sort", "ORDER",
+        Choice(&options->order,
+               {{"name", Order::kName}, {"expiry", Order::kExpiry}, {"subject", Order::kSubject}}),
+        "By name, expiry or subject");
+    command.flag("--fail", &options->failOnMatch, "Exit with 3 when a record is listed, for cron");
+    command.flag("-u,--unlock", &options->unlock,
                  "Ask for the password, and look at what is kept encrypted too");
-    addFilterOptions(app, options->filters);
+    addFilters(command, options->filters);
 }
 
 }  // namespace fstore

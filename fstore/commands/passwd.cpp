@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include "fstore/commands/commands.h"
+#include "fstore/commands/common_options.h"
 #include "fstore/password_change.h"
 #include "fstore/terminal/json.h"
 
@@ -41,18 +42,12 @@ Status run(const Options& options, Context& context) {
 
 void addPasswd(Cli& cli) {
     const auto options = std::make_shared<Options>();
-    CLI::App& app = cli.add("passwd", "Change the password of the database",
-                            [options](Context& context) { return run(*options, context); });
-    app.add_option("--new-password-file", options->password.file,
-                   "Read the new password from a file; \"-\" is the standard input")
-        ->type_name("FILE");
-    app.add_option("--new-password-fd", options->password.fd,
-                   "Read the new password from an open descriptor")
-        ->type_name("N")
-        ->check(CLI::NonNegativeNumber);
-    app.add_flag("--keep-old", options->keepOld,
+    Command& command = cli.add("passwd", "Change the password of the database",
+                               [options](Context& context) { return run(*options, context); });
+    addPassword(command, "--new-password", "the new password", options->password);
+    command.flag("--keep-old", &options->keepOld,
                  "Leave the database as it was, with the old password, in ./old_db");
-    addCostOption(app, options->cost);
+    addCost(command, &options->cost);
 }
 
 }  // namespace fstore

@@ -6,6 +6,7 @@
 
 #include "fstore/commands/change.h"
 #include "fstore/commands/commands.h"
+#include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
 #include "lib/base/files.h"
 #include "lib/base/text.h"
@@ -153,24 +154,22 @@ Status runGet(const GetOptions& options, Context& context) {
 
 void addPut(Cli& cli) {
     const auto options = std::make_shared<PutOptions>();
-    CLI::App& app = cli.add("put", "Keep a file's bytes as a record",
-                            [options](Context& context) { return runPut(*options, context); });
-    app.add_option("ADDRESS", options->address, "FOLDER/NAME of a new record or of one to replace")
-        ->required();
-    app.add_option("FILE", options->file, "The file; \"-\" is the standard input")->required();
-    app.add_option("--label", options->label, "A text to find it by")->type_name("TEXT");
-    app.add_flag("--plain-body", options->plain, "Do not encrypt it, and need no password");
+    Command& command = cli.add("put", "Keep a file's bytes as a record",
+                               [options](Context& context) { return runPut(*options, context); });
+    command.argument("ADDRESS", &options->address,
+                     "FOLDER/NAME of a new record or of one to replace");
+    command.argument("FILE", &options->file, "The file; \"-\" is the standard input");
+    command.option("--label", "TEXT", &options->label, "A text to find it by");
+    command.flag("--plain-body", &options->plain, "Do not encrypt it, and need no password");
 }
 
 void addGet(Cli& cli) {
     const auto options = std::make_shared<GetOptions>();
-    CLI::App& app = cli.add("get", "Write a record's body to a file",
-                            [options](Context& context) { return runGet(*options, context); });
-    app.add_option("ADDRESS", options->address, "FOLDER/NAME, a unique NAME, or sha256:PREFIX")
-        ->required();
-    app.add_option("-o,--output", options->file, "The file, readable by its owner only")
-        ->type_name("FILE");
-    app.add_flag("-f,--force", options->force, "Replace a file that exists");
+    Command& command = cli.add("get", "Write a record's body to a file",
+                               [options](Context& context) { return runGet(*options, context); });
+    addAddress(command, &options->address);
+    addOutput(command, &options->file);
+    addForce(command, &options->force);
 }
 
 }  // namespace fstore

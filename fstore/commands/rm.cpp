@@ -7,6 +7,7 @@
 #include "format/layout.h"
 #include "fstore/commands/change.h"
 #include "fstore/commands/commands.h"
+#include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
 #include "lib/records/record.h"
 
@@ -91,11 +92,10 @@ Status run(const Options& options, Context& context) {
 
 void addRm(Cli& cli) {
     const auto options = std::make_shared<Options>();
-    CLI::App& app = cli.add("rm", "Remove records",
-                            [options](Context& context) { return run(*options, context); });
-    app.add_option("ADDRESS", options->addresses, "FOLDER/NAME, a unique NAME, or sha256:PREFIX")
-        ->required();
-    app.add_flag("-f,--force", options->force, "Do not ask before a key is removed");
+    Command& command = cli.add("rm", "Remove records",
+                               [options](Context& context) { return run(*options, context); });
+    addAddresses(command, &options->addresses);
+    command.flag("-f,--force", &options->force, "Do not ask before a key is removed");
 }
 
 }  // namespace fstore

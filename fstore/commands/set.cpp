@@ -6,6 +6,7 @@
 #include "fstore/commands/assignment.h"
 #include "fstore/commands/change.h"
 #include "fstore/commands/commands.h"
+#include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
 #include "lib/records/record.h"
 
@@ -69,24 +70,21 @@ Status runUnset(const UnsetOptions& options, Context& context) {
 
 void addSet(Cli& cli) {
     const auto options = std::make_shared<SetOptions>();
-    CLI::App& app = cli.add("set", "Set a record's label or attributes of your own",
-                            [options](Context& context) { return runSet(*options, context); });
-    app.add_option("ADDRESS", options->address, "FOLDER/NAME, a unique NAME, or sha256:PREFIX")
-        ->required();
-    app.add_option("ASSIGNMENT", options->assignments,
-                   "label=TEXT or ID[:TYPE]=VALUE; ID from 0x8000, TYPE number, binary, string or "
-                   "text, VALUE @FILE for the contents of a file")
-        ->required();
-    app.add_flag("--encrypt", options->encrypt, "Keep the values encrypted, as binary attributes");
+    Command& command = cli.add("set", "Set a record's label or attributes of your own",
+                               [options](Context& context) { return runSet(*options, context); });
+    addAddress(command, &options->address);
+    command.argument("ASSIGNMENT", &options->assignments,
+                     "label=TEXT or ID[:TYPE]=VALUE; ID from 0x8000, TYPE number, binary, string "
+                     "or text, VALUE @FILE for the contents of a file");
+    command.flag("--encrypt", &options->encrypt, "Keep the values encrypted, as binary attributes");
 }
 
 void addUnset(Cli& cli) {
     const auto options = std::make_shared<UnsetOptions>();
-    CLI::App& app = cli.add("unset", "Remove a record's label or attributes of your own",
-                            [options](Context& context) { return runUnset(*options, context); });
-    app.add_option("ADDRESS", options->address, "FOLDER/NAME, a unique NAME, or sha256:PREFIX")
-        ->required();
-    app.add_option("ID", options->ids, "label, or a number from 0x8000")->required();
+    Command& command = cli.add("unset", "Remove a record's label or attributes of your own",
+                               [options](Context& context) { return runUnset(*options, context); });
+    addAddress(command, &options->address);
+    command.argument("ID", &options->ids, "label, or a number from 0x8000");
 }
 
 }  // namespace fstore

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include "fstore/commands/commands.h"
+#include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
 #include "lib/base/text.h"
 #include "lib/records/filter.h"
@@ -66,11 +67,10 @@ Status run(const Options& options, Context& context) {
 
 void addShow(Cli& cli) {
     const auto options = std::make_shared<Options>();
-    CLI::App& app = cli.add("show", "Print what is known about a record",
-                            [options](Context& context) { return run(*options, context); });
-    app.add_option("ADDRESS", options->address, "FOLDER/NAME, a unique NAME, or sha256:PREFIX")
-        ->required();
-    app.add_flag("-u,--unlock", options->unlock,
+    Command& command = cli.add("show", "Print what is known about a record",
+                               [options](Context& context) { return run(*options, context); });
+    addAddress(command, &options->address);
+    command.flag("-u,--unlock", &options->unlock,
                  "Ask for the password, and show what is kept encrypted too");
 }
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <charconv>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include "lib/base/error.h"
@@ -64,39 +63,6 @@ std::optional<std::uint32_t> parseNumber(std::string_view text) {
 }
 
 }  // namespace
-
-void addFilterOptions(CLI::App& app, Filters& filters) {
-    const char* const group = "Filters (all must hold)";
-    app.add_option("--expires-within", filters.expiresWithin,
-                   "Expired, or about to within a period: 30d, 12h, 2w, 1y")
-        ->type_name("PERIOD")
-        ->group(group);
-    app.add_flag("--expired", filters.expired, "No longer valid")->group(group);
-    app.add_option("--subject", filters.subject, "Subject, as a pattern or a part of it")
-        ->type_name("GLOB")
-        ->group(group);
-    app.add_option("--issuer", filters.issuer, "Issuer")->type_name("GLOB")->group(group);
-    app.add_option("--san", filters.altName, "A subject alternative name")
-        ->type_name("GLOB")
-        ->group(group);
-    app.add_option("--serial", filters.serial, "Serial number")->type_name("HEX")->group(group);
-    app.add_option("--sha256", filters.sha256, "First digits of the SHA-256 of the body")
-        ->type_name("HEX")
-        ->group(group);
-    app.add_option("--alg", filters.algorithm, "Key algorithm: RSA, RSA-2048, EC*")
-        ->type_name("NAME")
-        ->group(group);
-    CLI::Option* const hasKey =
-        app.add_flag("--has-key", filters.hasKey, "Certificates and requests whose key is here")
-            ->group(group);
-    app.add_flag("--no-key", filters.noKey, "Certificates and requests whose key is not here")
-        ->excludes(hasKey)
-        ->group(group);
-    app.add_option("--attr", filters.attributes, "An attribute, by id or name, and its value")
-        ->type_name("ID[=VALUE]")
-        ->allow_extra_args(false)
-        ->group(group);
-}
 
 Filter::Filter(const Filters& filters, std::int64_t now) : filters_(filters), now_(now) {
     if (filters.expiresWithin) {

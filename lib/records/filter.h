@@ -10,10 +10,6 @@
 
 #include "lib/records/record.h"
 
-namespace CLI {
-class App;
-}
-
 namespace fstore {
 
 struct Filters {
@@ -27,9 +23,6 @@ struct Filters {
     bool noKey = false;
     std::vector<std::string> attributes;  // "ID" or "ID=VALUE"
 };
-
-// Adds the options that fill `filters`.
-void addFilterOptions(CLI::App& app, Filters& filters);
 
 class Filter {
 public:

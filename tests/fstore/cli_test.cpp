@@ -1,8 +1,10 @@
 #include "fstore/commands/cli.h"
 
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -81,6 +83,144 @@ TEST(CliTest, CodesOfTheToolAreGivenAsTheyAre) {
     for (const Status code : {kOk, kFound, kPartial}) {
         EXPECT_EQ(static_cast<int>(code), endOf([code] { return code; }, "-q").code);
     }
+}
+
+enum class Colour { kRed, kBlue };
+
+// What a command line says: a command with an option of each kind.
+struct Said {
+    std::string address, shape = "round";
+    std::vector<std::string> words, marks;
+    std::optional<std::string> file;
+    std::optional<int> fd;
+    unsigned int cost = 17;
+    double share = 0.5;
+    Colour colour = Colour::kRed;
+    bool force = false, quiet = false;
+};
+
+class OptionTest : public testing::Test {
+protected:
+    OptionTest() {
+        Command& command = cli_.add("probe", "Look", [this](Context&) {
+            ran_ = true;
+            return kOk;
+        });
+        command.argument("ADDRESS", &said_.address, "What to look at");
+        command.argument("WORD", &said_.words, "More").required = false;
+        Option& shape = command.option("--shape", "SHAPE", &said_.shape, "Its shape");
+        shape.showsDefault = true;
+        shape.variable = "FSTORE_TEST_SHAPE";
+        command.option("-o,--output", "FILE", &said_.file, "Where to");
+        command.option("--fd", "N", Number{&said_.fd, 0, 99}, "A descriptor");
+        command.option("--cost", "LN", Number{&said_.cost, 14, 22}, "A cost").showsDefault = true;
+        command.option("--share", "SHARE", Number{&said_.share, 0, 1}, "A share");
+        command.startGroup("Looks");
+        command.option("--paint", "COLOUR",
+                       Choice(&said_.colour, {{"red", Colour::kRed}, {"blue", Colour::kBlue}}),
+                       "Its colour");
+        command.option("--mark", "MARK", &said_.marks, "A mark");
+        command.flag("-f,--force", &said_.force, "Do it");
+        command.flag("--still", &said_.quiet, "Say nothing").excludes = "--force";
+        cli_.add("secret", "Not shown", [](Context&) { return kOk; }).hide();
+    }
+
+    // Runs the program; its exit code.
+    int run(std::vector<const char*> words) {
+        words.insert(words.begin(), "fstore");
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        const int code = cli_.main(static_cast<int>(words.size()), words.data());
+        out_ = testing::internal::GetCapturedStdout();
+        err_ = testing::internal::GetCapturedStderr();
+        return code;
+    }
+
+    Cli cli_;
+    Said said_;
+    bool ran_ = false;
+    std::string out_, err_;
+};
+
+TEST_F(OptionTest, TargetsKeepTheirValuesWhenNothingIsGiven) {
+    EXPECT_EQ(0, run({"probe", "keys/a"}));
+    EXPECT_TRUE(ran_);
+    EXPECT_EQ("keys/a", said_.address);
+    EXPECT_EQ("round", said_.shape);
+    EXPECT_TRUE(said_.words.empty() && said_.marks.empty());
+    EXPECT_FALSE(said_.file || said_.fd || said_.force);
+    EXPECT_EQ(17u, said_.cost);
+    EXPECT_EQ(Colour::kRed, said_.colour);
+}
+
+TEST_F(OptionTest, EachKindIsSet) {
+    EXPECT_EQ(0, run({"probe", "-o", "x", "--fd=7", "--cost", "14", "--share", "0.25", "--paint",
+                      "blue", "--mark", "m", "keys/a", "--mark", "n", "v", "w", "-f"}))
+        << err_;
+    EXPECT_EQ("x", said_.file);
+    EXPECT_EQ(7, said_.fd);
+    EXPECT_EQ(14u, said_.cost);
+    EXPECT_EQ(0.25, said_.share);
+    EXPECT_EQ(Colour::kBlue, said_.colour);
+    EXPECT_EQ((std::vector<std::string>{"m", "n"}), said_.marks);
+    EXPECT_EQ("keys/a", said_.address);
+    EXPECT_EQ((std::vector<std::string>{"v", "w"}), said_.words);
+    EXPECT_TRUE(said_.force);
+}
+
+TEST_F(OptionTest, WrongLinesAreRefused) {
+    const std::vector<const char*> lines[] = {
+        {"probe"},
+        {"probe", "a", "--cost", "13"},
+        {"probe", "a", "--cost", "23"},
+        {"probe", "a", "--cost", "17.5"},
+        {"probe", "a", "--cost", "much"},
+        {"probe", "a", "--share", "nan"},
+        {"probe", "a", "--fd", "-1"},
+        {"probe", "a", "--paint", "green"},
+        {"probe", "a", "--paint", "0"},
+        {"probe", "a", "--output"},
+        {"probe", "a", "--force", "--still"},
+        {"probe", "a", "--unknown"},
+        {"unknown"},
+        {},
+    };
+    for (const auto& line : lines) {
+        EXPECT_EQ(2, run(line)) << testing::PrintToString(line);
+        EXPECT_EQ("", out_);
+        EXPECT_NE(std::string::npos, err_.find("`fstore --help`")) << err_;
+    }
+    EXPECT_FALSE(ran_);
+}
+
+TEST_F(OptionTest, ErrorsNameBoundsAndChoices) {
+    EXPECT_EQ(2, run({"probe", "a", "--cost", "13"}));
+    EXPECT_NE(std::string::npos, err_.find("--cost: Value 13 not in range 14 to 22")) << err_;
+    EXPECT_EQ(2, run({"probe", "a", "--paint", "green"}));
+    EXPECT_NE(std::string::npos, err_.find("--paint: green not in {red,blue}")) << err_;
+}
+
+TEST_F(OptionTest, EnvironmentComesAfterTheLine) {
+    ASSERT_EQ(0, setenv("FSTORE_TEST_SHAPE", "square", 1));
+    EXPECT_EQ(0, run({"probe", "a"}));
+    EXPECT_EQ("square", said_.shape);
+    EXPECT_EQ(0, run({"probe", "a", "--shape", "flat"}));
+    EXPECT_EQ("flat", said_.shape);
+    unsetenv("FSTORE_TEST_SHAPE");
+}
+
+TEST_F(OptionTest, HelpShowsWhatIsDeclared) {
+    EXPECT_EQ(0, run({"probe", "--help"}));
+    EXPECT_FALSE(ran_);
+    for (const char* const part : {"fstore probe [OPTIONS] ADDRESS [WORD...]", "-o,--output FILE",
+                                   "--cost LN=17", "--shape SHAPE=round", "Looks:", "Its colour"}) {
+        EXPECT_NE(std::string::npos, out_.find(part)) << part << "\n" << out_;
+    }
+    EXPECT_LT(out_.find("Looks:"), out_.find("--paint COLOUR"));
+    EXPECT_GT(out_.find("Looks:"), out_.find("--share SHARE"));
+    EXPECT_EQ(0, run({"--help"}));
+    EXPECT_NE(std::string::npos, out_.find("  probe "));
+    EXPECT_EQ(std::string::npos, out_.find("secret"));
 }
 
 }  // namespace

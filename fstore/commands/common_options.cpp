@@ -1,0 +1,65 @@
+#include "fstore/commands/common_options.h"
+
+#include <limits>
+
+#include "lib/database/kdf_record.h"
+
+namespace fstore {
+namespace {
+
+constexpr const char* kAddress = "ADDRESS";
+constexpr const char* kAddressText = "FOLDER/NAME, a unique NAME, or sha256:PREFIX";
+
+}  // namespace
+
+void addAddress(Command& command, std::string* target) {
+    command.argument(kAddress, target, kAddressText);
+}
+
+void addAddresses(Command& command, std::vector<std::string>* target) {
+    command.argument(kAddress, target, kAddressText);
+}
+
+void addCost(Command& command, unsigned int* target) {
+    command
+        .option("--cost", "LN", Number{target, Slot::kLeastLn, Slot::kMostLn},
+                "Cost of a guess at the password: 14 to 22, each step doubles it")
+        .showsDefault = true;
+}
+
+void addFilters(Command& command, Filters& target) {
+    command.startGroup("Filters (all must hold)");
+    command.option("--expires-within", "PERIOD", &target.expiresWithin,
+                   "Expired, or about to within a period: 30d, 12h, 2w, 1y");
+    command.flag("--expired", &target.expired, "No longer valid");
+    command.option("--subject", "GLOB", &target.subject, "Subject, as a pattern or a part of it");
+    command.option("--issuer", "GLOB", &target.issuer, "Issuer");
+    command.option("--san", "GLOB", &target.altName, "A subject alternative name");
+    command.option("--serial", "HEX", &target.serial, "Serial number");
+    command.option("--sha256", "HEX", &target.sha256, "First digits of the SHA-256 of the body");
+    command.option("--alg", "NAME", &target.algorithm, "Key algorithm: RSA, RSA-2048, EC*");
+    command.flag("--has-key", &target.hasKey, "Certificates and requests whose key is here");
+    command.flag("--no-key", &target.noKey, "Certificates and requests whose key is not here")
+        .excludes = "--has-key";
+    command.option("--attr", "ID[=VALUE]", &target.attributes,
+                   "An attribute, by id or name, and its value");
+    command.startGroup({});
+}
+
+void addForce(Command& command, bool* target) {
+    command.flag("-f,--force", target, "Replace a file that exists");
+}
+
+void addOutput(Command& command, std::string* target) {
+    command.option("-o,--output", "FILE", target, "The file, readable by its owner only");
+}
+
+void addPassword(Command& command, const std::string& prefix, const std::string& what,
+                 PasswordOptions& target) {
+    command.option(prefix + "-file", "FILE", &target.file,
+                   "Read " + what + " from a file; \"-\" is the standard input");
+    command.option(prefix + "-fd", "N", Number{&target.fd, 0, std::numeric_limits<int>::max()},
+                   "Read " + what + " from an open descriptor");
+}
+
+}  // namespace fstore
