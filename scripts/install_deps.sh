@@ -17,8 +17,9 @@ build="g++ g++-12-multilib cmake ninja-build"
 # Libraries of the OpenSSL modules, the command-line tool and its manual page.
 libraries="libssl-dev libcli11-dev nlohmann-json3-dev libfmt-dev scdoc"
 # googletest has the sources, built for 32 bits; the others its native libraries.
+# openssl and certtool, of gnutls-bin, are what import is compared with.
 testing="googletest libgtest-dev libgmock-dev libbenchmark-dev openssl python3 git strace
-pkg-config"
+pkg-config gnutls-bin"
 full="lintian dpkg-dev zsh fish clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev
 llvm-14 valgrind gcovr"
 bench="libsqlite3-dev libsqlcipher-dev liblmdb-dev e2fsprogs"

@@ -33,13 +33,15 @@ struct Item {
 
     const PkiObject* object() const { return std::get_if<PkiObject>(&part.content); }
     const Failure* failure() const { return std::get_if<Failure>(&part.content); }
-    std::string tell(const Failure& failure) const {
+    const Skipped* skipped() const { return std::get_if<Skipped>(&part.content); }
+    // The sentence with the file, unless that is what could not be read, and the line.
+    std::string tell(std::string_view sentence) const {
         if (!isRead) {
-            return failure.what();  // which names the file
+            return std::string(sentence);
         }
         const std::string name = file == kStandardStream ? "the standard input" : file;
-        return part.line == 0 ? fmt::format("{}: {}", name, failure.what())
-                              : fmt::format("{} line {}: {}", name, part.line, failure.what());
+        return part.line == 0 ? fmt::format("{}: {}", name, sentence)
+                              : fmt::format("{} line {}: {}", name, part.line, sentence);
     }
 };
 
@@ -120,11 +122,16 @@ public:
 
     void failed(const Item& item, const Failure& failure) {
         if (!first_) {
-            first_ = Failure(failure.status(), item.tell(failure), item.file);
+            first_ = Failure(failure.status(), item.tell(failure.what()), item.file);
         }
         ++failed_;
         failures_.push_back(withSource(item, {{"error", errorToJson(failure)}}));
-        messages_.push_back(item.tell(failure));
+        messages_.push_back(item.tell(failure.what()));
+    }
+
+    void skipped(const Item& item, const Skipped& skipped) {
+        skipped_.push_back(withSource(item, {{"reason", skipped.reason}}));
+        output_.note(fmt::format("skipped: {}", item.tell(skipped.reason)));
     }
 
     // The exit code. Throws when nothing at all could be imported.
@@ -132,13 +139,13 @@ public:
         if (done_ == 0 && failed_ == 1) {
             throw Failure(*first_);
         }
-        if (!output_.json()) {
+        if (!output_.json() || done_ == 0) {  // the document would have them
             std::ranges::for_each(messages_, [&](const auto& text) { output_.warn(text); });
         }
         if (done_ == 0) {
             throw Failure(first_->status(), fmt::format("none of {} could be imported", failed_));
         }
-        output_.document({{"records", records_}, {"failures", failures_}});
+        output_.document({{"records", records_}, {"failures", failures_}, {"skipped", skipped_}});
         return failed_ == 0 ? kOk : kPartial;
     }
 
@@ -153,7 +160,7 @@ private:
 
     Output& output_;
     std::size_t done_ = 0, failed_ = 0;
-    Json records_ = Json::array(), failures_ = Json::array();
+    Json records_ = Json::array(), failures_ = Json::array(), skipped_ = Json::array();
     std::vector<std::string> messages_;
     std::optional<Failure> first_;
 };
@@ -203,6 +210,8 @@ Status run(const Options& options, Context& context) {
     for (const Item& item : items) {
         if (item.failure() != nullptr) {
             report.failed(item, *item.failure());
+        } else if (item.skipped() != nullptr) {
+            report.skipped(item, *item.skipped());
         }
     }
     return report.finish();

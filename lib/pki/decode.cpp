@@ -1,14 +1,17 @@
 #include "lib/pki/decode.h"
 
 #include <algorithm>
+#include <iterator>
 #include <optional>
 #include <string_view>
 #include <utility>
 
 #include <fmt/format.h>
 
+#include "lib/pki/der.h"
 #include "lib/pki/ossl.h"
 #include "lib/pki/password.h"
+#include "lib/pki/pem.h"
 #include "lib/pki/pkcs12.h"
 #include "lib/pki/secret_key.h"
 
@@ -16,82 +19,21 @@ namespace fstore {
 namespace {
 
 using Bytes = std::span<const unsigned char>;
-using Content = std::variant<PkiObject, Failure>;
+using Content = decltype(PkiPart::content);
 
-constexpr std::string_view kBegin = "-----BEGIN ";
-constexpr std::string_view kEnd = "-----END ";
-constexpr std::string_view kDashes = "-----";
+constexpr std::string_view kCipherField = "DEK-Info:";
 
-// Between two lines of dashes, both included.
-struct Block {
-    std::string type;  // "CERTIFICATE"
-    unsigned int line;
-    std::string_view text;
-    bool complete;  // its end is there
-};
-
-// The type when the line is one of dashes with this head.
-std::optional<std::string> typeOf(std::string_view line, std::string_view head) {
-    while (!line.empty() && (line.back() == '\r' || line.back() == ' ' || line.back() == '\t')) {
-        line.remove_suffix(1);
-    }
-    if (!line.starts_with(head) || !line.ends_with(kDashes) ||
-        line.size() < head.size() + kDashes.size()) {
-        return std::nullopt;
-    }
-    return std::string(line.substr(head.size(), line.size() - head.size() - kDashes.size()));
-}
-
-std::vector<Block> blocksOf(std::string_view text) {
-    std::vector<Block> blocks;
-    const char* begun = nullptr;  // of a block whose end has not come
-    unsigned int number = 0;
-    for (std::string_view rest = text; !rest.empty();) {
-        const std::size_t feed = rest.find('\n');
-        const std::string_view line = rest.substr(0, feed);
-        rest.remove_prefix(feed == std::string_view::npos ? rest.size() : feed + 1);
-        ++number;
-        if (auto type = typeOf(line, kBegin)) {
-            if (blocks.size() == kMostParts) {
-                throw Failure(kInvalid,
-                              fmt::format("the file has more than {} PEM blocks", kMostParts));
-            }
-            blocks.push_back({std::move(*type), number, {}, false});
-            begun = line.data();
-        } else if (begun != nullptr && typeOf(line, kEnd) == blocks.back().type) {
-            blocks.back().text = {begun, static_cast<std::size_t>(rest.data() - begun)};
-            blocks.back().complete = true;
-            begun = nullptr;
-        }
-    }
-    return blocks;
-}
-
-// A block's contents; wiped, since they may be a key.
-struct PemContent {
-    std::string header;
-    SecretBytes der;
-};
-
-std::optional<PemContent> contentOf(const Block& block) {
-    const ossl::Bio in(BIO_new_mem_buf(block.text.data(), static_cast<int>(block.text.size())));
-    char* type = nullptr;
-    char* header = nullptr;
-    unsigned char* data = nullptr;
-    long size = 0;
-    if (in == nullptr || PEM_read_bio_ex(in.get(), &type, &header, &data, &size, 0) != 1) {
-        return std::nullopt;
-    }
-    const ossl::Text typeOwner(type), headerOwner(header);
-    PemContent content{header, SecretBytes(data, data + size)};
-    OPENSSL_clear_free(data, static_cast<std::size_t>(size));
-    return content;
+bool isSealed(const PemContent& content) {
+    return content.header.find("ENCRYPTED") != std::string::npos ||
+           content.header.find(kCipherField) != std::string::npos;
 }
 
 // A key in the older form, encrypted by a header of the block.
 SecretBytes keyFromHeader(PemContent content, FilePassword& password) {
     EVP_CIPHER_INFO cipher{};
-    if (PEM_get_EVP_CIPHER_INFO(content.header.data(), &cipher) != 1) {
+    const std::size_t field = std::min(content.header.find(kCipherField), content.header.size());
+    std::string header = "Proc-Type: 4,ENCRYPTED\n" + content.header.substr(field);
+    if (PEM_get_EVP_CIPHER_INFO(header.data(), &cipher) != 1) {
         throw Failure(kMalformed, "the key is encrypted in an unknown way");
     }
     constexpr std::uint64_t kRounds = 1;
@@ -131,77 +73,6 @@ PkiObject trustedCertificate(const SecretBytes& der, std::string& label) {
     return readPkiObject(Kind::kCertificate, SecretBytes(der.data(), at));
 }
 
-PkiObject objectOf(const Block& block, std::string& label, FilePassword& password) {
-    const ossl::QuietErrors quiet;
-    std::optional<PemContent> content = block.complete ? contentOf(block) : std::nullopt;
-    if (!content) {
-        throw Failure(kMalformed,
-                      block.complete ? "the PEM block is damaged" : "the PEM block has no end");
-    }
-    const std::string& type = block.type;
-    const bool sealedByHeader = content->header.find("ENCRYPTED") != std::string::npos;
-    if (type == "CERTIFICATE" || type == "X509 CERTIFICATE") {
-        return readPkiObject(Kind::kCertificate, std::move(content->der));
-    }
-    if (type == "TRUSTED CERTIFICATE") {
-        return trustedCertificate(content->der, label);
-    }
-    if (type == "X509 CRL") {
-        return readPkiObject(Kind::kCrl, std::move(content->der));
-    }
-    if (type == "CERTIFICATE REQUEST" || type == "NEW CERTIFICATE REQUEST") {
-        return readPkiObject(Kind::kRequest, std::move(content->der));
-    }
-    if (type == "ENCRYPTED PRIVATE KEY") {
-        return keyObject(keyFromSealed(content->der, password));
-    }
-    if (type == "PRIVATE KEY" || (type.ends_with(" PRIVATE KEY") && !sealedByHeader)) {
-        return keyObject(keyFromPlain(content->der));
-    }
-    if (type.ends_with(" PRIVATE KEY")) {
-        return readPkiObject(Kind::kKey, keyFromHeader(std::move(*content), password));
-    }
-    throw Failure(kMalformed, fmt::format("a PEM block of type {} cannot be imported", type));
-}
-
-PkiPart partOf(const Block& block, FilePassword& password) {
-    std::string label;
-    try {
-        PkiObject object = objectOf(block, label, password);
-        return {block.line, std::move(label), std::move(object)};
-    } catch (const Failure& failure) {
-        return {block.line, std::move(label), failure};
-    }
-}
-
-// Some programs write a key's parameters in front of the key, which has them too.
-bool isParameters(const Block& block) {
-    return block.type.ends_with(" PARAMETERS");
-}
-
-// Where the outermost element of the bytes ends; none when they are no DER.
-std::optional<std::uint64_t> outermostEnd(Bytes bytes) {
-    constexpr unsigned char kSequence = 0x30;
-    if (bytes.size() < 2 || bytes[0] != kSequence) {
-        return std::nullopt;
-    }
-    const std::size_t lengthBytes = bytes[1] & 0x7Fu;
-    if (bytes[1] < 0x80) {
-        return 2 + std::uint64_t{bytes[1]};
-    }
-    if (lengthBytes == 0) {
-        return bytes.size();  // a length that is told by the end; some PKCS#12 files have it
-    }
-    if (lengthBytes > 4 || bytes.size() < 2 + lengthBytes) {
-        return std::nullopt;
-    }
-    std::uint64_t length = 0;
-    for (const unsigned char byte : bytes.subspan(2, lengthBytes)) {
-        length = length << 8 | byte;
-    }
-    return 2 + lengthBytes + length;
-}
-
 std::string_view asText(Bytes bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
@@ -214,7 +85,8 @@ SecretBytes copyOf(Bytes bytes) {
     return {bytes.begin(), bytes.end()};
 }
 
-std::vector<PkiPart> partsOfBinary(Bytes bytes, FilePassword& password) {
+// None when it is nothing that can be imported.
+std::optional<std::vector<PkiPart>> partsOfBinary(Bytes bytes, FilePassword& password) {
     const ossl::QuietErrors quiet;
     const auto single = [](PkiObject object) {
         std::vector<PkiPart> parts;
@@ -231,7 +103,7 @@ std::vector<PkiPart> partsOfBinary(Bytes bytes, FilePassword& password) {
         return single(readPkiObject(Kind::kRequest, copyOf(bytes)));
     }
     if (auto parts = partsOfPkcs12(bytes, password)) {
-        return std::move(*parts);
+        return parts;
     }
     if (auto key = keyFromSealed(bytes, password)) {
         return single(keyObject(std::move(key)));
@@ -239,18 +111,134 @@ std::vector<PkiPart> partsOfBinary(Bytes bytes, FilePassword& password) {
     if (auto key = keyFromPlain(bytes)) {
         return single(keyObject(std::move(key)));
     }
-    throw Failure(kMalformed,
-                  "this is DER, but no certificate, CRL, key, request or PKCS#12 file, "
-                  "or a damaged one");
+    return std::nullopt;
+}
+
+bool isKeyType(std::string_view type) {
+    return type == "PRIVATE KEY" || type.ends_with(" PRIVATE KEY");
+}
+
+// What a block of this type holds; none when the type tells nothing.
+std::optional<PkiObject> objectOfType(const std::string& type, PemContent& content,
+                                      std::string& label, FilePassword& password) {
+    if (type == "CERTIFICATE" || type == "X509 CERTIFICATE") {
+        return readPkiObject(Kind::kCertificate, std::move(content.der));
+    }
+    if (type == "TRUSTED CERTIFICATE") {
+        return trustedCertificate(content.der, label);
+    }
+    if (type == "X509 CRL") {
+        return readPkiObject(Kind::kCrl, std::move(content.der));
+    }
+    if (type == "CERTIFICATE REQUEST" || type == "NEW CERTIFICATE REQUEST") {
+        return readPkiObject(Kind::kRequest, std::move(content.der));
+    }
+    if (type == "ENCRYPTED PRIVATE KEY") {
+        return keyObject(keyFromSealed(content.der, password));
+    }
+    if (isKeyType(type) && isSealed(content)) {
+        return readPkiObject(Kind::kKey, keyFromHeader(std::move(content), password));
+    }
+    if (isKeyType(type)) {
+        return keyObject(keyFromPlain(content.der));
+    }
+    return std::nullopt;
+}
+
+// What stands behind the first object of a block, taken off: other programs pass it over.
+std::size_t takeExcess(const std::string& type, PemContent& content) {
+    const auto end = endOfSequence(content.der);
+    if (!end || *end >= content.der.size() || isSealed(content) || type == "TRUSTED CERTIFICATE") {
+        return 0;
+    }
+    const std::size_t excess = content.der.size() - static_cast<std::size_t>(*end);
+    content.der.resize(static_cast<std::size_t>(*end));
+    return excess;
+}
+
+Failure excessive(std::size_t excess) {
+    return {kMalformed, fmt::format("{} bytes that follow the object are left out", excess)};
+}
+
+Failure unknownType(const std::string& type) {
+    return {kMalformed, type.empty()
+                            ? "a PEM block without a type cannot be imported"
+                            : fmt::format("a PEM block of type {} cannot be imported", type)};
+}
+
+std::vector<PkiPart> partsOfContent(const std::string& type, PemContent content,
+                                    FilePassword& password) {
+    const std::size_t excess = takeExcess(type, content);
+    std::vector<PkiPart> parts;
+    std::string label;
+    if (auto object = objectOfType(type, content, label, password)) {
+        parts.push_back({0, std::move(label), std::move(*object)});
+    } else if (auto found = partsOfBinary(content.der, password)) {
+        parts = std::move(*found);
+    } else {
+        throw Failure(unknownType(type));
+    }
+    if (excess != 0) {
+        parts.push_back(only(excessive(excess)));
+    }
+    return parts;
+}
+
+// Why a block of this shape has nothing that can be decoded.
+Failure shapeless(PemBlock::Shape shape) {
+    switch (shape) {
+        case PemBlock::Shape::kWhole:
+            break;
+        case PemBlock::Shape::kNoEnd:
+            return {kMalformed, "the PEM block has no end"};
+        case PemBlock::Shape::kNoBegin:
+            return {kMalformed, "the PEM block has no beginning"};
+    }
+    return {kMalformed, "the PEM block is damaged"};
+}
+
+std::vector<PkiPart> partsOf(const PemBlock& block, FilePassword& password) {
+    const ossl::QuietErrors quiet;
+    auto content = contentOf(block);
+    if (!content) {
+        throw Failure(shapeless(block.shape));
+    }
+    try {
+        return partsOfContent(block.type, std::move(*content), password);
+    } catch (const Failure& failure) {
+        if (block.shape == PemBlock::Shape::kWhole || failure.status() != kMalformed) {
+            throw;
+        }
+        throw Failure(shapeless(block.shape));
+    }
+}
+
+// Some programs write a key's parameters in front of the key, which has them too.
+bool isParametersOf(const PemBlock& block, const PemBlock& next) {
+    return block.type.ends_with(" PARAMETERS") && isKeyType(next.type);
 }
 
 std::vector<PkiPart> partsOfText(Bytes bytes, FilePassword& password) {
-    std::vector<Block> blocks = blocksOf(asText(bytes));
-    std::erase_if(blocks, isParameters);
+    const std::vector<PemBlock> blocks = findPemBlocks(asText(bytes), kMostParts);
     std::vector<PkiPart> parts;
     parts.reserve(blocks.size());
-    for (const Block& block : blocks) {
-        parts.push_back(partOf(block, password));
+    const auto add = [&](const PemBlock& block, PkiPart part) {
+        part.line = block.line;
+        parts.push_back(std::move(part));
+    };
+    for (std::size_t i = 0; i < blocks.size(); ++i) {
+        const PemBlock& block = blocks[i];
+        if (i + 1 < blocks.size() && isParametersOf(block, blocks[i + 1])) {
+            add(block, only(Skipped{"the key that follows has these parameters, too"}));
+            continue;
+        }
+        try {
+            for (PkiPart& part : partsOf(block, password)) {
+                add(block, std::move(part));
+            }
+        } catch (const Failure& failure) {
+            add(block, only(failure));
+        }
     }
     return parts;
 }
@@ -260,16 +248,43 @@ Failure strangeness(Bytes bytes) {
     if (bytes.empty()) {
         return {kMalformed, "the file is empty"};
     }
-    const auto end = outermostEnd(bytes);
+    if (asText(bytes).starts_with("\xFF\xFE") || asText(bytes).starts_with("\xFE\xFF")) {
+        return {kMalformed, "the file is text in UTF-16; convert it to UTF-8 first"};
+    }
+    const auto end = endOfSequence(bytes);
+    if (end == bytes.size()) {
+        return {kMalformed,
+                "this is DER, but no certificate, CRL, key, request or PKCS#12 file, "
+                "or a damaged one"};
+    }
     if (end && *end > bytes.size()) {
         return {kMalformed, fmt::format("the file is cut off: it has {} bytes of {}, or is not DER",
                                         bytes.size(), *end)};
     }
-    if (end && *end < bytes.size()) {
+    if (end) {
         return {kMalformed,
                 fmt::format("{} bytes follow the DER, or it is none", bytes.size() - *end)};
     }
     return {kMalformed, "the file is neither PEM nor DER"};
+}
+
+// DER, PEM, or both as programs that append to a file make it.
+std::vector<PkiPart> partsOfFile(Bytes bytes, FilePassword& password) {
+    const auto end = endOfSequence(bytes);
+    std::vector<PkiPart> parts;
+    if (end && *end <= bytes.size()) {
+        auto found = partsOfBinary(bytes.first(static_cast<std::size_t>(*end)), password);
+        if (found && *end == bytes.size()) {
+            return std::move(*found);
+        }
+        parts = found ? std::move(*found) : std::vector<PkiPart>();
+    }
+    std::vector<PkiPart> blocks = partsOfText(bytes, password);
+    if (blocks.empty()) {
+        blocks.push_back(only(parts.empty() ? strangeness(bytes) : excessive(bytes.size() - *end)));
+    }
+    std::ranges::move(blocks, std::back_inserter(parts));
+    return parts;
 }
 
 }  // namespace
@@ -281,11 +296,7 @@ std::vector<PkiPart> decodePki(Bytes bytes, const InputPassword& password) {
         if (bytes.size() > kMostInput) {
             throw Failure(kInvalid, fmt::format("the file is larger than {} bytes", kMostInput));
         }
-        parts = outermostEnd(bytes) == bytes.size() ? partsOfBinary(bytes, tried)
-                                                    : partsOfText(bytes, tried);
-        if (parts.empty()) {
-            throw Failure(strangeness(bytes));
-        }
+        parts = partsOfFile(bytes, tried);
     } catch (const Failure& failure) {
         parts.push_back(only(failure));
     }

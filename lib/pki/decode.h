@@ -2,9 +2,8 @@
 // them, one in DER, or PKCS#12, told apart by content.
 //
 // Each part of a file succeeds or fails by itself. Nothing is passed over without a
-// word but what stands outside of PEM blocks, and the parameters that some programs
-// write in front of a key. Hostile input costs memory in proportion to its size, and
-// never more time than a password with kMostIterations does.
+// word but what stands outside of PEM blocks. Hostile input costs memory in proportion to its size,
+// and never more time than a password with kMostIterations does.
 #ifndef LIB_PKI_DECODE_H
 #define LIB_PKI_DECODE_H
 
@@ -37,11 +36,16 @@ inline constexpr long kMostIterations = 10'000'000;
 // user is to be told when there is none.
 using InputPassword = std::function<const SecretText&()>;
 
+// What is rightly left out, and why: a sentence for the user without a full stop.
+struct Skipped {
+    std::string reason;
+};
+
 struct PkiPart {
     unsigned int line = 0;  // where its PEM block begins; 0 in a binary file
     std::string label;      // what the file calls it; may be empty
-    // kWrongPassword, kMalformed, or what the password's source threw.
-    std::variant<PkiObject, Failure> content;
+    // A failure is kWrongPassword, kMalformed, or what the password's source threw.
+    std::variant<PkiObject, Failure, Skipped> content;
 };
 
 // The parts in the order of the file, at least one.

@@ -308,6 +308,31 @@ class ReportTest(ImportTest):
         message = self.fails(50, "missing", "import", "nowhere", self.write("a", "hello"))
         self.assertEqual("none of 2 could be imported", message)
 
+    def test_every_failure_is_told_when_nothing_is_done(self):
+        path = self.write("two.pem", "-----BEGIN CERTIFICATE-----\n\n--- BEGIN X509 CRL\n")
+        for options in ((), ("--json",)):
+            run = self.run_tool("import", path, *options, code=59)
+            self.assertIn("two.pem line 1: the PEM block has no end", run.message)
+            self.assertIn("two.pem line 3: the PEM block has no end", run.message)
+
+    def test_what_is_skipped_is_told(self):
+        run = self.run_tool("import", self.pki / "p256.parameters.pem", env=pki.IN_PASSWORD)
+        self.assertRegex(run.message, "skipped: .*p256.parameters.pem line 1: the key that follows")
+        document = self.import_files("p256.parameters.pem")
+        (skipped,) = document["skipped"]
+        self.assertEqual((str(self.pki / "p256.parameters.pem"), 1),
+                         (skipped["file"], skipped["line"]))
+
+    def test_no_key_is_lost_to_the_form_of_its_file(self):
+        key, leaf = (self.pki / "rsa.key").read_text(), (self.pki / "leaf.pem").read_text()
+        for form in ("\ufeff" + key, " " + key, key.replace("-----", "----"), "key: " + key,
+                     key.replace("-----\n", "----- \n")):
+            document = self.import_files(self.write("odd.pem", form + leaf))
+            self.assertEqual(["key", "certificate"],
+                             [record["kind"] for record in document["records"]])
+            self.assertEqual([], document["failures"])
+            self.run_tool("rm", "--force", *self.records())
+
     def test_too_large_file_is_refused_unread(self):
         path = self.folder / "huge"
         with path.open("wb") as file:

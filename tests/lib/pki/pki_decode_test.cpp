@@ -50,6 +50,9 @@ std::string say(const PkiPart& part) {
     if (const auto* const failure = std::get_if<Failure>(&part.content)) {
         return std::string(nameOf(failure->exitCode())) + ": " + failure->what();
     }
+    if (const auto* const skipped = std::get_if<Skipped>(&part.content)) {
+        return "skipped: " + skipped->reason;
+    }
     const PkiObject& object = std::get<PkiObject>(part.content);
     constexpr const char* kNames[] = {"unknown", "certificate", "crl", "key", "request"};
     return std::string(kNames[static_cast<int>(object.kind)]) + " " +
@@ -104,7 +107,6 @@ TEST(DecodePkiTest, TellsEveryFormByItsContent) {
                 {"rsa.old.der", rsa(), 0},
                 {"p256.old.pem", p256(), 0},
                 {"p256.old.der", p256(), 0},
-                {"p256.parameters.pem", p256(), 0},
                 {"rsa.sealed.pem", rsa(), 1},
                 {"rsa.sealed.der", rsa(), 1},
                 {"rsa.sealed.old.pem", rsa(), 1},
@@ -174,21 +176,188 @@ TEST(DecodePkiTest, PemMayHoldManyAndTextBetween) {
     EXPECT_THAT(say(decodeText(text)), ElementsAre(leaf(), crl(), rsa(), request(), root()));
 }
 
-TEST(DecodePkiTest, EachBlockIsToldByItsLine) {
-    const auto parts =
-        decodeText("\n\n" + files().text("leaf.pem") + "\n" + files().text("root.pem"));
-    ASSERT_THAT(parts, SizeIs(2));
-    EXPECT_EQ(3u, parts[0].line);
-    const std::string leafText = files().text("leaf.pem");
-    EXPECT_EQ(4u + std::count(leafText.begin(), leafText.end(), '\n'), parts[1].line);
+// The text with each line feed replaced by `end`, and `front` in front of each line.
+std::string withLines(const std::string& text, const std::string& front, const std::string& end) {
+    std::string changed = front;
+    for (const char c : text.substr(0, text.size() - 1)) {
+        changed += c == '\n' ? end + front : std::string(1, c);
+    }
+    return changed + end;
 }
 
-TEST(DecodePkiTest, LinesMayEndInCarriageReturns) {
-    std::string text;
-    for (const char c : files().text("root.pem")) {
-        text += c == '\n' ? std::string("\r\n") : std::string(1, c);
+std::string with(std::string text, const std::string& from, const std::string& to) {
+    for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+        text.replace(at, from.size(), to);
     }
-    EXPECT_THAT(say(decodeText(text)), ElementsAre(root()));
+    return text;
+}
+
+TEST(DecodePkiTest, BlocksAreFoundHoweverTheyAreMarked) {
+    const std::string pem = files().text("leaf.pem");
+    const std::string begin = "-----BEGIN CERTIFICATE-----", end = "-----END CERTIFICATE-----";
+    const struct {
+        const char* name;
+        std::string text;
+    } rows[] = {
+        {"byte order mark", "\xEF\xBB\xBF" + pem},
+        {"byte order mark within", "\n\xEF\xBB\xBF" + pem},
+        {"blanks in front", "  \t" + pem},
+        {"no-break space in front", "\xC2\xA0" + pem},
+        {"blanks behind the beginning", with(pem, begin, begin + " \t ")},
+        {"blanks behind the end", with(pem, end, end + " \t ")},
+        {"carriage returns behind the end", with(pem, end, end + "\r\r")},
+        {"no-break space behind both", with(pem, "E-----", "E-----\xC2\xA0")},
+        {"blanks within the dashes",
+         with(pem, "-----BEGIN CERTIFICATE-----", "-- ---  BEGIN  CERTIFICATE - ----")},
+        {"four dashes", with(pem, "-----", "----")},
+        {"two dashes", with(pem, "-----", "--")},
+        {"one dash", with(pem, "-----", "-")},
+        {"no dashes", with(pem, "-----", "")},
+        {"six dashes", with(pem, "-----", "------")},
+        {"dashes of a word processor", with(pem, "-----", "\xE2\x80\x94\xE2\x80\x93-")},
+        {"small letters",
+         with(with(pem, begin, "-----begin certificate-----"), end, "-----end certificate-----")},
+        {"text in front of the beginning", "tls.crt: " + pem},
+        {"text behind the beginning's dashes", with(pem, begin + "\n", begin + "\nsome words\n\n")},
+        {"words that are digits, too", with(pem, begin + "\n", begin + "\nMEMO\n\n")},
+        {"header", with(pem, begin + "\n", begin + "\nComment: first\n\n")},
+        {"indented", withLines(pem, "    ", "\n")},
+        {"quoted", withLines(pem, "> ", "\n")},
+        {"quoted twice", withLines(withLines(pem, "> ", "\n"), "> ", "\n")},
+        {"commented out", withLines(pem, "# ", "\r\n")},
+        {"in a message that adds a dash", with(withLines(pem, "", "\n"), "-----", "- -----")},
+        {"carriage return and line feed", withLines(pem, "", "\r\n")},
+        {"carriage return alone", withLines(pem, "", "\r")},
+        {"empty lines between", withLines(pem, "", "\n\n")},
+        {"one line", with(with(pem, begin + "\n", begin), "\n" + end, end)},
+        {"one line throughout", withLines(pem, "", "")},
+        {"blanks for line feeds", withLines(pem, "", " ")},
+        {"no line feed at the end", pem.substr(0, pem.size() - 1)},
+        {"beginning with a wrong letter", with(pem, "BEGIN", "BEG1N")},
+        {"words after a NUL", with(pem, "E-----", std::string("E-----\0words", 12))},
+        {"no end", pem.substr(0, pem.find("-----END"))},
+        {"end of another type", with(pem, end, "-----END X509 CRL-----")},
+        {"no padding", with(pem, "=", "")},
+        {"unknown type", with(pem, "CERTIFICATE", "SOMETHING")},
+        {"no type", with(pem, " CERTIFICATE", "")},
+    };
+    for (const auto& row : rows) {
+        EXPECT_THAT(say(decodeText(row.text)), ElementsAre(leaf())) << row.name;
+        EXPECT_THAT(say(decodeText(files().text("crl.pem") + row.text + files().text("root.pem"))),
+                    ElementsAre(crl(), leaf(), root()))
+            << row.name;
+    }
+}
+
+TEST(DecodePkiTest, EncryptedKeysAreFoundHoweverTheyAreMarked) {
+    const std::string pem = files().text("rsa.sealed.old.pem");
+    for (const std::string& text :
+         {"\xEF\xBB\xBF" + pem, withLines(pem, "  ", "\r\n"), withLines(pem, "> ", "\n"),
+          withLines(pem, "", "\r"), with(pem, "-----", "----"), with(pem, "Proc-", "Proc\n-"),
+          withLines(pem, "", "\n\n"), withLines(pem, "", "\xC2\xA0\n"),
+          with(pem, "Proc-", "some words\n\nProc-")}) {
+        EXPECT_THAT(say(decodeText(text)), ElementsAre(rsa()));
+    }
+}
+
+TEST(DecodePkiTest, EveryBeginningIsAnObjectOrAMessageWithItsLine) {
+    const std::string pem = files().text("leaf.pem");
+    const struct {
+        std::string text;
+        const char* said;
+    } rows[] = {
+        {"-----BEGIN CERTIFICATE-----\n", "malformed: the PEM block has no end"},
+        {"-----BEGIN CERTIFICATE", "malformed: the PEM block has no end"},
+        {"BEGIN CERTIFICATE\n", "malformed: the PEM block has no end"},
+        {"-- BEGIN\n", "malformed: the PEM block has no end"},
+        {"-----BEGIN CERTIFICATE-----\n-----END CERTIFICATE-----\n",
+         "malformed: the PEM block is damaged"},
+        {"-----BEGIN-----\nMAA=\n-----END-----\n",
+         "malformed: a PEM block without a type cannot be imported"},
+        {"----- BEGIN everything -----\nMAA=\n-----END-----\n",
+         "malformed: a PEM block of type EVERYTHING cannot be imported"},
+        {"-----END CERTIFICATE-----\n", "malformed: the PEM block has no beginning"},
+        {pem.substr(pem.find('\n') + 9), "malformed: the PEM block has no beginning"},
+    };
+    for (const auto& row : rows) {
+        const auto parts = decodeText(files().text("root.pem") + row.text);
+        EXPECT_THAT(say(parts), ElementsAre(root(), row.said)) << row.text;
+        EXPECT_LT(parts[0].line, parts.back().line);
+        EXPECT_THAT(say(decodeText(row.text + "\n" + files().text("root.pem"))),
+                    ElementsAre(row.said, root()))
+            << row.text;
+    }
+}
+
+TEST(DecodePkiTest, WordsAreNoMarks) {
+    const std::string words =
+        "subject: to BEGIN with\nBEGINNING -----BEGINNING-----\n-----WEEKEND CERTIFICATE-----\n"
+        "# BEGIN MANAGED BLOCK\n- begin of a list\n---- END of it ----\nBEGIN:VCARD\n\xE2\x80";
+    EXPECT_THAT(say(decodeText(words + files().text("root.pem") + words)), ElementsAre(root()));
+}
+
+TEST(DecodePkiTest, ParametersOfAKeyAreSkippedWithAWord) {
+    const auto parts = Asked().decodeFile("p256.parameters.pem");
+    EXPECT_THAT(say(parts), ElementsAre(HasSubstr("skipped: the key that follows"), p256()));
+    EXPECT_EQ(1u, parts[0].line);
+    const std::string alone = files().text("p256.parameters.pem").substr(0, 70);
+    EXPECT_THAT(say(decodeText(alone.substr(0, alone.find("-----BEGIN EC PRIVATE")))),
+                ElementsAre(HasSubstr("type EC PARAMETERS cannot be imported")));
+}
+
+std::string pemOf(const char* type, const std::string& der) {
+    const ossl::Bio out(BIO_new(BIO_s_mem()));
+    (void)PEM_write_bio(out.get(), type, "", reinterpret_cast<const unsigned char*>(der.data()),
+                        static_cast<long>(der.size()));
+    char* text = nullptr;
+    const long size = BIO_get_mem_data(out.get(), &text);
+    return {text, static_cast<std::size_t>(size)};
+}
+
+TEST(DecodePkiTest, WhatFollowsAnObjectIsNamed) {
+    const std::string der = files().text("leaf.der");
+    const auto inBlock = decodeText(pemOf("CERTIFICATE", der + "more"));
+    EXPECT_THAT(say(inBlock),
+                ElementsAre(leaf(), "malformed: 4 bytes that follow the object are left out"));
+    EXPECT_EQ(1u, inBlock[1].line);
+    EXPECT_THAT(say(decodeText(der + "\n")),
+                ElementsAre(leaf(), "malformed: 1 bytes that follow the object are left out"));
+    EXPECT_THAT(say(decodeText(der + files().text("root.pem"))), ElementsAre(leaf(), root()));
+}
+
+TEST(DecodePkiTest, BlockOfPkcs12IsOpened) {
+    EXPECT_THAT(say(decodeText(pemOf("PKCS12", files().text("modern.p12")))),
+                testing::UnorderedElementsAre(leaf(), root(), p256()));
+    EXPECT_THAT(say(Asked("wrong").decode(bytesOf(pemOf("PKCS12", files().text("modern.p12"))))),
+                ElementsAre(StartsWith("wrong-password: ")));
+}
+
+// Anything slower than in proportion to the size would not come to an end.
+TEST(DecodePkiTest, MarksInPlentyTakeNoLongerThanTheirSize) {
+    const auto repeated = [](const std::string& text) {
+        std::string all;
+        while (all.size() < (2 << 20)) {
+            all += text;
+        }
+        return all;
+    };
+    for (const std::string& text : {repeated("BEGIN "), repeated("- "), repeated("--BEGINX"),
+                                    repeated("END"), "-----BEGIN CERTIFICATE-----" + repeated("\n"),
+                                    repeated("x") + "-----BEGIN CRL-----\n"}) {
+        EXPECT_THAT(decodeText(text), SizeIs(1));
+    }
+}
+
+TEST(DecodePkiTest, EachBlockIsToldByItsLine) {
+    const std::string leafText = files().text("leaf.pem");
+    const auto leafLines = std::count(leafText.begin(), leafText.end(), '\n');
+    for (const char* const end : {"\n", "\r\n", "\r"}) {
+        const auto parts =
+            decodeText(withLines("\n\n" + leafText + "\n" + files().text("root.pem"), "", end));
+        ASSERT_THAT(parts, SizeIs(2));
+        EXPECT_EQ(3u, parts[0].line);
+        EXPECT_EQ(4u + leafLines, parts[1].line);
+    }
 }
 
 TEST(DecodePkiTest, DamagedBlockDoesNotHideTheOthers) {
@@ -218,7 +387,8 @@ TEST(DecodePkiTest, StrangeFilesAreToldApart) {
     EXPECT_THAT(say(decodeText("hello")),
                 ElementsAre("malformed: the file is neither PEM nor DER"));
     EXPECT_THAT(say(decodeText(der.substr(0, 100))), ElementsAre(HasSubstr("cut off")));
-    EXPECT_THAT(say(decodeText(der + "\n")), ElementsAre(HasSubstr("1 bytes follow the DER")));
+    EXPECT_THAT(say(decodeText("0\x01xyz")), ElementsAre(HasSubstr("2 bytes follow the DER")));
+    EXPECT_THAT(say(decodeText("\xFF\xFE-")), ElementsAre(HasSubstr("UTF-16")));
     EXPECT_THAT(say(decodeText(std::string("\x30\x03\x02\x01\x05", 5))),
                 ElementsAre(HasSubstr("this is DER, but no certificate")));
     EXPECT_THAT(say(decodeText("\x30\x84\xff\xff\xff\xff")), ElementsAre(HasSubstr("cut off")));
