@@ -352,17 +352,20 @@ Status printDscLine(const DscLine& value, std::string& text) {
                          static_cast<unsigned int>(value.data.size()), text);
 }
 
+bool hasContent(const char* line) {
+    while (isSpace(*line)) {
+        ++line;
+    }
+    return *line != '\0' && *line != '!';
+}
+
 Status DscLineReader::next(const char*& line) noexcept {
     for (;;) {
         const char* text = nullptr;
-        if (const Status s = read(text); s != kOk) {
+        if (const Status s = nextOfAll(text); s != kOk) {
             return s;
         }
-        const char* first = text;
-        while (isSpace(*first)) {
-            ++first;
-        }
-        if (*first != '\0' && *first != '!') {
+        if (hasContent(text)) {
             line = text;
             return kOk;
         }
@@ -371,7 +374,7 @@ Status DscLineReader::next(const char*& line) noexcept {
 
 // Each turn of the loop is one fgets(): it takes at most what the buffer has
 // room for, up to a line feed or the end, and counts up to its first NUL.
-Status DscLineReader::read(const char*& line) noexcept {
+Status DscLineReader::nextOfAll(const char*& line) noexcept {
     constexpr std::size_t kStep = 1024;
     if (at_ == end_) {
         return kEnd;

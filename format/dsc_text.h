@@ -96,6 +96,10 @@ struct DscLine {
 // DataToPrint(), with `text` empty unless kOk is returned.
 [[nodiscard]] Status printDscLine(const DscLine& value, std::string& text);
 
+// Whether a line has something to say: it is not blank and no comment ("!" as the first
+// character that is not white space).
+[[nodiscard]] bool hasContent(const char* line);
+
 // Takes a whole descriptor apart into lines, in one pass and in place.
 //
 // Lines are those which a loop of fgets() over a buffer that grows by 1024
@@ -111,17 +115,17 @@ public:
     // belongs to the reader, and stays with its owner, while lines are in use.
     DscLineReader(char* bytes, std::size_t size) noexcept : at_(bytes), end_(bytes + size) {}
 
-    // Moves to the next line that is not blank and no comment ("!" as the first
-    // character that is not white space). `line` ends in NUL instead of its line
-    // feed, and is valid as long as the bytes are.
+    // Moves to the next line that has something to say. `line` ends in NUL instead of
+    // its line feed, and is valid as long as the bytes are.
     //   kOk         `line` is set
     //   kEnd        no line is left
     //   kMalformed  a NUL byte stands at the start of a line; the reading ends
     [[nodiscard]] Status next(const char*& line) noexcept;
 
-private:
-    Status read(const char*& line) noexcept;
+    // The same for any line, for those who show what next() leaves out.
+    [[nodiscard]] Status nextOfAll(const char*& line) noexcept;
 
+private:
     char* at_;   // the next byte to be read
     char* end_;  // the spare byte
 };

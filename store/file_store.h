@@ -21,6 +21,7 @@
 #include "cmn/export.h"
 #include "cmn/secret_bytes.h"
 #include "cmn/status.h"
+#include "format/body_reference.h"
 #include "format/dsc_text.h"
 #include "format/record_name.h"
 #include "os/handles.h"
@@ -53,7 +54,10 @@ public:
         void clear() noexcept;  // `pending` stays as it is
 
         unsigned int dataType() const noexcept { return type & kTypeMask; }
-        bool isBodyReference() const noexcept { return (type & kFlagBody) != 0 && id == 0; }
+        bool isBodyReference() const noexcept { return ::isBodyReference(type, id); }
+        std::string_view bytes() const noexcept {
+            return {reinterpret_cast<const char*>(data), size};
+        }
         std::string text() const;  // the data up to its first NUL
 
         unsigned int type = 0;

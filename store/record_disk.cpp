@@ -102,15 +102,6 @@ std::string freshRecordName(const std::string& folder) {
     }
 }
 
-const FileStore::Attr* findBodyReference(const std::vector<FileStore::Attr>& attrs) {
-    for (const FileStore::Attr& attr : attrs) {
-        if (attr.isBodyReference()) {
-            return &attr;
-        }
-    }
-    return nullptr;
-}
-
 // The path of the body that a descriptor names; empty when it names none, or one
 // that is not the record's to touch.
 Status findBody(const std::string& folder, const std::string& descriptor, std::string& path) {
@@ -119,7 +110,7 @@ Status findBody(const std::string& folder, const std::string& descriptor, std::s
         return status;
     }
     const FileStore::Attr* const reference = findBodyReference(attrs);
-    const std::string name = reference == nullptr ? std::string() : reference->text();
+    const std::string_view name = reference == nullptr ? "" : bodyNameIn(reference->bytes());
     path = isBodyName(name) ? joinPath(folder, name) : std::string();
     return kOk;
 }
@@ -404,7 +395,7 @@ Status FileStore::adoptBody(const Attr& reference) {
         bodyFlag = 1;
         bodyPending = 1;
     }
-    const std::string bodyName = reference.text();
+    const std::string_view bodyName = bodyNameIn(reference.bytes());
     if (!isBodyName(bodyName)) {
         body.clear();
         return kMalformed;  // a file elsewhere, or a descriptor, is not this record's

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include "format/body_reference.h"
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
@@ -20,15 +21,23 @@ struct Options {
 };
 
 std::string describe(const DescriptorLine& line) {
-    if (!line.isData) {
-        return "skipped";
-    }
-    if (!line.isRead) {
-        return "damaged: it does not begin with two numbers";
+    using Form = DescriptorLine::Form;
+    switch (line.form) {
+        case Form::kSkipped:
+            return "skipped";
+        case Form::kNoNumbers:
+            return "damaged: it does not begin with two numbers";
+        case Form::kBadData:
+            return "damaged: its data is not of its type";
+        case Form::kNul:
+            return "damaged: it begins with a NUL byte, and nothing is read from there on";
+        case Form::kAttribute:
+            break;
     }
     const bool encrypted = (line.type & kFlagEncrypted) != 0;
-    if (line.namesBody()) {
-        return fmt::format("body in the file {}{}", line.data, encrypted ? ", encrypted" : "");
+    if (isBodyReference(line.type, line.id)) {
+        return fmt::format("body in the file {}{}", bodyNameIn(line.value),
+                           encrypted ? ", encrypted" : "");
     }
     const std::string_view name = attributeName(line.id);
     return fmt::format("{} {}{}", typeName(line.type & kTypeMask),
@@ -47,7 +56,7 @@ Status run(const Options& options, Context& context) {
             context.output.line("    " + describe(line));
         }
         Json one = {{"line", jsonText(line.text)}, {"meaning", jsonText(describe(line))}};
-        if (line.isRead) {
+        if (line.hasNumbers()) {
             one["type"] = line.type;
             one["id"] = line.id;
             one["data"] = jsonText(line.data);

@@ -33,7 +33,7 @@ public:
                 continue;
             }
             files_.insert(entry.name);
-            if (entry.type == FolderEntry::Type::kFile && isUniqueName(entry.name)) {
+            if (entry.type == FolderEntry::Type::kFile && isBodyName(entry.name)) {
                 bodies.push_back(entry.name);
             } else {
                 others_.push_back(entry);
@@ -65,7 +65,7 @@ private:
         } else if (hasMarker(name, kOldMarker)) {
             examineSaved(name);
         } else {
-            add(FindingKind::kStranger, name, "is no file of the store");
+            addUnknown(name);
         }
     }
 
@@ -90,20 +90,24 @@ private:
             // decide about a file.
             unsure_ = unsure_ || record.hasBody() != body.has_value();
         } catch (const Failure& failure) {
-            if (body && !files_.contains(*body)) {
-                add(FindingKind::kDamaged, name,
-                    fmt::format("names the body file {}, which is missing", *body));
-            } else {
-                add(FindingKind::kDamaged, name, "cannot be read: its text is malformed");
-            }
+            add(FindingKind::kDamaged, name, damageOf(body));
             return;
         }
-        if (body && body->find('/') != std::string::npos) {
-            add(FindingKind::kDamaged, name, "names a body file outside of its folder");
-        } else if (body && !owners_.emplace(*body, name).second) {
+        if (body && !owners_.emplace(*body, name).second) {
             add(FindingKind::kDamaged, name,
                 fmt::format("names the same body file as {}", owners_[*body]));
         }
+    }
+
+    // Of a descriptor that the store does not read.
+    std::string damageOf(const std::optional<std::string>& body) const {
+        if (body && !isBodyName(*body)) {
+            return fmt::format("names {} as its body file, and no body can have that name", *body);
+        }
+        if (body && !files_.contains(*body)) {
+            return fmt::format("names the body file {}, which is missing", *body);
+        }
+        return "cannot be read: its text is malformed";
     }
 
     // The body that a file names, in whatever state the file is.
@@ -111,11 +115,9 @@ private:
         try {
             const std::vector<DescriptorLine> lines = readDescriptor(joined(path_, name));
             std::optional<std::string> body = bodyNameOf(lines);
-            if (body) {
+            if (body && isBodyName(*body)) {
                 named_.insert(*body);
-            } else if (!std::ranges::all_of(lines, [](const DescriptorLine& line) {
-                           return !line.isData || line.isRead;
-                       })) {
+            } else if (!isSound(lines)) {
                 unsure_ = true;  // the damaged line may be the one
             }
             return body;
@@ -129,13 +131,19 @@ private:
         if (named_.contains(name)) {
             return;
         }
-        if (unsure_) {
+        if (!isUniqueName(name)) {
+            addUnknown(name);  // whatever its name: the store has not made it
+        } else if (unsure_) {
             add(FindingKind::kUnnamedBody, name,
                 "is named by no descriptor that can be read, and may belong to a damaged one");
         } else {
             add(FindingKind::kUnnamedBody, name, "is a body file that no descriptor names",
                 Repair::kDelete);
         }
+    }
+
+    void addUnknown(const std::string& name) {
+        add(FindingKind::kStranger, name, "is no file of the store");
     }
 
     void add(FindingKind kind, const std::string& name, const std::string& message,

@@ -1,55 +1,80 @@
 #include "lib/records/descriptor.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <new>
+#include <utility>
 
+#include "format/body_reference.h"
+#include "format/dsc_text.h"
 #include "lib/base/files.h"
 
 namespace fstore {
 namespace {
 
 constexpr std::uint64_t kMostBytes = 1u << 30;
-constexpr const char* kBlanks = " \t\n\v\f\r";
 
-DescriptorLine parseLine(std::string_view text) {
+DescriptorLine parseLine(const char* text) {
+    using Form = DescriptorLine::Form;
     DescriptorLine line;
     line.text = text;
-    // Like the store, nothing after a NUL is looked at.
-    const std::string known(text.substr(0, text.find('\0')));
-    const std::size_t start = known.find_first_not_of(kBlanks);
-    line.isData = start != std::string::npos && known[start] != '!';
-    if (!line.isData) {
+    if (!hasContent(text)) {
         return line;
     }
-    int end = 0;
-    // The format's own rule for numbers: signs, prefixes and all.
-    line.isRead = std::sscanf(known.c_str(), "%x %x %n", &line.type, &line.id, &end) == 2;
-    if (line.isRead) {
-        line.data = known.substr(static_cast<std::size_t>(end));
+    DscHead head;
+    if (parseDscHead(text, head) != kOk) {
+        line.form = Form::kNoNumbers;
+        return line;
     }
+    line.type = head.type;
+    line.id = head.id;
+    line.data = head.text;
+    DscLine value;
+    const Status status = parseDscLine(text, value);
+    if (status == kNoMemory) {
+        throw std::bad_alloc();
+    }
+    line.form = status == kOk ? Form::kAttribute : Form::kBadData;
+    line.value = std::move(value.data);
     return line;
+}
+
+// The bytes and one more, which the line reader wants.
+std::vector<DescriptorLine> parseInPlace(SecretBytes bytes) {
+    bytes.push_back(0);
+    DscLineReader reader(reinterpret_cast<char*>(bytes.data()), bytes.size() - 1);
+    std::vector<DescriptorLine> lines;
+    const char* text = nullptr;
+    Status status = reader.nextOfAll(text);
+    for (; status == kOk; status = reader.nextOfAll(text)) {
+        lines.push_back(parseLine(text));
+    }
+    if (status != kEnd) {
+        lines.emplace_back().form = DescriptorLine::Form::kNul;
+    }
+    return lines;
 }
 
 }  // namespace
 
 std::vector<DescriptorLine> parseDescriptor(std::string_view text) {
-    std::vector<DescriptorLine> lines;
-    while (!text.empty()) {
-        const std::size_t end = std::min(text.find('\n'), text.size());
-        lines.push_back(parseLine(text.substr(0, end)));
-        text.remove_prefix(std::min(end + 1, text.size()));
-    }
-    return lines;
+    return parseInPlace({text.begin(), text.end()});
 }
 
 std::vector<DescriptorLine> readDescriptor(const std::string& path) {
-    const SecretBytes bytes = InputFile(path).readAll(kMostBytes);
-    return parseDescriptor({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+    return parseInPlace(InputFile(path).readAll(kMostBytes));
 }
 
 std::optional<std::string> bodyNameOf(const std::vector<DescriptorLine>& lines) {
-    const auto line = std::ranges::find_if(lines, &DescriptorLine::namesBody);
-    return line == lines.end() ? std::nullopt : std::optional(line->data);
+    const DescriptorLine* const reference = findBodyReference(lines);
+    if (reference == nullptr || reference->isDamaged()) {
+        return std::nullopt;
+    }
+    return std::string(bodyNameIn(reference->value));
+}
+
+bool isSound(const std::vector<DescriptorLine>& lines) {
+    const auto name = bodyNameOf(lines);
+    return std::ranges::none_of(lines, &DescriptorLine::isDamaged) && (!name || isBodyName(*name));
 }
 
 }  // namespace fstore

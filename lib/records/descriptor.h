@@ -1,4 +1,4 @@
-// The text of a descriptor file, line by line, also of a damaged one.
+// A descriptor as the store reads it, line by line, also a damaged one.
 //
 // For looking at what is on disk: records are read and written through the store.
 #ifndef LIB_RECORDS_DESCRIPTOR_H
@@ -9,19 +9,26 @@
 #include <string_view>
 #include <vector>
 
-#include "format/dsc_text.h"
-
 namespace fstore {
 
 struct DescriptorLine {
+    enum class Form {
+        kSkipped,    // blank, or a comment
+        kAttribute,  // what the store takes
+        kNoNumbers,  // damaged: it does not begin with two numbers
+        kBadData,    // damaged: its data is not what its type wants
+        kNul         // damaged: a NUL byte stands at its start. Nothing is read from there on
+    };
+
+    Form form = Form::kSkipped;
     std::string text;       // the whole line, without its line feed
-    bool isData = false;    // neither blank nor a comment
-    bool isRead = false;    // it begins with two numbers
     unsigned int type = 0;  // with its flags
     unsigned int id = 0;
-    std::string data;  // what stands after the numbers
+    std::string data;   // what stands after the numbers
+    std::string value;  // the attribute's bytes
 
-    bool namesBody() const { return isRead && (type & kFlagBody) != 0 && id == 0; }
+    bool hasNumbers() const { return form == Form::kAttribute || form == Form::kBadData; }
+    bool isDamaged() const { return form != Form::kSkipped && form != Form::kAttribute; }
 };
 
 std::vector<DescriptorLine> parseDescriptor(std::string_view text);
@@ -29,8 +36,13 @@ std::vector<DescriptorLine> parseDescriptor(std::string_view text);
 // The lines of the descriptor file at `path`. Throws when it cannot be read.
 std::vector<DescriptorLine> readDescriptor(const std::string& path);
 
-// The name of the body file, by the first line that names one.
+// The name of the body file, as it stands there. It need not be one that isBodyName(). None
+// also when its line is damaged.
 std::optional<std::string> bodyNameOf(const std::vector<DescriptorLine>& lines);
+
+// Whether the store takes the descriptor. If not, some body may have been meant that it does
+// not name.
+bool isSound(const std::vector<DescriptorLine>& lines);
 
 }  // namespace fstore
 

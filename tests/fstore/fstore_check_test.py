@@ -115,6 +115,31 @@ class CheckTest(InitialisedTest):
         (self.settings / "c.dsc").write_text("10000003 00000000 ../keys/00000001\n")
         found = self.findings(code=3)
         self.assertEqual("damaged", found["settings/c.dsc"])
+        text = self.run_tool("check", code=3).text
+        self.assertIn("names ../keys/00000001 as its body file, and no body can have that name",
+                      text)
+        self.assertNotIn("is missing", text)
+
+    def test_a_body_may_have_any_name_that_its_descriptor_knows(self):
+        self.body_of("a").rename(self.settings / "notes.txt")
+        descriptor = self.settings / "a.dsc"
+        lines = descriptor.read_text().split("\n")
+        word = lines[0].split(" ")
+        descriptor.write_text("\n".join([" ".join([*word[:2], "notes.txt"]), *lines[1:]]))
+        self.assertEqual({}, self.findings())
+        self.assertEqual(b"body of a", self.body("a"))
+
+    def test_a_nul_is_read_as_the_store_reads_it(self):
+        """It hides the rest of its line and joins the next one."""
+        descriptor = self.settings / "a.dsc"
+        name = self.body_of("a").name.encode()
+        text = descriptor.read_bytes()
+        descriptor.write_bytes(text.replace(name, name[:4] + b"\0lost\n" + name[4:], 1))
+        self.assertEqual({}, self.findings())
+        self.assertEqual(b"body of a", self.body("a"))
+        self.assertIn(f"body in the file {name.decode()}", self.run_tool("dump", "a").text)
+        descriptor.write_bytes(text + b"\0\n")
+        self.assertEqual("damaged", self.findings(code=3)["settings/a.dsc"])
 
     def test_strangers_are_told_and_left_alone(self):
         (self.settings / "notes.txt").write_text("x")
