@@ -116,7 +116,7 @@ bool writeAll(int fd, const void* data, std::size_t size) noexcept {
     return true;
 }
 
-bool syncClose(File file) noexcept {
+bool closeDurably(File file) noexcept {
     // A sync that failed is not tried again: the system may have dropped the
     // unwritten pages with the error, and the second call would succeed.
     return uninterrupted([&] { return os::fsync(file.get()); }) == 0 && file.close();

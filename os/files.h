@@ -56,7 +56,7 @@ enum class Links {
 // Makes the file's bytes durable and closes it, which happens also when the
 // sync fails. True only when both succeeded. Its name may still be lost with
 // the power: see syncFolder().
-[[nodiscard]] bool syncClose(File file) noexcept;
+[[nodiscard]] bool closeDurably(File file) noexcept;
 
 // Makes the names in a folder durable: what was created, renamed or removed in it. Where
 // the file system has no way to do so, nothing more can be asked of it, and the answer is

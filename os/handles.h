@@ -30,7 +30,7 @@ public:
     }
 
     // Ignores the result of close: what had to reach the disk was closed by
-    // syncClose() (os/files.h), the rest is being given up or was only read.
+    // closeDurably() (os/files.h), the rest is being given up or was only read.
     ~File() {
         const int kept = errno;
         (void)close();

@@ -23,7 +23,7 @@ namespace {
 // An interrupted write may have left the record under its saved name: it is put
 // back then, before anybody takes the database for one without password. False
 // when that cannot be told or not be done.
-bool repaired(const aFileStore& record) {
+bool putBackSaved(const aFileStore& record) {
     const os::ReadLock locked(&RWLocker::m_RWMutex);
     return tryCorrectName(layout::kLive, record.getFileName()) == kOk;
 }
@@ -41,7 +41,7 @@ Status FileStoreSrv::checkPwd(const char* candidate) {
             return kNotOpen;  // whether the database has a password cannot be told
         }
         if (record.isExist() == 0) {
-            if (!repaired(record)) {
+            if (!putBackSaved(record)) {
                 return kNotOpen;
             }
             if (record.isExist() == 0) {

@@ -36,7 +36,7 @@ Status FileStore::writeBody(const char* path) {
         if (written || !file) {
             unfinished.commit();  // complete, or nothing was made
         }
-        return written && os::syncClose(std::move(file)) ? kOk : kIo;
+        return written && os::closeDurably(std::move(file)) ? kOk : kIo;
     });
 }
 

@@ -103,7 +103,7 @@ Status FileStore::writeDSC(const char* path, const char* bodyFileName) {
         if (const Status status = writeDscFile(path, bodyFileName, file); status != kOk) {
             return status;
         }
-        return os::syncClose(std::move(file)) ? kOk : kIo;
+        return os::closeDurably(std::move(file)) ? kOk : kIo;
     });
 }
 

@@ -74,7 +74,7 @@ bool moveOverSaved(const std::string& descriptor, const std::string& saved) {
            moveAside(descriptor, saved);
 }
 
-bool removed(const std::string& path) {
+bool deleteFile(const std::string& path) {
     return os::remove(path.c_str()) == 0;
 }
 
@@ -150,7 +150,7 @@ Status removeRecord(const std::string& folder, const std::string& descriptor,
         if (const Status status = findBody(folder, descriptor, body); status != kOk) {
             return status;
         }
-        if (!removed(descriptor)) {
+        if (!deleteFile(descriptor)) {
             return kIo;
         }
         if (body != kept) {
@@ -161,7 +161,7 @@ Status removeRecord(const std::string& folder, const std::string& descriptor,
 }
 
 bool finish(os::File file, FileStore::Sync sync) {
-    return sync == FileStore::Sync::kNow ? os::syncClose(std::move(file)) : file.close();
+    return sync == FileStore::Sync::kNow ? os::closeDurably(std::move(file)) : file.close();
 }
 
 }  // namespace
@@ -341,7 +341,7 @@ Status FileStore::publish(NewFiles& files, Sync sync) {
 // without its body (I3).
 void FileStore::undoPublish(NewFiles& files, bool replaced) {
     const bool undone = replaced ? os::rename(files.saved.c_str(), files.descriptor.c_str()) == 0
-                                 : removed(files.descriptor);
+                                 : deleteFile(files.descriptor);
     if (files.bodyPath && !(undone && os::syncFolder(folderName.c_str()))) {
         files.bodyPath->commit();
     }
@@ -447,7 +447,7 @@ Status FileStore::removeFiles() {
         (void)os::rename(deleted.c_str(), path.c_str());
         return kIo;
     }
-    (void)removed(deleted);  // one that stays is nobody's record
+    (void)deleteFile(deleted);  // one that stays is nobody's record
     removeBody(bodyPath);
     return kOk;
 }

@@ -197,7 +197,7 @@ void OutputFile::commit() {
     if (!beside_) {
         return;
     }
-    if (!os::syncClose(std::move(file_))) {
+    if (!os::closeDurably(std::move(file_))) {
         failWithErrno("write", name_);
     }
     if (!replace_ && exists(path_)) {

@@ -149,7 +149,7 @@ void writePlan(const std::string& folder, const LostPlan& plan) {
     const std::string text = printPlan(plan);
     os::File file = os::openFile(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR);
     if (!file || !os::writeAll(file.get(), text.data(), text.size()) ||
-        !os::syncClose(std::move(file))) {
+        !os::closeDurably(std::move(file))) {
         failWithErrno("write", path);
     }
     renameFile(beside, path);

@@ -37,7 +37,7 @@ protected:
     static void write(const char* path, const std::string& bytes, bool isSynced) {
         os::File file = os::openFile(path, O_WRONLY | O_CREAT | O_TRUNC);
         ASSERT_TRUE(os::writeAll(file.get(), bytes.data(), bytes.size()));
-        ASSERT_TRUE(isSynced ? os::syncClose(std::move(file)) : file.close());
+        ASSERT_TRUE(isSynced ? os::closeDurably(std::move(file)) : file.close());
     }
 
     static void rename(const char* from, const char* to) { ASSERT_EQ(0, os::rename(from, to)); }
@@ -193,7 +193,7 @@ TEST_F(DiskModelTest, FailedSyncKeepsNothing) {
         const fault::FailingCall failure(1, EIO, fault::Mode::kOnce, {fault::Call::kFsync});
         os::File made = os::openFile("a", O_WRONLY | O_CREAT);
         ASSERT_TRUE(os::writeAll(made.get(), "12", 2));
-        EXPECT_FALSE(os::syncClose(std::move(made)));
+        EXPECT_FALSE(os::closeDurably(std::move(made)));
     });
     EXPECT_THAT(of(Model::kOrdered), Contains(""));
     EXPECT_THAT(of(Model::kOrdered), Contains("a="));

@@ -71,10 +71,10 @@ BUGS = (
         "    return kOk;"),
     Bug("old_descriptor_deleted_instead_of_moved", RECORD,
         "if (replaces && !moveAside(files.descriptor, files.saved)) {",
-        "if (replaces && !removed(files.descriptor)) {"),
+        "if (replaces && !deleteFile(files.descriptor)) {"),
     Bug("old_descriptor_deleted_too_early", RECORD,
         "    if (os::rename(files.newDescriptor->c_str(), files.descriptor.c_str()) != 0) {",
-        "    (void)removed(files.saved);\n"
+        "    (void)deleteFile(files.saved);\n"
         "    if (os::rename(files.newDescriptor->c_str(), files.descriptor.c_str()) != 0) {"),
     Bug("old_body_deleted_too_early", RECORD,
         "    if (sync == Sync::kNow && !os::syncFolder(folderName.c_str())) {",

@@ -270,7 +270,7 @@ TEST(SyncCloseTest, SyncsThenCloses) {
     const TempDir dir;
     os::File file = create(dir / "a");
     const fault::Recorder recorder;
-    EXPECT_TRUE(os::syncClose(std::move(file)));
+    EXPECT_TRUE(os::closeDurably(std::move(file)));
     EXPECT_THAT(recorder.lines(), ElementsAre("fsync " + dir / "a", "close " + dir / "a"));
 }
 
@@ -281,7 +281,7 @@ TEST(SyncCloseTest, AnyFailureIsToldAndLeaksNothing) {
             SCOPED_TRACE(fault::nameOf(call) + std::string(" ") + strerrorname_np(error));
             os::File file = create(dir / "a");
             FailingCall fault(1, error, Mode::kFromThenOn, {call});
-            const bool closed = os::syncClose(std::move(file));
+            const bool closed = os::closeDurably(std::move(file));
             const int reason = errno;
             EXPECT_TRUE(fault.lift());
             EXPECT_EQ(error == EINTR, closed);
@@ -298,7 +298,7 @@ TEST(SyncCloseTest, FailedSyncIsNotTriedAgain) {
     const TempDir dir;
     os::File file = create(dir / "a");
     const FailingCall fault(1, EIO, Mode::kOnce, {Call::kFsync});
-    EXPECT_FALSE(os::syncClose(std::move(file)));
+    EXPECT_FALSE(os::closeDurably(std::move(file)));
 }
 
 TEST(SyncFolderTest, OpensSyncsAndCloses) {
