@@ -74,8 +74,8 @@ Status saveWhole(const char* path, std::span<const unsigned char> bytes) {
         return kIo;
     }
     os::TempPath fresh(std::move(name));
-    if (!os::writeAll(file.get(), bytes.data(), bytes.size()) || !os::closeDurably(std::move(file)) ||
-        os::rename(fresh.c_str(), path) != 0) {
+    if (!os::writeAll(file.get(), bytes.data(), bytes.size()) ||
+        !os::closeDurably(std::move(file)) || os::rename(fresh.c_str(), path) != 0) {
         return kIo;
     }
     fresh.commit();

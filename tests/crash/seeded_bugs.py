@@ -146,8 +146,8 @@ BUGS = (
         "        return removeFiles();", LOCK),
     # Listing.
     Bug("scan_puts_back_over_the_new", "format/record_name.cpp",
-        "    if (!saved.empty()) {",
-        "    if (saved.size() > 1000) {"),
+        "            return descriptors.contains(withoutMarker(name, kOldMarker));",
+        "            return descriptors.contains(\"\");"),
     Bug("scan_does_not_repair", LIST,
         "        if (!hasMarker(name, kOldMarker)) {",
         "        if (hasMarker(name, kOldMarker) || !hasMarker(name, kOldMarker)) {"),
