@@ -4,6 +4,7 @@
 #include "cmn/no_throw.h"
 #include "os/files.h"
 #include "store/file_store.h"
+#include "store/record_file.h"
 
 // The bytes that the body file holds; without buffer object when the buffer or the
 // cipher failed.
@@ -46,13 +47,8 @@ Status FileStore::readBody(const char* path) {
     }
     os::File file;
     off_t length = 0;
-    switch (os::openRegular(path, file, length, os::Links::kRefuse)) {
-        case os::Opened::kFailed:
-            return kMissing;
-        case os::Opened::kNotRegular:
-            return kIo;
-        case os::Opened::kRegular:
-            break;
+    if (const Status status = openRecordFile(path, kIo, file, length); status != kOk) {
+        return status;
     }
     const auto size = static_cast<unsigned int>(length);  // a body has 32 bits of size
     if (static_cast<off_t>(size) != length) {

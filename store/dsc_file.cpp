@@ -7,6 +7,7 @@
 #include "cmn/no_throw.h"
 #include "os/files.h"
 #include "store/file_store.h"
+#include "store/record_file.h"
 
 Status FileStore::bringAttr(const Attr& attr, std::string& line) {
     aBuf bytes(attr.data, attr.size);
@@ -115,13 +116,8 @@ constexpr std::size_t kUsualLines = 8;
 Status readText(const char* path, std::unique_ptr<char[]>& text, std::size_t& size) {
     os::File file;
     off_t length = 0;
-    switch (os::openRegular(path, file, length, os::Links::kRefuse)) {
-        case os::Opened::kFailed:
-            return kMissing;
-        case os::Opened::kNotRegular:
-            return kMalformed;
-        case os::Opened::kRegular:
-            break;
+    if (const Status status = openRecordFile(path, kMalformed, file, length); status != kOk) {
+        return status;
     }
     // More than a line could hold is more than memory should be asked for.
     if (length >= std::numeric_limits<unsigned int>::max()) {
