@@ -26,11 +26,12 @@ MAY_INCLUDE = {
     "store": BELOW_STORE,
     "service": {"store"} | BELOW_STORE,
     "host": BELOW_CLIENT,
-    "modules": {"client"} | BELOW_CLIENT,
+    "ossl": set(),
+    "modules": {"client", "ossl"} | BELOW_CLIENT,
     "lib/base": {"cmn", "os"},
     "lib/records": RECORDS,
     "lib/database": DATABASE,
-    "lib/pki": {"lib/records"} | RECORDS,
+    "lib/pki": {"lib/records", "ossl"} | RECORDS,
     "lib/archive": {"lib/database"} | DATABASE,
     "lib/work": LIBRARY,
     "fstore/terminal": {"lib/base", "cmn", "os"},
@@ -55,7 +56,7 @@ ONLY_IN = [
     (PROCESS, {"os"}, "what concerns process and terminal goes through os/"),
     (THREADS, {"os", "cmn"}, "locks come from os/handles.h or cmn/"),
     (STREAMS, {"bench"}, "file-system calls go through os/"),
-    (OPENSSL, {"modules", "lib", "bench"}, "ciphers are reached through modules"),
+    (OPENSSL, {"ossl", "modules", "lib", "bench"}, "ciphers are reached through modules"),
     (PARSER, {"fstore/commands/cli.cpp"}, "the command line is declared with command.h"),
 ]
 

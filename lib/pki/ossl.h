@@ -1,11 +1,10 @@
-// Owners of OpenSSL's objects, and a scope that leaves no error of OpenSSL behind.
+// Owners of the OpenSSL objects that files of keys and certificates are made of, and their
+// way from and to DER.
 #ifndef LIB_PKI_OSSL_H
 #define LIB_PKI_OSSL_H
 
-#include <memory>
 #include <span>
 
-#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/pkcs12.h>
@@ -13,18 +12,12 @@
 #include <openssl/x509v3.h>
 
 #include "cmn/secret_bytes.h"
+#include "ossl/owner.h"
 
 namespace fstore::ossl {
 
-template <auto Free>
-struct FreeWith {
-    template <class T>
-    void operator()(T* object) const noexcept {
-        Free(object);
-    }
-};
-template <class T, auto Free>
-using Owner = std::unique_ptr<T, FreeWith<Free>>;
+using ::ossl::Owner;
+using ::ossl::QuietErrors;
 
 // The stacks' own functions are macros.
 inline void freeCertificates(STACK_OF(X509) * stack) {
@@ -88,15 +81,6 @@ SecretBytes encoded(const T* object) {
     }
     return der;
 }
-
-// What failed is told in our own words, so OpenSSL's are dropped when this goes.
-class QuietErrors {
-public:
-    QuietErrors() noexcept { ERR_set_mark(); }
-    QuietErrors(const QuietErrors&) = delete;
-    QuietErrors& operator=(const QuietErrors&) = delete;
-    ~QuietErrors() { ERR_pop_to_mark(); }
-};
 
 }  // namespace fstore::ossl
 

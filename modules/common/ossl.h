@@ -1,30 +1,19 @@
-// Owners of OpenSSL's objects, and a scope that keeps its errors to itself.
+// Owners of the OpenSSL objects that the services use.
 #ifndef MODULES_COMMON_OSSL_H
 #define MODULES_COMMON_OSSL_H
-
-#include <memory>
 
 #include <openssl/bn.h>
 #include <openssl/decoder.h>
 #include <openssl/ec.h>
 #include <openssl/encoder.h>
-#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/kdf.h>
 #include <openssl/param_build.h>
 #include <openssl/x509.h>
 
-namespace ossl {
+#include "ossl/owner.h"
 
-template <auto Free>
-struct FreeWith {
-    template <class T>
-    void operator()(T* object) const noexcept {
-        Free(object);
-    }
-};
-template <class T, auto Free>
-using Owner = std::unique_ptr<T, FreeWith<Free>>;
+namespace ossl {
 
 using Cipher = Owner<EVP_CIPHER, EVP_CIPHER_free>;
 using CipherCtx = Owner<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free>;
@@ -42,16 +31,6 @@ using Params = Owner<OSSL_PARAM, OSSL_PARAM_free>;
 using Group = Owner<EC_GROUP, EC_GROUP_free>;
 using Point = Owner<EC_POINT, EC_POINT_free>;
 using Number = Owner<BIGNUM, BN_clear_free>;
-
-// Errors that happen while it lives do not stay in the thread's queue, where the
-// host's own use of OpenSSL would take them for its own.
-class QuietErrors {
-public:
-    QuietErrors() noexcept { ERR_set_mark(); }
-    QuietErrors(const QuietErrors&) = delete;
-    QuietErrors& operator=(const QuietErrors&) = delete;
-    ~QuietErrors() { ERR_pop_to_mark(); }
-};
 
 }  // namespace ossl
 
