@@ -14,7 +14,7 @@
 // Calls that only look are not counted: in front of one, the disk is as in front of the
 // next call that changes it.
 
-// Without this, <fcntl.h> gives open() the name open64; both have to be told apart here.
+// Without this, <fcntl.h> gives openat() the name openat64; both have to be told apart here.
 #undef _FILE_OFFSET_BITS
 
 #include <dlfcn.h>
@@ -97,10 +97,10 @@ void pauseAt(const char* path) {
     }
 }
 
-int openFile(const char* name, const char* path, int flags, mode_t mode) {
+int openFile(const char* name, int folder, const char* path, int flags, mode_t mode) {
     pauseAt(path);
     if ((flags & (O_CREAT | O_TRUNC)) == 0) {
-        return next<int(const char*, int, ...)>(name)(path, flags, mode);
+        return next<int(int, const char*, int, ...)>(name)(folder, path, flags, mode);
     }
     switch (nextCall(Room::kTaken)) {
         case Fate::kDie:
@@ -110,7 +110,7 @@ int openFile(const char* name, const char* path, int flags, mode_t mode) {
         case Fate::kGoOn:
             break;
     }
-    return next<int(const char*, int, ...)>(name)(path, flags, mode);
+    return next<int(int, const char*, int, ...)>(name)(folder, path, flags, mode);
 }
 
 bool isOnDisk(int fd) {
@@ -133,20 +133,20 @@ struct Report {
 
 extern "C" {
 
-int open(const char* path, int flags, ...) {
+int openat(int folder, const char* path, int flags, ...) {
     va_list more;
     va_start(more, flags);
     const mode_t mode = va_arg(more, mode_t);
     va_end(more);
-    return openFile("open", path, flags, mode);
+    return openFile("openat", folder, path, flags, mode);
 }
 
-int open64(const char* path, int flags, ...) {
+int openat64(int folder, const char* path, int flags, ...) {
     va_list more;
     va_start(more, flags);
     const mode_t mode = va_arg(more, mode_t);
     va_end(more);
-    return openFile("open64", path, flags, mode);
+    return openFile("openat64", folder, path, flags, mode);
 }
 
 ssize_t write(int fd, const void* data, size_t size) {
@@ -172,17 +172,14 @@ int fsync(int fd) {
 int syncfs(int fd) noexcept {
     return pass<int>(Room::kNone, "syncfs", fd);
 }
-int rename(const char* from, const char* to) noexcept {
-    return pass<int>(Room::kNone, "rename", from, to);
+int renameat(int from, const char* name, int to, const char* newName) noexcept {
+    return pass<int>(Room::kNone, "renameat", from, name, to, newName);
 }
-int remove(const char* path) noexcept {
-    return pass<int>(Room::kNone, "remove", path);
+int unlinkat(int folder, const char* path, int flags) noexcept {
+    return pass<int>(Room::kNone, "unlinkat", folder, path, flags);
 }
-int mkdir(const char* path, mode_t mode) noexcept {
-    return pass<int>(Room::kTaken, "mkdir", path, mode);
-}
-int rmdir(const char* path) noexcept {
-    return pass<int>(Room::kNone, "rmdir", path);
+int mkdirat(int folder, const char* path, mode_t mode) noexcept {
+    return pass<int>(Room::kTaken, "mkdirat", folder, path, mode);
 }
 
 int flock(int fd, int operation) noexcept {
