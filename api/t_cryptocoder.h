@@ -1,7 +1,8 @@
-// The record cipher, as its handles see it.
+// The record cipher, as its handles see it. Programs use the handles, and
+// client/crypto_coder_exp.h says what each operation does: the handle's operation of the
+// same name.
 //
-// Any thread may call any operation. The order of the operations is a binary
-// contract between modules.
+// The order of the operations is a binary contract between modules.
 #ifndef API_T_CRYPTOCODER_H
 #define API_T_CRYPTOCODER_H
 
@@ -15,12 +16,7 @@ class CMN_EXPORT TCryptoCoder : public CMN_GuardedRef {
 public:
     using CMN_GuardedRef::CMN_GuardedRef;
 
-    // Derives the key from a password. A password without buffer object removes
-    // the key. kIo when no key could be derived; the present key stays then.
     virtual Status setKey(aBuf& password) = 0;
-
-    // The input encrypted, or decrypted, as a whole. A result without buffer
-    // object is a failure: no key, or, when decrypting, a wrong key or damage.
     virtual aBuf encrypt(aBuf& data) = 0;
     virtual aBuf decrypt(aBuf& data) = 0;
 };

@@ -1,5 +1,6 @@
-// Records and lists of records, as their proxies see them. client/file_store_exp.h
-// is what one uses; store/file_store.h tells what each operation promises.
+// Records and lists of records, as their handles see them. Programs use the handles, and
+// client/file_store_exp.h says what each operation does: the handle's operation of the
+// same name.
 //
 // The order of the operations is a binary contract between modules.
 #ifndef API_T_FILESTORE_H

@@ -1,5 +1,5 @@
-// The store service, as its proxy sees it. client/s_filestoreC.h is what one uses;
-// service/s_filestore_mm.h tells what each operation promises.
+// The store service, as its stub sees it. Programs use the stub, and client/s_filestoreC.h
+// says what each operation does: the stub's operation of the same name.
 //
 // The order of the operations is a binary contract between modules.
 #ifndef API_T_FILESTORE_SRV_H
@@ -38,7 +38,7 @@ public:
     virtual Status encode(aBuf key, aBuf data, aBuf& out) = 0;
     virtual Status decode(aBuf key, aBuf data, aBuf& out) = 0;
     virtual Status prepareDBFolders() = 0;
-    // Stand in this table too, besides the one of the guarded reference.
+    // In this table too, besides that of the guarded reference.
     Status init() override = 0;
     Status fini() override = 0;
 };

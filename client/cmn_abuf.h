@@ -1,11 +1,12 @@
 // Byte buffers, and the client of the X.509 common service (module 111) that makes
 // them. Passwords, keys, attributes and bodies travel in an aBuf.
 //
-// A buffer is one thread's at a time; the service stub is every thread's, but for
-// x509cmn_init() and x509cmn_fini().
+// Any thread may use any handle, but a buffer is one thread's at a time, however many
+// handles share it. Any thread may use the service stub, except that x509cmn_init() and
+// x509cmn_fini() have it to themselves.
 //
-// Nothing here throws; an exception out of the service passes through, and leaves
-// every guard as it was.
+// Operations do not throw. Making, copying or assigning a handle can throw std::bad_alloc;
+// what a service throws passes through, and leaves every guard as it was.
 #ifndef CLIENT_CMN_ABUF_H
 #define CLIENT_CMN_ABUF_H
 
@@ -30,25 +31,28 @@ public:
 extern X509CmnSrv theX509Cmn;  // this module's one stub of the service
 
 // New buffers without a reference, to which the caller attaches the first holder:
-// empty, or with a copy of a text, of `len` bytes, of another buffer. The service
-// is acquired when that is not done yet. Null when it cannot be had or fails.
+// empty, or with a copy of a text without its NUL, of `len` bytes, of another buffer.
+// Null when the service cannot be reached, and on failure.
 TBuf* createTBuf();
 TBuf* createTBuf(const char* s);
 TBuf* createTBuf(const unsigned char* data, unsigned int len);
 TBuf* createTBuf(TBuf* src);
 
-// Asks the host for the service anew, and changes theX509Cmn over when the host has
-// another one than it holds. x509cmn_fini() gives the service back. No other thread
-// may use the stub meanwhile.
+// Asks the host for the service again and, when that is another one than theX509Cmn
+// holds, changes over to it. Buffers stay with the service that made them.
 void x509cmn_init();
+// Gives the service back.
 void x509cmn_fini();
 
-// A handle of one buffer. Copies share the buffer. Every operation sets error():
-// kNoObject without a buffer, else what the buffer answered.
+// A handle of one buffer. Copies share the buffer, and the last one that goes deletes it;
+// its contents are wiped. Every operation sets error(): kOk, kNoObject without a buffer,
+// or the status that it returns. A failure leaves the contents as they were. kNoMemory is
+// possible wherever contents are replaced.
 class aBuf : public PKIXAnyObject<TBuf> {
 public:
-    // A new buffer: empty, with a copy of a text without its NUL, or of `len` bytes.
-    // Without a buffer, and with error() kNoObject, when none could be made.
+    // A new buffer: empty, with a copy of a text without its NUL, or of `len` bytes
+    // (`data` may be null when that is 0). Without buffer, and with error() kNoObject,
+    // when none could be made.
     aBuf();
     explicit aBuf(const char* s);
     aBuf(const unsigned char* data, unsigned int len);
@@ -56,7 +60,8 @@ public:
     // A handle of this buffer, which may be null.
     explicit aBuf(TBuf* t);
 
-    // Replace the contents by a copy; kInvalid for null.
+    // Replace the contents by a copy, as the constructors.
+    //   kInvalid  the argument is null
     Status set(const char* s);
     Status set(const unsigned char* data, unsigned int len);
 
@@ -66,19 +71,28 @@ public:
     unsigned char* datap();
     const unsigned char* datap() const;
 
-    // Makes this buffer's contents a copy of the other's. kNoObject when either has
-    // no buffer.
+    // Replaces the contents by a copy of the other's.
+    //   kNoObject  either has no buffer
     Status dup(const aBuf& other);
 
-    // True when the contents differ. A handle without a buffer differs from every
-    // handle, itself included.
+    // True when the contents differ; takes as long wherever the first difference is. A
+    // handle without buffer differs from every handle, itself included.
     bool operator!=(const aBuf& other) const;
 
-    // Replace the contents by those of a file, or the file by the contents.
+    // Replaces the contents by those of a file.
+    //   kInvalid  `path` is null
+    //   kMissing  there is no regular file that can be opened
+    //   kIo       it cannot be read whole
     Status load(const char* path);
+    // Replaces the file by the contents: whole or not at all, durably, readable by its
+    // owner only.
+    //   kInvalid  `path` is null
+    //   kIo       it is as it was; or the new file is there, but may not outlive a loss
+    //             of power
     Status save(const char* path);
 
     // Drop `n` bytes at the front, or at the end.
+    //   kInvalid  there are fewer
     Status shift(unsigned int n);
     Status retreat(unsigned int n);
 };

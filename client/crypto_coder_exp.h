@@ -1,7 +1,12 @@
-// The two handles of the record cipher.
+// The two handles of the record cipher: a key, and what encrypts or decrypts with it.
 //
-// Any thread may call an operation; a handle itself is built, assigned and
-// destroyed by one thread at a time. Copies share the cipher.
+// Copies share the cipher and keep it alive; the last one that goes deletes it, and the
+// key with it. Any thread may call any operation of any handle, also of handles that
+// share a cipher: encrypting and decrypting run side by side, and each uses one key from
+// beginning to end while setKey() changes it. Building, assigning and destroying a handle
+// is one thread's at a time.
+//
+// Making and copying a handle, and what returns a buffer, can throw std::bad_alloc.
 #ifndef CLIENT_CRYPTO_CODER_EXP_H
 #define CLIENT_CRYPTO_CODER_EXP_H
 
@@ -14,17 +19,21 @@
 // What both handles have: a cipher, or none, and its key.
 class CMN_EXPORT CryptoCoderHandle : public CMN_ObjectStub<TCryptoCoder> {
 public:
-    // kNoObject without cipher; otherwise as TCryptoCoder::setKey().
+    // Derives the key from a password of any bytes, which is slow; nobody else waits for
+    // it. A password without buffer removes the key. The password stays the caller's.
+    //   kIo        no key could be derived; the cipher keeps the one it has
+    //   kNoObject  there is no cipher
     [[nodiscard]] Status setKey(aBuf& password);
 
-    // Asks for a handle without cipher that takes no use of the service, neither for
-    // itself nor for a cipher assigned to it: for objects of the service's own module,
-    // which is there as long as they are.
+    // A handle without cipher that does not keep the service in use, neither for itself
+    // nor for a cipher assigned to it: for objects of the service's own module, which is
+    // there as long as they are.
     struct NoUse {};
 
 protected:
     CMN_HIDDEN explicit CryptoCoderHandle(NoUse /*none*/) : CMN_ObjectStub(nullptr, nullptr) {}
-    CryptoCoderHandle();  // a new cipher of the store service, without key
+    // A new cipher without key; without cipher when the store service cannot be reached.
+    CryptoCoderHandle();
     explicit CryptoCoderHandle(TCryptoCoder* coder);  // may be null
 };
 
@@ -34,7 +43,9 @@ public:
     explicit aCryptoEncoder(TCryptoCoder* coder) : CryptoCoderHandle(coder) {}
     CMN_HIDDEN explicit aCryptoEncoder(NoUse none) : CryptoCoderHandle(none) {}
 
-    // Without buffer object when there is no cipher, no key, or it failed.
+    // A new buffer with `data` encrypted as a whole: what a decoder with the same password
+    // takes, in this process or another. The result has no buffer when there is no cipher
+    // or no key, or the step failed. `data` stays as it is.
     aBuf encrypt(aBuf& data);
 };
 
@@ -44,7 +55,9 @@ public:
     explicit aCryptoDecoder(TCryptoCoder* coder) : CryptoCoderHandle(coder) {}
     CMN_HIDDEN explicit aCryptoDecoder(NoUse none) : CryptoCoderHandle(none) {}
 
-    // As encrypt(); also for a wrong key and for damage.
+    // A new buffer with `data` decrypted as a whole. The result has no buffer in the cases
+    // of encrypt(), and for another key and for damage: always with the services of this
+    // system; with another encryption service, when that notices.
     aBuf decrypt(aBuf& data);
 };
 

@@ -1,8 +1,8 @@
-// Bases of the proxies that remember how their last call ended, and the way to
-// keep a decoded object for good.
+// Bases of the proxies that remember how their last call ended, and a way to keep a
+// decoded object for good.
 //
-// As for every object stub: many threads may call one proxy; building, assigning
-// and destroying it are one thread's. error() is then any of the latest calls'.
+// As with every object stub, many threads may call one proxy at once; building, assigning
+// and destroying it is one thread's. error() is then that of any of the latest calls.
 #ifndef CLIENT_PKIXHOOK_H
 #define CLIENT_PKIXHOOK_H
 
@@ -16,9 +16,8 @@
 #include "cmn/id_type.h"
 #include "cmn/status.h"
 
-// An object stub with the status of its last call. A call without an object calls
-// nothing and leaves kNoObject; one that ends by an exception leaves the status
-// as it was.
+// An object stub with the status of its last call. Without object nothing is called and
+// the status is kNoObject; a call that ends in an exception leaves it as it was.
 template <class T>
 class PKIXAnyObject : public CMN_ObjectStub<T> {
 public:
@@ -85,8 +84,8 @@ public:
     explicit PKIXKeyObject(T* target) : PKIXAnyObject<T>(target, &pkixKeyClnt) {}
 
 protected:
-    // Calls an operation that tells in getError() how it ended, which is recorded;
-    // `missing` is the answer without an object.
+    // Calls an operation, and records what the object's getError() then says; `missing` is
+    // the answer without an object.
     template <class R, class Operation>
     R callAndAsk(R missing, Operation operation) const {
         return forwardTo(
@@ -99,17 +98,18 @@ protected:
     }
 };
 
-// The holder under which objects are kept for the life of the process. It is listed
-// at each of them and points at none, so nothing ever gives their references back.
+// The holder under which objects are kept for the life of the process. Each of them
+// lists it and it points at none, so nothing ever takes their references back.
 class XBaseHolder final : public CMN_GRPHolder {
 public:
     void replacePointee(CMN_GuardedRef* /*object*/) override {}
     const TypifiedID& getModuleID() override { return *pModuleID; }
 };
 
-// The object that `obj` holds, or null. With `keep` non-zero it gains a reference
-// that is never given back: it stays alive, and its module loaded, until the
-// process ends. Without `keep` the pointer is good while a proxy holds the object.
+// The object that `obj` holds, or null. With `keep` not 0 it gains a reference that is
+// never given back: it stays alive, and its module loaded, until the process ends. That
+// can throw std::bad_alloc. Without `keep` the pointer is valid while a proxy holds the
+// object.
 XBase* getXBase(const PKIXAnyObject<XBase>& obj, int keep);
 
 #endif  // CLIENT_PKIXHOOK_H

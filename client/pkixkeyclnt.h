@@ -1,14 +1,14 @@
 // The client of the PKIX key service (module 0x3f0008), which makes key objects.
-// client/pkixakey.h is what one uses keys through.
+// Programs use keys through client/pkixakey.h.
 #ifndef CLIENT_PKIXKEYCLNT_H
 #define CLIENT_PKIXKEYCLNT_H
 
 #include "api/t_key.h"
 #include "cmn/cmn_stub.h"
 
-// Any thread may call any operation. Each acquires the service when that is not
-// done yet, and gives a new key without a reference, to which the caller attaches
-// the first holder; null when the service cannot be had or makes no such key.
+// Any thread may call any operation. Each acquires the service if need be, and returns
+// a new key without a reference, to which the caller attaches the first holder; null
+// when the service cannot be reached or makes no such key.
 class aPkixKeyClnt : public CMN_ServiceStub<TPkixKeyService> {
 public:
     // Bound to `target` at once, or with null on first use.

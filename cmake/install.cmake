@@ -8,6 +8,9 @@
 #     LIBDIR/pkgconfig/filestore.pc
 #     share/                            manual pages, completions, documents
 #
+# What an installed header refers to, a header or a document, is installed too;
+# tests/system/install_test.sh looks.
+#
 # Component "tool" is for running, component "dev" for building against.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -73,5 +76,7 @@ install(FILES fstore/completion/fstore.fish
 
 install(FILES README.md docs/disk-format.md docs/crash-safety.md
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/filestore COMPONENT tool)
+install(FILES docs/locking.md
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/filestore COMPONENT dev)
 
 include(package)

@@ -2,9 +2,8 @@
 //
 // Every function has the name, arguments, result and errno of the system call
 // behind it and does nothing else, not even a retry. The build target chooses
-// the definitions: os/fs_posix.cpp for products, tests/support/fs_fault.cpp for
-// tests that make calls fail, fall short, die or lose power. Any thread may
-// call any of them.
+// the definitions: products make the calls; tests can have calls fail, fall short,
+// kill the process or lose power. Any thread may call any of them.
 #ifndef OS_FS_H
 #define OS_FS_H
 

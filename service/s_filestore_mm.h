@@ -1,11 +1,10 @@
 // The store service: the module's one service object, with its factory and the
 // state of the open database.
 //
-// Clients use it through aFileStoreSrv. The database lives in "./db" below the
-// current directory, which nothing here changes. Any thread may call any
-// operation, but open(), close() and recrypt() are serialised by their callers:
-// nothing guards the open state as a whole. No operation throws, but for
-// create(). Passwords are NUL-terminated bytes.
+// Programs use it through aFileStoreSrv (client/s_filestoreC.h), which says what each
+// operation does that the stub has too. Nothing guards the open state as a whole: the
+// callers of open(), close() and recrypt() serialise these. No operation throws but
+// create(), getEncoder() and getDecoder().
 #ifndef SERVICE_S_FILESTORE_MM_H
 #define SERVICE_S_FILESTORE_MM_H
 
@@ -25,7 +24,7 @@
 
 extern "C" {
 
-// What getVersion() and getBuild() tell.
+// What getVersion() and getBuild() return.
 extern CMN_EXPORT const unsigned int FileStore_Module_Version;
 extern CMN_EXPORT const unsigned int FileStore_Module_Build;
 }
@@ -49,57 +48,16 @@ public:
 
     CMN_ObjectManager* GetObjMgr() noexcept { return &ObjectManager; }
 
-    // Opens the database under its password. A failure leaves it closed.
-    //   kAlreadyOpen  it is open
-    //   kIo           a key could not be made or derived
-    //   others        as checkPwd()
     Status open(const char* candidate) override;
-
-    // Drops the key; kClosed when the database is not open. Handles taken before
-    // stay, without a key.
     Status close() override;
-
     int isOpen() override;
-
-    // Compares a password with the digest kept in the record "key" of "./db";
-    // without such a record the empty password is the right one. The database need
-    // not be open.
-    //   kInvalid        null password
-    //   kWrongPassword  it is another one
-    //   kNotOpen        the record could not be read
-    //   kNoDigest       the record holds no digest
-    //   kIo             the digest could not be computed
     Status checkPwd(const char* candidate) override;
-
-    // Gives the database a new password: copies "./db" to "./new_db", re-encrypts
-    // the copy, makes it durable, and swaps the folders, which leaves the old
-    // database in "./old_db". Works on an open and on a closed database and keeps
-    // it so; no record is read or written by others meanwhile. A record that does
-    // not decrypt is copied as it is.
-    //   kInvalid  null new password
-    //   kIo       a folder or a key failed; for a failure after the copy is complete
-    //             the folders tell which password holds, and the service should be
-    //             closed and opened again
-    //   others    as checkPwd(), or of a record that could not be read or listed
     Status recrypt(const char* oldPassword, const char* newPassword) override;
-
-    // A new record, list or cipher, without a reference; null for another type.
-    // Memory that could not be had is std::bad_alloc.
     CMN_GuardedRef* create(unsigned int kind) override;
-
-    // Handles on the service's own ciphers, which carry the database's key while it
-    // is open.
     aCryptoEncoder getEncoder() override;
     aCryptoDecoder getDecoder() override;
-
-    // Encrypt and decrypt with a key of their own or, when `key` has no buffer
-    // object, with the open database's. kIo when there is no result.
     Status encode(aBuf key, aBuf data, aBuf& out) override;
     Status decode(aBuf key, aBuf data, aBuf& out) override;
-
-    // Makes the folders of the database that are missing, and puts "./old_db" back
-    // in place when a change of password was interrupted between its renames; kIo
-    // when a folder is missing afterwards, or not durably there.
     Status prepareDBFolders() override;
 
 private:

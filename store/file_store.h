@@ -1,13 +1,11 @@
 // One record of the store: a name, a folder, typed attributes and an optional body.
 //
-// Clients use records through the handles of client/file_store_exp.h. A record is
-// one thread's at a time. Changes stay in memory until write(); read() replaces
-// what is in memory by what is on disk. Pointers that a getter returns stay valid
-// until the next change of the record. No operation throws.
+// Programs use records through the handles of client/file_store_exp.h, which says what
+// each operation does that a handle has too. Here is what only the module sees.
 //
 // On disk a record is a descriptor, a text file of one attribute a line, and a
 // body file that the descriptor names; see docs/disk-format.md, and
-// docs/crash-safety.md for the order in which they are written.
+// docs/crash-safety.md for the order in which they are written. No operation throws.
 #ifndef STORE_FILE_STORE_H
 #define STORE_FILE_STORE_H
 
@@ -80,10 +78,6 @@ public:
     Status init() override;  // kOk, and nothing else; as fini()
     Status fini() override;
 
-    // Names. The folder has no "/" at its end. The record's name is that of its
-    // descriptor file without the extension: setName("a") makes the file name
-    // "a.dsc", setFileName("a.b.dsc") the name "a.b". Getters never give null. A null
-    // argument empties both names, and leaves the folder as it is.
     const char* getFolderName() override;
     Status setFolderName(const char* folder) override;
     const char* getName() override;
@@ -91,16 +85,8 @@ public:
     const char* getFileName() override;
     Status setFileName(const char* newFileName) override;
 
-    // Turns all that was read in cipher form into plain form.
-    //   kNotOpen  the service is closed and the login check is on
-    //   kIo       a part does not decrypt, or not to what its type allows; parts
-    //             before it are plain now
     Status decrypt() override;
 
-    // The body. setBody(null, 0) makes an empty one, which cannot be written unless
-    // it is encrypted. getBody() gives null when there is none or it is empty; it
-    // gives the cipher bytes between read() and decrypt(). Flag 1: encrypted on
-    // disk from the next write on; more than 1 is kInvalid.
     Status setBody(const unsigned char* bytes, unsigned int size) override;
     unsigned int getBodySize() override;
     const unsigned char* getBody() override;
@@ -108,60 +94,30 @@ public:
     unsigned int getBodyFlag() override;
     int hasBody() override;
 
-    // Attributes, in the order of their addition. Of `kind` only the data
-    // type counts, flags are dropped; see Attr::set() for what the data must be.
-    // addAttr() allows duplicates; setAttr() replaces the first of the same data
-    // type and id, keeping its flags, or adds.
     Status addAttr(unsigned int kind, unsigned int id, const unsigned char* data,
                    unsigned int size) override;
     Status setAttr(unsigned int kind, unsigned int id, const unsigned char* data,
                    unsigned int size) override;
     unsigned int getAttrCount() override;
-    // 0 or null for an index out of range.
     unsigned int getAttrType(unsigned int index) override;
     unsigned int getAttrID(unsigned int index) override;
     unsigned int getAttrSize(unsigned int index) override;
     const unsigned char* getAttr(unsigned int index) override;
-    // Flag 1: encrypted on disk. kEnd for an index out of range, kInvalid for
-    // another flag.
     Status setAttrFlag(unsigned int index, unsigned int flag) override;
     unsigned int getAttrFlag(unsigned int index) override;
-    // The first attribute of this data type and id and, unless `data` is null, with
-    // these bytes; 0xFFFFFFFF when there is none.
     unsigned int findAttr(unsigned int kind, unsigned int id, const unsigned char* data,
                           unsigned int size) override;
     // kInvalid for an index out of range (setAttrFlag() says kEnd; clients know both).
     Status removeAttr(unsigned int index) override;
     Status removeAttrs() override;
 
-    // Reads descriptor and body, repairing an interrupted write. Contents that are
-    // encrypted stay so until decrypt().
-    //   kMissing    no file name, or no such record
-    //   kMalformed  a bad descriptor, or one whose body is no file of the folder, or a
-    //               descriptor; attributes before a bad line are in the record
-    //   others      as readBody()
     Status read() override;
-
-    // Writes the record, crash-safe and durable; an unnamed one gets a fresh name.
-    // kIo for every failure; the old record stands then.
     Status write() override;
-
-    // 1 unless the file system says that there is no such descriptor: one that
-    // cannot be examined is never taken for absent.
     int isExist() override;
-
-    // Deletes the record's files; the record in memory stays as it is.
-    //   kMissing   no file name
-    //   kNoMemory  it is not removed
-    //   kIo        it is not removed, or not durably
     Status remove() override;
 
-    // Identifies this object among all live records of the process; never 0.
     unsigned int getUniqueID() override;
-
-    // RWLocker::kNoLock: read, write, isExist and remove take no lock.
-    Status setLockType(int newType) override;
-    // 0: decrypt() does not ask whether the service is open.
+    Status setLockType(int newType) override;  // RWLocker::kNoLock, or any other
     Status setLoginCheck(int check) override;
 
     // setFileName() that takes the name over.

@@ -1,8 +1,8 @@
 // An ordered list of record handles with one cursor, and the scan of a folder.
 //
-// Clients use lists through aFileStoreList. A list, its cursor included, is one
-// thread's at a time. A walk is getFirst(), then getNext() until it gives a handle
-// without object.
+// Programs use lists through aFileStoreList (client/file_store_exp.h), which says what
+// each operation does. Memory that could not be allocated is std::bad_alloc, with the
+// lock released.
 #ifndef STORE_FILE_STORE_LIST_H
 #define STORE_FILE_STORE_LIST_H
 
@@ -25,38 +25,16 @@ public:
     Status init() override;  // kOk, and nothing else; as fini()
     Status fini() override;
 
-    // Handles returned and stored are copies that share their record.
     aFileStore getFirst() override;
-    aFileStore getNext() override;  // at the end it stays there
-
-    // Erases the element under the cursor, which moves to the next one; without
-    // such an element it does nothing. kOk.
+    aFileStore getNext() override;
     Status removeCurrent() override;
-
     unsigned int isEmpty() override;
-    unsigned int isTail() override;  // 1: the cursor is at the end
-
-    // Also a handle without object; kOk.
+    unsigned int isTail() override;
     Status pushFront(aFileStore& item) override;
     Status pushBack(aFileStore& item) override;
-
-    // Erases the first element that shares the record of `item`.
-    //   kIo   `item` has no object
-    //   kEnd  no such element
     Status remove(aFileStore& item) override;
-
-    // Replaces the contents by the records of a folder, in the folder's order, with
-    // the cursor at the end. Descriptors that an interrupted write had moved aside
-    // are put back first. Records are not read: a damaged one is told when it is.
-    //   kInvalid   null folder
-    //   kIo        the folder cannot be listed whole, or a descriptor not put back;
-    //              the list is as it was
-    //   others     as setFolderName() and setFileName(); the list holds what came before
-    // Memory that could not be had is std::bad_alloc, with the lock released.
     Status readFromFolder(const char* folder) override;
-
-    // RWLocker::kNoLock: readFromFolder() takes no lock.
-    Status setLockType(int newType) override;
+    Status setLockType(int newType) override;  // RWLocker::kNoLock, or any other
 
 private:
     struct CMN_HIDDEN Element : aFileStore {
