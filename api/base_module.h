@@ -26,7 +26,7 @@ public:
     // An object of the given kind for the host itself, or null.
     virtual CMN_GuardedRef* createObject(unsigned int type) = 0;
 
-    // Tells this module of another one; kIo when the module does not care.
+    // Announces another module to this one; kIo when this one does not care.
     virtual Status addModule(unsigned int id, BaseModuleInterface* module) = 0;
 
     // The object of the service `id`, or null when this module does not offer it.

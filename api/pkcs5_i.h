@@ -3,8 +3,8 @@
 //
 // Objects come without a reference: the caller attaches the first holder. Setting
 // parameters, keys and maps needs an object to itself; getting keys, encrypting and
-// decrypting may run in many threads at once. Nothing throws: operations that give
-// an object give null on failure, and error() then tells why. The order of the
+// decrypting may run in many threads at once. Nothing throws: operations that return
+// an object return null on failure, and error() then says why. The order of the
 // operations is a binary contract between modules.
 #ifndef API_PKCS5_I_H
 #define API_PKCS5_I_H
@@ -31,8 +31,8 @@ public:
         kPkcs12 = 1   // key derivation of RFC 7292, appendix B
     };
 
-    // Selectors of parameters. A scheme needs every one of them; an empty password
-    // and an empty salt are values like any other.
+    // Selectors of parameters. A scheme needs all of them; an empty password and an
+    // empty salt are values like any other.
     enum param : unsigned int {
         kPassword = 1,    // up to 1 MiB
         kSalt = 2,        // up to 1 MiB
@@ -44,11 +44,11 @@ public:
         kSecondAlg = 6   // PKI_ALG_AES_GCM
     };
 
-    // A value is for the selector set last. One that does not fit its selector, null
-    // among them, is refused with kInvalid, as is an unknown selector. A parameter that
-    // was refused counts as missing until a value of it is taken, so that there is no
-    // key other than the one asked for; an unknown one stays missing. Every value,
-    // and a refused selector, drops the key, also one that was set.
+    // A value is for the selector set last. kInvalid for a value that does not suit its
+    // selector, for null, and for an unknown selector. A parameter that was refused counts
+    // as missing until it gets a value, so that there is never another key than the one
+    // asked for; an unknown one stays missing. Every value, and a refused selector, drops
+    // the key, also one that was set.
     virtual Status select(param selector) = 0;
     virtual Status supply(TBuf* bytes) = 0;
     virtual Status supply(unsigned int number) = 0;
@@ -70,7 +70,7 @@ public:
     virtual TBuf* decrypt(TBuf* cipher) = 0;
 
     // The status of the calling thread's last operation on an object of this service.
-    // kNoObject: a buffer or a key could not be had of its service.
+    // kNoObject: the service of buffers or keys did not make one.
     virtual Status error() = 0;
 };
 
@@ -78,7 +78,7 @@ class HashMap;
 
 // Key derivation of PKCS#12 (RFC 7292, appendix B). Parameters as for a PBES of type
 // kPkcs12, but keys have 1 to 64 bytes, and there is no second algorithm. The
-// password is UTF-8; it is derived from as a BMPString with its terminating zero.
+// password is UTF-8; the derivation uses it as a BMPString with its terminating zero.
 class CMN_EXPORT P12PBKDF : public CMN_GuardedRef {
 public:
     using CMN_GuardedRef::CMN_GuardedRef;
@@ -97,9 +97,9 @@ public:
     // As PBES::error().
     virtual Status error() = 0;
 
-    // Looks derived keys up in `map`, and adds those that are not there: files in
+    // Looks derived keys up in `map`, and adds those that are not in it: files in
     // which many items share their parameters then cost one derivation. The map holds
-    // keys, under digests of what they were derived from. Null ends it.
+    // keys, under digests of what they were derived from. Null ends this.
     virtual Status setHashMap(HashMap* map) = 0;
 };
 
@@ -108,8 +108,8 @@ class CMN_EXPORT HashMap : public CMN_GuardedRef {
 public:
     using CMN_GuardedRef::CMN_GuardedRef;
 
-    // Adds copies of both; a value that stands under the key is replaced. kInvalid
-    // for null.
+    // Adds copies of both, or replaces the value that is under the key. kInvalid for
+    // null.
     virtual Status add(TBuf* key, TBuf* value) = 0;
     // A new buffer with a copy of the value; null when there is none.
     virtual TBuf* find(TBuf* key) = 0;

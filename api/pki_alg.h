@@ -1,4 +1,4 @@
-// Numbers of algorithms and vendors, as all modules of the application use them.
+// Numbers of algorithms and vendors, the same in all modules of the application.
 #ifndef API_PKI_ALG_H
 #define API_PKI_ALG_H
 

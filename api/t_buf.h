@@ -1,7 +1,7 @@
 // Byte buffers, and the X.509 common service (module 111) that makes them.
 //
 // Objects come without a reference: the caller attaches the first holder. A
-// buffer is one thread's at a time; the service is every thread's. The order of
+// buffer is one thread's at a time; any thread may use the service. The order of
 // the operations is a binary contract between modules.
 #ifndef API_T_BUF_H
 #define API_T_BUF_H
@@ -42,8 +42,8 @@ public:
     // Appends another buffer's contents; a buffer may be appended to itself.
     virtual Status append(TBuf* other) = 0;
 
-    // Non-zero when the contents differ, also from null. Takes the same time
-    // wherever the first difference stands.
+    // Not 0 when the contents differ, also from null. Takes as long wherever the first
+    // difference is.
     virtual int compare(TBuf* other) = 0;
 
     // Replaces the contents by those of a file: kMissing when there is no regular
@@ -51,8 +51,8 @@ public:
     // when it is larger than a buffer can be.
     virtual Status load(const char* path) = 0;
     // Replaces the file by the contents, durably and whole or not at all, readable
-    // by its owner only. kIo when it could not, or when the new file stands there
-    // but the system did not confirm that its name will last.
+    // by its owner only. kIo when that failed, or when the new file is there but the
+    // system did not confirm that its name will last.
     virtual Status save(const char* path) = 0;
 
     // Drop `count` bytes at the front, or at the end; kInvalid when there are fewer.

@@ -3,24 +3,24 @@
 // Objects come without a reference: the caller attaches the first holder.
 // Operations that use a key (sign, verify, encrypt, decrypt, isConsistent and the
 // getters) may run in many threads at once; those that change it need the key to
-// themselves. Nothing throws. Operations that give an object give null on failure,
-// and getError() then tells why. In general
+// themselves. Nothing throws. Operations that return an object return null on failure,
+// and getError() then says why. In general
 //   kInvalid    null, an unknown number, or what a key of this kind cannot do. A number
 //               that no parameter, type or algorithm has is unknown to every key
 //   kMalformed  bytes that are no key of the type; the key stays as it was
 //   kEnd        the key has no value, or a value without such a part
-//   kNoObject   a buffer could not be had of its service
+//   kNoObject   the service of buffers did not make one
 // The order of the operations is a binary contract between modules.
 //
-// Bytes are read as DER, from the first to the last; of what BER allows beyond it nothing
-// is. They are a key when each number is in its range, whoever reads them:
+// Bytes are read as strict DER, from the first to the last; nothing else that BER allows is
+// accepted. They are a key if each number is in its range, in whichever form they come:
 //   RSA      two primes; an odd modulus; an odd public exponent from 3, of up to 64 bits;
 //            all others from 1 and below the modulus, the primes odd
 //   EC       a curve by its name; a scalar from 1 and below the order, in no more bytes
 //            than that; a point of the curve, whole or compressed, not at infinity
 //   Ed25519  a point of the curve, of none of the small orders, in its one encoding
-// Parameters of the algorithm are those that its standard asks for: NULL of RSA, none of
-// Ed25519. Whether the numbers of one key fit each other, isConsistent() finds.
+// The parameters of the algorithm are those that its standard requires: NULL for RSA, none
+// for Ed25519. isConsistent() checks whether the numbers of one key belong together.
 #ifndef API_T_KEY_H
 #define API_T_KEY_H
 
@@ -39,7 +39,7 @@ public:
     using CMN_GuardedRef::CMN_GuardedRef;
 
     enum key_type_t : unsigned int {
-        kNone = 0,       // not known yet: the first PKCS#8 or SubjectPublicKeyInfo tells
+        kNone = 0,       // not known yet: the first PKCS#8 or SubjectPublicKeyInfo sets it
         kSymmetric = 1,  // 1 to 1024 bytes
         kRsa = 2,        // 1024 to 16384 bits
         kEcP256 = 3,
@@ -48,8 +48,8 @@ public:
         kEd25519 = 6
     };
 
-    // Parameters whose value is bytes. Numbers are big-endian without leading zeros,
-    // points are uncompressed, in whatever form they came.
+    // Parameters whose value is bytes. Numbers are big-endian without leading zeros;
+    // points are uncompressed, whatever form they came in.
     enum aka_t : unsigned int {
         kPublicKeyInfo = 1,   // SubjectPublicKeyInfo, DER; settable: the key is public then
         kPrivateKeyInfo = 2,  // PKCS#8 PrivateKeyInfo, DER; settable
@@ -64,33 +64,33 @@ public:
         kBits = 1,        // strength as usually named: 2048, 256, ...
         kIsPrivate = 2,   // 1 when there is something to keep secret, else 0
         kOutputSize = 3,  // largest signature, or ciphertext block, in bytes; not symmetric
-        kUsage = 4        // settable: bits that the owner gives a meaning
+        kUsage = 4        // settable: bits with the owner's meaning
     };
 
     // A new, independent copy; null on failure.
     virtual TKey* duplicate() const = 0;
-    // Non-zero when the types or the key values differ, also from null. What the
-    // owner attached does not count.
+    // Not 0 when the types or the key values differ, also from null. What the owner
+    // attached does not count.
     virtual int compare(TKey* other) const = 0;
-    // Drops the key value, which is wiped with the last key that has it; all else stays.
+    // Drops the key value, which is wiped with the last key that has it; the rest stays.
     virtual Status clear() = 0;
 
     virtual key_type_t getType() const = 0;
-    // The algorithm that the key is meant for: by itself the one of its type. May be
-    // set to that and to PKI_ALG_NONE, and without type to any of a key.
+    // The algorithm that the key is meant for, by default the one of its type. It can be
+    // set to that one and to PKI_ALG_NONE; for a key without type, to that of any type.
     virtual Status setAlg(pki_alg_t alg) = 0;
     virtual pki_alg_t getAlg() const = 0;
 
     // The key value: raw bytes of a symmetric key, PKCS#8 of a private key,
     // SubjectPublicKeyInfo of a public one. setKey() takes the same forms: PKCS#8 of
-    // either version (RFC 5208, RFC 5958), where a public key beside the private one has
-    // to be its own, and attributes are not kept. getKey() gives a key in one form, in
-    // whichever it came: the first version, of EC with the whole public point.
+    // either version (RFC 5208, RFC 5958), in which a public key must be that of the
+    // private one; attributes are not kept. getKey() always returns the same form: the
+    // first version, for EC with the whole public point.
     virtual Status setKey(TBuf* value) = 0;
     virtual TBuf* getKey() const = 0;
 
     // Parameters by tag: bytes that the owner attaches under a number of its own.
-    // Any number will do. Without one, getParam() gives null and kEnd.
+    // Any number will do. Without one, getParam() returns null and kEnd.
     virtual TBuf* getParam(unsigned char tag) const = 0;
     virtual Status setParam(unsigned char tag, TBuf* value) = 0;
     virtual TBuf* getParam(aka_t which) const = 0;
@@ -104,8 +104,8 @@ public:
     virtual TBuf* getRaw() const = 0;
     virtual Status setRaw(const unsigned char* data, unsigned int len) = 0;
 
-    // Where the key lives on a token, two numbers that the owner gives a meaning.
-    // kEnd, and no change of the references, while none were set.
+    // Where the key is on a token, two numbers with the owner's meaning. While none were
+    // set, kEnd and no change of the references.
     virtual Status setTokenId(unsigned int slot, unsigned int object) = 0;
     virtual Status getTokenId(unsigned int& slot, unsigned int& object) const = 0;
 
@@ -128,9 +128,9 @@ public:
     virtual TBuf* encrypt(TBuf* plain) const = 0;
     virtual TBuf* decrypt(TBuf* cipher) const = 0;
 
-    // kOk when the parts of this key fit each other and, unless `other` is null,
-    // its public part, or all of a symmetric key, is `other`'s; kIo when not. The
-    // parts of one key are looked at with `deep` non-zero only, by arithmetic.
+    // kOk when the parts of this key belong together and, unless `other` is null, its
+    // public part, or all of a symmetric key, is `other`'s; kIo when not. The parts of one
+    // key are only checked, by arithmetic, when `deep` is not 0.
     virtual Status isConsistent(TKey* other, int deep) const = 0;
 
     virtual Status setVendor(pki_vendor vendor) = 0;
@@ -144,8 +144,8 @@ class CMN_EXPORT TPkixKeyService : public CMN_GuardedRef {
 public:
     using CMN_GuardedRef::CMN_GuardedRef;
 
-    // New keys: of no type; of a type and without value; from what setKey() takes or
-    // from the raw form. Null on failure, as for an unknown type or malformed bytes.
+    // New keys: without type; of a type, without value; from what setKey() takes or from
+    // the raw form. Null on failure, also for an unknown type and for malformed bytes.
     virtual TKey* createTKey() = 0;
     virtual TKey* createTKey(TKey::key_type_t type) = 0;
     virtual TKey* createTKey(TKey::key_type_t type, const unsigned char* data,

@@ -46,9 +46,10 @@ public:
     explicit mmPBES(PBES::pbes_type t);  // a new object; none for another type
     explicit mmPBES(PBES* object);       // holds `object`, which may be null
 
-    // Set a parameter: its selector, then its value. How each went is in error().
+    // Set a parameter: its selector, then its value. How each went is in error(); a
+    // parameter that was refused counts as missing.
     //   kInvalid  an unknown selector, or a value that does not suit it
-    // A new value drops the key, also one that was set.
+    // Every value drops the key, also one that was set.
     mmPBES& operator<<(PBES::param selector);
     mmPBES& operator<<(const aBuf& bytes);
     mmPBES& operator<<(pki_alg_t alg);

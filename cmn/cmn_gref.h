@@ -1,10 +1,9 @@
 // Objects that modules share, and the holders that keep them alive.
 //
 // A CMN_GuardedRef knows every holder that references it, so the framework can
-// redirect all of them to a replacement, or detach those of a module that goes
-// away. A holder is in practice a CMN_GRefPtr<T>. A CMN_Guard, made by the host,
-// counts the calls and releases in progress, so that a redirection never
-// overlaps one.
+// redirect all of them to a replacement, or detach those of a module that is being
+// unloaded. A holder is in practice a CMN_GRefPtr<T>. A CMN_Guard, made by the host,
+// counts the calls and releases in progress, so that no redirection overlaps one.
 //
 // The order of fields and of virtual operations is a binary contract between
 // modules. Locks: see docs/locking.md.
@@ -35,8 +34,8 @@ public:
     CMN_Guard& operator=(const CMN_Guard&) = delete;
     ~CMN_Guard() override;
 
-    // Raise and lower the count of calls and releases in progress; both return
-    // the new count.
+    // Raise and lower the count of calls and releases in progress, and return the new
+    // count.
     int inc() { return change(1); }
     int dec() { return change(-1); }
 
@@ -137,14 +136,14 @@ class CMN_EXPORT CMN_GuardedRef : public CMN_Reference {
 public:
     using HolderList = slist<CMN_GRPHolder>;
 
-    // `objectType` is what MakeObject() of a successor module will be asked for.
+    // `objectType` is what the framework asks MakeObject() of a successor module for.
     explicit CMN_GuardedRef(unsigned int objectType);
     // A new object with the type and the guard of `src`, and no holder.
     CMN_GuardedRef(const CMN_GuardedRef& src);
     CMN_GuardedRef& operator=(const CMN_GuardedRef&) = delete;
     ~CMN_GuardedRef() override;
 
-    // Start and end of the object's service life, called by the host's side.
+    // Start and end of the object's service life; the host's side calls them.
     virtual Status init() = 0;
     virtual Status fini() = 0;
 
@@ -161,9 +160,9 @@ public:
     using CMN_Reference::addReference;
     using CMN_Reference::remReference;
 
-    // Counts and lists one more reference by `holder`; a holder may be listed
-    // more than once. Without memory to list it throws std::bad_alloc and takes the
-    // count back: an object that nobody else has a reference on is gone then.
+    // Counts and lists one more reference by `holder`; a holder may be listed more than
+    // once. Without memory to list it, throws std::bad_alloc and takes the count back:
+    // an object that nobody else has a reference on is then gone.
     void addReference(CMN_GRPHolder* holder);
 
     // Takes back the newest reference by `holder` and returns the new count; at 0
@@ -199,15 +198,15 @@ private:
 // Construction, assignment and destruction belong to one thread at a time. Other
 // threads may call the object through the holder, and the framework may redirect
 // it, meanwhile. The object that a holder is copied from or assigned must stay until
-// that is done, and a holder that is assigned to must not be redirected at that
-// moment: only calls and destruction raise the guard that a redirection waits for.
+// that is done, and a holder must not be redirected while it is assigned to: only calls
+// and destruction raise the guard that a redirection waits for.
 template <class T>
 class CMN_GRefPtr final : public CMN_GRPHolder {
 public:
     CMN_GRefPtr() noexcept = default;
 
-    // `supplier` is the module to release when the holder lets go of its object,
-    // or null when no release is owed.
+    // `supplier` is the module to release when the holder lets go of its object, or null
+    // for none.
     explicit CMN_GRefPtr(T* object, const TypifiedID* supplier = nullptr) : moduleRef(supplier) {
         attach(object);
     }
@@ -269,8 +268,8 @@ public:
         }
     }
 
-    // Who calls meanwhile waits for the old object's guard, or sees the new one's and
-    // must then find all else done: the guard comes last.
+    // A concurrent caller waits for the old object's guard, or sees the new one's and must
+    // then find everything else done: the guard comes last.
     void replacePointee(CMN_GuardedRef* object) override {
         if (T* const held = get()) {
             held->remReference(this);
@@ -288,8 +287,8 @@ public:
     T* get() const noexcept { return pointee.load(std::memory_order_acquire); }
 
     // The object held, with its guard raised, so that it is not replaced until the
-    // caller lowers `raised`; null stands for no guard. The object may be replaced
-    // until the guard is up, hence the second look.
+    // caller lowers `raised`, which is null if there is no guard. The object may be
+    // replaced until the guard is up, hence the second look.
     T* raise(CMN_Guard*& raised) const {
         for (;;) {
             raised = heldGuard();
@@ -332,8 +331,8 @@ private:
         unlessListed.holder = nullptr;
     }
 
-    // For a holder that is empty. Whoever sees the object sees its guard as well; and
-    // once it is listed it may be redirected, so that comes last.
+    // For an empty holder. Whoever sees the object also sees its guard; and once the holder
+    // is listed it may be redirected, so that comes last.
     void attach(T* object) {
         if (object != nullptr) {
             guard.store(object->getGuard(), std::memory_order_release);
@@ -344,8 +343,8 @@ private:
         }
     }
 
-    // A release that destroys the object leaves the guard raised: the guard may have
-    // gone with the object, and lowering it is then the host's.
+    // A release that destroys the object leaves the guard raised: the guard may have gone
+    // with the object, and if not, the host lowers it.
     void release() {
         CMN_Guard* raised = nullptr;
         T* const held = raise(raised);
@@ -366,9 +365,9 @@ private:
 // The holder with which the object manager pins an object while it works on it.
 class CMN_EXPORT DummyHolder final {
 public:
-    // Attaches `object`, which may be null, and spins until someone else holds it
-    // too: until its creator has attached the first holder, the release of this
-    // one would destroy a half-built object. There is no limit and no sleep.
+    // Attaches `object`, which may be null, and spins until someone else holds it too:
+    // before its creator has attached the first holder, releasing this one would destroy
+    // a half-built object. There is no limit and no sleep.
     explicit DummyHolder(CMN_GuardedRef* object);
     DummyHolder(const DummyHolder&) = delete;
     DummyHolder& operator=(const DummyHolder&) = delete;

@@ -1,14 +1,14 @@
 // The registry of all live guarded objects of one module.
 //
 // Objects enter it at construction and leave it at destruction. The host uses it
-// when a module is replaced or unloaded, through the exported functions of
+// when it replaces or unloads a module, through the exported functions of
 // cmn/objmgrfunc.h. Any thread may call any operation; walks exclude each other
 // and every change of a reference count of the module. Before a walk begins, it
 // waits, without the lock, for the objects that have no reference: such an object is
-// still being handed to its first holder, or its last holder has just let go, and the
+// on its way to its first holder, or its last holder has just let go, and the
 // thread that does either needs the lock. So the caller of a walk must neither own
-// that lock nor have such an object itself. What a walk leaves without holders is
-// destroyed after it, without the lock.
+// that lock nor have such an object itself. A walk destroys what it has left without
+// holders when it is over, without the lock.
 //
 // The order of fields and of virtual operations is a binary contract between
 // modules.
@@ -42,15 +42,14 @@ public:
     DummyHolder* getObj();
 
     // Takes over every object of `parent`: makes a successor of each that is held,
-    // with MakeObject(), redirects all its holders to the successor, or to nothing when
+    // with MakeObject(), redirects all its holders to the successor, or to nothing if
     // there is none, and lets the old object go. Waits until no call and no
     // release is in progress on the object. Does not end while an object of
-    // `parent` survives without holders: a plain reference is the host's to drop.
+    // `parent` survives without holders: the host has to drop its plain references.
     void init(CMN_ObjectManager* parent);
 
-    // The same, asked of the old registry: its objects go over to those that `make`,
-    // the MakeObject() of another module, makes. For a host, whose own MakeObject() is
-    // none of the modules'.
+    // The same, called on the old registry: `make`, the MakeObject() of another module,
+    // makes the successors. For a host, whose own MakeObject() makes nothing of a module.
     using Successor = CMN_GuardedRef* (*)(unsigned int type, CMN_GuardedRef& old);
     void giveUp(Successor make);
 
@@ -58,7 +57,7 @@ public:
     int moduleIsUsedBy(const TypifiedID& id);
 
     // Detaches every holder that lives in module `id`; returns how many let go by
-    // themselves. One that did not is cut loose and not counted.
+    // themselves. One that did not is detached by force and not counted.
     int unhookObjs(const TypifiedID& id);
 
     // Calls fini() of every object, newest first.
@@ -67,13 +66,13 @@ public:
     // How many objects there are.
     int size();
 
-    // True while a call or a release is in progress on an object, or an object is
-    // still being handed to its first holder.
+    // True while a call or a release is in progress on an object, or an object is on its
+    // way to its first holder.
     bool isBusy();
 
     // Detaches the holders that live outside of module `home` from every object on
-    // which no call and no release is in progress, and gives the number of those
-    // that it left alone for that. The module is to be unloaded although it is used.
+    // which no call and no release is in progress; returns the number of objects that it
+    // skipped. For a module that is to be unloaded although it is used.
     int unhookForeign(const TypifiedID& home);
 
 private:

@@ -14,8 +14,8 @@
 
 class CMN_EXPORT CMN_Reference {
 public:
-    // Guards all counts of this module, and the module's object registry. On a cache line
-    // of its own: who only reads what lies beside it does not wait for those who count.
+    // Guards all counts of this module, and the module's object registry. It has a cache
+    // line to itself, so that reading what lies beside it never waits for counting.
     alignas(64) static CMN_RecursiveMutex RefMutex;
 
     CMN_Reference() noexcept : CMN_Reference(&RefMutex) {}
@@ -29,13 +29,13 @@ public:
 
     virtual ~CMN_Reference();
 
-    // The count, read without the mutex: already history when it is looked at.
+    // The count, read without the mutex: it may be out of date at once.
     int references() const noexcept { return count.load(std::memory_order_relaxed); }
 
     void addReference();
 
-    // Returns the new count. At 0 the object is gone. There is no guard against
-    // going below zero: at count 0 the result is -1 and nothing is deleted.
+    // Returns the new count. At 0 the object is gone. Nothing prevents a count below
+    // zero: at count 0 the result is -1 and nothing is deleted.
     int remReference();
 
 protected:

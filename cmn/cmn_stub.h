@@ -1,12 +1,12 @@
 // Client stubs: how code calls objects and services, of other modules and of its own.
 //
 // A service stub stands for one service, found through the host on first use. An
-// object stub wraps one object that a service handed out, and keeps the service in
-// use while it lives. A proxy derives from one of them and adds a forwarding
-// method per operation; every call runs with the target's guard raised.
+// object stub wraps one object that a service made, and keeps the service in use while
+// it lives. A proxy derives from one of them and adds a forwarding method for each
+// operation; every call runs with the target's guard raised.
 //
-// Service stubs are shared by all threads. One object stub may be called by many
-// threads at once; building, assigning and destroying it are one thread's.
+// All threads share a service stub. Many threads may call one object stub at once;
+// building, assigning and destroying it is one thread's at a time.
 //
 // The order of fields and of virtual operations is a binary contract between
 // modules.
@@ -50,7 +50,7 @@ private:
     CMN_Guard* guard;
 };
 
-// The guard lock of a call through a holder; gives the object to call, or null.
+// The guard lock of a call through a holder; `target` becomes the object to call, or null.
 class CMN_EXPORT GuardLockVar : public GuardLock {
 public:
     template <class T>
@@ -65,9 +65,8 @@ private:
     }
 };
 
-// Calls `operation` of the object that `ref` holds, with its guard raised, also
-// while an exception passes; without an object answers with what `missing()`
-// gives.
+// Calls `operation` of the object that `ref` holds, with its guard raised, also while
+// an exception passes; without an object returns what `missing()` returns.
 template <class T, class Missing, class Operation>
 auto forwardTo(const CMN_GRefPtr<T>& ref, Missing missing, Operation operation)
     -> decltype(operation(*ref.get())) {
@@ -94,8 +93,8 @@ protected:
 template <class T>
 class CMN_ServiceStub : public CMN_ServiceStubInterface {
 public:
-    // A stub for the service of module `service`, which must outlive it; bound at
-    // once to `target` unless that is null.
+    // A stub for the service of module `service`, an identifier that must outlive it;
+    // bound at once to `target` unless that is null.
     explicit CMN_ServiceStub(const TypifiedID& service, T* target = nullptr)
         : m_ref(target, &service) {}
     CMN_ServiceStub(const CMN_ServiceStub&) = delete;
@@ -106,15 +105,15 @@ public:
         return *this;
     }
 
-    // One more object depends on the service. Acquires it if the host has it; the
-    // use is counted in any case.
+    // One more object depends on the service. Acquires it if the host has it, and counts
+    // the use in any case.
     void ref() override {
         const std::lock_guard locked(mutex);
         bind();
         ++count;
     }
 
-    // Undoes one ref(); the last one gives the service and its module back.
+    // Undoes one ref(); the last one releases the service and its module.
     void unref() override {
         const std::lock_guard locked(mutex);
         if (--count == 0 && m_ref.get() != nullptr) {
@@ -124,7 +123,7 @@ public:
 
     virtual ~CMN_ServiceStub() = default;
 
-    // Acquires the service unless that is done; false when it cannot be had now.
+    // Acquires the service unless that is done; false when it cannot be reached now.
     bool acquire() {
         if (m_ref.get() != nullptr) {
             return true;
@@ -148,8 +147,8 @@ public:
 
 protected:
     // Acquires the service and calls operation(T&); `missing` is the answer when it
-    // cannot be had. When another thread's unref() gives the service back before it
-    // is called, it is acquired again.
+    // cannot be reached. If another thread's unref() releases the service before the
+    // call, it is acquired again.
     template <class R, class Operation>
     R call(R missing, Operation operation) {
         while (acquire()) {
@@ -210,8 +209,8 @@ public:
         return *this;
     }
 
-    // Takes the other's object over; both keep the use of the service that they have. May
-    // need memory: see CMN_GRefPtr::takeOver().
+    // Takes the other's object over; both keep their uses of the service. May need memory:
+    // see CMN_GRefPtr::takeOver().
     // NOLINTNEXTLINE(performance-noexcept-move-constructor)
     CMN_ObjectStub& operator=(CMN_ObjectStub&& other) {
         m_ref.takeOver(other.m_ref);

@@ -34,11 +34,11 @@ public:
     virtual CMN_Guard* currentGuard() = 0;
 
     // The service object of a module, on behalf of the module `asker`; null when
-    // there is none. A result counts as one use of the service's module, given
-    // back with releaseModule(). The caller takes its own reference on the object.
+    // there is none. A result counts as one use of the service's module, which
+    // releaseModule() ends. The caller takes its own reference on the object.
     virtual CMN_GuardedRef* acquireService(const TypifiedID& service, const TypifiedID& asker) = 0;
 
-    // Gives back one use of `module` by `asker`. One that was never taken is ignored.
+    // Ends one use of `module` by `asker`. Ignored if there is none.
     virtual void releaseModule(const TypifiedID& module, const TypifiedID& asker) = 0;
 };
 

@@ -47,7 +47,7 @@ public:
 
     constexpr unsigned int value() const noexcept { return val; }
 
-    // Unsigned: -1 when other's value is the smaller one, 0, or 1 when it is the greater.
+    // Unsigned: -1 when the other value is smaller, 0 when equal, 1 when greater.
     int val_comp(const TypifiedID& other) const override;
     void dump() const override;
 

@@ -10,8 +10,8 @@
 
 #include "cmn/status.h"
 
-// Runs an operation's body and returns its status. Memory that could not be had,
-// or a size that no container can hold, is kNoMemory; nothing passes through.
+// Runs an operation's body and returns its status. Memory that could not be allocated,
+// or a size that no container can hold, is kNoMemory; no exception passes.
 template <class Body>
 [[nodiscard]] Status noThrow(Body&& body) noexcept {
     try {

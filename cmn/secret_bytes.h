@@ -1,4 +1,4 @@
-// Bytes that may be secret: wiped whenever their memory is given back.
+// Bytes that may be secret: wiped whenever their memory is freed.
 #ifndef CMN_SECRET_BYTES_H
 #define CMN_SECRET_BYTES_H
 
@@ -8,8 +8,8 @@
 
 #include "cmn/wipe.h"
 
-// An allocator that wipes memory before it frees it, also that which a container
-// leaves behind when it grows.
+// An allocator that wipes memory before it frees it, also what a container leaves behind
+// when it grows.
 template <class T>
 struct WipingAllocator {
     using value_type = T;

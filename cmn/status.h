@@ -1,9 +1,9 @@
 // The status codes of the store, named once.
 //
-// Every operation answers with an unsigned 32-bit status, 0 for success. The
-// numbers are part of the binary contract with other modules and appear again
-// as exit codes of the command-line tool; statuses of other modules are passed
-// on unchanged, so a status is a number and not an enumeration.
+// Operations return an unsigned 32-bit status, 0 for success. The numbers are part of the
+// binary contract with other modules and are the exit codes of the command-line tool.
+// Statuses of other modules are passed on unchanged, so a status is a number and not an
+// enumeration.
 #ifndef CMN_STATUS_H
 #define CMN_STATUS_H
 
@@ -21,7 +21,7 @@ inline constexpr Status kClosed = 35;        // database or iterator not open
 inline constexpr Status kEnd = 36;           // out of range, not found, end of a listing
 inline constexpr Status kNoObject = 40;      // a proxy or stub holds no object
 inline constexpr Status kMissing = 50;       // no such file, or a record without file name
-inline constexpr Status kMalformed = 59;     // data that cannot be read as what it should be
+inline constexpr Status kMalformed = 59;     // malformed data
 inline constexpr Status kNoDigest = 74;      // password record without its digest
 
 #endif  // CMN_STATUS_H

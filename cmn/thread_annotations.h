@@ -1,4 +1,4 @@
-// Names for clang's thread-safety attributes; they vanish under other compilers.
+// Names for clang's thread-safety attributes; other compilers ignore them.
 #ifndef CMN_THREAD_ANNOTATIONS_H
 #define CMN_THREAD_ANNOTATIONS_H
 

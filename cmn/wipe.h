@@ -1,4 +1,4 @@
-// Clears memory that held a secret, also when nobody reads it again.
+// Clears memory that held a secret, also when nothing reads it again.
 #ifndef CMN_WIPE_H
 #define CMN_WIPE_H
 

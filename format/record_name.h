@@ -1,8 +1,8 @@
 // The names that a record's files have in its folder.
 //
-// Pure functions of their arguments: no file is looked at, nothing is
-// remembered, and any thread may call them. Memory that could not be had is
-// std::bad_alloc, which the operations that use these names turn into a status.
+// Pure functions of their arguments: they look at no file and remember nothing, and any
+// thread may call them. They throw std::bad_alloc for want of memory, which the operations
+// that use these names turn into a status.
 #ifndef FORMAT_RECORD_NAME_H
 #define FORMAT_RECORD_NAME_H
 
@@ -24,8 +24,7 @@ inline constexpr std::string_view kDeletedMarker = ".$d$";  // on its way out
 // gives "a.b", ".dsc" gives "".
 [[nodiscard]] std::string_view recordName(std::string_view file);
 
-// Whether the name is something that the marker (or kDscSuffix) has been put
-// behind. The marker alone is no such name.
+// Whether the name ends in the marker (or kDscSuffix). The marker alone does not count.
 [[nodiscard]] constexpr bool hasMarker(std::string_view name, std::string_view marker) {
     return name.size() > marker.size() && name.ends_with(marker);
 }
@@ -36,23 +35,23 @@ inline constexpr std::string_view kDeletedMarker = ".$d$";  // on its way out
 // The n-th unique name, 8 lower-case hexadecimal digits.
 [[nodiscard]] std::string uniqueName(unsigned int n);
 
-// Whether uniqueName() gives this name for some number.
+// Whether uniqueName() returns this name for some number.
 [[nodiscard]] bool isUniqueName(std::string_view name);
 
-// Whether the name stands for an entry of the folder itself: it is not empty,
-// "." or "..", and has no "/" in it.
+// Whether the name is that of an entry of the folder itself: it is not empty, "." or "..",
+// and has no "/" in it.
 [[nodiscard]] bool isPlainName(std::string_view name);
 
-// Whether a file of this name can be a record's body: it is a plain name, and none
-// that a descriptor has at any time.
+// Whether a file of this name can be a record's body: a plain name that no descriptor has
+// at any time.
 [[nodiscard]] bool isBodyName(std::string_view name);
 
 // folder + "/" + name.
 [[nodiscard]] std::string joinPath(std::string_view folder, std::string_view name);
 
-// Reduces the names of a folder's files to its records: all descriptors, then
-// each saved descriptor (still with its kOldMarker) in whose place no descriptor
-// stands. Either group keeps its order; no other name remains.
+// Reduces the names of a folder's files to its records: all descriptors, then each saved
+// descriptor (still with its kOldMarker) whose place is empty. Both groups keep their
+// order; all other names are dropped.
 void correctFileNameList(std::vector<std::string>& names);
 
 #endif  // FORMAT_RECORD_NAME_H

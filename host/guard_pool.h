@@ -1,20 +1,20 @@
 // The host's guards, one for each guarded object.
 //
 // A caller reads the guard of its holder and raises it before it looks whether the
-// object is still there. It may therefore raise the guard of an object that has
-// just gone, so a guard is never freed while its pool lives: it is used again, for
-// another object. The late caller then raises and lowers a stranger's guard, which
-// harms nobody.
+// object is still there. So it may raise the guard of an object that has just gone, and
+// therefore the pool never frees a guard while it lives but uses it again, for another
+// object. The late caller then raises and lowers the guard of an object that is not its
+// own, which does no harm.
 //
-// The pool keeps a plain reference on each guard; a guard with that one alone has
-// no object. A release that destroyed its object has left the guard raised, by
-// contract; the pool lowers it before it gives the guard out again.
+// The pool keeps a plain reference on each guard; a guard that has only this one has no
+// object. A release that destroyed its object has left the guard raised, by contract; the
+// pool lowers it before it hands the guard out again.
 //
-// Memory stays within about twice the largest number of objects that lived at one
-// time, and the cost of a guard is constant on average, however long the objects
-// live: each call adds two looks to a credit, and goes round the guards until it
-// finds a free one or the credit is spent. Only then a new guard is made, which
-// happens when more than half of the guards looked at were in use.
+// Memory stays within about twice the largest number of objects that lived at one time,
+// and a guard costs the same on average, however long the objects live: each call adds
+// two looks to a credit, and goes round the guards until it finds a free one or the credit
+// is spent. Only then it makes a new guard; that is, when more than half of the guards it
+// looked at were in use.
 //
 // Any thread may call any operation, also with locks of the framework held: the
 // pool's lock is the last of the lock order.
@@ -33,18 +33,18 @@ public:
     GuardPool() = default;
     GuardPool(const GuardPool&) = delete;
     GuardPool& operator=(const GuardPool&) = delete;
-    // Guards that objects still use die with these.
+    // Guards that objects still use go with these.
     ~GuardPool();
 
-    // A guard that no object uses, not raised. It stays the pool's: the object that
-    // it is for takes a reference on it before this thread asks for the next one.
-    // Throws std::bad_alloc.
+    // A guard that no object uses, not raised. The pool keeps it; the object that it is
+    // for takes a reference on it before this thread asks for the next one. Throws
+    // std::bad_alloc.
     CMN_Guard* next();
 
-    // Raises the guards whose count has fallen below 0. Two threads that let go of
-    // an object, one as a destructor and the last one by an assignment, can leave
-    // it to the first to lower the guard when the pool has done so already; until
-    // that is mended, a takeover of objects would wait for the guard's object.
+    // Raises the guards whose count has fallen below 0. When two threads let go of an
+    // object, one in a destructor and then one by an assignment, the first may lower the
+    // guard after the pool has done so; until that is mended, a takeover of objects would
+    // wait for the guard's object.
     void mend();
 
     // The guards made so far.
@@ -54,9 +54,9 @@ private:
     CMN_Guard* take();
     CMN_Guard* findFree() CMN_REQUIRES(lock_);
 
-    // Guards the state of all pools and the references of all guards: a pool that
-    // finds one reference alone knows that nobody is about to add another. Shared,
-    // because guards may outlive their pool.
+    // Guards the state of all pools and the references of all guards: a pool that finds
+    // a single reference knows that nobody is about to add another. Shared, because
+    // guards may outlive their pool.
     static CMN_RecursiveMutex lock_;
 
     std::vector<CMN_Guard*> guards_ CMN_GUARDED_BY(lock_);

@@ -1,4 +1,4 @@
-// What a host's operation answers: a status, and for a failure the reason in words.
+// What an operation of the host returns: a status, and for a failure the reason in words.
 #ifndef HOST_RESULT_H
 #define HOST_RESULT_H
 

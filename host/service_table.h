@@ -1,11 +1,11 @@
 // Who offers which service, and who uses it: what modules ask the host about.
 //
-// Any thread may call any operation, also with locks of the framework held: the
-// table's lock is a leaf, and nothing of a module is called while it is held. So a
-// module is served by a look into this table, whatever the host is doing.
+// Any thread may call any operation, also while it holds locks of the framework: the
+// table's lock is a leaf, and no code of a module runs while it is held. So modules need
+// not wait, whatever the host is doing.
 //
-// A use is counted for the asker that acquired a service. A module's uses of its
-// own service are not counted: they must not keep it from being unloaded.
+// A use counts for the asker that acquired a service. A module's uses of its own service
+// do not count: they must not prevent its unloading.
 #ifndef HOST_SERVICE_TABLE_H
 #define HOST_SERVICE_TABLE_H
 
@@ -18,8 +18,8 @@
 #include "cmn/id_type.h"
 #include "cmn/thread_annotations.h"
 
-// The number of an identifier; none for a text. The value is read, and not compared
-// by the identifier's own operations, which are code of the module that asks.
+// The number of an identifier; none for a text. Reads the value instead of calling the
+// identifier's own comparison, which is code of the module that asks.
 std::optional<unsigned int> numberOf(const TypifiedID& id) noexcept;
 
 // An identifier in print, and as a key: a number in decimal, a text in quotes.
@@ -27,22 +27,22 @@ std::string nameOf(const TypifiedID& id);
 
 class ServiceTable {
 public:
-    // What was counted for a module at one moment.
+    // What was counted for a module at one time.
     struct Uses {
         std::map<std::string, int> byAsker;  // above 0 each
-        unsigned int acquisitions = 0;       // all that ever were, so that one in between is seen
+        unsigned int acquisitions = 0;       // ever, so that one in between shows
     };
 
     ServiceTable() = default;
     ServiceTable(const ServiceTable&) = delete;
     ServiceTable& operator=(const ServiceTable&) = delete;
 
-    // What the modules ask for; see TModuleManager. A service of the host's own goes
+    // What the modules ask for; see TModuleManager. A service of the host itself comes
     // before that of a module. Null also when there is no memory to count the use.
     CMN_GuardedRef* acquire(const TypifiedID& service, const TypifiedID& asker) noexcept;
     void release(const TypifiedID& module, const TypifiedID& asker) noexcept;
 
-    // Offers `service` as the host's own service `id`, or none when it is null.
+    // Offers `service` as the host's own service `id`; null ends that.
     void setOwn(unsigned int id, CMN_GuardedRef* service);
 
     // Module `id` has come, and offers `service`; or it has gone.
@@ -50,9 +50,9 @@ public:
     void remove(unsigned int id) noexcept;
     bool has(const TypifiedID& id) const noexcept;
 
-    // The operations below are about a module that is in the table.
+    // The operations below need a module that is in the table.
 
-    // From now on it gives its service to nobody; or, reopened, to everybody again.
+    // From now on nobody gets its service; or, after reopen(), everybody again.
     void close(unsigned int id) noexcept;
     void reopen(unsigned int id) noexcept;
 
@@ -79,8 +79,8 @@ private:
         Uses counted{};
     };
 
-    // Never entered twice by one thread; recursive only because that is the kind of
-    // which the compiler's analysis knows a scoped owner.
+    // No thread enters it twice; it is recursive only because the compiler's analysis knows
+    // a scoped owner for that kind.
     mutable CMN_RecursiveMutex lock_{"services"};
     std::map<unsigned int, CMN_GuardedRef*> own_ CMN_GUARDED_BY(lock_);
     std::map<unsigned int, Module> modules_ CMN_GUARDED_BY(lock_);

@@ -1,5 +1,5 @@
-// All that a program needs to get from nothing to an open store: a module manager,
-// and the store's modules found and loaded.
+// What a program needs to start the store: a module manager, and the store's modules,
+// found and loaded.
 //
 //     StoreHost host;
 //     if (const Result started = host.start(); !started.ok()) { ... }
@@ -21,12 +21,11 @@
 class StoreHost {
 public:
     struct Setup {
-        // The folder of the modules. Empty: that of the environment's
-        // FILESTORE_MODULES, or else the first that has the last of `modules` among
-        // those beside the program, and beside the library that this code is in:
-        // ../lib/filestore, filestore, ../lib, and its own.
+        // The folder of the modules. If empty: the environment's FILESTORE_MODULES, or else
+        // the first folder that has the last of `modules`, relative to the program and then
+        // to the library that this code is in: ../lib/filestore, filestore, ../lib, and ".".
         std::string folder;
-        // Loaded in this order: each finds the ones that it calls.
+        // Loaded in this order, so that each finds the ones that it calls.
         std::vector<std::string> modules{"x509cmn.so", "pkixkey.so", "pkcs5.so", "filestore.so"};
     };
 
@@ -35,15 +34,15 @@ public:
     StoreHost& operator=(const StoreHost&) = delete;
     ~StoreHost() { (void)stop(); }
 
-    // Loads the modules and becomes this program's module manager. A failure leaves
-    // none loaded. Answers as ModuleManager::load(), and
+    // Loads the modules and becomes this program's module manager. After a failure none
+    // is loaded. Results as those of ModuleManager::load(), and
     //   kMissing      no folder has the modules
     //   kAlreadyOpen  this StoreHost, or another one of the program, is started
     Result start(const Setup& setup);
     Result start() { return start(Setup()); }
 
-    // Unloads all modules, the newest first; proxies that are left hold nothing from
-    // then on. Answers as ModuleManager::unloadAll(); kOk when it is not started.
+    // Unloads all modules, the newest first; from then on, proxies that are left hold
+    // nothing. Results as those of ModuleManager::unloadAll(); kOk when it is not started.
     Result stop();
 
     // For more modules, and for services of the program's own.

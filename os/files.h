@@ -1,8 +1,8 @@
-// What every user of files needs beyond single calls: whole transfers, durable
-// closing, and questions about names whose answer is never a guess.
+// What users of files need beyond single calls: whole transfers, durable closing, and
+// questions about names whose answer is never a guess.
 //
-// Any thread may call any of these. A failure leaves its reason in errno.
-// Interrupted calls are continued and never reported.
+// Any thread may call any of these. A failure leaves its reason in errno. Interrupted
+// calls continue and are never reported.
 #ifndef OS_FILES_H
 #define OS_FILES_H
 
@@ -19,8 +19,8 @@ namespace os {
 // created file before the umask, by default the one of fopen().
 [[nodiscard]] File openFile(const char* path, int flags, mode_t mode = 0666) noexcept;
 
-// Creates a file for writing, in place of whatever but a folder has the name: never
-// through a link, and without waiting for the reader of a FIFO. An empty File on
+// Creates a file for writing, in place of whatever has the name, unless that is a folder:
+// never through a link, and without waiting for the reader of a FIFO. An empty File on
 // failure.
 [[nodiscard]] File createAnew(const char* path) noexcept;
 
@@ -37,8 +37,8 @@ enum class Links {
     kRefuse  // a path that ends at a symbolic link cannot be opened (ELOOP)
 };
 
-// Opens a regular file for reading. Never waits: a FIFO without writer is told like any
-// other file that is not regular.
+// Opens a regular file for reading. Never waits: a FIFO without writer is reported like
+// any other file that is not regular.
 [[nodiscard]] Opened openRegular(const char* path, File& file, off_t& size,
                                  Links links = Links::kFollow) noexcept;
 
@@ -46,16 +46,14 @@ enum class Links {
 // -1 on failure.
 [[nodiscard]] ssize_t readSome(int fd, void* data, std::size_t size) noexcept;
 
-// Exactly `size` bytes, or false. A file that ends before is a failure, with
-// errno 0.
+// Exactly `size` bytes, or false. A file that ends too early is a failure with errno 0.
 [[nodiscard]] bool readAll(int fd, void* data, std::size_t size) noexcept;
 
 // All bytes, or false when a call fails or stores nothing; some may be stored then.
 [[nodiscard]] bool writeAll(int fd, const void* data, std::size_t size) noexcept;
 
-// Makes the file's bytes durable and closes it, which happens also when the
-// sync fails. True only when both succeeded. Its name may still be lost with
-// the power: see syncFolder().
+// Makes the file's bytes durable and closes it, also when the sync fails. True only if
+// both succeeded. A loss of power may still take its name: see syncFolder().
 [[nodiscard]] bool closeDurably(File file) noexcept;
 
 // Makes the names in a folder durable: what was created, renamed or removed in it. Where
@@ -66,7 +64,7 @@ enum class Links {
 enum class Presence {
     kPresent,
     kAbsent,  // the system says so: there is no such name
-    kUnknown  // the name could not be examined and must not be taken for absent
+    kUnknown  // the name could not be examined; do not take it for absent
 };
 
 // Follows symbolic links: one that leads nowhere, or to itself, is absent, and so is a name
@@ -83,11 +81,11 @@ enum class EntryType {
     kFile,    // a regular file
     kLink,    // a symbolic link, whatever it leads to
     kOther,   // a special file
-    kUnknown  // not told, or could not be examined
+    kUnknown  // not said, or could not be examined
 };
 
-// The type of a listed entry, as the listing tells it. Some file systems do not
-// (kUnknown); then the path has to be asked for.
+// The type of a listed entry, from the listing. Some file systems do not give it
+// (kUnknown); then ask for the path.
 [[nodiscard]] EntryType entryType(const dirent& entry) noexcept;
 [[nodiscard]] EntryType entryTypeOf(const char* path) noexcept;
 

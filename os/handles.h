@@ -1,8 +1,8 @@
-// Owners of what the operating system wants back: descriptors, directory
+// Owners of what must be given back to the operating system: descriptors, directory
 // streams, unfinished files and read-write locks.
 //
-// Each owner belongs to one thread at a time. Destructors leave errno alone, so
-// that the reason of a failure survives the clean-up after it.
+// Each owner belongs to one thread at a time. Destructors leave errno alone, so the
+// reason of a failure survives the clean-up after it.
 #ifndef OS_HANDLES_H
 #define OS_HANDLES_H
 
@@ -29,8 +29,8 @@ public:
         return *this;
     }
 
-    // Ignores the result of close: what had to reach the disk was closed by
-    // closeDurably() (os/files.h), the rest is being given up or was only read.
+    // Ignores the result of close: closeDurably() (os/files.h) has closed what had to reach
+    // the disk; the rest is being given up or was only read.
     ~File() {
         const int kept = errno;
         (void)close();
@@ -41,9 +41,9 @@ public:
     int get() const noexcept { return fd_; }
     [[nodiscard]] int release() noexcept { return std::exchange(fd_, -1); }
 
-    // False with errno when the system reports a failure, which may be that of
-    // an earlier write. The descriptor is gone in any case: an interrupted
-    // close has closed it, and trying again could close another thread's.
+    // False with errno when the system reports a failure, perhaps that of an earlier
+    // write. The descriptor is gone in any case: an interrupted close has closed it, and
+    // trying again could close another thread's.
     [[nodiscard]] bool close() noexcept {
         return fd_ < 0 || os::close(release()) == 0 || errno == EINTR;
     }
@@ -67,7 +67,7 @@ public:
     explicit operator bool() const noexcept { return stream_ != nullptr; }
     DIR* get() const noexcept { return stream_; }
 
-    // Has no result: nothing is ever written through a directory stream.
+    // Has no result: nobody writes through a directory stream.
     void close() noexcept {
         if (stream_ != nullptr) {
             const int kept = errno;
@@ -80,8 +80,8 @@ private:
     DIR* stream_ = nullptr;
 };
 
-// The name of a file that is removed again unless commit() is called. Made
-// before the file is, so that no failure can come between the two.
+// The name of a file that is removed again unless commit() is called. Make it before the
+// file, so that no failure can come between the two.
 class TempPath {
 public:
     explicit TempPath(std::string path) noexcept : path_(std::move(path)) {}
@@ -107,10 +107,9 @@ private:
     bool armed_ = true;
 };
 
-// Holds a read-write lock in the way that `Acquire` takes it. A null lock means
-// "take none". When this very thread already holds the lock for writing, the
-// system refuses (EDEADLK); the thread is protected then, and the outer owner
-// alone gives the lock back.
+// Holds a read-write lock the way `Acquire` takes it. A null lock means "take none". If
+// this very thread already holds the lock for writing, the system refuses (EDEADLK); the
+// thread is then protected, and only the outer owner unlocks.
 template <int (*Acquire)(pthread_rwlock_t*)>
 class RwLockOwner {
 public:

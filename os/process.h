@@ -1,5 +1,5 @@
-// What a program settles about its own process: secrecy, standard streams, signals,
-// its folder, and a lock that keeps other processes out.
+// What a program decides about its own process: secrecy, standard streams, signals, its
+// folder, and a lock that keeps other processes out.
 //
 // For a program's main thread, before it starts others.
 #ifndef OS_PROCESS_H
@@ -11,21 +11,21 @@
 
 namespace os {
 
-// Opens those of the descriptors 0, 1 and 2 that are closed, on /dev/null: the next
-// file opened would otherwise take such a number, and messages be written into it.
+// Opens those of the descriptors 0, 1 and 2 that are closed, on /dev/null. Otherwise the
+// next file opened would get such a number, and messages would be written into it.
 [[nodiscard]] bool occupyStandardStreams() noexcept;
 
-// No core dumps, no debugger of other processes of this user, and new files for the
-// user alone (umask 077). False when the system refused one of it.
+// No core dumps, no debugging by other processes of this user, and new files for the user
+// alone (umask 077). False when the system refused one of these.
 [[nodiscard]] bool keepSecrets() noexcept;
 
-// From now on SIGINT, SIGHUP and SIGTERM give the terminal its echo back, remove the
-// file named by removeOnSignal(), and end the process: SIGINT with exit code 130,
-// the others as they always do. SIGPIPE is ignored; writing fails with EPIPE instead.
+// From now on SIGINT, SIGHUP and SIGTERM restore the terminal's echo, remove the file
+// named by removeOnSignal(), and end the process: SIGINT with exit code 130, the others as
+// usual. SIGPIPE is ignored; writing fails with EPIPE instead.
 void installSignalHandlers() noexcept;
 
-// The file that a signal's handler removes, by an absolute path; null for none. A
-// path that is too long is not kept.
+// The absolute path of the file that the signal handler removes; null for none. A path
+// that is too long is ignored.
 void removeOnSignal(const char* path) noexcept;
 
 // Gives an open file or folder these permission bits, whatever the umask.
@@ -43,13 +43,13 @@ void forgetVariable(const char* name) noexcept;
 enum class LockKind { kShared, kExclusive };
 enum class Locked {
     kYes,
-    kBusy,   // another process held it until the time was over
+    kBusy,   // another process held it until the time was up
     kFailed  // see errno
 };
 
-// Takes the advisory lock (flock) on an open file or folder, or changes the kind of
-// the one that is held, in which case it is not held for a moment between. Waits up
-// to `seconds`. The lock ends with the descriptor.
+// Takes the advisory lock (flock) on an open file or folder, or changes the kind of the
+// one that is held; in between, it is briefly not held. Waits up to `seconds`. The lock
+// ends with the descriptor.
 [[nodiscard]] Locked lockFile(const File& file, LockKind kind, double seconds) noexcept;
 [[nodiscard]] bool unlockFile(const File& file) noexcept;
 

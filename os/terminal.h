@@ -1,5 +1,5 @@
-// What a program wants from the terminal it talks to: whether there is one, how
-// wide it is, and a line that does not appear on the screen.
+// What a program needs from its terminal: whether there is one, how wide it is, and a
+// line of input that does not appear on the screen.
 //
 // For a program's main thread.
 #ifndef OS_TERMINAL_H
@@ -15,7 +15,7 @@ namespace os {
 
 [[nodiscard]] bool isTerminal(int fd) noexcept;
 
-// The terminal's width in columns; 0 when `fd` is no terminal or does not tell.
+// The terminal's width in columns; 0 when `fd` is not a terminal or does not know.
 [[nodiscard]] unsigned int terminalColumns(int fd) noexcept;
 
 // The controlling terminal, for reading and writing; empty when there is none.
@@ -23,13 +23,13 @@ namespace os {
 
 enum class Echo { kOff, kOn };
 
-// Writes `prompt` to the terminal and reads one line of at most `capacity` bytes
-// from it, without its line feed and, with kOff, without showing it. What was typed
-// before is discarded. The terminal shows again what is typed when this returns, and
-// also when a signal ends the process meanwhile (see installSignalHandlers()).
+// Writes `prompt` to the terminal and reads one line of at most `capacity` bytes from it,
+// without its line feed and, with kOff, without showing it. Discards what was typed
+// before. The terminal's echo is restored when this returns, and when a signal ends the
+// process meanwhile (see installSignalHandlers()).
 //
-// The length of the line; -1 when the terminal ended or failed before a line was
-// complete, or when the line is longer (errno EMSGSIZE). The caller wipes `line`.
+// Returns the length of the line; -1 when the terminal ended or failed before a line was
+// complete, or when the line is too long (errno EMSGSIZE). The caller wipes `line`.
 [[nodiscard]] ssize_t askTerminal(const File& terminal, Echo echo, const char* prompt, char* line,
                                   std::size_t capacity) noexcept;
 

@@ -1,12 +1,12 @@
-// Between the terminal and the signal handlers: what has to be undone when a signal
-// ends the process while the terminal does not show what is typed.
+// Between the terminal and the signal handlers: what to undo when a signal ends the
+// process while the terminal's echo is off.
 #ifndef OS_TERMINAL_ECHO_H
 #define OS_TERMINAL_ECHO_H
 
 namespace os {
 
-// Gives the terminal the settings back that it had before askTerminal(); does
-// nothing at other times. May be called from a signal handler.
+// Restores the settings that the terminal had before askTerminal(); does nothing at other
+// times. A signal handler may call it.
 void restoreEcho() noexcept;
 
 }  // namespace os
