@@ -25,8 +25,8 @@ template <class Body>
     }
 }
 
-// As above, for who has to say why: `words` becomes what the exception says of itself,
-// which may be nothing. Without memory for the words it is kNoMemory.
+// As above, for callers that report why: `words` becomes the exception's what(), which may
+// be empty. kNoMemory when there is no memory for it.
 template <class Body>
 [[nodiscard]] Status noThrow(Body&& body, std::string& words) noexcept {
     return noThrow([&] {

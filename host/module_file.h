@@ -22,18 +22,18 @@ public:
     ModuleFile& operator=(const ModuleFile&) = delete;
     ~ModuleFile();  // as close()
 
-    // Maps the module at `path` into `file`, which holds nothing. Its static objects
-    // are built, its entry is not called. One that throws then ends the process: no
+    // Maps the module at `path` into `file`, which holds nothing. Builds its static
+    // objects and does not call its entry. If building them throws, the process ends: no
     // exception passes the dynamic linker.
     //   kMissing    there is no such file
     //   kIo         the file could not be opened or examined
-    //   kMalformed  it is not a regular file, not a shared object, one of the other
-    //               word size, cut short, needs what is not there, or lacks the
+    //   kMalformed  it is not a regular file, not a shared object, or one of the other
+    //               word size; it is truncated, needs what is not there, lacks the
     //               functions of a module, or has no object manager
     static Result open(const std::string& path, ModuleFile& file);
 
-    // Unmaps it and destroys its static objects. kIo when the system keeps it
-    // mapped all the same: something else has opened it too.
+    // Unmaps it and destroys its static objects. kIo if it stays mapped, because
+    // something else has opened it too.
     Result close();
 
     // Lets it stay mapped to the end of the process.

@@ -1,16 +1,16 @@
-// The host's module manager: loads modules, finds their services for each other,
-// gives their objects guards, and unloads or replaces modules.
+// The host's module manager: loads modules, finds their services for each other, gives
+// their objects guards, and unloads or replaces modules.
 //
-// Whatever a module throws is a refusal with words, kIo or kNoMemory, and ends there.
+// An exception that a module throws ends here: the operation fails with kIo or kNoMemory,
+// and a message.
 //
-// Any thread may call any operation. Loading, unloading and replacing exclude each
-// other; each may be called from within a module's entry, but neither from within
-// a call of an object of the module concerned nor with a lock of the framework held
-// (from an object's fini(), say), for they wait for such calls and locks. What modules
-// ask for (currentGuard, acquireService, releaseModule, isLoaded) never waits for
-// them. Locks: see docs/locking.md.
+// Any thread may call any operation. Loading, unloading and replacing exclude each other.
+// A module's entry may call them, but not a call of an object of the module concerned, nor
+// anyone who holds a lock of the framework (an object's fini(), say), since they wait for
+// such calls and locks. What modules ask for (currentGuard, acquireService, releaseModule,
+// isLoaded) never waits for them. Locks: see docs/locking.md.
 //
-// A module is used when another one has acquired its service, or holds one of its
+// A module is in use when another one has acquired its service or holds one of its
 // objects. What it has acquired and holds itself does not count.
 #ifndef HOST_MODULE_MANAGER_H
 #define HOST_MODULE_MANAGER_H
@@ -34,15 +34,15 @@
 class ModuleManager final : public TModuleManager {
 public:
     ModuleManager() = default;
-    ~ModuleManager() override { (void)unloadAll(); }  // nobody is left to be told
+    ~ModuleManager() override { (void)unloadAll(); }  // nobody is left to report to
 
     // Loads the module in the file at `path` and starts it.
     //   kInvalid       `path` is null
     //   kMissing       there is no such file
-    //   kMalformed     no file of a module, or of a module other than `expected`
-    //   kAlreadyOpen   this file, or another one of the module, is loaded, or is just
-    //                  being loaded or unloaded: its entry may have led here
-    //   kIo, kNoMemory, or what the start of the service answered
+    //   kMalformed     not the file of a module, or of another module than `expected`
+    //   kAlreadyOpen   this file, or another one of the module, is loaded, or is being
+    //                  loaded or unloaded: its own entry may have called this
+    //   kIo, kNoMemory, or what the start of the service returned
     Result load(const char* path, std::optional<unsigned int> expected = {});
 
     // Stops and unloads a module.
@@ -53,49 +53,49 @@ public:
     //                  in this process has opened its file: its file stays mapped
     Result unload(unsigned int id);
 
-    // As unload(), also of a module in use: every other module loses the objects that
-    // it holds. Callers may go on calling through their handles, and find nothing;
-    // they must not make, assign or destroy handles meanwhile.
+    // As unload(), also for a module in use: all other modules lose the objects of it that
+    // they hold. Callers may go on calling through their handles, and reach nothing; they
+    // must not make, assign or destroy handles meanwhile.
     //   kAlreadyOpen   calls were in progress for longer than the patience. If they
     //                  began after this operation, some handles are empty already.
     Result forceUnload(unsigned int id);
 
-    // Unloads every module by force, the newest first. One that refuses is stopped no
-    // more and stays mapped. The first failure, if any.
+    // Unloads every module by force, the newest first. A module that refuses stays mapped
+    // and is left alone. Returns the first failure, if any.
     Result unloadAll();
 
-    // Loads the file at `path`, which is a newer one of module `id`, and lets the new
-    // module take over from the old one: holders go over to the objects that it
-    // makes in place of the old ones, and lose those that it does not. Uses stay
-    // counted if the service is among the former. Callers may go on calling, as above.
-    // Waits for the end of every call that is in progress on the old module.
+    // Loads the file at `path`, a newer one of module `id`, and lets the new module take
+    // over from the old one: holders are redirected to the objects that it makes in place
+    // of the old ones, and emptied where it makes none. Uses stay counted if it makes the
+    // service. Callers may go on calling, as above. Waits for the end of every call that
+    // is in progress on the old module.
     //   as load(), where the file that is loaded already is kInvalid, and
     //   kEnd           module `id` is not loaded
-    //   kAlreadyOpen   the module does not let itself be replaced, or for longer than the
-    //                  patience calls were in progress, an object had no holder yet, or
-    //                  someone had acquired its service and held no reference on it; the
+    //   kAlreadyOpen   the module does not let itself be replaced; or, for longer than the
+    //                  patience, calls were in progress, an object had no holder yet, or
+    //                  someone had acquired its service and held no reference on it. The
     //                  module is as it was
-    //   kIo, kNoMemory also when the new module could not make all of the objects: it has
-    //                  taken over, and who held one that it did not make has lost it
+    //   kIo, kNoMemory also when the new module could not make all objects: it has taken
+    //                  over, and holders of what it did not make are empty
     Result replace(unsigned int id, const char* path);
 
-    // Offers `service` to all modules as service `id`, before that of a module with
-    // this number; null ends that. To be called before anyone acquires the service:
-    // who did keeps what he has. The caller keeps the object alive and has a holder on it.
+    // Offers `service` to all modules as service `id`, in front of that of a module with
+    // this number; null ends that. Call it before anyone acquires the service: a stub that
+    // has one keeps it. The caller keeps the object alive and has a holder on it.
     void setService(unsigned int id, CMN_GuardedRef* service) { services_.setOwn(id, service); }
 
-    // The service object of module `id` itself, or null. Not counted as a use: what
-    // keeps the module from being unloaded is a holder.
+    // The service object of module `id` itself, or null. Not counted as a use: only a
+    // holder prevents the module's unloading.
     CMN_GuardedRef* moduleService(unsigned int id);
 
     // How long forceUnload() and replace() wait for others.
     void setPatience(std::chrono::milliseconds patience);
 
-    // The acquisitions of module `id`, by modules that have not released it.
+    // The acquisitions of module `id` that have not been released.
     int uses(unsigned int id) const;
     const GuardPool& guards() const noexcept { return guards_; }
 
-    // TModuleManager: the same operations, answering with the bare status.
+    // TModuleManager: the same operations, with the bare status.
     Status loadModule(const char* path) override;
     Status unloadModule(const TypifiedID& module) override;
     int isLoaded(const TypifiedID& module) override;

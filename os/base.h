@@ -1,10 +1,10 @@
 // Where relative paths begin, for one thread.
 //
-// That is the process's current folder, as everywhere, until the thread makes a Base: while it
-// lives, every call of os/fs.h that this thread makes with a relative path begins at the Base's
-// folder instead. So one process can work in many folders at once without chdir(), and a tree
-// can be walked from descriptor to descriptor, where no link that somebody puts in the way leads
-// elsewhere. Other threads are not concerned.
+// That is the process's current folder until the thread makes a Base. While the Base lives,
+// every call of os/fs.h that this thread makes with a relative path starts at the Base's folder
+// instead. So one process can work in many folders at once without chdir(), and can walk a tree
+// from descriptor to descriptor, where no link that somebody puts in the way leads elsewhere.
+// Other threads are not affected.
 #ifndef OS_BASE_H
 #define OS_BASE_H
 
@@ -14,8 +14,8 @@ namespace os {
 
 class Base {
 public:
-    // Relative paths begin at `folder`, an open folder, which stays the caller's and stays
-    // open. Bases nest; the thread ends them in the reverse order.
+    // Relative paths start at `folder`, an open folder, which the caller owns and keeps open.
+    // Bases nest; the thread destroys them in reverse order.
     explicit Base(int folder) noexcept;
     Base(const Base&) = delete;
     Base& operator=(const Base&) = delete;

@@ -4,9 +4,9 @@
 // context are its binary contract. Any thread may call them, for one context
 // one thread at a time. Messages are digested modulo 2^64 bits, as MD5 has it.
 //
-// Outside the context no trace of the message stays in memory, and a context from
-// the heap is wiped before it is freed. A context of the caller is not: it is the
-// caller's to wipe when the message is a secret.
+// Outside the context no trace of the message stays in memory, and a context from the heap
+// is wiped before it is freed. A context of the caller is not: if the message is a secret,
+// the caller wipes it.
 #ifndef SERVICE_MD5_H
 #define SERVICE_MD5_H
 

@@ -1,8 +1,8 @@
 // The cipher of record contents: one key, derived from the database password.
 //
-// Any thread may call any operation. Encrypting and decrypting run side by side;
-// setKey() waits for them only to put its new key in place, when the slow
-// derivation is over.
+// Programs use it through the handles of client/crypto_coder_exp.h. Encrypting and
+// decrypting run side by side; setKey() waits for them only to put its new key in place,
+// after the slow derivation.
 #ifndef STORE_CRYPTO_CODER_H
 #define STORE_CRYPTO_CODER_H
 

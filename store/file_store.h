@@ -30,8 +30,8 @@
 
 class CMN_EXPORT FileStore : public TFileStore {
 public:
-    // An attribute: its type word (data type and flags, format/dsc_text.h), its id,
-    // and data of its own, wiped when given back.
+    // An attribute: its type word (data type and flags, format/dsc_text.h), its id, and
+    // its data, which it owns and wipes before it frees it.
     class Attr {
     public:
         Attr() noexcept = default;
@@ -62,11 +62,11 @@ public:
         unsigned int id = 0;
         unsigned int size = 0;          // bytes at `data`
         unsigned char* data = nullptr;  // owned; null when empty
-        unsigned int pending = 0;       // 1: the data is still in cipher form
+        unsigned int pending = 0;       // 1: the data is still encrypted
     };
 
-    // Whether a write is durable when it returns, or the caller makes a whole tree
-    // durable later, before anybody can see it.
+    // Whether a write is durable when it returns, or the caller makes a whole tree durable
+    // later, before anyone can see it.
     enum class Sync { kNow, kLater };
 
     // Empty and unnamed, in folder ".", with lock and login check.
@@ -107,7 +107,7 @@ public:
     unsigned int getAttrFlag(unsigned int index) override;
     unsigned int findAttr(unsigned int kind, unsigned int id, const unsigned char* data,
                           unsigned int size) override;
-    // kInvalid for an index out of range (setAttrFlag() says kEnd; clients know both).
+    // kInvalid for an index out of range (setAttrFlag() says kEnd; programs rely on both).
     Status removeAttr(unsigned int index) override;
     Status removeAttrs() override;
 
@@ -128,9 +128,8 @@ public:
 
     // The steps of the above, for the descriptor and for the body file.
 
-    // `line` becomes the attribute's line, without line feed; data with the
-    // encrypted flag is encrypted. kIo when the cipher gave nothing, otherwise as
-    // DataToPrint().
+    // `line` becomes the attribute's line, without line feed; data with the encrypted flag
+    // is encrypted. kIo when the cipher returned nothing, otherwise as DataToPrint().
     [[nodiscard]] Status bringAttr(const Attr& attr, std::string& line);
     // Statuses of parseDscHead() and PrintToData(); `pending` is not set.
     [[nodiscard]] static Status parseAttr(const char* line, Attr& attr);
@@ -180,7 +179,7 @@ private:
     std::string fileName;
     SecretBytes body;
     unsigned int bodyFlag = 0;     // 1: encrypted on disk
-    unsigned int bodyPending = 0;  // 1: `body` holds the cipher bytes
+    unsigned int bodyPending = 0;  // 1: `body` is still encrypted
     std::vector<Attr> attrs;
     aCryptoEncoder encoder;  // the service's, taken at every write
     aCryptoDecoder decoder;  // the service's, taken at every successful read

@@ -7,11 +7,11 @@
 
 #include "cmn/status.h"
 
-// A name of 8 hexadecimal digits under which no file `folder` + "/" + name +
-// `suffix` exists; either may be null. After 100,000 names that are taken it gives
-// the next one untested: callers that must not meet another's file create theirs
-// exclusively, and ask again. One counter serves all folders of the process. Two
-// threads get different names, also without a lock.
+// A name of 8 hexadecimal digits such that there is no file `folder` + "/" + name +
+// `suffix`; either may be null. After 100,000 names that are taken it returns the next one
+// untested: callers that must not touch another's file create theirs exclusively, and ask
+// again. One counter serves all folders of the process. Two threads get different names,
+// also without a lock.
 std::string getUniqueName(const char* folder, const char* suffix);
 
 // Flushes, syncs and closes a stream: -1 when the flush or the sync fails, the

@@ -32,8 +32,8 @@ public:
         return size == 16 || size == 24 || size == 32;
     }
 
-    // Keeps a copy of `key`. Puts the object into `made`, or tells kInvalid for a
-    // key of another size, kNoMemory, or kIo when the cipher cannot be had.
+    // Keeps a copy of `key`. Puts the object into `made`; kInvalid for a key of another
+    // size, kNoMemory, or kIo if OpenSSL does not offer the cipher.
     static Status make(std::span<const unsigned char> key, std::unique_ptr<GcmFrame>& made);
 
     std::span<const unsigned char> key() const noexcept { return key_.view(); }
