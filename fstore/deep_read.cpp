@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "fstore/progress.h"
+#include "lib/base/observer.h"
 #include "lib/base/sha256.h"
 
 namespace fstore {
@@ -50,8 +50,7 @@ std::uint64_t secretsOf(const Record& record) {
 
 DeepReport readEverything(Session& session, const std::string& what) {
     const std::vector<Address> addresses = allRecords();
-    Progress progress(what, Progress::Counts::kCalls, addresses.size(),
-                      session.output().showsProgress());
+    Progress progress(session.observer(), what, addresses.size());
     DeepReport report;
     Fingerprint fingerprint;
     for (const Address& address : addresses) {

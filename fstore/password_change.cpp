@@ -8,7 +8,6 @@
 #include "format/layout.h"
 #include "format/record_name.h"
 #include "fstore/deep_read.h"
-#include "fstore/progress.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/records/record.h"
@@ -116,16 +115,17 @@ void changePassword(Session& session, NewSlot fresh, bool keepOld) {
     requireCopyable();
     const DeepReport before = readSound(session, "Checking");
     writeKdf({session.protection().inForce, fresh.slot}, keepOld);
-    const bool shown = session.output().showsProgress();
     Status status = kOk;
     {
-        const Progress progress("Re-encrypting", Progress::Counts::kEncryptions, 2 * before.secrets,
-                                shown);
-        status = session.service().recrypt(session.p().c_str(), fresh.p.c_str());
+        const Progress progress(session.observer(), "Re-encrypting", 2 * before.secrets);
+        status = session.recrypt(fresh.p);
     }
     // A failure may have come before or after the swap: the folders decide.
     session.recover();
     if (!session.protection().isUnfinished()) {
+        if (status == kInterrupted) {
+            throw Failure(kInterrupted, "it was interrupted, and the password stays as it is");
+        }
         check(status == kOk ? kIo : status, "the password was not changed", session.folderName());
     }
     syncFolder(".");

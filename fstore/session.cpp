@@ -12,11 +12,11 @@
 #include "format/layout.h"
 #include "format/record_name.h"
 #include "fstore/password_change.h"
-#include "fstore/progress.h"
 #include "host/store_host.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/base/text.h"
+#include "lib/database/counting_service.h"
 #include "lib/records/record.h"
 #include "os/files.h"
 #include "os/process.h"
@@ -126,7 +126,7 @@ public:
         ModuleManager& manager = modules_.manager();
         const unsigned int id = pkcs5ID.value();
         if (CMN_GuardedRef* const service = manager.moduleService(id)) {
-            counting_ = makeCountingService(static_cast<PKCS5_Interface&>(*service));
+            counting_ = new CountingService(static_cast<PKCS5_Interface&>(*service));
             manager.setService(id, counting_.get());
         }
     }
@@ -134,15 +134,15 @@ public:
     Host& operator=(const Host&) = delete;
     ~Host() { (void)modules_.stop(); }  // the process ends: nobody is left to be told
 
+    CountingService& counting() { return *counting_.get(); }
+
 private:
-    CMN_GRefPtr<PKCS5_Interface> counting_;  // outlives the modules
+    CMN_GRefPtr<CountingService> counting_;  // outlives the modules
     StoreHost modules_;
 };
 
-Session::Session(const Globals& globals, Output& output)
-    : globals_(globals),
-      output_(output),
-      password_(PasswordSource::Which::kCurrent, globals.password, globals.noInput, output) {}
+Session::Session(const Globals& globals, Observer& observer)
+    : globals_(globals), observer_(observer) {}
 
 // The service goes before the modules that it comes from.
 Session::~Session() {
@@ -153,7 +153,7 @@ Session::~Session() {
 void Session::enter(Access access) {
     enterLocked(access);
     if (access == Access::kChange && protection_.isUnfinished()) {
-        output_.warn("the last change of the password was broken off; its last steps come first");
+        observer_.warn("the last change of the password was broken off; its last steps come first");
         open(access);
     }
 }
@@ -244,6 +244,12 @@ void Session::reopen(SecretText p) {
     }
     check(status, fmt::format("cannot open the database in {}", folder()), folderName());
     p_ = std::move(p);
+}
+
+Status Session::recrypt(const SecretText& p) {
+    const CountingService::Counting counting(host_->counting(), observer_);
+    const Status status = service_.recrypt(p_.c_str(), p.c_str());
+    return counting.wasCancelled() ? kInterrupted : status;
 }
 
 void Session::goToFolder() {
@@ -366,13 +372,13 @@ void Session::enterShared() {
 SecretText Session::deriveForSlot() {
     switch (protection_.state) {
         case Protection::State::kNone:
-            output_.warn(
+            observer_.warn(
                 fmt::format("the database in {} has no password: `fstore passwd` gives "
                             "it one",
                             folder()));
             return {};
         case Protection::State::kRaw:
-            output_.warn(
+            observer_.warn(
                 fmt::format("the password of the database in {} can be guessed cheaply: "
                             "`fstore passwd` protects it",
                             folder()));
@@ -380,7 +386,7 @@ SecretText Session::deriveForSlot() {
         case Protection::State::kScrypt:
             break;
     }
-    return deriveP(protection_.inForce, password_.get(PasswordSource::Entry::kOnce));
+    return deriveP(protection_.inForce, observer_.password());
 }
 
 void writeKdf(const std::vector<Slot>& slots, bool keepOld) {

@@ -17,8 +17,7 @@
 
 #include "client/s_filestoreC.h"
 #include "fstore/commands/globals.h"
-#include "fstore/commands/password.h"
-#include "fstore/terminal/output.h"
+#include "lib/base/observer.h"
 #include "lib/base/secret.h"
 #include "lib/database/kdf_record.h"
 #include "os/handles.h"
@@ -46,8 +45,7 @@ struct Protection {
 
 class Session {
 public:
-    // Finds where the password will come from, and opens its file.
-    Session(const Globals& globals, Output& output);
+    Session(const Globals& globals, Observer& observer);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
     ~Session();
@@ -89,9 +87,7 @@ public:
     aFileStoreSrv& service() noexcept { return service_; }
     const SecretText& p() const noexcept { return p_; }
 
-    PasswordSource& password() noexcept { return password_; }
-    const Globals& globals() const noexcept { return globals_; }
-    Output& output() noexcept { return output_; }
+    Observer& observer() noexcept { return observer_; }
     // The folder that holds "db": its name, and words for messages.
     const std::string& folderName() const noexcept { return globals_.folder; }
     std::string folder() const { return globals_.folder == "." ? "this folder" : globals_.folder; }
@@ -108,6 +104,11 @@ public:
     // Closes the service, if it is open, and opens it with another P.
     void reopen(SecretText p);
 
+    // Has the store re-encrypt everything, each encryption and decryption a step of the
+    // observer's work; kInterrupted when that was cancelled. After any failure the folders
+    // tell what has become of it.
+    Status recrypt(const SecretText& p);
+
 private:
     class Host;
 
@@ -121,8 +122,7 @@ private:
     SecretText deriveForSlot();
 
     const Globals& globals_;
-    Output& output_;
-    PasswordSource password_;
+    Observer& observer_;
     os::File locked_;  // the folder that holds "db"
     std::unique_ptr<Host> host_;
     aFileStoreSrv service_{nullptr};

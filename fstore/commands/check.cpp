@@ -76,7 +76,7 @@ std::vector<Finding> inspectAll(Session& session) {
 // Inspection after inspection, until one finds nothing more to do: what is deleted
 // may have been the last to name a body. The change of the password comes last, since
 // its records may be among what is put back.
-void repairAll(Report& report, Session& session) {
+void repairAll(Report& report, Session& session, Output& output) {
     for (;;) {
         std::vector<Finding> repairable;
         std::ranges::copy_if(report.findings, std::back_inserter(repairable), isRepairable);
@@ -84,8 +84,7 @@ void repairAll(Report& report, Session& session) {
             return;
         }
         for (const Finding& finding : repairable) {
-            session.output().note(
-                fmt::format("{} {}; {}", finding.path, finding.message, planOf(finding)));
+            output.note(fmt::format("{} {}; {}", finding.path, finding.message, planOf(finding)));
         }
         repair(repairable);
         if (std::ranges::all_of(repairable, [](const Finding& finding) {
@@ -145,7 +144,7 @@ Status run(const Options& options, Context& context) {
     session.look(options.repair ? Access::kChange : Access::kRead);
     report.findings = inspectAll(session);
     if (options.repair) {
-        repairAll(report, session);
+        repairAll(report, session, context.output);
     }
     if (options.deep) {
         session.open(options.repair ? Access::kChange : Access::kRead);

@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 
 #include "fstore/commands/common_options.h"
+#include "fstore/terminal/observer.h"
 
 namespace fstore {
 namespace {
@@ -205,8 +206,11 @@ int Cli::main(int argc, const char* const* argv) {
 int Cli::run(const Command& command) {
     Output output(globals_.output);
     return guarded(output, [&] {
-        Session session(globals_, output);
-        Context context{globals_, output, session};
+        PasswordSource password(PasswordSource::Which::kCurrent, globals_.password,
+                                globals_.noInput, output);
+        TerminalObserver observer(output, password);
+        Session session(globals_, observer);
+        Context context{globals_, output, password, session};
         int code = static_cast<int>(kOk);
         try {
             code = exitCodeOf(command.run()(context));

@@ -19,6 +19,7 @@
 #include "fstore/commands/globals.h"
 #include "fstore/session.h"
 #include "fstore/terminal/output.h"
+#include "fstore/terminal/password.h"
 
 namespace fstore {
 
@@ -26,6 +27,7 @@ namespace fstore {
 struct Context {
     const Globals& globals;
     Output& output;
+    PasswordSource& password;  // of the database
     Session& session;
 };
 

@@ -261,7 +261,7 @@ Status run(const Options& options, Context& context) {
     }
     PasswordSource password(PasswordSource::Which::kOutput, options.password,
                             context.globals.noInput, context.output);
-    if (password.usesStandardInput() && context.session.password().usesStandardInput()) {
+    if (password.usesStandardInput() && context.password.usesStandardInput()) {
         throw Failure(kUsage, "the standard input cannot be both passwords");
     }
     const Selection selection = readSelection(options, context.session);

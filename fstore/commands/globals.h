@@ -2,18 +2,12 @@
 #ifndef FSTORE_COMMANDS_GLOBALS_H
 #define FSTORE_COMMANDS_GLOBALS_H
 
-#include <optional>
 #include <string>
 
 #include "fstore/terminal/output.h"
+#include "fstore/terminal/password.h"
 
 namespace fstore {
-
-// Where a password comes from, besides the environment and the terminal.
-struct PasswordOptions {
-    std::optional<std::string> file;  // "-" for the standard input
-    std::optional<int> fd;
-};
 
 struct Globals {
     static constexpr double kLockSeconds = 10;

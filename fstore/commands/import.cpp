@@ -60,11 +60,11 @@ ImportRules rulesOf(const Options& options) {
     return rules;
 }
 
-void refuseStandardInputTwice(const Options& options, Session& session,
+void refuseStandardInputTwice(const Options& options, const PasswordSource& current,
                               const PasswordSource& input) {
     const auto asFile = std::ranges::count(options.files, kStandardStream);
     const int asPassword =
-        (session.password().usesStandardInput() ? 1 : 0) + (input.usesStandardInput() ? 1 : 0);
+        (current.usesStandardInput() ? 1 : 0) + (input.usesStandardInput() ? 1 : 0);
     if (asFile + asPassword > 1) {
         throw Failure(kUsage, "the standard input can be one file or one password, not both");
     }
@@ -203,7 +203,7 @@ Status run(const Options& options, Context& context) {
     const ImportRules rules = rulesOf(options);
     PasswordSource password(PasswordSource::Which::kInput, options.password,
                             context.globals.noInput, context.output);
-    refuseStandardInputTwice(options, context.session, password);
+    refuseStandardInputTwice(options, context.password, password);
     const std::vector<Item> items = readItems(options, password);
     Report report(context.output);
     importObjects(items, rules, context.session, report);

@@ -40,9 +40,9 @@ bool enterUnlessForeign(Session& session) {
 }
 
 // False when the database has got a password while this one was asked for.
-bool initialise(const Options& options, Session& session) {
+bool initialise(const Options& options, PasswordSource& password, Session& session) {
     session.release();
-    NewSlot fresh = makeSlot(session.password().get(PasswordSource::Entry::kTwice), options.cost);
+    NewSlot fresh = makeSlot(password.get(PasswordSource::Entry::kTwice), options.cost);
     if (!enterUnlessForeign(session)) {
         return false;
     }
@@ -53,7 +53,8 @@ bool initialise(const Options& options, Session& session) {
 
 Status run(const Options& options, Context& context) {
     Session& session = context.session;
-    const bool created = enterUnlessForeign(session) && initialise(options, session);
+    const bool created =
+        enterUnlessForeign(session) && initialise(options, context.password, session);
     if (!created) {
         session.open(Access::kChange);
     }

@@ -21,7 +21,7 @@ Status run(const Options& options, Context& context) {
     Session& session = context.session;
     PasswordSource fresh(PasswordSource::Which::kNew, options.password, context.globals.noInput,
                          context.output);
-    if (fresh.usesStandardInput() && session.password().usesStandardInput()) {
+    if (fresh.usesStandardInput() && context.password.usesStandardInput()) {
         throw Failure(kUsage, "the standard input cannot be both the old and the new password");
     }
     session.open(Access::kRead);  // a mistake in the old one shows before the new one is asked for

@@ -59,8 +59,8 @@ Record recordFor(Session& session, const Address& address) {
     return record;
 }
 
-void refuseStandardInputTwice(const PutOptions& options, Session& session) {
-    if (options.file == kStandardStream && session.password().usesStandardInput()) {
+void refuseStandardInputTwice(const PutOptions& options, const PasswordSource& password) {
+    if (options.file == kStandardStream && password.usesStandardInput()) {
         throw Failure(kUsage, "the standard input cannot be both the password and the body");
     }
 }
@@ -69,7 +69,7 @@ Status runPut(const PutOptions& options, Context& context) {
     Session& session = context.session;
     const Address address = parseNewAddress(options.address);
     refuseInternal(address);
-    refuseStandardInputTwice(options, session);
+    refuseStandardInputTwice(options, context.password);
     SecretBytes bytes = InputFile(options.file).readAll(kMostBody);
     if (bytes.empty() && options.plain) {
         throw Failure(kInvalid,

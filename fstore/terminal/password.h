@@ -7,18 +7,23 @@
 // can read is warned about. A variable is wiped from memory once it has been read.
 //
 // For the main thread.
-#ifndef FSTORE_COMMANDS_PASSWORD_H
-#define FSTORE_COMMANDS_PASSWORD_H
+#ifndef FSTORE_TERMINAL_PASSWORD_H
+#define FSTORE_TERMINAL_PASSWORD_H
 
 #include <optional>
 #include <string>
 
-#include "fstore/commands/globals.h"
 #include "fstore/terminal/output.h"
 #include "lib/base/secret.h"
 #include "os/handles.h"
 
 namespace fstore {
+
+// Where a password comes from, besides the environment and the terminal.
+struct PasswordOptions {
+    std::optional<std::string> file;  // "-" for the standard input
+    std::optional<int> fd;
+};
 
 class PasswordSource {
 public:
@@ -72,4 +77,4 @@ bool confirm(const std::string& question, bool noInput);
 
 }  // namespace fstore
 
-#endif  // FSTORE_COMMANDS_PASSWORD_H
+#endif  // FSTORE_TERMINAL_PASSWORD_H

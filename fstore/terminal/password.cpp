@@ -1,4 +1,4 @@
-#include "fstore/commands/password.h"
+#include "fstore/terminal/password.h"
 
 #include <fcntl.h>
 

@@ -1,0 +1,56 @@
+#include "fstore/terminal/progress_bar.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "os/files.h"
+#include "os/terminal.h"
+
+namespace fstore {
+namespace {
+
+constexpr int kStderr = 2;
+constexpr auto kPatience = std::chrono::milliseconds(500);
+constexpr auto kPeriod = std::chrono::milliseconds(100);
+constexpr std::uint64_t kBarColumns = 30;
+
+}  // namespace
+
+ProgressBar::ProgressBar(std::string what, std::uint64_t steps, bool shown)
+    : what_(std::move(what)),
+      steps_(std::max<std::uint64_t>(steps, 1)),
+      shown_(shown && os::isTerminal(kStderr)),
+      nextDraw_(Clock::now() + kPatience) {}
+
+ProgressBar::~ProgressBar() {
+    if (drawn_) {
+        const std::string clear = "\r\033[K";
+        (void)os::writeAll(kStderr, clear.data(), clear.size());  // as in draw()
+    }
+}
+
+void ProgressBar::step() noexcept {
+    const std::uint64_t done = ++done_;
+    if (!shown_) {
+        return;
+    }
+    const std::unique_lock lock(drawing_, std::try_to_lock);
+    const Clock::time_point at = Clock::now();
+    if (lock && at >= nextDraw_) {
+        draw(std::min(done, steps_), at);
+    }
+}
+
+void ProgressBar::draw(std::uint64_t done, Clock::time_point at) {
+    nextDraw_ = at + kPeriod;
+    drawn_ = true;
+    const std::uint64_t filled = done * kBarColumns / steps_;
+    fmt::memory_buffer line;  // has room for this without asking for memory
+    fmt::format_to(std::back_inserter(line), "\r{} [{:#<{}}{:.<{}}] {:3}%\033[K", what_, "", filled,
+                   "", kBarColumns - filled, done * 100 / steps_);
+    (void)os::writeAll(kStderr, line.data(), line.size());  // a bar that cannot be drawn is no loss
+}
+
+}  // namespace fstore

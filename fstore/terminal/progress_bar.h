@@ -1,0 +1,39 @@
+// How far a long command has come: a bar on the terminal's stderr, shown when the
+// command has taken half a second.
+#ifndef FSTORE_TERMINAL_PROGRESS_BAR_H
+#define FSTORE_TERMINAL_PROGRESS_BAR_H
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+namespace fstore {
+
+class ProgressBar {
+public:
+    // `steps` is the number expected in all; `shown` is false for no bar ever.
+    ProgressBar(std::string what, std::uint64_t steps, bool shown);
+    ProgressBar(const ProgressBar&) = delete;
+    ProgressBar& operator=(const ProgressBar&) = delete;
+    ~ProgressBar();  // takes the bar away
+
+    void step() noexcept;  // from any thread
+
+private:
+    using Clock = std::chrono::steady_clock;
+    void draw(std::uint64_t done, Clock::time_point at);
+
+    std::string what_;
+    std::uint64_t steps_;
+    bool shown_;
+    std::atomic<std::uint64_t> done_{0};
+    std::mutex drawing_;  // guards what follows; a thread that finds it taken draws nothing
+    bool drawn_ = false;
+    Clock::time_point nextDraw_;
+};
+
+}  // namespace fstore
+
+#endif  // FSTORE_TERMINAL_PROGRESS_BAR_H

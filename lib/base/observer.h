@@ -1,0 +1,72 @@
+// What leaves the library while it works: warnings, notes, progress and questions.
+//
+// The library prints nothing and asks nobody. Whoever calls it gives an Observer, and
+// decides what becomes of all this: the tool draws bars and prompts, another program
+// counts, or ignores.
+//
+// All calls come from the thread that called the library, but for step() and
+// isCancelled(), which may come from any thread, from several at once, and must not
+// throw. An exception of another call ends the work as a failure would.
+#ifndef LIB_BASE_OBSERVER_H
+#define LIB_BASE_OBSERVER_H
+
+#include <cstdint>
+#include <string>
+
+#include "lib/base/error.h"
+#include "lib/base/secret.h"
+
+namespace fstore {
+
+class Observer {
+public:
+    Observer() = default;
+    Observer(const Observer&) = delete;
+    Observer& operator=(const Observer&) = delete;
+    virtual ~Observer() = default;
+
+    // What deserves attention, and what was done. One sentence without a full stop,
+    // which may hold names from disk as they are: escape it before printing it.
+    virtual void warn(const std::string& text) = 0;
+    virtual void note(const std::string& text) = 0;
+
+    // Long work: begin(), step() for each of about `steps` pieces of it, end(). One at
+    // a time. `what` is a word or two: "Checking".
+    virtual void begin(const std::string& what, std::uint64_t steps) = 0;
+    virtual void step() noexcept = 0;
+    virtual void end() noexcept = 0;
+    // Whether the work is to stop. What was begun is then undone or finished, as after
+    // a kill, and the call fails with kInterrupted.
+    virtual bool isCancelled() noexcept = 0;
+
+    // The password of the database, asked for while nothing is locked; again when
+    // another process has changed it meanwhile. Throws kUsage when there is none.
+    virtual SecretText password() = 0;
+};
+
+// A piece of long work, ended with its scope.
+class Progress {
+public:
+    Progress(Observer& observer, const std::string& what, std::uint64_t steps)
+        : observer_(observer) {
+        observer_.begin(what, steps);
+    }
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+    ~Progress() { observer_.end(); }
+
+    // Throws kInterrupted when the work is to stop.
+    void step() {
+        observer_.step();
+        if (observer_.isCancelled()) {
+            throw Failure(kInterrupted, "it was interrupted");
+        }
+    }
+
+private:
+    Observer& observer_;
+};
+
+}  // namespace fstore
+
+#endif  // LIB_BASE_OBSERVER_H

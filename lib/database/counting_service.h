@@ -1,0 +1,53 @@
+// The program's own service of password-based encryption. It stands in front of the
+// module's and passes everything on, so that each record that the store encrypts or
+// decrypts is seen, also in the midst of a change of the password, which is one call.
+#ifndef LIB_DATABASE_COUNTING_SERVICE_H
+#define LIB_DATABASE_COUNTING_SERVICE_H
+
+#include <atomic>
+
+#include "api/pkcs5_i.h"
+#include "lib/base/observer.h"
+
+namespace fstore {
+
+class CountingService final : public PKCS5_Interface {
+public:
+    // `service`, and this object, outlive all that either of them has made.
+    explicit CountingService(PKCS5_Interface& service)
+        : PKCS5_Interface(service.getType()), service_(service) {}
+
+    Status init() override { return kOk; }
+    Status fini() override { return kOk; }
+    CMN_GuardedRef* createObject(objectName_t name) override;
+
+    // While it lives, each encryption and decryption is a step of the observer's work.
+    // Once that is cancelled, all of them fail. One at a time.
+    class Counting {
+    public:
+        Counting(CountingService& service, Observer& observer) : service_(service) {
+            service_.cancelled_ = false;
+            service_.observer_ = &observer;
+        }
+        Counting(const Counting&) = delete;
+        Counting& operator=(const Counting&) = delete;
+        ~Counting() { service_.observer_ = nullptr; }
+
+        bool wasCancelled() const noexcept { return service_.cancelled_; }
+
+    private:
+        CountingService& service_;
+    };
+
+    // Counts one more; whether it may go on. From any thread.
+    bool count() noexcept;
+
+private:
+    PKCS5_Interface& service_;
+    std::atomic<Observer*> observer_{nullptr};
+    std::atomic<bool> cancelled_{false};  // stays so: no step may follow one that was left out
+};
+
+}  // namespace fstore
+
+#endif  // LIB_DATABASE_COUNTING_SERVICE_H
