@@ -10,21 +10,11 @@
 #include "fstore/deep_read.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
+#include "lib/database/folders.h"
 #include "lib/records/record.h"
-#include "os/fs.h"
 
 namespace fstore {
 namespace {
-
-using layout::kCopy;
-using layout::kLive;
-using layout::kPrevious;
-
-void renameFolder(const char* from, const char* to) {
-    if (os::rename(from, to) != 0) {
-        failWithErrno(fmt::format("rename {} to", from), to);
-    }
-}
 
 // The store copies what it finds: a pipe or a dangling link would fail it, without a
 // word which, and any other link would become the file that it leads to.
@@ -75,7 +65,7 @@ void requireNamesOf(const std::string& old, const std::string& live) {
 // Memory that could not be had does not lead here: it says nothing about the folder, and the
 // next command goes on.
 [[noreturn]] void goBack(Session& session, const Failure& reason) {
-    if (!exists(kPrevious)) {
+    if (!folderState().previous) {
         throw Failure(kFound,
                       fmt::format("the change of the password cannot be finished: {}; what is "
                                   "damaged can be removed with `fstore rm` once the database is "
@@ -84,9 +74,7 @@ void requireNamesOf(const std::string& old, const std::string& live) {
                       reason.path());
     }
     (void)session.service().close();  // it is open, or could not be opened
-    renameFolder(kLive, kCopy);
-    renameFolder(kPrevious, kLive);
-    syncFolder(".");
+    undoExchange();
     session.recover();
     throw Failure(reason.status() == kFound ? kIo : reason.status(),
                   fmt::format("the password was not changed, and the old one is in force: the "
@@ -98,12 +86,8 @@ void requireNamesOf(const std::string& old, const std::string& live) {
 // Steps 6 and 7.
 void dropOld(Session& session) {
     const Protection& protection = session.protection();
-    if (!protection.keepOld && exists(kPrevious)) {
-        removeTree(kCopy);
-        renameFolder(kPrevious, kCopy);
-        syncFolder(".");
-        removeTree(kCopy);
-        syncFolder(".");
+    if (!protection.keepOld) {
+        dropPrevious();
     }
     writeKdf({protection.inForce}, false);
     session.readProtection();
@@ -148,8 +132,8 @@ void finishPasswordChange(Session& session) {
     syncFolder(".");
     try {
         (void)readSound(session, "Verifying");
-        if (exists(kPrevious)) {
-            requireNamesOf(kPrevious, kLive);
+        if (folderState().previous) {
+            requireNamesOf(layout::kPrevious, layout::kLive);
         }
     } catch (const Failure& failure) {
         goBack(session, failure);

@@ -17,6 +17,7 @@
 #include "lib/base/files.h"
 #include "lib/base/text.h"
 #include "lib/database/counting_service.h"
+#include "lib/database/folders.h"
 #include "lib/records/record.h"
 #include "os/files.h"
 #include "os/process.h"
@@ -26,9 +27,6 @@ namespace {
 
 const Address kKdf{"", layout::kKdfRecord};
 const Address kKey{"", layout::kKeyRecord};
-using layout::kCopy;
-using layout::kLive;
-using layout::kPrevious;
 
 [[noreturn]] void failOnKey(const std::string& what) {
     throw Failure(kNoDigest, what + "; restore the database from a backup", kKey.print());
@@ -288,7 +286,7 @@ void Session::startHost() {
 }
 
 void Session::requireDatabase() const {
-    if (!exists(kLive) && !exists(kPrevious)) {
+    if (!folderState().hasDatabase()) {
         throw Failure(kMissing,
                       fmt::format("there is no database in {}: `fstore init` makes one, --dir "
                                   "names another folder",
@@ -299,7 +297,7 @@ void Session::requireDatabase() const {
 
 // An unfinished copy is none of a reader's business.
 bool Session::needsRepair() const {
-    if (!exists(kLive)) {
+    if (!folderState().live) {
         return true;
     }
     bool found = false;
@@ -319,10 +317,7 @@ void Session::recover() {
                       folderName());
     }
     syncFolder(".");
-    if (exists(kCopy)) {
-        removeTree(kCopy);
-        syncFolder(".");
-    }
+    dropCopy();
     for (const std::string& subfolder : allFolders()) {
         (void)recordsOf(subfolder);  // the listing puts back what was moved aside
     }

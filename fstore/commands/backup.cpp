@@ -11,6 +11,7 @@
 #include "fstore/terminal/json.h"
 #include "lib/base/files.h"
 #include "lib/base/text.h"
+#include "lib/database/folders.h"
 #include "os/files.h"
 #include "os/fs.h"
 
@@ -19,7 +20,6 @@ namespace {
 
 using layout::kCopy;
 using layout::kLive;
-using layout::kPrevious;
 
 struct BackupOptions {
     std::string file;
@@ -55,11 +55,11 @@ Status runBackup(const BackupOptions& options, Context& context) {
     OutputFile file(options.file, options.force);
     // As it is, damaged or not. Only a database that was moved aside is put back first.
     context.session.look(Access::kRead);
-    if (!exists(kLive)) {
+    if (!folderState().live) {
         context.session.enter(Access::kRead);
     }
     ArchiveWriter writer([&](std::span<const unsigned char> bytes) { file.write(bytes); });
-    const std::vector<std::string> strangers = addTree(kLive, writer);
+    const std::vector<std::string> leftOut = addTree(kLive, writer);
     const ArchiveTotals totals = writer.finish();
     context.session.release();
     if (verifyArchive(file.reopen(), options.file).manifest != totals.manifest) {
@@ -67,9 +67,9 @@ Status runBackup(const BackupOptions& options, Context& context) {
                       options.file);
     }
     file.commit();
-    for (const std::string& stranger : strangers) {
+    for (const std::string& path : leftOut) {
         context.output.warn(
-            fmt::format("{} is neither a file nor a folder, and was left out", stranger));
+            fmt::format("{} is neither a file nor a folder, and was left out", path));
     }
     context.output.note(fmt::format("{}: {}, read back", options.file, describe(totals)));
     context.output.document({{"backup", totalsToJson(options.file, totals)}});
@@ -97,33 +97,22 @@ Failure named(const Failure& failure, const std::string& file) {
 
 // Leaves the database in "./new_db".
 ArchiveTotals extract(const os::File& file, const std::string& name) {
-    removeTree(kCopy);
+    dropCopy();
     try {
         return extractTree(file, name, kCopy);
     } catch (const Failure&) {
-        removeTree(kCopy);
+        dropCopy();
         throw;
     }
 }
 
 void refuseToReplace(const Session& session) {
-    if (exists(kLive) || exists(kPrevious)) {
+    if (folderState().hasDatabase()) {
         throw Failure(kInvalid,
                       fmt::format("there is a database in {}; --replace puts the backup in its "
                                   "place and keeps the old one under another name",
                                   session.folder()),
                       session.folder());
-    }
-}
-
-// A change of the password that was broken off between its renames is undone, as any
-// other command would do it.
-void putBackPrevious() {
-    if (!exists(kLive) && exists(kPrevious)) {
-        if (os::rename(kPrevious, kLive) != 0) {
-            failWithErrno("put back", kPrevious);
-        }
-        syncFolder(".");
     }
 }
 
@@ -148,8 +137,7 @@ Status runRestore(const RestoreOptions& options, Context& context) {
     } catch (const Failure& failure) {
         throw failure.status() == kMalformed ? named(failure, options.file) : failure;
     }
-    putBackPrevious();
-    kept = exchangeDatabase(compactMoment(now()));
+    kept = exchangeForCopy(compactMoment(now()));
     context.output.note(
         fmt::format("{}: {}, restored to {}", options.file, describe(totals), session.folder()));
     Json json{{"restored", totalsToJson(options.file, totals)}};

@@ -39,7 +39,7 @@ const char* planOf(const Finding& finding) {
             return "it will be deleted";
         case Finding::Repair::kPutBack:
             return "it will be put back";
-        case Finding::Repair::kRemoveFolder:
+        case Finding::Repair::kDropCopy:
             return "it will be removed with all it holds";
         case Finding::Repair::kMakeFolder:
             return "it will be made";

@@ -7,6 +7,7 @@
 #include "fstore/commands/commands.h"
 #include "fstore/terminal/json.h"
 #include "lib/base/files.h"
+#include "lib/database/folders.h"
 #include "lib/records/record.h"
 
 namespace fstore {
@@ -51,7 +52,7 @@ Json toJson(const Protection& protection) {
 Status run(Context& context) {
     context.session.enter(Access::kRead);
     const Protection& protection = context.session.protection();
-    const bool hasOld = exists(layout::kPrevious);
+    const bool hasOld = folderState().previous;
     Json folders = Json::array();
     std::size_t records = 0;
     Table table({{"FOLDER", false}, {"RECORDS", false}});

@@ -6,7 +6,6 @@
 
 #include <fmt/format.h>
 
-#include "format/layout.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "os/files.h"
@@ -17,9 +16,6 @@ namespace fstore {
 namespace {
 
 constexpr mode_t kPermissions = 0777;
-using layout::kCopy;
-using layout::kLive;
-using layout::kPrevious;
 
 unsigned int modeOf(const struct stat& status) {
     return static_cast<unsigned int>(status.st_mode & kPermissions);
@@ -53,20 +49,20 @@ void addFile(const std::string& name, const std::string& path, ArchiveWriter& wr
 
 // NOLINTNEXTLINE(misc-no-recursion): as deep as folders are
 void addFolderTree(const std::string& folder, const std::string& path, ArchiveWriter& writer,
-                   std::vector<std::string>& strangers) {
+                   std::vector<std::string>& leftOut) {
     addFolder(folder, path, writer);
     for (const FolderEntry& entry : listFolder(folder)) {
         const std::string name = joined(folder, entry.name);
         const std::string inside = joined(path, entry.name);
         switch (entry.type) {
             case FolderEntry::Type::kFolder:
-                addFolderTree(name, inside, writer, strangers);
+                addFolderTree(name, inside, writer, leftOut);
                 break;
             case FolderEntry::Type::kFile:
                 addFile(name, inside, writer);
                 break;
             case FolderEntry::Type::kOther:
-                strangers.push_back(name);
+                leftOut.push_back(name);
                 break;
         }
     }
@@ -97,7 +93,7 @@ void extractFile(const ArchiveEntry& entry, ArchiveReader& reader, const std::st
 // What the folder has, as the manifest of an archive of it would say.
 ArchiveTotals totalsOf(const std::string& folder) {
     ArchiveWriter writer([](std::span<const unsigned char>) {});
-    (void)addTree(folder, writer);  // an extracted folder has no strangers
+    (void)addTree(folder, writer);  // an extracted folder has no such
     return writer.finish();
 }
 
@@ -106,21 +102,6 @@ void syncTree(const std::string& folder) {
     if (!opened || os::syncfs(opened.get()) != 0) {
         failWithErrno("sync", folder);
     }
-}
-
-void rename(const std::string& from, const std::string& to) {
-    if (os::rename(from.c_str(), to.c_str()) != 0) {
-        failWithErrno(fmt::format("rename {} to", from), to);
-    }
-}
-
-// "./db-<moment>", or another name of this kind when it is taken.
-std::string freeName(const std::string& path, const std::string& moment) {
-    std::string name = fmt::format("{}-{}", path, moment);
-    for (int i = 2; exists(name); ++i) {
-        name = fmt::format("{}-{}-{}", path, moment, i);
-    }
-    return name;
 }
 
 }  // namespace
@@ -143,9 +124,9 @@ ArchiveTotals verifyArchive(const os::File& file, const std::string& name) {
 }
 
 std::vector<std::string> addTree(const std::string& folder, ArchiveWriter& writer) {
-    std::vector<std::string> strangers;
-    addFolderTree(folder, kArchiveRoot, writer, strangers);
-    return strangers;
+    std::vector<std::string> leftOut;
+    addFolderTree(folder, kArchiveRoot, writer, leftOut);
+    return leftOut;
 }
 
 ArchiveTotals extractTree(const os::File& file, const std::string& name,
@@ -171,30 +152,6 @@ ArchiveTotals extractTree(const os::File& file, const std::string& name,
     }
     syncTree(folder);
     return reader.totals();
-}
-
-std::string exchangeDatabase(const std::string& moment) {
-    if (!exists(kLive)) {
-        rename(kCopy, kLive);
-        syncFolder(".");
-        return {};
-    }
-    if (exists(kPrevious)) {
-        rename(kPrevious, freeName(kPrevious, moment));
-    }
-    // While there is no "./db", "./old_db" is what the next start puts back.
-    rename(kLive, kPrevious);
-    if (os::rename(kCopy, kLive) != 0) {
-        const int reason = errno;
-        (void)os::rename(kPrevious, kLive);  // if this fails too, the next start does it
-        errno = reason;
-        failWithErrno("make the database of", kCopy);
-    }
-    syncFolder(".");
-    std::string kept = freeName(kLive, moment);
-    rename(kPrevious, kept);
-    syncFolder(".");
-    return kept;
 }
 
 }  // namespace fstore

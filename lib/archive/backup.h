@@ -1,5 +1,4 @@
-// The database's folder into an archive and back, and the exchange of one database
-// for another.
+// A database's folder into an archive, and back.
 //
 // Paths are relative to the current folder. Failures throw. For one thread, which
 // keeps other processes out.
@@ -27,11 +26,6 @@ std::vector<std::string> addTree(const std::string& folder, ArchiveWriter& write
 // Makes the folder, which must not exist, from an archive, reads it back, and makes it
 // durable. Modes are those of the archive. A failure leaves a part of it.
 ArchiveTotals extractTree(const os::File& file, const std::string& name, const std::string& folder);
-
-// Puts "./new_db" in place of "./db". The old one gets the name "./db-<moment>", which is
-// returned; empty when there was none. Broken off anywhere, either the old or the new one
-// is the database from then on: what prepareDBFolders() puts back is the old one.
-std::string exchangeDatabase(const std::string& moment);
 
 }  // namespace fstore
 

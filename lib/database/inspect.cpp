@@ -10,6 +10,7 @@
 #include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
+#include "lib/database/folders.h"
 #include "lib/records/descriptor.h"
 #include "lib/records/record.h"
 #include "os/fs.h"
@@ -51,7 +52,7 @@ private:
     void examine(const FolderEntry& entry) {
         const std::string& name = entry.name;
         if (entry.type == FolderEntry::Type::kOther) {
-            add(FindingKind::kStranger, name, "is neither a file nor a folder");
+            add(FindingKind::kUnknownFile, name, "is neither a file nor a folder");
         } else if (hasMarker(name, kDscSuffix)) {
             examineDescriptor(name);
         } else if (hasMarker(name, kNewMarker)) {
@@ -143,7 +144,7 @@ private:
     }
 
     void addUnknown(const std::string& name) {
-        add(FindingKind::kStranger, name, "is no file of the store");
+        add(FindingKind::kUnknownFile, name, "is no file of the store");
     }
 
     void add(FindingKind kind, const std::string& name, const std::string& message,
@@ -183,12 +184,6 @@ void makeFolder(const std::string& path) {
     }
 }
 
-void moveBack(const std::string& path) {
-    if (os::rename(path.c_str(), layout::kLive) != 0) {
-        failWithErrno("rename", path);
-    }
-}
-
 std::string folderOf(const std::string& path) {
     return path.substr(0, path.rfind('/'));
 }
@@ -211,8 +206,8 @@ const char* nameOf(Finding::Kind kind) {
             return "missing-folder";
         case FindingKind::kDamaged:
             return "damaged";
-        case FindingKind::kStranger:
-            return "foreign";
+        case FindingKind::kUnknownFile:
+            return "unknown-file";
         case FindingKind::kMovedAside:
             return "moved-aside";
         case FindingKind::kUnfinishedChange:
@@ -224,7 +219,8 @@ const char* nameOf(Finding::Kind kind) {
 }
 
 std::vector<Finding> inspect() {
-    if (!exists(layout::kLive)) {
+    const FolderState folders = folderState();
+    if (!folders.live) {
         return {{FindingKind::kMovedAside, layout::kPrevious,
                  "is the database, moved aside by a change of the password that was broken off",
                  Repair::kMoveBack}};
@@ -236,11 +232,11 @@ std::vector<Finding> inspect() {
                 {FindingKind::kMissingFolder, folder.path, "is missing", Repair::kMakeFolder});
         }
     }
-    if (exists(layout::kCopy)) {
+    if (folders.copy) {
         findings.push_back({FindingKind::kUnfinishedCopy, layout::kCopy,
-                            "is left over from a change of the password", Repair::kRemoveFolder});
+                            "is left over from a change of the password", Repair::kDropCopy});
     }
-    if (exists(layout::kPrevious)) {
+    if (folders.previous) {
         findings.push_back({FindingKind::kPrevious, layout::kPrevious,
                             "is the database before the last change of the password, and opens "
                             "with the old one; remove it when it is no longer needed"});
@@ -264,15 +260,15 @@ void repair(const std::vector<Finding>& findings) {
             case Repair::kPutBack:
                 putBack(finding.path);
                 break;
-            case Repair::kRemoveFolder:
-                removeTree(finding.path);
-                break;
+            case Repair::kDropCopy:
+                dropCopy();
+                continue;
             case Repair::kMakeFolder:
                 makeFolder(finding.path);
                 break;
             case Repair::kMoveBack:
-                moveBack(finding.path);
-                break;
+                putPreviousBack();
+                continue;
         }
         changed.insert(folderOf(finding.path));
     }

@@ -22,11 +22,11 @@ struct Finding {
         kMovedAside,        // "./old_db" while there is no "./db"
         kUnfinishedChange,  // of the password; found by the caller, who knows the records
         // Reported, and never touched:
-        kDamaged,   // a record that cannot be read, or that cannot be what was written
-        kStranger,  // nothing that the store would have made
-        kPrevious,  // "./old_db", with the password before
+        kDamaged,      // a record that cannot be read, or that cannot be what was written
+        kUnknownFile,  // nothing that the store would have made
+        kPrevious,     // "./old_db", with the password before
     };
-    enum class Repair { kNone, kDelete, kPutBack, kRemoveFolder, kMakeFolder, kMoveBack, kFinish };
+    enum class Repair { kNone, kDelete, kPutBack, kDropCopy, kMakeFolder, kMoveBack, kFinish };
 
     Kind kind;
     std::string path;

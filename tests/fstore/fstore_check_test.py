@@ -141,17 +141,17 @@ class CheckTest(InitialisedTest):
         descriptor.write_bytes(text + b"\0\n")
         self.assertEqual("damaged", self.findings(code=3)["settings/a.dsc"])
 
-    def test_strangers_are_told_and_left_alone(self):
+    def test_unknown_files_are_reported_and_left_alone(self):
         (self.settings / "notes.txt").write_text("x")
         (self.settings / "link").symlink_to("/etc/passwd")
         (self.settings / "DEADBEEF").write_text("x")
         found = self.findings()
-        self.assertEqual({"settings/notes.txt": "foreign", "settings/link": "foreign",
-                          "settings/DEADBEEF": "foreign"}, found)
+        self.assertEqual({"settings/notes.txt": "unknown-file", "settings/link": "unknown-file",
+                          "settings/DEADBEEF": "unknown-file"}, found)
         self.assertEqual([], self.repair()["repaired"])
         self.assertTrue((self.settings / "notes.txt").exists())
 
-    def test_a_body_that_a_stranger_might_name_counts_all_the_same(self):
+    def test_a_body_that_an_unknown_file_might_name_counts_all_the_same(self):
         (self.settings / "notes.txt").write_text("10000003 00000000 deadbeef\n")
         (self.settings / "deadbeef").write_text("x")
         self.assertEqual("unnamed-body", self.findings()["settings/deadbeef"])

@@ -154,7 +154,7 @@ class DamageTest(StorageTest):
         self.run_tool("rm", "settings/bad")
         self.assert_sound()
 
-    def test_strangers_in_the_folders_are_left_alone(self):
+    def test_unknown_files_in_the_folders_are_left_alone(self):
         settings = self.folder / "db/settings"
         (settings / "notes.txt").write_text("mine")
         (settings / "a.dsc~").write_text("mine")

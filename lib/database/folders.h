@@ -1,0 +1,75 @@
+// The three folders that a database is made of, and every move between them.
+//
+//     ./db       the database
+//     ./new_db   a copy that is being made; nobody reads it
+//     ./old_db   the database as it was before a copy took its place
+//
+// The store makes some of these moves itself: recrypt() makes the copy, removes the old
+// ./old_db, renames ./db to ./old_db and ./new_db to ./db; prepareDBFolders() renames a
+// lone ./old_db back. All others are here, so that what is found after a crash is one of
+// the states of this table, and what becomes of it is decided once. "d", "n" and "o" stand
+// for the three folders.
+//
+//     d n o   how it came about            what it means, and what becomes of it
+//     - - -   before `init`                no database
+//     d - -   nothing is under way         the database
+//     d n -   a change of the password     the database; the copy may be anything from begun
+//             or a restore, broken off     to complete and is dropped by whoever locks
+//             before its exchange; or      exclusively next. It may also be what was to be
+//             the end of a change          removed
+//     d - o   an exchange is done          the database; ./old_db opens with the password
+//                                          before and stays, but is dropped while "kdf" has
+//                                          two slots, the new one in force, and does not say
+//                                          that it is to be kept
+//     d n o   as "d - o", and the next     as "d - o"; the copy is dropped
+//             change was broken off
+//     - n o   an exchange was broken off   ./old_db is the database: it is put back, then
+//             between its two renames      the copy is dropped. `check` puts back only
+//     - - o   the same, without the copy   the same
+//     - n -   the first restore into the   no database; the copy is dropped by the next
+//             folder, broken off           `init` or `restore`
+//
+// A restore keeps the database that it replaces, and what was in ./old_db, as ./db-<time>
+// and ./old_db-<time>, which no command touches.
+//
+// Paths are relative to the current folder. For one thread, which keeps other processes
+// out. Failures throw. Each move may be broken off anywhere, and leaves a state of the table.
+#ifndef LIB_DATABASE_FOLDERS_H
+#define LIB_DATABASE_FOLDERS_H
+
+#include <string>
+
+namespace fstore {
+
+// Which of them are there.
+struct FolderState {
+    bool live = false;
+    bool copy = false;
+    bool previous = false;
+
+    // One of them is the database.
+    bool hasDatabase() const noexcept { return live || previous; }
+};
+
+FolderState folderState();
+
+// Undoes an exchange that was broken off between its renames: without "./db", "./old_db"
+// is the database. Changes nothing else.
+void putPreviousBack();
+
+// Removes "./new_db", if it is there.
+void dropCopy();
+
+// Removes "./old_db", if it is there. It is never there in part, since it goes as a copy.
+void dropPrevious();
+
+// Undoes an exchange: "./old_db" is the database again, and what was is the copy.
+void undoExchange();
+
+// Makes "./new_db" the database. Returns the name by which the one before is kept,
+// "./db-<time>"; empty when there was none.
+std::string exchangeForCopy(const std::string& time);
+
+}  // namespace fstore
+
+#endif  // LIB_DATABASE_FOLDERS_H
