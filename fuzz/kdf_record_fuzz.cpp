@@ -5,7 +5,7 @@
 #include <string>
 
 #include "fuzz/input.h"
-#include "lib/database/kdf_record.h"
+#include "lib/database/slots.h"
 
 namespace {
 

@@ -6,22 +6,16 @@
 
 namespace fstore {
 
-Record readForChange(Session& session, const std::string& text, bool getsSecret) {
-    session.enter(Access::kChange);
-    Address address = resolve(text);
+Record readForChange(Database& database, const std::string& text, bool getsSecret) {
+    const Address address = resolve(text);
     refuseInternal(address);
     Record record = Record::read(address);
     if (getsSecret || record.hasSecrets()) {
-        if (session.service().isOpen() == 0) {
-            // Other processes had their turn while the password was asked for.
-            session.open(Access::kChange);
-            address = resolve(text);
-            record = Record::read(address);
-        }
+        database.needSecrets();
         record.decrypt();
     }
     if (getsSecret) {
-        session.requireSecrecy();
+        database.requireSecrecy();
     }
     return record;
 }

@@ -4,15 +4,15 @@
 
 #include <string>
 
-#include "fstore/session.h"
+#include "lib/database/database.h"
 #include "lib/records/record.h"
 
 namespace fstore {
 
-// The record that the user's words stand for, readable, in a database entered for
-// changes: opened too when the record has secrets or is to get one. Throws kInvalid
-// for the records that the tool keeps for itself.
-Record readForChange(Session& session, const std::string& text, bool getsSecret);
+// The record that the user's words stand for, readable, in a database that is entered for
+// changes. A step of withSecrets(): asks for secrets when the record has some or is to get
+// one. Throws kInvalid for the records that the tool keeps for itself.
+Record readForChange(Database& database, const std::string& text, bool getsSecret);
 
 // Throws kInvalid for those.
 void refuseInternal(const Address& address);

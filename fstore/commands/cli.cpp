@@ -209,8 +209,8 @@ int Cli::run(const Command& command) {
         PasswordSource password(PasswordSource::Which::kCurrent, globals_.password,
                                 globals_.noInput, output);
         TerminalObserver observer(output, password);
-        Session session(globals_, observer);
-        Context context{globals_, output, password, session};
+        Database database({globals_.folder, globals_.lockSeconds}, observer);
+        Context context{globals_, output, password, database};
         int code = static_cast<int>(kOk);
         try {
             code = exitCodeOf(command.run()(context));

@@ -17,9 +17,9 @@
 
 #include "fstore/commands/command.h"
 #include "fstore/commands/globals.h"
-#include "fstore/session.h"
 #include "fstore/terminal/output.h"
 #include "fstore/terminal/password.h"
+#include "lib/database/database.h"
 
 namespace fstore {
 
@@ -28,7 +28,7 @@ struct Context {
     const Globals& globals;
     Output& output;
     PasswordSource& password;  // of the database
-    Session& session;
+    Database& database;
 };
 
 class Cli {

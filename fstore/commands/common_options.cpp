@@ -2,7 +2,7 @@
 
 #include <limits>
 
-#include "lib/database/kdf_record.h"
+#include "lib/database/slots.h"
 
 namespace fstore {
 namespace {

@@ -46,7 +46,7 @@ std::string describe(const DescriptorLine& line) {
 }
 
 Status run(const Options& options, Context& context) {
-    context.session.enter(Access::kRead);
+    const Hold hold = context.database.enter(Access::kRead);
     const Address address = resolve(options.address);
     const std::vector<DescriptorLine> lines = readDescriptor(descriptorPath(address));
     Json listed = Json::array();

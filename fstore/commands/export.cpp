@@ -9,10 +9,10 @@
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
-#include "fstore/deep_read.h"
 #include "fstore/terminal/json.h"
 #include "lib/base/files.h"
 #include "lib/base/text.h"
+#include "lib/database/deep_read.h"
 #include "lib/pki/chain.h"
 #include "lib/pki/encode.h"
 #include "lib/pki/object.h"
@@ -54,31 +54,27 @@ SecretBytes bodyOf(const Record& record) {
     return {record.body().begin(), record.body().end()};
 }
 
-// Throws kNotOpen for a secret in a database that is not open: what happens then is
-// that it is opened, and all begins anew.
-Record readReadable(const Address& address, Session& session) {
+Record readReadable(const Address& address, Database& database) {
     Record record = Record::read(address);
-    if (record.hasSecrets() && session.service().isOpen() == 0) {
-        throw Failure(kNotOpen, fmt::format("{} is encrypted", address.print()), address.print());
+    if (record.hasSecrets()) {
+        database.needSecrets();
+        record.decrypt();
     }
-    record.decrypt();
     checkBody(record);
     return record;
 }
 
-std::vector<Candidate> candidatesOf(Kind kind, Session& session) {
+std::vector<Candidate> candidatesOf(Kind kind, Database& database) {
     std::vector<Candidate> found;
     for (const Address& address : allRecords()) {
         try {
             Record record = Record::read(address);
             if (infoOf(record).kind == kind) {
-                record = readReadable(address, session);
+                record = readReadable(address, database);
                 found.push_back({infoOf(record), bodyOf(record)});
             }
-        } catch (const Failure& failure) {
-            if (failure.status() == kNotOpen) {
-                throw;
-            }  // a damaged record goes with nothing
+        } catch (const Failure&) {
+            continue;  // skip damaged records
         }
     }
     return found;
@@ -130,8 +126,9 @@ void refuseUnlessExportable(const RecordInfo& info, const Options& options) {
     }
 }
 
-Selection select(const Options& options, Session& session) {
-    Record record = readReadable(resolve(options.address), session);
+// A step of withSecrets().
+Selection select(const Options& options, Database& database) {
+    const Record record = readReadable(resolve(options.address), database);
     Selection selection;
     selection.info = infoOf(record);
     refuseUnlessExportable(selection.info, options);
@@ -141,7 +138,7 @@ Selection select(const Options& options, Session& session) {
             selection.key = bodyOf(record);
             if (asPkcs12 || options.chain) {
                 auto own = candidateFor(selection.info.keySha256,
-                                        candidatesOf(Kind::kCertificate, session));
+                                        candidatesOf(Kind::kCertificate, database));
                 if (own) {
                     selection.certificates.push_back(std::move(own->der));
                 }
@@ -151,7 +148,7 @@ Selection select(const Options& options, Session& session) {
             selection.certificates.push_back(bodyOf(record));
             if (asPkcs12) {
                 auto key =
-                    candidateFor(selection.info.keySha256, candidatesOf(Kind::kKey, session));
+                    candidateFor(selection.info.keySha256, candidatesOf(Kind::kKey, database));
                 if (key) {
                     selection.key = std::move(key->der);
                 }
@@ -162,23 +159,9 @@ Selection select(const Options& options, Session& session) {
             break;
     }
     if (options.chain) {
-        addChain(selection, candidatesOf(Kind::kCertificate, session));
+        addChain(selection, candidatesOf(Kind::kCertificate, database));
     }
     return selection;
-}
-
-// Opens the database only when something that is wanted is secret.
-Selection readSelection(const Options& options, Session& session) {
-    session.enter(Access::kRead);
-    try {
-        return select(options, session);
-    } catch (const Failure& failure) {
-        if (failure.status() != kNotOpen || session.service().isOpen() != 0) {
-            throw;
-        }
-    }
-    session.open(Access::kRead);
-    return select(options, session);
 }
 
 void append(SecretBytes& bytes, const SecretBytes& more) {
@@ -264,8 +247,9 @@ Status run(const Options& options, Context& context) {
     if (password.usesStandardInput() && context.password.usesStandardInput()) {
         throw Failure(kUsage, "the standard input cannot be both passwords");
     }
-    const Selection selection = readSelection(options, context.session);
-    context.session.release();  // nobody has to wait while a password is typed
+    // Nobody has to wait while a password is typed.
+    const Selection selection = withSecrets(context.database, Access::kRead,
+                                            [&] { return select(options, context.database); });
     const bool encrypted = !options.plain && (selection.key || options.format == Format::kPkcs12);
     const SecretText* const secret =
         encrypted ? &password.get(PasswordSource::Entry::kTwice) : nullptr;

@@ -1,4 +1,6 @@
 // fstore import: certificates, keys, CRLs and requests from files.
+#include "lib/work/import.h"
+
 #include <algorithm>
 #include <memory>
 #include <utility>
@@ -10,7 +12,6 @@
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
-#include "fstore/pki_import.h"
 #include "fstore/terminal/json.h"
 #include "lib/base/files.h"
 #include "lib/records/address.h"
@@ -165,28 +166,25 @@ private:
     std::optional<Failure> first_;
 };
 
-void enterFor(const std::vector<const PkiObject*>& objects, const ImportRules& rules,
-              Session& session) {
+Hold enterFor(const std::vector<const PkiObject*>& objects, const ImportRules& rules,
+              Database& database) {
     const bool secret = std::ranges::any_of(
         objects, [&](const PkiObject* object) { return wantsSecrecy(*object, rules); });
-    if (!secret && !rules.replace) {
-        session.enter(Access::kChange);
-        return;
-    }
-    session.open(Access::kChange);
+    Hold hold = database.enter(Access::kChange, needFor(secret || rules.replace));
     if (secret) {
-        session.requireSecrecy();
+        database.requireSecrecy();
     }
+    return hold;
 }
 
-void importObjects(const std::vector<Item>& items, const ImportRules& rules, Session& session,
+void importObjects(const std::vector<Item>& items, const ImportRules& rules, Database& database,
                    Report& report) {
     const std::vector<const PkiObject*> objects = objectsOf(items);
     if (objects.empty()) {
         return;
     }
-    enterFor(objects, rules, session);
-    Importer importer(session, rules, objects);
+    const Hold hold = enterFor(objects, rules, database);
+    Importer importer(database, rules, objects);
     for (const Item& item : items) {
         if (item.object() == nullptr) {
             continue;
@@ -206,7 +204,7 @@ Status run(const Options& options, Context& context) {
     refuseStandardInputTwice(options, context.password, password);
     const std::vector<Item> items = readItems(options, password);
     Report report(context.output);
-    importObjects(items, rules, context.session, report);
+    importObjects(items, rules, context.database, report);
     for (const Item& item : items) {
         if (item.failure() != nullptr) {
             report.failed(item, *item.failure());

@@ -13,45 +13,45 @@
 namespace fstore {
 namespace {
 
-std::string describe(const Protection& protection) {
-    const Slot& slot = protection.inForce;
-    switch (protection.state) {
-        case Protection::State::kNone:
+std::string describe(const Slot& slot) {
+    switch (slot.form) {
+        case Slot::Form::kNone:
             return "none";
-        case Protection::State::kRaw:
+        case Slot::Form::kRaw:
             return "as it is; a guess is cheap";
-        case Protection::State::kScrypt:
+        case Slot::Form::kScrypt:
             break;
     }
     return fmt::format("scrypt, N=2^{}, r={}, p={}", slot.ln, slot.r, slot.p);
 }
 
-const char* nameOf(Protection::State state) {
-    switch (state) {
-        case Protection::State::kNone:
+const char* nameOf(Slot::Form form) {
+    switch (form) {
+        case Slot::Form::kNone:
             return "none";
-        case Protection::State::kRaw:
+        case Slot::Form::kRaw:
             return "raw";
-        case Protection::State::kScrypt:
+        case Slot::Form::kScrypt:
             break;
     }
     return "scrypt";
 }
 
 Json toJson(const Protection& protection) {
-    Json json = {{"kind", nameOf(protection.state)}};
-    if (protection.state == Protection::State::kScrypt) {
-        json["ln"] = protection.inForce.ln;
-        json["r"] = protection.inForce.r;
-        json["p"] = protection.inForce.p;
+    const Slot& slot = protection.inForce;
+    Json json = {{"kind", nameOf(slot.form)}};
+    if (slot.form == Slot::Form::kScrypt) {
+        json["ln"] = slot.ln;
+        json["r"] = slot.r;
+        json["p"] = slot.p;
     }
     json["changeUnfinished"] = protection.isUnfinished();
     return json;
 }
 
 Status run(Context& context) {
-    context.session.enter(Access::kRead);
-    const Protection& protection = context.session.protection();
+    const Hold hold = context.database.enter(Access::kRead);
+    const Protection& protection = context.database.protection();
     const bool hasOld = folderState().previous;
     Json folders = Json::array();
     std::size_t records = 0;
@@ -69,7 +69,7 @@ Status run(Context& context) {
     const std::string here = absolutePath(layout::kLiveName);
     Output& output = context.output;
     output.line(fmt::format("database   {}", here));
-    output.line(fmt::format("password   {}", describe(protection)));
+    output.line(fmt::format("password   {}", describe(protection.inForce)));
     if (protection.isUnfinished()) {
         output.line("           its last change was broken off; opening finishes it");
     }

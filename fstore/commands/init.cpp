@@ -5,7 +5,6 @@
 
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
-#include "fstore/password_change.h"
 #include "fstore/terminal/json.h"
 #include "lib/records/record.h"
 
@@ -16,51 +15,55 @@ struct Options {
     unsigned int cost = Slot::kDefaultLn;
 };
 
-void refuseUnless(bool accepted, const Session& session, const std::string& why) {
+void refuseUnless(bool accepted, const Place& place, const std::string& why) {
     if (!accepted) {
-        throw Failure(kInvalid, fmt::format("the database in {} {}", session.folder(), why),
-                      session.folderName());
+        throw Failure(kInvalid, fmt::format("the database in {} {}", place.describe(), why),
+                      place.folder);
     }
 }
 
-// Enters the database; whether it has yet to be given its password.
-bool enterUnlessForeign(Session& session) {
-    session.enterNew();
-    const Protection::State state = session.protection().state;
-    refuseUnless(state != Protection::State::kRaw, session,
+// Whether the database that was entered has yet to be given its password.
+bool lacksPassword(const Database& database) {
+    const Slot::Form form = database.protection().inForce.form;
+    refuseUnless(form != Slot::Form::kRaw, database.place(),
                  "has a password that can be guessed cheaply: `fstore passwd` protects it");
-    if (state == Protection::State::kScrypt) {
+    if (form == Slot::Form::kScrypt) {
         return false;
     }
     const std::size_t records = allRecords().size();
     refuseUnless(
-        records == 0, session,
+        records == 0, database.place(),
         fmt::format("holds {} records and has no password: `fstore passwd` gives it one", records));
     return true;
 }
 
-// False when the database has got a password while this one was asked for.
-bool initialise(const Options& options, PasswordSource& password, Session& session) {
-    session.release();
+// False when the database has its password already, or has got one while this one was
+// asked for.
+bool initialise(const Options& options, PasswordSource& password, Database& database) {
+    {
+        const Hold hold = database.enter(Access::kChange, Need::kDatabase);
+        if (!lacksPassword(database)) {
+            return false;
+        }
+    }
     NewSlot fresh = makeSlot(password.get(PasswordSource::Entry::kTwice), options.cost);
-    if (!enterUnlessForeign(session)) {
+    const Hold hold = database.enter(Access::kChange, Need::kDatabase);
+    if (!lacksPassword(database)) {
         return false;
     }
-    session.reopen(SecretText());
-    changePassword(session, std::move(fresh), /*keepOld=*/false);
+    database.changePassword(std::move(fresh), /*keepOld=*/false);
     return true;
 }
 
 Status run(const Options& options, Context& context) {
-    Session& session = context.session;
-    const bool created =
-        enterUnlessForeign(session) && initialise(options, context.password, session);
+    Database& database = context.database;
+    const bool created = initialise(options, context.password, database);
     if (!created) {
-        session.open(Access::kChange);
+        (void)database.enter(Access::kChange, Need::kSecrets);  // with this password
     }
-    context.output.note(fmt::format("the database in {} {}", session.folder(),
+    context.output.note(fmt::format("the database in {} {}", database.place().describe(),
                                     created ? "is ready" : "was ready before, with this password"));
-    context.output.document({{"folder", jsonText(session.folderName())}, {"created", created}});
+    context.output.document({{"folder", jsonText(database.place().folder)}, {"created", created}});
     return kOk;
 }
 

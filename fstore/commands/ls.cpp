@@ -146,8 +146,8 @@ Listing readPart(Addresses addresses, const Filter& filter, bool unlocked) {
     return listing;
 }
 
-Listing list(const Options& options, Session& session) {
-    const bool unlocked = session.service().isOpen() != 0;
+Listing list(const Options& options, Database& database) {
+    const bool unlocked = database.isOpen();
     Filter filter(options.filters, now());
     if (filter.needsKeys()) {
         filter.setKeys(keysOf(unlocked));
@@ -220,12 +220,8 @@ Json toDocument(const Listing& listing) {
 
 Status run(const Options& options, Context& context) {
     (void)Filter(options.filters, now());  // what cannot be read is told before anything is asked
-    if (options.unlock) {
-        context.session.open(Access::kRead);
-    } else {
-        context.session.enter(Access::kRead);
-    }
-    const Listing listing = list(options, context.session);
+    const Hold hold = context.database.enter(Access::kRead, needFor(options.unlock));
+    const Listing listing = list(options, context.database);
     if (context.output.json()) {
         context.output.document(toDocument(listing));
     } else {

@@ -5,7 +5,6 @@
 
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
-#include "fstore/password_change.h"
 #include "fstore/terminal/json.h"
 
 namespace fstore {
@@ -18,21 +17,21 @@ struct Options {
 };
 
 Status run(const Options& options, Context& context) {
-    Session& session = context.session;
     PasswordSource fresh(PasswordSource::Which::kNew, options.password, context.globals.noInput,
                          context.output);
     if (fresh.usesStandardInput() && context.password.usesStandardInput()) {
         throw Failure(kUsage, "the standard input cannot be both the old and the new password");
     }
-    session.open(Access::kRead);  // a mistake in the old one shows before the new one is asked for
-    session.release();
+    Database& database = context.database;
+    // A mistake in the old one shows before the new one is asked for.
+    (void)database.enter(Access::kRead, Need::kSecrets);
     NewSlot slot = makeSlot(fresh.get(PasswordSource::Entry::kTwice), options.cost);
-    session.open(Access::kChange);
-    changePassword(session, std::move(slot), options.keepOld);
+    const Hold hold = database.enter(Access::kChange, Need::kSecrets);
+    database.changePassword(std::move(slot), options.keepOld);
     context.output.note(
-        fmt::format("the database in {} has another password now{}", session.folder(),
+        fmt::format("the database in {} has another password now{}", database.place().describe(),
                     options.keepOld ? "; ./old_db still opens with the one before" : ""));
-    context.output.document({{"folder", jsonText(session.folderName())},
+    context.output.document({{"folder", jsonText(database.place().folder)},
                              {"changed", true},
                              {"keptOld", options.keepOld}});
     return kOk;

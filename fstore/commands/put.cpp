@@ -31,10 +31,8 @@ struct GetOptions {
     bool force = false;
 };
 
-// The record that gets the body: what is there, or a new one. Looks once more when
-// the database had to be opened for it.
-// NOLINTNEXTLINE(misc-no-recursion): the second time it is open
-Record recordFor(Session& session, const Address& address) {
+// The record that gets the body, readable: what is there, or a new one.
+Record recordFor(Database& database, const Address& address) {
     if (!Record::isThere(address)) {
         requireFolder(address.folder);
         Record record(address);
@@ -51,11 +49,10 @@ Record recordFor(Session& session, const Address& address) {
                                   address.print(), nameOf(kind)),
                       address.print());
     }
-    if (record.hasSecrets() && session.service().isOpen() == 0) {
-        session.open(Access::kChange);  // what was read may have changed meanwhile
-        return recordFor(session, address);
+    if (record.hasSecrets()) {
+        database.needSecrets();
+        record.decrypt();
     }
-    record.decrypt();
     return record;
 }
 
@@ -65,8 +62,25 @@ void refuseStandardInputTwice(const PutOptions& options, const PasswordSource& p
     }
 }
 
+// A step of withSecrets(). Gives the bytes' memory back before it writes: one copy less.
+void putBody(const PutOptions& options, const Address& address, SecretBytes& bytes,
+             Database& database) {
+    if (!options.plain) {
+        database.requireSecrecy();
+    }
+    Record record = recordFor(database, address);
+    // A plaintext digest would let anyone test guesses of a weak secret.
+    record.setBinary(attr::kSha256, sha256(bytes), /*encrypted=*/!options.plain);
+    record.setText(attr::kImported, printMoment(now()));
+    if (!options.label.empty()) {
+        record.setText(attr::kLabel, options.label);
+    }
+    record.setBody(bytes, !options.plain);
+    bytes = SecretBytes();
+    record.write();
+}
+
 Status runPut(const PutOptions& options, Context& context) {
-    Session& session = context.session;
     const Address address = parseNewAddress(options.address);
     refuseInternal(address);
     refuseStandardInputTwice(options, context.password);
@@ -76,31 +90,18 @@ Status runPut(const PutOptions& options, Context& context) {
                       "an empty body cannot be kept in plain form; without --plain-body "
                       "it can");
     }
-    if (options.plain) {
-        session.enter(Access::kChange);
-    } else {
-        session.open(Access::kChange);
-        session.requireSecrecy();
-    }
-    Record record = recordFor(session, address);
-    const std::size_t size = bytes.size();
-    // Of a secret that can be guessed, a digest in plain form would tell it.
-    record.setBinary(attr::kSha256, sha256(bytes), /*encrypted=*/!options.plain);
-    record.setText(attr::kImported, printMoment(now()));
-    if (!options.label.empty()) {
-        record.setText(attr::kLabel, options.label);
-    }
-    record.setBody(bytes, !options.plain);
-    bytes = SecretBytes();  // one copy less while it is written
-    record.write();
-    context.output.note(
-        fmt::format("{}: {} bytes{}", address.print(), size, options.plain ? "" : ", encrypted"));
-    if (context.output.json()) {
-        // As it is on disk: the digest of a secret is one too.
-        const RecordInfo stored = infoOf(Record::read(address));
-        context.output.document({{"records", Json::array({toJson(stored)})}});
-    }
-    return kOk;
+    const auto store = [&, size = bytes.size()] {
+        putBody(options, address, bytes, context.database);
+        context.output.note(fmt::format("{}: {} bytes{}", address.print(), size,
+                                        options.plain ? "" : ", encrypted"));
+        if (context.output.json()) {
+            // As it is on disk: the digest of a secret is one too.
+            const RecordInfo stored = infoOf(Record::read(address));
+            context.output.document({{"records", Json::array({toJson(stored)})}});
+        }
+        return kOk;
+    };
+    return withSecrets(context.database, Access::kChange, store, needFor(!options.plain));
 }
 
 bool isForTerminals(std::span<const unsigned char> body) {
@@ -109,12 +110,11 @@ bool isForTerminals(std::span<const unsigned char> body) {
            isUtf8(text);
 }
 
-Record readBody(Session& session, const std::string& text) {
-    session.enter(Access::kRead);
+// A step of withSecrets().
+Record readBody(Database& database, const std::string& text) {
     Record record = Record::read(resolve(text));
     if (record.isBodyEncrypted()) {
-        session.open(Access::kRead);
-        record = Record::read(resolve(text));
+        database.needSecrets();
         record.decrypt();
     }
     if (!record.hasBody()) {
@@ -131,7 +131,8 @@ Status runGet(const GetOptions& options, Context& context) {
     if (!inDocument) {
         file.emplace(options.file, options.force);
     }
-    const Record record = readBody(context.session, options.address);
+    const Record record = withSecrets(context.database, Access::kRead,
+                                      [&] { return readBody(context.database, options.address); });
     Json json = toJson(infoOf(record));
     if (inDocument) {
         json["body"]["bytes"] = toHex(record.body());

@@ -61,10 +61,10 @@ void confirmKeys(const std::vector<Address>& addresses, const Globals& globals) 
 Status run(const Options& options, Context& context) {
     if (!options.force) {
         // Others may read while the user thinks.
-        context.session.enter(Access::kRead);
+        const Hold hold = context.database.enter(Access::kRead);
         confirmKeys(resolveAll(options), context.globals);
     }
-    context.session.enter(Access::kChange);
+    const Hold hold = context.database.enter(Access::kChange);
     const std::vector<Address> addresses = resolveAll(options);
     Json records = Json::array();
     std::vector<Failure> failures;

@@ -38,13 +38,28 @@ Status runSet(const SetOptions& options, Context& context) {
     for (const std::string& text : options.assignments) {
         assignments.push_back(Assignment::parse(text));
     }
-    Record record = readForChange(context.session, options.address, options.encrypt);
-    for (const Assignment& assignment : assignments) {
-        assignment.applyTo(record, options.encrypt);
+    return withSecrets(context.database, Access::kChange, [&] {
+        Record record = readForChange(context.database, options.address, options.encrypt);
+        for (const Assignment& assignment : assignments) {
+            assignment.applyTo(record, options.encrypt);
+        }
+        record.write();
+        tell(record.address(), context.output);
+        return kOk;
+    });
+}
+
+// `names` are what the user calls them.
+void removeAttributes(Record& record, const std::vector<unsigned int>& ids,
+                      const std::vector<std::string>& names) {
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+        if (record.removeAll(ids[i]) == 0) {
+            throw Failure(kEnd,
+                          fmt::format("{} has no attribute {}; nothing was changed",
+                                      record.address().print(), names[i]),
+                          record.address().print());
+        }
     }
-    record.write();
-    tell(record.address(), context.output);
-    return kOk;
 }
 
 Status runUnset(const UnsetOptions& options, Context& context) {
@@ -52,18 +67,13 @@ Status runUnset(const UnsetOptions& options, Context& context) {
     for (const std::string& text : options.ids) {
         ids.push_back(parseEditableId(text));
     }
-    Record record = readForChange(context.session, options.address, /*getsSecret=*/false);
-    for (std::size_t i = 0; i < ids.size(); ++i) {
-        if (record.removeAll(ids[i]) == 0) {
-            throw Failure(kEnd,
-                          fmt::format("{} has no attribute {}; nothing was changed",
-                                      record.address().print(), options.ids[i]),
-                          record.address().print());
-        }
-    }
-    record.write();
-    tell(record.address(), context.output);
-    return kOk;
+    return withSecrets(context.database, Access::kChange, [&] {
+        Record record = readForChange(context.database, options.address, /*getsSecret=*/false);
+        removeAttributes(record, ids, options.ids);
+        record.write();
+        tell(record.address(), context.output);
+        return kOk;
+    });
 }
 
 }  // namespace

@@ -47,11 +47,7 @@ void print(const Record& record, Output& output) {
 }
 
 Status run(const Options& options, Context& context) {
-    if (options.unlock) {
-        context.session.open(Access::kRead);
-    } else {
-        context.session.enter(Access::kRead);
-    }
+    const Hold hold = context.database.enter(Access::kRead, needFor(options.unlock));
     Record record = Record::read(resolve(options.address));
     if (options.unlock) {
         record.decrypt();

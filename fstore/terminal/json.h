@@ -7,7 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "fstore/terminal/output.h"
+#include "fstore/terminal/json_fwd.h"
 
 namespace fstore {
 

@@ -144,12 +144,4 @@ void Output::say(std::string_view text) {
     (void)os::writeAll(kStderr, line.data(), line.size());  // there is nowhere else to tell it
 }
 
-std::string jsonText(std::string_view text) {
-    if (isUtf8(text)) {
-        return std::string(text);
-    }
-    const std::string dumped = Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
-    return Json::parse(dumped).get<std::string>();
-}
-
 }  // namespace fstore

@@ -12,14 +12,11 @@
 #include <string_view>
 #include <vector>
 
-#include <nlohmann/json_fwd.hpp>
-
+#include "fstore/terminal/json_fwd.h"
 #include "fstore/terminal/table.h"
 #include "lib/base/error.h"
 
 namespace fstore {
-
-using Json = nlohmann::ordered_json;  // complete in fstore/terminal/json.h
 
 enum class Colour { kAuto, kAlways, kNever };
 

@@ -1,7 +1,6 @@
-// A database's folder into an archive, and back.
+// The database as one file, and back.
 //
-// Paths are relative to the current folder. Failures throw. For one thread, which
-// keeps other processes out.
+// For one thread. Failures throw.
 #ifndef LIB_ARCHIVE_BACKUP_H
 #define LIB_ARCHIVE_BACKUP_H
 
@@ -9,23 +8,30 @@
 #include <vector>
 
 #include "lib/archive/archive.h"
-#include "os/handles.h"
+#include "lib/base/files.h"
+#include "lib/database/database.h"
 
 namespace fstore {
 
-// The bytes of an open file, from where it stands. `name` is for messages.
-ArchiveReader::Source archiveSource(const os::File& file, const std::string& name);
+struct BackupReport {
+    ArchiveTotals totals;
+    std::vector<std::string> leftOut;  // paths of links and special files, which no database has
+};
 
-// Reads the archive to its end, which proves it.
-ArchiveTotals verifyArchive(const os::File& file, const std::string& name);
+// Writes the database into the file as it is, damaged or not, and needs no password. The
+// file is read back before it counts, while other processes may work with the database.
+BackupReport backUp(Database& database, OutputFile& file);
 
-// Adds the folder with all files and folders in it, as "db". Returns the paths of what
-// is neither and was left out: links and special files, which no database has.
-std::vector<std::string> addTree(const std::string& folder, ArchiveWriter& writer);
+struct RestoreReport {
+    ArchiveTotals totals;
+    std::string kept;  // the name of the database from before; empty when there was none
+};
 
-// Makes the folder, which must not exist, from an archive, reads it back, and makes it
-// durable. Modes are those of the archive. A failure leaves a part of it.
-ArchiveTotals extractTree(const os::File& file, const std::string& name, const std::string& folder);
+// Makes a database of the backup in the file `name`; the folder for it is made when there
+// is none. All of the backup is read before anything is written, and the database from
+// before is put aside only once the new one is there and durable. Throws kInvalid when there
+// is a database and not `replace`, kMalformed when the file is no whole backup.
+RestoreReport restore(Database& database, const std::string& name, bool replace);
 
 }  // namespace fstore
 

@@ -218,6 +218,26 @@ const char* nameOf(Finding::Kind kind) {
     return "previous";
 }
 
+const char* planOf(Finding::Repair repair) {
+    switch (repair) {
+        case Repair::kDelete:
+            return "it will be deleted";
+        case Repair::kPutBack:
+            return "it will be put back";
+        case Repair::kDropCopy:
+            return "it will be removed with all it holds";
+        case Repair::kMakeFolder:
+            return "it will be made";
+        case Repair::kMoveBack:
+            return "it will be moved back";
+        case Repair::kFinish:
+            return "it will be finished";
+        case Repair::kNone:
+            break;
+    }
+    return "";
+}
+
 std::vector<Finding> inspect() {
     const FolderState folders = folderState();
     if (!folders.live) {

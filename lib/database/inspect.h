@@ -34,10 +34,14 @@ struct Finding {
     Repair repair = Repair::kNone;
 
     bool isDamage() const noexcept { return kind == Kind::kDamaged; }
+    bool isRepairable() const noexcept { return repair != Repair::kNone; }
 };
 
 // The same word in every version: "unnamed-body", "damaged", ...
 const char* nameOf(Finding::Kind kind);
+
+// What a repair does: "it will be deleted". Empty for kNone.
+const char* planOf(Finding::Repair repair);
 
 // What is found below the current folder. Reads every record, decrypts nothing and
 // changes nothing. No other process changes anything meanwhile.

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "format/layout.h"
-#include "lib/database/kdf_record.h"
+#include "lib/database/slots.h"
 
 namespace fstore {
 

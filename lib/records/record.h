@@ -1,7 +1,7 @@
 // A record of the database, read and written whole, with failures that say which
 // record they are about; and what its attributes tell.
 //
-// Needs a Session that has entered the database. For one thread.
+// Needs a Database that was entered (lib/database/database.h). For one thread.
 #ifndef LIB_RECORDS_RECORD_H
 #define LIB_RECORDS_RECORD_H
 

@@ -1,8 +1,7 @@
-#include "lib/base/files.h"
-
 #include <gtest/gtest.h>
 
 #include "lib/base/error.h"
+#include "lib/base/files.h"
 #include "tests/support/fs_fault.h"
 #include "tests/support/temp_dir.h"
 

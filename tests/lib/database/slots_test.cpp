@@ -1,4 +1,4 @@
-#include "lib/database/kdf_record.h"
+#include "lib/database/slots.h"
 
 #include <string>
 

@@ -1,4 +1,4 @@
-#include "lib/database/kdf_record.h"
+#include "lib/database/slots.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -11,6 +11,7 @@
 
 #include "lib/base/error.h"
 #include "lib/base/text.h"
+#include "lib/records/record.h"
 
 namespace fstore {
 namespace {
@@ -62,6 +63,18 @@ struct Free {
     void operator()(EVP_KDF* kdf) const { EVP_KDF_free(kdf); }
     void operator()(EVP_KDF_CTX* context) const { EVP_KDF_CTX_free(context); }
 };
+
+const Address& kdfAddress() {
+    static const Address address{"", layout::kKdfRecord};
+    return address;
+}
+
+[[noreturn]] void failOnKdf(const std::string& why) {
+    throw Failure(
+        kMalformed,
+        fmt::format("the record ./kdf is damaged: {}; restore the database from a backup", why),
+        kdfAddress().print());
+}
 
 }  // namespace
 
@@ -153,6 +166,43 @@ NewSlot makeSlot(const SecretText& password, unsigned int ln) {
     SecretText p = deriveP(slot, password);
     slot.digest = digestOf(p);
     return {slot, std::move(p)};
+}
+
+KdfRecord readKdf() {
+    if (!Record::isThere(kdfAddress())) {
+        return {};
+    }
+    const Record record = Record::read(kdfAddress());
+    KdfRecord kdf;
+    for (const std::string& text : record.texts(layout::kSlotId)) {
+        const auto slot = parseSlot(text);
+        if (!slot) {
+            failOnKdf("a slot cannot be read, or its cost is out of bounds");
+        }
+        kdf.slots.push_back(*slot);
+    }
+    if (kdf.slots.empty() || kdf.slots.size() > 2) {
+        failOnKdf("it has neither one nor two slots");
+    }
+    kdf.keepOld = record.number(layout::kKeepOldId).value_or(0) != 0;
+    return kdf;
+}
+
+void writeKdf(const KdfRecord& kdf) {
+    Record record(kdfAddress());
+    if (kdf.slots.empty()) {
+        if (Record::isThere(kdfAddress())) {
+            record.remove();
+        }
+        return;
+    }
+    for (const Slot& slot : kdf.slots) {
+        record.addText(layout::kSlotId, printSlot(slot));
+    }
+    if (kdf.keepOld) {
+        record.setNumber(layout::kKeepOldId, 1);
+    }
+    record.write();
 }
 
 }  // namespace fstore

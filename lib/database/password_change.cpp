@@ -1,16 +1,17 @@
-#include "fstore/password_change.h"
+#include "lib/database/password_change.h"
 
-#include <algorithm>
+#include <string>
 #include <utility>
 
 #include <fmt/format.h>
 
 #include "format/layout.h"
 #include "format/record_name.h"
-#include "fstore/deep_read.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
+#include "lib/database/deep_read.h"
 #include "lib/database/folders.h"
+#include "lib/database/recovery.h"
 #include "lib/records/record.h"
 
 namespace fstore {
@@ -33,8 +34,8 @@ void requireCopyable() {
     });
 }
 
-DeepReport readSound(Session& session, const char* what) {
-    DeepReport report = readEverything(session, what);
+DeepReport readSound(Observer& observer, const char* what) {
+    DeepReport report = readEverything(observer, what);
     if (!report.damaged.empty()) {
         const DamagedRecord& first = report.damaged.front();
         throw Failure(kFound,
@@ -62,9 +63,41 @@ void requireNamesOf(const std::string& old, const std::string& live) {
     }
 }
 
+void requireSame(const DeepReport& before, const DeepReport& after) {
+    if (after.records != before.records || after.secrets != before.secrets ||
+        after.fingerprint != before.fingerprint) {
+        throw Failure(kIo,
+                      fmt::format("{} records with {} secrets became {} with {}", before.records,
+                                  before.secrets, after.records, after.secrets));
+    }
+}
+
+// Step 3. A failure may have come before or after the swap: the folders decide, and
+// whether it happened is in the protection that is returned.
+Protection recrypt(StoreService& store, Observer& observer, const SecretText& p,
+                   std::uint64_t secrets) {
+    Status status = kOk;
+    {
+        const Progress progress(observer, "Re-encrypting", 2 * secrets);
+        status = store.recrypt(p, observer);
+    }
+    Protection protection = recover(store);
+    if (!protection.isUnfinished()) {
+        store.close();  // its ciphers may carry the new key
+        if (status == kInterrupted) {
+            throw Failure(kInterrupted, "it was interrupted, and the password stays as it is");
+        }
+        check(status == kOk ? kIo : status, "the password was not changed");
+    }
+    return protection;
+}
+
 // Memory that could not be had does not lead here: it says nothing about the folder, and the
-// next command goes on.
-[[noreturn]] void goBack(Session& session, const Failure& reason) {
+// next command goes on. So it does after an interruption.
+[[noreturn]] void goBack(StoreService& store, const Failure& reason) {
+    if (reason.status() == kInterrupted) {
+        throw Failure(reason);
+    }
     if (!folderState().previous) {
         throw Failure(kFound,
                       fmt::format("the change of the password cannot be finished: {}; what is "
@@ -73,9 +106,9 @@ void requireNamesOf(const std::string& old, const std::string& live) {
                                   reason.what()),
                       reason.path());
     }
-    (void)session.service().close();  // it is open, or could not be opened
+    store.close();  // it is open, or could not be opened
     undoExchange();
-    session.recover();
+    (void)recover(store);
     throw Failure(reason.status() == kFound ? kIo : reason.status(),
                   fmt::format("the password was not changed, and the old one is in force: the "
                               "re-encrypted database did not hold what it should: {}",
@@ -84,61 +117,44 @@ void requireNamesOf(const std::string& old, const std::string& live) {
 }
 
 // Steps 6 and 7.
-void dropOld(Session& session) {
-    const Protection& protection = session.protection();
-    if (!protection.keepOld) {
+Protection dropOld(const Protection& unfinished) {
+    if (!unfinished.kdf.keepOld) {
         dropPrevious();
     }
-    writeKdf({protection.inForce}, false);
-    session.readProtection();
+    writeKdf({.slots = {unfinished.inForce}});
+    return readProtection();
 }
 
 }  // namespace
 
-void changePassword(Session& session, NewSlot fresh, bool keepOld) {
+Protection changePassword(StoreService& store, Observer& observer, const Protection& before,
+                          NewSlot fresh, bool keepOld) {
     requireCopyable();
-    const DeepReport before = readSound(session, "Checking");
-    writeKdf({session.protection().inForce, fresh.slot}, keepOld);
-    Status status = kOk;
-    {
-        const Progress progress(session.observer(), "Re-encrypting", 2 * before.secrets);
-        status = session.recrypt(fresh.p);
-    }
-    // A failure may have come before or after the swap: the folders decide.
-    session.recover();
-    if (!session.protection().isUnfinished()) {
-        if (status == kInterrupted) {
-            throw Failure(kInterrupted, "it was interrupted, and the password stays as it is");
-        }
-        check(status == kOk ? kIo : status, "the password was not changed", session.folderName());
-    }
+    const DeepReport contents = readSound(observer, "Checking");
+    writeKdf({.slots = {before.inForce, fresh.slot}, .keepOld = keepOld});
+    const Protection changed = recrypt(store, observer, fresh.p, contents.secrets);
     syncFolder(".");
     try {
-        session.reopen(std::move(fresh.p));
-        const DeepReport after = readSound(session, "Verifying");
-        if (after.records != before.records || after.secrets != before.secrets ||
-            after.fingerprint != before.fingerprint) {
-            throw Failure(
-                kIo, fmt::format("{} records with {} secrets became {} with {}", before.records,
-                                 before.secrets, after.records, after.secrets));
-        }
-    } catch (const Failure& failure) {
-        goBack(session, failure);
+        store.open(std::move(fresh.p));
+        requireSame(contents, readSound(observer, "Verifying"));
+    } catch (const Failure& reason) {
+        goBack(store, reason);
     }
-    dropOld(session);
+    return dropOld(changed);
 }
 
-void finishPasswordChange(Session& session) {
+Protection finishPasswordChange(StoreService& store, Observer& observer,
+                                const Protection& unfinished) {
     syncFolder(".");
     try {
-        (void)readSound(session, "Verifying");
+        (void)readSound(observer, "Verifying");
         if (folderState().previous) {
             requireNamesOf(layout::kPrevious, layout::kLive);
         }
-    } catch (const Failure& failure) {
-        goBack(session, failure);
+    } catch (const Failure& reason) {
+        goBack(store, reason);
     }
-    dropOld(session);
+    return dropOld(unfinished);
 }
 
 }  // namespace fstore

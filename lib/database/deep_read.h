@@ -1,13 +1,13 @@
 // Everything in the database, read, decrypted and compared with what is known about it.
-#ifndef FSTORE_DEEP_READ_H
-#define FSTORE_DEEP_READ_H
+#ifndef LIB_DATABASE_DEEP_READ_H
+#define LIB_DATABASE_DEEP_READ_H
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "fstore/session.h"
 #include "lib/base/error.h"
+#include "lib/base/observer.h"
 #include "lib/records/address.h"
 #include "lib/records/record.h"
 
@@ -28,12 +28,13 @@ struct DeepReport {
     std::vector<unsigned char> fingerprint;
 };
 
-// Reads every record but the internal ones. The session is open.
-DeepReport readEverything(Session& session, const std::string& what);
+// Reads every record but the internal ones; each is a step of the work, which `what`
+// names. The database is open. Throws kInterrupted.
+DeepReport readEverything(Observer& observer, const std::string& what);
 
 // Throws kMalformed when the body of a readable record is not what its attributes say.
 void checkBody(const Record& record);
 
 }  // namespace fstore
 
-#endif  // FSTORE_DEEP_READ_H
+#endif  // LIB_DATABASE_DEEP_READ_H

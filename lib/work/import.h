@@ -1,10 +1,10 @@
 // Objects of imported files into records: where each goes, what it is called, and
 // which of them are there already.
 //
-// For one thread, with a Session that has entered the database for changes, and opened
-// it where secrecy is wanted. Failures throw.
-#ifndef FSTORE_PKI_IMPORT_H
-#define FSTORE_PKI_IMPORT_H
+// For one thread, in a database that is entered for changes, and opened where secrecy is
+// wanted. Failures throw.
+#ifndef LIB_WORK_IMPORT_H
+#define LIB_WORK_IMPORT_H
 
 #include <map>
 #include <optional>
@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "fstore/session.h"
+#include "lib/database/database.h"
 #include "lib/pki/decode.h"
 #include "lib/records/record.h"
 
@@ -34,7 +34,7 @@ class Importer {
 public:
     // Looks at all records. `objects` are those that will be imported, in any order;
     // throws kInvalid when the one name of the rules cannot be meant for them.
-    Importer(Session& session, ImportRules rules, const std::vector<const PkiObject*>& objects);
+    Importer(Database& database, ImportRules rules, const std::vector<const PkiObject*>& objects);
 
     enum class Outcome {
         kAdded,
@@ -63,7 +63,7 @@ private:
     Result replace(const PkiObject& object, const std::string& label, const Address& address);
     std::optional<Result> moveToKey(const std::vector<Address>& places);
 
-    Session& session_;
+    Database& database_;
     ImportRules rules_;
     std::map<Identity, std::vector<Address>> present_;
     std::set<std::string> keys_;  // digests of public keys whose private keys we have
@@ -75,4 +75,4 @@ const char* nameOf(Importer::Outcome outcome);  // "added", "present", "moved", 
 
 }  // namespace fstore
 
-#endif  // FSTORE_PKI_IMPORT_H
+#endif  // LIB_WORK_IMPORT_H

@@ -16,13 +16,14 @@
 // the password which slot is in force; "none" is while there is no record "key".
 //
 // Two slots stand there only during a change of the password: the old one first.
-#ifndef LIB_DATABASE_KDF_RECORD_H
-#define LIB_DATABASE_KDF_RECORD_H
+#ifndef LIB_DATABASE_SLOTS_H
+#define LIB_DATABASE_SLOTS_H
 
 #include <array>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "format/layout.h"
 #include "lib/base/secret.h"
@@ -69,6 +70,18 @@ struct NewSlot {
 };
 NewSlot makeSlot(const SecretText& password, unsigned int ln);
 
+// What the record "kdf" holds.
+struct KdfRecord {
+    std::vector<Slot> slots;  // one, or two during a change; none stands for no record
+    bool keepOld = false;     // the unfinished change keeps the database as it was
+};
+
+// Throws kMalformed for anything but one or two slots.
+KdfRecord readKdf();
+
+// Removes the record when there are no slots.
+void writeKdf(const KdfRecord& kdf);
+
 }  // namespace fstore
 
-#endif  // LIB_DATABASE_KDF_RECORD_H
+#endif  // LIB_DATABASE_SLOTS_H

@@ -1,5 +1,5 @@
 // A folder into an archive and back, with each call failing.
-#include "lib/archive/backup.h"
+#include "lib/archive/tree.h"
 
 #include <fcntl.h>
 

@@ -1,8 +1,7 @@
-#include "fstore/deep_read.h"
+#include "lib/database/deep_read.h"
 
 #include <fmt/format.h>
 
-#include "lib/base/observer.h"
 #include "lib/base/sha256.h"
 
 namespace fstore {
@@ -48,9 +47,9 @@ std::uint64_t secretsOf(const Record& record) {
 
 }  // namespace
 
-DeepReport readEverything(Session& session, const std::string& what) {
+DeepReport readEverything(Observer& observer, const std::string& what) {
     const std::vector<Address> addresses = allRecords();
-    Progress progress(session.observer(), what, addresses.size());
+    Progress progress(observer, what, addresses.size());
     DeepReport report;
     Fingerprint fingerprint;
     for (const Address& address : addresses) {

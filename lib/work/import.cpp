@@ -1,4 +1,4 @@
-#include "fstore/pki_import.h"
+#include "lib/work/import.h"
 
 #include <algorithm>
 
@@ -53,9 +53,9 @@ bool wantsSecrecy(const PkiObject& object, const ImportRules& rules) {
     return object.kind == Kind::kKey || rules.encrypt;
 }
 
-Importer::Importer(Session& session, ImportRules rules,
+Importer::Importer(Database& database, ImportRules rules,
                    const std::vector<const PkiObject*>& objects)
-    : session_(session), rules_(std::move(rules)) {
+    : database_(database), rules_(std::move(rules)) {
     if (rules_.name) {
         const PkiObject* const key = onlyKey(objects);
         if (objects.size() == 1) {
@@ -72,7 +72,7 @@ Importer::Importer(Session& session, ImportRules rules,
     for (const Address& address : allRecords()) {
         try {
             Record record = Record::read(address);
-            if (session_.service().isOpen() != 0) {
+            if (database_.isOpen()) {
                 record.decrypt();
             }
             (void)index(record);
@@ -194,7 +194,7 @@ std::optional<Importer::Result> Importer::moveToKey(const std::vector<Address>& 
         return std::nullopt;
     }
     Record old = Record::read(*remote);
-    if (old.hasSecrets() && session_.service().isOpen() == 0) {
+    if (old.hasSecrets() && !database_.isOpen()) {
         return std::nullopt;
     }
     old.decrypt();

@@ -1,0 +1,157 @@
+#include "lib/archive/tree.h"
+
+#include <fcntl.h>
+
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "lib/base/error.h"
+#include "lib/base/files.h"
+#include "os/files.h"
+#include "os/fs.h"
+#include "os/process.h"
+
+namespace fstore {
+namespace {
+
+constexpr mode_t kPermissions = 0777;
+
+unsigned int modeOf(const struct stat& status) {
+    return static_cast<unsigned int>(status.st_mode & kPermissions);
+}
+
+void addFolder(const std::string& folder, const std::string& path, ArchiveWriter& writer) {
+    struct stat status {};
+    if (os::lstat(folder.c_str(), &status) != 0) {
+        failWithErrno("examine", folder);
+    }
+    writer.addFolder({true, path, modeOf(status), 0});
+}
+
+void addFile(const std::string& name, const std::string& path, ArchiveWriter& writer) {
+    const os::File file = os::openFile(name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+    struct stat status {};
+    if (!file || os::fstat(file.get(), &status) != 0) {
+        failWithErrno("open", name);
+    }
+    writer.beginFile({false, path, modeOf(status), static_cast<std::uint64_t>(status.st_size)});
+    std::vector<unsigned char> piece(1 << 18);
+    ssize_t got = 0;
+    while ((got = os::readSome(file.get(), piece.data(), piece.size())) > 0) {
+        writer.write(std::span(piece).first(static_cast<std::size_t>(got)));
+    }
+    if (got < 0) {
+        failWithErrno("read", name);
+    }
+    writer.endFile();
+}
+
+// NOLINTNEXTLINE(misc-no-recursion): as deep as folders are
+void addFolderTree(const std::string& folder, const std::string& path, ArchiveWriter& writer,
+                   std::vector<std::string>& leftOut) {
+    addFolder(folder, path, writer);
+    for (const FolderEntry& entry : listFolder(folder)) {
+        const std::string name = joined(folder, entry.name);
+        const std::string inside = joined(path, entry.name);
+        switch (entry.type) {
+            case FolderEntry::Type::kFolder:
+                addFolderTree(name, inside, writer, leftOut);
+                break;
+            case FolderEntry::Type::kFile:
+                addFile(name, inside, writer);
+                break;
+            case FolderEntry::Type::kOther:
+                leftOut.push_back(name);
+                break;
+        }
+    }
+}
+
+void setMode(const os::File& file, unsigned int mode, const std::string& path) {
+    if (!os::setPermissions(file, static_cast<mode_t>(mode))) {
+        failWithErrno("set the permissions of", path);
+    }
+}
+
+void extractFile(const ArchiveEntry& entry, ArchiveReader& reader, const std::string& path) {
+    os::File file = os::openFile(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR);
+    if (!file) {
+        failWithErrno("make", path);
+    }
+    for (auto piece = reader.read(); !piece.empty(); piece = reader.read()) {
+        if (!os::writeAll(file.get(), piece.data(), piece.size())) {
+            failWithErrno("write", path);
+        }
+    }
+    setMode(file, entry.mode, path);
+    if (!file.close()) {
+        failWithErrno("write", path);
+    }
+}
+
+// What the folder has, as the manifest of an archive of it would say.
+ArchiveTotals totalsOf(const std::string& folder) {
+    ArchiveWriter writer([](std::span<const unsigned char>) {});
+    (void)addTree(folder, writer);  // an extracted folder has no such
+    return writer.finish();
+}
+
+void syncTree(const std::string& folder) {
+    const os::File opened = os::openFile(folder.c_str(), O_RDONLY | O_DIRECTORY);
+    if (!opened || os::syncfs(opened.get()) != 0) {
+        failWithErrno("sync", folder);
+    }
+}
+
+}  // namespace
+
+ArchiveReader::Source archiveSource(const os::File& file, const std::string& name) {
+    return [&file, name](std::span<unsigned char> piece) {
+        const ssize_t got = os::readSome(file.get(), piece.data(), piece.size());
+        if (got < 0) {
+            failWithErrno("read", name);
+        }
+        return static_cast<std::size_t>(got);
+    };
+}
+
+ArchiveTotals verifyArchive(const os::File& file, const std::string& name) {
+    ArchiveReader reader(archiveSource(file, name));
+    while (reader.next()) {
+    }
+    return reader.totals();
+}
+
+std::vector<std::string> addTree(const std::string& folder, ArchiveWriter& writer) {
+    std::vector<std::string> leftOut;
+    addFolderTree(folder, kArchiveRoot, writer, leftOut);
+    return leftOut;
+}
+
+ArchiveTotals extractTree(const os::File& file, const std::string& name,
+                          const std::string& folder) {
+    ArchiveReader reader(archiveSource(file, name));
+    // A folder gets its mode last: it may not allow what has yet to be made in it.
+    std::vector<std::pair<std::string, unsigned int>> modes;
+    while (const auto entry = reader.next()) {
+        const std::string path = folder + entry->path.substr(std::string_view(kArchiveRoot).size());
+        if (!entry->isFolder) {
+            extractFile(*entry, reader, path);
+        } else if (os::mkdir(path.c_str(), S_IRWXU) == 0) {
+            modes.emplace_back(path, entry->mode);
+        } else {
+            failWithErrno("make the folder", path);
+        }
+    }
+    for (auto it = modes.rbegin(); it != modes.rend(); ++it) {
+        setMode(os::openFile(it->first.c_str(), O_RDONLY | O_DIRECTORY), it->second, it->first);
+    }
+    if (totalsOf(folder).manifest != reader.totals().manifest) {
+        throw Failure(kIo, fmt::format("{} does not read back as it was written", folder), folder);
+    }
+    syncTree(folder);
+    return reader.totals();
+}
+
+}  // namespace fstore

@@ -1,0 +1,32 @@
+// A database's folder into an archive, and back.
+//
+// Paths are relative to the current folder. Failures throw. For one thread, which
+// keeps other processes out.
+#ifndef LIB_ARCHIVE_TREE_H
+#define LIB_ARCHIVE_TREE_H
+
+#include <string>
+#include <vector>
+
+#include "lib/archive/archive.h"
+#include "os/handles.h"
+
+namespace fstore {
+
+// The bytes of an open file, from where it stands. `name` is for messages.
+ArchiveReader::Source archiveSource(const os::File& file, const std::string& name);
+
+// Reads the archive to its end, which proves it.
+ArchiveTotals verifyArchive(const os::File& file, const std::string& name);
+
+// Adds the folder with all files and folders in it, as "db". Returns the paths of what
+// is neither and was left out: links and special files, which no database has.
+std::vector<std::string> addTree(const std::string& folder, ArchiveWriter& writer);
+
+// Makes the folder, which must not exist, from an archive, reads it back, and makes it
+// durable. Modes are those of the archive. A failure leaves a part of it.
+ArchiveTotals extractTree(const os::File& file, const std::string& name, const std::string& folder);
+
+}  // namespace fstore
+
+#endif  // LIB_ARCHIVE_TREE_H

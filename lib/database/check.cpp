@@ -1,0 +1,87 @@
+#include "lib/database/check.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include <fmt/format.h>
+
+#include "format/layout.h"
+#include "lib/base/error.h"
+#include "lib/database/protection.h"
+
+namespace fstore {
+namespace {
+
+Access accessFor(const CheckOptions& options) {
+    return options.repair ? Access::kChange : Access::kRead;
+}
+
+bool waitsForPassword(const Finding& finding) {
+    return finding.repair == Finding::Repair::kFinish;
+}
+
+// What the records of the password say, besides what stands in the folders.
+std::vector<Finding> inspectAll() {
+    std::vector<Finding> findings = inspect();
+    if (!findings.empty() && findings.front().kind == Finding::Kind::kMovedAside) {
+        return findings;  // there is nothing to read yet
+    }
+    try {
+        if (readProtection().isUnfinished()) {
+            findings.push_back({Finding::Kind::kUnfinishedChange,
+                                descriptorPath({"", layout::kKdfRecord}),
+                                "tells of a change of the password that was broken off",
+                                Finding::Repair::kFinish});
+        }
+    } catch (const Failure& failure) {
+        findings.push_back({Finding::Kind::kDamaged, failure.path(), failure.what()});
+    }
+    return findings;
+}
+
+// Inspects, and repairs what was found; what waits for the password only when it is all
+// that is left, since its records may be among what is put back. Whether it found
+// something to repair.
+bool repairOnce(CheckReport& report, Database& database) {
+    std::vector<Finding> found;
+    {
+        const Hold hold = database.enter(Access::kChange, Need::kFiles);
+        report.findings = inspectAll();
+        std::ranges::copy_if(report.findings, std::back_inserter(found), &Finding::isRepairable);
+        for (const Finding& finding : found) {
+            database.observer().note(
+                fmt::format("{} {}; {}", finding.path, finding.message, planOf(finding.repair)));
+        }
+        repair(found);
+    }
+    if (!found.empty() && std::ranges::all_of(found, waitsForPassword)) {
+        (void)database.enter(Access::kChange);
+    }
+    report.repaired.insert(report.repaired.end(), found.begin(), found.end());
+    return !found.empty();
+}
+
+}  // namespace
+
+bool CheckReport::isSound() const {
+    return std::ranges::none_of(findings, &Finding::isDamage) && (!deep || deep->damaged.empty());
+}
+
+CheckReport checkDatabase(Database& database, const CheckOptions& options) {
+    CheckReport report;
+    if (options.repair) {
+        // Until nothing more is found: what is deleted may have been the last to name a body.
+        while (repairOnce(report, database)) {
+        }
+    } else {
+        const Hold hold = database.enter(Access::kRead, Need::kFiles);
+        report.findings = inspectAll();
+    }
+    if (options.deep) {
+        const Hold hold = database.enter(accessFor(options), Need::kSecrets);
+        report.deep = readEverything(database.observer(), "Checking");
+    }
+    return report;
+}
+
+}  // namespace fstore

@@ -1,0 +1,165 @@
+#include "lib/database/database.h"
+
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "lib/base/error.h"
+#include "lib/database/folders.h"
+#include "lib/database/password_change.h"
+#include "lib/database/recovery.h"
+#include "lib/database/unlock.h"
+
+namespace fstore {
+namespace {
+
+os::LockKind kindFor(Access access) {
+    return access == Access::kRead ? os::LockKind::kShared : os::LockKind::kExclusive;
+}
+
+}  // namespace
+
+Database::Database(Place place, Observer& observer)
+    : place_(std::move(place)), observer_(observer), lock_(place_), store_(place_) {}
+
+Hold Database::enter(Access access, Need need) {
+    if (need == Need::kFolder || need == Need::kDatabase) {
+        lock_.makeAndEnter();
+    } else {
+        lock_.enter();
+    }
+    Hold hold(lock_);  // also when what follows throws
+    switch (need) {
+        case Need::kFolder:
+            lock_.take(os::LockKind::kExclusive);
+            break;
+        case Need::kFiles:
+            store_.start();
+            lock_.take(kindFor(access));
+            requireDatabase();
+            break;
+        case Need::kDatabase:
+            store_.start();
+            lock_.take(os::LockKind::kExclusive);
+            learn(recover(store_));
+            break;
+        case Need::kRecords:
+            enterRecords(access);
+            if (access == Access::kChange && protection_.isUnfinished()) {
+                observer_.warn(
+                    "the last change of the password was broken off; its last steps come first");
+                enterSecrets(access);
+            }
+            break;
+        case Need::kSecrets:
+            enterSecrets(access);
+            break;
+    }
+    return hold;
+}
+
+void Database::needSecrets() {
+    if (!isOpen()) {
+        throw SecretsNeeded();
+    }
+}
+
+void Database::requireSecrecy() const {
+    if (!protection_.hasPassword()) {
+        throw Failure(kNotOpen,
+                      fmt::format("the database in {} has no password, so nothing in it can be "
+                                  "kept secret: `fstore init` or `fstore passwd` gives it one",
+                                  place_.describe()),
+                      place_.folder);
+    }
+}
+
+void Database::changePassword(NewSlot fresh, bool keepOld) {
+    if (!protection_.hasPassword() && !isOpen()) {
+        store_.open(SecretText());
+    }
+    protection_ = fstore::changePassword(store_, observer_, protection_, std::move(fresh), keepOld);
+    opened_ = protection_.inForce;
+}
+
+void Database::requireDatabase() const {
+    if (!folderState().hasDatabase()) {
+        throw Failure(kMissing,
+                      fmt::format("there is no database in {}: `fstore init` makes one, --dir "
+                                  "names another folder",
+                                  place_.describe()),
+                      place_.folder);
+    }
+}
+
+void Database::enterRecords(Access access) {
+    store_.start();
+    if (access == Access::kRead) {
+        enterShared();
+    } else {
+        enterExclusive();
+    }
+}
+
+// A reader changes nothing, unless a crash left something that reading would change. That
+// may happen again while the lock is handed over.
+void Database::enterShared() {
+    constexpr int kAttempts = 100;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        lock_.take(os::LockKind::kShared);
+        requireDatabase();
+        if (!needsRecovery()) {
+            learn(readProtection());
+            return;
+        }
+        enterExclusive();
+    }
+    throw Failure(kIo,
+                  fmt::format("what a crash left in {} cannot be repaired; `fstore check` tells "
+                              "more",
+                              place_.describe()),
+                  place_.folder);
+}
+
+void Database::enterExclusive() {
+    lock_.take(os::LockKind::kExclusive);
+    requireDatabase();
+    learn(recover(store_));
+}
+
+// Whoever opens the database can do what a change of the password left to do.
+void Database::enterSecrets(Access access) {
+    open(access);
+    if (!protection_.isUnfinished()) {
+        return;
+    }
+    open(Access::kChange);  // another process may have had its turn before the lock was ours
+    if (protection_.isUnfinished()) {
+        learn(finishPasswordChange(store_, observer_, protection_));
+    }
+}
+
+// The password is asked for, and P derived from it, while nothing is locked; so the slot
+// may be another one afterwards.
+void Database::open(Access access) {
+    enterRecords(store_.isOpen() ? access : Access::kRead);
+    while (!store_.isOpen()) {
+        const Slot slot = protection_.inForce;
+        lock_.release();
+        SecretText p = askForP(slot, place_, observer_);
+        enterRecords(access);
+        if (protection_.inForce == slot) {
+            store_.open(std::move(p));
+            opened_ = slot;
+        }
+    }
+}
+
+void Database::learn(Protection protection) {
+    protection_ = std::move(protection);
+    if (store_.isOpen() && protection_.inForce != opened_) {
+        store_.close();
+    }
+}
+
+}  // namespace fstore

@@ -1,0 +1,131 @@
+// A database as an object: entered for an operation, opened with its password when the
+// operation needs a secret.
+//
+//     Database database({.folder = "keys"}, observer);
+//     const Hold hold = database.enter(Access::kRead);
+//     const Record record = Record::read({"settings", "a"});
+//
+// It is composed of the lock that keeps other processes out, the store's service, the
+// recovery from a crash, and the way from the user's secret to the store's password; each
+// has a file of its own. Records are read and written by lib/records while a Hold lives.
+// They are those of the process's folder, so a process works with one Database at a time.
+//
+// For one thread. Failures throw.
+#ifndef LIB_DATABASE_DATABASE_H
+#define LIB_DATABASE_DATABASE_H
+
+#include <exception>
+#include <optional>
+
+#include "lib/base/observer.h"
+#include "lib/database/folder_lock.h"
+#include "lib/database/place.h"
+#include "lib/database/protection.h"
+#include "lib/database/store_service.h"
+
+namespace fstore {
+
+// kRead: other processes may read too, and nothing is changed but what recovery repairs.
+// kChange: no other process may do anything.
+enum class Access { kRead, kChange };
+
+// What an operation needs of the database that it enters.
+enum class Need {
+    kFolder,    // only the folder, which is made if there is none: there may be no database
+    kFiles,     // the files as they are, also as a crash left them; nothing is repaired
+    kDatabase,  // as kRecords, of a database that is made if there is none
+    kRecords,   // whole records: what is kept plain can be read, and written with kChange
+    kSecrets,   // also what is kept encrypted: the database is opened
+};
+
+constexpr Need needFor(bool secrets) {
+    return secrets ? Need::kSecrets : Need::kRecords;
+}
+
+// Thrown by Database::needSecrets(), and caught by withSecrets() alone. No Failure: whoever
+// goes on after a damaged record must not take it for one.
+class SecretsNeeded : public std::exception {
+public:
+    const char* what() const noexcept override { return "the database is not open"; }
+};
+
+class Database {
+public:
+    // Does nothing yet. The observer is asked for the password while nothing is locked.
+    Database(Place place, Observer& observer);
+    Database(const Database&) = delete;
+    Database& operator=(const Database&) = delete;
+    ~Database() = default;
+
+    // The one way in; no other Hold of it lives. The first call makes the database's folder
+    // that of the process, so a caller opens files of its own before.
+    //
+    // kFolder and kDatabase need kChange. When a change of the password was broken off in
+    // its last steps, kChange needs the password for kRecords too: nothing may change before
+    // that change is finished.
+    //
+    //   kMissing      there is no database, or no such folder
+    //   kAlreadyOpen  another process holds it for longer than place().lockSeconds
+    //   kWrongPassword, and what Observer::password() throws
+    //   kNoDigest, kMalformed   the records of the password are damaged
+    Hold enter(Access access, Need need = Need::kRecords);
+
+    const Place& place() const noexcept { return place_; }
+    Observer& observer() noexcept { return observer_; }
+
+    // While a Hold lives:
+
+    // As it was when the database was entered, for kDatabase and what stands after it.
+    const Protection& protection() const noexcept { return protection_; }
+
+    // Whether secrets can be read: entered with kSecrets, now or before. When another
+    // process has changed the password since, entering closes the database.
+    bool isOpen() { return store_.isOpen(); }
+
+    // Throws SecretsNeeded unless it is open.
+    void needSecrets();
+
+    // Throws kNotOpen when the database has no password, so that nothing in it can be kept
+    // secret.
+    void requireSecrecy() const;
+
+    // Gives the database the password of `fresh`, and re-encrypts everything. Entered with
+    // kChange, and kSecrets unless it has no password yet. Throws kFound, with nothing
+    // changed, when a record is damaged: it would stay behind with the old key.
+    void changePassword(NewSlot fresh, bool keepOld);
+
+private:
+    void requireDatabase() const;
+    void enterRecords(Access access);
+    void enterShared();
+    void enterExclusive();
+    void enterSecrets(Access access);
+    void open(Access access);
+    void learn(Protection protection);
+
+    const Place place_;
+    Observer& observer_;
+    FolderLock lock_;
+    StoreService store_;
+    Protection protection_;
+    Slot opened_;  // that P is of; while the store is open
+};
+
+// Runs step() in the database, entered as `need` says. When the step asks for secrets
+// (Database::needSecrets()), opens the database and runs it once more, from its beginning:
+// other processes had their turn while the password was asked for. So a step asks before
+// it changes or reports anything.
+template <class Step>
+auto withSecrets(Database& database, Access access, Step step, Need need = Need::kRecords) {
+    try {
+        const Hold hold = database.enter(access, need);
+        return step();
+    } catch (const SecretsNeeded&) {
+    }
+    const Hold hold = database.enter(access, Need::kSecrets);
+    return step();
+}
+
+}  // namespace fstore
+
+#endif  // LIB_DATABASE_DATABASE_H

@@ -1,0 +1,54 @@
+#include "lib/database/folder_lock.h"
+
+#include <fcntl.h>
+
+#include <fmt/format.h>
+
+#include "lib/base/error.h"
+#include "lib/base/files.h"
+#include "os/files.h"
+#include "os/fs.h"
+
+namespace fstore {
+
+void FolderLock::enter() {
+    if (folder_) {
+        return;
+    }
+    if (!os::changeFolder(place_.folder.c_str())) {
+        failWithErrno("enter the folder", place_.folder);
+    }
+    folder_ = os::openFile(".", O_RDONLY | O_DIRECTORY);
+    if (!folder_) {
+        failWithErrno("open the folder", place_.folder);
+    }
+}
+
+void FolderLock::makeAndEnter() {
+    if (!folder_ && !exists(place_.folder) && os::mkdir(place_.folder.c_str(), S_IRWXU) != 0) {
+        failWithErrno("make the folder", place_.folder);
+    }
+    enter();
+}
+
+void FolderLock::take(os::LockKind kind) {
+    switch (os::lockFile(folder_, kind, place_.lockSeconds)) {
+        case os::Locked::kYes:
+            return;
+        case os::Locked::kBusy:
+            break;
+        case os::Locked::kFailed:
+            failWithErrno("lock the folder", place_.folder);
+    }
+    throw Failure(kAlreadyOpen,
+                  fmt::format("another process holds the database in {}; try again later or wait "
+                              "longer with --lock-timeout",
+                              place_.describe()),
+                  place_.folder);
+}
+
+void FolderLock::release() noexcept {
+    (void)os::unlockFile(folder_);  // cannot fail for a folder that is open
+}
+
+}  // namespace fstore

@@ -1,0 +1,62 @@
+// The folder that holds a database, and the lock that keeps other processes out of it.
+//
+// The store does not coordinate processes, and its readers repair too. So the folder
+// itself is locked (nothing is left behind in it): exclusively for what may change files,
+// shared for readers.
+//
+// For one thread. Failures throw.
+#ifndef LIB_DATABASE_FOLDER_LOCK_H
+#define LIB_DATABASE_FOLDER_LOCK_H
+
+#include <utility>
+
+#include "lib/database/place.h"
+#include "os/handles.h"
+#include "os/process.h"
+
+namespace fstore {
+
+class FolderLock {
+public:
+    explicit FolderLock(const Place& place) : place_(place) {}
+    FolderLock(const FolderLock&) = delete;
+    FolderLock& operator=(const FolderLock&) = delete;
+    ~FolderLock() = default;
+
+    // Makes it the process's folder, since that is where the store looks for "./db". Later
+    // calls do nothing. Throws kMissing when there is none.
+    void enter();
+
+    // The same, of a folder that is made when there is none.
+    void makeAndEnter();
+
+    // Takes the lock, or changes the kind of the one that is held. Throws kAlreadyOpen when
+    // another process holds it for longer than `lockSeconds`.
+    void take(os::LockKind kind);
+
+    void release() noexcept;
+
+private:
+    const Place& place_;
+    os::File folder_;
+};
+
+// Keeps other processes out while it lives. One of a database at a time.
+class [[nodiscard]] Hold {
+public:
+    explicit Hold(FolderLock& lock) noexcept : lock_(&lock) {}
+    Hold(Hold&& other) noexcept : lock_(std::exchange(other.lock_, nullptr)) {}
+    Hold& operator=(Hold&&) = delete;
+    ~Hold() {
+        if (lock_ != nullptr) {
+            lock_->release();
+        }
+    }
+
+private:
+    FolderLock* lock_;
+};
+
+}  // namespace fstore
+
+#endif  // LIB_DATABASE_FOLDER_LOCK_H

@@ -1,0 +1,41 @@
+// The change of the database's password, so that one of the two passwords opens all of
+// it whenever the change is broken off.
+//
+//     1  read and decrypt everything: what does not decrypt would stay behind unseen
+//     2  write "kdf" with the old and the new slot
+//     3  let the store re-encrypt a copy and swap it in
+//     4  make that durable
+//     5  open with the new password, decrypt everything, compare; when that fails, the
+//        old folder goes back in place
+//     6  drop "./old_db", unless it is to be kept: renamed first, so that it is never
+//        there in part
+//     7  write "kdf" with the new slot only
+//
+// Until step 7 "kdf" has two slots, and the record "key" says which is in force. When
+// it is the old one, the next command that locks exclusively drops the other slot and
+// "./new_db" (recovery.h). When it is the new one, the next command that opens the
+// database does steps 4 to 7. The old folder is dropped before the old slot, since a
+// folder that is left over with one slot could as well be one that was to be kept.
+//
+// With the exclusive lock held. Both return the protection that is then in force.
+#ifndef LIB_DATABASE_PASSWORD_CHANGE_H
+#define LIB_DATABASE_PASSWORD_CHANGE_H
+
+#include "lib/base/observer.h"
+#include "lib/database/protection.h"
+#include "lib/database/store_service.h"
+
+namespace fstore {
+
+// Steps 1 to 7. The store is open with the password of `before`; afterwards it is open
+// with the new one. Throws kFound when step 1 finds damage, kInterrupted up to step 3.
+Protection changePassword(StoreService& store, Observer& observer, const Protection& before,
+                          NewSlot fresh, bool keepOld);
+
+// Steps 4 to 7, of a store that is open with the new password.
+Protection finishPasswordChange(StoreService& store, Observer& observer,
+                                const Protection& unfinished);
+
+}  // namespace fstore
+
+#endif  // LIB_DATABASE_PASSWORD_CHANGE_H

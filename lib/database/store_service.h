@@ -1,0 +1,54 @@
+// The store's modules, and its service: what opens and re-encrypts a database.
+//
+// Works in the process's folder, with the lock held. For one thread. Failures throw.
+#ifndef LIB_DATABASE_STORE_SERVICE_H
+#define LIB_DATABASE_STORE_SERVICE_H
+
+#include <memory>
+
+#include "client/s_filestoreC.h"
+#include "lib/base/observer.h"
+#include "lib/base/secret.h"
+#include "lib/database/place.h"
+
+namespace fstore {
+
+class StoreService {
+public:
+    explicit StoreService(const Place& place);
+    StoreService(const StoreService&) = delete;
+    StoreService& operator=(const StoreService&) = delete;
+    ~StoreService();
+
+    // Loads the modules, before all else; later calls do nothing. Throws kNoObject.
+    void start();
+
+    bool isOpen() { return service_.isOpen() != 0; }
+
+    // Opens the database with P, also when it is open. Throws kWrongPassword.
+    void open(SecretText p);
+    // What it was opened with.
+    const SecretText& p() const noexcept { return p_; }
+    void close();
+
+    // Makes those of the database's folders that are missing; puts "./old_db" back first
+    // when there is no "./db".
+    void makeFolders();
+
+    // Re-encrypts everything for another P; each encryption and decryption is a step of the
+    // observer's work. kInterrupted when that was cancelled. After a failure the folders
+    // tell what has become of it, and what the ciphers carry is not known: close().
+    [[nodiscard]] Status recrypt(const SecretText& p, Observer& observer);
+
+private:
+    class Modules;
+
+    const Place& place_;
+    std::unique_ptr<Modules> modules_;
+    aFileStoreSrv service_{nullptr};
+    SecretText p_;
+};
+
+}  // namespace fstore
+
+#endif  // LIB_DATABASE_STORE_SERVICE_H
