@@ -95,7 +95,7 @@ bool isKeptSecret(const Record& record, unsigned int id) {
 
 }  // namespace
 
-Assignment Assignment::parse(const std::string& text) {
+Assignment Assignment::parse(const std::string& text, StandardInput& input) {
     const std::size_t equals = text.find('=');
     if (equals == std::string::npos) {
         refuse(text, "an assignment is NAME=VALUE");
@@ -109,8 +109,13 @@ Assignment Assignment::parse(const std::string& text) {
         colon == std::string_view::npos ? kTypeText : parseType(left, left.substr(colon + 1));
     const bool fromFile = right.starts_with('@') && !right.starts_with("@@");
     right.remove_prefix(right.starts_with('@') ? 1 : 0);
-    assignment.value = fromFile ? valueFromFile(left, assignment.type, std::string(right))
-                                : valueFromText(left, assignment.type, right);
+    if (fromFile) {
+        const std::string file(right);
+        input.claimIfNamed(file, "a value");
+        assignment.value = valueFromFile(left, assignment.type, file);
+    } else {
+        assignment.value = valueFromText(left, assignment.type, right);
+    }
     return assignment;
 }
 

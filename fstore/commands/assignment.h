@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "cmn/secret_bytes.h"
+#include "fstore/terminal/standard_input.h"
 #include "lib/records/record.h"
 
 namespace fstore {
@@ -20,7 +21,7 @@ struct Assignment {
     // Reads "label=Web server", "0x8001:number=5", "0x8002:binary=00ff" and
     // "0x8003=@FILE": the contents of a file, whose last line feed a text loses; a
     // value that begins with "@" is written "@@". Opens the file. Throws kInvalid.
-    static Assignment parse(const std::string& text);
+    static Assignment parse(const std::string& text, StandardInput& input);
 
     // Gives the record this one attribute under the id, in the place of the first that
     // has it. Kept encrypted when `encrypt` is set or the present one is.

@@ -206,11 +206,12 @@ int Cli::main(int argc, const char* const* argv) {
 int Cli::run(const Command& command) {
     Output output(globals_.output);
     return guarded(output, [&] {
+        StandardInput standardInput;
         PasswordSource password(PasswordSource::Which::kCurrent, globals_.password,
-                                globals_.noInput, output);
+                                globals_.noInput, output, standardInput);
         TerminalObserver observer(output, password);
         Database database({globals_.folder, globals_.lockSeconds}, observer);
-        Context context{globals_, output, password, database};
+        Context context{globals_, output, standardInput, password, database};
         int code = static_cast<int>(kOk);
         try {
             code = exitCodeOf(command.run()(context));

@@ -27,6 +27,7 @@ namespace fstore {
 struct Context {
     const Globals& globals;
     Output& output;
+    StandardInput& standardInput;
     PasswordSource& password;  // of the database
     Database& database;
 };

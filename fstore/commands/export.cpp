@@ -243,10 +243,7 @@ Status run(const Options& options, Context& context) {
         file.emplace(options.file, options.force);
     }
     PasswordSource password(PasswordSource::Which::kOutput, options.password,
-                            context.globals.noInput, context.output);
-    if (password.usesStandardInput() && context.password.usesStandardInput()) {
-        throw Failure(kUsage, "the standard input cannot be both passwords");
-    }
+                            context.globals.noInput, context.output, context.standardInput);
     // Nobody has to wait while a password is typed.
     const Selection selection = withSecrets(context.database, Access::kRead,
                                             [&] { return select(options, context.database); });

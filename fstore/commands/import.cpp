@@ -61,16 +61,6 @@ ImportRules rulesOf(const Options& options) {
     return rules;
 }
 
-void refuseStandardInputTwice(const Options& options, const PasswordSource& current,
-                              const PasswordSource& input) {
-    const auto asFile = std::ranges::count(options.files, kStandardStream);
-    const int asPassword =
-        (current.usesStandardInput() ? 1 : 0) + (input.usesStandardInput() ? 1 : 0);
-    if (asFile + asPassword > 1) {
-        throw Failure(kUsage, "the standard input can be one file or one password, not both");
-    }
-}
-
 // All parts of all files, keys first: a certificate then finds its key in the
 // database, also when the import is broken off between the two.
 std::vector<Item> readItems(const Options& options, PasswordSource& password) {
@@ -200,8 +190,10 @@ void importObjects(const std::vector<Item>& items, const ImportRules& rules, Dat
 Status run(const Options& options, Context& context) {
     const ImportRules rules = rulesOf(options);
     PasswordSource password(PasswordSource::Which::kInput, options.password,
-                            context.globals.noInput, context.output);
-    refuseStandardInputTwice(options, context.password, password);
+                            context.globals.noInput, context.output, context.standardInput);
+    for (const std::string& file : options.files) {
+        context.standardInput.claimIfNamed(file, "a file to import");
+    }
     const std::vector<Item> items = readItems(options, password);
     Report report(context.output);
     importObjects(items, rules, context.database, report);

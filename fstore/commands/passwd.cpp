@@ -18,10 +18,7 @@ struct Options {
 
 Status run(const Options& options, Context& context) {
     PasswordSource fresh(PasswordSource::Which::kNew, options.password, context.globals.noInput,
-                         context.output);
-    if (fresh.usesStandardInput() && context.password.usesStandardInput()) {
-        throw Failure(kUsage, "the standard input cannot be both the old and the new password");
-    }
+                         context.output, context.standardInput);
     Database& database = context.database;
     // A mistake in the old one shows before the new one is asked for.
     (void)database.enter(Access::kRead, Need::kSecrets);

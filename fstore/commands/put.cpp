@@ -56,12 +56,6 @@ Record recordFor(Database& database, const Address& address) {
     return record;
 }
 
-void refuseStandardInputTwice(const PutOptions& options, const PasswordSource& password) {
-    if (options.file == kStandardStream && password.usesStandardInput()) {
-        throw Failure(kUsage, "the standard input cannot be both the password and the body");
-    }
-}
-
 // A step of withSecrets(). Gives the bytes' memory back before it writes: one copy less.
 void putBody(const PutOptions& options, const Address& address, SecretBytes& bytes,
              Database& database) {
@@ -83,7 +77,7 @@ void putBody(const PutOptions& options, const Address& address, SecretBytes& byt
 Status runPut(const PutOptions& options, Context& context) {
     const Address address = parseNewAddress(options.address);
     refuseInternal(address);
-    refuseStandardInputTwice(options, context.password);
+    context.standardInput.claimIfNamed(options.file, "the body");
     SecretBytes bytes = InputFile(options.file).readAll(kMostBody);
     if (bytes.empty() && options.plain) {
         throw Failure(kInvalid,

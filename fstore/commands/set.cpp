@@ -36,7 +36,7 @@ void tell(const Address& address, Output& output) {
 Status runSet(const SetOptions& options, Context& context) {
     std::vector<Assignment> assignments;
     for (const std::string& text : options.assignments) {
-        assignments.push_back(Assignment::parse(text));
+        assignments.push_back(Assignment::parse(text, context.standardInput));
     }
     return withSecrets(context.database, Access::kChange, [&] {
         Record record = readForChange(context.database, options.address, options.encrypt);

@@ -83,30 +83,30 @@ const char* variable(const std::string& name) {
 }  // namespace
 
 PasswordSource::PasswordSource(Which which, const PasswordOptions& options, bool noInput,
-                               Output& output)
+                               Output& output, StandardInput& input)
     : which_(which), noInput_(noInput), output_(output) {
     const std::string fileVariable = variableName(which, "_FILE");
     const char* const file = variable(fileVariable);
-    if (options.fd) {
+    if (options.fd == kStdin) {
+        openFile(std::string(kStandardStream), input);
+    } else if (options.fd) {
         from_ = From::kFd;
         fd_ = *options.fd;
         name_ = fmt::format("descriptor {}", fd_);
-        if (fd_ == kStdin) {  // one way to tell that it is the standard input
-            from_ = From::kFile;
-        }
     } else if (options.file) {
-        openFile(*options.file);
+        openFile(*options.file, input);
     } else if (file != nullptr) {
-        openFile(file);
+        openFile(file, input);
     } else if (variable(variableName(which, "")) != nullptr) {
         from_ = From::kVariable;
         name_ = variableName(which, "");
     }
 }
 
-void PasswordSource::openFile(const std::string& name) {
+void PasswordSource::openFile(const std::string& name, StandardInput& input) {
     from_ = From::kFile;
     if (name == kStandardStream) {
+        input.claim(fmt::format("the {}", describe(which_)));
         name_ = "the standard input";
         return;
     }

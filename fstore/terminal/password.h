@@ -14,6 +14,7 @@
 #include <string>
 
 #include "fstore/terminal/output.h"
+#include "fstore/terminal/standard_input.h"
 #include "lib/base/secret.h"
 #include "os/handles.h"
 
@@ -36,7 +37,8 @@ public:
 
     // Finds the source and opens its file, before the tool changes its folder. Asks
     // for nothing yet.
-    PasswordSource(Which which, const PasswordOptions& options, bool noInput, Output& output);
+    PasswordSource(Which which, const PasswordOptions& options, bool noInput, Output& output,
+                   StandardInput& input);
 
     enum class Entry {
         kOnce,
@@ -49,13 +51,11 @@ public:
 
     // Whether get() would not have to ask anyone.
     bool isGiven() const noexcept { return from_ != From::kTerminal; }
-    // Whether the standard input is where it comes from.
-    bool usesStandardInput() const noexcept { return from_ == From::kFile && !file_; }
 
 private:
     enum class From { kFd, kFile, kVariable, kTerminal };
 
-    void openFile(const std::string& name);
+    void openFile(const std::string& name, StandardInput& input);
     SecretText ask(const char* prompt) const;
     SecretText read(int fd) const;
     SecretText readTerminal(Entry entry) const;

@@ -88,6 +88,10 @@ class SourceTest(InitialisedTest):
         self.fails(2, "usage", "put", "settings/b", "-", "--password-file", "-",
                    stdin=PASSWORD.encode())
         self.fails(2, "usage", "passwd", "--new-password-file", "-", "--password-file", "-")
+        self.assertIn("cannot be both the password and a value",
+                      self.fails(2, "usage", "set", "a", "label=@-", "--password-file", "-"))
+        self.assertIn("cannot be a value twice",
+                      self.fails(2, "usage", "set", "a", "label=@-", "0x8001=@-"))
 
     def test_no_password_is_asked_for_what_is_plain(self):
         for args in [("ls",), ("info",), ("show", "a"), ("dump", "a"), ("check",),
