@@ -71,7 +71,8 @@ void putBody(const PutOptions& options, const Address& address, SecretBytes& byt
     }
     record.setBody(bytes, !options.plain);
     bytes = SecretBytes();
-    record.write();
+    BodyOwners owners;
+    record.write(owners);
 }
 
 Status runPut(const PutOptions& options, Context& context) {

@@ -58,6 +58,18 @@ void confirmKeys(const std::vector<Address>& addresses, const Globals& globals) 
     }
 }
 
+Json removeRecord(const Address& address, BodyOwners& owners, Output& output) {
+    const std::optional<std::string> doubt = Record(address).remove(owners);
+    if (doubt) {
+        output.warn(
+            fmt::format("{} was removed, and its body file stays: it {}", address.print(), *doubt));
+    } else {
+        output.detail(fmt::format("{} was removed", address.print()));
+    }
+    return {
+        {"address", jsonText(address.print())}, {"removed", true}, {"bodyKept", doubt.has_value()}};
+}
+
 Status run(const Options& options, Context& context) {
     if (!options.force) {
         // Others may read while the user thinks.
@@ -68,11 +80,10 @@ Status run(const Options& options, Context& context) {
     const std::vector<Address> addresses = resolveAll(options);
     Json records = Json::array();
     std::vector<Failure> failures;
+    BodyOwners owners;
     for (const Address& address : addresses) {
         try {
-            Record(address).remove();
-            records.push_back({{"address", jsonText(address.print())}, {"removed", true}});
-            context.output.detail(fmt::format("{} was removed", address.print()));
+            records.push_back(removeRecord(address, owners, context.output));
         } catch (const Failure& failure) {
             records.push_back(failureToJson(address.print(), failure));
             failures.push_back(failure);

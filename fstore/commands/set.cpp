@@ -43,7 +43,8 @@ Status runSet(const SetOptions& options, Context& context) {
         for (const Assignment& assignment : assignments) {
             assignment.applyTo(record, options.encrypt);
         }
-        record.write();
+        BodyOwners owners;
+        record.write(owners);
         tell(record.address(), context.output);
         return kOk;
     });
@@ -70,7 +71,8 @@ Status runUnset(const UnsetOptions& options, Context& context) {
     return withSecrets(context.database, Access::kChange, [&] {
         Record record = readForChange(context.database, options.address, /*getsSecret=*/false);
         removeAttributes(record, ids, options.ids);
-        record.write();
+        BodyOwners owners;
+        record.write(owners);
         tell(record.address(), context.output);
         return kOk;
     });

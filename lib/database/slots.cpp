@@ -190,9 +190,10 @@ KdfRecord readKdf() {
 
 void writeKdf(const KdfRecord& kdf) {
     Record record(kdfAddress());
+    BodyOwners owners;  // a hostile one may name another record's body
     if (kdf.slots.empty()) {
         if (Record::isThere(kdfAddress())) {
-            record.remove();
+            (void)record.remove(owners);
         }
         return;
     }
@@ -202,7 +203,7 @@ void writeKdf(const KdfRecord& kdf) {
     if (kdf.keepOld) {
         record.setNumber(layout::kKeepOldId, 1);
     }
-    record.write();
+    record.write(owners);
 }
 
 }  // namespace fstore

@@ -6,10 +6,12 @@
 #include <fmt/format.h>
 #include <openssl/evp.h>
 
+#include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/base/text.h"
 #include "os/files.h"
+#include "os/fs.h"
 
 namespace fstore {
 namespace {
@@ -345,8 +347,33 @@ void Record::verifyWritten() const {
     }
 }
 
-void Record::remove() {
-    check(store_.remove(), fmt::format("cannot remove {}", address_.print()), address_.print());
+void Record::write(BodyOwners& owners) {
+    owners.requireOwn(address_);
+    write();
+}
+
+std::optional<std::string> Record::remove(BodyOwners& owners) {
+    std::optional<std::string> doubt = owners.doubtAbout(address_);
+    if (doubt) {
+        removeDescriptors();
+    } else {
+        check(store_.remove(), fmt::format("cannot remove {}", address_.print()), address_.print());
+    }
+    return doubt;
+}
+
+// A saved descriptor goes first, and for good: left alone, a reader would put it back.
+void Record::removeDescriptors() const {
+    const std::string path = descriptorPath(address_);
+    for (const std::string& each : {path + std::string(kOldMarker), path}) {
+        if (!exists(each)) {
+            continue;
+        }
+        if (os::remove(each.c_str()) != 0) {
+            failWithErrno("remove", each);
+        }
+        syncFolder(folderPath(address_.folder));
+    }
 }
 
 void requireFolder(const std::string& folder) {

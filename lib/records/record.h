@@ -17,6 +17,7 @@
 #include "lib/base/files.h"
 #include "lib/records/address.h"
 #include "lib/records/attributes.h"
+#include "lib/records/body_owners.h"
 #include "lib/records/record_info.h"
 
 namespace fstore {
@@ -83,8 +84,15 @@ public:
 
     // Stores it. What is encrypted is read back and compared before this returns, so
     // that a secret is never lost to a cipher that cannot undo what it did.
-    void write();
-    void remove();
+    //
+    // `owners` is the command's: throws kMalformed when the store would delete a body file that
+    // may be another record's. A record that is not on disk yet asks nothing.
+    void write(BodyOwners& owners);
+    void write();  // a new one
+
+    // Removes it. Its body file stays when it may be another record's: returns why, as
+    // BodyOwners::doubtAbout() does.
+    std::optional<std::string> remove(BodyOwners& owners);
 
     aFileStore& store() noexcept { return store_; }
 
@@ -93,6 +101,7 @@ private:
     void add(unsigned int type, unsigned int id, std::span<const unsigned char> bytes);
     void setOrRemove(unsigned int type, unsigned int id, std::string_view text);
     void verifyWritten() const;
+    void removeDescriptors() const;
 
     Address address_;
     aFileStore store_;

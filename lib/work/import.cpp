@@ -170,7 +170,7 @@ Importer::Result Importer::replace(const PkiObject& object, const std::string& l
         }
     }
     fill(record, object, label);
-    record.write();
+    record.write(owners_);
     return {Outcome::kReplaced, index(record)};
 }
 
@@ -207,7 +207,7 @@ std::optional<Importer::Result> Importer::moveToKey(const std::vector<Address>& 
     } else {
         address = *local;
     }
-    old.remove();
+    (void)old.remove(owners_);  // what stays of it, `check` lists
     return Result{Outcome::kMoved, infoOf(Record::read(address))};
 }
 

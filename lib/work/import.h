@@ -65,6 +65,7 @@ private:
 
     Database& database_;
     ImportRules rules_;
+    BodyOwners owners_;
     std::map<Identity, std::vector<Address>> present_;
     std::set<std::string> keys_;  // digests of public keys whose private keys we have
     std::string named_;           // digest of the public key of what gets the one name

@@ -278,7 +278,7 @@ class RemovalTest(InitialisedTest):
                 "CALL_TRAP_ERRNO": 5}
         run = self.run_tool("rm", "--json", "a", "b", code=5, env=trap)
         done, failed = run.document["records"]
-        self.assertEqual({"address": "settings/a", "removed": True}, done)
+        self.assertEqual({"address": "settings/a", "removed": True, "bodyKept": False}, done)
         self.assertEqual(("settings/b", "io"), (failed["address"], failed["error"]["name"]))
         self.assertEqual(["keys/k", "settings/b"], self.records())
 
