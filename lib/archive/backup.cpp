@@ -9,6 +9,7 @@
 #include "lib/archive/tree.h"
 #include "lib/base/error.h"
 #include "lib/base/text.h"
+#include "lib/database/beside.h"
 #include "lib/database/folders.h"
 #include "os/files.h"
 
@@ -82,6 +83,7 @@ RestoreReport restoreFrom(const os::File& first, const os::File& second, Databas
     if (totals.manifest != verified.manifest) {
         throw Failure(kIo, "it changed while it was read");
     }
+    settleCopy();
     return {totals, exchangeForCopy(compactMoment(now()))};
 }
 

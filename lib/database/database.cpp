@@ -4,11 +4,13 @@
 
 #include <fmt/format.h>
 
+#include "format/layout.h"
 #include "lib/base/error.h"
 #include "lib/database/folders.h"
 #include "lib/database/password_change.h"
 #include "lib/database/recovery.h"
 #include "lib/database/unlock.h"
+#include "os/files.h"
 
 namespace fstore {
 namespace {
@@ -31,7 +33,9 @@ Hold Database::enter(Access access, Need need) {
     Hold hold(lock_);  // also when what follows throws
     switch (need) {
         case Need::kFolder:
+            store_.start();
             lock_.take(os::LockKind::kExclusive);
+            refuseLink();
             break;
         case Need::kFiles:
             store_.start();
@@ -41,6 +45,7 @@ Hold Database::enter(Access access, Need need) {
         case Need::kDatabase:
             store_.start();
             lock_.take(os::LockKind::kExclusive);
+            refuseLink();
             learn(recover(store_));
             break;
         case Need::kRecords:
@@ -83,12 +88,24 @@ void Database::changePassword(NewSlot fresh, bool keepOld) {
 }
 
 void Database::requireDatabase() const {
+    refuseLink();
     if (!folderState().hasDatabase()) {
         throw Failure(kMissing,
                       fmt::format("there is no database in {}: `fstore init` makes one, --dir "
                                   "names another folder",
                                   place_.describe()),
                       place_.folder);
+    }
+}
+
+void Database::refuseLink() const {
+    // What a link leads to is no part of this folder: its lock does not keep others out of it.
+    if (os::entryTypeOf(layout::kLive) == os::EntryType::kLink) {
+        throw Failure(kInvalid,
+                      fmt::format("{} in {} is a link, which is not followed: --dir names the "
+                                  "folder that the database itself is in",
+                                  layout::kLive, place_.describe()),
+                      layout::kLive);
     }
 }
 

@@ -96,6 +96,7 @@ public:
 
 private:
     void requireDatabase() const;
+    void refuseLink() const;
     void enterRecords(Access access);
     void enterShared();
     void enterExclusive();

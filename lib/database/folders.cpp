@@ -65,6 +65,27 @@ void dropPrevious() {
     dropCopy();
 }
 
+std::string keepPrevious(const std::string& time) {
+    if (!exists(kPrevious)) {
+        return {};
+    }
+    std::string kept = freeName(kLive, time);
+    rename(kPrevious, kept);
+    syncHere();
+    return kept;
+}
+
+std::vector<std::string> keptDatabases() {
+    const std::string head = fmt::format("{}-", layout::kLiveName);
+    std::vector<std::string> kept;
+    for (const FolderEntry& entry : listFolder(".")) {
+        if (entry.type == FolderEntry::Type::kFolder && entry.name.starts_with(head)) {
+            kept.push_back(joined(".", entry.name));
+        }
+    }
+    return kept;
+}
+
 void undoExchange() {
     rename(kLive, kCopy);
     rename(kPrevious, kLive);
@@ -78,9 +99,7 @@ std::string exchangeForCopy(const std::string& time) {
         syncHere();
         return {};
     }
-    if (exists(kPrevious)) {
-        rename(kPrevious, freeName(kPrevious, time));
-    }
+    (void)keepPrevious(time);
     // While there is no "./db", "./old_db" is what the next start puts back.
     rename(kLive, kPrevious);
     if (os::rename(kCopy, kLive) != 0) {
@@ -90,10 +109,7 @@ std::string exchangeForCopy(const std::string& time) {
         failWithErrno("make the database of", kCopy);
     }
     syncHere();
-    std::string kept = freeName(kLive, time);
-    rename(kPrevious, kept);
-    syncHere();
-    return kept;
+    return keepPrevious(time);
 }
 
 }  // namespace fstore

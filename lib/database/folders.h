@@ -17,10 +17,13 @@
 //             or a restore, broken off     to complete and is dropped by whoever locks
 //             before its exchange; or      exclusively next. It may also be what was to be
 //             the end of a change          removed
-//     d - o   an exchange is done          the database; ./old_db opens with the password
-//                                          before and stays, but is dropped while "kdf" has
-//                                          two slots, the new one in force, and does not say
-//                                          that it is to be kept
+//     d - o   an exchange is done          the database. While "kdf" has two slots, the new
+//                                          one in force, and ./old_db has the key of the old
+//                                          one, ./old_db is dropped, or kept if "kdf" says so.
+//                                          Any other ./old_db is a database that somebody
+//                                          wants: a restore was broken off, or another program
+//                                          changed the password. It is kept before anything
+//                                          could take its place
 //     d n o   as "d - o", and the next     as "d - o"; the copy is dropped
 //             change was broken off
 //     - n o   an exchange was broken off   ./old_db is the database: it is put back, then
@@ -29,8 +32,7 @@
 //     - n -   the first restore into the   no database; the copy is dropped by the next
 //             folder, broken off           `init` or `restore`
 //
-// A restore keeps the database that it replaces, and what was in ./old_db, as ./db-<time>
-// and ./old_db-<time>, which no command touches.
+// What is kept is renamed to ./db-<time>, which no command takes for its own or touches.
 //
 // Paths are relative to the current folder. For one thread, which keeps other processes
 // out. Failures throw. Each move may be broken off anywhere, and leaves a state of the table.
@@ -38,6 +40,7 @@
 #define LIB_DATABASE_FOLDERS_H
 
 #include <string>
+#include <vector>
 
 namespace fstore {
 
@@ -65,6 +68,12 @@ void dropPrevious();
 
 // Undoes an exchange: "./old_db" is the database again, and what was is the copy.
 void undoExchange();
+
+// Keeps "./old_db" as "./db-<time>", and returns that name; empty when it is not there.
+std::string keepPrevious(const std::string& time);
+
+// The databases that were kept, by name: "./db-20261121T230000Z".
+std::vector<std::string> keptDatabases();
 
 // Makes "./new_db" the database. Returns the name by which the one before is kept,
 // "./db-<time>"; empty when there was none.

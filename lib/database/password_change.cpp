@@ -9,6 +9,8 @@
 #include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
+#include "lib/base/text.h"
+#include "lib/database/beside.h"
 #include "lib/database/deep_read.h"
 #include "lib/database/folders.h"
 #include "lib/database/recovery.h"
@@ -32,6 +34,13 @@ void requireCopyable() {
             }
         }
     });
+}
+
+// A database in "./old_db" is somebody's, and the store would delete it for the next one.
+void keepWhatIsAside(Observer& observer) {
+    if (const std::string kept = keepPrevious(compactMoment(now())); !kept.empty()) {
+        observer.note(fmt::format("the database before is kept as {}, with its password", kept));
+    }
 }
 
 DeepReport readSound(Observer& observer, const char* what) {
@@ -94,11 +103,11 @@ Protection recrypt(StoreService& store, Observer& observer, const SecretText& p,
 
 // Memory that could not be had does not lead here: it says nothing about the folder, and the
 // next command goes on. So it does after an interruption.
-[[noreturn]] void goBack(StoreService& store, const Failure& reason) {
+[[noreturn]] void goBack(StoreService& store, const Protection& unfinished, const Failure& reason) {
     if (reason.status() == kInterrupted) {
         throw Failure(reason);
     }
-    if (!folderState().previous) {
+    if (!folderState().previous || !isPreviousOf(unfinished.kdf.slots.front())) {
         throw Failure(kFound,
                       fmt::format("the change of the password cannot be finished: {}; what is "
                                   "damaged can be removed with `fstore rm` once the database is "
@@ -117,8 +126,10 @@ Protection recrypt(StoreService& store, Observer& observer, const SecretText& p,
 }
 
 // Steps 6 and 7.
-Protection dropOld(const Protection& unfinished) {
-    if (!unfinished.kdf.keepOld) {
+Protection settleOld(const Protection& unfinished, Observer& observer) {
+    if (unfinished.kdf.keepOld || !isPreviousOf(unfinished.kdf.slots.front())) {
+        keepWhatIsAside(observer);
+    } else {
         dropPrevious();
     }
     writeKdf({.slots = {unfinished.inForce}});
@@ -131,6 +142,7 @@ Protection changePassword(StoreService& store, Observer& observer, const Protect
                           NewSlot fresh, bool keepOld) {
     requireCopyable();
     const DeepReport contents = readSound(observer, "Checking");
+    keepWhatIsAside(observer);
     writeKdf({.slots = {before.inForce, fresh.slot}, .keepOld = keepOld});
     const Protection changed = recrypt(store, observer, fresh.p, contents.secrets);
     syncFolder(".");
@@ -138,9 +150,9 @@ Protection changePassword(StoreService& store, Observer& observer, const Protect
         store.open(std::move(fresh.p));
         requireSame(contents, readSound(observer, "Verifying"));
     } catch (const Failure& reason) {
-        goBack(store, reason);
+        goBack(store, changed, reason);
     }
-    return dropOld(changed);
+    return settleOld(changed, observer);
 }
 
 Protection finishPasswordChange(StoreService& store, Observer& observer,
@@ -148,13 +160,13 @@ Protection finishPasswordChange(StoreService& store, Observer& observer,
     syncFolder(".");
     try {
         (void)readSound(observer, "Verifying");
-        if (folderState().previous) {
+        if (folderState().previous && isPreviousOf(unfinished.kdf.slots.front())) {
             requireNamesOf(layout::kPrevious, layout::kLive);
         }
     } catch (const Failure& reason) {
-        goBack(store, reason);
+        goBack(store, unfinished, reason);
     }
-    return dropOld(unfinished);
+    return settleOld(unfinished, observer);
 }
 
 }  // namespace fstore

@@ -7,8 +7,8 @@
 //     4  make that durable
 //     5  open with the new password, decrypt everything, compare; when that fails, the
 //        old folder goes back in place
-//     6  drop "./old_db", unless it is to be kept: renamed first, so that it is never
-//        there in part
+//     6  drop "./old_db", renamed first, so that it is never there in part; or keep it as
+//        "./db-<time>", if it is to be kept
 //     7  write "kdf" with the new slot only
 //
 // Until step 7 "kdf" has two slots, and the record "key" says which is in force. When

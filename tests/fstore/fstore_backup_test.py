@@ -200,7 +200,8 @@ class ReplaceTest(BackupTest):
                       env={"FSTORE_NEW_PASSWORD": "another"})
         self.run_tool("restore", self.tar, "--replace")
         names = sorted(re.sub(r"\d", "0", name) for name in os.listdir(self.folder))
-        self.assertEqual(["db", "db-00000000T000000Z", "old_db-00000000T000000Z"], names)
+        self.assertEqual(["db", "db-00000000T000000Z"], sorted(set(name[:19] for name in names)))
+        self.assertEqual(3, len(names))
         self.assertEqual(BODIES["settings/a"], self.body("settings/a"))
 
     def test_broken_off_change_of_password_is_put_back_first(self):
