@@ -5,17 +5,30 @@
 
 #include <fmt/format.h>
 
+#include "format/layout.h"
 #include "fstore/commands/commands.h"
 #include "fstore/commands/record_json.h"
+#include "lib/base/files.h"
+#include "lib/base/text.h"
 
 namespace fstore {
 namespace {
 
+struct Options {
+    CheckOptions check;
+    std::optional<std::string> undo;
+    std::optional<std::string> purge;
+};
+
 void print(const CheckReport& report, Output& output) {
     for (const Finding& finding : report.findings) {
         output.line(nameOf(finding.kind), finding.isDamage() ? Style::kRed : Style::kYellow,
-                    fmt::format(": {} {}{}", finding.path, finding.message,
-                                finding.isRepairable() ? "; --repair cleans up" : ""));
+                    fmt::format(": {} {}{}{}", finding.path, finding.message,
+                                finding.isRepairable() ? "; with --repair it " : "",
+                                planOf(finding.repair)));
+    }
+    for (const LostFolder& lost : report.lost) {
+        output.line("moved-away", Style::kYellow, ": " + describe(lost));
     }
     if (report.deep) {
         for (const DamagedRecord& damaged : report.deep->damaged) {
@@ -25,10 +38,23 @@ void print(const CheckReport& report, Output& output) {
 }
 
 Json toJson(const Finding& finding) {
-    return {{"kind", nameOf(finding.kind)},
-            {"path", jsonText(finding.path)},
-            {"message", jsonText(finding.message)},
-            {"repairable", finding.isRepairable()}};
+    return {{"kind", nameOf(finding.kind)},         {"path", jsonText(finding.path)},
+            {"message", jsonText(finding.message)}, {"repairable", finding.isRepairable()},
+            {"repair", nameOf(finding.repair)},     {"doubtful", finding.isDoubtful}};
+}
+
+Json toJson(const LostFolder& lost) {
+    Json json = {{"name", lost.name}, {"path", joined(layout::kLost, lost.name)}};
+    if (lost.plan) {
+        json["time"] = printMoment(lost.plan->time);
+        json["files"] = Json::array();
+        for (const LostFile& file : lost.plan->files) {
+            json["files"].push_back({{"path", jsonText(file.path)},
+                                     {"kind", file.kind},
+                                     {"message", jsonText(file.reason)}});
+        }
+    }
+    return json;
 }
 
 Json toDocument(const CheckReport& report) {
@@ -39,6 +65,10 @@ Json toDocument(const CheckReport& report) {
     }
     for (const Finding& finding : report.repaired) {
         document["repaired"].push_back(toJson(finding));
+    }
+    document["lost"] = Json::array();
+    for (const LostFolder& lost : report.lost) {
+        document["lost"].push_back(toJson(lost));
     }
     if (report.deep) {
         document["deep"] = {{"records", report.deep->records},
@@ -52,7 +82,7 @@ Json toDocument(const CheckReport& report) {
     return document;
 }
 
-Status run(const CheckOptions& options, Context& context) {
+Status runCheck(const CheckOptions& options, Context& context) {
     const CheckReport report = checkDatabase(context.database, options);
     print(report, context.output);
     if (report.isSound()) {
@@ -65,15 +95,65 @@ Status run(const CheckOptions& options, Context& context) {
     return report.isSound() ? kOk : kFound;
 }
 
+Json toJson(const std::vector<std::string>& paths) {
+    Json json = Json::array();
+    for (const std::string& path : paths) {
+        json.push_back(jsonText(path));
+    }
+    return json;
+}
+
+Status runUndo(const std::string& name, Context& context) {
+    const UndoReport report = undoRepair(context.database, name);
+    const std::string from = joined(layout::kLost, name);
+    for (const std::string& path : report.putBack) {
+        context.output.detail(fmt::format("{} was put back", joined(layout::kLive, path)));
+    }
+    for (const std::string& path : report.taken) {
+        context.output.warn(fmt::format("{} stays where it is: there is another {}",
+                                        joined(from, path), joined(layout::kLive, path)));
+    }
+    context.output.note(fmt::format("{}: {} files put back", from, report.putBack.size()));
+    context.output.document(
+        {{"undone", name}, {"putBack", toJson(report.putBack)}, {"taken", toJson(report.taken)}});
+    return report.taken.empty() ? kOk : kPartial;
+}
+
+Status runPurge(const std::string& name, Context& context) {
+    purgeRepair(context.database, name);
+    context.output.note(fmt::format("{} was removed for good", joined(layout::kLost, name)));
+    context.output.document({{"purged", name}});
+    return kOk;
+}
+
+// Each of the three is a command of its own.
+void refuseTogether(const Options& options) {
+    const bool checks = options.check.deep || options.check.repair;
+    if (options.undo.has_value() + options.purge.has_value() + checks > 1) {
+        throw Failure(kUsage, "--undo and --purge stand alone: neither checks nor repairs");
+    }
+}
+
+Status run(const Options& options, Context& context) {
+    refuseTogether(options);
+    if (options.undo) {
+        return runUndo(*options.undo, context);
+    }
+    return options.purge ? runPurge(*options.purge, context) : runCheck(options.check, context);
+}
+
 }  // namespace
 
 void addCheck(Cli& cli) {
-    const auto options = std::make_shared<CheckOptions>();
+    const auto options = std::make_shared<Options>();
     Command& command = cli.add("check", "Look for damage and for what a crash left over",
                                [options](Context& context) { return run(*options, context); });
-    command.flag("--deep", &options->deep, "Decrypt and examine every record too");
-    command.flag("--repair", &options->repair,
+    command.flag("--deep", &options->check.deep, "Decrypt and examine every record too");
+    command.flag("--repair", &options->check.repair,
                  "Clean up what a crash left over; damaged records are never touched");
+    command.option("--undo", "TIME", &options->undo,
+                   "Put back what the repair of this time moved away");
+    command.option("--purge", "TIME", &options->purge, "Remove what it moved away, for good");
 }
 
 }  // namespace fstore

@@ -8,6 +8,7 @@
 #include "fstore/terminal/json.h"
 #include "lib/base/files.h"
 #include "lib/database/folders.h"
+#include "lib/database/lost.h"
 #include "lib/records/record.h"
 
 namespace fstore {
@@ -49,6 +50,14 @@ Json toJson(const Protection& protection) {
     return json;
 }
 
+Json namesOf(const std::vector<LostFolder>& lost) {
+    Json names = Json::array();
+    for (const LostFolder& each : lost) {
+        names.push_back(jsonText(each.name));
+    }
+    return names;
+}
+
 Status run(Context& context) {
     const Hold hold = context.database.enter(Access::kRead);
     const Protection& protection = context.database.protection();
@@ -76,11 +85,21 @@ Status run(Context& context) {
     if (hasOld) {
         output.line("old_db     is there, with the password before");
     }
+    const std::vector<std::string> kept = keptDatabases();
+    for (const std::string& each : kept) {
+        output.line(fmt::format("kept       {}", each));
+    }
+    const std::vector<LostFolder> lost = lostFolders();
+    for (const LostFolder& each : lost) {
+        output.line(fmt::format("moved away {}", describe(each)));
+    }
     output.line(fmt::format("records    {}", records));
     output.table(table);
     output.document({{"database", jsonText(here)},
                      {"password", toJson(protection)},
                      {"oldDatabase", hasOld},
+                     {"kept", kept},
+                     {"lost", namesOf(lost)},
                      {"records", records},
                      {"folders", folders}});
     return kOk;

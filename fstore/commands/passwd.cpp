@@ -6,6 +6,7 @@
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/terminal/json.h"
+#include "lib/database/lost.h"
 
 namespace fstore {
 namespace {
@@ -26,8 +27,10 @@ Status run(const Options& options, Context& context) {
     const Hold hold = database.enter(Access::kChange, Need::kSecrets);
     database.changePassword(std::move(slot), options.keepOld);
     context.output.note(
-        fmt::format("the database in {} has another password now{}", database.place().describe(),
-                    options.keepOld ? "; ./old_db still opens with the one before" : ""));
+        fmt::format("the database in {} has another password now", database.place().describe()));
+    for (const LostFolder& lost : lostFolders()) {
+        context.output.warn(describe(lost));
+    }
     context.output.document({{"folder", jsonText(database.place().folder)},
                              {"changed", true},
                              {"keptOld", options.keepOld}});
@@ -42,7 +45,7 @@ void addPasswd(Cli& cli) {
                                [options](Context& context) { return run(*options, context); });
     addPassword(command, "--new-password", "the new password", options->password);
     command.flag("--keep-old", &options->keepOld,
-                 "Leave the database as it was, with the old password, in ./old_db");
+                 "Keep the database as it was, with the old password, as ./db-<time>");
     addCost(command, &options->cost);
 }
 

@@ -7,6 +7,8 @@
 
 #include "format/layout.h"
 #include "lib/base/error.h"
+#include "lib/base/files.h"
+#include "lib/base/text.h"
 #include "lib/database/protection.h"
 
 namespace fstore {
@@ -39,6 +41,15 @@ std::vector<Finding> inspectAll() {
     return findings;
 }
 
+// What a folder of lost files notes: none also when the record cannot be read.
+std::optional<Digest> keyOf() {
+    try {
+        return readKeyDigest();
+    } catch (const Failure&) {
+        return std::nullopt;
+    }
+}
+
 // Inspects, and repairs what was found; what waits for the password only when it is all
 // that is left, since its records may be among what is put back. Whether it found
 // something to repair.
@@ -49,10 +60,14 @@ bool repairOnce(CheckReport& report, Database& database) {
         report.findings = inspectAll();
         std::ranges::copy_if(report.findings, std::back_inserter(found), &Finding::isRepairable);
         for (const Finding& finding : found) {
-            database.observer().note(
-                fmt::format("{} {}; {}", finding.path, finding.message, planOf(finding.repair)));
+            database.observer().note(fmt::format("{} {}, and {}", finding.path, finding.message,
+                                                 planOf(finding.repair)));
         }
-        repair(found);
+        if (const auto lost = repair(found, now(), keyOf())) {
+            database.observer().note(
+                fmt::format("what was moved is in {}; `fstore check --undo {}` puts it back",
+                            joined(layout::kLost, *lost), *lost));
+        }
     }
     if (!found.empty() && std::ranges::all_of(found, waitsForPassword)) {
         (void)database.enter(Access::kChange);
@@ -73,15 +88,27 @@ CheckReport checkDatabase(Database& database, const CheckOptions& options) {
         // Until nothing more is found: what is deleted may have been the last to name a body.
         while (repairOnce(report, database)) {
         }
+        report.lost = lostFolders();
     } else {
         const Hold hold = database.enter(Access::kRead, Need::kFiles);
         report.findings = inspectAll();
+        report.lost = lostFolders();
     }
     if (options.deep) {
         const Hold hold = database.enter(accessFor(options), Need::kSecrets);
         report.deep = readEverything(database.observer(), "Checking");
     }
     return report;
+}
+
+UndoReport undoRepair(Database& database, const std::string& name) {
+    const Hold hold = database.enter(Access::kChange, Need::kFiles);
+    return undoLost(name, keyOf());
+}
+
+void purgeRepair(Database& database, const std::string& name) {
+    const Hold hold = database.enter(Access::kChange, Need::kFiles);
+    purgeLost(name);
 }
 
 }  // namespace fstore

@@ -113,9 +113,9 @@ void makeFolders(const std::string& top, std::string_view path) {
 }
 
 void makeTop() {
-    if (!isFolder(kLostFolder)) {
-        if (os::mkdir(kLostFolder, S_IRWXU) != 0) {
-            failWithErrno("make the folder", kLostFolder);
+    if (!isFolder(layout::kLost)) {
+        if (os::mkdir(layout::kLost, S_IRWXU) != 0) {
+            failWithErrno("make the folder", layout::kLost);
         }
         syncFolder(".");
     }
@@ -126,13 +126,13 @@ std::string makeFolderFor(std::int64_t time) {
     makeTop();
     const std::string wanted = compactMoment(time);
     std::string name = wanted;
-    for (int i = 2; os::mkdir(joined(kLostFolder, name).c_str(), S_IRWXU) != 0; ++i) {
+    for (int i = 2; os::mkdir(joined(layout::kLost, name).c_str(), S_IRWXU) != 0; ++i) {
         if (errno != EEXIST) {
-            failWithErrno("make the folder", joined(kLostFolder, name));
+            failWithErrno("make the folder", joined(layout::kLost, name));
         }
         name = fmt::format("{}-{}", wanted, i);
     }
-    syncFolder(kLostFolder);
+    syncFolder(layout::kLost);
     return name;
 }
 
@@ -185,9 +185,9 @@ std::optional<LostPlan> readPlan(const std::string& folder) {
 }
 
 std::string requireLostFolder(const std::string& name) {
-    const std::string folder = joined(kLostFolder, name);
+    const std::string folder = joined(layout::kLost, name);
     if (name.find('/') != std::string::npos || name.starts_with('.') || name.empty() ||
-        !isFolder(kLostFolder) || !isFolder(folder)) {
+        !isFolder(layout::kLost) || !isFolder(folder)) {
         throw Failure(
             kMissing,
             fmt::format("there is no {}; `fstore check` lists what repairs took away", folder),
@@ -214,8 +214,8 @@ void removeIfDone(const std::string& folder, const LostPlan& plan) {
         failWithErrno("remove", joined(folder, std::string(kPlanName)));
     }
     (void)os::rmdir(folder.c_str());
-    syncFolder(kLostFolder);
-    if (os::rmdir(kLostFolder) == 0) {
+    syncFolder(layout::kLost);
+    if (os::rmdir(layout::kLost) == 0) {
         syncFolder(".");
     }
 }
@@ -265,11 +265,15 @@ bool parseLine(std::string_view line, LostPlan& plan) {
     return head == "file" && parseFile(rest, plan);
 }
 
+std::string counted(std::size_t files) {
+    return files == 1 ? "a file" : fmt::format("{} files", files);
+}
+
 }  // namespace
 
 std::string moveToLost(const LostPlan& plan) {
     std::string name = makeFolderFor(plan.time);
-    const std::string folder = joined(kLostFolder, name);
+    const std::string folder = joined(layout::kLost, name);
     writePlan(folder, plan);
     std::set<std::string, std::less<>> changed;
     for (const LostFile& file : plan.files) {
@@ -281,15 +285,28 @@ std::string moveToLost(const LostPlan& plan) {
     return name;
 }
 
+std::string describe(const LostFolder& lost) {
+    const std::string path = joined(layout::kLost, lost.name);
+    return lost.plan ? fmt::format(
+                           "{} holds {} files that a repair moved away, encrypted with the "
+                           "key of that time; `fstore check --undo {}` puts them back, "
+                           "--purge removes them",
+                           path, counted(lost.plan->files.size()), lost.name)
+                     : fmt::format(
+                           "{} holds files that a repair moved away, without a plan that "
+                           "can be read",
+                           path);
+}
+
 std::vector<LostFolder> lostFolders() {
     std::vector<LostFolder> found;
-    if (!isFolder(kLostFolder)) {
+    if (!isFolder(layout::kLost)) {
         return found;
     }
-    for (const FolderEntry& entry : listFolder(kLostFolder)) {
+    for (const FolderEntry& entry : listFolder(layout::kLost)) {
         const bool isOne = entry.type == FolderEntry::Type::kFolder;
-        if (isOne && !isEmptyHanded(joined(kLostFolder, entry.name))) {
-            found.push_back({entry.name, readPlan(joined(kLostFolder, entry.name))});
+        if (isOne && !isEmptyHanded(joined(layout::kLost, entry.name))) {
+            found.push_back({entry.name, readPlan(joined(layout::kLost, entry.name))});
         }
     }
     return found;
@@ -337,8 +354,8 @@ UndoReport undoLost(const std::string& name, const std::optional<Digest>& key) {
 void purgeLost(const std::string& name) {
     const std::string folder = requireLostFolder(name);
     removeTree(folder);
-    syncFolder(kLostFolder);
-    if (os::rmdir(kLostFolder) == 0) {
+    syncFolder(layout::kLost);
+    if (os::rmdir(layout::kLost) == 0) {
         syncFolder(".");
     }
 }

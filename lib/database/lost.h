@@ -44,6 +44,9 @@ struct LostFolder {
     std::optional<LostPlan> plan;  // none when it cannot be read
 };
 
+// One sentence about it, with its path and with what can be done.
+std::string describe(const LostFolder& lost);
+
 // All of them, by name. Something else in "./db.lost" is left alone and not listed.
 std::vector<LostFolder> lostFolders();
 

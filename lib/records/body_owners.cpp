@@ -25,12 +25,6 @@ bool isOf(std::string_view file, std::string_view descriptor) {
            (file.size() == descriptor.size() || file.substr(descriptor.size()).starts_with(".$"));
 }
 
-bool isWhole(const std::vector<DescriptorLine>& lines) {
-    return !lines.empty() && std::ranges::all_of(lines, [](const DescriptorLine& line) {
-        return !line.isData || line.isRead;
-    });
-}
-
 }  // namespace
 
 std::optional<std::string> BodyOwners::doubtAbout(const Address& address) {
@@ -82,7 +76,7 @@ const BodyOwners::Folder& BodyOwners::folderOf(const std::string& folder) {
             const std::vector<DescriptorLine> lines = readDescriptor(joined(path, file.name));
             if (const auto body = bodyNameOf(lines)) {
                 entry->second.namedBy[*body].push_back(file.name);
-            } else if (!isWhole(lines)) {
+            } else if (lines.empty() || !isSound(lines)) {
                 entry->second.unreadable.push_back(file.name);
             }
         } catch (const Failure&) {

@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,6 +43,9 @@ std::vector<std::string> leftovers(const Tree& tree) {
         const auto ends = [&path = path](std::string_view marker) {
             return path.ends_with(marker);
         };
+        if (path.starts_with("db.lost")) {
+            continue;  // what nobody acknowledged, and may all the same be wanted
+        }
         if (path.starts_with("new_db") || ends(".$n$") || ends(".$o$") || ends(".$d$")) {
             found.push_back(path);
         }
@@ -75,6 +79,7 @@ protected:
                 const Answer again = check("");
                 EXPECT_EQ(0, again.code) << again.output;
                 EXPECT_EQ(describe(repaired), describe(readCurrentFolder())) << again.output;
+                std::filesystem::remove_all("db.lost");  // the oracle knows the store alone
                 EXPECT_EQ("",
                           judge(recover(recording.question), recording.allowedAfter(state.made)))
                     << repair.output;

@@ -7,7 +7,9 @@ import support
 from support import InitialisedTest
 
 
-class CheckTest(InitialisedTest):
+class TwoRecordsTest(InitialisedTest):
+    """A database with two records in settings, and ways to look at it."""
+
     @classmethod
     def fill(cls, folder):
         for name in ["a", "b"]:
@@ -32,6 +34,8 @@ class CheckTest(InitialisedTest):
         first = (self.settings / f"{name}.dsc").read_text().split("\n")[0]
         return self.settings / first.split(" ")[2]
 
+
+class CheckTest(TwoRecordsTest):
     def test_a_sound_database(self):
         self.assertEqual({}, self.findings())
         run = self.run_tool("check", "--deep")
@@ -63,8 +67,8 @@ class CheckTest(InitialisedTest):
     def test_tells_what_it_will_do(self):
         (self.settings / "deadbeef").write_text("x")
         self.assertIn("--repair", self.run_tool("check").text)
-        self.assertIn("./db/settings/deadbeef is a body file that no descriptor names; it will "
-                      "be deleted", self.run_tool("check", "--repair").message)
+        self.assertIn("./db/settings/deadbeef is a body file that no descriptor names, and will "
+                      "be moved to ./db.lost", self.run_tool("check", "--repair").message)
 
     def test_a_lone_saved_descriptor_is_put_back(self):
         (self.settings / "a.dsc").rename(self.settings / "a.dsc.$o$")
@@ -135,7 +139,7 @@ class CheckTest(InitialisedTest):
         name = self.body_of("a").name.encode()
         text = descriptor.read_bytes()
         descriptor.write_bytes(text.replace(name, name[:4] + b"\0lost\n" + name[4:], 1))
-        self.assertEqual({}, self.findings())
+        self.assertEqual({"settings/a.dsc": "damaged"}, self.findings(code=3))
         self.assertEqual(b"body of a", self.body("a"))
         self.assertIn(f"body in the file {name.decode()}", self.run_tool("dump", "a").text)
         descriptor.write_bytes(text + b"\0\n")
@@ -202,6 +206,194 @@ class CheckTest(InitialisedTest):
         (self.folder / "db").rename(self.folder / "old_db")
         self.assertEqual(b"body of a", self.body("a"))
         self.assert_sound()
+
+
+class LostTest(TwoRecordsTest):
+    """What a repair takes away is kept, and comes back."""
+
+    def lost(self):
+        return self.run_tool("check", "--json").document["lost"]
+
+    def test_a_repair_is_undone_byte_by_byte(self):
+        (self.settings / "deadbeef").write_text("the only copy")
+        (self.settings / "new.dsc.$n$").write_text("10000003 00000000 0000ab10\n")
+        (self.settings / "0000ab10").write_text("its body")
+        before = self.files()
+        self.repair()
+        self.assertNotIn("db/settings/deadbeef", self.files())
+        lost, = self.lost()
+        self.assertEqual({"settings/deadbeef", "settings/new.dsc.$n$", "settings/0000ab10"},
+                         {file["path"] for file in lost["files"]})
+        run = self.run_tool("check", "--undo", lost["name"])
+        self.assertIn("3 files put back", run.message)
+        self.assertEqual(before, self.files())
+        self.assertEqual([], self.lost())
+
+    def test_undoing_overwrites_nothing(self):
+        (self.settings / "deadbeef").write_text("first")
+        self.repair()
+        lost, = self.lost()
+        (self.settings / "deadbeef").write_text("second")
+        run = self.run_tool("check", "--undo", lost["name"], code=5)
+        self.assertIn("there is another ./db/settings/deadbeef", run.message)
+        self.assertEqual("second", (self.settings / "deadbeef").read_text())
+        self.assertEqual("first", (self.folder / lost["path"] / "settings/deadbeef").read_text())
+
+    def test_undoing_after_a_change_of_password_is_refused(self):
+        (self.settings / "deadbeef").write_text("x")
+        self.repair()
+        lost, = self.lost()
+        run = self.run_tool("passwd", *support.CHEAP, env={"FSTORE_NEW_PASSWORD": "new"})
+        self.assertIn(lost["path"], run.message)
+        message = self.fails(74, "no-digest", "check", "--undo", lost["name"])
+        self.assertIn("the password has changed since", message)
+        self.assertTrue((self.folder / lost["path"] / "settings/deadbeef").exists())
+
+    def test_what_lies_there_is_named_and_purged(self):
+        (self.settings / "deadbeef").write_text("x")
+        self.repair()
+        lost, = self.lost()
+        for command in ["info", "check"]:
+            self.assertIn(lost["path"], self.run_tool(command).text)
+        self.run_tool("backup", "b.tar")
+        self.run_tool("check", "--purge", lost["name"])
+        self.assertFalse((self.folder / "db.lost").exists())
+        self.run_tool("-D", "other", "restore", "b.tar")
+        self.assertEqual(["db"], [path.name for path in (self.folder / "other").iterdir()])
+
+    def test_names_that_are_none_are_refused(self):
+        for name in ["absent", "..", "../db", ""]:
+            with self.subTest(name=name):
+                self.fails(50, "missing", "check", "--undo", name)
+                self.fails(50, "missing", "check", "--purge", name)
+        self.fails(2, "usage", "check", "--undo", "x", "--repair")
+        self.assert_sound()
+
+
+class DoubtTest(TwoRecordsTest):
+    """A damaged descriptor: its body, and what else may be the only copy, stays."""
+
+    def damage(self, change):
+        path = self.settings / "a.dsc"
+        path.write_bytes(change(path.read_bytes()))
+        return path
+
+    def stays(self, body):
+        """Whatever check and its repair do, the body is there, and the database is not sound."""
+        contents = body.read_bytes()
+        self.findings(code=3)
+        self.repair(code=3)
+        self.assertEqual(contents, body.read_bytes())
+
+    def test_emptied(self):
+        body = self.body_of("a")
+        self.damage(lambda text: b"")
+        self.stays(body)
+
+    def test_filled_with_zeros(self):
+        body = self.body_of("a")
+        self.damage(lambda text: bytes(len(text)))
+        self.stays(body)
+
+    def test_cut_anywhere_in_the_reference(self):
+        body = self.body_of("a")
+        text = (self.settings / "a.dsc").read_bytes()
+        for size in range(0, text.index(b"\n") + 1, 3):
+            with self.subTest(size=size):
+                (self.settings / "a.dsc").write_bytes(text[:size])
+                self.stays(body)
+
+    def test_a_good_saved_descriptor_beside_a_damaged_one_stays(self):
+        shutil.copy(self.settings / "a.dsc", self.settings / "a.dsc.$o$")
+        self.damage(lambda text: b"nonsense\n" + text)
+        saved = (self.settings / "a.dsc.$o$").read_bytes()
+        self.stays(self.body_of("b"))
+        self.assertEqual(saved, (self.settings / "a.dsc.$o$").read_bytes())
+
+    def test_a_lone_unfinished_descriptor_is_kept_with_its_body(self):
+        (self.settings / "x.dsc.$n$").write_text("10000003 00000000 0000ab10\n")
+        (self.settings / "0000ab10").write_text("the only copy")
+        self.repair()
+        kept = [path.read_text() for path in (self.folder / "db.lost").rglob("0000ab10")]
+        self.assertEqual(["the only copy"], kept)
+
+    def test_an_acknowledged_removal_leaves_nothing(self):
+        (self.settings / "gone.dsc.$d$").write_text("10000003 00000000 0000ab30\n")
+        (self.settings / "0000ab30").write_text("a secret that was removed")
+        self.repair()
+        self.assertFalse((self.folder / "db.lost").exists())
+        self.assertFalse((self.settings / "0000ab30").exists())
+
+
+class SharedBodyTest(TwoRecordsTest):
+    """Two descriptors that name one body: neither command on one deletes the other's."""
+
+    def setUp(self):
+        super().setUp()
+        self.copy = "a.sync-conflict-20261121-120000-ABCDEFG"
+        shutil.copy(self.settings / "a.dsc", self.settings / f"{self.copy}.dsc")
+
+    def test_removing_one_keeps_the_other(self):
+        run = self.run_tool("rm", f"settings/{self.copy}")
+        self.assertIn("its body file stays: it is named by a.dsc too", run.message)
+        self.assertEqual(b"body of a", self.body("settings/a"))
+        self.assert_sound()
+
+    def test_overwriting_one_is_refused(self):
+        for command in (["put", f"settings/{self.copy}", "-"],
+                        ["set", f"settings/{self.copy}", "label=x"]):
+            run = self.run_tool(*command, stdin=b"new", code=59)
+            self.assertIn("is named by a.dsc too", run.message)
+        self.assertEqual(b"body of a", self.body("settings/a"))
+
+    def test_a_record_beside_an_unreadable_one_keeps_its_body(self):
+        (self.settings / f"{self.copy}.dsc").write_text("nonsense\n")
+        body = self.body_of("a")
+        run = self.run_tool("rm", "settings/a")
+        self.assertIn("which cannot be read", run.message)
+        self.assertTrue(body.exists())
+        self.findings(code=3)
+
+
+class LinkTest(TwoRecordsTest):
+    """Nothing outside of the database's folders is read, written or deleted."""
+
+    def setUp(self):
+        super().setUp()
+        self.outside = self.folder / "outside"
+        self.outside.mkdir()
+        (self.outside / "file").write_text("precious")
+
+    def intact(self):
+        self.assertEqual("precious", (self.outside / "file").read_text())
+
+    def test_a_link_in_the_place_of_a_copy(self):
+        for name in ["new_db", "old_db"]:
+            for command in (["put", "settings/c", "-"], ["check", "--repair"],
+                            ["passwd", *support.CHEAP]):
+                with self.subTest(name=name, command=command):
+                    (self.folder / name).symlink_to("outside")
+                    self.run_tool(*command, env={"FSTORE_NEW_PASSWORD": support.PASSWORD})
+                    self.intact()
+                    (self.folder / name).unlink(missing_ok=True)
+
+    def test_a_body_that_is_a_link_is_not_read(self):
+        body = self.body_of("a")
+        body.unlink()
+        body.symlink_to("../../outside/file")
+        run = self.run_tool("get", "settings/a", code=50)
+        self.assertEqual(b"", run.out)
+        self.run_tool("rm", "-f", "settings/a")
+        self.intact()
+
+    def test_a_database_that_is_a_link_is_refused(self):
+        (self.folder / "db").rename(self.folder / "elsewhere")
+        (self.folder / "db").symlink_to("elsewhere")
+        self.assertIn("is a link", self.fails(4, "invalid", "ls"))
+        (self.folder / "linked").symlink_to(".")
+        (self.folder / "db").unlink()
+        (self.folder / "elsewhere").rename(self.folder / "db")
+        self.run_tool("-D", "linked", "ls")
 
 
 if __name__ == "__main__":

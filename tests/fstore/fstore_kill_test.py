@@ -37,7 +37,7 @@ class Change(Workload):
 
 class ChangeKeepingOld(Change):
     args = ("passwd", *CHEAP, "--keep-old")
-    leftovers = {"previous"}
+    keeps = True
 
 
 class Init(Workload):

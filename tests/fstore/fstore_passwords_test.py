@@ -347,14 +347,35 @@ class ChangeTest(InitialisedTest):
     def test_keep_old_keeps_the_database_as_it_was(self):
         self.change("--keep-old")
         self.assertEqual(b"a", self.body("a", password="new"))
-        findings = self.run_tool("check", "--json", password=None).document["findings"]
-        self.assertEqual(["previous"], [finding["kind"] for finding in findings])
+        self.assertEqual([], self.run_tool("check", "--json",
+                                           password=None).document["findings"])
+        kept, = self.run_tool("info", "--json", password=None).document["kept"]
         (self.folder / "other").mkdir()
-        shutil.move(self.folder / "old_db", self.folder / "other/db")
+        shutil.move(self.folder / kept, self.folder / "other/db")
         # It was copied before the change was finished; its own password is in force.
         run = self.run_tool("-D", "other", "get", "a")
         self.assertEqual(b"a", run.out)
         self.run_tool("-D", "other", "check", "--deep")
+
+    def test_what_is_kept_stays_until_the_user_removes_it(self):
+        self.change("--keep-old")
+        kept, = self.run_tool("info", "--json", password=None).document["kept"]
+        before = support.FstoreTest.files(self)
+        self.change(new="third", password="new")
+        after = support.FstoreTest.files(self)
+        kept = kept.removeprefix("./")
+        self.assertEqual({name: data for name, data in before.items() if name.startswith(kept)},
+                         {name: data for name, data in after.items() if name.startswith(kept)})
+
+    def test_a_database_that_stands_aside_is_kept_and_not_deleted(self):
+        # As an older tool's --keep-old left it, or a restore that was broken off.
+        shutil.copytree(self.folder / "db", self.folder / "old_db")
+        run = self.change()
+        self.assertIn("kept as ./db-", run.message)
+        kept, = self.run_tool("info", "--json", password=None).document["kept"]
+        (self.folder / "other").mkdir()
+        shutil.move(self.folder / kept, self.folder / "other/db")
+        self.assertEqual(b"a", self.run_tool("-D", "other", "get", "a").out)
 
     def test_sources_of_the_new_password(self):
         path = self.write("new", "second\n")

@@ -302,10 +302,13 @@ TEST_F(DatabaseTest, AChangedPasswordIsInForceAtOnce) {
         }
         const Hold hold = database.enter(Access::kRead, Need::kSecrets);
         EXPECT_EQ(1, observer.asked);
-        EXPECT_THAT(observer.heard, ElementsAre("Checking", "Re-encrypting", "Verifying"));
+        EXPECT_THAT(observer.heard,
+                    ElementsAre("Checking", "Re-encrypting", "Verifying",
+                                testing::HasSubstr("the database before is kept as ./db-")));
         EXPECT_EQ(3, observer.ended);
     }
-    EXPECT_TRUE(folderState().previous);
+    EXPECT_FALSE(folderState().previous);
+    EXPECT_EQ(1u, keptDatabases().size());
     EXPECT_EQ("wrong-password", openedBy("one"));
     EXPECT_EQ("the body", openedBy("two"));
 }
@@ -364,9 +367,11 @@ TEST_F(DatabaseTest, ARepairIsANoteFirstAndInTheReport) {
     Database database({}, observer);
     const CheckReport report = checkDatabase(database, {.repair = true});
     EXPECT_THAT(observer.heard,
-                ElementsAre("note: ./db/crm is missing; it will be made",
+                ElementsAre("note: ./db/crm is missing, and will be made",
                             "note: ./db/settings/a.dsc.$n$ is left over from a write that was "
-                            "broken off; it will be deleted"));
+                            "broken off, and will be moved to ./db.lost",
+                            testing::HasSubstr("--undo")));
+    EXPECT_EQ(1u, report.lost.size());
     EXPECT_EQ(2u, report.repaired.size());
     EXPECT_TRUE(report.findings.empty());
     EXPECT_EQ(0, observer.asked);

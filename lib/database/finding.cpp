@@ -1,0 +1,80 @@
+#include "lib/database/finding.h"
+
+namespace fstore {
+
+using FindingKind = Finding::Kind;
+using Repair = Finding::Repair;
+
+const char* nameOf(FindingKind kind) {
+    switch (kind) {
+        case FindingKind::kUnnamedBody:
+            return "unnamed-body";
+        case FindingKind::kNewDescriptor:
+            return "new-descriptor";
+        case FindingKind::kSavedDescriptor:
+            return "saved-descriptor";
+        case FindingKind::kRemoved:
+            return "removed";
+        case FindingKind::kUnfinishedCopy:
+            return "unfinished-copy";
+        case FindingKind::kMissingFolder:
+            return "missing-folder";
+        case FindingKind::kDamaged:
+            return "damaged";
+        case FindingKind::kUnknownFile:
+            return "unknown-file";
+        case FindingKind::kMovedAside:
+            return "moved-aside";
+        case FindingKind::kUnfinishedChange:
+            return "unfinished-change";
+        case FindingKind::kPrevious:
+            break;
+    }
+    return "previous";
+}
+
+const char* nameOf(Repair repair) {
+    switch (repair) {
+        case Repair::kDelete:
+            return "delete";
+        case Repair::kMoveAway:
+            return "move-away";
+        case Repair::kPutBack:
+            return "put-back";
+        case Repair::kDropCopy:
+            return "drop-copy";
+        case Repair::kMakeFolder:
+            return "make-folder";
+        case Repair::kMoveBack:
+            return "move-back";
+        case Repair::kFinish:
+            return "finish";
+        case Repair::kNone:
+            break;
+    }
+    return "none";
+}
+
+const char* planOf(Repair repair) {
+    switch (repair) {
+        case Repair::kDelete:
+            return "will be deleted";
+        case Repair::kMoveAway:
+            return "will be moved to ./db.lost";
+        case Repair::kPutBack:
+            return "will be put back";
+        case Repair::kDropCopy:
+            return "will be removed with all it holds";
+        case Repair::kMakeFolder:
+            return "will be made";
+        case Repair::kMoveBack:
+            return "will be moved back";
+        case Repair::kFinish:
+            return "will be finished";
+        case Repair::kNone:
+            break;
+    }
+    return "";
+}
+
+}  // namespace fstore

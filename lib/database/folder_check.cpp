@@ -1,0 +1,334 @@
+#include "lib/database/folder_check.h"
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <set>
+#include <string_view>
+
+#include <fmt/format.h>
+
+#include "format/body_reference.h"
+#include "format/dsc_text.h"
+#include "format/record_name.h"
+#include "lib/base/error.h"
+#include "lib/base/files.h"
+#include "lib/records/descriptor.h"
+#include "lib/records/record.h"
+
+namespace fstore {
+namespace {
+
+using FindingKind = Finding::Kind;
+using Repair = Finding::Repair;
+
+constexpr std::uint64_t kMostBytes = 1U << 30;  // of a descriptor
+
+// A file that can name a body: a descriptor under its own name, or with a marker behind it.
+struct Namer {
+    std::string file;
+    std::string_view marker;          // kDscSuffix for the descriptor itself
+    std::optional<std::string> body;  // that it names
+    std::set<std::string> mentioned;  // bodies of the folder whose names stand elsewhere in it
+    std::string fault;                // why its text is not what the store wrote; or empty
+    Repair repair = Repair::kNone;
+    bool stays = true;
+
+    Namer(std::string name, std::string_view itsMarker)
+        : file(std::move(name)), marker(itsMarker) {}
+
+    bool isSound() const { return fault.empty(); }
+};
+
+// What the store writes, it reads and writes again the same; and the reference to the body has
+// the flags for it, and no others. A comment is nobody's fault.
+bool isAsWritten(const DescriptorLine& line) {
+    if (line.form != DescriptorLine::Form::kAttribute) {
+        return line.form == DescriptorLine::Form::kSkipped;
+    }
+    constexpr unsigned int kReference = kFlagBody | kTypeString;
+    if (isBodyReference(line.type, line.id) && line.type != kReference &&
+        line.type != (kReference | kFlagEncrypted)) {
+        return false;
+    }
+    std::string text;
+    return printDscLine({line.type, line.id, line.value}, text) == kOk && text == line.text;
+}
+
+std::string faultOf(std::string_view text, const std::vector<DescriptorLine>& lines) {
+    if (text.empty()) {
+        return "is empty";
+    }
+    if (text.find('\0') != std::string_view::npos) {
+        return "has zero bytes in it";
+    }
+    if (text.back() != '\n') {
+        return "ends in the midst of a line";
+    }
+    const auto odd = std::ranges::find_if_not(lines, isAsWritten);
+    return odd == lines.end()
+               ? std::string()
+               : fmt::format("has a line that the store would not have written: line {}",
+                             odd - lines.begin() + 1);
+}
+
+class FolderCheck {
+public:
+    FolderCheck(std::string folder, std::vector<Finding>& findings)
+        : folder_(std::move(folder)), path_(folderPath(folder_)), findings_(findings) {}
+
+    void run() {
+        list();
+        for (Namer& namer : namers_) {
+            examineText(namer);
+        }
+        for (Namer& namer : namers_) {
+            decide(namer);
+        }
+        for (Namer& namer : namers_) {
+            if (namer.stays) {
+                examineStaying(namer);
+            }
+        }
+        for (Namer& namer : namers_) {
+            if (!namer.stays) {
+                examineLeaving(namer);
+            }
+        }
+        for (const std::string& body : bodies_) {
+            examineBody(body);
+        }
+    }
+
+private:
+    void list() {
+        for (const FolderEntry& entry : listFolder(path_)) {
+            if (entry.type == FolderEntry::Type::kFolder) {
+                continue;
+            }
+            const std::string_view marker = markerOf(entry.name);
+            if (entry.type == FolderEntry::Type::kOther) {
+                add(FindingKind::kUnknownFile, entry.name, "is neither a file nor a folder");
+            } else if (!marker.empty()) {
+                namers_.emplace_back(entry.name, marker);
+            } else {
+                bodies_.insert(entry.name);
+            }
+        }
+    }
+
+    static std::string_view markerOf(std::string_view name) {
+        for (const std::string_view marker : {kDscSuffix, kNewMarker, kOldMarker, kDeletedMarker}) {
+            if (hasMarker(name, marker)) {
+                return marker;
+            }
+        }
+        return {};
+    }
+
+    void examineText(Namer& namer) {
+        try {
+            const SecretBytes bytes = InputFile(joined(path_, namer.file)).readAll(kMostBytes);
+            const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+            const std::vector<DescriptorLine> lines = parseDescriptor(text);
+            namer.body = bodyNameOf(lines);
+            namer.fault = faultOf(text, lines);
+            noteMentions(lines, namer);
+        } catch (const Failure& failure) {
+            namer.fault = fmt::format("cannot be read: {}", failure.what());
+        }
+    }
+
+    // A damaged reference may still show the name of its body: as the data of another kind of
+    // line, or in one that is no data at all.
+    void noteMentions(const std::vector<DescriptorLine>& lines, Namer& namer) const {
+        constexpr std::string_view kBetween = " \t\r\v\f";
+        for (const DescriptorLine& line : lines) {
+            std::string_view text = line.hasNumbers() ? line.data : line.text;
+            while (!text.empty()) {
+                const std::size_t end = std::min(text.find_first_of(kBetween), text.size());
+                if (const std::string word(text.substr(0, end));
+                    word != namer.body && bodies_.contains(word)) {
+                    namer.mentioned.insert(word);
+                }
+                text.remove_prefix(std::min(end + 1, text.size()));
+            }
+        }
+    }
+
+    const Namer* find(std::string_view file) const {
+        const auto found = std::ranges::find(namers_, file, &Namer::file);
+        return found == namers_.end() ? nullptr : &*found;
+    }
+
+    // What becomes of the file, as far as its name and its own text say.
+    void decide(Namer& namer) {
+        if (namer.marker == kDscSuffix) {
+            return;
+        }
+        namer.stays = false;
+        namer.repair = Repair::kMoveAway;
+        if (namer.marker == kDeletedMarker && namer.isSound()) {
+            namer.repair = Repair::kDelete;  // the removal was acknowledged
+        }
+        if (namer.marker == kOldMarker) {
+            decideSaved(namer);
+        }
+    }
+
+    void decideSaved(Namer& namer) {
+        const Namer* const current = find(withoutMarker(namer.file, kOldMarker));
+        if (current == nullptr) {
+            namer.stays = true;
+            namer.repair = Repair::kPutBack;
+        } else if (!isReadable(*current)) {
+            namer.stays = true;
+        } else if (namer.isSound()) {
+            namer.repair = Repair::kDelete;  // the replacement was acknowledged
+        }
+    }
+
+    // The record as the store reads it.
+    std::optional<Record> read(const Namer& namer, std::string& reason) const {
+        try {
+            return Record::read({folder_, std::string(withoutMarker(namer.file, kDscSuffix))});
+        } catch (const Failure& failure) {
+            reason = failure.what();
+            return std::nullopt;
+        }
+    }
+
+    bool isReadable(const Namer& current) const {
+        std::string ignored;
+        return current.isSound() && read(current, ignored);
+    }
+
+    void examineStaying(Namer& namer) {
+        mentioned_.insert(namer.mentioned.begin(), namer.mentioned.end());
+        if (namer.marker == kDscSuffix) {
+            examineDescriptor(namer);
+        } else if (namer.repair == Repair::kPutBack) {
+            add(FindingKind::kSavedDescriptor, namer.file,
+                "is the state before a write that was broken off", namer.repair);
+        } else {
+            addDoubtful(FindingKind::kSavedDescriptor, namer.file,
+                        "is the state before the last write of a record that is damaged now");
+        }
+        if (namer.body && !owners_.emplace(*namer.body, namer.file).second) {
+            damaged(namer, fmt::format("names the same body file as {}", owners_[*namer.body]));
+        }
+    }
+
+    void examineDescriptor(const Namer& namer) {
+        std::string reason;
+        const std::optional<Record> record = read(namer, reason);
+        if (namer.body && !isBodyName(*namer.body)) {
+            damaged(namer, fmt::format("names {} as its body file, and no body can have that name",
+                                       *namer.body));
+        } else if (namer.body && !bodies_.contains(*namer.body)) {
+            damaged(namer, fmt::format("names the body file {}, which is missing", *namer.body));
+        } else if (!namer.isSound()) {
+            damaged(namer, namer.fault);
+        } else if (!record) {
+            damaged(namer, reason);
+        } else if (isReferenceOfSecret(*record)) {
+            damaged(namer, "names a body as plain, though the body's SHA-256 is kept encrypted");
+        } else if (!isBodyAsSaid(*record)) {
+            damaged(namer, "names a body that is not the one that its SHA-256 was taken of");
+        }
+    }
+
+    // Nobody encrypts the digest of what everybody can read.
+    static bool isReferenceOfSecret(const Record& record) {
+        bool isSecret = false;
+        for (unsigned int i = 0; i < record.count(); ++i) {
+            isSecret = isSecret || (record.id(i) == attr::kSha256 && record.isEncrypted(i));
+        }
+        return isSecret && record.hasBody() && !record.isBodyEncrypted();
+    }
+
+    // As far as it can be told without the key: a plain body is the one that its SHA-256 was taken
+    // of, and an encrypted one is not.
+    static bool isBodyAsSaid(const Record& record) {
+        const auto digest = record.binary(attr::kSha256);
+        if (!digest || !record.hasBody()) {
+            return true;
+        }
+        return (*digest == sha256(record.body())) != record.isBodyEncrypted();
+    }
+
+    void examineLeaving(const Namer& namer) {
+        const char* const message =
+            namer.marker == kNewMarker       ? "is left over from a write that was broken off"
+            : namer.marker == kDeletedMarker ? "is left over from a removal that was broken off"
+                                             : "is the state before a write that was finished";
+        const FindingKind kind = namer.marker == kNewMarker       ? FindingKind::kNewDescriptor
+                                 : namer.marker == kDeletedMarker ? FindingKind::kRemoved
+                                                                  : FindingKind::kSavedDescriptor;
+        if (isInDoubt_ && namer.body && !owners_.contains(*namer.body)) {
+            // Its body may be that of the damaged record, and would have no name any more.
+            addDoubtful(kind, namer.file,
+                        std::string(message) + ", and stays while a record here is damaged");
+            owners_.emplace(*namer.body, namer.file);
+            return;
+        }
+        add(kind, namer.file, message, namer.repair);
+        if (namer.body) {
+            const auto [entry, isFirst] = leaving_.emplace(*namer.body, namer.repair);
+            if (!isFirst && namer.repair == Repair::kMoveAway) {
+                entry->second = namer.repair;  // one that keeps it is enough
+            }
+        }
+    }
+
+    void examineBody(const std::string& body) {
+        if (owners_.contains(body)) {
+            return;
+        }
+        if (const auto found = leaving_.find(body); found != leaving_.end()) {
+            add(FindingKind::kUnnamedBody, body, "is the body of what is left over", found->second);
+        } else if (!isUniqueName(body)) {
+            add(FindingKind::kUnknownFile, body, "is no file of the store");
+        } else if (isInDoubt_ || mentioned_.contains(body)) {
+            addDoubtful(FindingKind::kUnnamedBody, body,
+                        "is named by no descriptor that can be read, and may belong to a damaged "
+                        "one");
+        } else {
+            add(FindingKind::kUnnamedBody, body, "is a body file that no descriptor names",
+                Repair::kMoveAway);
+        }
+    }
+
+    void damaged(const Namer& namer, const std::string& message) {
+        isInDoubt_ = true;
+        add(FindingKind::kDamaged, namer.file, message);
+    }
+
+    void add(FindingKind kind, const std::string& name, const std::string& message,
+             Repair repair = Repair::kNone) {
+        findings_.push_back({kind, joined(path_, name), message, repair});
+    }
+
+    void addDoubtful(FindingKind kind, const std::string& name, const std::string& message) {
+        add(kind, name, message);
+        findings_.back().isDoubtful = true;
+    }
+
+    std::string folder_;
+    std::string path_;
+    std::vector<Finding>& findings_;
+    std::vector<Namer> namers_;
+    std::set<std::string> bodies_;               // what a descriptor could name, whatever its name
+    std::map<std::string, std::string> owners_;  // body: the first file that stays and names it
+    std::map<std::string, Repair> leaving_;      // body: what becomes of the files that name it
+    std::set<std::string> mentioned_;            // bodies, by files that stay
+    bool isInDoubt_ = false;  // a descriptor that stays may name a body that is not in owners_
+};
+
+}  // namespace
+
+void checkFolder(const std::string& folder, std::vector<Finding>& findings) {
+    FolderCheck(folder, findings).run();
+}
+
+}  // namespace fstore
