@@ -6,7 +6,7 @@
 
 #include <openssl/x509.h>
 
-#include "lib/pki/decode.h"
+#include "lib/pki/part.h"
 
 namespace fstore {
 

@@ -6,7 +6,7 @@
 #include <span>
 #include <vector>
 
-#include "lib/pki/decode.h"
+#include "lib/pki/part.h"
 #include "lib/pki/password.h"
 
 namespace fstore {
