@@ -11,5 +11,5 @@ int main(int argc, char** argv) {
     os::installSignalHandlers();
     fstore::Cli cli;
     fstore::addCommands(cli);
-    return cli.main(argc, argv);
+    return cli.execute(argc, argv);
 }

@@ -1,6 +1,5 @@
 // Any descriptor file: what a record reads is what a loop of fgets() would find line
 // by line, and what it has read it writes in a form that reads the same.
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -23,9 +22,22 @@ void require(bool holds) {
     }
 }
 
-// A file without a name, to be filled anew.
+// A file in memory where there is such a place, to be filled anew. It has a name of its own:
+// records read no file through a link, and those of /proc/self/fd are links.
 class Scratch {
 public:
+    Scratch() : path_(::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") {
+        path_ += "/dsc_file_fuzz-XXXXXX";
+        fd_ = ::mkstemp(path_.data());
+        require(fd_ >= 0);
+    }
+    Scratch(const Scratch&) = delete;
+    Scratch& operator=(const Scratch&) = delete;
+    ~Scratch() {
+        (void)::unlink(path_.c_str());
+        (void)::close(fd_);
+    }
+
     void fill(const void* data, std::size_t size) const {
         require(::ftruncate(fd_, 0) == 0);
         require(::pwrite(fd_, data, size, 0) == static_cast<ssize_t>(size));
@@ -33,8 +45,8 @@ public:
     const char* path() const { return path_.c_str(); }
 
 private:
-    int fd_ = ::memfd_create("descriptor", MFD_CLOEXEC);
-    std::string path_ = "/proc/self/fd/" + std::to_string(fd_);
+    std::string path_;
+    int fd_ = -1;
 };
 
 // The next line as a loop of fgets() reads it, into a buffer that grows by 1024 bytes

@@ -180,7 +180,7 @@ Command& Cli::add(std::string name, std::string description, Run run) {
     return commands_.emplace_back(std::move(name), std::move(description), std::move(run));
 }
 
-int Cli::main(int argc, const char* const* argv) {
+int Cli::execute(int argc, const char* const* argv) {
     CLI::App app(program_.description(), program_.name());
     declare(app, *this);
     try {

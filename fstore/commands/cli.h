@@ -43,7 +43,7 @@ public:
     Command& add(std::string name, std::string description, Run run);
 
     // Runs the command that the arguments name, and tells its failure; the exit code.
-    int main(int argc, const char* const* argv);
+    int execute(int argc, const char* const* argv);
 
     // The program's own options, and its commands.
     const Command& program() const noexcept { return program_; }

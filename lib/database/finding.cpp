@@ -1,5 +1,7 @@
 #include "lib/database/finding.h"
 
+#include "format/layout.h"
+
 namespace fstore {
 
 using FindingKind = Finding::Kind;
@@ -55,12 +57,12 @@ const char* nameOf(Repair repair) {
     return "none";
 }
 
-const char* planOf(Repair repair) {
+std::string planOf(Repair repair) {
     switch (repair) {
         case Repair::kDelete:
             return "will be deleted";
         case Repair::kMoveAway:
-            return "will be moved to ./db.lost";
+            return std::string("will be moved to ") + layout::kLost;
         case Repair::kPutBack:
             return "will be put back";
         case Repair::kDropCopy:

@@ -51,7 +51,7 @@ const char* nameOf(Finding::Kind kind);
 const char* nameOf(Finding::Repair repair);
 
 // What a repair does, in a sentence about the file: "will be deleted". Empty for kNone.
-const char* planOf(Finding::Repair repair);
+std::string planOf(Finding::Repair repair);
 
 }  // namespace fstore
 

@@ -17,9 +17,6 @@ PRODUCT = ["os", "cmn", "api", "client", "store", "service", "host", "lib", "fst
 EXCEPTIONS = {
     ("lib/records/record_info.cpp", "key"): "the kind of a record, in the words of users",
     ("fstore/commands/info.cpp", "old_db     is there, with the password before"): "for users",
-    ("fstore/commands/passwd.cpp", "; ./old_db still opens with the one before"): "for users",
-    ("fstore/commands/passwd.cpp",
-     "Leave the database as it was, with the old password, in ./old_db"): "for users",
     ("lib/database/lost.cpp", "key"): "a word of a plan",
     ("fstore/commands/export.cpp", "key"): "a name in JSON",
     ("fstore/commands/export.cpp", "certificates"): "a name in JSON",

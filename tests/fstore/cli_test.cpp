@@ -25,7 +25,7 @@ Ending endOf(Body body, const char* option) {
     const char* const argv[] = {"fstore", "probe", option};
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
-    const int code = cli.main(3, argv);
+    const int code = cli.execute(3, argv);
     return {code, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
 }
 
