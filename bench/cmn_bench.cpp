@@ -1,6 +1,9 @@
 // What do holders, locks, calls and the registry cost while nobody is in the way,
 // and do they stay as cheap when there is much of everything?
+#include <algorithm>
+#include <cstddef>
 #include <memory>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -82,7 +85,7 @@ void attachDetachRatio(benchmark::State& state) {
     state.counters["ratio"] = ratio;
 }
 
-// Detaching looks for the holder from the newest on.
+// Detaching looks for the holder from the newest on, and in a long list in an index.
 void attachDetachAmongMany(benchmark::State& state) {
     const BenchHolder kept(new BenchObject);
     const std::vector<BenchHolder> others(static_cast<std::size_t>(state.range(0)) - 1, kept);
@@ -104,6 +107,37 @@ void detachOldestAndAttach(benchmark::State& state) {
         kept.get()->addReference(&holders[oldest]);
         oldest = (oldest + 1) % holders.size();
     }
+}
+
+enum class Order { kOldestFirst, kNewestFirst, kRandom };
+
+// So many holders leave one object. The price of one of them should be the same however
+// many they are.
+void leave(benchmark::State& state, Order order) {
+    const BenchHolder kept(new BenchObject);
+    std::vector<BenchHolder> holders(static_cast<std::size_t>(state.range(0)));
+    std::vector<BenchHolder*> turns;
+    for (BenchHolder& holder : holders) {
+        turns.push_back(&holder);
+    }
+    if (order == Order::kNewestFirst) {
+        std::reverse(turns.begin(), turns.end());
+    } else if (order == Order::kRandom) {
+        std::shuffle(turns.begin(), turns.end(), std::minstd_rand(1));
+    }
+    for ([[maybe_unused]] auto _ : state) {
+        state.PauseTiming();
+        for (BenchHolder& holder : holders) {
+            holder = kept;
+        }
+        state.ResumeTiming();
+        for (BenchHolder* const holder : turns) {
+            *holder = nullptr;
+        }
+    }
+    const auto left = static_cast<double>(state.iterations() * state.range(0));
+    state.counters["each"] =
+        benchmark::Counter(left, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 // --- calls
@@ -144,6 +178,9 @@ BENCHMARK(attachDetachRatio)->Unit(benchmark::kMillisecond);
 BENCHMARK(holderOfGuardedObject);
 BENCHMARK(attachDetachAmongMany)->Arg(1)->Arg(100)->Arg(10000);
 BENCHMARK(detachOldestAndAttach)->Arg(1)->Arg(100)->Arg(10000);
+BENCHMARK_CAPTURE(leave, oldestFirst, Order::kOldestFirst)->Arg(1000)->Arg(100000)->Arg(1000000);
+BENCHMARK_CAPTURE(leave, newestFirst, Order::kNewestFirst)->Arg(1000)->Arg(100000)->Arg(1000000);
+BENCHMARK_CAPTURE(leave, random, Order::kRandom)->Arg(1000)->Arg(100000)->Arg(1000000);
 BENCHMARK(directCall);
 BENCHMARK(forwardedCall);
 BENCHMARK(registerAmongMany)->Arg(0)->Arg(1000)->Arg(100000);

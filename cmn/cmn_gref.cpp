@@ -1,5 +1,7 @@
 #include "cmn/cmn_gref.h"
 
+#include <utility>
+
 #include <sched.h>
 
 #include "cmn/cmn_obj_mgr.h"
@@ -37,12 +39,14 @@ CMN_GuardedRef::~CMN_GuardedRef() {
     pObjMgr->removeObj(this);
 }
 
+// In this order, or a guard of which this object has the last reference is gone when it
+// is given again.
 void CMN_GuardedRef::setGuard(CMN_Guard* g) {
-    if (guard != nullptr) {
-        guard->remReference();
+    g->addReference();
+    CMN_Guard* const before = std::exchange(guard, g);
+    if (before != nullptr) {
+        before->remReference();
     }
-    guard = g;
-    guard->addReference();
 }
 
 namespace {
@@ -77,24 +81,66 @@ void CMN_GuardedRef::addReference(CMN_GRPHolder* holder) {
 
 bool CMN_GuardedRef::passReference(const CMN_GRPHolder* from, CMN_GRPHolder* to) noexcept {
     const CMN_Entered entered(holderMutex);
-    sitem<CMN_GRPHolder>* const node = holders.find(from);
+    sitem<CMN_GRPHolder>* const node = listed(from);
     if (node == nullptr) {
         return false;
     }
-    node->value = to;
+    const bool isLong = holders.size() >= CMN_HolderList::kNear;
+    if (CMN_HolderList* const made = isLong ? CMN_HolderList::of(holders) : nullptr) {
+        made->rename(node, to);
+    } else {
+        node->value = to;
+    }
     return true;
+}
+
+void CMN_GuardedRef::renewReference(CMN_GRPHolder* holder) {
+    {
+        const CMN_Entered entered(holderMutex);
+        if (sitem<CMN_GRPHolder>* const node = listed(holder)) {
+            holders.push_front(holder);
+            unlist(node);
+            return;
+        }
+    }
+    addReference(holder);
 }
 
 int CMN_GuardedRef::remReference(CMN_GRPHolder* holder) {
     {
         const CMN_Entered entered(holderMutex);
-        sitem<CMN_GRPHolder>* const node = holders.find(holder);
+        sitem<CMN_GRPHolder>* const node = listed(holder);
         if (node == nullptr) {
             return references();
         }
-        holders.eraseitem(node);
+        unlist(node);
     }
     return drop();
+}
+
+// The newest node that holds `holder`, or null. Most lists are short, and most of those
+// who leave a long one have come late.
+sitem<CMN_GRPHolder>* CMN_GuardedRef::listed(const CMN_GRPHolder* holder) {
+    auto* node = holders.first();
+    for (int i = 0; i != CMN_HolderList::kNear; ++i) {
+        if (node == nullptr || node->value == holder) {
+            return node;
+        }
+        node = node->next;
+    }
+    if (node == nullptr) {
+        return nullptr;
+    }
+    CMN_HolderList* const made = CMN_HolderList::of(holders);
+    return made != nullptr ? made->newest(holder) : HolderList::find(holder, node);
+}
+
+void CMN_GuardedRef::unlist(sitem<CMN_GRPHolder>* node) {
+    CMN_HolderList::asMade(holders).eraseitem(node);
+}
+
+void CMN_GuardedRef::detachAll() {
+    pObjMgr->detachAll(*this);
 }
 
 // Each redirected holder leaves `list`, hence the snapshot; pushing to its front

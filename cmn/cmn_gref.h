@@ -11,11 +11,11 @@
 #define CMN_CMN_GREF_H
 
 #include <atomic>
-#include <utility>
 
 #include "cmn/cmn_ref.h"
 #include "cmn/cmn_rmutex.h"
 #include "cmn/export.h"
+#include "cmn/holder_list.h"
 #include "cmn/host_mgr.h"
 #include "cmn/id_type.h"
 #include "cmn/status.h"
@@ -71,64 +71,6 @@ protected:
     std::atomic<CMN_Guard*> guard{nullptr};
 };
 
-template <class T>
-struct sitem {
-    sitem* next;
-    sitem** prevLink;  // the link that points here: the list's head or the previous node's
-    T* value;          // not owned
-};
-
-// A singly linked list with back-links, newest first. It owns its nodes only.
-template <class T>
-class slist {
-public:
-    slist() = default;
-    slist(const slist&) = delete;
-    slist& operator=(const slist&) = delete;
-    ~slist() {
-        while (head != nullptr) {
-            delete std::exchange(head, head->next);
-        }
-    }
-
-    virtual void push_front(T* value) {
-        head = new sitem<T>{head, &head, value};
-        if (head->next != nullptr) {
-            head->next->prevLink = &head->next;
-        }
-        ++count;
-    }
-
-    // Unlinks and frees a node of this list; null is ignored.
-    virtual void eraseitem(sitem<T>* node) {
-        if (node == nullptr) {
-            return;
-        }
-        *node->prevLink = node->next;
-        if (node->next != nullptr) {
-            node->next->prevLink = node->prevLink;
-        }
-        delete node;
-        --count;
-    }
-
-    sitem<T>* first() const noexcept { return head; }
-    int size() const noexcept { return count; }
-
-    // The newest node that holds `value`, or null.
-    sitem<T>* find(const T* value) const noexcept {
-        sitem<T>* node = head;
-        while (node != nullptr && node->value != value) {
-            node = node->next;
-        }
-        return node;
-    }
-
-private:
-    sitem<T>* head = nullptr;
-    int count = 0;
-};
-
 // Base of every object that modules share. Objects are made with `new`, register
 // themselves with their module's object manager, and delete themselves when the
 // last holder lets go.
@@ -150,7 +92,7 @@ public:
     unsigned int getType() const noexcept { return type; }
     void setType(unsigned int objectType) noexcept { type = objectType; }
     CMN_Guard* getGuard() const noexcept { return guard; }
-    void setGuard(CMN_Guard* g);  // not null
+    void setGuard(CMN_Guard* g);  // not null; it may be the one that the object has
 
     // The holders, newest first; look at them under the holder lock only.
     HolderList& _getHolders() noexcept { return holders; }
@@ -173,6 +115,11 @@ public:
     // nothing changed, when `from` is not listed.
     CMN_HIDDEN bool passReference(const CMN_GRPHolder* from, CMN_GRPHolder* to) noexcept;
 
+    // Makes the newest reference by `holder` the newest of all, as if it was taken back and
+    // added again; one that is not listed is added. Without memory it throws
+    // std::bad_alloc and changes nothing.
+    CMN_HIDDEN void renewReference(CMN_GRPHolder* holder);
+
     // Redirects to this object, oldest first, all holders of the object whose list
     // this is. The caller holds that object's holder lock.
     void updateHolders(HolderList& list) { redirectHolders(this, list); }
@@ -182,12 +129,21 @@ public:
     static void redirectHolders(CMN_GuardedRef* to, HolderList& list,
                                 const CMN_GRPHolder* spared = nullptr);
 
+protected:
+    // Detaches every holder. For the destructor of an object that its owner deletes
+    // although it is held. No call is in progress, and the destructor has taken a
+    // reference, so that the last holder to let go does not delete the object again.
+    CMN_HIDDEN void detachAll();
+
 private:
-    friend class CMN_ObjectManager;  // for the two links
+    friend class CMN_ObjectManager;  // for the two links, and for holders that do not let go
+
+    CMN_HIDDEN sitem<CMN_GRPHolder>* listed(const CMN_GRPHolder* holder);
+    CMN_HIDDEN void unlist(sitem<CMN_GRPHolder>* node);
 
     unsigned int type;
-    HolderList holders;  // under holderMutex
-    CMN_Guard* guard;    // shared; one reference is held on it
+    CMN_HolderList holders;  // under holderMutex
+    CMN_Guard* guard;        // shared; one reference is held on it
     CMN_RecursiveMutex holderMutex{""};
     CMN_GuardedRef** prevLink = nullptr;  // under the manager's lock, as is `next`
     CMN_GuardedRef* next = nullptr;
@@ -200,6 +156,16 @@ private:
 // it, meanwhile. The object that a holder is copied from or assigned must stay until
 // that is done, and a holder must not be redirected while it is assigned to: only calls
 // and destruction raise the guard that a redirection waits for.
+//
+// An assignment lets go of the object, releases its module if it is replaced by nothing
+// and a release is owed, and then attaches the new object. To be safe for other threads
+// that call meanwhile, and for the object, three things differ from that order:
+// - A holder that is emptied shows nothing before it lets go, not only at the end: nobody
+//   finds an object in it that may be gone, or whose module was released.
+// - A holder that is empty already releases no module when it is emptied: it owes none,
+//   and the host would take the release for that of another holder.
+// - A holder that is assigned the object that it holds does not let go of it in between,
+//   which could destroy it. It becomes the newest holder, with the object's current guard.
 template <class T>
 class CMN_GRefPtr final : public CMN_GRPHolder {
 public:
@@ -227,20 +193,17 @@ public:
     }
     CMN_GRefPtr& operator=(T* object) {
         T* const held = get();
-        if (held == object) {
-            return *this;  // letting go first could destroy what is to be kept
-        }
-        if (held != nullptr) {
-            if (object == nullptr) {
-                // No other thread may find the object here once its module is released.
-                pointee.store(nullptr, std::memory_order_release);
+        if (object == nullptr) {
+            empty(held);
+        } else if (held == object) {
+            object->renewReference(this);
+            guard.store(object->getGuard(), std::memory_order_release);
+        } else {
+            if (held != nullptr) {
+                held->remReference(this);
             }
-            held->remReference(this);
-            if (object == nullptr) {
-                releaseModule();
-            }
+            attach(object);
         }
-        attach(object);
         return *this;
     }
 
@@ -249,13 +212,15 @@ public:
     // module. Memory is needed, and std::bad_alloc possible, only when the object was
     // replaced meanwhile.
     void takeOver(CMN_GRefPtr& other) {
-        T* const object = other.get();
-        if (get() == object) {
+        if (this == &other) {
             return;
         }
-        if (object == nullptr || get() != nullptr) {
-            *this = nullptr;
+        T* const object = other.get();
+        if (object != nullptr && object == get()) {
+            other = nullptr;
+            return;
         }
+        *this = nullptr;
         if (object == nullptr) {
             return;
         }
@@ -331,6 +296,15 @@ private:
         unlessListed.holder = nullptr;
     }
 
+    // Lets go of `held`, which this holds; does nothing for null.
+    void empty(T* held) {
+        if (held != nullptr) {
+            pointee.store(nullptr, std::memory_order_release);
+            held->remReference(this);
+            releaseModule();
+        }
+    }
+
     // For an empty holder. Whoever sees the object also sees its guard; and once the holder
     // is listed it may be redirected, so that comes last.
     void attach(T* object) {
@@ -374,6 +348,10 @@ public:
 
     // Lets go and frees this holder.
     virtual void die();
+
+    // Lets go without raising the guard, and holds nothing. For who has the lock of the
+    // object's registry, which keeps redirections away: a guard's mutex comes before it.
+    void letGo() { pin.replacePointee(nullptr); }
 
     // As die(), ignoring null.
     static void die(DummyHolder* holder);

@@ -51,8 +51,8 @@ void letOthersRun() {
 // ever.
 class CMN_HIDDEN CMN_ObjectManager::Settled {
 public:
-    explicit Settled(CMN_ObjectManager& registry) CMN_NO_TSA : lock_(*registry.lock) {
-        lock_.enter();
+    explicit Settled(CMN_ObjectManager& registry) CMN_NO_TSA : lock_(*registry.lock),
+                                                               entered_(lock_) {
         std::vector<const CMN_GuardedRef*> unheld;
         for (const CMN_GuardedRef* obj = registry.head; obj != nullptr; obj = obj->next) {
             if (obj->references() == 0) {
@@ -69,7 +69,7 @@ public:
     }
     Settled(const Settled&) = delete;
     Settled& operator=(const Settled&) = delete;
-    ~Settled() CMN_NO_TSA { lock_.exit(); }
+    ~Settled() = default;
 
     // `obj`, or the first after it that has a reference. Those that have none entered
     // while others were waited for, as if after the walk.
@@ -91,6 +91,7 @@ private:
     }
 
     CMN_RecursiveMutex& lock_;
+    const CMN_Entered entered_;
 };
 
 // Only the first object matters here, so a long list is not looked through.
@@ -119,6 +120,30 @@ struct EndPin {
     void operator()(DummyHolder* pin) const { pin->die(); }
 };
 
+// A successor, kept until its holders have come over. One that nobody holds then goes.
+class Kept {
+public:
+    Kept() = default;
+    Kept(const Kept&) = delete;
+    Kept& operator=(const Kept&) = delete;
+    ~Kept() {
+        if (object_ != nullptr) {
+            object_->CMN_Reference::remReference();
+        }
+    }
+
+    void keep(CMN_GuardedRef* object) {
+        if (object != nullptr) {
+            object->CMN_Reference::addReference();
+        }
+        object_ = object;
+    }
+    CMN_GuardedRef* object() const noexcept { return object_; }
+
+private:
+    CMN_GuardedRef* object_ = nullptr;
+};
+
 }  // namespace
 
 void CMN_ObjectManager::giveUp(Successor make) {
@@ -130,16 +155,17 @@ void CMN_ObjectManager::giveUp(Successor make) {
 }
 
 // Redirects the holders of an object of this registry, unless a call or a release is
-// in progress. The registry's lock comes before the guard's mutex, as in the walks.
-// The pin stays: with the last reference the object would go while its own lock is
-// held. What nothing but the pin holds gets no successor, for nobody would keep it.
+// in progress. The guard's mutex comes before every other lock here: a factory may need
+// any of them. The pin stays: with the last reference the object would go while its own
+// lock is held. What nothing but the pin holds gets no successor, for nobody would keep
+// it.
 bool CMN_ObjectManager::handOver(const DummyHolder& pinned, Successor make) {
     CMN_GuardedRef& obj = *pinned.object();
     CMN_Guard* const guard = obj.getGuard();
     if (guard != nullptr && guard->calls() != 0) {
         return false;
     }
-    const CMN_Entered entered(*lock);
+    Kept successor;  // let go of when the locks are free
     std::unique_lock<CMN_Mutex> callsWait;
     if (guard != nullptr) {
         callsWait = std::unique_lock<CMN_Mutex>(*guard);
@@ -147,12 +173,20 @@ bool CMN_ObjectManager::handOver(const DummyHolder& pinned, Successor make) {
             return false;
         }
     }
-    const CMN_Entered holdersStay(obj.holderMutex);
-    if (obj.holders.size() > 1) {
-        CMN_GuardedRef* const successor = make(obj.getType(), obj);
-        CMN_GuardedRef::redirectHolders(successor, obj.holders, pinned.holder());
+    if (!isHeldBeside(obj)) {
+        return true;
     }
+    successor.keep(make(obj.getType(), obj));
+    const CMN_Entered entered(*lock);
+    const CMN_Entered holdersStay(obj.holderMutex);
+    CMN_GuardedRef::redirectHolders(successor.object(), obj.holders, pinned.holder());
     return true;
+}
+
+// Whether someone has the object besides the pin on it.
+bool CMN_ObjectManager::isHeldBeside(CMN_GuardedRef& pinned) {
+    const CMN_Entered entered(pinned.holderMutex);
+    return pinned.holders.size() > 1;
 }
 
 template <class Test>
@@ -191,8 +225,17 @@ public:
         }
     }
 
+    // Makes room for the objects under all pins that a walk has at a time.
+    void makeRoom() {
+        constexpr std::size_t kPins = 2;
+        if (objects_.capacity() - objects_.size() < kPins) {
+            objects_.reserve(2 * objects_.capacity() + kPins);
+        }
+    }
+
     // Keeps the object by a reference without a holder, which no other walk detaches.
-    void adopt(CMN_GuardedRef& obj) {
+    // There is room.
+    void adopt(CMN_GuardedRef& obj) noexcept {
         objects_.push_back(&obj);
         obj.CMN_Reference::addReference();
     }
@@ -212,13 +255,43 @@ private:
     std::vector<CMN_GuardedRef*> objects_;
 };
 
-namespace {
+// Pins an object, which may be null, for a walk, under the registry's lock. An object
+// that it pins last of all becomes an orphan, for which there is room from the start: so
+// it does also when the walk ends for lack of memory.
+class CMN_HIDDEN CMN_ObjectManager::Pin {
+public:
+    Pin(CMN_GuardedRef* obj, Orphans& orphans) : orphans_(&orphans) {
+        if (obj != nullptr) {
+            orphans.makeRoom();
+            holder_ = new DummyHolder(obj);
+        }
+    }
+    Pin(Pin&& other) noexcept
+        : orphans_(other.orphans_), holder_(std::exchange(other.holder_, nullptr)) {}
+    Pin& operator=(Pin&& other) noexcept {
+        std::swap(holder_, other.holder_);
+        return *this;
+    }
+    ~Pin() {
+        if (holder_ == nullptr) {
+            return;
+        }
+        if (object()->references() == 1) {
+            orphans_->adopt(*object());
+        }
+        holder_->letGo();
+        holder_->die();
+    }
 
-DummyHolder* pin(CMN_GuardedRef* obj) {
-    return obj == nullptr ? nullptr : new DummyHolder(obj);
-}
+    CMN_GuardedRef* object() const noexcept {
+        return holder_ == nullptr ? nullptr : holder_->object();
+    }
+    const CMN_GRPHolder* holder() const noexcept { return holder_->holder(); }
 
-}  // namespace
+private:
+    Orphans* orphans_;
+    DummyHolder* holder_ = nullptr;
+};
 
 // The object that is visited and the one after it are pinned, so that whatever a
 // visit lets go of, the walk can go on.
@@ -226,16 +299,11 @@ template <class Visit>
 void CMN_ObjectManager::forEachPinned(Visit visit) {
     Orphans orphans;
     const Settled settled(*this);
-    DummyHolder* current = pin(Settled::held(head));
-    while (current != nullptr) {
-        CMN_GuardedRef& obj = *current->object();
-        DummyHolder* const following = pin(Settled::held(obj.next));
-        visit(obj, current->holder());
-        if (obj.references() == 1) {
-            orphans.adopt(obj);
-        }
-        current->die();
-        current = following;
+    for (Pin current(Settled::held(head), orphans); current.object() != nullptr;) {
+        CMN_GuardedRef& obj = *current.object();
+        Pin following(Settled::held(obj.next), orphans);
+        visit(obj, current.holder());
+        current = std::move(following);
     }
 }
 
@@ -254,7 +322,7 @@ int CMN_ObjectManager::detachHolders(CMN_GuardedRef& obj, Test test) {
             if (holders.size() != before) {
                 ++detached;
             } else {
-                holders.eraseitem(node);
+                obj.unlist(node);
             }
         }
         node = following;
@@ -278,6 +346,11 @@ void CMN_ObjectManager::fini() {
     });
 }
 
+void CMN_ObjectManager::detachAll(CMN_GuardedRef& obj) {
+    const CMN_Entered entered(*lock);
+    detachHolders(obj, [](const CMN_GRPHolder*) { return true; });
+}
+
 void CMN_ObjectManager::finiAll() {
     forEachPinned([](CMN_GuardedRef& obj, const CMN_GRPHolder*) { (void)obj.fini(); });
 }
@@ -292,7 +365,9 @@ int CMN_ObjectManager::size() {
 }
 
 // The guard's mutex orders this look after a raise that some thread began before:
-// a caller that is not seen here finds that its holder has let go.
+// a caller that is not seen here finds that its holder has let go. Who has that mutex
+// begins or ends a call, or takes the object over, and may be waiting for the registry:
+// so nobody waits for it here.
 bool CMN_ObjectManager::isBusy() {
     const CMN_Entered entered(*lock);
     for (const CMN_GuardedRef* obj = head; obj != nullptr; obj = obj->next) {
@@ -300,10 +375,8 @@ bool CMN_ObjectManager::isBusy() {
             return true;
         }
         if (CMN_Guard* const guard = obj->guard) {
-            guard->lock();
-            const int calls = guard->calls();
-            guard->unlock();
-            if (calls > 0) {
+            const std::unique_lock<CMN_Mutex> callsWait(*guard, std::try_to_lock);
+            if (!callsWait || guard->calls() > 0) {
                 return true;
             }
         }
@@ -316,8 +389,8 @@ int CMN_ObjectManager::unhookForeign(const TypifiedID& home) {
     forEachPinned([&](CMN_GuardedRef& obj, const CMN_GRPHolder* pin) {
         std::unique_lock<CMN_Mutex> callsWait;
         if (obj.guard != nullptr) {
-            callsWait = std::unique_lock<CMN_Mutex>(*obj.guard);
-            if (obj.guard->calls() > 0) {
+            callsWait = std::unique_lock<CMN_Mutex>(*obj.guard, std::try_to_lock);
+            if (!callsWait || obj.guard->calls() > 0) {
                 ++busy;
                 return;
             }

@@ -8,7 +8,8 @@
 // on its way to its first holder, or its last holder has just let go, and the
 // thread that does either needs the lock. So the caller of a walk must neither own
 // that lock nor have such an object itself. A walk destroys what it has left without
-// holders when it is over, without the lock.
+// holders when it is over, without the lock. Walks and takeovers need some memory:
+// without it they throw std::bad_alloc when they have done a part, and keep nothing pinned.
 //
 // The order of fields and of virtual operations is a binary contract between
 // modules.
@@ -44,8 +45,11 @@ public:
     // Takes over every object of `parent`: makes a successor of each that is held,
     // with MakeObject(), redirects all its holders to the successor, or to nothing if
     // there is none, and lets the old object go. Waits until no call and no
-    // release is in progress on the object. Does not end while an object of
-    // `parent` survives without holders: the host has to drop its plain references.
+    // release is in progress on the object, and keeps calls out from then on: while
+    // MakeObject() runs, this thread holds the mutex of the object's guard, and no other
+    // lock of the framework. A successor that nobody holds in the end is destroyed. Does
+    // not end while an object of `parent` survives without holders: the host has to drop
+    // its plain references.
     void init(CMN_ObjectManager* parent);
 
     // The same, called on the old registry: `make`, the MakeObject() of another module,
@@ -75,6 +79,9 @@ public:
     // skipped. For a module that is to be unloaded although it is used.
     int unhookForeign(const TypifiedID& home);
 
+    // Detaches every holder of this one object, as fini() does of all.
+    CMN_HIDDEN void detachAll(CMN_GuardedRef& obj);
+
 private:
     template <class Test>
     bool anyHolder(Test test);
@@ -84,6 +91,8 @@ private:
     static int detachHolders(CMN_GuardedRef& obj, Test test);
     class CMN_HIDDEN Settled;
     class CMN_HIDDEN Orphans;
+    class CMN_HIDDEN Pin;
+    CMN_HIDDEN static bool isHeldBeside(CMN_GuardedRef& pinned);
     CMN_HIDDEN bool handOver(const DummyHolder& pinned, Successor make);
 
     CMN_Mutex unused;  // part of the layout; nothing locks it

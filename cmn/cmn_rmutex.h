@@ -29,6 +29,8 @@ public:
 
     void lock() CMN_ACQUIRES() CMN_NO_TSA { pthread_mutex_lock(&mutex); }
     void unlock() CMN_RELEASES() CMN_NO_TSA { pthread_mutex_unlock(&mutex); }
+    // False, without waiting, when it is not free.
+    bool try_lock() CMN_TRY_ACQUIRES(true) CMN_NO_TSA { return pthread_mutex_trylock(&mutex) == 0; }
 
 private:
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;

@@ -172,13 +172,27 @@ protected:
     CMN_GRefPtr<T> m_ref;
 
 private:
+    // A use that the host has counted and that is given back when there is no memory to
+    // hold the service.
+    struct CountedUse {
+        const CMN_GRefPtr<T>& holder;
+        bool isHeld = false;
+        ~CountedUse() {
+            if (!isHeld) {
+                holder.releaseModule();
+            }
+        }
+    };
+
     // The caller holds `mutex`, so only one thread asks the host.
     void bind() {
         if (ModMgr == nullptr || m_ref.get() != nullptr) {
             return;
         }
         if (CMN_GuardedRef* const found = ModMgr->acquireService(*m_ref.supplier(), *pModuleID)) {
+            CountedUse use{m_ref};
             m_ref = static_cast<T*>(found);
+            use.isHeld = true;
         }
     }
 

@@ -213,6 +213,29 @@ TEST_F(GuardedRefTest, SetGuardMovesTheReference) {
     next->remReference();
 }
 
+// A guard may have no other reference than the object's.
+TEST_F(GuardedRefTest, SetGuardOfTheGuardThatItHasKeepsIt) {
+    class Watched : public CMN_Guard {
+    public:
+        explicit Watched(bool& gone) : gone_(gone) {}
+        ~Watched() override { gone_ = true; }
+
+    private:
+        bool& gone_;
+    };
+    bool gone = false;
+    auto* const own = new Watched(gone);
+    {
+        TestObject object;
+        object.setGuard(own);
+        object.setGuard(own);
+        ASSERT_FALSE(gone);
+        EXPECT_EQ(own, object.getGuard());
+        EXPECT_EQ(1, own->references());
+    }
+    EXPECT_TRUE(gone);
+}
+
 TEST_F(GuardedRefTest, CopyHasTypeAndGuardButNoHolders) {
     TestObject source("source", nullptr, 0x6B0003);
     TestHolder holder(kOther);
@@ -561,6 +584,32 @@ TEST_F(HolderTest, AssignmentOfWhatItHoldsKeepsIt) {
     EXPECT_THAT(host.calls(), IsEmpty());
 }
 
+// As if it had let go and come back.
+TEST_F(HolderTest, AssignmentOfWhatItHoldsMakesItTheNewestWithThePresentGuard) {
+    auto* const object = new TestObject;
+    Holder holder(object);
+    const Holder another(object);
+    auto* const later = new CMN_Guard;
+    object->setGuard(later);
+    holder = another;
+    EXPECT_THAT(holdersOf(*object), ElementsAre(&holder, &another));
+    EXPECT_EQ(2, object->references());
+    EXPECT_EQ(later, holder.heldGuard());
+    object->setGuard(guard);
+    holder = object;
+    EXPECT_EQ(guard, holder.heldGuard());
+}
+
+// The framework has cut it loose: it holds the object and is not listed.
+TEST_F(HolderTest, AssignmentOfWhatItHoldsListsItAgain) {
+    const Holder kept(new TestObject);
+    Holder holder(kept);
+    ASSERT_EQ(1, kept.get()->remReference(&holder));
+    holder = kept;
+    EXPECT_THAT(holdersOf(*kept.get()), ElementsAre(&holder, &kept));
+    EXPECT_EQ(2, kept.get()->references());
+}
+
 TEST_F(HolderTest, TakingOverPassesTheReferenceOnAndLeavesTheOtherEmpty) {
     const Holder oldest(new TestObject);
     TestObject* const object = oldest.get();
@@ -591,13 +640,22 @@ TEST_F(HolderTest, TakingOverNothingHoldsNothing) {
     EXPECT_EQ(0, TestObject::alive());
 }
 
-TEST_F(HolderTest, TakingOverWhatItHoldsChangesNothing) {
+TEST_F(HolderTest, TakingOverWhatItHoldsLeavesTheOtherEmpty) {
     Holder from(new TestObject);
     Holder to(from.get());
     to.takeOver(from);
-    to.takeOver(to);
-    EXPECT_EQ(from.get(), to.get());
-    EXPECT_EQ(2, to.get()->references());
+    EXPECT_EQ(nullptr, from.get());
+    ASSERT_NE(nullptr, to.get());
+    EXPECT_EQ(1, to.get()->references());
+    EXPECT_THAT(holdersOf(*to.get()), ElementsAre(&to));
+    EXPECT_EQ(0, guard->calls());
+}
+
+TEST_F(HolderTest, TakingOverItselfChangesNothing) {
+    Holder holder(new TestObject);
+    holder.takeOver(holder);
+    ASSERT_NE(nullptr, holder.get());
+    EXPECT_EQ(1, holder.get()->references());
 }
 
 // The framework has cut the other loose: it holds the object and is not listed.

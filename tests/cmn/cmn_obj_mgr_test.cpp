@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "cmn/cmn_stub.h"
 #include "cmn/objmgrfunc.h"
 #include "tests/support/fake_host.h"
 #include "tests/support/moment.h"
@@ -483,6 +484,25 @@ TEST_F(ObjectManagerTest, IsBusyWhileAGuardIsRaisedOrAnObjectIsHalfBuilt) {
     EXPECT_TRUE(isFree(CMN_Reference::RefMutex));
 }
 
+// Who has the mutex of a guard may be waiting for the registry.
+TEST_F(ObjectManagerTest, WalksDoNotWaitForAGuard) {
+    const Holder kept(make("kept"));
+    auto* const guard = new CMN_Guard;
+    kept.get()->setGuard(guard);
+    TestHolder foreign(kOther, "foreign", &log);
+    foreign.hold(kept.get());
+    guard->lock();
+    EXPECT_TRUE(ObjectManager.isBusy());
+    EXPECT_EQ(1, ObjectManager.unhookForeign(Tuint32ID(kOwn)));
+    EXPECT_EQ(kept.get(), foreign.object());
+    ObjectManager.finiAll();
+    EXPECT_EQ(1, ObjectManager.unhookObjs(Tuint32ID(kOther)));
+    guard->unlock();
+    EXPECT_FALSE(ObjectManager.isBusy());
+    EXPECT_EQ(0, guard->calls());
+    EXPECT_THAT(log, ElementsAre("fini kept", "foreign: nothing"));
+}
+
 TEST_F(ObjectManagerTest, UnhookForeignSparesTheModuleItselfAndWhatIsBeingCalled) {
     const Holder idle(make("idle"));
     const Holder called(make("called"));
@@ -705,6 +725,73 @@ TEST_F(TakeOverTest, HoldsTheGuardsMutexWhileItRedirects) {
     ObjectManager.init(&earlier);
     caller.join();
     EXPECT_EQ(2, guard->calls());  // the caller's, and that of the release that destroyed
+}
+
+// A factory is a module's own code, and may do anything but call the old object.
+TEST_F(TakeOverTest, FactoryRunsWithTheGuardLockedAndNothingElse) {
+    TestObject* const old = makeOld("a");
+    successorOf = [&](unsigned int, CMN_GuardedRef&) -> CMN_GuardedRef* {
+        EXPECT_FALSE(isFree(static_cast<CMN_Mutex&>(*old->getGuard())));
+        EXPECT_TRUE(isFree(CMN_Reference::RefMutex));
+        std::thread([&] { EXPECT_EQ(2U, holdersOf(*old).size()); }).join();  // locks the list
+        return new TestObject("new", &log);
+    };
+    Holder own(old);
+    ObjectManager.init(&earlier);
+    EXPECT_EQ("new", own.get()->name());
+}
+
+// The stub's mutex is taken by a thread that waits for the registry.
+TEST_F(TakeOverTest, FactoryMayUseAServiceThatIsJustBeingFound) {
+    class Finding : public FakeHost {
+    public:
+        CMN_GuardedRef* acquireService(const TypifiedID& service,
+                                       const TypifiedID& asker) override {
+            inside = true;
+            while (!goOn) {
+                aMoment();
+            }
+            const Holder anObject(new TestObject);  // needs the registry
+            return FakeHost::acquireService(service, asker);
+        }
+        std::atomic<bool> inside{false};
+        std::atomic<bool> goOn{false};
+    };
+    Finding finding;
+    const InstalledHost finds(&finding);
+    const Holder service(make("service"));
+    finding.offer(kOther, service.get());
+    const Tuint32ID other(kOther);
+    {
+        CMN_ServiceStub<TestObject> stub(other);
+        Holder own(makeOld("a"));
+        std::thread asking([&] { EXPECT_TRUE(stub.acquire()); });
+        while (!finding.inside) {
+            aMoment();
+        }
+        successorOf = [&](unsigned int, CMN_GuardedRef&) -> CMN_GuardedRef* {
+            finding.goOn = true;
+            EXPECT_TRUE(stub.acquire());
+            return new TestObject("new " + stub.service()->name(), &log);
+        };
+        ObjectManager.init(&earlier);
+        asking.join();
+        EXPECT_EQ("new service", own.get()->name());
+    }
+    finding.withdraw(kOther);
+}
+
+// Its last holder may let go while the factory is at work.
+TEST_F(TakeOverTest, SuccessorThatNobodyHoldsInTheEndGoes) {
+    Holder own(makeOld("a"));
+    successorOf = [&](unsigned int, CMN_GuardedRef&) {
+        auto* const made = new TestObject("new a", &log);
+        own = nullptr;
+        return made;
+    };
+    ObjectManager.init(&earlier);
+    EXPECT_THAT(log, testing::UnorderedElementsAre("~new a", "~a"));
+    EXPECT_THAT(registered(), IsEmpty());
 }
 
 // Who lowers a guard that a destruction left raised is the host's affair; until

@@ -19,4 +19,15 @@ inline bool isFree(CMN_RecursiveMutex& mutex) {
     return had;
 }
 
+inline bool isFree(CMN_Mutex& mutex) {
+    bool had = false;
+    std::thread([&]() CMN_NO_TSA {
+        had = mutex.try_lock();
+        if (had) {
+            mutex.unlock();
+        }
+    }).join();
+    return had;
+}
+
 #endif  // TESTS_SUPPORT_MUTEX_PROBE_H

@@ -72,14 +72,14 @@ public:
 
     // Lets go of the present object and attaches `object`, which may be null.
     void hold(TestObject* object) {
-        if (object_ != nullptr) {
-            object_->remReference(this);
+        if (TestObject* const held = std::exchange(object_, nullptr)) {
+            held->remReference(this);
         }
-        object_ = object;
         if (object != nullptr) {
             guard = object->getGuard();
             object->addReference(this);
         }
+        object_ = object;
     }
 
     void replacePointee(CMN_GuardedRef* object) override {
