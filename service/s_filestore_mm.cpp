@@ -1,6 +1,7 @@
 #include "service/s_filestore_mm.h"
 
 #include "client/s_filestoreC.h"
+#include "cmn/host_owned.h"
 #include "cmn/no_throw.h"
 #include "store/file_store.h"
 
@@ -11,9 +12,22 @@ const unsigned int FileStore_Module_Build = 1;
 
 namespace {
 
+// Both stubs of this module let go: the second holds the service while a handle of a
+// record or of a cipher lives, and the service has such handles itself.
+void unbind() {
+    FileStoreSrvC = aFileStoreSrv(nullptr);
+    CMN_FILESTORE_S = aFileStoreSrv(nullptr);
+}
+
+void letGoOfService() {
+    if (TFileStoreSrv* const service = CMN_FILESTORE_S.service()) {
+        leaveToHost(*service, unbind);
+    }
+}
+
 void stopModule() {
     ObjectManager.finiAll();
-    CMN_FILESTORE_S = aFileStoreSrv(nullptr);
+    letGoOfService();
     RWLocker::destroy();
 }
 
@@ -32,6 +46,7 @@ BaseModuleInterface* GetInterfaceClass(TModuleManager* manager, int flag) {
     if (flag != 0) {
         return nullptr;
     }
+    letGoOfService();  // of one that was made before: that is the host's, too
     // The stub's holder is the first: when it cannot be attached, the service goes.
     CMN_FILESTORE_S = aFileStoreSrv(new FileStoreSrv);
     RWLocker::init();
@@ -41,8 +56,15 @@ BaseModuleInterface* GetInterfaceClass(TModuleManager* manager, int flag) {
 FileStoreSrv::FileStoreSrv()
     : TFileStoreSrv(0), encoder(nullptr), decoder(nullptr), password(noBuffer()) {}
 
+// A host may delete the service while it is held, by the module's own stubs above all:
+// the handles of the service's ciphers let go of theirs when they end, after this body.
 FileStoreSrv::~FileStoreSrv() {
+    CMN_Reference::addReference();
     (void)dropKeys();
+    if (FileStoreSrvC.service() == this) {
+        FileStoreSrvC = aFileStoreSrv(nullptr);  // gives back its use of the module, too
+    }
+    detachAll();
 }
 
 unsigned int FileStoreSrv::getModuleID() {

@@ -1,7 +1,8 @@
 // What the entries of our service modules have in common.
 //
 // A module's service object is its module object as well: the host asks it for
-// itself with getService() and keeps it alive with a reference of its own.
+// itself with getService(). The module holds it until it is stopped; who deletes it, and
+// when, is said in api/base_module.h.
 #ifndef MODULES_COMMON_MODULE_ENTRY_H
 #define MODULES_COMMON_MODULE_ENTRY_H
 
@@ -9,6 +10,7 @@
 #include "cmn/cmn_gref.h"
 #include "cmn/cmn_obj_mgr.h"
 #include "cmn/host_mgr.h"
+#include "cmn/host_owned.h"
 #include "cmn/id_type.h"
 #include "cmn/no_throw.h"
 #include "cmn/status.h"
@@ -41,7 +43,25 @@ public:
 
 protected:
     explicit ServiceModule(unsigned int objectType) : Service(objectType) {}
+    // The host may delete the service while it is held.
+    ~ServiceModule() override {
+        this->CMN_Reference::addReference();
+        this->detachAll();
+    }
 };
+
+// The module's own holder on its service, from the entry until the module is stopped.
+template <class Implementation>
+inline CMN_GRefPtr<Implementation> ownService;
+
+// Ends that.
+template <class Implementation>
+void letGoOfService() {
+    CMN_GRefPtr<Implementation>& own = ownService<Implementation>;
+    if (own.get() != nullptr) {
+        leaveToHost(*own.get(), [&own] { own = nullptr; });
+    }
+}
 
 // The body of a module's GetInterfaceClass: `Implementation` is the module's
 // service, `stop()` gives back what the module holds of other modules. Null also
@@ -52,12 +72,15 @@ BaseModuleInterface* serveEntry(TModuleManager* manager, int flag, Stop stop) no
     (void)noThrow([&] {  // a module that was not made is told by null
         if (manager == nullptr) {
             ObjectManager.finiAll();
+            letGoOfService<Implementation>();
             stop();
             return kOk;
         }
         ModMgr = manager;
         if (flag == 0) {
-            made = new Implementation;
+            letGoOfService<Implementation>();  // of one that was made before
+            ownService<Implementation> = new Implementation;
+            made = ownService<Implementation>.get();
         }
         return kOk;
     });

@@ -30,6 +30,7 @@ LoadedModule::LoadedModule(FakeHost& host, const std::string& name, unsigned int
 LoadedModule::~LoadedModule() {
     symbol<decltype(GetInterfaceClass)>("GetInterfaceClass")(nullptr, 0);
     host_.withdraw(id_);
+    delete module_;
     dlclose(library_);
 }
 

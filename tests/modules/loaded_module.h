@@ -15,7 +15,7 @@ public:
     LoadedModule(FakeHost& host, const std::string& name, unsigned int id);
     LoadedModule(const LoadedModule&) = delete;
     LoadedModule& operator=(const LoadedModule&) = delete;
-    // Stops the module, lets its service go, which deletes it, and unloads it.
+    // Stops the module, deletes its object, which is its service, and unloads it.
     ~LoadedModule();
 
     BaseModuleInterface& module() const { return *module_; }

@@ -106,6 +106,8 @@ TEST_F(EntryTest, ServiceIsHeldByItsStubAlone) {
     EXPECT_EQ(service, CMN_FILESTORE_S.service());
     EXPECT_NE(nullptr, service->getGuard());
     EXPECT_EQ(0, CMN_FILESTORE_S.isOpen());
+    delete module;
+    EXPECT_EQ(nullptr, CMN_FILESTORE_S.service());
 }
 
 TEST_F(EntryTest, LockIsReadyAfterEachStart) {
@@ -148,8 +150,9 @@ TEST_F(EntryTest, StartWithoutMemoryLeavesNothing) {
         EXPECT_EQ(hit, thrown);
         if (!hit) {
             EXPECT_NE(nullptr, module);
-            EXPECT_LT(2, nth);              // the service and holders of it
-            GetInterfaceClass(nullptr, 0);  // with it goes the last holder, and the service
+            EXPECT_LT(2, nth);  // the service and holders of it
+            GetInterfaceClass(nullptr, 0);
+            delete module;
             break;
         }
         EXPECT_EQ(before, after);
