@@ -13,8 +13,12 @@ include(CheckPIESupported)
 check_pie_supported(LANGUAGES CXX)
 
 # Also for code that is not ours (GoogleTest built here): objects of one program
-# agree on the width of off_t and on the sanitizer.
+# agree on the width of off_t and time_t and on the sanitizer.
 add_compile_definitions(_FILE_OFFSET_BITS=64)
+if(NOT FILESTORE_NATIVE)
+    # Without it, the system refuses to examine a file that is dated after January 2038.
+    add_compile_definitions(_TIME_BITS=64)
+endif()
 if(FILESTORE_SANITIZE)
     add_compile_options(-fsanitize=${FILESTORE_SANITIZE} -fno-sanitize-recover=all
                         -fno-omit-frame-pointer)

@@ -30,7 +30,7 @@ add_library(filestore_client STATIC
     $<TARGET_OBJECTS:os_files> $<TARGET_OBJECTS:os_posix>)
 target_link_libraries(filestore_client INTERFACE Threads::Threads ${CMAKE_DL_LIBS})
 target_compile_features(filestore_client INTERFACE cxx_std_20)
-target_compile_definitions(filestore_client INTERFACE _FILE_OFFSET_BITS=64)
+target_compile_definitions(filestore_client INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 target_include_directories(filestore_client INTERFACE
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/filestore>)
 set_target_properties(filestore_client PROPERTIES EXPORT_NAME client LINKER_LANGUAGE CXX)

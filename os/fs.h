@@ -13,9 +13,10 @@
 
 #include <cstddef>
 
-// Records of 2 GiB and entries with 64-bit inode numbers are met on 32-bit
-// systems too, and the two shapes of `struct stat` must not be mixed.
+// Records of 2 GiB, entries with 64-bit inode numbers and files dated after January
+// 2038 are met on 32-bit systems too, and the shapes of `struct stat` must not be mixed.
 static_assert(sizeof(off_t) == 8, "compile with _FILE_OFFSET_BITS=64");
+static_assert(sizeof(time_t) == 8, "compile with _TIME_BITS=64 as well");
 
 namespace os {
 
