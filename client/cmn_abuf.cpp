@@ -50,6 +50,12 @@ void x509cmn_fini() {
 
 aBuf::aBuf(TBuf* t) : PKIXAnyObject<TBuf>(t, &theX509Cmn) {}
 
+aBuf aBuf::none(Status reason) {
+    aBuf handle(static_cast<TBuf*>(nullptr));
+    (void)handle.record(reason);
+    return handle;
+}
+
 // A new buffer is made in a handle that has its use of the service already, so that
 // no other thread's last handle gives the service back under it.
 aBuf::aBuf() : aBuf(static_cast<TBuf*>(nullptr)) {

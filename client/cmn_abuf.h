@@ -60,6 +60,9 @@ public:
     // A handle of this buffer, which may be null.
     explicit aBuf(TBuf* t);
 
+    // A handle without a buffer, of which error() says why until the next call.
+    static aBuf none(Status reason);
+
     // Replace the contents by a copy, as the constructors.
     //   kInvalid  the argument is null
     Status set(const char* s);

@@ -58,6 +58,8 @@ public:
     // A new buffer with `data` decrypted as a whole. The result has no buffer in the cases
     // of encrypt(), and for another key and for damage: always with the services of this
     // system; with another encryption service, when that notices.
+    // error() of such a result is kNoMemory where memory was short, which says nothing of
+    // the data, and kNoObject otherwise.
     aBuf decrypt(aBuf& data);
 };
 

@@ -64,7 +64,7 @@ public:
     //   kNotOpen   the database is closed; nothing has changed
     //   kIo        a part does not decrypt (another key, or damage), or not to what its
     //              type allows; parts before it are plain now, the others still encrypted
-    //   kNoMemory  as kIo
+    //   kNoMemory  as kIo, but it may decrypt when there is more memory
     [[nodiscard]] Status decrypt();
 
     // Replaces the body by a copy of `size` bytes; setBody(null, 0) makes an empty one.
@@ -150,9 +150,10 @@ public:
 
     // Deletes descriptor and body; kOk when the removal is durable. The record in memory
     // stays as it is, and write() stores it again.
-    //   kMissing  the record has no file name
-    //   kIo       there is no such record, or it could not be removed durably: it is back
-    //             in place
+    //   kMissing   the record has no file name
+    //   kNoMemory  it is not removed
+    //   kIo        there is no such record, or it could not be removed durably: it is back
+    //              in place
     [[nodiscard]] Status remove();
 
     // 0 when there is no such descriptor, and for a record without file name; 1 also when

@@ -70,12 +70,15 @@ public:
     // durable and swaps the folders. The old database stays in "./old_db", until the next
     // change. Works on an open and on a closed database and leaves it so, but the
     // service's ciphers have the new key afterwards either way. Nothing else reads or
-    // writes records meanwhile. A record that the old key does not decrypt was encrypted
-    // with another one, and is copied as it is.
-    //   kInvalid  a password is null
-    //   kIo       a folder, a file or a key failed
-    //   others    as checkPwd() of the old password, or as reading, writing and listing
-    //             records
+    // writes records meanwhile. A record that another key has encrypted, or that is damaged,
+    // is copied as it is; afterwards such a record answers kIo to decrypt(), and others do
+    // not. What the old key has encrypted is never left so: where memory is too short for
+    // it, the change fails.
+    //   kInvalid   a password is null
+    //   kNoMemory  memory was too short for a record, or for the list of them
+    //   kIo        a folder, a file or a key failed, or a record could not be encrypted
+    //   others     as checkPwd() of the old password, or as reading, writing and listing
+    //              records
     // Wherever the process dies, exactly one of the passwords opens the database once
     // prepareDBFolders() has been called. After a failure the old one does, and the
     // service goes on as before, unless it was one of the last steps: then the ciphers and

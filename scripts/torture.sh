@@ -5,7 +5,8 @@
 #   scripts/torture.sh [minutes [job...]]
 #
 # 10 minutes by default, and all jobs: the programs of tests/crash and tests/fault,
-# random_threads_test (also with the thread sanitizer), seeded_bugs, and each fuzz target.
+# random_threads_test (also with the thread sanitizer), recrypt_memory_test in 32 bits,
+# seeded_bugs, and each fuzz target.
 # What is enumerated comes on top of the minutes: with 0, only that is done.
 #
 # Prints one line a figure, also when it is stopped by a signal: of what was done until
@@ -24,7 +25,7 @@ parts=7
 mapfile -t fuzzers < <(basename -s .cpp fuzz/*_fuzz.cpp)
 minutes=${1:-10}
 [ $# -gt 0 ] && shift
-[ $# -gt 0 ] || set -- "${programs[@]}" random_threads_test:tsan seeded_bugs "${fuzzers[@]}"
+[ $# -gt 0 ] || set -- "${programs[@]}" random_threads_test:tsan recrypt_memory_test:m32 seeded_bugs "${fuzzers[@]}"
 jobs=" $* "
 seed=${TORTURE_SEED:-$(od -An -N3 -tu4 /dev/urandom | tr -d ' ')}
 logs=$PWD/build/torture
@@ -47,9 +48,11 @@ prepare() {
 mapfile -t release < <(wanted "${programs[@]}")
 [[ $jobs != *" seeded_bugs "* ]] || release=("${programs[@]}")
 mapfile -t tsan < <(wanted random_threads_test:tsan)
+mapfile -t m32 < <(wanted recrypt_memory_test:m32)
 mapfile -t fuzz < <(wanted "${fuzzers[@]}")
 {
-    prepare release "${release[@]}" && prepare tsan "${tsan[@]%:tsan}" && prepare fuzz "${fuzz[@]}"
+    prepare release "${release[@]}" && prepare tsan "${tsan[@]%:tsan}" &&
+        prepare m32 "${m32[@]%:m32}" && prepare fuzz "${fuzz[@]}"
 } >"$logs/build.log" 2>&1 || { tail -n 40 "$logs/build.log"; exit 1; }
 
 divide() {
@@ -88,6 +91,7 @@ run() {
             command+=("$logs/corpus/$name" "$PWD/fuzz/corpus/$name")
             ;;
         *:tsan) command=(setarch --addr-no-randomize "build/tsan/bin/${name%:tsan}") ;;
+        *:m32) command=("build/m32/bin/${name%:m32}") ;;
         *) command=("build/release/bin/$name") ;;
     esac
     TORTURE_FULL=1 TORTURE_SECONDS=$((minutes * 60)) TORTURE_SEED=$seed \

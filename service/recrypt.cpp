@@ -5,6 +5,7 @@
 // its ciphers as they were.
 #include <fcntl.h>
 
+#include <span>
 #include <string>
 
 #include "client/s_filestoreC.h"
@@ -37,6 +38,21 @@ bool isEncrypted(FileStore& record) {
         }
     }
     return false;
+}
+
+// The longest part with the encrypted flag, in whatever form it is.
+std::span<const unsigned char> largestSecret(FileStore& record) {
+    std::span<const unsigned char> largest;
+    const auto consider = [&](unsigned int flag, const unsigned char* bytes, unsigned int size) {
+        if ((flag & 1) != 0 && size > largest.size()) {
+            largest = {bytes, size};
+        }
+    };
+    consider(record.getBodyFlag(), record.getBody(), record.getBodySize());
+    for (unsigned int i = 0; i < record.getAttrCount(); ++i) {
+        consider(record.getAttrFlag(i), record.getAttr(i), record.getAttrSize(i));
+    }
+    return largest;
 }
 
 Status writePasswordRecord(const char* password) {
@@ -173,8 +189,10 @@ private:
     }
 
     // A record that does not decrypt with the old key was not encrypted with it; it
-    // stays as copied. One that the cipher failed to decrypt would be lost that way,
-    // so it is tried again when the cipher has proved to work.
+    // stays as copied. One that could not be decrypted for another reason would be lost
+    // that way. Want of memory has a status of its own, if the cipher's module tells; in
+    // case it does not, the record is tried again when the cipher has proved to work with
+    // as many bytes.
     Status convertRecord(FileStore& record) {
         (void)record.setLockType(RWLocker::kNoLock);  // the lock is held
         if (const Status status = record.read(); status != kOk) {
@@ -184,24 +202,32 @@ private:
             return kOk;
         }
         (void)record.setLoginCheck(0);  // the database may be closed
-        if (record.decrypt() != kOk) {
-            if (!decoderWorks()) {
+        Status status = record.decrypt();
+        if (status == kIo) {
+            if (!decoderWorks(largestSecret(record))) {
                 return kIo;
             }
-            if (const Status status = record.decrypt(); status != kOk) {
-                return status == kNoMemory ? status : kOk;
+            status = record.decrypt();
+            if (status == kIo) {
+                return kOk;
             }
         }
-        return record.store(FileStore::Sync::kLater);
+        return status == kOk ? record.store(FileStore::Sync::kLater) : status;
     }
 
-    // Whether what the old key has encrypted decrypts.
-    bool decoderWorks() {
+    // Whether what the old key has encrypted decrypts, of the size of this sample. It takes
+    // no less memory than the decryption of a record's part: the sample is kept in place of
+    // what the record would keep.
+    bool decoderWorks(std::span<const unsigned char> sample) {
         aCryptoEncoder sealing;
         if (sealing.setKey(oldKey_) != kOk) {
             return false;
         }
-        aBuf plain("sample");
+        aBuf plain("some bytes");
+        if (!sample.empty() &&
+            plain.set(sample.data(), static_cast<unsigned int>(sample.size())) != kOk) {
+            return false;
+        }
         aBuf cipher = sealing.encrypt(plain);
         const aBuf decrypted = service_.ownDecoder().decrypt(cipher);
         return decrypted.target() != nullptr && !(decrypted != plain);

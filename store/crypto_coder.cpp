@@ -53,5 +53,9 @@ aBuf CryptoCoder::encrypt(aBuf& data) {
 
 aBuf CryptoCoder::decrypt(aBuf& data) {
     const os::ReadLock locked(&lock);
-    return pbes.decrypt(data);
+    aBuf plain = pbes.decrypt(data);
+    if (plain.target() == nullptr && pbes.error() == kNoMemory) {
+        plain = aBuf::none(kNoMemory);  // which says nothing of the key
+    }
+    return plain;
 }

@@ -333,6 +333,16 @@ Status FileStore::decrypt() {
     });
 }
 
+namespace {
+
+// Clients know one failure of a decryption, and want of memory, which is none: what did
+// not decrypt for lack of it is not damaged, nor another key's.
+Status outcome(Status status) {
+    return status == kOk || status == kNoMemory ? status : kIo;
+}
+
+}  // namespace
+
 bool FileStore::decryptionRefused() const {
     return loginCheck != 0 && CMN_FILESTORE_S.isOpen() == 0;
 }
@@ -341,26 +351,26 @@ Status FileStore::decryptBody(aBuf& cipher) {
     if (bodyPending == 0) {
         return kOk;
     }
-    if (cipher.set(body.data(), getBodySize()) != kOk) {
-        return kIo;
+    if (const Status status = cipher.set(body.data(), getBodySize()); status != kOk) {
+        return outcome(status);
     }
     const aBuf plain = decoder.decrypt(cipher);
     if (plain.target() == nullptr) {
-        return kIo;
+        return outcome(plain.error());
     }
-    return setBody(plain.datap(), plain.len()) == kOk ? kOk : kIo;
+    return outcome(setBody(plain.datap(), plain.len()));
 }
 
 Status FileStore::decryptAttr(Attr& attr, aBuf& cipher) {
     if (attr.pending == 0) {
         return kOk;
     }
-    if (cipher.set(attr.data, attr.size) != kOk) {
-        return kIo;
+    if (const Status status = cipher.set(attr.data, attr.size); status != kOk) {
+        return outcome(status);
     }
     const aBuf plain = decoder.decrypt(cipher);
     if (plain.target() == nullptr) {
-        return kIo;
+        return outcome(plain.error());
     }
     const unsigned char* const bytes = plain.datap();
     const unsigned int size = plain.len();
@@ -370,8 +380,8 @@ Status FileStore::decryptAttr(Attr& attr, aBuf& cipher) {
         return kIo;
     }
     Attr fresh;
-    if (fresh.set(attr.type, attr.id, bytes, size) != kOk) {
-        return kIo;
+    if (const Status status = fresh.set(attr.type, attr.id, bytes, size); status != kOk) {
+        return outcome(status);
     }
     attr = std::move(fresh);
     return kOk;

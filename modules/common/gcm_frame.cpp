@@ -149,8 +149,11 @@ Status GcmFrame::decrypt(std::span<const unsigned char> frame, TBuf& into) const
     std::array<unsigned char, kTagSize> tag{};
     std::copy_n(frame.data() + kHeaderSize + size, kTagSize, tag.data());
     Session session(*this);
-    if (!session.start(frame.data() + 1, false) || !session.transform(into.data(), size) ||
-        !session.finishDecrypting(tag.data())) {
+    if (!session.start(frame.data() + 1, false)) {
+        (void)into.clear();
+        return kNoMemory;  // nothing of the message has been looked at yet
+    }
+    if (!session.transform(into.data(), size) || !session.finishDecrypting(tag.data())) {
         (void)into.clear();  // nobody may see what was not proved to be the message
         return kIo;
     }

@@ -223,6 +223,15 @@ TEST_F(BufTest, FailedCreationLeavesAHandleWithoutBuffer) {
     }
 }
 
+TEST_F(BufTest, HandleOfNoBufferTellsTheReasonUntilItIsCalled) {
+    const aBuf none = aBuf::none(kNoMemory);
+    EXPECT_EQ(nullptr, none.target());
+    EXPECT_EQ(kNoMemory, none.error());
+    EXPECT_EQ(kNoMemory, aBuf(none).error());
+    EXPECT_EQ(0U, none.len());
+    EXPECT_EQ(kNoObject, none.error());
+}
+
 TEST_F(BufTest, CreationThatThrowsGivesTheServiceBack) {
     watch.throwAt("createTBuf");
     EXPECT_THROW(aBuf("abc"), DoubleTrouble);

@@ -47,6 +47,15 @@ TEST(ToyCipherTest, OpensWhatItSealed) {
     }
 }
 
+TEST(ToyCipherTest, ZerosInPiecesAreSealedAsAWhole) {
+    for (const std::size_t size : {0, 1, 8, 65536, 65537, 200000}) {
+        SCOPED_TRACE(size);
+        std::string sealed;
+        toy::sealZeros("key", 7, size, [&](std::string_view piece) { sealed += piece; });
+        EXPECT_TRUE(toy::seal("key", 7, std::string(size, '\0')) == sealed);
+    }
+}
+
 TEST(ToyCipherTest, NoncesGiveDifferentCiphertexts) {
     EXPECT_NE(toy::seal("key", 1, "text").substr(13), toy::seal("key", 2, "text").substr(13));
 }

@@ -128,7 +128,7 @@ const Change kChanges[] = {
      [](aFileStore& r) { return r.setAttr(kTypeBinary, 9, dataOf(kLong), sizeOf(kLong)); }},
     {"setAttr of an old one",
      [](aFileStore& r) { return r.setAttr(kTypeText, 1, dataOf(kLong), sizeOf(kLong)); }},
-    {"decrypt", [](aFileStore& r) { return r.decrypt(); }, kIo},  // of a part that became no body
+    {"decrypt", [](aFileStore& r) { return r.decrypt(); }, kIo},  // without a buffer
 };
 
 std::string wholeOf(const aFileStore& record) {

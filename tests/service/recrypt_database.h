@@ -32,9 +32,12 @@ public:
             {"./db/certificates/remote",
              "both",
              {{{2, 2, "\0\xff"s, true}, {2, 3, "x", true}}, "\0binary\n"s, true}},
+            {"./db/lsps", "large", {{{2, 1, std::string(3000, 'k'), true}}, large(5000), true}},
         };
         return kRows;
     }
+
+    static std::string large(std::size_t size) { return std::string(size, 'b'); }
 
     // Open under `password`.
     explicit RecryptDatabase(const std::string& password = "old") : store(password) {

@@ -47,6 +47,31 @@ protected:
     RecryptDatabase db_;
 };
 
+// For the large record memory is short, which it is not for small ones: what proves that
+// the key works must not prove too little. Also when the module of the cipher does not tell
+// that it was memory.
+TEST_F(RecryptFaultTest, MemoryForWhatIsLargeIsShort) {
+    using fault::FailingAllocation;
+    CallWatch& watch = db_.store.services().pkcs5().watch();
+    for (const bool told : {true, false}) {
+        SCOPED_TRACE(told ? "the module tells" : "the module does not tell");
+        for (const std::size_t size : {2000, 4000}) {
+            for (const auto mode :
+                 {FailingAllocation::Mode::kOnce, FailingAllocation::Mode::kFromThenOn}) {
+                SCOPED_TRACE(size);
+                const int allocations = changeUnderEach([&](int nth) {
+                    if (!told) {
+                        watch.failAt("error", 1, kIo, CallWatch::kLasting);
+                    }
+                    return FailingAllocation(nth, mode, size);
+                });
+                EXPECT_LT(5, allocations);
+                (void)watch.lift();
+            }
+        }
+    }
+}
+
 // What the doubled services do, made to fail.
 class FailingService {
 public:

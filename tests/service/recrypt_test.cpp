@@ -204,6 +204,39 @@ TEST(RecryptTest, RecordThatDoesNotDecryptIsCopiedAsItIs) {
     EXPECT_EQ("new", db.expectOneOpens("old", "new"));
 }
 
+// The change says nothing of the records that it left as they were; they do themselves.
+TEST(RecryptTest, RecordsThatWereCopiedAsTheyAreAreKnownByTheirDecryption) {
+    RecryptDatabase db;
+    CMN_FILESTORE_S.close();
+    const std::string foreign[] = {"./db/crm/another's", "./db/keys/another's too"};
+    {
+        aBuf key("foreign");
+        ASSERT_EQ(kOk, CMN_FILESTORE_S.getEncoder().setKey(key));
+        for (const std::string& path : foreign) {
+            aFileStore record;
+            ASSERT_EQ(kOk, record.setFolderName(path.substr(0, path.rfind('/')).c_str()));
+            ASSERT_EQ(kOk, record.setName(path.substr(path.rfind('/') + 1).c_str()));
+            fill(record, {{{2, 1, "attribute", true}}, "body", true});
+            ASSERT_EQ(kOk, record.write());
+        }
+    }
+    ASSERT_EQ(kOk, CMN_FILESTORE_S.open("old"));
+    ASSERT_EQ(kOk, recrypt("old", "new"));
+
+    aFileStoreList all;
+    ASSERT_EQ(kOk, _getFullStoreList("./db", all));
+    std::vector<std::string> left;
+    for (aFileStore record = all.getFirst(); record.target() != nullptr; record = all.getNext()) {
+        ASSERT_EQ(kOk, record.read());
+        const Status status = record.decrypt();
+        if (status != kOk) {
+            EXPECT_EQ(kIo, status);
+            left.push_back(std::string(record.getFolderName()) + "/" + record.getName());
+        }
+    }
+    EXPECT_THAT(left, testing::UnorderedElementsAreArray(foreign));
+}
+
 // Neither of the two was made by the old key: bytes that no key made, and bytes
 // that are damaged.
 TEST(RecryptTest, RecordOfWhichAPartIsDamagedIsCopiedAsItIs) {
@@ -523,6 +556,34 @@ TEST(RecryptFailureTest, PasswordThatCannotBeKeptIsNoMissingKey) {
         CallWatch& watch = db.store.services().x509cmn().watch();
         watch.failAt("createTBuf", nth, kNoMemory);
         EXPECT_EQ(kIo, recrypt("old", "new"));
+        EXPECT_TRUE(watch.lift());
+        expectUntouched(db, before);
+    }
+}
+
+// It ends the change, under whichever status, also where the module of the cipher does not
+// tell why it failed, as long as it does not fail for the bytes of the record alone.
+TEST(RecryptFailureTest, RecordThatMemoryIsTooShortForEndsIt) {
+    const struct {
+        const char* name;
+        const char* call;
+        bool isPkcs5;
+        Status failure;
+        Status status;
+    } rows[] = {
+        {"cipher, told", "decrypt", true, kNoMemory, kNoMemory},
+        {"cipher, not told", "decrypt", true, kIo, kIo},
+        {"buffer, told", "set", false, kNoMemory, kNoMemory},
+        {"buffer, not told", "set", false, kInvalid, kIo},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        RecryptDatabase db;
+        const Tree before = support::tree("db");
+        CallWatch& watch = row.isPkcs5 ? db.store.services().pkcs5().watch()
+                                       : db.store.services().x509cmn().watch();
+        watch.failAt(row.call, 1, row.failure, CallWatch::kLasting);
+        EXPECT_EQ(row.status, recrypt("old", "new"));
         EXPECT_TRUE(watch.lift());
         expectUntouched(db, before);
     }

@@ -214,6 +214,36 @@ TEST_F(DecryptTest, WrongKeyFailsAndChangesNothing) {
     EXPECT_EQ(before, contentsOf(record));
 }
 
+// What did not decrypt for want of memory is neither damaged nor another key's.
+TEST_F(DecryptTest, WantOfMemoryIsTold) {
+    CallWatch& pkcs5 = store.services().pkcs5().watch();
+    CallWatch& x509cmn = store.services().x509cmn().watch();
+    const struct {
+        const char* name;
+        CallWatch& watch;
+        const char* call;
+        int nth;
+        Status failure;
+        Status status;
+    } rows[] = {
+        {"cipher, of the body", pkcs5, "decrypt", 1, kNoMemory, kNoMemory},
+        {"cipher, of an attribute", pkcs5, "decrypt", 2, kNoMemory, kNoMemory},
+        {"buffer, of the body", x509cmn, "set", 1, kNoMemory, kNoMemory},
+        {"buffer, of an attribute", x509cmn, "set", 2, kNoMemory, kNoMemory},
+        {"cipher, for another reason", pkcs5, "decrypt", 1, kMalformed, kIo},
+        {"buffer, for another reason", x509cmn, "set", 1, kInvalid, kIo},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        aFileStore record = readSample();
+        row.watch.failAt(row.call, row.nth, row.failure);
+        EXPECT_EQ(row.status, record.decrypt());
+        EXPECT_TRUE(row.watch.lift());
+        EXPECT_EQ(kOk, record.decrypt());
+        EXPECT_EQ(kSample, contentsOf(record));
+    }
+}
+
 TEST_F(DecryptTest, WhatWasDecryptedBeforeAFailureStaysSo) {
     aFileStore record = readSample();
     const Contents before = contentsOf(record);

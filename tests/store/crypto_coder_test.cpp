@@ -140,6 +140,21 @@ TEST_F(CryptoCoderTest, PasswordIsItsBytesAlsoNulAmongThem) {
     EXPECT_EQ("(nothing)", decrypted(coder, cipher));
 }
 
+// Want of memory is told apart from all other failures, which a wrong key is one of.
+TEST_F(CryptoCoderTest, WhatDoesNotDecryptTellsWhetherMemoryWasShort) {
+    ASSERT_EQ(kOk, setKey("secret"));
+    aBuf plain("plain");
+    aBuf cipher = coder.encrypt(plain);
+    for (const Status failure : {kNoMemory, kIo, kMalformed, kNoObject}) {
+        SCOPED_TRACE(failure);
+        const Status told = failure == kNoMemory ? kNoMemory : kNoObject;
+        watch.failAt("decrypt", 1, failure);
+        EXPECT_EQ(told, coder.decrypt(cipher).error());
+    }
+    EXPECT_EQ(kNoObject, coder.decrypt(plain).error()) << "was never encrypted";
+    EXPECT_EQ(kOk, coder.decrypt(cipher).error());
+}
+
 // Whatever step of the derivation fails, the key is the one before.
 TEST_F(CryptoCoderTest, FailedDerivationKeepsTheKey) {
     ASSERT_EQ(kOk, setKey("secret"));

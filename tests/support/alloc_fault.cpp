@@ -16,16 +16,18 @@ std::atomic<long> live{0};
 std::atomic<long> liveBytes{0};
 std::atomic<long> peakBytes{0};
 std::atomic<long> remaining{LONG_MAX};  // calls until the fault strikes
+std::atomic<std::size_t> leastSize{0};
 std::atomic<bool> lasting{false};
 std::atomic<bool> struck{false};
 thread_local int pauseDepth = 0;
 
-bool fails() noexcept {
+bool fails(std::size_t size) noexcept {
     if (pauseDepth > 0) {
         return false;
     }
     made.fetch_add(1, std::memory_order_relaxed);
-    if (remaining.load(std::memory_order_relaxed) == LONG_MAX) {
+    if (remaining.load(std::memory_order_relaxed) == LONG_MAX ||
+        size < leastSize.load(std::memory_order_relaxed)) {
         return false;
     }
     const long left = remaining.fetch_sub(1, std::memory_order_relaxed) - 1;
@@ -47,8 +49,9 @@ void took(long bytes) noexcept {
 
 namespace fault {
 
-FailingAllocation::FailingAllocation(long nth, Mode mode) noexcept {
+FailingAllocation::FailingAllocation(long nth, Mode mode, std::size_t atLeast) noexcept {
     struck = false;
+    leastSize = atLeast;
     lasting = mode == Mode::kFromThenOn;
     remaining = nth;
 }
@@ -85,7 +88,7 @@ void shiftAllocationPause(int by) noexcept {
 }  // namespace fault
 
 void* replaced::allocate(std::size_t size) noexcept {
-    void* const memory = fails() ? nullptr : std::malloc(size == 0 ? 1 : size);
+    void* const memory = fails(size) ? nullptr : std::malloc(size == 0 ? 1 : size);
     if (memory != nullptr) {
         live.fetch_add(1, std::memory_order_relaxed);
         took(static_cast<long>(malloc_usable_size(memory)));

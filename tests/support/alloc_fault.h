@@ -6,15 +6,19 @@
 #ifndef TESTS_SUPPORT_ALLOC_FAULT_H
 #define TESTS_SUPPORT_ALLOC_FAULT_H
 
+#include <cstddef>
+
 namespace fault {
 
 // Makes the `nth` allocation from now on fail, counted from 1: operator new
-// throws std::bad_alloc, its nothrow forms give null. One may live at a time.
+// throws std::bad_alloc, its nothrow forms give null. Those of fewer bytes than
+// `atLeast` neither count nor fail, as when memory is short and not used up. One may
+// live at a time.
 class FailingAllocation {
 public:
     enum class Mode { kOnce, kFromThenOn };
 
-    explicit FailingAllocation(long nth, Mode mode = Mode::kOnce) noexcept;
+    explicit FailingAllocation(long nth, Mode mode = Mode::kOnce, std::size_t atLeast = 0) noexcept;
     FailingAllocation(const FailingAllocation&) = delete;
     FailingAllocation& operator=(const FailingAllocation&) = delete;
     ~FailingAllocation();

@@ -9,8 +9,8 @@ namespace {
 using fault::FailingAllocation;
 
 // Not to be optimised away, unlike an unused new expression.
-bool allocates() {
-    void* const memory = ::operator new(8, std::nothrow);
+bool allocates(std::size_t size = 8) {
+    void* const memory = ::operator new(size, std::nothrow);
     ::operator delete(memory);
     return memory != nullptr;
 }
@@ -48,6 +48,17 @@ TEST(FailingAllocationTest, StrikesAsPlanned) {
         EXPECT_EQ(row.hit, hit);
         EXPECT_TRUE(allocates());
     }
+}
+
+TEST(FailingAllocationTest, SmallOnesNeitherFailNorCount) {
+    FailingAllocation fault(2, FailingAllocation::Mode::kFromThenOn, 9);
+    const Outcomes small{allocates(8), allocates(8), allocates(8)};
+    const Outcomes large{allocates(9), allocates(9), allocates(100)};
+    const bool smallOnce = allocates(8);
+    EXPECT_TRUE(fault.lift());
+    EXPECT_TRUE((small == Outcomes{true, true, true}));
+    EXPECT_TRUE((large == Outcomes{true, false, false}));
+    EXPECT_TRUE(smallOnce);
 }
 
 TEST(FailingAllocationTest, ThrowingFormsThrow) {

@@ -4,6 +4,7 @@
 
 #include "client/cmn_abuf.h"
 #include "client/pkixakey.h"
+#include "cmn/no_throw.h"
 #include "tests/support/doubles/double_pkixkey.h"
 #include "tests/support/doubles/double_x509cmn.h"
 
@@ -162,33 +163,36 @@ TKey* DoublePbes::getKey() {
     return ended(status) == kOk ? newKey(key) : nullptr;
 }
 
+// A new buffer of what `step` makes of the key and the bytes of `in`. As the service
+// promises, want of memory is a status.
+template <class Step>
+TBuf* DoublePbes::through(Status told, TBuf* in, Step step) {
+    TBuf* made = nullptr;
+    const Status status = told != kOk ? told : noThrow([&] {
+        std::string key;
+        if (const Status bad = in == nullptr ? kInvalid : derive(key); bad != kOk) {
+            return bad;
+        }
+        const std::optional<std::string> out = step(key, bytesOf(in));
+        if (!out) {
+            return kIo;
+        }
+        made = newBuf(*out);
+        return lastError;
+    });
+    (void)ended(status);
+    return made;
+}
+
 TBuf* DoublePbes::encrypt(TBuf* plain) {
-    std::string key;
-    Status status = watch_->called(*this, "encrypt", plain);
-    if (status == kOk) {
-        status = plain == nullptr ? kInvalid : derive(key);
-    }
-    if (ended(status) != kOk) {
-        return nullptr;
-    }
-    return newBuf(toy::seal(key, ++nonce_, bytesOf(plain)));
+    return through(watch_->called(*this, "encrypt", plain), plain,
+                   [&](const std::string& key, const std::string& bytes) {
+                       return std::optional(toy::seal(key, ++nonce_, bytes));
+                   });
 }
 
 TBuf* DoublePbes::decrypt(TBuf* cipher) {
-    std::string key;
-    Status status = watch_->called(*this, "decrypt", cipher);
-    if (status == kOk) {
-        status = cipher == nullptr ? kInvalid : derive(key);
-    }
-    if (ended(status) != kOk) {
-        return nullptr;
-    }
-    const auto plain = toy::open(key, bytesOf(cipher));
-    if (!plain) {
-        (void)ended(kIo);
-        return nullptr;
-    }
-    return newBuf(*plain);
+    return through(watch_->called(*this, "decrypt", cipher), cipher, toy::open);
 }
 
 Status DoublePbes::error() {

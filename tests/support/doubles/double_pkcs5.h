@@ -67,6 +67,8 @@ public:
 private:
     Status parameter(Status status);
     Status derive(std::string& key);
+    template <class Step>
+    TBuf* through(Status told, TBuf* in, Step step);
 
     const pbes_type scheme_;
     DoubleParameters parameters_;

@@ -4,6 +4,8 @@
 #include <iterator>
 #include <utility>
 
+#include "cmn/no_throw.h"
+
 namespace {
 
 // Null is told as no bytes, which is what it stands for.
@@ -14,6 +16,15 @@ std::string_view view(const unsigned char* data, unsigned int len) {
 
 bool isMissing(const unsigned char* data, unsigned int len) {
     return data == nullptr && len != 0;
+}
+
+// As the service promises, want of memory is a status.
+template <class Change>
+Status put(Change change) {
+    return noThrow([&] {
+        change();
+        return kOk;
+    });
 }
 
 }  // namespace
@@ -57,8 +68,7 @@ Status DoubleBuf::set(const char* s) {
     if (s == nullptr) {
         return kInvalid;
     }
-    bytes_.assign(s);
-    return kOk;
+    return put([&] { bytes_.assign(s); });
 }
 
 Status DoubleBuf::set(const unsigned char* data, unsigned int len) {
@@ -68,8 +78,7 @@ Status DoubleBuf::set(const unsigned char* data, unsigned int len) {
     if (isMissing(data, len)) {
         return kInvalid;
     }
-    bytes_.assign(view(data, len));
-    return kOk;
+    return put([&] { bytes_.assign(view(data, len)); });
 }
 
 Status DoubleBuf::append(const unsigned char* data, unsigned int len) {
@@ -79,8 +88,7 @@ Status DoubleBuf::append(const unsigned char* data, unsigned int len) {
     if (isMissing(data, len)) {
         return kInvalid;
     }
-    bytes_.append(view(data, len));
-    return kOk;
+    return put([&] { bytes_.append(view(data, len)); });
 }
 
 unsigned char* DoubleBuf::data() {
@@ -100,8 +108,7 @@ Status DoubleBuf::duplicate(TBuf* other) {
     if (other == nullptr) {
         return kInvalid;
     }
-    bytes_ = bytesOf(other);
-    return kOk;
+    return put([&] { bytes_ = bytesOf(other); });
 }
 
 Status DoubleBuf::append(TBuf* other) {
@@ -111,8 +118,7 @@ Status DoubleBuf::append(TBuf* other) {
     if (other == nullptr) {
         return kInvalid;
     }
-    bytes_ += bytesOf(other);
-    return kOk;
+    return put([&] { bytes_ += bytesOf(other); });
 }
 
 int DoubleBuf::compare(TBuf* other) {
@@ -172,22 +178,34 @@ Status DoubleBuf::retreat(unsigned int n) {
 DoubleX509Cmn::DoubleX509Cmn(unsigned int objectType)
     : X509CmnSrv_I(objectType), Watched(std::make_shared<CallWatch>()) {}
 
+// A new buffer of what `bytes` gives; null when memory is short.
+template <class Bytes>
+TBuf* DoubleX509Cmn::make(Bytes bytes) {
+    TBuf* made = nullptr;
+    (void)noThrow([&] {
+        made = new DoubleBuf(watch_, bytes());
+        return kOk;
+    });
+    return made;
+}
+
 TBuf* DoubleX509Cmn::createTBuf() {
-    return watch_->called(*this, "createTBuf") == kOk ? new DoubleBuf(watch_) : nullptr;
+    const bool fails = watch_->called(*this, "createTBuf") != kOk;
+    return fails ? nullptr : make([] { return std::string(); });
 }
 
 TBuf* DoubleX509Cmn::createTBuf(const char* s) {
     const bool fails = watch_->called(*this, "createTBuf", s) != kOk || s == nullptr;
-    return fails ? nullptr : new DoubleBuf(watch_, s);
+    return fails ? nullptr : make([&] { return std::string(s); });
 }
 
 TBuf* DoubleX509Cmn::createTBuf(const unsigned char* data, unsigned int len) {
     const bool fails =
         watch_->called(*this, "createTBuf", view(data, len)) != kOk || isMissing(data, len);
-    return fails ? nullptr : new DoubleBuf(watch_, std::string(view(data, len)));
+    return fails ? nullptr : make([&] { return std::string(view(data, len)); });
 }
 
 TBuf* DoubleX509Cmn::createTBuf(TBuf* src) {
     const bool fails = watch_->called(*this, "createTBuf", src) != kOk || src == nullptr;
-    return fails ? nullptr : new DoubleBuf(watch_, bytesOf(src));
+    return fails ? nullptr : make([&] { return bytesOf(src); });
 }

@@ -58,6 +58,10 @@ public:
     TBuf* createTBuf(const char* s) override;
     TBuf* createTBuf(const unsigned char* data, unsigned int len) override;
     TBuf* createTBuf(TBuf* src) override;
+
+private:
+    template <class Bytes>
+    TBuf* make(Bytes bytes);
 };
 
 #endif  // TESTS_SUPPORT_DOUBLES_DOUBLE_X509CMN_H

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,6 +34,10 @@ std::string derive(const Parameters& parameters);
 
 // Version byte 1, nonce, ciphertext as long as the plaintext, tag.
 std::string seal(std::string_view key, std::uint64_t nonce, std::string_view plain);
+
+// As seal(), of so many zero bytes, in pieces: for more than memory holds.
+void sealZeros(std::string_view key, std::uint64_t nonce, std::uint64_t size,
+               const std::function<void(std::string_view)>& write);
 
 // The plaintext; nothing when `sealed` did not come from seal() with this key.
 std::optional<std::string> open(std::string_view key, std::string_view sealed);
