@@ -114,6 +114,29 @@ class CheckLayersTest(ScriptTest):
         self.assertEqual(1, status)
         self.assertIn("cmn/status.h:3: cmn/ may not include store/", output)
 
+    def test_prints_each_circle(self):
+        self.write("lib/base/a.h", '#include "lib/base/b.h"\n')
+        self.write("lib/base/b.h", "// fine\n")
+        self.write("lib/base/b.cpp", '#include "lib/base/b.h"\n#include "lib/base/c.h"\n')
+        self.write("lib/base/c.h", '#include "lib/base/a.h"\n')
+        self.write("fstore/terminal/x.h", '#include "fstore/terminal/y.h"\n')
+        self.write("fstore/terminal/y.cpp", '#include "fstore/terminal/x.h"\n')
+        self.write("fstore/terminal/y.h", "")
+        status, output = self.run_script("check_layers.py")
+        self.assertEqual(1, status)
+        self.assertIn("circle: lib/base/a -> lib/base/b -> lib/base/c -> lib/base/a\n", output)
+        self.assertIn("circle: fstore/terminal/x -> fstore/terminal/y -> fstore/terminal/x\n",
+                      output)
+        self.assertEqual(2, output.count("circle: "))
+
+    def test_a_source_and_its_header_are_no_circle(self):
+        self.write("lib/base/a.cpp", '#include "lib/base/a.h"\n#include "lib/base/b.h"\n')
+        self.write("lib/base/a.h", '#include "lib/base/c.h"\n')
+        self.write("lib/base/b.h", '#include "lib/base/c.h"\n')
+        self.write("lib/base/c.h", "")
+        status, output = self.run_script("check_layers.py")
+        self.assertEqual(0, status, output)
+
     def test_an_empty_tree_is_no_success(self):
         status, _ = self.run_script("check_layers.py")
         self.assertEqual(1, status)
