@@ -6,7 +6,7 @@
 #include <string>
 #include <variant>
 
-#include "lib/base/text.h"
+#include "lib/base/printable.h"
 #include "lib/pki/chain.h"
 #include "lib/pki/decode.h"
 #include "lib/pki/encode.h"

@@ -5,9 +5,9 @@
 #include <fmt/format.h>
 
 #include "fstore/commands/record_json.h"
+#include "lib/base/digits.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
-#include "lib/base/text.h"
 #include "lib/records/filter.h"
 
 namespace fstore {
@@ -34,7 +34,7 @@ std::string_view asText(const SecretBytes& bytes) {
 
 SecretBytes numberBytes(std::string_view left, std::string_view text) {
     const bool isNumber = !text.empty() && text[0] >= '0' && text[0] <= '9';
-    const auto number = isNumber ? parseAttributeId(text) : std::nullopt;
+    const auto number = isNumber ? parseNumber(text) : std::nullopt;
     if (!number) {
         refuse(left, "a number has 32 bits and stands in decimal or after 0x");
     }

@@ -8,8 +8,8 @@
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/terminal/json.h"
+#include "lib/base/digits.h"
 #include "lib/base/files.h"
-#include "lib/base/text.h"
 
 namespace fstore {
 namespace {

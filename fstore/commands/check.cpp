@@ -9,7 +9,7 @@
 #include "fstore/commands/commands.h"
 #include "fstore/commands/record_json.h"
 #include "lib/base/files.h"
-#include "lib/base/text.h"
+#include "lib/base/time.h"
 
 namespace fstore {
 namespace {
@@ -46,7 +46,7 @@ Json toJson(const Finding& finding) {
 Json toJson(const LostFolder& lost) {
     Json json = {{"name", lost.name}, {"path", joined(layout::kLost, lost.name)}};
     if (lost.plan) {
-        json["time"] = printMoment(lost.plan->time);
+        json["time"] = printTime(lost.plan->time);
         json["files"] = Json::array();
         for (const LostFile& file : lost.plan->files) {
             json["files"].push_back({{"path", jsonText(file.path)},

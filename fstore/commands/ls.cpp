@@ -12,7 +12,7 @@
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
-#include "lib/base/text.h"
+#include "lib/base/time.h"
 #include "lib/records/filter.h"
 #include "lib/records/record.h"
 
@@ -168,7 +168,7 @@ Cell expiryCell(const RecordInfo& info, std::int64_t at) {
     if (!info.notAfter) {
         return {};
     }
-    const std::string day = printMoment(*info.notAfter).substr(0, 10);
+    const std::string day = printTime(*info.notAfter).substr(0, 10);
     const std::int64_t left = *info.notAfter - at;
     if (left < 0) {
         return {day + " expired", Style::kRed};

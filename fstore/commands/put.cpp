@@ -8,8 +8,10 @@
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
+#include "lib/base/digits.h"
 #include "lib/base/files.h"
-#include "lib/base/text.h"
+#include "lib/base/printable.h"
+#include "lib/base/time.h"
 #include "lib/records/record.h"
 #include "os/terminal.h"
 
@@ -65,7 +67,7 @@ void putBody(const PutOptions& options, const Address& address, SecretBytes& byt
     Record record = recordFor(database, address);
     // A plaintext digest would let anyone test guesses of a weak secret.
     record.setBinary(attr::kSha256, sha256(bytes), /*encrypted=*/!options.plain);
-    record.setText(attr::kImported, printMoment(now()));
+    record.setText(attr::kImported, printTime(now()));
     if (!options.label.empty()) {
         record.setText(attr::kLabel, options.label);
     }

@@ -4,7 +4,9 @@
 
 #include <fmt/format.h>
 
-#include "lib/base/text.h"
+#include "lib/base/digits.h"
+#include "lib/base/printable.h"
+#include "lib/base/time.h"
 #include "lib/records/filter.h"
 
 namespace fstore {
@@ -38,10 +40,10 @@ Json toJson(const RecordInfo& info) {
     addText(json, "issuer", info.issuer);
     addText(json, "serial", info.serial);
     if (info.notBefore) {
-        json["notBefore"] = printMoment(*info.notBefore);
+        json["notBefore"] = printTime(*info.notBefore);
     }
     if (info.notAfter) {
-        json["notAfter"] = printMoment(*info.notAfter);
+        json["notAfter"] = printTime(*info.notAfter);
         json["expired"] = *info.notAfter < now();
     }
     if (!info.altNames.empty()) {

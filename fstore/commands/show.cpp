@@ -6,7 +6,6 @@
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
-#include "lib/base/text.h"
 #include "lib/records/filter.h"
 #include "lib/records/record.h"
 

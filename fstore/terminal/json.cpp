@@ -1,6 +1,6 @@
 #include "fstore/terminal/json.h"
 
-#include "lib/base/text.h"
+#include "lib/base/printable.h"
 
 namespace fstore {
 

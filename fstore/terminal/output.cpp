@@ -7,7 +7,7 @@
 #include <fmt/format.h>
 
 #include "fstore/terminal/json.h"
-#include "lib/base/text.h"
+#include "lib/base/printable.h"
 #include "os/files.h"
 #include "os/terminal.h"
 

@@ -5,7 +5,7 @@
 
 #include <fmt/format.h>
 
-#include "lib/base/text.h"
+#include "lib/base/printable.h"
 
 namespace fstore {
 namespace {

@@ -5,8 +5,9 @@
 
 #include <fmt/format.h>
 
+#include "lib/base/digits.h"
 #include "lib/base/error.h"
-#include "lib/base/text.h"
+#include "lib/base/printable.h"
 
 namespace fstore {
 namespace {

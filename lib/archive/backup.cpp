@@ -8,7 +8,7 @@
 #include "format/layout.h"
 #include "lib/archive/tree.h"
 #include "lib/base/error.h"
-#include "lib/base/text.h"
+#include "lib/base/time.h"
 #include "lib/database/beside.h"
 #include "lib/database/folders.h"
 #include "os/files.h"
@@ -84,7 +84,7 @@ RestoreReport restoreFrom(const os::File& first, const os::File& second, Databas
         throw Failure(kIo, "it changed while it was read");
     }
     settleCopy();
-    return {totals, exchangeForCopy(compactMoment(now()))};
+    return {totals, exchangeForCopy(compactTime(now()))};
 }
 
 }  // namespace

@@ -10,8 +10,8 @@
 #include <fmt/format.h>
 #include <openssl/rand.h>
 
+#include "lib/base/digits.h"
 #include "lib/base/error.h"
-#include "lib/base/text.h"
 #include "os/base.h"
 #include "os/files.h"
 #include "os/fs.h"

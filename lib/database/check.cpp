@@ -8,7 +8,7 @@
 #include "format/layout.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
-#include "lib/base/text.h"
+#include "lib/base/time.h"
 #include "lib/database/protection.h"
 
 namespace fstore {

@@ -10,9 +10,10 @@
 #include <fmt/format.h>
 
 #include "format/layout.h"
+#include "lib/base/digits.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
-#include "lib/base/text.h"
+#include "lib/base/time.h"
 #include "os/files.h"
 #include "os/fs.h"
 
@@ -124,7 +125,7 @@ void makeTop() {
 // Makes the folder for what goes at this time, under a name that is free.
 std::string makeFolderFor(std::int64_t time) {
     makeTop();
-    const std::string wanted = compactMoment(time);
+    const std::string wanted = compactTime(time);
     std::string name = wanted;
     for (int i = 2; os::mkdir(joined(layout::kLost, name).c_str(), S_IRWXU) != 0; ++i) {
         if (errno != EEXIST) {
@@ -255,7 +256,7 @@ bool parseFile(std::string_view text, LostPlan& plan) {
 bool parseLine(std::string_view line, LostPlan& plan) {
     const auto [head, rest] = cut(line);
     if (head == "time") {
-        const auto time = parseMoment(rest);
+        const auto time = parseTime(rest);
         plan.time = time.value_or(0);
         return time.has_value();
     }
@@ -361,7 +362,7 @@ void purgeLost(const std::string& name) {
 }
 
 std::string printPlan(const LostPlan& plan) {
-    std::string text = fmt::format("{}\ntime {}\nkey {}\n", kFirstLine, printMoment(plan.time),
+    std::string text = fmt::format("{}\ntime {}\nkey {}\n", kFirstLine, printTime(plan.time),
                                    plan.key ? toHex(*plan.key) : std::string(kNoKey));
     for (const LostFile& file : plan.files) {
         text += fmt::format("file {} {} {}\n", file.kind, escaped(file.path), escaped(file.reason));

@@ -9,7 +9,7 @@
 #include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
-#include "lib/base/text.h"
+#include "lib/base/time.h"
 #include "lib/database/beside.h"
 #include "lib/database/deep_read.h"
 #include "lib/database/folders.h"
@@ -38,7 +38,7 @@ void requireCopyable() {
 
 // A database in "./old_db" is somebody's, and the store would delete it for the next one.
 void keepWhatIsAside(Observer& observer) {
-    if (const std::string kept = keepPrevious(compactMoment(now())); !kept.empty()) {
+    if (const std::string kept = keepPrevious(compactTime(now())); !kept.empty()) {
         observer.note(fmt::format("the database before is kept as {}, with its password", kept));
     }
 }

@@ -9,8 +9,8 @@
 #include <openssl/kdf.h>
 #include <openssl/rand.h>
 
+#include "lib/base/digits.h"
 #include "lib/base/error.h"
-#include "lib/base/text.h"
 #include "lib/records/record.h"
 
 namespace fstore {

@@ -6,8 +6,8 @@
 #include <fmt/format.h>
 
 #include "format/layout.h"
+#include "lib/base/digits.h"
 #include "lib/base/error.h"
-#include "lib/base/text.h"
 #include "lib/pki/ossl.h"
 #include "lib/pki/text.h"
 #include "lib/records/record.h"

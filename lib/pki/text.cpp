@@ -6,7 +6,8 @@
 #include <arpa/inet.h>
 #include <fmt/format.h>
 
-#include "lib/base/text.h"
+#include "lib/base/digits.h"
+#include "lib/base/printable.h"
 #include "lib/pki/ossl.h"
 
 namespace fstore {

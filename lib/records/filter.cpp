@@ -1,12 +1,13 @@
 #include "lib/records/filter.h"
 
 #include <algorithm>
-#include <charconv>
 
 #include <fmt/format.h>
 
+#include "lib/base/digits.h"
 #include "lib/base/error.h"
-#include "lib/base/text.h"
+#include "lib/base/glob.h"
+#include "lib/base/time.h"
 
 namespace fstore {
 namespace {
@@ -48,18 +49,6 @@ std::string digitsOfNumber(std::string_view text) {
     digits = hexDigits(digits).value_or(std::string());
     digits.erase(0, std::min(digits.find_first_not_of('0'), digits.size()));
     return digits.empty() ? "0" : digits;
-}
-
-std::optional<std::uint32_t> parseNumber(std::string_view text) {
-    const bool hex = text.starts_with("0x") || text.starts_with("0X");
-    text.remove_prefix(hex ? 2 : 0);
-    std::uint32_t value = 0;
-    const auto [end, error] =
-        std::from_chars(text.data(), text.data() + text.size(), value, hex ? 16 : 10);
-    if (error != std::errc() || end != text.data() + text.size()) {
-        return std::nullopt;
-    }
-    return value;
 }
 
 }  // namespace
@@ -193,11 +182,6 @@ bool Filter::matchesAttribute(const Record& record, const Attribute& wanted) {
         }
     }
     return false;
-}
-
-bool hasPattern(std::string_view pattern, std::string_view text) {
-    const bool isPlain = pattern.find_first_of("*?[") == std::string_view::npos;
-    return matchesGlob(isPlain ? fmt::format("*{}*", pattern) : std::string(pattern), text);
 }
 
 std::optional<unsigned int> parseAttributeId(std::string_view text) {

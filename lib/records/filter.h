@@ -27,7 +27,7 @@ struct Filters {
 class Filter {
 public:
     // Throws kUsage for a period, number or attribute that cannot be read. `now` is
-    // the moment that expiry is counted from.
+    // the time that expiry is counted from.
     Filter(const Filters& filters, std::int64_t now);
 
     // Whether matches() needs to know the keys of the database.
@@ -56,10 +56,6 @@ private:
     std::vector<Attribute> attributes_;
     std::set<std::string> keys_;
 };
-
-// Whether a text has what the user looks for: a pattern that matches all of it, or
-// words without "*", "?" and "[" that stand anywhere in it; letters in either case.
-bool hasPattern(std::string_view pattern, std::string_view text);
 
 // An attribute's id as users write it: "0x8001", decimal, or the name of one that the
 // tool gives ("label"). None for anything else.

@@ -9,7 +9,6 @@
 #include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
-#include "lib/base/text.h"
 #include "os/files.h"
 #include "os/fs.h"
 

@@ -1,6 +1,7 @@
 #include "lib/records/record_info.h"
 
-#include "lib/base/text.h"
+#include "lib/base/digits.h"
+#include "lib/base/time.h"
 #include "lib/records/record.h"
 
 namespace fstore {
@@ -23,9 +24,9 @@ void addText(RecordInfo& info, unsigned int id, std::string_view text) {
             field = text;
         }
     };
-    const auto setMoment = [text](std::optional<std::int64_t>& field) {
+    const auto setTime = [text](std::optional<std::int64_t>& field) {
         if (!field) {
-            field = parseMoment(text);
+            field = parseTime(text);
         }
     };
     switch (id) {
@@ -38,9 +39,9 @@ void addText(RecordInfo& info, unsigned int id, std::string_view text) {
         case attr::kKeyAlgorithm:
             return set(info.keyAlgorithm);
         case attr::kNotBefore:
-            return setMoment(info.notBefore);
+            return setTime(info.notBefore);
         case attr::kNotAfter:
-            return setMoment(info.notAfter);
+            return setTime(info.notAfter);
         case attr::kAltName:
             info.altNames.emplace_back(text);
             return;

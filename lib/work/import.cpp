@@ -4,8 +4,9 @@
 
 #include <fmt/format.h>
 
+#include "lib/base/digits.h"
 #include "lib/base/error.h"
-#include "lib/base/text.h"
+#include "lib/base/time.h"
 #include "lib/pki/text.h"
 
 namespace fstore {
@@ -181,7 +182,7 @@ void Importer::fill(Record& record, const PkiObject& object, const std::string& 
     if (!label.empty()) {
         record.setText(attr::kLabel, label);
     }
-    record.setText(attr::kImported, printMoment(now()));
+    record.setText(attr::kImported, printTime(now()));
     record.setBody(object.der, wantsSecrecy(object, rules_));
 }
 

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "lib/base/text.h"
+#include "lib/base/printable.h"
 
 namespace fstore {
 namespace {

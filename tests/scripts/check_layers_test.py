@@ -26,7 +26,7 @@ GOOD = [
     ("lib/database/database.cpp", '"lib/records/record.h"'),
     ("lib/database/database.cpp", '"host/store_host.h"'),
     ("lib/pki/decode.cpp", "<openssl/x509.h>"),
-    ("fstore/terminal/output.cpp", '"lib/base/text.h"'),
+    ("fstore/terminal/output.cpp", '"lib/base/printable.h"'),
     ("fstore/commands/show.cpp", '"lib/pki/object.h"'),
     ("fstore/main.cpp", '"fstore/commands/cli.h"'),
     ("fstore/commands/cli.cpp", "<CLI/CLI.hpp>"),

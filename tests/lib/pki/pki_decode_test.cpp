@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "lib/base/text.h"
+#include "lib/base/digits.h"
 #include "lib/pki/decode.h"
 #include "lib/pki/ossl.h"
 #include "tests/lib/pki/pki_files.h"

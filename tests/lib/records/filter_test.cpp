@@ -7,13 +7,6 @@
 namespace fstore {
 namespace {
 
-TEST(PatternTest, PlainWordsStandAnywhere) {
-    EXPECT_TRUE(hasPattern("example", "CN=www.EXAMPLE.org"));
-    EXPECT_FALSE(hasPattern("example*", "CN=www.example.org"));
-    EXPECT_TRUE(hasPattern("*example*", "CN=www.example.org"));
-    EXPECT_TRUE(hasPattern("", ""));
-}
-
 TEST(AttributeIdTest, IsANumberOrAName) {
     EXPECT_EQ(0x8001u, parseAttributeId("0x8001"));
     EXPECT_EQ(32769u, parseAttributeId("32769"));
