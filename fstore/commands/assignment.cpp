@@ -8,7 +8,7 @@
 #include "lib/base/digits.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
-#include "lib/records/filter.h"
+#include "lib/records/attributes.h"
 
 namespace fstore {
 namespace {

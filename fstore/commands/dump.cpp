@@ -8,8 +8,8 @@
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
 #include "lib/base/files.h"
+#include "lib/records/attributes.h"
 #include "lib/records/descriptor.h"
-#include "lib/records/filter.h"
 #include "lib/records/record.h"
 
 namespace fstore {

@@ -7,7 +7,7 @@
 #include "lib/base/digits.h"
 #include "lib/base/printable.h"
 #include "lib/base/time.h"
-#include "lib/records/filter.h"
+#include "lib/records/attributes.h"
 
 namespace fstore {
 namespace {

@@ -6,7 +6,7 @@
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
-#include "lib/records/filter.h"
+#include "lib/records/attributes.h"
 #include "lib/records/record.h"
 
 namespace fstore {

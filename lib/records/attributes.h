@@ -1,4 +1,4 @@
-// The attributes that the tool gives to records, by id, and their types.
+// The attributes that the tool gives to records: ids, names, types and what they mean.
 //
 // They are part of what is on disk and never change their meaning. Only binary
 // attributes may be kept encrypted; what is secret among the others is stored as
@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -19,41 +20,97 @@ namespace fstore {
 
 namespace attr {
 
-// Whether the tool knows what is in the record, and what it is.
-inline constexpr unsigned int kSchema = 0x100;  // kTypeNumber, 1
-inline constexpr unsigned int kKind = 0x101;    // kTypeNumber, one of Kind
-inline constexpr unsigned int kLabel = 0x102;   // kTypeText
+inline constexpr unsigned int kSchema = 0x100;
+inline constexpr unsigned int kKind = 0x101;
+inline constexpr unsigned int kLabel = 0x102;
+inline constexpr unsigned int kSubject = 0x103;
+inline constexpr unsigned int kIssuer = 0x104;
+inline constexpr unsigned int kSerial = 0x105;
+inline constexpr unsigned int kNotBefore = 0x106;
+inline constexpr unsigned int kNotAfter = 0x107;
+inline constexpr unsigned int kSubjectSha256 = 0x108;
+inline constexpr unsigned int kSha256 = 0x109;
+inline constexpr unsigned int kKeyAlgorithm = 0x10A;
+inline constexpr unsigned int kKeySha256 = 0x10B;
+inline constexpr unsigned int kSubjectKeyId = 0x10C;
+inline constexpr unsigned int kAuthorityKeyId = 0x10D;
+inline constexpr unsigned int kAltName = 0x10E;
+inline constexpr unsigned int kBits = 0x10F;
+inline constexpr unsigned int kCrlNumber = 0x110;
+inline constexpr unsigned int kImported = 0x111;
 
-// Of a certificate, CRL or request.
-inline constexpr unsigned int kSubject = 0x103;         // kTypeText, RFC 4514
-inline constexpr unsigned int kIssuer = 0x104;          // kTypeText, RFC 4514
-inline constexpr unsigned int kSerial = 0x105;          // kTypeBinary, big-endian
-inline constexpr unsigned int kNotBefore = 0x106;       // kTypeText, RFC 3339; thisUpdate of a CRL
-inline constexpr unsigned int kNotAfter = 0x107;        // kTypeText, RFC 3339; nextUpdate of a CRL
-inline constexpr unsigned int kSubjectSha256 = 0x108;   // kTypeBinary, of the subject's DER
-inline constexpr unsigned int kSha256 = 0x109;          // kTypeBinary, of the body in plain form
-inline constexpr unsigned int kKeyAlgorithm = 0x10A;    // kTypeText, "RSA-2048", "EC-P-256"
-inline constexpr unsigned int kKeySha256 = 0x10B;       // kTypeBinary, of the public key info
-inline constexpr unsigned int kSubjectKeyId = 0x10C;    // kTypeBinary
-inline constexpr unsigned int kAuthorityKeyId = 0x10D;  // kTypeBinary
-inline constexpr unsigned int kAltName = 0x10E;         // kTypeText, one attribute a name
-inline constexpr unsigned int kBits = 0x10F;            // kTypeNumber, kIsCa | kIsSelfIssued
-inline constexpr unsigned int kCrlNumber = 0x110;       // kTypeBinary
-inline constexpr unsigned int kImported = 0x111;        // kTypeText, RFC 3339
-
+// Of the value of kBits.
 inline constexpr unsigned int kIsCa = 1;
 inline constexpr unsigned int kIsSelfIssued = 2;
-
-// Whether it is a text by its meaning. One that is kept encrypted has type kTypeBinary.
-constexpr bool isText(unsigned int id) {
-    return id == kLabel || id == kSubject || id == kIssuer || id == kNotBefore || id == kNotAfter ||
-           id == kKeyAlgorithm || id == kAltName || id == kImported;
-}
 
 // Ids from here on are the user's.
 inline constexpr unsigned int kFirstOfUser = 0x8000;
 
+struct Known {
+    unsigned int id;
+    std::string_view name;  // in commands and in what they print
+    unsigned int type;      // of its meaning; one that is kept encrypted has kTypeBinary
+    bool isOfBody;          // follows from the body, and is as secret as that
+    std::string_view meaning;
+};
+
+// By id, without a gap. filestore(5) has the same table.
+inline constexpr Known kKnown[] = {
+    {kSchema, "schema", kTypeNumber, false, "1, the version of this table"},
+    {kKind, "kind", kTypeNumber, false,
+     "kind: 1 certificate, 2 CRL, 3 key, 4 request, 5 other bytes"},
+    {kLabel, "label", kTypeText, false, "label"},
+    {kSubject, "subject", kTypeText, true, "subject, as RFC 4514 writes it"},
+    {kIssuer, "issuer", kTypeText, true, "issuer"},
+    {kSerial, "serial", kTypeBinary, true, "serial number: its magnitude, the highest byte first"},
+    {kNotBefore, "not-before", kTypeText, true, "notBefore or thisUpdate, RFC 3339 in UTC"},
+    {kNotAfter, "not-after", kTypeText, true, "notAfter or nextUpdate"},
+    {kSubjectSha256, "subject-sha256", kTypeBinary, true, "SHA-256 of the subject's DER"},
+    {kSha256, "sha256", kTypeBinary, true, "SHA-256 of the body in plain form"},
+    {kKeyAlgorithm, "key-algorithm", kTypeText, true,
+     "key algorithm: \"RSA-2048\", \"EC-P-256\", \"Ed25519\""},
+    {kKeySha256, "key-sha256", kTypeBinary, true,
+     "SHA-256 of the public key's DER, SubjectPublicKeyInfo"},
+    {kSubjectKeyId, "subject-key-id", kTypeBinary, true, "subject key identifier"},
+    {kAuthorityKeyId, "authority-key-id", kTypeBinary, true, "authority key identifier"},
+    {kAltName, "alt-name", kTypeText, true,
+     "a subject alternative name, \"DNS:example.com\"; one attribute each"},
+    {kBits, "bits", kTypeNumber, true, "bits: 1 a CA, 2 self-issued"},
+    {kCrlNumber, "crl-number", kTypeBinary, true, "CRL number"},
+    {kImported, "imported", kTypeText, false, "time of import"},
+};
+
+// Null for an id that is not in the table.
+constexpr const Known* find(unsigned int id) {
+    return id >= kSchema && id - kSchema < std::size(kKnown) ? &kKnown[id - kSchema] : nullptr;
+}
+
+static_assert([] {
+    for (const Known& known : kKnown) {
+        if (find(known.id) != &known) {
+            return false;
+        }
+    }
+    return true;
+}());
+
+// Whether it is a text by its meaning.
+constexpr bool isText(unsigned int id) {
+    const Known* const known = find(id);
+    return known != nullptr && known->type == kTypeText;
+}
+
 }  // namespace attr
+
+// "label", "subject", ...; empty for an id that has no name.
+constexpr std::string_view attributeName(unsigned int id) {
+    const attr::Known* const known = attr::find(id);
+    return known != nullptr ? known->name : std::string_view();
+}
+
+// An attribute's id as users write it: "0x8001", decimal, or the name of one that the
+// tool gives ("label"). None for anything else.
+std::optional<unsigned int> parseAttributeId(std::string_view text);
 
 // What the bytes of an attribute stand for.
 inline std::string_view asText(std::span<const unsigned char> bytes) {
@@ -79,6 +136,9 @@ enum class Kind : unsigned int {
     kRequest = 4,
     kRaw = 5
 };
+
+// "certificate", "crl", "key", "request", "raw"; "record" for one of an unknown kind.
+const char* nameOf(Kind kind);
 
 }  // namespace fstore
 

@@ -12,32 +12,6 @@
 namespace fstore {
 namespace {
 
-struct Name {
-    unsigned int id;
-    std::string_view name;
-};
-
-constexpr Name kNames[] = {
-    {attr::kSchema, "schema"},
-    {attr::kKind, "kind"},
-    {attr::kLabel, "label"},
-    {attr::kSubject, "subject"},
-    {attr::kIssuer, "issuer"},
-    {attr::kSerial, "serial"},
-    {attr::kNotBefore, "not-before"},
-    {attr::kNotAfter, "not-after"},
-    {attr::kSubjectSha256, "subject-sha256"},
-    {attr::kSha256, "sha256"},
-    {attr::kKeyAlgorithm, "key-algorithm"},
-    {attr::kKeySha256, "key-sha256"},
-    {attr::kSubjectKeyId, "subject-key-id"},
-    {attr::kAuthorityKeyId, "authority-key-id"},
-    {attr::kAltName, "alt-name"},
-    {attr::kBits, "bits"},
-    {attr::kCrlNumber, "crl-number"},
-    {attr::kImported, "imported"},
-};
-
 [[noreturn]] void failOption(const char* option, const std::string& value, const char* expected) {
     throw Failure(kUsage, fmt::format("{} {}: {}", option, value, expected));
 }
@@ -182,24 +156,6 @@ bool Filter::matchesAttribute(const Record& record, const Attribute& wanted) {
         }
     }
     return false;
-}
-
-std::optional<unsigned int> parseAttributeId(std::string_view text) {
-    for (const Name& known : kNames) {
-        if (known.name == text) {
-            return known.id;
-        }
-    }
-    return parseNumber(text);
-}
-
-std::string_view attributeName(unsigned int id) {
-    for (const Name& known : kNames) {
-        if (known.id == id) {
-            return known.name;
-        }
-    }
-    return {};
 }
 
 }  // namespace fstore

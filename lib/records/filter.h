@@ -57,13 +57,6 @@ private:
     std::set<std::string> keys_;
 };
 
-// An attribute's id as users write it: "0x8001", decimal, or the name of one that the
-// tool gives ("label"). None for anything else.
-std::optional<unsigned int> parseAttributeId(std::string_view text);
-
-// "label", "subject", ...; empty for an id that has no name.
-std::string_view attributeName(unsigned int id);
-
 }  // namespace fstore
 
 #endif  // LIB_RECORDS_FILTER_H

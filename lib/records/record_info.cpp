@@ -96,22 +96,4 @@ RecordInfo infoOf(const Record& record) {
     return info;
 }
 
-const char* nameOf(Kind kind) {
-    switch (kind) {
-        case Kind::kCertificate:
-            return "certificate";
-        case Kind::kCrl:
-            return "crl";
-        case Kind::kKey:
-            return "key";
-        case Kind::kRequest:
-            return "request";
-        case Kind::kRaw:
-            return "raw";
-        case Kind::kUnknown:
-            break;
-    }
-    return "record";
-}
-
 }  // namespace fstore

@@ -30,9 +30,6 @@ struct RecordInfo {
 // What can be read of the record now: of one that is not decrypted, what is kept plain.
 RecordInfo infoOf(const Record& record);
 
-// "certificate", "crl", "key", "request", "raw"; "record" for one of an unknown kind.
-const char* nameOf(Kind kind);
-
 }  // namespace fstore
 
 #endif  // LIB_RECORDS_RECORD_INFO_H

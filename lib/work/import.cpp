@@ -24,11 +24,6 @@ const PkiObject* onlyKey(const std::vector<const PkiObject*>& objects) {
     return *std::ranges::find_if(objects, isKey);
 }
 
-// Attributes that say nothing about the contents.
-bool isHarmless(unsigned int id) {
-    return id == attr::kSchema || id == attr::kKind || id == attr::kLabel || id == attr::kImported;
-}
-
 std::span<const unsigned char> bytesOf(const PkiAttribute& attribute) {
     if (const auto* const text = std::get_if<std::string>(&attribute.value)) {
         return {reinterpret_cast<const unsigned char*>(text->data()), text->size()};
@@ -177,7 +172,7 @@ Importer::Result Importer::replace(const PkiObject& object, const std::string& l
 
 void Importer::fill(Record& record, const PkiObject& object, const std::string& label) const {
     for (const PkiAttribute& attribute : object.attributes) {
-        addAttribute(record, attribute, rules_.encrypt && !isHarmless(attribute.id));
+        addAttribute(record, attribute, rules_.encrypt && attr::find(attribute.id)->isOfBody);
     }
     if (!label.empty()) {
         record.setText(attr::kLabel, label);

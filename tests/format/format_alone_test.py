@@ -15,7 +15,7 @@ PRODUCT = ["os", "cmn", "api", "client", "store", "service", "host", "lib", "fst
 
 # Literals that only look like names on disk, and why. Each must be there.
 EXCEPTIONS = {
-    ("lib/records/record_info.cpp", "key"): "the kind of a record, in the words of users",
+    ("lib/records/attributes.cpp", "key"): "the kind of a record, in the words of users",
     ("fstore/commands/info.cpp", "old_db     is there, with the password before"): "for users",
     ("lib/database/lost.cpp", "key"): "a word of a plan",
     ("fstore/commands/export.cpp", "key"): "a name in JSON",

@@ -130,6 +130,21 @@ TEST(PkiObjectTest, AttributesStandInTheOrderOfTheirIds) {
     }
 }
 
+TEST(PkiObjectTest, AttributesHaveTheTypesOfTheTable) {
+    constexpr unsigned int kTypes[] = {kTypeNumber, kTypeText, kTypeBinary};  // by the variant
+    const std::pair<Kind, const char*> rows[] = {{Kind::kCertificate, "leaf.der"},
+                                                 {Kind::kCrl, "crl.der"},
+                                                 {Kind::kRequest, "request.der"},
+                                                 {Kind::kKey, "rsa.key.der"}};
+    for (const auto& [kind, name] : rows) {
+        for (const PkiAttribute& attribute : read(kind, name).attributes) {
+            const attr::Known* const known = attr::find(attribute.id);
+            ASSERT_NE(nullptr, known) << attribute.id;
+            EXPECT_EQ(known->type, kTypes[attribute.value.index()]) << known->name;
+        }
+    }
+}
+
 TEST(PkiObjectTest, CrlTellsWhatOpensslSays) {
     auto said = files().said("crl");
     const PkiObject object = read(Kind::kCrl, "crl.der");

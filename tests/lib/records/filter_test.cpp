@@ -7,17 +7,6 @@
 namespace fstore {
 namespace {
 
-TEST(AttributeIdTest, IsANumberOrAName) {
-    EXPECT_EQ(0x8001u, parseAttributeId("0x8001"));
-    EXPECT_EQ(32769u, parseAttributeId("32769"));
-    EXPECT_EQ(attr::kLabel, parseAttributeId("label"));
-    EXPECT_EQ("label", attributeName(attr::kLabel));
-    EXPECT_EQ("", attributeName(0x8001));
-    for (const char* const text : {"", "0x", "label ", "-1", "0x100000000", "1x", "Label"}) {
-        EXPECT_FALSE(parseAttributeId(text)) << text;
-    }
-}
-
 TEST(FilterTest, RefusesWhatCannotBeRead) {
     const auto statusOf = [](const auto& set) {
         Filters filters;
