@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include "lib/base/error.h"
+#include "lib/records/catalogue.h"
+#include "lib/records/record.h"
 
 namespace fstore {
 

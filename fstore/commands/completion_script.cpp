@@ -12,7 +12,7 @@
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/records/address.h"
-#include "lib/records/record.h"
+#include "lib/records/catalogue.h"
 #include "os/process.h"
 
 namespace fstore {

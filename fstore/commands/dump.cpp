@@ -9,8 +9,8 @@
 #include "fstore/commands/record_json.h"
 #include "lib/base/files.h"
 #include "lib/records/attributes.h"
+#include "lib/records/catalogue.h"
 #include "lib/records/descriptor.h"
-#include "lib/records/record.h"
 
 namespace fstore {
 namespace {

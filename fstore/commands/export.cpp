@@ -16,6 +16,9 @@
 #include "lib/pki/chain.h"
 #include "lib/pki/encode.h"
 #include "lib/pki/object.h"
+#include "lib/records/catalogue.h"
+#include "lib/records/record.h"
+#include "lib/records/record_info.h"
 #include "os/terminal.h"
 
 namespace fstore {

@@ -9,7 +9,7 @@
 #include "lib/base/files.h"
 #include "lib/database/folders.h"
 #include "lib/database/lost.h"
-#include "lib/records/record.h"
+#include "lib/records/catalogue.h"
 
 namespace fstore {
 namespace {

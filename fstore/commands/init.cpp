@@ -6,7 +6,7 @@
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/terminal/json.h"
-#include "lib/records/record.h"
+#include "lib/records/catalogue.h"
 
 namespace fstore {
 namespace {

@@ -13,8 +13,10 @@
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
 #include "lib/base/time.h"
+#include "lib/records/catalogue.h"
 #include "lib/records/filter.h"
 #include "lib/records/record.h"
+#include "lib/records/record_info.h"
 
 namespace fstore {
 namespace {

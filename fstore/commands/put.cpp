@@ -11,8 +11,11 @@
 #include "lib/base/digits.h"
 #include "lib/base/files.h"
 #include "lib/base/printable.h"
+#include "lib/base/sha256.h"
 #include "lib/base/time.h"
+#include "lib/records/catalogue.h"
 #include "lib/records/record.h"
+#include "lib/records/record_info.h"
 #include "os/terminal.h"
 
 namespace fstore {
@@ -81,7 +84,7 @@ Status runPut(const PutOptions& options, Context& context) {
     const Address address = parseNewAddress(options.address);
     refuseInternal(address);
     context.standardInput.claimIfNamed(options.file, "the body");
-    SecretBytes bytes = InputFile(options.file).readAll(kMostBody);
+    SecretBytes bytes = InputFile(options.file).readAll(Record::kMostBody);
     if (bytes.empty() && options.plain) {
         throw Failure(kInvalid,
                       "an empty body cannot be kept in plain form; without --plain-body "

@@ -5,6 +5,7 @@
 #include "fstore/terminal/json.h"
 #include "lib/base/error.h"
 #include "lib/records/record.h"
+#include "lib/records/record_info.h"
 
 namespace fstore {
 

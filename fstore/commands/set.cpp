@@ -9,6 +9,7 @@
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
 #include "lib/records/record.h"
+#include "lib/records/record_info.h"
 
 namespace fstore {
 namespace {

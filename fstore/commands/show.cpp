@@ -7,7 +7,9 @@
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
 #include "lib/records/attributes.h"
+#include "lib/records/catalogue.h"
 #include "lib/records/record.h"
+#include "lib/records/record_info.h"
 
 namespace fstore {
 namespace {

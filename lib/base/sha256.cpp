@@ -31,4 +31,10 @@ Sha256Digest Sha256::finish() {
     return digest;
 }
 
+Sha256Digest sha256(std::span<const unsigned char> bytes) {
+    Sha256 whole;
+    whole.add(bytes);
+    return whole.finish();
+}
+
 }  // namespace fstore

@@ -1,4 +1,4 @@
-// SHA-256 of bytes that come in pieces. One thread's.
+// SHA-256.
 #ifndef LIB_BASE_SHA256_H
 #define LIB_BASE_SHA256_H
 
@@ -13,7 +13,8 @@ namespace fstore {
 
 using Sha256Digest = std::array<unsigned char, 32>;
 
-// Throws kIo when OpenSSL refuses, which no input makes it do.
+// Of bytes that come in pieces. One thread's. Throws kIo when OpenSSL refuses, which no input
+// makes it do.
 class Sha256 {
 public:
     Sha256();
@@ -30,6 +31,9 @@ private:
     };
     std::unique_ptr<EVP_MD_CTX, Free> context_;
 };
+
+// Of bytes that are all there.
+Sha256Digest sha256(std::span<const unsigned char> bytes);
 
 }  // namespace fstore
 

@@ -1,8 +1,12 @@
 #include "lib/database/deep_read.h"
 
+#include <algorithm>
+
 #include <fmt/format.h>
 
 #include "lib/base/sha256.h"
+#include "lib/records/catalogue.h"
+#include "lib/records/record.h"
 
 namespace fstore {
 namespace {
@@ -71,7 +75,7 @@ DeepReport readEverything(Observer& observer, const std::string& what) {
 
 void checkBody(const Record& record) {
     const auto expected = record.binary(attr::kSha256);
-    if (expected && *expected != sha256(record.body())) {
+    if (expected && !std::ranges::equal(*expected, sha256(record.body()))) {
         throw Failure(kMalformed,
                       fmt::format("the body of {} is not the one that its SHA-256 was taken of",
                                   record.address().print()),

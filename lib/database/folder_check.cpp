@@ -13,6 +13,7 @@
 #include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
+#include "lib/base/sha256.h"
 #include "lib/records/descriptor.h"
 #include "lib/records/record.h"
 

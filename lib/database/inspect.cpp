@@ -10,7 +10,7 @@
 #include "lib/database/folder_check.h"
 #include "lib/database/folders.h"
 #include "lib/database/lost.h"
-#include "lib/records/record.h"
+#include "lib/records/catalogue.h"
 #include "os/fs.h"
 
 namespace fstore {

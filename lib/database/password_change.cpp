@@ -14,7 +14,7 @@
 #include "lib/database/deep_read.h"
 #include "lib/database/folders.h"
 #include "lib/database/recovery.h"
-#include "lib/records/record.h"
+#include "lib/records/catalogue.h"
 
 namespace fstore {
 namespace {

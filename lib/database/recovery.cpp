@@ -7,7 +7,7 @@
 #include "format/record_name.h"
 #include "lib/base/files.h"
 #include "lib/database/folders.h"
-#include "lib/records/record.h"
+#include "lib/records/catalogue.h"
 
 namespace fstore {
 namespace {

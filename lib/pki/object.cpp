@@ -8,9 +8,9 @@
 #include "format/layout.h"
 #include "lib/base/digits.h"
 #include "lib/base/error.h"
+#include "lib/base/sha256.h"
 #include "lib/pki/ossl.h"
 #include "lib/pki/text.h"
-#include "lib/records/record.h"
 
 namespace fstore {
 namespace {
@@ -60,9 +60,14 @@ private:
     PkiObject& object_;
 };
 
+Bytes sha256Of(std::span<const unsigned char> bytes) {
+    const Sha256Digest digest = sha256(bytes);
+    return {digest.begin(), digest.end()};
+}
+
 template <auto Encode, class T>
 Bytes digestOf(const T* object) {
-    return sha256(ossl::encoded<Encode>(object));
+    return sha256Of(ossl::encoded<Encode>(object));
 }
 
 std::string titleFrom(const X509_NAME* name, const GENERAL_NAMES* names) {
@@ -222,7 +227,7 @@ PkiObject readPkiObject(Kind kind, SecretBytes der) {
         throw Failure(kMalformed, fmt::format("the {} is too large: {} bytes", nameOf(kind),
                                               object.der.size()));
     }
-    object.sha256 = sha256(object.der);
+    object.sha256 = sha256Of(object.der);
     Description to(object);
     to.number(attr::kSchema, 1);
     to.number(attr::kKind, static_cast<std::uint32_t>(kind));

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "lib/records/record.h"
+#include "lib/records/record_info.h"
 
 namespace fstore {
 

@@ -1,12 +1,11 @@
 // A record of the database, read and written whole, with failures that say which
-// record they are about; and what its attributes tell.
+// record they are about.
 //
 // Needs a Database that was entered (lib/database/database.h). For one thread.
 #ifndef LIB_RECORDS_RECORD_H
 #define LIB_RECORDS_RECORD_H
 
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -14,16 +13,18 @@
 #include <vector>
 
 #include "client/file_store_exp.h"
-#include "lib/base/files.h"
+#include "lib/base/error.h"
 #include "lib/records/address.h"
 #include "lib/records/attributes.h"
 #include "lib/records/body_owners.h"
-#include "lib/records/record_info.h"
 
 namespace fstore {
 
 class Record {
 public:
+    // The most bytes that a body can have, encrypted or not.
+    static constexpr std::uint64_t kMostBody = 0xFFFFFFFF - 64;
+
     // A new record of this address, with nothing in it and not on disk.
     explicit Record(Address address);
 
@@ -108,32 +109,9 @@ private:
     bool readable_ = true;
 };
 
-// The most bytes that a body can have, encrypted or not.
-inline constexpr std::uint64_t kMostBody = 0xFFFFFFFF - 64;
-
-// Throws kMissing unless the folder is there, as a folder and not as a link to one.
-void requireFolder(const std::string& folder);
-
-std::vector<unsigned char> sha256(std::span<const unsigned char> bytes);
-
-// The folders below "db" that are there, their parents before them; the first is "db"
-// itself, as the empty text.
-std::vector<std::string> allFolders();
-
-// Calls visit(folder, what is in it, in no order) for each of them.
-using FolderVisitor = std::function<void(const std::string&, const std::vector<FolderEntry>&)>;
-void visitFolders(const FolderVisitor& visit);
-
-// The records of one folder, by name. What a crash left behind must have been
-// repaired: listing would do it otherwise.
-std::vector<Address> recordsOf(const std::string& folder);
-
-// All records but the internal ones, by folder and name.
-std::vector<Address> allRecords();
-
-// The record that the user's words stand for. Throws kMissing for none and kInvalid
-// when there are several.
-Address resolve(std::string_view text);
+// What is thrown where the modules give no object, and for an address without a record.
+Failure noService();
+Failure noRecord(std::string_view address);
 
 }  // namespace fstore
 

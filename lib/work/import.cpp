@@ -8,6 +8,9 @@
 #include "lib/base/error.h"
 #include "lib/base/time.h"
 #include "lib/pki/text.h"
+#include "lib/records/catalogue.h"
+#include "lib/records/record.h"
+#include "lib/records/record_info.h"
 
 namespace fstore {
 namespace {

@@ -16,6 +16,7 @@
 #include "lib/database/database.h"
 #include "lib/pki/decode.h"
 #include "lib/records/record.h"
+#include "lib/records/record_info.h"
 
 namespace fstore {
 

@@ -1,0 +1,41 @@
+// What records a database has, folder by folder, and which of them a user means.
+//
+// Needs a Database that was entered (lib/database/database.h). For one thread.
+#ifndef LIB_RECORDS_CATALOGUE_H
+#define LIB_RECORDS_CATALOGUE_H
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "lib/base/files.h"
+#include "lib/records/address.h"
+
+namespace fstore {
+
+// Throws kMissing unless the folder is there, as a folder and not as a link to one.
+void requireFolder(const std::string& folder);
+
+// The folders below "db" that are there, their parents before them; the first is "db"
+// itself, as the empty text.
+std::vector<std::string> allFolders();
+
+// Calls visit(folder, what is in it, in no order) for each of them.
+using FolderVisitor = std::function<void(const std::string&, const std::vector<FolderEntry>&)>;
+void visitFolders(const FolderVisitor& visit);
+
+// The records of one folder, by name. What a crash left behind must have been
+// repaired: listing would do it otherwise.
+std::vector<Address> recordsOf(const std::string& folder);
+
+// All records but the internal ones, by folder and name.
+std::vector<Address> allRecords();
+
+// The record that the user's words stand for. Throws kMissing for none and kInvalid
+// when there are several.
+Address resolve(std::string_view text);
+
+}  // namespace fstore
+
+#endif  // LIB_RECORDS_CATALOGUE_H
