@@ -43,9 +43,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const Status status = decrypt(*cipher, message, plain);
     require(status == kIo || status == kMalformed);  // nobody but us has the key
 
-    aBuf sealed("");
-    require(cipher->encrypt(view(message), *sealed.target()) == kOk);
-    std::string frame(reinterpret_cast<const char*>(sealed.datap()), sealed.len());
+    aBuf encrypted("");
+    require(cipher->encrypt(view(message), *encrypted.target()) == kOk);
+    std::string frame(reinterpret_cast<const char*>(encrypted.datap()), encrypted.len());
     require(frame.size() == message.size() + GcmFrame::kOverhead);
     require(decrypt(*cipher, frame, plain) == kOk && plain == message);
     require(decrypt(*cipher, frame + 'x', plain) != kOk);

@@ -174,7 +174,7 @@ void append(SecretBytes& bytes, const SecretBytes& more) {
 SecretBytes encodePem(const Selection& selection, const SecretText* password) {
     SecretBytes text;
     if (selection.key) {
-        append(text, password != nullptr ? pemOfSealed(sealedKey(*selection.key, *password))
+        append(text, password != nullptr ? pemOfEncrypted(encryptedKey(*selection.key, *password))
                                          : pemOf(Kind::kKey, *selection.key));
     }
     for (const SecretBytes& certificate : selection.certificates) {
@@ -188,7 +188,7 @@ SecretBytes encodePem(const Selection& selection, const SecretText* password) {
 
 SecretBytes encodeDer(const Selection& selection, const SecretText* password) {
     if (selection.key) {
-        return password != nullptr ? sealedKey(*selection.key, *password) : *selection.key;
+        return password != nullptr ? encryptedKey(*selection.key, *password) : *selection.key;
     }
     return selection.certificates.empty() ? selection.other : selection.certificates.front();
 }

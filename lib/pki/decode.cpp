@@ -23,7 +23,7 @@ using Content = decltype(PkiPart::content);
 
 constexpr std::string_view kCipherField = "DEK-Info:";
 
-bool isSealed(const PemContent& content) {
+bool isEncrypted(const PemContent& content) {
     return content.header.find("ENCRYPTED") != std::string::npos ||
            content.header.find(kCipherField) != std::string::npos;
 }
@@ -105,7 +105,7 @@ std::optional<std::vector<PkiPart>> partsOfBinary(Bytes bytes, FilePassword& pas
     if (auto parts = partsOfPkcs12(bytes, password)) {
         return parts;
     }
-    if (auto key = keyFromSealed(bytes, password)) {
+    if (auto key = keyFromEncrypted(bytes, password)) {
         return single(keyObject(std::move(key)));
     }
     if (auto key = keyFromPlain(bytes)) {
@@ -134,9 +134,9 @@ std::optional<PkiObject> objectOfType(const std::string& type, PemContent& conte
         return readPkiObject(Kind::kRequest, std::move(content.der));
     }
     if (type == "ENCRYPTED PRIVATE KEY") {
-        return keyObject(keyFromSealed(content.der, password));
+        return keyObject(keyFromEncrypted(content.der, password));
     }
-    if (isKeyType(type) && isSealed(content)) {
+    if (isKeyType(type) && isEncrypted(content)) {
         return readPkiObject(Kind::kKey, keyFromHeader(std::move(content), password));
     }
     if (isKeyType(type)) {
@@ -148,7 +148,8 @@ std::optional<PkiObject> objectOfType(const std::string& type, PemContent& conte
 // What stands behind the first object of a block, taken off: other programs pass it over.
 std::size_t takeExcess(const std::string& type, PemContent& content) {
     const auto end = endOfSequence(content.der);
-    if (!end || *end >= content.der.size() || isSealed(content) || type == "TRUSTED CERTIFICATE") {
+    if (!end || *end >= content.der.size() || isEncrypted(content) ||
+        type == "TRUSTED CERTIFICATE") {
         return 0;
     }
     const std::size_t excess = content.der.size() - static_cast<std::size_t>(*end);

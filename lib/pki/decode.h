@@ -2,8 +2,8 @@
 // them, one in DER, or PKCS#12, told apart by content.
 //
 // Each part of a file succeeds or fails by itself. Nothing is passed over without a
-// word but what stands outside of PEM blocks. Hostile input costs memory in proportion to its size,
-// and never more time than a password with kMostIterations does.
+// word but what stands outside of PEM blocks. Hostile input costs memory in proportion
+// to its size, and never more time than a password with kMostIterations does.
 #ifndef LIB_PKI_DECODE_H
 #define LIB_PKI_DECODE_H
 

@@ -56,22 +56,22 @@ SecretBytes pemOf(Kind kind, Bytes der) {
     throw Failure(kInvalid, "this record has no PEM form");
 }
 
-SecretBytes sealedKey(Bytes pkcs8, const SecretText& password) {
+SecretBytes encryptedKey(Bytes pkcs8, const SecretText& password) {
     const ossl::QuietErrors quiet;
     constexpr int kByCipher = -1;  // the scheme follows from the cipher: PBES2
     const ossl::KeyInfo info = keyInfoOf(pkcs8);
-    const ossl::Sealed sealed(PKCS8_encrypt(kByCipher, EVP_aes_256_cbc(), password.c_str(),
-                                            static_cast<int>(password.size()), nullptr, kSaltSize,
-                                            kWrittenIterations, info.get()));
-    SecretBytes der = ossl::encoded<i2d_X509_SIG>(sealed.get());
+    const ossl::EncryptedKey encrypted(PKCS8_encrypt(kByCipher, EVP_aes_256_cbc(), password.c_str(),
+                                                     static_cast<int>(password.size()), nullptr,
+                                                     kSaltSize, kWrittenIterations, info.get()));
+    SecretBytes der = ossl::encoded<i2d_X509_SIG>(encrypted.get());
     if (der.empty()) {
         throw Failure(kIo, "cannot encrypt the key: OpenSSL refuses");
     }
     return der;
 }
 
-SecretBytes pemOfSealed(Bytes sealed) {
-    return pemBlock("ENCRYPTED PRIVATE KEY", sealed);
+SecretBytes pemOfEncrypted(Bytes encrypted) {
+    return pemBlock("ENCRYPTED PRIVATE KEY", encrypted);
 }
 
 SecretBytes pkcs12Of(const Pkcs12Content& content, const SecretText* password) {

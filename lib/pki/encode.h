@@ -22,8 +22,8 @@ inline constexpr int kWrittenIterations = 600'000;
 SecretBytes pemOf(Kind kind, std::span<const unsigned char> der);
 
 // A key, given as PKCS#8, as encrypted PKCS#8: AES-256-CBC under PBKDF2 with HMAC-SHA-256.
-SecretBytes sealedKey(std::span<const unsigned char> pkcs8, const SecretText& password);
-SecretBytes pemOfSealed(std::span<const unsigned char> sealed);
+SecretBytes encryptedKey(std::span<const unsigned char> pkcs8, const SecretText& password);
+SecretBytes pemOfEncrypted(std::span<const unsigned char> encrypted);
 
 struct Pkcs12Content {
     std::span<const unsigned char> key;  // PKCS#8; may be empty

@@ -55,7 +55,7 @@ using Pkey = Owner<EVP_PKEY, EVP_PKEY_free>;
 using Request = Owner<X509_REQ, X509_REQ_free>;
 using Safes = Owner<STACK_OF(PKCS7), freeSafes>;
 using Scrypt = Owner<SCRYPT_PARAMS, SCRYPT_PARAMS_free>;
-using Sealed = Owner<X509_SIG, X509_SIG_free>;  // an encrypted private key
+using EncryptedKey = Owner<X509_SIG, X509_SIG_free>;
 using Text = Owner<char, freeText>;
 
 // Decodes all of the bytes, or answers null: `Decode` is a function as d2i_X509 is.

@@ -31,11 +31,11 @@ SecretBytes keyOf(const PKCS8_PRIV_KEY_INFO* info) {
 }
 
 SecretBytes shroudedKeyOf(const PKCS12_SAFEBAG* bag, FilePassword& password) {
-    const X509_SIG* const sealed = PKCS12_SAFEBAG_get0_pkcs8(bag);
+    const X509_SIG* const encrypted = PKCS12_SAFEBAG_get0_pkcs8(bag);
     const X509_ALGOR* algorithm = nullptr;
-    X509_SIG_get0(sealed, &algorithm, nullptr);
+    X509_SIG_get0(encrypted, &algorithm, nullptr);
     const auto info = password.find(roundsOf(*algorithm), [&](const char* text, int length) {
-        return ossl::KeyInfo(PKCS8_decrypt(sealed, text, length));
+        return ossl::KeyInfo(PKCS8_decrypt(encrypted, text, length));
     });
     if (info == nullptr) {
         throw Failure(kMalformed, "the key cannot be decrypted");

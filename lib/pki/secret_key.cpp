@@ -27,18 +27,18 @@ std::optional<SecretBytes> keyFromPlain(std::span<const unsigned char> der) {
     return pkcs8Of(*key);
 }
 
-std::optional<SecretBytes> keyFromSealed(std::span<const unsigned char> der,
-                                         FilePassword& password) {
+std::optional<SecretBytes> keyFromEncrypted(std::span<const unsigned char> der,
+                                            FilePassword& password) {
     const ossl::QuietErrors quiet;
-    const auto sealed = ossl::decodeWhole<ossl::Sealed, d2i_X509_SIG>(der);
-    if (sealed == nullptr) {
+    const auto encrypted = ossl::decodeWhole<ossl::EncryptedKey, d2i_X509_SIG>(der);
+    if (encrypted == nullptr) {
         return std::nullopt;
     }
     const X509_ALGOR* algorithm = nullptr;
-    X509_SIG_get0(sealed.get(), &algorithm, nullptr);
+    X509_SIG_get0(encrypted.get(), &algorithm, nullptr);
     const SecretText& text = password.get(roundsOf(*algorithm));
     const ossl::KeyInfo info(
-        PKCS8_decrypt(sealed.get(), text.c_str(), static_cast<int>(text.size())));
+        PKCS8_decrypt(encrypted.get(), text.c_str(), static_cast<int>(text.size())));
     if (info == nullptr) {
         throw Failure(kWrongPassword, "the password does not open this key");
     }

@@ -24,8 +24,8 @@ SecretBytes pkcs8Of(const EVP_PKEY& key);
 std::optional<SecretBytes> keyFromPlain(std::span<const unsigned char> der);
 
 // An encrypted PKCS#8 key. None when it is something else.
-std::optional<SecretBytes> keyFromSealed(std::span<const unsigned char> der,
-                                         FilePassword& password);
+std::optional<SecretBytes> keyFromEncrypted(std::span<const unsigned char> der,
+                                            FilePassword& password);
 
 }  // namespace fstore
 

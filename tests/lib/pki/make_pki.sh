@@ -72,10 +72,10 @@ openssl rsa -in rsa.key -traditional -outform DER -out rsa.old.der
 openssl ec -in p256.key -out p256.old.pem
 openssl ec -in p256.key -outform DER -out p256.old.der
 { openssl ecparam -name prime256v1; cat p256.old.pem; } >p256.parameters.pem
-openssl rsa -in rsa.key -traditional -aes128 -passout pass:secret -out rsa.sealed.old.pem
-openssl pkcs8 -topk8 -in rsa.key -passout pass:secret -out rsa.sealed.pem
-openssl pkcs8 -topk8 -in rsa.key -passout pass:secret -outform DER -out rsa.sealed.der
-openssl pkcs8 -topk8 -in p256.key -passout pass:secret -scrypt -out p256.sealed.scrypt.pem
+openssl rsa -in rsa.key -traditional -aes128 -passout pass:secret -out rsa.encrypted.old.pem
+openssl pkcs8 -topk8 -in rsa.key -passout pass:secret -out rsa.encrypted.pem
+openssl pkcs8 -topk8 -in rsa.key -passout pass:secret -outform DER -out rsa.encrypted.der
+openssl pkcs8 -topk8 -in p256.key -passout pass:secret -scrypt -out p256.encrypted.scrypt.pem
 
 certificate() { # NAME KEY EXTENSIONS DAYS SUBJECT [OPTION...]
     name=$1 with=$2 extensions=$3 days=$4 subject=$5

@@ -107,10 +107,10 @@ TEST(DecodePkiTest, TellsEveryFormByItsContent) {
                 {"rsa.old.der", rsa(), 0},
                 {"p256.old.pem", p256(), 0},
                 {"p256.old.der", p256(), 0},
-                {"rsa.sealed.pem", rsa(), 1},
-                {"rsa.sealed.der", rsa(), 1},
-                {"rsa.sealed.old.pem", rsa(), 1},
-                {"p256.sealed.scrypt.pem", p256(), 1}};
+                {"rsa.encrypted.pem", rsa(), 1},
+                {"rsa.encrypted.der", rsa(), 1},
+                {"rsa.encrypted.old.pem", rsa(), 1},
+                {"p256.encrypted.scrypt.pem", p256(), 1}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.file);
         Asked asked;
@@ -153,8 +153,9 @@ TEST(DecodePkiTest, TakesTheNameFromTrustSettings) {
 }
 
 TEST(DecodePkiTest, WrongPasswordIsSaid) {
-    for (const char* const file : {"rsa.sealed.pem", "rsa.sealed.der", "rsa.sealed.old.pem",
-                                   "p256.sealed.scrypt.pem", "modern.p12", "old.p12"}) {
+    for (const char* const file :
+         {"rsa.encrypted.pem", "rsa.encrypted.der", "rsa.encrypted.old.pem",
+          "p256.encrypted.scrypt.pem", "modern.p12", "old.p12"}) {
         EXPECT_THAT(say(Asked("wrong").decodeFile(file)),
                     ElementsAre(StartsWith("wrong-password: the password does not open this")))
             << file;
@@ -162,7 +163,7 @@ TEST(DecodePkiTest, WrongPasswordIsSaid) {
 }
 
 TEST(DecodePkiTest, FailureOfThePasswordSourceIsThePartsOwn) {
-    const SecretBytes bytes = bytesOf(files().text("root.pem") + files().text("rsa.sealed.pem"));
+    const SecretBytes bytes = bytesOf(files().text("root.pem") + files().text("rsa.encrypted.pem"));
     const auto parts =
         decodePki(bytes, []() -> const SecretText& { throw Failure(kUsage, "nobody is there"); });
     EXPECT_THAT(say(parts), ElementsAre(root(), "usage: nobody is there"));
@@ -250,7 +251,7 @@ TEST(DecodePkiTest, BlocksAreFoundHoweverTheyAreMarked) {
 }
 
 TEST(DecodePkiTest, EncryptedKeysAreFoundHoweverTheyAreMarked) {
-    const std::string pem = files().text("rsa.sealed.old.pem");
+    const std::string pem = files().text("rsa.encrypted.old.pem");
     for (const std::string& text :
          {"\xEF\xBB\xBF" + pem, withLines(pem, "  ", "\r\n"), withLines(pem, "> ", "\n"),
           withLines(pem, "", "\r"), with(pem, "-----", "----"), with(pem, "Proc-", "Proc\n-"),
@@ -397,7 +398,7 @@ TEST(DecodePkiTest, StrangeFilesAreToldApart) {
 }
 
 TEST(DecodePkiTest, CutOffAnywhereIsAFailureAndNoCrash) {
-    for (const char* const file : {"modern.p12", "leaf.der", "crl.der", "rsa.sealed.der"}) {
+    for (const char* const file : {"modern.p12", "leaf.der", "crl.der", "rsa.encrypted.der"}) {
         const SecretBytes whole = files().bytes(file);
         for (std::size_t size = 0; size < whole.size(); size += 1 + whole.size() / 60) {
             const auto parts = Asked().decode(SecretBytes(whole.data(), whole.data() + size));
@@ -432,16 +433,16 @@ TEST(DecodePkiTest, TooLargeFileIsNotLookedAt) {
 
 // An encrypted key that demands this many rounds; nothing can decrypt it.
 SecretBytes sealedWith(int rounds) {
-    const ossl::Sealed sealed(X509_SIG_new());
+    const ossl::EncryptedKey encrypted(X509_SIG_new());
     X509_ALGOR* algorithm = nullptr;
     ASN1_OCTET_STRING* bytes = nullptr;
-    X509_SIG_getm(sealed.get(), &algorithm, &bytes);
+    X509_SIG_getm(encrypted.get(), &algorithm, &bytes);
     unsigned char salt[8] = {};
     X509_ALGOR* const wanted = PKCS5_pbe2_set(EVP_aes_128_cbc(), rounds, salt, sizeof salt);
     (void)X509_ALGOR_copy(algorithm, wanted);
     X509_ALGOR_free(wanted);
     (void)ASN1_OCTET_STRING_set(bytes, salt, sizeof salt);
-    return ossl::encoded<i2d_X509_SIG>(sealed.get());
+    return ossl::encoded<i2d_X509_SIG>(encrypted.get());
 }
 
 TEST(DecodePkiTest, EndlessWorkForAPasswordIsRefused) {
@@ -472,7 +473,8 @@ TEST(DecodePkiTest, WorkForPasswordsIsBoundedForTheWholeFile) {
 
 TEST(DecodePkiTest, LeavesNoErrorOfOpensslBehind) {
     ERR_clear_error();
-    for (const char* const file : {"leaf.pem", "modern.p12", "rsa.sealed.old.pem", "rsa.old.der"}) {
+    for (const char* const file :
+         {"leaf.pem", "modern.p12", "rsa.encrypted.old.pem", "rsa.old.der"}) {
         (void)Asked("wrong").decodeFile(file);
         (void)Asked().decodeFile(file);
     }

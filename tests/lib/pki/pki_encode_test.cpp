@@ -51,18 +51,18 @@ TEST(PemOfTest, IsTheBlockThatOpensslWrites) {
 }
 
 TEST(SealedKeyTest, OpensWithItsPasswordOnly) {
-    const SecretBytes sealed = sealedKey(files().bytes("p256.key.der"), secret());
+    const SecretBytes encrypted = encryptedKey(files().bytes("p256.key.der"), secret());
     EXPECT_EQ(files().text("p256.key"),
-              openssl(sealed, "pkey -inform DER -in in -passin pass:secret"));
-    EXPECT_THAT(openssl(sealed, "pkey -inform DER -in in -passin pass:other"),
+              openssl(encrypted, "pkey -inform DER -in in -passin pass:secret"));
+    EXPECT_THAT(openssl(encrypted, "pkey -inform DER -in in -passin pass:other"),
                 testing::EndsWith("failed\n"));
     EXPECT_EQ(files().text("p256.key"),
-              openssl(pemOfSealed(sealed), "pkey -in in -passin pass:secret"));
+              openssl(pemOfEncrypted(encrypted), "pkey -in in -passin pass:secret"));
 }
 
 TEST(SealedKeyTest, IsMadeToResistGuessing) {
-    const std::string form =
-        openssl(sealedKey(files().bytes("rsa.key.der"), secret()), "asn1parse -inform DER -in in");
+    const std::string form = openssl(encryptedKey(files().bytes("rsa.key.der"), secret()),
+                                     "asn1parse -inform DER -in in");
     for (const char* const part : {"PBES2", "PBKDF2", "hmacWithSHA256", "aes-256-cbc", ":0927C0"}) {
         EXPECT_THAT(form, testing::HasSubstr(part));
     }
@@ -70,11 +70,11 @@ TEST(SealedKeyTest, IsMadeToResistGuessing) {
 
 TEST(SealedKeyTest, DiffersEachTime) {
     const SecretBytes key = files().bytes("ed25519.key.der");
-    EXPECT_NE(sealedKey(key, secret()), sealedKey(key, secret()));
+    EXPECT_NE(encryptedKey(key, secret()), encryptedKey(key, secret()));
 }
 
 TEST(SealedKeyTest, RefusesWhatIsNoKey) {
-    EXPECT_THROW((void)sealedKey(files().bytes("leaf.der"), secret()), Failure);
+    EXPECT_THROW((void)encryptedKey(files().bytes("leaf.der"), secret()), Failure);
 }
 
 Pkcs12Content wholeContent(const SecretBytes& key, const SecretBytes& leaf,
