@@ -16,7 +16,6 @@ PRODUCT = ["os", "cmn", "api", "client", "store", "service", "host", "lib", "fst
 # Literals that only look like names on disk, and why. Each must be there.
 EXCEPTIONS = {
     ("lib/records/attributes.cpp", "key"): "the kind of a record, in the words of users",
-    ("fstore/commands/info.cpp", "old_db     is there, with the password before"): "for users",
     ("lib/database/lost.cpp", "key"): "a word of a plan",
     ("fstore/commands/export.cpp", "key"): "a name in JSON",
     ("fstore/commands/export.cpp", "certificates"): "a name in JSON",
@@ -64,8 +63,11 @@ class Format:
         self.telling = {name: value for name, value in self.numbers.items() if value > 0xFFF}
 
     def is_of_disk(self, text):
-        """Whether a literal is or has something that only format/ may say."""
-        return (any(marker in text for marker in self.markers)
+        """Whether a literal is or has something that only format/ may say.
+
+        One with a blank is a sentence for users, who read the names as they are.
+        """
+        return " " not in text and (any(marker in text for marker in self.markers)
                 or any(re.search(re.escape(top[2:]) + r"\b", text) for top in self.tops
                        if top[2:] not in self.names)
                 or any(re.match(re.escape(top) + r"(/|$)", text) for top in self.tops)
@@ -128,7 +130,7 @@ class FormatAloneTest(unittest.TestCase):
 
     def test_other_literals_and_comments_are_not(self):
         for text in ['#include "format/layout.h"', '// "./db"', '/* ".dsc"\n */ int x;',
-                     'f("the key is gone");', 'f("dbm");', "x = 0x10000001;", "x = 4;",
+                     'f("the key is gone");', 'f("moved to ./db.lost");', 'f("dbm");', "x = 0x10000001;", "x = 4;",
                      "constexpr int kTries = 4;", 'f("// ");']:
             with self.subTest(text):
                 self.assertEqual([], list(self.format.faults(text)))

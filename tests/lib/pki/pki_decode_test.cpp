@@ -432,7 +432,7 @@ TEST(DecodePkiTest, TooLargeFileIsNotLookedAt) {
 }
 
 // An encrypted key that demands this many rounds; nothing can decrypt it.
-SecretBytes sealedWith(int rounds) {
+SecretBytes encryptedWith(int rounds) {
     const ossl::EncryptedKey encrypted(X509_SIG_new());
     X509_ALGOR* algorithm = nullptr;
     ASN1_OCTET_STRING* bytes = nullptr;
@@ -446,14 +446,15 @@ SecretBytes sealedWith(int rounds) {
 }
 
 TEST(DecodePkiTest, EndlessWorkForAPasswordIsRefused) {
-    EXPECT_THAT(say(Asked().decode(sealedWith(1000))), ElementsAre(StartsWith("wrong-password")));
-    EXPECT_THAT(say(Asked().decode(sealedWith(2'000'000'000))),
+    EXPECT_THAT(say(Asked().decode(encryptedWith(1000))),
+                ElementsAre(StartsWith("wrong-password")));
+    EXPECT_THAT(say(Asked().decode(encryptedWith(2'000'000'000))),
                 ElementsAre(HasSubstr("more work for its password")));
 }
 
 TEST(DecodePkiTest, WorkForPasswordsIsBoundedForTheWholeFile) {
     std::string text;
-    const SecretBytes key = sealedWith(400'000);
+    const SecretBytes key = encryptedWith(400'000);
     for (int i = 0; i < 30; ++i) {
         std::vector<unsigned char> base64(key.size() * 2);
         const int size = EVP_EncodeBlock(base64.data(), key.data(), static_cast<int>(key.size()));

@@ -50,7 +50,7 @@ TEST(PemOfTest, IsTheBlockThatOpensslWrites) {
     EXPECT_THROW((void)pemOf(Kind::kRaw, files().bytes("leaf.der")), Failure);
 }
 
-TEST(SealedKeyTest, OpensWithItsPasswordOnly) {
+TEST(EncryptedKeyTest, OpensWithItsPasswordOnly) {
     const SecretBytes encrypted = encryptedKey(files().bytes("p256.key.der"), secret());
     EXPECT_EQ(files().text("p256.key"),
               openssl(encrypted, "pkey -inform DER -in in -passin pass:secret"));
@@ -60,7 +60,7 @@ TEST(SealedKeyTest, OpensWithItsPasswordOnly) {
               openssl(pemOfEncrypted(encrypted), "pkey -in in -passin pass:secret"));
 }
 
-TEST(SealedKeyTest, IsMadeToResistGuessing) {
+TEST(EncryptedKeyTest, IsMadeToResistGuessing) {
     const std::string form = openssl(encryptedKey(files().bytes("rsa.key.der"), secret()),
                                      "asn1parse -inform DER -in in");
     for (const char* const part : {"PBES2", "PBKDF2", "hmacWithSHA256", "aes-256-cbc", ":0927C0"}) {
@@ -68,12 +68,12 @@ TEST(SealedKeyTest, IsMadeToResistGuessing) {
     }
 }
 
-TEST(SealedKeyTest, DiffersEachTime) {
+TEST(EncryptedKeyTest, DiffersEachTime) {
     const SecretBytes key = files().bytes("ed25519.key.der");
     EXPECT_NE(encryptedKey(key, secret()), encryptedKey(key, secret()));
 }
 
-TEST(SealedKeyTest, RefusesWhatIsNoKey) {
+TEST(EncryptedKeyTest, RefusesWhatIsNoKey) {
     EXPECT_THROW((void)encryptedKey(files().bytes("leaf.der"), secret()), Failure);
 }
 
