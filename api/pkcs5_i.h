@@ -4,7 +4,8 @@
 // Objects come without a reference: the caller attaches the first holder. Setting
 // parameters, keys and maps needs an object to itself; getting keys, encrypting and
 // decrypting may run in many threads at once. Nothing throws: operations that return
-// an object return null on failure, and error() then says why. The order of the
+// an object return null on failure, and error() then says why. A number that no
+// selector, algorithm, purpose or object has is kInvalid everywhere. The order of the
 // operations is a binary contract between modules.
 #ifndef API_PKCS5_I_H
 #define API_PKCS5_I_H
@@ -77,8 +78,9 @@ public:
 class HashMap;
 
 // Key derivation of PKCS#12 (RFC 7292, appendix B). Parameters as for a PBES of type
-// kPkcs12, but keys have 1 to 64 bytes, and there is no second algorithm. The
-// password is UTF-8; the derivation uses it as a BMPString with its terminating zero.
+// kPkcs12, but keys have 1 to 64 bytes, and there is no second algorithm: its
+// selector is unknown. The password is UTF-8; the derivation uses it as a BMPString
+// with its terminating zero.
 class CMN_EXPORT P12PBKDF : public CMN_GuardedRef {
 public:
     using CMN_GuardedRef::CMN_GuardedRef;
@@ -92,7 +94,8 @@ public:
     virtual Status supply(unsigned int number) = 0;
     virtual Status supply(pki_alg_t alg) = 0;
 
-    // A new symmetric key of the length set.
+    // A new symmetric key of the length set; null with kInvalid while a parameter is
+    // missing, and for an unknown purpose.
     virtual TKey* getKey(target purpose) = 0;
     // As PBES::error().
     virtual Status error() = 0;

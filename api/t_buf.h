@@ -51,8 +51,13 @@ public:
     // when it is larger than a buffer can be.
     virtual Status load(const char* path) = 0;
     // Replaces the file by the contents, durably and whole or not at all, readable
-    // by its owner only. kIo when that failed, or when the new file is there but the
-    // system did not confirm that its name will last.
+    // by its owner only. Writes into a device, into a FIFO, for whose reader it waits,
+    // and into /dev/stdout, /dev/stderr or /dev/fd/N; part of that stays if it fails.
+    //   kInvalid  the path ends at a symbolic link, which is neither followed nor replaced
+    //   kIo       it failed, or the new file is there but the system did not confirm
+    //             that its name will last
+    // A killed save may leave ".NAME.new-" and a digit beside the file; the next save of
+    // that name removes it.
     virtual Status save(const char* path) = 0;
 
     // Drop `count` bytes at the front, or at the end; kInvalid when there are fewer.

@@ -33,6 +33,9 @@ namespace os {
 [[nodiscard]] int syncfs(int fd) noexcept;
 int startWriteback(int fd) noexcept;
 
+// The advisory lock of a whole file, which ends with the descriptor.
+[[nodiscard]] int flock(int fd, int operation) noexcept;
+
 // Names.
 [[nodiscard]] int access(const char* path, int mode) noexcept;
 [[nodiscard]] int lstat(const char* path, struct stat* status) noexcept;

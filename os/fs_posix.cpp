@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -36,6 +37,10 @@ int os::syncfs(int fd) noexcept {
 
 int os::startWriteback(int fd) noexcept {
     return ::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);  // length 0: to the end
+}
+
+int os::flock(int fd, int operation) noexcept {
+    return ::flock(fd, operation);
 }
 
 int os::access(const char* path, int mode) noexcept {

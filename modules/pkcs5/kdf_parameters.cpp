@@ -15,7 +15,8 @@ bool contains(std::span<const pki_alg_t> algs, pki_alg_t alg) {
 
 // A value that follows an unknown selector must not go to the one before it.
 Status KdfParameters::select(PBES::param selector) {
-    const bool known = selector >= PBES::kPassword && selector <= PBES::kSecondAlg;
+    const PBES::param last = limits_.secondAlgs.empty() ? PBES::kKeyLength : PBES::kSecondAlg;
+    const bool known = selector >= PBES::kPassword && selector <= last;
     selected_ = known ? selector : kNothing;
     return known ? kOk : noted(kInvalid);
 }

@@ -15,8 +15,10 @@
 [[nodiscard]] Status loadWhole(const char* path, std::size_t most, WipedBytes& into) noexcept;
 
 // Makes `bytes` the file's content, durably, and the owner the only one who may
-// read it. Throws std::bad_alloc. On kIo the file is, as a whole, the old one, or
-// the new one whose durability the system did not confirm.
+// read it; or writes them through, as os/output.h says. Throws std::bad_alloc.
+//   kInvalid  the name is a symbolic link's
+//   kIo       it could not; the file is, as a whole, the old one, or the new one whose
+//             durability the system did not confirm
 [[nodiscard]] Status saveWhole(const char* path, std::span<const unsigned char> bytes);
 
 #endif  // MODULES_X509CMN_WHOLE_FILE_H

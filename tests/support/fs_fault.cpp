@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -250,9 +251,9 @@ void forget(std::vector<Pointer>& list, Pointer one) {
 
 const char* nameOf(Call call) {
     static constexpr std::array<const char*, kCallKinds> kNames{
-        "open",   "close",          "read",     "write",   "fstat",   "fsync",
-        "syncfs", "startWriteback", "access",   "lstat",   "rename",  "remove",
-        "mkdir",  "rmdir",          "realpath", "opendir", "readdir", "closedir"};
+        "open",           "close",   "read",    "write",    "fstat",  "fsync", "syncfs",
+        "startWriteback", "access",  "lstat",   "rename",   "remove", "mkdir", "rmdir",
+        "realpath",       "opendir", "readdir", "closedir", "flock"};
     return kNames[index(call)];
 }
 
@@ -278,6 +279,7 @@ const std::vector<int>& errnosOf(Call call) {
         {EACCES, EINTR, EIO, ELOOP, EMFILE, ENAMETOOLONG, ENFILE, ENOMEM},  // opendir
         {EINTR, EIO, ENOMEM, EOVERFLOW},                                    // readdir
         {EINTR, EIO},                                                       // closedir
+        {EINTR, EIO, ENOLCK, ENOTSUP, EWOULDBLOCK},                         // flock
     }};
     return kErrnos[index(call)];
 }
@@ -454,6 +456,11 @@ int os::syncfs(int fd) noexcept {
 int os::startWriteback(int fd) noexcept {
     Step step(Call::kStartWriteback, fd);
     return step.done(step.fails() ? -1 : ::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE));
+}
+
+int os::flock(int fd, int operation) noexcept {
+    Step step(Call::kFlock, fd);
+    return step.done(step.fails() ? -1 : ::flock(fd, operation));
 }
 
 int os::access(const char* path, int mode) noexcept {

@@ -38,9 +38,10 @@ enum class Call {
     kRealpath,
     kOpendir,
     kReaddir,
-    kClosedir
+    kClosedir,
+    kFlock
 };
-inline constexpr int kCallKinds = static_cast<int>(Call::kClosedir) + 1;
+inline constexpr int kCallKinds = static_cast<int>(Call::kFlock) + 1;
 
 const char* nameOf(Call call);  // as in os/fs.h
 

@@ -2,6 +2,7 @@
 #include "tests/support/fs_fault.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -95,6 +96,7 @@ void callEverything(const std::string& base) {
     (void)os::fsync(fd);
     (void)os::syncfs(fd);
     (void)os::startWriteback(fd);
+    (void)os::flock(fd, LOCK_EX | LOCK_NB);
     (void)os::access(file.c_str(), F_OK);
     (void)os::lstat(file.c_str(), &status);
     (void)os::rename(file.c_str(), other.c_str());

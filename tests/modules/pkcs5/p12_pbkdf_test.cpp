@@ -111,6 +111,21 @@ TEST_F(P12PbkdfTest, RefusesWhatItCannotTake) {
     EXPECT_EQ(kInvalid, kdf.error()) << "no parameters";
 }
 
+TEST_F(P12PbkdfTest, UnknownNumbersAreInvalid) {
+    mmP12PBKDF kdf = kdfOf("secret", "salt", 2, 16);
+    ASSERT_EQ(kOk, kdf.setHashMap(aHashMap()));
+    for (const unsigned int purpose : {0U, 4U, 0xFFFFFFFFU}) {
+        EXPECT_EQ(nullptr, kdf.getKey(static_cast<P12PBKDF::target>(purpose)).target());
+        EXPECT_EQ(kInvalid, kdf.error());
+    }
+    EXPECT_EQ(kInvalid, kdf.target()->supply(static_cast<pki_alg_t>(77)));
+    for (const unsigned int selector : {0U, 6U, 7U, 0xFFFFFFFFU}) {
+        const mmP12PBKDF fresh;
+        EXPECT_EQ(kInvalid, fresh.target()->select(static_cast<PBES::param>(selector)));
+        EXPECT_EQ(kInvalid, fresh.error());
+    }
+}
+
 TEST_F(P12PbkdfTest, MapSavesDerivations) {
     const CMN_GRefPtr<WatchedMap> map(new WatchedMap);
     mmP12PBKDF kdf = kdfOf("secret", "salt", 2, 16);

@@ -300,6 +300,26 @@ TEST_F(PbesTest, RefusedParameterMakesNoKeyUntilItIsTaken) {
     makesNoKey("an unknown selector, whatever follows");
 }
 
+TEST_F(PbesTest, UnknownNumbersAreInvalid) {
+    for (const PBES::pbes_type scheme : {PBES::kPbkdf2, PBES::kPkcs12}) {
+        const mmPBES pbes(scheme);
+        for (const unsigned int selector : {0U, 7U, 0xFFFFFFFFU}) {
+            EXPECT_EQ(kInvalid, pbes.target()->select(static_cast<PBES::param>(selector)));
+            EXPECT_EQ(kInvalid, pbes.error());
+        }
+        for (const PBES::param selector : {PBES::kFirstAlg, PBES::kSecondAlg}) {
+            EXPECT_EQ(kOk, pbes.target()->select(selector));
+            EXPECT_EQ(kInvalid, pbes.target()->supply(static_cast<pki_alg_t>(77)));
+            EXPECT_EQ(kInvalid, pbes.error());
+        }
+        for (const unsigned int name : {4U, 0xFFFFFFFFU}) {
+            const auto unknown = static_cast<PKCS5_Interface::objectName_t>(name);
+            EXPECT_EQ(nullptr, pkcs5srv.createObject(unknown));
+            EXPECT_EQ(kInvalid, pbes.error());
+        }
+    }
+}
+
 TEST_F(PbesTest, ValueAfterAnUnknownSelectorIsNotForTheOneBefore) {
     mmPBES pbes(PBES::kPbkdf2);
     pbes << PBES::kIterations << static_cast<PBES::param>(0) << 5U;

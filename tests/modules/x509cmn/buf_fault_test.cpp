@@ -82,10 +82,12 @@ TEST(BufFaultTest, SaveIsDurableBeforeAndAfterItsName) {
     ASSERT_EQ(kOk, bufOf("text")->save((dir / "file").c_str()));
     std::vector<Call> calls;
     for (const fault::Event& event : recorder.events()) {
-        calls.push_back(event.call);
+        if (event.error == 0) {  // the search for leftovers finds none
+            calls.push_back(event.call);
+        }
     }
-    EXPECT_EQ((std::vector{Call::kOpen, Call::kWrite, Call::kFsync, Call::kClose, Call::kRename,
-                           Call::kOpen, Call::kFsync, Call::kClose}),
+    EXPECT_EQ((std::vector{Call::kOpen, Call::kOpen, Call::kWrite, Call::kFsync, Call::kClose,
+                           Call::kRename, Call::kOpen, Call::kFsync, Call::kClose, Call::kClose}),
               calls);
 }
 

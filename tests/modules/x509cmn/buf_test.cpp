@@ -3,9 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "gtest/gtest.h"
 #include "tests/modules/secret_heap.h"
@@ -205,13 +207,33 @@ TEST(BufFileTest, SavesUnderABareName) {
     EXPECT_EQ("text", readFile(dir / "file"));
 }
 
-TEST(BufFileTest, ReplacesALinkAndNotWhatItLeadsTo) {
+TEST(BufFileTest, SavesThroughNoLink) {
     const TempDir dir;
     writeFile(dir / "target", "target");
     ASSERT_EQ(0, symlink("target", (dir / "link").c_str()));
-    ASSERT_EQ(kOk, bufOf("text")->save((dir / "link").c_str()));
+    EXPECT_EQ(kInvalid, bufOf("text")->save((dir / "link").c_str()));
     EXPECT_EQ("target", readFile(dir / "target"));
-    EXPECT_EQ("text", readFile(dir / "link"));
+    EXPECT_TRUE(std::filesystem::is_symlink(dir / "link"));
+    EXPECT_EQ(2U, support::tree(dir.path()).size());
+}
+
+TEST(BufFileTest, SavesThroughAFifo) {
+    const TempDir dir;
+    ASSERT_EQ(0, mkfifo((dir / "fifo").c_str(), 0600));
+    std::string got;
+    std::thread reader([&] { got = readFile(dir / "fifo"); });
+    EXPECT_EQ(kOk, bufOf("text")->save((dir / "fifo").c_str()));
+    reader.join();
+    EXPECT_EQ("text", got);
+    EXPECT_TRUE(std::filesystem::is_fifo(dir / "fifo"));
+}
+
+TEST(BufFileTest, RemovesWhatAKilledSaveLeft) {
+    const TempDir dir;
+    writeFile(dir / ".file.new-0", "left");
+    ASSERT_EQ(kOk, bufOf("text")->save((dir / "file").c_str()));
+    EXPECT_EQ(1U, support::tree(dir.path()).size());
+    EXPECT_EQ("text", readFile(dir / "file"));
 }
 
 TEST(BufFileTest, LoadTellsWhyNot) {
