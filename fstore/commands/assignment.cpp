@@ -36,7 +36,7 @@ SecretBytes numberBytes(std::string_view left, std::string_view text) {
     const bool isNumber = !text.empty() && text[0] >= '0' && text[0] <= '9';
     const auto number = isNumber ? parseNumber(text) : std::nullopt;
     if (!number) {
-        refuse(left, "a number has 32 bits and stands in decimal or after 0x");
+        refuse(left, "a number has 32 bits, in decimal or after 0x");
     }
     SecretBytes bytes(sizeof *number);
     std::memcpy(bytes.data(), &*number, sizeof *number);
@@ -148,11 +148,11 @@ void Assignment::applyTo(Record& record, bool encrypt) const {
 unsigned int parseEditableId(std::string_view text) {
     const auto id = parseAttributeId(text);
     if (!id) {
-        refuse(text, "an attribute has a number or a name, as in label=TEXT or 0x8001=TEXT");
+        refuse(text, "an attribute is a number or a name, as in label=TEXT or 0x8001=TEXT");
     }
     if (*id != attr::kLabel && *id < attr::kFirstOfUser) {
         refuse(text,
-               "below 0x8000 only the label may be changed; the others tell what is in the "
+               "below 0x8000 you can only change the label; the others describe the "
                "record");
     }
     return *id;

@@ -44,26 +44,26 @@ std::string describe(const ArchiveTotals& totals) {
 }
 
 Status runBackup(const BackupOptions& options, Context& context) {
-    refuseStream(options.file, "a backup is read back before it counts, so it goes into a file");
+    refuseStream(options.file, "a backup is read back to verify it, so it must go to a file");
     OutputFile file(options.file, options.force);
     const BackupReport report = backUp(context.database, file);
     for (const std::string& path : report.leftOut) {
-        context.output.warn(
-            fmt::format("{} is neither a file nor a folder, and was left out", path));
+        context.output.warn(fmt::format("left out {}: it is neither a file nor a folder", path));
     }
-    context.output.note(fmt::format("{}: {}, read back", options.file, describe(report.totals)));
+    context.output.note(
+        fmt::format("wrote {}: {}, verified", options.file, describe(report.totals)));
     context.output.document({{"backup", totalsToJson(options.file, report.totals)}});
     return kOk;
 }
 
 Status runRestore(const RestoreOptions& options, Context& context) {
-    refuseStream(options.file, "a backup is read twice, so it comes from a file");
+    refuseStream(options.file, "a backup is read twice, so it must be a file");
     const RestoreReport report = restore(context.database, options.file, options.replace);
-    context.output.note(fmt::format("{}: {}, restored to {}", options.file, describe(report.totals),
-                                    context.database.place().describe()));
+    context.output.note(fmt::format("restored {} to {}: {}", options.file,
+                                    context.database.place().describe(), describe(report.totals)));
     Json json{{"restored", totalsToJson(options.file, report.totals)}};
     if (!report.kept.empty()) {
-        context.output.note(fmt::format("the database before is kept as {}", report.kept));
+        context.output.note(fmt::format("kept the previous database as {}", report.kept));
         json["kept"] = report.kept;
     }
     context.output.document(json);
@@ -84,11 +84,11 @@ void addBackup(Cli& cli) {
 void addRestore(Cli& cli) {
     const auto options = std::make_shared<RestoreOptions>();
     Command& command =
-        cli.add("restore", "Make a database from a backup",
+        cli.add("restore", "Create a database from a backup",
                 [options](Context& context) { return runRestore(*options, context); });
-    command.argument("FILE", &options->file, "What `fstore backup` has written");
+    command.argument("FILE", &options->file, "A file written by `fstore backup`");
     command.flag("--replace", &options->replace,
-                 "Also where there is a database, which is kept under another name");
+                 "Replace a database, and keep it under another name");
 }
 
 }  // namespace fstore

@@ -41,7 +41,7 @@ int guarded(Output& output, Body body) {
         output.fail(memory.failure());
         return memory.failure().exitCode();
     } catch (const std::bad_alloc&) {
-        output.fail(Failure(kNoMemory, "there is not enough memory"));
+        output.fail(Failure(kNoMemory, "out of memory"));
         return static_cast<int>(kNoMemory);
     } catch (const std::exception& failure) {
         output.fail(Failure(kForeign, fmt::format("unexpected: {}", failure.what())));
@@ -131,7 +131,7 @@ void declare(CLI::App& app, const Option& option) {
 void declare(CLI::App& app, const Cli& cli) {
     app.require_subcommand(1);
     app.fallthrough();
-    app.footer("\"fstore COMMAND --help\" tells about one command.");
+    app.footer("\"fstore COMMAND --help\" describes one command.");
     for (const Option& option : cli.program().options()) {
         declare(app, option);
     }
@@ -162,8 +162,8 @@ void Cli::addGlobals() {
     folder.showsDefault = true;
     addPassword(program_, "--password", "the password", globals_.password);
     program_.flag("--json", &globals_.output.json, "Print one JSON document");
-    program_.flag("-q,--quiet", &globals_.output.quiet, "Tell of failures only");
-    program_.flag("-v,--verbose", &globals_.output.verbose, "Tell what is being done");
+    program_.flag("-q,--quiet", &globals_.output.quiet, "Print failures and warnings only");
+    program_.flag("-v,--verbose", &globals_.output.verbose, "Report each step");
     program_.option(
         "--color", "WHEN",
         Choice(&globals_.output.colour,
@@ -172,7 +172,7 @@ void Cli::addGlobals() {
     program_.flag("--no-input", &globals_.noInput, "Never ask on the terminal");
     program_
         .option("--lock-timeout", "SECONDS", Number{&globals_.lockSeconds, 0, kMostLockSeconds},
-                "Wait so many seconds for another process")
+                "Seconds to wait for another process")
         .showsDefault = true;
 }
 
@@ -196,7 +196,7 @@ int Cli::execute(int argc, const char* const* argv) {
                 return static_cast<int>(kOk);
             });
         }
-        output.fail(Failure(kUsage, fmt::format("{}; `fstore --help` tells more", error.what())));
+        output.fail(Failure(kUsage, fmt::format("{}; see `fstore --help`", error.what())));
         return static_cast<int>(kUsage);
     }
     const std::string name = app.get_subcommands().front()->get_name();

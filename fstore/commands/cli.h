@@ -4,7 +4,7 @@
 //
 //     void addShow(Cli& cli) {
 //         const auto options = std::make_shared<Options>();
-//         Command& command = cli.add("show", "Print what is known about a record",
+//         Command& command = cli.add("show", "Print the attributes of a record",
 //                                    [options](Context& context) { return run(*options, context);
 //                                    });
 //         addAddress(command, &options->address);

@@ -28,21 +28,25 @@ void addCost(Command& command, unsigned int* target) {
 }
 
 void addFilters(Command& command, Filters& target) {
-    command.startGroup("Filters (all must hold)");
+    command.startGroup("Filters (a record must pass all)");
     command.option("--expires-within", "PERIOD", &target.expiresWithin,
-                   "Expired, or about to within a period: 30d, 12h, 2w, 1y");
-    command.flag("--expired", &target.expired, "No longer valid");
-    command.option("--subject", "GLOB", &target.subject, "Subject, as a pattern or a part of it");
+                   "Has expired, or will within a period: 30d, 12h, 2w, 1y");
+    command.flag("--expired", &target.expired, "Has expired");
+    command.option("--subject", "GLOB", &target.subject, "Subject: a pattern, or a part of it");
     command.option("--issuer", "GLOB", &target.issuer, "Issuer");
-    command.option("--san", "GLOB", &target.altName, "A subject alternative name");
+    command.option("--san", "GLOB", &target.altName,
+                   "Subject alternative name: a pattern, or a part of it");
     command.option("--serial", "HEX", &target.serial, "Serial number");
-    command.option("--sha256", "HEX", &target.sha256, "First digits of the SHA-256 of the body");
+    command.option("--sha256", "HEX", &target.sha256, "SHA-256 of the body: its first digits");
     command.option("--alg", "NAME", &target.algorithm, "Key algorithm: RSA, RSA-2048, EC*");
-    command.flag("--has-key", &target.hasKey, "Certificates and requests whose key is here");
-    command.flag("--no-key", &target.noKey, "Certificates and requests whose key is not here")
+    command.flag("--has-key", &target.hasKey,
+                 "Certificates and requests whose key is in the database");
+    command
+        .flag("--no-key", &target.noKey,
+              "Certificates and requests whose key is not in the database")
         .excludes = "--has-key";
     command.option("--attr", "ID[=VALUE]", &target.attributes,
-                   "An attribute, by id or name, and its value");
+                   "Attribute, by id or name, and its value");
     command.startGroup({});
 }
 

@@ -59,7 +59,7 @@ void addCompletion(Cli& cli) {
     answer.hide();  // not for people
     answer.argument("INDEX", Number{&question->index, 0, std::numeric_limits<unsigned int>::max()},
                     "Of the word under the cursor");
-    answer.argument("WORD", &question->words, "The words of the command line, behind \"--\"")
+    answer.argument("WORD", &question->words, "The words of the command line, after \"--\"")
         .required = false;
 }
 

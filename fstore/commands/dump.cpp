@@ -74,7 +74,7 @@ void addDump(Cli& cli) {
     Command& command = cli.add("dump", "Print a record's descriptor as it is on disk",
                                [options](Context& context) { return run(*options, context); });
     addAddress(command, &options->address);
-    command.flag("--raw", &options->raw, "The lines alone, without what they mean");
+    command.flag("--raw", &options->raw, "Print the lines alone, without explanation");
 }
 
 }  // namespace fstore

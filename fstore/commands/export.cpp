@@ -115,15 +115,16 @@ void refuseUnlessExportable(const RecordInfo& info, const Options& options) {
     const bool known = info.kind == Kind::kCertificate || info.kind == Kind::kKey ||
                        info.kind == Kind::kCrl || info.kind == Kind::kRequest;
     if (!known || !info.hasBody) {
-        throw Failure(kInvalid,
-                      fmt::format("{} is a {} and has no such form: `fstore get` writes its body",
-                                  info.address.print(), nameOf(info.kind)),
-                      info.address.print());
+        throw Failure(
+            kInvalid,
+            fmt::format("{} is a {}, which has no such format; `fstore get` writes its body",
+                        info.address.print(), nameOf(info.kind)),
+            info.address.print());
     }
     const bool alone = info.kind == Kind::kCrl || info.kind == Kind::kRequest;
     if (alone && (options.chain || options.format == Format::kPkcs12)) {
         throw Failure(kInvalid,
-                      fmt::format("{} is a {}, which neither has a chain nor goes into PKCS#12",
+                      fmt::format("{} is a {}, which has no chain and does not go into PKCS#12",
                                   info.address.print(), nameOf(info.kind)),
                       info.address.print());
     }
@@ -231,9 +232,9 @@ void refuseOptions(const Options& options, bool inDocument) {
     }
     if (options.format != Format::kPem && options.file == kStandardStream && !inDocument &&
         os::isTerminal(kStdout)) {
-        throw Failure(kUsage,
-                      "this form is not text, and would garble the terminal: write it to "
-                      "a file with -o");
+        throw Failure(
+            kUsage,
+            "this format is not text and would garble the terminal; write it to a file with -o");
     }
 }
 

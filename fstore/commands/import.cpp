@@ -211,17 +211,17 @@ Status run(const Options& options, Context& context) {
 
 void addImport(Cli& cli) {
     const auto options = std::make_shared<Options>();
-    Command& command = cli.add("import", "Keep certificates, keys, CRLs and requests",
+    Command& command = cli.add("import", "Import certificates, keys, CRLs and requests",
                                [options](Context& context) { return run(*options, context); });
     command.argument("FILE", &options->files,
                      "PEM with any number of them, DER or PKCS#12, up to 64 MiB; \"-\" is the "
                      "standard input");
-    command.option("--to", "FOLDER", &options->folder, "The folder for all of them");
+    command.option("--to", "FOLDER", &options->folder, "Folder for all of them");
     command.option("--name", "NAME", &options->rules.name,
-                   "The record's name: for one object, or for one key and what belongs to it");
-    command.option("--label", "TEXT", &options->rules.label, "A text to find them by");
-    command.flag("--replace", &options->rules.replace, "Write anew what is there");
-    command.flag("--encrypt", &options->rules.encrypt, "Keep all secret, as keys always are");
+                   "Name of one object, or of one key and what belongs to it");
+    command.option("--label", "TEXT", &options->rules.label, "Text to find them by");
+    command.flag("--replace", &options->rules.replace, "Overwrite what is there");
+    command.flag("--encrypt", &options->rules.encrypt, "Encrypt everything, as keys always are");
     addPassword(command, "--in-password", "the password of encrypted input", options->password);
 }
 

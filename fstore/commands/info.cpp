@@ -19,7 +19,7 @@ std::string describe(const Slot& slot) {
         case Slot::Form::kNone:
             return "none";
         case Slot::Form::kRaw:
-            return "as it is; a guess is cheap";
+            return "used as it is; cheap to guess";
         case Slot::Form::kScrypt:
             break;
     }
@@ -80,10 +80,10 @@ Status run(Context& context) {
     output.line(fmt::format("database   {}", here));
     output.line(fmt::format("password   {}", describe(protection.inForce)));
     if (protection.isUnfinished()) {
-        output.line("           its last change was broken off; opening finishes it");
+        output.line("           its last change was interrupted; opening the database finishes it");
     }
     if (hasOld) {
-        output.line("old_db     is there, with the password before");
+        output.line("old_db     is kept, with the old password");
     }
     const std::vector<std::string> kept = keptDatabases();
     for (const std::string& each : kept) {

@@ -26,14 +26,14 @@ void refuseUnless(bool accepted, const Place& place, const std::string& why) {
 bool lacksPassword(const Database& database) {
     const Slot::Form form = database.protection().inForce.form;
     refuseUnless(form != Slot::Form::kRaw, database.place(),
-                 "has a password that can be guessed cheaply: `fstore passwd` protects it");
+                 "has a password that is cheap to guess; protect it with `fstore passwd`");
     if (form == Slot::Form::kScrypt) {
         return false;
     }
     const std::size_t records = allRecords().size();
     refuseUnless(
         records == 0, database.place(),
-        fmt::format("holds {} records and has no password: `fstore passwd` gives it one", records));
+        fmt::format("holds {} records and has no password; set one with `fstore passwd`", records));
     return true;
 }
 
@@ -61,8 +61,9 @@ Status run(const Options& options, Context& context) {
     if (!created) {
         (void)database.enter(Access::kChange, Need::kSecrets);  // with this password
     }
-    context.output.note(fmt::format("the database in {} {}", database.place().describe(),
-                                    created ? "is ready" : "was ready before, with this password"));
+    context.output.note(fmt::format(
+        "{} {}/db", created ? "created a database in" : "already initialised with this password:",
+        database.place().folder));
     context.output.document({{"folder", jsonText(database.place().folder)}, {"created", created}});
     return kOk;
 }
@@ -71,7 +72,7 @@ Status run(const Options& options, Context& context) {
 
 void addInit(Cli& cli) {
     const auto options = std::make_shared<Options>();
-    Command& command = cli.add("init", "Make a database and give it a password",
+    Command& command = cli.add("init", "Create a database and set its password",
                                [options](Context& context) { return run(*options, context); });
     addCost(command, &options->cost);
 }

@@ -239,16 +239,16 @@ void addLs(Cli& cli) {
     const auto options = std::make_shared<Options>();
     Command& command = cli.add("ls", "List records and when they expire",
                                [options](Context& context) { return run(*options, context); });
-    command.argument("FOLDER", &options->folder, "Only this folder and those below it").required =
+    command.argument("FOLDER", &options->folder, "This folder and its subfolders only").required =
         false;
     command.option(
         "--sort", "ORDER",
         Choice(&options->order,
                {{"name", Order::kName}, {"expiry", Order::kExpiry}, {"subject", Order::kSubject}}),
         "By name, expiry or subject");
-    command.flag("--fail", &options->failOnMatch, "Exit with 3 when a record is listed, for cron");
+    command.flag("--fail", &options->failOnMatch, "Exit with 3 if a record is listed, for cron");
     command.flag("-u,--unlock", &options->unlock,
-                 "Ask for the password, and look at what is kept encrypted too");
+                 "Take the password, and look at encrypted parts too");
     addFilters(command, options->filters);
 }
 

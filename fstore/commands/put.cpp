@@ -49,8 +49,8 @@ Record recordFor(Database& database, const Address& address) {
     const Kind kind = infoOf(record).kind;
     if (kind != Kind::kRaw && kind != Kind::kUnknown) {
         throw Failure(kInvalid,
-                      fmt::format("{} is a {}: `fstore import --replace` replaces it, `fstore rm` "
-                                  "removes it",
+                      fmt::format("{} is a {}; replace it with `fstore import --replace`, or "
+                                  "remove it with `fstore rm`",
                                   address.print(), nameOf(kind)),
                       address.print());
     }
@@ -87,12 +87,11 @@ Status runPut(const PutOptions& options, Context& context) {
     SecretBytes bytes = InputFile(options.file).readAll(Record::kMostBody);
     if (bytes.empty() && options.plain) {
         throw Failure(kInvalid,
-                      "an empty body cannot be kept in plain form; without --plain-body "
-                      "it can");
+                      "an empty body cannot be stored in plain form; leave out --plain-body");
     }
     const auto store = [&, size = bytes.size()] {
         putBody(options, address, bytes, context.database);
-        context.output.note(fmt::format("{}: {} bytes{}", address.print(), size,
+        context.output.note(fmt::format("stored {}: {} bytes{}", address.print(), size,
                                         options.plain ? "" : ", encrypted"));
         if (context.output.json()) {
             // As it is on disk: the digest of a secret is one too.
@@ -139,8 +138,8 @@ Status runGet(const GetOptions& options, Context& context) {
     } else if (file->isStandardOutput() && os::isTerminal(kStdout) &&
                !isForTerminals(record.body())) {
         throw Failure(kUsage,
-                      fmt::format("the body of {} is not text, and would garble the terminal: "
-                                  "write it to a file with -o",
+                      fmt::format("the body of {} is not text and would garble the terminal; write "
+                                  "it to a file with -o",
                                   record.address().print()),
                       record.address().print());
     } else {
@@ -155,13 +154,13 @@ Status runGet(const GetOptions& options, Context& context) {
 
 void addPut(Cli& cli) {
     const auto options = std::make_shared<PutOptions>();
-    Command& command = cli.add("put", "Keep a file's bytes as a record",
+    Command& command = cli.add("put", "Store the bytes of a file as a record",
                                [options](Context& context) { return runPut(*options, context); });
     command.argument("ADDRESS", &options->address,
                      "FOLDER/NAME of a new record or of one to replace");
     command.argument("FILE", &options->file, "The file; \"-\" is the standard input");
-    command.option("--label", "TEXT", &options->label, "A text to find it by");
-    command.flag("--plain-body", &options->plain, "Do not encrypt it, and need no password");
+    command.option("--label", "TEXT", &options->label, "Text to find it by");
+    command.flag("--plain-body", &options->plain, "Do not encrypt it; needs no password");
 }
 
 void addGet(Cli& cli) {

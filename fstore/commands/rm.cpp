@@ -52,8 +52,8 @@ void confirmKeys(const std::vector<Address>& addresses, const Globals& globals) 
         if (isKey(address) &&
             !confirm(fmt::format("Remove the key {}?", address.print()), globals.noInput)) {
             throw Failure(kUsage,
-                          fmt::format("{} is a key and was not confirmed, so nothing was removed; "
-                                      "--force removes without asking",
+                          fmt::format("{} is a key and you did not confirm; nothing was removed "
+                                      "(--force does not ask)",
                                       address.print()),
                           address.print());
         }

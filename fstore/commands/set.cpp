@@ -31,7 +31,7 @@ void tell(const Address& address, Output& output) {
     Json json = toJson(infoOf(stored));
     json["attributes"] = attributesToJson(stored);
     output.document({{"records", Json::array({json})}});
-    output.detail(fmt::format("{} was written", address.print()));
+    output.detail(fmt::format("changed {}", address.print()));
 }
 
 Status runSet(const SetOptions& options, Context& context) {
@@ -87,9 +87,9 @@ void addSet(Cli& cli) {
                                [options](Context& context) { return runSet(*options, context); });
     addAddress(command, &options->address);
     command.argument("ASSIGNMENT", &options->assignments,
-                     "label=TEXT or ID[:TYPE]=VALUE; ID from 0x8000, TYPE number, binary, string "
-                     "or text, VALUE @FILE for the contents of a file");
-    command.flag("--encrypt", &options->encrypt, "Keep the values encrypted, as binary attributes");
+                     "label=TEXT or ID[:TYPE]=VALUE; ID from 0x8000 on, TYPE number, binary, "
+                     "string or text, VALUE @FILE for the contents of a file");
+    command.flag("--encrypt", &options->encrypt, "Encrypt the values, as binary attributes");
 }
 
 void addUnset(Cli& cli) {
@@ -97,7 +97,7 @@ void addUnset(Cli& cli) {
     Command& command = cli.add("unset", "Remove a record's label or attributes of your own",
                                [options](Context& context) { return runUnset(*options, context); });
     addAddress(command, &options->address);
-    command.argument("ID", &options->ids, "label, or a number from 0x8000");
+    command.argument("ID", &options->ids, "label, or a number from 0x8000 on");
 }
 
 }  // namespace fstore

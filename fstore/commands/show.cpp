@@ -64,11 +64,11 @@ Status run(const Options& options, Context& context) {
 
 void addShow(Cli& cli) {
     const auto options = std::make_shared<Options>();
-    Command& command = cli.add("show", "Print what is known about a record",
+    Command& command = cli.add("show", "Print the attributes of a record",
                                [options](Context& context) { return run(*options, context); });
     addAddress(command, &options->address);
     command.flag("-u,--unlock", &options->unlock,
-                 "Ask for the password, and show what is kept encrypted too");
+                 "Take the password, and show encrypted parts too");
 }
 
 }  // namespace fstore

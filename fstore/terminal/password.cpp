@@ -57,7 +57,7 @@ SecretText accepted(std::string_view text, PasswordSource::Which which) {
         throw Failure(kInvalid, fmt::format("the {} is empty", describe(which)));
     }
     if (text.find('\0') != std::string_view::npos) {
-        throw Failure(kInvalid, fmt::format("the {} has a NUL byte in it", describe(which)));
+        throw Failure(kInvalid, fmt::format("the {} contains a NUL byte", describe(which)));
     }
     if (text.size() > kMost) {
         throw Failure(kInvalid,
@@ -68,11 +68,11 @@ SecretText accepted(std::string_view text, PasswordSource::Which which) {
 
 [[noreturn]] void failWithoutSource(PasswordSource::Which which) {
     const char* const option = wordsOf(which).option;
-    throw Failure(kUsage,
-                  fmt::format("a {} is needed and there is no terminal to ask on: give it with "
-                              "{}-fd, {}-file, {} or {}",
-                              describe(which), option, option, variableName(which, "_FILE"),
-                              variableName(which, "")));
+    throw Failure(
+        kUsage,
+        fmt::format("no {} given and no terminal to ask on; give it with {}-fd, {}-file, {} or {}",
+                    describe(which), option, option, variableName(which, "_FILE"),
+                    variableName(which, "")));
 }
 
 // The value of an environment variable, or null.
@@ -129,8 +129,8 @@ const SecretText& PasswordSource::get(Entry entry) {
             break;
         case From::kFile:
             if (othersCanRead_) {
-                output_.warn(
-                    fmt::format("others can read the password file {}: chmod 600 it", name_));
+                output_.warn(fmt::format(
+                    "other users can read the password file {}; protect it with chmod 600", name_));
             }
             password_ = read(file_ ? file_.get() : kStdin);
             break;
@@ -181,7 +181,7 @@ SecretText PasswordSource::ask(const char* prompt) const {
     const ssize_t length = os::askTerminal(terminal, os::Echo::kOff, prompt,
                                            reinterpret_cast<char*>(line.data()), line.size());
     if (length < 0 && errno != EMSGSIZE) {
-        throw Failure(kUsage, fmt::format("no {} was typed", describe(which_)));
+        throw Failure(kUsage, fmt::format("no {} was entered", describe(which_)));
     }
     const std::size_t size = length < 0 ? line.size() : static_cast<std::size_t>(length);
     return accepted({reinterpret_cast<const char*>(line.data()), size}, which_);

@@ -86,18 +86,18 @@ void Manifest::check(const ArchiveEntry& entry) const {
         failOnPath(entry.path, "does not belong to a database");
     }
     if (!last_.empty() && !comesBefore(last_, entry.path)) {
-        failOnPath(entry.path, "is out of order, or stands there twice");
+        failOnPath(entry.path, "is out of order, or occurs twice");
     }
     const std::string_view folder = folderOf(entry.path);
     const bool isRoot = folder.empty();
     if (isRoot ? !entry.isFolder : std::ranges::find(folders_, folder) == folders_.end()) {
-        failOnPath(entry.path, "is in no folder of the archive");
+        failOnPath(entry.path, "is in a folder that the archive does not contain");
     }
     if (entry.size > tar::kMostSize || (entry.isFolder && entry.size != 0)) {
-        failOnPath(entry.path, "has a size that it cannot have");
+        failOnPath(entry.path, "has an impossible size");
     }
     if (entry.mode > 0777) {
-        failOnPath(entry.path, "has a mode that it cannot have");
+        failOnPath(entry.path, "has an impossible mode");
     }
 }
 
@@ -132,7 +132,7 @@ std::string Manifest::addFile(const ArchiveEntry& entry, const Sha256Digest& dig
 
 std::string Manifest::finish() {
     if (totals_.folders == 0) {
-        fail("there is nothing in it");
+        fail("it is empty");
     }
     std::string line = fmt::format("# end: {} folders, {} files\n", totals_.folders, totals_.files);
     digest_.add(line);
@@ -156,7 +156,7 @@ void ArchiveWriter::beginFile(const ArchiveEntry& entry) {
 
 void ArchiveWriter::write(std::span<const unsigned char> bytes) {
     if (bytes.size() > left_) {
-        failOnPath(file_.path, "grew while it was read");
+        failOnPath(file_.path, "grew while it was being read");
     }
     left_ -= bytes.size();
     digest_.add(bytes);
@@ -165,7 +165,7 @@ void ArchiveWriter::write(std::span<const unsigned char> bytes) {
 
 void ArchiveWriter::endFile() {
     if (left_ != 0) {
-        failOnPath(file_.path, "shrank while it was read");
+        failOnPath(file_.path, "shrank while it was being read");
     }
     pad(file_.size);
     text_ += manifest_.addFile(file_, digest_.finish());
@@ -232,7 +232,7 @@ void ArchiveReader::fill(std::span<unsigned char> bytes) {
     while (!bytes.empty()) {
         const std::size_t got = source_(bytes);
         if (got == 0) {
-            fail("the archive is cut off");
+            fail("the archive is truncated");
         }
         bytes = bytes.subspan(got);
     }
@@ -243,7 +243,7 @@ void ArchiveReader::skipPadding(std::uint64_t size) {
     const auto padding = std::span(block).first(tar::paddingOf(size));
     fill(padding);
     if (!isZero(padding)) {
-        fail("the archive is damaged: bytes between the files are not zero");
+        fail("the archive is damaged: the padding between files is not zero");
     }
 }
 
@@ -251,11 +251,11 @@ tar::Header ArchiveReader::readBlock() {
     tar::Block block;
     fill(block);
     if (isZero(block)) {
-        fail("the archive ends without its manifest");
+        fail("the archive has no manifest");
     }
     auto header = tar::parse(block);
     if (!header) {
-        fail("this is no backup that fstore has made, or a damaged one");
+        fail("not a backup made by fstore, or a damaged one");
     }
     return std::move(*header);
 }
@@ -288,18 +288,18 @@ void ArchiveReader::readManifest(const tar::Header& header) {
     while (!read().empty()) {
     }
     if (!fits || digest_.finish() != totals.manifest) {
-        fail("the archive is damaged: its contents are not what its manifest says");
+        fail("the archive is damaged: its contents do not match its manifest");
     }
     skipPadding(header.size);
     tar::Block end;
     for (int i = 0; i < 2; ++i) {
         fill(end);
         if (!isZero(end)) {
-            fail("the archive is damaged: something stands behind its manifest");
+            fail("the archive is damaged: there is data after its manifest");
         }
     }
     if (source_(std::span(end).first(1)) != 0) {
-        fail("something follows the archive");
+        fail("there is data after the archive");
     }
 }
 

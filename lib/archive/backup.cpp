@@ -43,7 +43,7 @@ os::File openArchive(const std::string& name) {
         case os::Opened::kRegular:
             return file;
         case os::Opened::kNotRegular:
-            throw Failure(kInvalid, fmt::format("{} is not a file", name), name);
+            throw Failure(kInvalid, fmt::format("{} is not a regular file", name), name);
         case os::Opened::kFailed:
             break;
     }
@@ -64,8 +64,8 @@ ArchiveTotals extract(const os::File& file, const std::string& name) {
 void refuseToReplace(const Place& place) {
     if (folderState().hasDatabase()) {
         throw Failure(kInvalid,
-                      fmt::format("there is a database in {}; --replace puts the backup in its "
-                                  "place and keeps the old one under another name",
+                      fmt::format("there is already a database in {}; --replace replaces it and "
+                                  "keeps the old one under another name",
                                   place.describe()),
                       place.folder);
     }
@@ -81,7 +81,7 @@ RestoreReport restoreFrom(const os::File& first, const os::File& second, Databas
     }
     const ArchiveTotals totals = extract(second, name);
     if (totals.manifest != verified.manifest) {
-        throw Failure(kIo, "it changed while it was read");
+        throw Failure(kIo, "it changed while it was being read");
     }
     settleCopy();
     return {totals, exchangeForCopy(compactTime(now()))};
@@ -92,7 +92,8 @@ RestoreReport restoreFrom(const os::File& first, const os::File& second, Databas
 BackupReport backUp(Database& database, OutputFile& file) {
     BackupReport report = writeArchive(database, file);
     if (verifyArchive(file.reopen(), file.name()).manifest != report.totals.manifest) {
-        throw Failure(kIo, fmt::format("{} does not read back as it was written", file.name()),
+        throw Failure(kIo,
+                      fmt::format("{} reads back differently from what was written", file.name()),
                       file.name());
     }
     file.commit();

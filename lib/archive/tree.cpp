@@ -141,14 +141,15 @@ ArchiveTotals extractTree(const os::File& file, const std::string& name,
         } else if (os::mkdir(path.c_str(), S_IRWXU) == 0) {
             modes.emplace_back(path, entry->mode);
         } else {
-            failWithErrno("make the folder", path);
+            failWithErrno("create the folder", path);
         }
     }
     for (auto it = modes.rbegin(); it != modes.rend(); ++it) {
         setMode(os::openFile(it->first.c_str(), O_RDONLY | O_DIRECTORY), it->second, it->first);
     }
     if (totalsOf(folder).manifest != reader.totals().manifest) {
-        throw Failure(kIo, fmt::format("{} does not read back as it was written", folder), folder);
+        throw Failure(kIo, fmt::format("{} reads back differently from what was written", folder),
+                      folder);
     }
     syncTree(folder);
     return reader.totals();

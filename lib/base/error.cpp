@@ -16,25 +16,24 @@ struct Code {
 
 constexpr Code kCodes[] = {
     {kOk, "ok", "done"},
-    {kNoMemory, "no-memory", "there is not enough memory"},
-    {kUsage, "usage", "the command line is wrong"},
+    {kNoMemory, "no-memory", "out of memory"},
+    {kUsage, "usage", "invalid command line"},
     {kFound, "found", "something was found"},
-    {kInvalid, "invalid", "the value is not allowed"},
-    {kPartial, "partial", "some of it was done and some not"},
-    {kWrongPassword, "wrong-password", "the password is wrong"},
+    {kInvalid, "invalid", "invalid value"},
+    {kPartial, "partial", "only a part was done"},
+    {kWrongPassword, "wrong-password", "wrong password"},
     {kIo, "io",
-     "a file could not be written (is the disk full, or not yours to write?) or a cipher step "
-     "failed"},
+     "a file could not be read or written (disk full? no permission?), or encryption failed"},
     {kNotOpen, "not-open", "the database is not open, or its password record is unreadable"},
-    {kAlreadyOpen, "busy", "another process holds the database"},
+    {kAlreadyOpen, "busy", "another process is using the database"},
     {kClosed, "closed", "the database is closed"},
-    {kEnd, "not-found", "there is no such thing"},
-    {kNoObject, "no-service", "a service of the store cannot be had"},
-    {kMissing, "missing", "there is no such file"},
-    {kMalformed, "malformed", "the data is malformed"},
+    {kEnd, "not-found", "not found"},
+    {kNoObject, "no-service", "the store's modules cannot be reached"},
+    {kMissing, "missing", "no such file"},
+    {kMalformed, "malformed", "malformed data"},
     {kNoDigest, "no-digest", "the password record is damaged"},
     {kForeign, "foreign", "another module reported a failure"},
-    {kInterrupted, "interrupted", "it was interrupted"},
+    {kInterrupted, "interrupted", "interrupted"},
 };
 
 const Code* find(Status code) {

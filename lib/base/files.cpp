@@ -25,14 +25,14 @@ constexpr int kStdout = 1;
 constexpr std::size_t kPiece = 1 << 20;
 
 [[noreturn]] void failTooLarge(const std::string& name, std::uint64_t most) {
-    throw Failure(kInvalid,
-                  fmt::format("{} has more than the {} bytes that can be taken", name, most), name);
+    throw Failure(kInvalid, fmt::format("{} is larger than the limit of {} bytes", name, most),
+                  name);
 }
 
 std::string besideName(const std::string& path) {
     std::array<unsigned char, 6> random{};
     if (RAND_bytes(random.data(), static_cast<int>(random.size())) != 1) {
-        throw Failure(kIo, "cannot name a file: OpenSSL has no random numbers");
+        throw Failure(kIo, "cannot create a file name: OpenSSL has no random numbers");
     }
     const std::size_t slash = path.rfind('/');
     return fmt::format("{}/.fstore-{}", path.substr(0, slash), toHex(random));
@@ -160,7 +160,7 @@ OutputFile::OutputFile(const std::string& name, bool replace) : name_(name), rep
     }
     path_ = absolutePath(name);
     if (!replace && exists(path_)) {
-        throw Failure(kInvalid, fmt::format("{} exists; --force replaces it", name), name);
+        throw Failure(kInvalid, fmt::format("{} already exists; --force replaces it", name), name);
     }
     beside_.emplace(besideName(path_));
     os::removeOnSignal(beside_->c_str());
@@ -201,7 +201,8 @@ void OutputFile::commit() {
         failWithErrno("write", name_);
     }
     if (!replace_ && exists(path_)) {
-        throw Failure(kInvalid, fmt::format("{} exists; --force replaces it", name_), name_);
+        throw Failure(kInvalid, fmt::format("{} already exists; --force replaces it", name_),
+                      name_);
     }
     if (os::rename(beside_->c_str(), path_.c_str()) != 0) {
         failWithErrno("write", name_);

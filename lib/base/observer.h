@@ -59,7 +59,7 @@ public:
     void step() {
         observer_.step();
         if (observer_.isCancelled()) {
-            throw Failure(kInterrupted, "it was interrupted");
+            throw Failure(kInterrupted, "interrupted");
         }
     }
 

@@ -7,7 +7,7 @@ namespace {
 
 void require(bool done) {
     if (!done) {
-        throw Failure(kIo, "cannot compute a digest: OpenSSL refuses SHA-256");
+        throw Failure(kIo, "cannot compute a digest: OpenSSL does not offer SHA-256");
     }
 }
 

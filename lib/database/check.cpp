@@ -30,10 +30,9 @@ std::vector<Finding> inspectAll() {
     }
     try {
         if (readProtection().isUnfinished()) {
-            findings.push_back({Finding::Kind::kUnfinishedChange,
-                                descriptorPath({"", layout::kKdfRecord}),
-                                "tells of a change of the password that was broken off",
-                                Finding::Repair::kFinish});
+            findings.push_back(
+                {Finding::Kind::kUnfinishedChange, descriptorPath({"", layout::kKdfRecord}),
+                 "records an interrupted change of the password", Finding::Repair::kFinish});
         }
     } catch (const Failure& failure) {
         findings.push_back({Finding::Kind::kDamaged, failure.path(), failure.what()});

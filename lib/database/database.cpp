@@ -52,7 +52,7 @@ Hold Database::enter(Access access, Need need) {
             enterRecords(access);
             if (access == Access::kChange && protection_.isUnfinished()) {
                 observer_.warn(
-                    "the last change of the password was broken off; its last steps come first");
+                    "the last change of the password was interrupted; finishing it first");
                 enterSecrets(access);
             }
             break;
@@ -72,8 +72,8 @@ void Database::needSecrets() {
 void Database::requireSecrecy() const {
     if (!protection_.hasPassword()) {
         throw Failure(kNotOpen,
-                      fmt::format("the database in {} has no password, so nothing in it can be "
-                                  "kept secret: `fstore init` or `fstore passwd` gives it one",
+                      fmt::format("the database in {} has no password and so cannot keep secrets; "
+                                  "set one with `fstore init` or `fstore passwd`",
                                   place_.describe()),
                       place_.folder);
     }
@@ -91,8 +91,8 @@ void Database::requireDatabase() const {
     refuseLink();
     if (!folderState().hasDatabase()) {
         throw Failure(kMissing,
-                      fmt::format("there is no database in {}: `fstore init` makes one, --dir "
-                                  "names another folder",
+                      fmt::format("there is no database in {}; create one with `fstore init`, or "
+                                  "name another folder with --dir",
                                   place_.describe()),
                       place_.folder);
     }
@@ -131,11 +131,11 @@ void Database::enterShared() {
         }
         enterExclusive();
     }
-    throw Failure(kIo,
-                  fmt::format("what a crash left in {} cannot be repaired; `fstore check` tells "
-                              "more",
-                              place_.describe()),
-                  place_.folder);
+    throw Failure(
+        kIo,
+        fmt::format("what a crash left behind in {} cannot be repaired; run `fstore check`",
+                    place_.describe()),
+        place_.folder);
 }
 
 void Database::enterExclusive() {

@@ -76,10 +76,10 @@ DeepReport readEverything(Observer& observer, const std::string& what) {
 void checkBody(const Record& record) {
     const auto expected = record.binary(attr::kSha256);
     if (expected && !std::ranges::equal(*expected, sha256(record.body()))) {
-        throw Failure(kMalformed,
-                      fmt::format("the body of {} is not the one that its SHA-256 was taken of",
-                                  record.address().print()),
-                      record.address().print());
+        throw Failure(
+            kMalformed,
+            fmt::format("the body of {} does not match its SHA-256", record.address().print()),
+            record.address().print());
     }
 }
 

@@ -26,7 +26,7 @@ void FolderLock::enter() {
 
 void FolderLock::makeAndEnter() {
     if (!folder_ && !exists(place_.folder) && os::mkdir(place_.folder.c_str(), S_IRWXU) != 0) {
-        failWithErrno("make the folder", place_.folder);
+        failWithErrno("create the folder", place_.folder);
     }
     enter();
 }
@@ -41,8 +41,8 @@ void FolderLock::take(os::LockKind kind) {
             failWithErrno("lock the folder", place_.folder);
     }
     throw Failure(kAlreadyOpen,
-                  fmt::format("another process holds the database in {}; try again later or wait "
-                              "longer with --lock-timeout",
+                  fmt::format("another process is using the database in {}; try again later, or "
+                              "wait longer with --lock-timeout",
                               place_.describe()),
                   place_.folder);
 }

@@ -106,7 +106,7 @@ std::string exchangeForCopy(const std::string& time) {
         const int reason = errno;
         (void)os::rename(kPrevious, kLive);  // if this fails too, the next start does it
         errno = reason;
-        failWithErrno("make the database of", kCopy);
+        failWithErrno("create the database of", kCopy);
     }
     syncHere();
     return keepPrevious(time);

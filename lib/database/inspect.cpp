@@ -71,7 +71,7 @@ void putBack(const std::string& path) {
 
 void makeFolder(const std::string& path) {
     if (os::mkdir(path.c_str(), S_IRWXU) != 0) {
-        failWithErrno("make the folder", path);
+        failWithErrno("create the folder", path);
     }
     syncFolder(folderOf(path));
 }
@@ -104,7 +104,7 @@ std::vector<Finding> inspect() {
     const FolderState folders = folderState();
     if (!folders.live) {
         return {{FindingKind::kMovedAside, layout::kPrevious,
-                 "is the database, moved aside by a change of the password that was broken off",
+                 "is the database, moved aside by an interrupted change of the password",
                  Repair::kMoveBack}};
     }
     std::vector<Finding> findings;
@@ -116,7 +116,7 @@ std::vector<Finding> inspect() {
     }
     if (folders.copy) {
         findings.push_back({FindingKind::kUnfinishedCopy, layout::kCopy,
-                            "is left over from a change of the password", Repair::kDropCopy});
+                            "is a leftover of a change of the password", Repair::kDropCopy});
     }
     if (folders.previous) {
         findings.push_back({FindingKind::kPrevious, layout::kPrevious,

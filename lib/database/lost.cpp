@@ -107,7 +107,7 @@ void makeFolders(const std::string& top, std::string_view path) {
             continue;
         }
         if (os::mkdir(folder.c_str(), S_IRWXU) != 0) {
-            failWithErrno("make the folder", folder);
+            failWithErrno("create the folder", folder);
         }
         syncFolder(std::string(folderOf(folder)));
     }
@@ -191,7 +191,7 @@ std::string requireLostFolder(const std::string& name) {
         !isFolder(layout::kLost) || !isFolder(folder)) {
         throw Failure(
             kMissing,
-            fmt::format("there is no {}; `fstore check` lists what repairs took away", folder),
+            fmt::format("there is no {}; `fstore check` lists what repairs moved away", folder),
             folder);
     }
     return folder;

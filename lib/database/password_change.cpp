@@ -47,11 +47,12 @@ DeepReport readSound(Observer& observer, const char* what) {
     DeepReport report = readEverything(observer, what);
     if (!report.damaged.empty()) {
         const DamagedRecord& first = report.damaged.front();
-        throw Failure(kFound,
-                      fmt::format("{} of {} records are damaged, and the password stays as it is: "
-                                  "{}; `fstore check --deep` names all, `fstore rm` removes them",
-                                  report.damaged.size(), report.records, first.message),
-                      first.address.print());
+        throw Failure(
+            kFound,
+            fmt::format("{} of {} records are damaged, so the password was not changed: {}; list "
+                        "them with `fstore check --deep`, remove them with `fstore rm`",
+                        report.damaged.size(), report.records, first.message),
+            first.address.print());
     }
     return report;
 }
@@ -94,7 +95,7 @@ Protection recrypt(StoreService& store, Observer& observer, const SecretText& p,
     if (!protection.isUnfinished()) {
         store.close();  // its ciphers may carry the new key
         if (status == kInterrupted) {
-            throw Failure(kInterrupted, "it was interrupted, and the password stays as it is");
+            throw Failure(kInterrupted, "interrupted; the password was not changed");
         }
         check(status == kOk ? kIo : status, "the password was not changed");
     }
@@ -119,8 +120,8 @@ Protection recrypt(StoreService& store, Observer& observer, const SecretText& p,
     undoExchange();
     (void)recover(store);
     throw Failure(reason.status() == kFound ? kIo : reason.status(),
-                  fmt::format("the password was not changed, and the old one is in force: the "
-                              "re-encrypted database did not hold what it should: {}",
+                  fmt::format("the password was not changed and the old one is in force: the "
+                              "re-encrypted database is not complete: {}",
                               reason.what()),
                   reason.path());
 }

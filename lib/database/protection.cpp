@@ -40,8 +40,7 @@ Protection protectionOf(KdfRecord kdf, const std::optional<Digest>& key) {
     const auto slot =
         std::ranges::find_if(kdf.slots, [&](const Slot& one) { return isInForce(one, key); });
     if (slot == kdf.slots.end()) {
-        failOnKey(key ? "the record ./key does not belong to the record ./kdf"
-                      : "the record ./key is missing beside the record ./kdf");
+        failOnKey(key ? "the records ./key and ./kdf do not match" : "the record ./key is missing");
     }
     const Slot inForce = *slot;
     return {std::move(kdf), inForce};

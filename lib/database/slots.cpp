@@ -152,7 +152,7 @@ SecretText deriveP(const Slot& slot, const SecretText& password) {
 Digest digestOf(const SecretText& p) {
     Digest digest;
     if (EVP_Digest(p.c_str(), p.size(), digest.data(), nullptr, EVP_md5(), nullptr) != 1) {
-        throw Failure(kIo, "cannot compute the digest of the password: OpenSSL refuses MD5");
+        throw Failure(kIo, "cannot compute the digest of the password: OpenSSL does not offer MD5");
     }
     return digest;
 }
@@ -161,7 +161,7 @@ NewSlot makeSlot(const SecretText& password, unsigned int ln) {
     Slot slot;
     slot.ln = ln;
     if (RAND_bytes(slot.salt.data(), static_cast<int>(slot.salt.size())) != 1) {
-        throw Failure(kIo, "cannot make a salt: OpenSSL has no random numbers");
+        throw Failure(kIo, "cannot create a salt: OpenSSL has no random numbers");
     }
     SecretText p = deriveP(slot, password);
     slot.digest = digestOf(p);

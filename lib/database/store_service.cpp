@@ -57,10 +57,9 @@ void StoreService::open(SecretText p) {
     close();
     const Status status = service_.open(p.c_str());
     if (status == kWrongPassword) {
-        throw Failure(
-            kWrongPassword,
-            fmt::format("the password is not that of the database in {}", place_.describe()),
-            place_.folder);
+        throw Failure(kWrongPassword,
+                      fmt::format("wrong password for the database in {}", place_.describe()),
+                      place_.folder);
     }
     check(status, fmt::format("cannot open the database in {}", place_.describe()), place_.folder);
     p_ = std::move(p);
@@ -75,8 +74,8 @@ void StoreService::makeFolders() {
     // The store goes on after a folder that it could not make, so errno tells of another.
     if (service_.prepareDBFolders() != kOk) {
         throw Failure(kIo,
-                      fmt::format("cannot make the folders of the database in {}: its disk may be "
-                                  "full, or not yours to write",
+                      fmt::format("cannot create the folders of the database in {} (disk full? "
+                                  "no permission?)",
                                   place_.describe()),
                       place_.folder);
     }

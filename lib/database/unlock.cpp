@@ -8,14 +8,14 @@ SecretText askForP(const Slot& slot, const Place& place, Observer& observer) {
     switch (slot.form) {
         case Slot::Form::kNone:
             observer.warn(
-                fmt::format("the database in {} has no password: `fstore passwd` gives it one",
+                fmt::format("the database in {} has no password; set one with `fstore passwd`",
                             place.describe()));
             return {};
         case Slot::Form::kRaw:
-            observer.warn(fmt::format(
-                "the password of the database in {} can be guessed cheaply: `fstore passwd` "
-                "protects it",
-                place.describe()));
+            observer.warn(
+                fmt::format("the password of the database in {} is cheap to guess; protect it with "
+                            "`fstore passwd`",
+                            place.describe()));
             break;
         case Slot::Form::kScrypt:
             break;

@@ -34,7 +34,7 @@ SecretBytes keyFromHeader(PemContent content, FilePassword& password) {
     const std::size_t field = std::min(content.header.find(kCipherField), content.header.size());
     std::string header = "Proc-Type: 4,ENCRYPTED\n" + content.header.substr(field);
     if (PEM_get_EVP_CIPHER_INFO(header.data(), &cipher) != 1) {
-        throw Failure(kMalformed, "the key is encrypted in an unknown way");
+        throw Failure(kMalformed, "the encryption of the key is not supported");
     }
     constexpr std::uint64_t kRounds = 1;
     const SecretText& text = password.get(kRounds);
@@ -45,7 +45,7 @@ SecretBytes keyFromHeader(PemContent content, FilePassword& password) {
     auto key = decrypted ? keyFromPlain(Bytes(content.der).first(static_cast<std::size_t>(size)))
                          : std::nullopt;
     if (!key) {
-        throw Failure(kWrongPassword, "the password does not open this key");
+        throw Failure(kWrongPassword, "wrong password for this key");
     }
     return std::move(*key);
 }
@@ -62,7 +62,7 @@ PkiObject trustedCertificate(const SecretBytes& der, std::string& label) {
     const unsigned char* at = der.data();
     const ossl::Certificate certificate(d2i_X509_AUX(nullptr, &at, static_cast<long>(der.size())));
     if (certificate == nullptr) {
-        throw Failure(kMalformed, "this is no certificate, or a damaged one");
+        throw Failure(kMalformed, "not a certificate, or a damaged one");
     }
     int length = 0;
     if (const unsigned char* const alias = X509_alias_get0(certificate.get(), &length)) {
@@ -255,16 +255,15 @@ Failure strangeness(Bytes bytes) {
     const auto end = endOfSequence(bytes);
     if (end == bytes.size()) {
         return {kMalformed,
-                "this is DER, but no certificate, CRL, key, request or PKCS#12 file, "
-                "or a damaged one"};
+                "DER, but not a certificate, CRL, key, request or PKCS#12 file, or a damaged one"};
     }
     if (end && *end > bytes.size()) {
-        return {kMalformed, fmt::format("the file is cut off: it has {} bytes of {}, or is not DER",
+        return {kMalformed, fmt::format("the file is truncated to {} of {} bytes, or is not DER",
                                         bytes.size(), *end)};
     }
     if (end) {
-        return {kMalformed,
-                fmt::format("{} bytes follow the DER, or it is none", bytes.size() - *end)};
+        return {kMalformed, fmt::format("{} bytes follow the DER, or the file is not DER",
+                                        bytes.size() - *end)};
     }
     return {kMalformed, "the file is neither PEM nor DER"};
 }

@@ -14,7 +14,7 @@ SecretBytes pemBlock(const char* type, Bytes der) {
     const ossl::Bio out(BIO_new(BIO_s_mem()));
     if (out == nullptr ||
         PEM_write_bio(out.get(), type, "", der.data(), static_cast<long>(der.size())) <= 0) {
-        failWithStatus(kNoMemory, "cannot write a PEM block: there is not enough memory");
+        failWithStatus(kNoMemory, "cannot write a PEM block: out of memory");
     }
     unsigned char* text = nullptr;
     const long size = BIO_get_mem_data(out.get(), &text);
@@ -53,7 +53,7 @@ SecretBytes pemOf(Kind kind, Bytes der) {
         case Kind::kUnknown:
             break;
     }
-    throw Failure(kInvalid, "this record has no PEM form");
+    throw Failure(kInvalid, "this record cannot be written as PEM");
 }
 
 SecretBytes encryptedKey(Bytes pkcs8, const SecretText& password) {
@@ -65,7 +65,7 @@ SecretBytes encryptedKey(Bytes pkcs8, const SecretText& password) {
                                                      kSaltSize, kWrittenIterations, info.get()));
     SecretBytes der = ossl::encoded<i2d_X509_SIG>(encrypted.get());
     if (der.empty()) {
-        throw Failure(kIo, "cannot encrypt the key: OpenSSL refuses");
+        throw Failure(kIo, "cannot encrypt the key: OpenSSL failed");
     }
     return der;
 }
@@ -100,7 +100,7 @@ SecretBytes pkcs12Of(const Pkcs12Content& content, const SecretText* password) {
         kWrittenIterations, password != nullptr ? kWrittenIterations : kNot, 0));
     SecretBytes der = ossl::encoded<i2d_PKCS12>(file.get());
     if (der.empty()) {
-        throw Failure(kIo, "cannot make the PKCS#12 file: OpenSSL refuses");
+        throw Failure(kIo, "cannot create the PKCS#12 file: OpenSSL failed");
     }
     return der;
 }

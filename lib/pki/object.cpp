@@ -232,7 +232,7 @@ PkiObject readPkiObject(Kind kind, SecretBytes der) {
     to.number(attr::kSchema, 1);
     to.number(attr::kKind, static_cast<std::uint32_t>(kind));
     if (!describe(object, to)) {
-        throw Failure(kMalformed, fmt::format("this is no {}, or a damaged one", nameOf(kind)));
+        throw Failure(kMalformed, fmt::format("not a {}, or a damaged one", nameOf(kind)));
     }
     return object;
 }

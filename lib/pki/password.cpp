@@ -59,7 +59,7 @@ const SecretText& FilePassword::get(std::uint64_t rounds) {
 
 void FilePassword::spend(std::uint64_t rounds) {
     if (rounds > left_) {
-        throw Failure(kMalformed, "it demands more work for its password than any honest file");
+        throw Failure(kMalformed, "its password takes more work than any honest file needs");
     }
     left_ -= rounds;
 }

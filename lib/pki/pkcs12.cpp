@@ -58,7 +58,7 @@ PkiObject objectOf(const PKCS12_SAFEBAG* bag, FilePassword& password) {
             return readPkiObject(Kind::kCrl, ossl::encoded<i2d_X509_CRL>(crl.get()));
         }
         default:
-            throw Failure(kMalformed, "a PKCS#12 entry of an unknown kind");
+            throw Failure(kMalformed, "unknown kind of PKCS#12 entry");
     }
 }
 
@@ -115,7 +115,7 @@ void checkMac(PKCS12& file, FilePassword& password) {
         return PKCS12_verify_mac(&file, text, length) == 1;
     });
     if (!right) {
-        throw Failure(kWrongPassword, "the password does not open this PKCS#12 file");
+        throw Failure(kWrongPassword, "wrong password for this PKCS#12 file");
     }
 }
 
@@ -147,7 +147,7 @@ std::optional<std::vector<PkiPart>> partsOfPkcs12(std::span<const unsigned char>
         addParts(bags.get(), password, parts);
     }
     if (parts.empty()) {
-        throw Failure(kMalformed, "the PKCS#12 file holds nothing");
+        throw Failure(kMalformed, "the PKCS#12 file is empty");
     }
     return parts;
 }

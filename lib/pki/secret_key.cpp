@@ -9,7 +9,7 @@ SecretBytes pkcs8Of(const EVP_PKEY& key) {
     const ossl::KeyInfo info(EVP_PKEY2PKCS8(&key));
     SecretBytes der = ossl::encoded<i2d_PKCS8_PRIV_KEY_INFO>(info.get());
     if (der.empty()) {
-        throw Failure(kMalformed, "a key of this algorithm has no PKCS#8 form");
+        throw Failure(kMalformed, "a key of this algorithm cannot be written as PKCS#8");
     }
     return der;
 }
@@ -40,7 +40,7 @@ std::optional<SecretBytes> keyFromEncrypted(std::span<const unsigned char> der,
     const ossl::KeyInfo info(
         PKCS8_decrypt(encrypted.get(), text.c_str(), static_cast<int>(text.size())));
     if (info == nullptr) {
-        throw Failure(kWrongPassword, "the password does not open this key");
+        throw Failure(kWrongPassword, "wrong password for this key");
     }
     const ossl::Pkey key(EVP_PKCS82PKEY(info.get()));
     if (key == nullptr) {

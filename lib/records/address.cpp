@@ -16,7 +16,7 @@ constexpr std::size_t kLongestDigest = 64;
 constexpr std::size_t kLongestName = 255 - kDscSuffix.size() - kNewMarker.size();
 
 [[noreturn]] void fail(std::string_view text, const char* why) {
-    throw Failure(kInvalid, fmt::format("\"{}\" is no address of a record: {}", text, why),
+    throw Failure(kInvalid, fmt::format("\"{}\" is not a valid address: {}", text, why),
                   std::string(text));
 }
 
@@ -25,10 +25,10 @@ void checkName(std::string_view text, std::string_view name) {
         fail(text, "it has no name");
     }
     if (name.find('\0') != std::string_view::npos) {
-        fail(text, "it has a NUL byte in it");
+        fail(text, "it contains a NUL byte");
     }
     if (name.size() > kLongestName) {
-        fail(text, "its name is longer than 247 bytes");
+        fail(text, "the name is longer than 247 bytes");
     }
 }
 
@@ -43,7 +43,7 @@ AddressText parseAddress(std::string_view text) {
     if (text.starts_with(kDigest)) {
         const auto digits = hexDigits(text.substr(kDigest.size()));
         if (!digits || digits->empty() || digits->size() > kLongestDigest) {
-            fail(text, "after \"sha256:\" come 1 to 64 hexadecimal digits");
+            fail(text, "\"sha256:\" needs 1 to 64 hexadecimal digits");
         }
         address.form = AddressText::Form::kDigest;
         address.digest = *digits;
@@ -63,10 +63,10 @@ AddressText parseAddress(std::string_view text) {
 Address parseNewAddress(std::string_view text) {
     const AddressText address = parseAddress(text);
     if (address.form != AddressText::Form::kPlace) {
-        fail(text, "for a new record the folder is needed, as in \"settings/name\"");
+        fail(text, "a new record needs a folder, as in \"settings/name\"");
     }
     if (printable(address.place.name) != address.place.name) {
-        fail(text, "its name has characters that cannot be shown");
+        fail(text, "the name has unprintable characters");
     }
     return address.place;
 }
@@ -80,8 +80,7 @@ std::string parseFolder(std::string_view text) {
         text.remove_prefix(slash == std::string_view::npos ? text.size() : slash + 1);
         if (part == ".." || part.find('\0') != std::string_view::npos) {
             throw Failure(kInvalid,
-                          "a folder of the database is named from \"db\" downwards, "
-                          "as in \"certificates/local\"");
+                          "folder names start below \"db\", as in \"certificates/local\"");
         }
         if (part.empty() || part == "." || (depth == 0 && part == layout::kLiveName)) {
             continue;

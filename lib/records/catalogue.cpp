@@ -130,7 +130,7 @@ Address resolve(std::string_view text) {
         for (const Address& address : found) {
             names += (names.empty() ? "" : ", ") + address.print();
         }
-        throw Failure(kInvalid, fmt::format("{} may be {}; name one of them", text, names),
+        throw Failure(kInvalid, fmt::format("{} is ambiguous; it may be {}", text, names),
                       std::string(text));
     }
     return found[0];

@@ -32,7 +32,7 @@ Filter::Filter(const Filters& filters, std::int64_t now) : filters_(filters), no
         const auto period = parsePeriod(*filters.expiresWithin);
         if (!period) {
             failOption("--expires-within", *filters.expiresWithin,
-                       "a period is a number and s, m, h, d, w or y, as in 30d");
+                       "a period is a number with s, m, h, d, w or y, as in 30d");
         }
         expiresBefore_ = now + *period;
     }
@@ -40,14 +40,15 @@ Filter::Filter(const Filters& filters, std::int64_t now) : filters_(filters), no
         std::string digits = *filters.serial;
         std::erase(digits, ':');
         if (digits.empty() || !hexDigits(digits)) {
-            failOption("--serial", *filters.serial, "a serial number has hexadecimal digits");
+            failOption("--serial", *filters.serial,
+                       "a serial number consists of hexadecimal digits");
         }
         serial_ = digitsOfNumber(digits);
     }
     if (filters.sha256) {
         const auto digits = hexDigits(*filters.sha256);
         if (!digits || digits->empty()) {
-            failOption("--sha256", *filters.sha256, "a digest has hexadecimal digits");
+            failOption("--sha256", *filters.sha256, "a digest consists of hexadecimal digits");
         }
         sha256_ = *digits;
     }
@@ -55,7 +56,7 @@ Filter::Filter(const Filters& filters, std::int64_t now) : filters_(filters), no
         const std::size_t equals = text.find('=');
         const auto id = parseAttributeId(std::string_view(text).substr(0, equals));
         if (!id) {
-            failOption("--attr", text, "an attribute has a number or a name, as in 0x8001=red");
+            failOption("--attr", text, "an attribute is a number or a name, as in 0x8001=red");
         }
         attributes_.push_back({*id, equals == std::string::npos
                                         ? std::nullopt

@@ -33,9 +33,10 @@ void checkText(unsigned int id, std::string_view text) {
     constexpr std::string_view kBlanks = " \t\v\f\r";
     if (text.find_first_of(std::string_view("\n\0", 2)) != std::string_view::npos ||
         (!text.empty() && kBlanks.find(text[0]) != std::string_view::npos)) {
-        throw Failure(kMalformed, fmt::format("the text of attribute 0x{:x} cannot be kept: it has "
-                                              "a line feed or a NUL in it, or a blank in front",
-                                              id));
+        throw Failure(kMalformed,
+                      fmt::format("cannot store the text of attribute 0x{:x}: it contains a line "
+                                  "feed or a NUL, or begins with a blank",
+                                  id));
     }
 }
 
@@ -64,7 +65,7 @@ void checkRead(Status status, const Address& address) {
     if (status == kMissing) {
         throw Failure(kMissing,
                       fmt::format("cannot read {}: its descriptor or its body file is missing or "
-                                  "cannot be opened; `fstore check` tells more",
+                                  "cannot be opened; run `fstore check`",
                                   address.print()),
                       address.print());
     }
@@ -79,7 +80,7 @@ Record::Record(Address address) : address_(std::move(address)) {
     }
     const auto accept = [&](Status status) {
         if (status != kOk) {  // a listing makes many, and none of them needs the sentence
-            check(status, fmt::format("cannot make {}", address_.print()), address_.print());
+            check(status, fmt::format("cannot create {}", address_.print()), address_.print());
         }
     };
     accept(store_.setFolderName(folderPath(address_.folder).c_str()));
@@ -117,11 +118,11 @@ void Record::decrypt() {
     }
     const Status status = store_.decrypt();
     if (status == kIo) {
-        throw Failure(kIo,
-                      fmt::format("cannot decrypt {}: it is damaged, or was not encrypted with "
-                                  "this database's password",
-                                  address_.print()),
-                      address_.print());
+        throw Failure(
+            kIo,
+            fmt::format("cannot decrypt {}: it is damaged, or was encrypted with another password",
+                        address_.print()),
+            address_.print());
     }
     check(status, fmt::format("cannot decrypt {}", address_.print()), address_.print());
     readable_ = true;
@@ -278,10 +279,11 @@ void Record::verifyWritten() const {
     Record stored = Record::read(address_);
     stored.decrypt();
     if (!sameContents(*this, stored)) {
-        throw Failure(kIo,
-                      fmt::format("{} does not read back as it was written; keep the original",
-                                  address_.print()),
-                      address_.print());
+        throw Failure(
+            kIo,
+            fmt::format("{} reads back differently from what was written; keep the original",
+                        address_.print()),
+            address_.print());
     }
 }
 
@@ -315,12 +317,11 @@ void Record::removeDescriptors() const {
 }
 
 Failure noService() {
-    return {kNoObject, "the store's modules do not give a record"};
+    return {kNoObject, "the store's modules cannot create a record"};
 }
 
 Failure noRecord(std::string_view name) {
-    return Failure(kMissing,
-                   fmt::format("there is no record {}; `fstore ls` lists what there is", name),
+    return Failure(kMissing, fmt::format("there is no record {}; `fstore ls` lists all", name),
                    std::string(name));
 }
 

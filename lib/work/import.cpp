@@ -62,10 +62,9 @@ Importer::Importer(Database& database, ImportRules rules,
         } else if (key != nullptr) {
             named_ = toHex(key->keySha256);
         } else {
-            throw Failure(kInvalid,
-                          fmt::format("--name is for one object, or for one key and what belongs "
-                                      "to it; there are {} objects",
-                                      objects.size()));
+            throw Failure(kInvalid, fmt::format("--name names one object, or one key and what "
+                                                "belongs to it; there are {} objects",
+                                                objects.size()));
         }
     }
     for (const Address& address : allRecords()) {
@@ -137,10 +136,11 @@ Importer::Result Importer::add(const PkiObject& object, const std::string& label
     requireFolder(address.folder);
     if (Record::isThere(address)) {
         if (!rules_.replace) {
-            throw Failure(kInvalid,
-                          fmt::format("{} is there and is another object; --replace replaces it",
-                                      address.print()),
-                          address.print());
+            throw Failure(
+                kInvalid,
+                fmt::format("{} already exists and is another object; --replace replaces it",
+                            address.print()),
+                address.print());
         }
         return replace(object, label, address);
     }

@@ -70,12 +70,12 @@ class RoundTest(BackupTest):
         run = self.backup()
         files = sum(1 for _, content in self.tree().values() if content is not None)
         size = sum(len(content) for _, content in self.tree().values() if content is not None)
-        self.assertEqual(f"fstore: {self.tar}: {files} files in 9 folders, {size} bytes, "
-                         "read back\n", run.message)
+        self.assertEqual(f"fstore: wrote {self.tar}: {files} files in 9 folders, {size} bytes, "
+                         "verified\n", run.message)
         self.assertEqual(b"", run.out)
         run = self.restore()
-        self.assertEqual(f"fstore: {self.tar}: {files} files in 9 folders, {size} bytes, "
-                         f"restored to {self.outside / 'new'}\n", run.message)
+        self.assertEqual(f"fstore: restored {self.tar} to {self.outside / 'new'}: "
+                         f"{files} files in 9 folders, {size} bytes\n", run.message)
 
     def test_documents(self):
         document = self.run_tool("backup", self.tar, "--json").document["backup"]
@@ -255,7 +255,7 @@ class HostileTest(BackupTest):
                 info = tarfile.TarInfo(member)
                 info.size = 0
                 tar.addfile(info)
-            self.assertIn("no backup that fstore has made", self.refused(member))
+            self.assertIn("not a backup made by fstore", self.refused(member))
         with tarfile.open(self.tar, "w") as tar:
             info = tarfile.TarInfo("db")
             info.type = tarfile.SYMTYPE

@@ -247,7 +247,7 @@ class InputPasswordTest(ImportTest):
     def test_wrong_one_is_told_with_the_file(self):
         message = self.fails(6, "wrong-password", "import", self.pki / "modern.p12",
                              env={"FSTORE_IN_PASSWORD": "wrong"})
-        self.assertIn("modern.p12: the password does not open", message)
+        self.assertIn("modern.p12: wrong password for this PKCS#12 file", message)
         self.assertEqual([], self.records())
 
     def test_missing_one_names_the_ways(self):
@@ -392,8 +392,8 @@ class HostileTest(ImportTest):
                              cwd=self.folder, env=support.environment(), capture_output=True,
                              check=False, timeout=support.SECONDS)
         self.assertEqual(4, run.returncode, run.stderr)
-        self.assertEqual(b"fstore: error: the standard input has more than the 67108864 bytes "
-                         b"that can be taken\n", run.stderr)
+        self.assertEqual(b"fstore: error: the standard input is larger than the limit of "
+                         b"67108864 bytes\n", run.stderr)
 
 
 class StateTest(FstoreTest):

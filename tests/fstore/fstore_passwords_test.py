@@ -70,9 +70,9 @@ class SourceTest(InitialisedTest):
         path = self.private("pw", PASSWORD)
         self.assertEqual(b"", self.opens("--password-file", path).err)
         path.chmod(0o640)
-        self.assertIn("warning: others can read", self.opens("--password-file", path).message)
+        self.assertIn("warning: other users can read", self.opens("--password-file", path).message)
         run = self.run_tool("get", "a", "--json", "--password-file", path)
-        self.assertIn("others can read", run.document["warnings"][0])
+        self.assertIn("other users can read", run.document["warnings"][0])
         self.assertEqual(b"", run.err)
 
     def test_without_source_the_ways_are_named(self):

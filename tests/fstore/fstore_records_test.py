@@ -148,7 +148,7 @@ class AddressTest(InitialisedTest):
 
     def test_of_nothing_is_missing(self):
         for address in ["nothing", "settings/nothing", "nowhere/a", "sha256:00"]:
-            self.assertIn(f"there is no record {address}; `fstore ls` lists what there is",
+            self.assertIn(f"there is no record {address}; `fstore ls` lists all",
                           self.fails(50, "missing", "show", address))
 
     def test_that_leads_elsewhere_is_refused(self):

@@ -129,7 +129,7 @@ class DamageTest(StorageTest):
             ("descriptor of nonsense", lambda: descriptor.write_text("nonsense\n"), 59,
              "malformed", "cannot read settings/a"),
             ("descriptor missing", descriptor.unlink, 50, "missing",
-             "there is no record settings/a; `fstore ls` lists what there is"),
+             "there is no record settings/a; `fstore ls` lists all"),
             ("folder missing", lambda: shutil.rmtree(settings), 50, "missing", "settings/a"),
             ("database missing", lambda: shutil.rmtree(self.folder / "db"), 50, "missing",
              "fstore init"),

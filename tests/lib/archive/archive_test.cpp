@@ -159,8 +159,8 @@ TEST(ArchiveTest, CutOffAnywhereIsRefused) {
 }
 
 TEST(ArchiveTest, RefusesWhatFollows) {
-    EXPECT_EQ("something follows the archive", failureOf(small() + '\0'));
-    EXPECT_EQ("something follows the archive", failureOf(small() + small()));
+    EXPECT_EQ("there is data after the archive", failureOf(small() + '\0'));
+    EXPECT_EQ("there is data after the archive", failureOf(small() + small()));
 }
 
 // Blocks as a hostile program would write them, with a manifest that fits as well as
@@ -201,33 +201,32 @@ TEST(ArchiveTest, HostileEntriesAreRefused) {
         {"twice", {root, file("db/a"), file("db/a")}, "twice"},
         {"root twice", {root, root}, "twice"},
         {"out of order", {root, file("db/b"), file("db/a")}, "out of order"},
-        {"no folder", {root, file("db/keys/a")}, "in no folder"},
-        {"file as a folder", {root, file("db/a"), file("db/a/b")}, "in no folder"},
+        {"no folder", {root, file("db/keys/a")}, "does not contain"},
+        {"file as a folder", {root, file("db/a"), file("db/a/b")}, "does not contain"},
         {"folder that is over",
          {root, {Type::kFolder, 0700, 0, "db/a"}, {Type::kFolder, 0700, 0, "db/b"}, file("db/a/x")},
          "out of order"},
-        {"root is a file", {file("db")}, "in no folder"},
-        {"nothing before", {file("db/a")}, "in no folder"},
+        {"root is a file", {file("db")}, "does not contain"},
+        {"nothing before", {file("db/a")}, "does not contain"},
         {"folder with bytes", {root, {Type::kFolder, 0700, 3, "db/a"}}, "size"},
-        {"symbolic link", {root, link('2')}, "no backup"},
-        {"hard link", {root, link('1')}, "no backup"},
-        {"device", {root, link('3')}, "no backup"},
-        {"FIFO", {root, link('6')}, "no backup"},
-        {"other program's long name", {root, link('L')}, "no backup"},
-        {"settings of all entries", {root, link('g')}, "no backup"},
-        {"set-user-id", {root, {Type::kFile, 04755, 0, "db/a"}}, "no backup"},
-        {"manifest first", {{Type::kFile, 0600, 3, "MANIFEST.sha256"}}, "nothing in it"},
+        {"symbolic link", {root, link('2')}, "not a backup"},
+        {"hard link", {root, link('1')}, "not a backup"},
+        {"device", {root, link('3')}, "not a backup"},
+        {"FIFO", {root, link('6')}, "not a backup"},
+        {"other program's long name", {root, link('L')}, "not a backup"},
+        {"settings of all entries", {root, link('g')}, "not a backup"},
+        {"set-user-id", {root, {Type::kFile, 04755, 0, "db/a"}}, "not a backup"},
+        {"manifest first", {{Type::kFile, 0600, 3, "MANIFEST.sha256"}}, "it is empty"},
         {"manifest is a folder", {root, {Type::kFolder, 0600, 0, "MANIFEST.sha256"}}, "damaged"},
         {"manifest of another size", {root, {Type::kFile, 0600, 3, "MANIFEST.sha256"}}, "damaged"},
-        {"no manifest", {root}, "cut off"},
+        {"no manifest", {root}, "truncated"},
     };
     for (const auto& row : rows) {
         EXPECT_THAT(failureOf(hostile(row.headers)), HasSubstr(row.message)) << row.name;
     }
-    EXPECT_THAT(failureOf(hostile({root}) + std::string(1024, '\0')),
-                HasSubstr("ends without its manifest"));
-    EXPECT_THAT(failureOf("hello"), HasSubstr("cut off"));
-    EXPECT_THAT(failureOf(std::string(600, 'x')), HasSubstr("no backup"));
+    EXPECT_THAT(failureOf(hostile({root}) + std::string(1024, '\0')), HasSubstr("has no manifest"));
+    EXPECT_THAT(failureOf("hello"), HasSubstr("truncated"));
+    EXPECT_THAT(failureOf(std::string(600, 'x')), HasSubstr("not a backup"));
 }
 
 TEST(ArchiveTest, SizeThatLiesIsRefused) {

@@ -33,8 +33,8 @@ TEST(CheckTest, ThrowsTheStatusWithItsMeaning) {
         EXPECT_EQ(kIo, failure.status());
         EXPECT_EQ("keys/a", failure.path());
         EXPECT_EQ(
-            "cannot write keys/a: a file could not be written (is the disk full, or not yours to "
-            "write?) or a cipher step failed",
+            "cannot write keys/a: a file could not be read or written (disk full? no permission?), "
+            "or encryption failed",
             std::string(failure.what()));
     }
 }
