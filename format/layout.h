@@ -1,8 +1,8 @@
 // Where things are in a database: its folders, and the records that it keeps for itself.
 //
-// Paths are relative to the folder that holds the database, which is the current one. What
-// files a record has in its folder is in format/record_name.h, what a descriptor says in
-// format/dsc_text.h. All of it is on disk, so nothing here ever changes its meaning.
+// Paths are relative to the folder that holds the database, which is the current one.
+// format/record_name.h has the names of a record's files in its folder, format/dsc_text.h the
+// text of descriptors. All of it is on disk, so nothing here ever changes its meaning.
 #ifndef FORMAT_LAYOUT_H
 #define FORMAT_LAYOUT_H
 
@@ -16,10 +16,10 @@ namespace layout {
 
 // The three folders that can be the database; docs/crash-safety.md has the moves between them.
 inline constexpr const char* kLive = "./db";
-inline constexpr const char* kCopy = "./new_db";      // being made, and nobody's yet
-inline constexpr const char* kPrevious = "./old_db";  // of before a change of the password
+inline constexpr const char* kCopy = "./new_db";      // being made; nobody reads it
+inline constexpr const char* kPrevious = "./old_db";  // from before a change of the password
 
-// What repairs took out of the live folder.
+// What repairs moved out of the live folder.
 inline constexpr const char* kLost = "./db.lost";
 
 // The live folder in the words of users and of backups.
@@ -50,8 +50,8 @@ inline constexpr Folder kCertificates{"./db/certificates"};
 inline constexpr Folder kLocalCertificates{"./db/certificates/local"};  // whose key is here
 inline constexpr Folder kRemoteCertificates{"./db/certificates/remote"};
 
-// Those that every database has, in the order in which they are made: a folder stands before
-// what is in it. Users may make more.
+// Those that every database has, in the order in which they are created: parents first. Users
+// may create more.
 inline constexpr Folder kFolders[] = {
     kSettings, kLsps, kKeys, kCrls, kCrm, kCertificates, kLocalCertificates, kRemoteCertificates};
 

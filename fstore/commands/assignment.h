@@ -11,20 +11,20 @@
 
 namespace fstore {
 
-// An attribute's new value. The text that it came from may hold a secret, so no
-// message repeats more of it than what stands before the "=".
+// An attribute's new value. The text that it came from may contain a secret, so messages repeat
+// only what comes before the "=".
 struct Assignment {
     unsigned int id = 0;
     unsigned int type = 0;
     SecretBytes value;  // as the type stores it
 
     // Reads "label=Web server", "0x8001:number=5", "0x8002:binary=00ff" and
-    // "0x8003=@FILE": the contents of a file, whose last line feed a text loses; a
+    // "0x8003=@FILE": the contents of a file, of which a text loses the last line feed. A
     // value that begins with "@" is written "@@". Opens the file. Throws kInvalid.
     static Assignment parse(const std::string& text, StandardInput& input);
 
-    // Gives the record this one attribute under the id, in the place of the first that
-    // has it. Kept encrypted when `encrypt` is set or the present one is.
+    // Gives the record this one attribute with the id, in the place of the first that has it;
+    // encrypted if `encrypt` is set or the present one is encrypted.
     void applyTo(Record& record, bool encrypt) const;
 };
 

@@ -9,9 +9,9 @@
 
 namespace fstore {
 
-// The record that the user's words stand for, readable, in a database that is entered for
-// changes. A step of withSecrets(): asks for secrets when the record has some or is to get
-// one. Throws kInvalid for the records that the tool keeps for itself.
+// The record that the user means, readable, in a database that is entered for changes. A step
+// of withSecrets(): asks for secrets if the record has some or will get one. Throws kInvalid
+// for the records that the tool keeps for itself.
 Record readForChange(Database& database, const std::string& text, bool getsSecret);
 
 // Throws kInvalid for those.

@@ -107,7 +107,7 @@ Status runUndo(const std::string& name, Context& context) {
     const UndoReport report = undoRepair(context.database, name);
     const std::string from = joined(layout::kLost, name);
     for (const std::string& path : report.putBack) {
-        context.output.detail(fmt::format("{} was put back", joined(layout::kLive, path)));
+        context.output.detail(fmt::format("put back {}", joined(layout::kLive, path)));
     }
     for (const std::string& path : report.taken) {
         context.output.warn(fmt::format("{} stays where it is: there is another {}",
@@ -121,7 +121,7 @@ Status runUndo(const std::string& name, Context& context) {
 
 Status runPurge(const std::string& name, Context& context) {
     purgeRepair(context.database, name);
-    context.output.note(fmt::format("{} was removed for good", joined(layout::kLost, name)));
+    context.output.note(fmt::format("deleted {}", joined(layout::kLost, name)));
     context.output.document({{"purged", name}});
     return kOk;
 }
@@ -130,7 +130,7 @@ Status runPurge(const std::string& name, Context& context) {
 void refuseTogether(const Options& options) {
     const bool checks = options.check.deep || options.check.repair;
     if (options.undo.has_value() + options.purge.has_value() + checks > 1) {
-        throw Failure(kUsage, "--undo and --purge stand alone: neither checks nor repairs");
+        throw Failure(kUsage, "--undo and --purge go alone: they neither check nor repair");
     }
 }
 
@@ -146,14 +146,14 @@ Status run(const Options& options, Context& context) {
 
 void addCheck(Cli& cli) {
     const auto options = std::make_shared<Options>();
-    Command& command = cli.add("check", "Look for damage and for what a crash left over",
+    Command& command = cli.add("check", "Look for damage and for what a crash left behind",
                                [options](Context& context) { return run(*options, context); });
-    command.flag("--deep", &options->check.deep, "Decrypt and examine every record too");
+    command.flag("--deep", &options->check.deep, "Decrypt and examine every record, too");
     command.flag("--repair", &options->check.repair,
-                 "Clean up what a crash left over; damaged records are never touched");
+                 "Clean up what a crash left behind; never touches damaged records");
     command.option("--undo", "TIME", &options->undo,
                    "Put back what the repair of this time moved away");
-    command.option("--purge", "TIME", &options->purge, "Remove what it moved away, for good");
+    command.option("--purge", "TIME", &options->purge, "Delete what it moved away");
 }
 
 }  // namespace fstore

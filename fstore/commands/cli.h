@@ -1,6 +1,6 @@
 // The command line: global options before or after the command, and the commands.
 //
-// Each command stands in a file of its own and adds itself:
+// Each command has a file of its own and adds itself:
 //
 //     void addShow(Cli& cli) {
 //         const auto options = std::make_shared<Options>();
@@ -42,7 +42,7 @@ public:
     // A new command, to which the caller adds options and arguments.
     Command& add(std::string name, std::string description, Run run);
 
-    // Runs the command that the arguments name, and tells its failure; the exit code.
+    // Runs the command that the arguments name, and reports its failure; the exit code.
     int execute(int argc, const char* const* argv);
 
     // The program's own options, and its commands.

@@ -28,7 +28,7 @@ namespace fstore {
 
 struct Context;
 
-// Does the work and returns kOk, kFound or kPartial; everything else is thrown.
+// Does the work and returns kOk, kFound or kPartial; throws everything else.
 using Run = std::function<Status(Context&)>;
 
 // One of a few values, by name.
@@ -51,7 +51,7 @@ struct Choice {
     std::vector<std::function<void()>> setters;  // one a name
 };
 
-// A number with the least and the greatest that is taken.
+// A number between the least and the greatest allowed.
 struct Number {
     std::variant<unsigned int*, std::optional<int>*, double*> target;
     double least;
@@ -92,7 +92,7 @@ public:
     Option& flag(const std::string& names, bool* target, std::string description);
     Option& option(const std::string& names, std::string type, Option::Target target,
                    std::string description);
-    // Arguments are required, in their order, but those for which the caller says otherwise.
+    // Arguments are required, in their order, unless the caller says otherwise.
     Option& argument(std::string name, Option::Target target, std::string description);
     Option& version();  // --version, of the program
     // Under which the help lists what is declared from here on; none at first.

@@ -1,7 +1,7 @@
-// What may stand at one place of a command line: for the shells' completion.
+// What can come at one place of a command line: for completion in shells.
 //
-// The shells' scripts are thin and ask the program each time, so that what is offered
-// is what the program's own parser takes.
+// The shell scripts are thin and ask the program each time, so they offer what the program's
+// own parser accepts.
 #ifndef FSTORE_COMMANDS_COMPLETION_SCRIPT_H
 #define FSTORE_COMMANDS_COMPLETION_SCRIPT_H
 
@@ -20,14 +20,13 @@ struct Completion {
         std::string description;  // may be empty
     };
 
-    std::vector<Word> words;     // that begin with what is typed so far
+    std::vector<Word> words;     // that begin with what was typed so far
     Files files = Files::kNone;  // the shell offers names of files itself
 };
 
-// What may stand in the place of words[index], the word under the cursor. The first
-// word is the program; those behind the index do not count. Records are those of the
-// folder that the words name; nothing is locked or changed, and what cannot be read is
-// not offered.
+// What can replace words[index], the word under the cursor. The first word is the program;
+// those after the index do not count. Records are those of the folder that the words name.
+// Locks and changes nothing, and does not offer what it cannot read.
 Completion complete(const Cli& cli, const std::vector<std::string>& words, std::size_t index);
 
 }  // namespace fstore

@@ -1,8 +1,6 @@
 // fstore passwd: another password for the database.
 #include <memory>
 
-#include <fmt/format.h>
-
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/terminal/json.h"
@@ -26,8 +24,7 @@ Status run(const Options& options, Context& context) {
     NewSlot slot = makeSlot(fresh.get(PasswordSource::Entry::kTwice), options.cost);
     const Hold hold = database.enter(Access::kChange, Need::kSecrets);
     database.changePassword(std::move(slot), options.keepOld);
-    context.output.note(
-        fmt::format("the database in {} has another password now", database.place().describe()));
+    context.output.note("password changed");
     for (const LostFolder& lost : lostFolders()) {
         context.output.warn(describe(lost));
     }
@@ -45,7 +42,7 @@ void addPasswd(Cli& cli) {
                                [options](Context& context) { return run(*options, context); });
     addPassword(command, "--new-password", "the new password", options->password);
     command.flag("--keep-old", &options->keepOld,
-                 "Keep the database as it was, with the old password, as ./db-<time>");
+                 "Keep the old database, with the old password, as ./db-<time>");
     addCost(command, &options->cost);
 }
 

@@ -9,17 +9,17 @@
 
 namespace fstore {
 
-// What a listing tells about a record: what is not known is left out.
+// A record in a listing: what is not known is left out.
 Json toJson(const RecordInfo& info);
 
-// All attributes: id, name, type, value, and whether it is kept encrypted. One that
-// cannot be read now has no value.
+// All attributes: id, name, type, value, and whether it is encrypted. One that cannot be read
+// now has no value.
 Json attributesToJson(const Record& record);
 
 // {"status": ..., "name": ..., "message": ...}
 Json errorToJson(const Failure& failure);
 
-// {"address": ..., "error": {...}} for a record that could not be treated.
+// {"address": ..., "error": {...}} for a record that could not be processed.
 Json failureToJson(const std::string& address, const Failure& failure);
 
 // "number", "binary", "string", "text"; the number of any other type.

@@ -63,10 +63,9 @@ void confirmKeys(const std::vector<Address>& addresses, const Globals& globals) 
 Json removeRecord(const Address& address, BodyOwners& owners, Output& output) {
     const std::optional<std::string> doubt = Record(address).remove(owners);
     if (doubt) {
-        output.warn(
-            fmt::format("{} was removed, and its body file stays: it {}", address.print(), *doubt));
+        output.warn(fmt::format("removed {}; its body file stays: it {}", address.print(), *doubt));
     } else {
-        output.detail(fmt::format("{} was removed", address.print()));
+        output.detail(fmt::format("removed {}", address.print()));
     }
     return {
         {"address", jsonText(address.print())}, {"removed", true}, {"bodyKept", doubt.has_value()}};

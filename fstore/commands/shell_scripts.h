@@ -1,4 +1,4 @@
-// The completion scripts of the shells: the texts of fstore/completion, which the build puts in.
+// The completion scripts for shells: the files of fstore/completion, embedded by the build.
 #ifndef FSTORE_COMMANDS_SHELL_SCRIPTS_H
 #define FSTORE_COMMANDS_SHELL_SCRIPTS_H
 

@@ -1,4 +1,4 @@
-// JSON documents: the library's type, and text that is fit for them.
+// JSON documents: the library's type, and text that is valid in them.
 #ifndef FSTORE_TERMINAL_JSON_H
 #define FSTORE_TERMINAL_JSON_H
 

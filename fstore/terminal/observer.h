@@ -1,5 +1,5 @@
-// The tool's end of the library's Observer: warnings and notes on stderr, a bar for
-// long work, and the password from where the user has it.
+// The tool's Observer: warnings and notes on stderr, a bar for long work, and the password
+// from the user's source.
 #ifndef FSTORE_TERMINAL_OBSERVER_H
 #define FSTORE_TERMINAL_OBSERVER_H
 

@@ -1,8 +1,8 @@
 // What a command says: data on stdout, everything else on stderr.
 //
-// Text for stdout is kept until the command has ended, so that a command that fails
-// with --json leaves stdout empty. With --json stderr too holds one document at
-// most, so warnings become a part of whichever document is written.
+// Text for stdout is kept until the command has ended, so that a command that fails with
+// --json leaves stdout empty. With --json, stderr gets at most one document, too, so warnings
+// become a part of whichever document is written.
 //
 // For the main thread.
 #ifndef FSTORE_TERMINAL_OUTPUT_H
@@ -51,7 +51,7 @@ public:
 
     // Writes what was kept. Throws kIo; silently when the reader has gone.
     void flush();
-    // Tells the failure on stderr; with --json nothing that was kept is written.
+    // Reports the failure on stderr; with --json nothing that was kept is written.
     void fail(const Failure& failure);
 
 private:
@@ -60,7 +60,7 @@ private:
     Settings settings_;
     bool colourOut_;
     bool colourErr_;
-    std::size_t columns_;  // of stdout; 0 when it is no terminal
+    std::size_t columns_;  // of stdout; 0 when it is not a terminal
     std::string kept_;
     std::vector<std::string> warnings_;
 };

@@ -1,10 +1,10 @@
-// The user's passwords: where they come from, and what is refused.
+// The user's passwords: where they come from, and which are refused.
 //
-// In this order: --password-fd, --password-file, the file that FSTORE_PASSWORD_FILE
-// names, FSTORE_PASSWORD, the terminal without echo; for a new password of `passwd`
-// the same with --new-password-... and FSTORE_NEW_PASSWORD.... One trailing line feed
-// is dropped. An empty password and one with a NUL are refused. A file that others
-// can read is warned about. A variable is wiped from memory once it has been read.
+// In this order: --password-fd, --password-file, the file that FSTORE_PASSWORD_FILE names,
+// FSTORE_PASSWORD, the terminal without echo; for a new password of `passwd` the same with
+// --new-password-... and FSTORE_NEW_PASSWORD.... Drops one trailing line feed, refuses an empty
+// password and one with a NUL, warns about a file that others can read, and wipes a variable
+// from memory once it has read it.
 //
 // For the main thread.
 #ifndef FSTORE_TERMINAL_PASSWORD_H
@@ -35,8 +35,8 @@ public:
         kOutput  // of a file to export
     };
 
-    // Finds the source and opens its file, before the tool changes its folder. Asks
-    // for nothing yet.
+    // Finds the source and opens its file, before the tool changes its folder. Does not ask
+    // yet.
     PasswordSource(Which which, const PasswordOptions& options, bool noInput, Output& output,
                    StandardInput& input);
 
@@ -45,11 +45,11 @@ public:
         kTwice  // typed twice on a terminal: a mistake would lock the user out
     };
 
-    // The password, read or asked for on the first call. kUsage when there is no
-    // source, or nobody typed one; kInvalid when it is refused.
+    // The password, read or asked for on the first call. kUsage when there is no source, or
+    // nothing was entered; kInvalid when it is refused.
     const SecretText& get(Entry entry);
 
-    // Whether get() would not have to ask anyone.
+    // Whether get() does not need to ask on the terminal.
     bool isGiven() const noexcept { return from_ != From::kTerminal; }
 
 private:

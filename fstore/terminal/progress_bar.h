@@ -1,5 +1,5 @@
-// How far a long command has come: a bar on the terminal's stderr, shown when the
-// command has taken half a second.
+// The progress of a long command: a bar on stderr, if that is a terminal, from half a second
+// on.
 #ifndef FSTORE_TERMINAL_PROGRESS_BAR_H
 #define FSTORE_TERMINAL_PROGRESS_BAR_H
 
@@ -17,7 +17,7 @@ public:
     ProgressBar(std::string what, std::uint64_t steps, bool shown);
     ProgressBar(const ProgressBar&) = delete;
     ProgressBar& operator=(const ProgressBar&) = delete;
-    ~ProgressBar();  // takes the bar away
+    ~ProgressBar();  // removes the bar
 
     void step() noexcept;  // from any thread
 
@@ -29,7 +29,7 @@ private:
     std::uint64_t steps_;
     bool shown_;
     std::atomic<std::uint64_t> done_{0};
-    std::mutex drawing_;  // guards what follows; a thread that finds it taken draws nothing
+    std::mutex drawing_;  // guards what follows; a thread that finds it locked draws nothing
     bool drawn_ = false;
     Clock::time_point nextDraw_;
 };

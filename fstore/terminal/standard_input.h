@@ -1,4 +1,4 @@
-// The standard input, from which one thing of a command can be read.
+// The standard input, which a command can read for one purpose only.
 #ifndef FSTORE_TERMINAL_STANDARD_INPUT_H
 #define FSTORE_TERMINAL_STANDARD_INPUT_H
 
@@ -8,11 +8,11 @@ namespace fstore {
 
 class StandardInput {
 public:
-    // Notes that it is read as `what`: "the password". Throws kUsage when something else
-    // is read from it already.
+    // Records that it is read as `what`: "the password". Throws kUsage if it is already read
+    // as something else.
     void claim(const std::string& what);
 
-    // The same, when this is the file's name that stands for it.
+    // The same, if `file` is the name that stands for it.
     void claimIfNamed(const std::string& file, const std::string& what);
 
 private:

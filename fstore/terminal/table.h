@@ -1,5 +1,5 @@
-// A table for the terminal: columns as wide as what stands in them, and cut only
-// where the terminal is narrower than that.
+// A table for the terminal: columns as wide as their contents, and cut only if the terminal is
+// narrower.
 #ifndef FSTORE_TERMINAL_TABLE_H
 #define FSTORE_TERMINAL_TABLE_H
 
@@ -23,7 +23,7 @@ class Table {
 public:
     struct Column {
         std::string title;
-        bool mayBeCut = true;  // false for what is useless in part
+        bool mayBeCut = true;  // false for what is useless when cut
     };
 
     explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
@@ -31,9 +31,9 @@ public:
     void add(std::vector<Cell> row);  // a cell a column
     bool empty() const noexcept { return rows_.empty(); }
 
-    // One line a row under a line of titles, each ended by a line feed. With `columns`
-    // not 0 no line is wider than that, unless what must not be cut is; the widest
-    // columns give way first. A column that is empty in all rows is left out.
+    // One line a row under a line of titles, each with a line feed. Unless `columns` is 0, no
+    // line is wider than that, except for what must not be cut; the widest columns are cut
+    // first. A column that is empty in all rows is left out.
     std::string print(std::size_t columns, bool colour) const;
 
 private:

@@ -1,9 +1,9 @@
 // A backup's file: a tar archive of the folder "db" that ends in a manifest with the
 // SHA-256 of every file.
 //
-// Any tar program lists and unpacks it, and `sha256sum -c MANIFEST.sha256` checks what
-// was unpacked. The entries stand in one order: a folder, then what is in it by the
-// bytes of the names. The manifest follows from them, line by line,
+// Any tar program lists and unpacks it, and `sha256sum -c MANIFEST.sha256` checks what was
+// unpacked. The entries have one order: a folder, then its contents, by the bytes of their
+// names. The manifest follows from them, line by line,
 //
 //     # filestore backup 1
 //     # folder 0700 db
@@ -11,9 +11,8 @@
 //     <64 hexadecimal digits>  db/key.dsc
 //     # end: 1 folders, 1 files
 //
-// so that comparing it proves all of the archive: bytes, names, sizes and modes. In a
-// path, a line feed is written "\n" and a backslash "\\", and the line then begins with
-// a backslash.
+// so that comparing it verifies all of the archive: bytes, names, sizes and modes. In a path, a
+// line feed is written "\n" and a backslash "\\", and the line then begins with a backslash.
 #ifndef LIB_ARCHIVE_ARCHIVE_H
 #define LIB_ARCHIVE_ARCHIVE_H
 
@@ -46,14 +45,14 @@ struct ArchiveTotals {
     std::uint64_t folders = 0;
     std::uint64_t files = 0;
     std::uint64_t bytes = 0;  // of all files
-    Sha256Digest manifest{};  // its digest, which stands for the whole contents
+    Sha256Digest manifest{};  // its digest, which identifies the whole contents
 };
 
 // The manifest of entries as they come, and the order in which they may.
 class Manifest {
 public:
-    // Throws kMalformed for an entry that cannot stand here: out of order, twice, not in
-    // a folder that has come before, or with a path that leads elsewhere.
+    // Throws kMalformed for an entry that cannot come here: out of order, twice, not in a
+    // folder that has come before, or with a path that leads elsewhere.
     void check(const ArchiveEntry& entry) const;
 
     // The lines of an entry that check() allows, and the last line.
@@ -107,10 +106,10 @@ private:
     std::uint64_t left_ = 0;  // bytes of the file that have not come
 };
 
-// Reads an archive from its beginning to its end, in memory that does not depend on
-// the archive. Takes exactly what ArchiveWriter makes and throws kMalformed for
-// anything else, hostile archives among them; what it has given before that is still
-// not proved: that is so only when next() has answered none.
+// Reads an archive from its beginning to its end, in memory that does not depend on the
+// archive. Accepts exactly what ArchiveWriter makes and throws kMalformed for anything else,
+// hostile archives among them. What it has returned is verified only when next() has returned
+// none.
 class ArchiveReader {
 public:
     // Fills the front of the piece and returns how many bytes it filled: 0 at the end.
@@ -120,11 +119,11 @@ public:
     ArchiveReader(const ArchiveReader&) = delete;
     ArchiveReader& operator=(const ArchiveReader&) = delete;
 
-    // The next folder or file. What was not read of the file before is read now.
-    // None when the archive is complete and the manifest has proved it.
+    // The next folder or file; reads what is left of the file before. None when the archive
+    // is complete and matches its manifest.
     std::optional<ArchiveEntry> next();
 
-    // The next bytes of the file that next() gave; none at its end.
+    // The next bytes of the file that next() returned; none at its end.
     std::span<const unsigned char> read();
 
     const ArchiveTotals& totals() const noexcept { return manifest_.totals(); }

@@ -15,22 +15,22 @@ namespace fstore {
 
 struct BackupReport {
     ArchiveTotals totals;
-    std::vector<std::string> leftOut;  // paths of links and special files, which no database has
+    std::vector<std::string> leftOut;  // links and special files, which no database has
 };
 
-// Writes the database into the file as it is, damaged or not, and needs no password. The
-// file is read back before it counts, while other processes may work with the database.
+// Writes the database into the file as it is, damaged or not; needs no password. Then reads
+// the file back, while other processes may use the database again.
 BackupReport backUp(Database& database, OutputFile& file);
 
 struct RestoreReport {
     ArchiveTotals totals;
-    std::string kept;  // the name of the database from before; empty when there was none
+    std::string kept;  // the name of the previous database; empty when there was none
 };
 
-// Makes a database of the backup in the file `name`; the folder for it is made when there
-// is none. All of the backup is read before anything is written, and the database from
-// before is put aside only once the new one is there and durable. Throws kInvalid when there
-// is a database and not `replace`, kMalformed when the file is no whole backup.
+// Creates a database from the backup in the file `name`, and its folder if there is none.
+// Reads all of the backup before it writes anything, and moves the previous database aside only
+// when the new one is complete and durable. Throws kInvalid when there is a database and not
+// `replace`, kMalformed when the file is not a whole backup.
 RestoreReport restore(Database& database, const std::string& name, bool replace);
 
 }  // namespace fstore

@@ -13,17 +13,17 @@
 
 namespace fstore {
 
-// The bytes of an open file, from where it stands. `name` is for messages.
+// The bytes of an open file, from its position on. `name` is for messages.
 ArchiveReader::Source archiveSource(const os::File& file, const std::string& name);
 
-// Reads the archive to its end, which proves it.
+// Reads the archive to its end, which verifies it.
 ArchiveTotals verifyArchive(const os::File& file, const std::string& name);
 
-// Adds the folder with all files and folders in it, as "db". Returns the paths of what
-// is neither and was left out: links and special files, which no database has.
+// Adds the folder with all files and folders in it, as "db". Returns the paths of links and
+// special files, which it leaves out; no database has any.
 std::vector<std::string> addTree(const std::string& folder, ArchiveWriter& writer);
 
-// Makes the folder, which must not exist, from an archive, reads it back, and makes it
+// Creates the folder, which must not exist, from an archive, reads it back, and makes it
 // durable. Modes are those of the archive. A failure leaves a part of it.
 ArchiveTotals extractTree(const os::File& file, const std::string& name, const std::string& folder);
 

@@ -1,8 +1,8 @@
 // How a command ends: exit codes, their names, and the failure that carries one
 // from where it is noticed to main().
 //
-// One number serves the library, JSON and the shell: a status of the store is the
-// exit code, and the codes of the tool alone are numbers that no status has.
+// The library, JSON and the shell use the same numbers: a status of the store is the exit
+// code, and the tool's own codes are numbers that no status has.
 #ifndef LIB_BASE_ERROR_H
 #define LIB_BASE_ERROR_H
 
@@ -16,8 +16,8 @@ namespace fstore {
 
 inline constexpr Status kUsage = 2;          // the command line, or no way to get the password
 inline constexpr Status kFound = 3;          // damage was found, or --fail and a record matched
-inline constexpr Status kPartial = 5;        // some of it was done and some not
-inline constexpr Status kForeign = 125;      // a status that no code stands for
+inline constexpr Status kPartial = 5;        // a part was done, a part was not
+inline constexpr Status kForeign = 125;      // a status without a code
 inline constexpr Status kInterrupted = 130;  // by SIGINT
 
 // The same word for the same code in every version: "wrong-password", "io", ...
@@ -26,9 +26,9 @@ const char* nameOf(int exitCode);
 // The exit code of a status: the status itself where it has a name, else kForeign.
 int exitCodeOf(Status status);
 
-// Ends the command. The message is one sentence without a full stop, for the
-// terminal: it says what happened, names the file and the way out, and holds no
-// secret. `path` is the file or record that it is about, for programs; may be empty.
+// Ends the command. The message is one sentence without a full stop, for the terminal: it
+// says what happened, to which file, and what to do, and contains no secret. `path` is the
+// file or record concerned, for programs; may be empty.
 class Failure : public std::runtime_error {
 public:
     Failure(Status status, const std::string& message, std::string path = {})
@@ -43,15 +43,15 @@ private:
     std::string path_;
 };
 
-// Memory that could not be had, with a sentence about it as a Failure has. No Failure: what
-// goes on after one record that cannot be read does not go on after this.
+// Out of memory, with a sentence as a Failure has. Not a Failure: code that goes on after one
+// record that it cannot read must not go on after this.
 class MemoryFailure : public std::bad_alloc {
 public:
     explicit MemoryFailure(const std::string& message, std::string path = {})
         : failure_(kNoMemory, message, std::move(path)) {}
 
     const char* what() const noexcept override { return failure_.what(); }
-    // What the border to the user, who knows one kind of failure, reports.
+    // What the border to the user reports, where there is one kind of failure.
     const Failure& failure() const noexcept { return failure_; }
 
 private:

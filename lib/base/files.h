@@ -1,7 +1,7 @@
-// Files of the user's, read and written whole, and folders removed whole.
+// The user's files, read and written whole, and folders removed whole.
 //
-// Both kinds of file are opened before the tool changes its folder, so that their
-// names mean what the user meant. Failures throw.
+// Both kinds of file are opened before the tool changes its folder, so relative names mean
+// what the user meant. Failures throw.
 #ifndef LIB_BASE_FILES_H
 #define LIB_BASE_FILES_H
 
@@ -27,8 +27,8 @@ public:
 
     const std::string& name() const noexcept { return name_; }  // for messages
 
-    // All bytes from here to the end. kInvalid when there are more than `most`, in
-    // which case a file of known size has not been read.
+    // All bytes from here to the end. kInvalid when there are more than `most`; a file of
+    // known size is then not read.
     SecretBytes readAll(std::uint64_t most);
 
 private:
@@ -36,12 +36,12 @@ private:
     os::File file_;  // none for the standard input
 };
 
-// A file that is complete or as it was before: written beside, synced, renamed, and
-// readable by its owner only. Or the standard output, for "-".
+// A file that is complete or as it was before: written beside the target, synced, renamed,
+// and readable by its owner only. Or the standard output, for "-".
 class OutputFile {
 public:
-    // Makes the file beside `name`, so that what stands in the way shows now. Without
-    // `replace` an existing file is refused (kInvalid).
+    // Creates the file beside `name`, so that obstacles show now. Without `replace` an
+    // existing file is refused (kInvalid).
     OutputFile(const std::string& name, bool replace);
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
@@ -81,13 +81,13 @@ struct FolderEntry {
 std::vector<FolderEntry> listFolder(const std::string& path);
 std::vector<FolderEntry> readFolder(const std::string& path);  // in no order
 
-bool exists(const std::string& path);  // not following a link; throws when it cannot be told
+bool exists(const std::string& path);  // not following a link; throws if it cannot know
 
-// Removes a folder with all it contains, following no link in it; done at once when there is
-// none. A link of this name goes, and what it leads to stays.
+// Removes a folder with its contents, without following links in it; does nothing if there is
+// none. If the name is a link, the link goes and its target stays.
 void removeTree(const std::string& path);
 
-// Makes what was created, renamed or removed in a folder last.
+// Makes what was created, renamed or removed in a folder durable.
 void syncFolder(const std::string& path);
 
 }  // namespace fstore

@@ -1,12 +1,12 @@
 // What leaves the library while it works: warnings, notes, progress and questions.
 //
-// The library prints nothing and asks nobody. Whoever calls it gives an Observer, and
-// decides what becomes of all this: the tool draws bars and prompts, another program
-// counts, or ignores.
+// The library prints nothing and asks nobody. Its caller passes an Observer, which decides
+// what to do with all this: the tool draws bars and prompts, other programs count, or
+// ignore it.
 //
-// All calls come from the thread that called the library, but for step() and
-// isCancelled(), which may come from any thread, from several at once, and must not
-// throw. An exception of another call ends the work as a failure would.
+// All calls come from the thread that called the library, except step() and isCancelled(),
+// which may come from any thread, from several at once, and must not throw. An exception
+// from another call ends the work like a failure.
 #ifndef LIB_BASE_OBSERVER_H
 #define LIB_BASE_OBSERVER_H
 
@@ -25,22 +25,22 @@ public:
     Observer& operator=(const Observer&) = delete;
     virtual ~Observer() = default;
 
-    // What deserves attention, and what was done. One sentence without a full stop,
-    // which may hold names from disk as they are: escape it before printing it.
+    // What deserves attention, and what was done. One sentence without a full stop, which
+    // may contain names from disk as they are: escape it before printing.
     virtual void warn(const std::string& text) = 0;
     virtual void note(const std::string& text) = 0;
 
-    // Long work: begin(), step() for each of about `steps` pieces of it, end(). One at
-    // a time. `what` is a word or two: "Checking".
+    // Long work: begin(), step() for each of about `steps` pieces, end(). One at a time.
+    // `what` is a word or two: "Checking".
     virtual void begin(const std::string& what, std::uint64_t steps) = 0;
     virtual void step() noexcept = 0;
     virtual void end() noexcept = 0;
-    // Whether the work is to stop. What was begun is then undone or finished, as after
-    // a kill, and the call fails with kInterrupted.
+    // Whether the work is to stop. What was begun is then undone or finished, as after a
+    // kill, and the library's operation fails with kInterrupted.
     virtual bool isCancelled() noexcept = 0;
 
-    // The password of the database, asked for while nothing is locked; again when
-    // another process has changed it meanwhile. Throws kUsage when there is none.
+    // The password of the database; called while nothing is locked, and again if another
+    // process has changed the password meanwhile. Throws kUsage when there is none.
     virtual SecretText password() = 0;
 };
 

@@ -1,4 +1,4 @@
-// Text that may be secret: wiped whenever its memory is given back.
+// Text that may be secret: wiped whenever its memory is freed.
 #ifndef LIB_BASE_SECRET_H
 #define LIB_BASE_SECRET_H
 

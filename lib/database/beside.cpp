@@ -76,12 +76,12 @@ void settleCopy() {
     if (!text) {
         return;
     }
-    check(kdf.removeAttrs(), "cannot settle the slots of the backup");
+    check(kdf.removeAttrs(), "cannot write the record \"kdf\" of the kept database");
     check(kdf.addAttr(kTypeText, layout::kSlotId,
                       reinterpret_cast<const unsigned char*>(text->data()),
                       static_cast<unsigned int>(text->size())),
-          "cannot settle the slots of the backup");
-    check(kdf.write(), "cannot settle the slots of the backup");
+          "cannot write the record \"kdf\" of the kept database");
+    check(kdf.write(), "cannot write the record \"kdf\" of the kept database");
 }
 
 }  // namespace fstore

@@ -1,4 +1,4 @@
-// Whether a database is sound, and the repair of what a crash left over.
+// Whether a database is sound, and the repair of what a crash left behind.
 #ifndef LIB_DATABASE_CHECK_H
 #define LIB_DATABASE_CHECK_H
 
@@ -14,12 +14,12 @@
 namespace fstore {
 
 struct CheckOptions {
-    bool deep = false;    // decrypt and compare everything too, for which the password is needed
-    bool repair = false;  // what is damaged is never touched
+    bool deep = false;    // also decrypt and compare everything, which needs the password
+    bool repair = false;  // never touches what is damaged
 };
 
 struct CheckReport {
-    std::vector<Finding> findings;  // those that stand at the end
+    std::vector<Finding> findings;  // those left at the end
     std::vector<Finding> repaired;
     std::vector<LostFolder> lost;  // what repairs have moved away, this one and earlier ones
     std::optional<DeepReport> deep;
@@ -27,8 +27,8 @@ struct CheckReport {
     bool isSound() const;
 };
 
-// Each repair is a note for the observer before it is made. A change of the password that
-// was broken off is finished, for which the password is needed as well.
+// Notes each repair to the observer before making it. Finishes an interrupted change of the
+// password, which needs the password, too.
 CheckReport checkDatabase(Database& database, const CheckOptions& options);
 
 // Puts back what the repair of this name moved away; statuses as undoLost().

@@ -1,6 +1,6 @@
-// The program's own service of password-based encryption. It stands in front of the
-// module's and passes everything on, so that each record that the store encrypts or
-// decrypts is seen, also in the midst of a change of the password, which is one call.
+// The program's own service of password-based encryption, in front of the module's. It passes
+// everything on, and sees each record that the store encrypts or decrypts, also during a
+// change of the password, which is one call.
 #ifndef LIB_DATABASE_COUNTING_SERVICE_H
 #define LIB_DATABASE_COUNTING_SERVICE_H
 
@@ -13,7 +13,7 @@ namespace fstore {
 
 class CountingService final : public PKCS5_Interface {
 public:
-    // `service`, and this object, outlive all that either of them has made.
+    // `service`, and this object, outlive everything that either of them makes.
     explicit CountingService(PKCS5_Interface& service)
         : PKCS5_Interface(service.getType()), service_(service) {}
 
@@ -21,8 +21,8 @@ public:
     Status fini() override { return kOk; }
     CMN_GuardedRef* createObject(objectName_t name) override;
 
-    // While it lives, each encryption and decryption is a step of the observer's work.
-    // Once that is cancelled, all of them fail. One at a time.
+    // While it lives, each encryption and decryption is a step of the observer's work. Once
+    // the work is cancelled, all of them fail. One at a time.
     class Counting {
     public:
         Counting(CountingService& service, Observer& observer) : service_(service) {
@@ -39,13 +39,13 @@ public:
         CountingService& service_;
     };
 
-    // Counts one more; whether it may go on. From any thread.
+    // Counts one more, and returns whether to go on. Any thread may call it.
     bool count() noexcept;
 
 private:
     PKCS5_Interface& service_;
     std::atomic<Observer*> observer_{nullptr};
-    std::atomic<bool> cancelled_{false};  // stays so: no step may follow one that was left out
+    std::atomic<bool> cancelled_{false};  // stays set: no step may follow one that was left out
 };
 
 }  // namespace fstore

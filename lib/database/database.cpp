@@ -102,8 +102,8 @@ void Database::refuseLink() const {
     // What a link leads to is no part of this folder: its lock does not keep others out of it.
     if (os::entryTypeOf(layout::kLive) == os::EntryType::kLink) {
         throw Failure(kInvalid,
-                      fmt::format("{} in {} is a link, which is not followed: --dir names the "
-                                  "folder that the database itself is in",
+                      fmt::format("{} in {} is a link, which fstore does not follow; name the "
+                                  "folder that contains the database itself with --dir",
                                   layout::kLive, place_.describe()),
                       layout::kLive);
     }

@@ -5,10 +5,10 @@
 //     const Hold hold = database.enter(Access::kRead);
 //     const Record record = Record::read({"settings", "a"});
 //
-// It is composed of the lock that keeps other processes out, the store's service, the
-// recovery from a crash, and the way from the user's secret to the store's password; each
-// has a file of its own. Records are read and written by lib/records while a Hold lives.
-// They are those of the process's folder, so a process works with one Database at a time.
+// Its parts are the lock that keeps other processes out, the store's service, the recovery
+// from a crash, and the way from the user's secret to the store's password; each has its own
+// file. lib/records reads and writes records while a Hold lives. They are those of the
+// process's folder, so a process works with one Database at a time.
 //
 // For one thread. Failures throw.
 #ifndef LIB_DATABASE_DATABASE_H
@@ -25,25 +25,25 @@
 
 namespace fstore {
 
-// kRead: other processes may read too, and nothing is changed but what recovery repairs.
+// kRead: other processes may read, too, and nothing changes but what recovery repairs.
 // kChange: no other process may do anything.
 enum class Access { kRead, kChange };
 
 // What an operation needs of the database that it enters.
 enum class Need {
-    kFolder,    // only the folder, which is made if there is none: there may be no database
+    kFolder,    // only the folder, created if there is none; there may be no database
     kFiles,     // the files as they are, also as a crash left them; nothing is repaired
-    kDatabase,  // as kRecords, of a database that is made if there is none
-    kRecords,   // whole records: what is kept plain can be read, and written with kChange
-    kSecrets,   // also what is kept encrypted: the database is opened
+    kDatabase,  // as kRecords; the database is created if there is none
+    kRecords,   // whole records: plain parts can be read, and with kChange written
+    kSecrets,   // also encrypted parts: the database is opened
 };
 
 constexpr Need needFor(bool secrets) {
     return secrets ? Need::kSecrets : Need::kRecords;
 }
 
-// Thrown by Database::needSecrets(), and caught by withSecrets() alone. No Failure: whoever
-// goes on after a damaged record must not take it for one.
+// Thrown by Database::needSecrets(); only withSecrets() catches it. Not a Failure: code that
+// goes on after a damaged record must not go on after this.
 class SecretsNeeded : public std::exception {
 public:
     const char* what() const noexcept override { return "the database is not open"; }
@@ -58,14 +58,14 @@ public:
     ~Database() = default;
 
     // The one way in; no other Hold of it lives. The first call makes the database's folder
-    // that of the process, so a caller opens files of its own before.
+    // the process's, so callers open their own files before.
     //
-    // kFolder and kDatabase need kChange. When a change of the password was broken off in
-    // its last steps, kChange needs the password for kRecords too: nothing may change before
+    // kFolder and kDatabase need kChange. If a change of the password was interrupted in its
+    // last steps, kChange needs the password for kRecords, too: nothing may change before
     // that change is finished.
     //
     //   kMissing      there is no database, or no such folder
-    //   kAlreadyOpen  another process holds it for longer than place().lockSeconds
+    //   kAlreadyOpen  another process holds the lock for longer than place().lockSeconds
     //   kWrongPassword, and what Observer::password() throws
     //   kNoDigest, kMalformed   the records of the password are damaged
     Hold enter(Access access, Need need = Need::kRecords);
@@ -75,23 +75,22 @@ public:
 
     // While a Hold lives:
 
-    // As it was when the database was entered, for kDatabase and what stands after it.
+    // As it was when the database was entered, for kDatabase and the needs after it.
     const Protection& protection() const noexcept { return protection_; }
 
-    // Whether secrets can be read: entered with kSecrets, now or before. When another
-    // process has changed the password since, entering closes the database.
+    // Whether secrets can be read: entered with kSecrets, now or before. If another process
+    // has changed the password since, entering closes the database.
     bool isOpen() { return store_.isOpen(); }
 
     // Throws SecretsNeeded unless it is open.
     void needSecrets();
 
-    // Throws kNotOpen when the database has no password, so that nothing in it can be kept
-    // secret.
+    // Throws kNotOpen when the database has no password and so cannot keep secrets.
     void requireSecrecy() const;
 
     // Gives the database the password of `fresh`, and re-encrypts everything. Entered with
-    // kChange, and kSecrets unless it has no password yet. Throws kFound, with nothing
-    // changed, when a record is damaged: it would stay behind with the old key.
+    // kChange, and kSecrets unless it has no password yet. Throws kFound when a record is
+    // damaged, since it would stay behind with the old key; nothing has changed then.
     void changePassword(NewSlot fresh, bool keepOld);
 
 private:
@@ -109,13 +108,13 @@ private:
     FolderLock lock_;
     StoreService store_;
     Protection protection_;
-    Slot opened_;  // that P is of; while the store is open
+    Slot opened_;  // the slot that P belongs to; while the store is open
 };
 
-// Runs step() in the database, entered as `need` says. When the step asks for secrets
-// (Database::needSecrets()), opens the database and runs it once more, from its beginning:
-// other processes had their turn while the password was asked for. So a step asks before
-// it changes or reports anything.
+// Runs step() in the database, entered as `need` says. If the step asks for secrets
+// (Database::needSecrets()), opens the database and runs it again from its beginning, since
+// other processes had their turn while the user was asked for the password. So a step asks
+// before it changes or reports anything.
 template <class Step>
 auto withSecrets(Database& database, Access access, Step step, Need need = Need::kRecords) {
     try {

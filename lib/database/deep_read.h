@@ -1,4 +1,4 @@
-// Everything in the database, read, decrypted and compared with what is known about it.
+// Everything in the database, read, decrypted and compared with its attributes.
 #ifndef LIB_DATABASE_DEEP_READ_H
 #define LIB_DATABASE_DEEP_READ_H
 
@@ -21,18 +21,18 @@ struct DamagedRecord {
 
 struct DeepReport {
     std::uint64_t records = 0;
-    std::uint64_t secrets = 0;  // bodies and attributes that are kept encrypted
+    std::uint64_t secrets = 0;  // encrypted bodies and attributes
     std::vector<DamagedRecord> damaged;
-    // A digest of all contents in plain form: the same before and after a change of
-    // the password.
+    // A digest of all contents in plain form: the same before and after a change of the
+    // password.
     std::vector<unsigned char> fingerprint;
 };
 
-// Reads every record but the internal ones; each is a step of the work, which `what`
-// names. The database is open. Throws kInterrupted.
+// Reads every record but the internal ones; each is a step of the work that `what` names.
+// The database is open. Throws kInterrupted.
 DeepReport readEverything(Observer& observer, const std::string& what);
 
-// Throws kMalformed when the body of a readable record is not what its attributes say.
+// Throws kMalformed when the body of a readable record does not match its attributes.
 void checkBody(const Record& record);
 
 }  // namespace fstore

@@ -66,9 +66,9 @@ std::string planOf(Repair repair) {
         case Repair::kPutBack:
             return "will be put back";
         case Repair::kDropCopy:
-            return "will be removed with all it holds";
+            return "will be deleted with its contents";
         case Repair::kMakeFolder:
-            return "will be made";
+            return "will be created";
         case Repair::kMoveBack:
             return "will be moved back";
         case Repair::kFinish:

@@ -64,13 +64,12 @@ std::string faultOf(std::string_view text, const std::vector<DescriptorLine>& li
         return "has zero bytes in it";
     }
     if (text.back() != '\n') {
-        return "ends in the midst of a line";
+        return "ends in the middle of a line";
     }
     const auto odd = std::ranges::find_if_not(lines, isAsWritten);
-    return odd == lines.end()
-               ? std::string()
-               : fmt::format("has a line that the store would not have written: line {}",
-                             odd - lines.begin() + 1);
+    return odd == lines.end() ? std::string()
+                              : fmt::format("has a line that the store does not write: line {}",
+                                            odd - lines.begin() + 1);
 }
 
 class FolderCheck {
@@ -210,10 +209,10 @@ private:
             examineDescriptor(namer);
         } else if (namer.repair == Repair::kPutBack) {
             add(FindingKind::kSavedDescriptor, namer.file,
-                "is the state before a write that was broken off", namer.repair);
+                "is the old state of an interrupted write", namer.repair);
         } else {
             addDoubtful(FindingKind::kSavedDescriptor, namer.file,
-                        "is the state before the last write of a record that is damaged now");
+                        "is the old state of a record that is damaged now");
         }
         if (namer.body && !owners_.emplace(*namer.body, namer.file).second) {
             damaged(namer, fmt::format("names the same body file as {}", owners_[*namer.body]));
@@ -233,9 +232,9 @@ private:
         } else if (!record) {
             damaged(namer, reason);
         } else if (isReferenceOfSecret(*record)) {
-            damaged(namer, "names a body as plain, though the body's SHA-256 is kept encrypted");
+            damaged(namer, "names a body as plain, though the body's SHA-256 is encrypted");
         } else if (!isBodyAsSaid(*record)) {
-            damaged(namer, "names a body that is not the one that its SHA-256 was taken of");
+            damaged(namer, "names a body that does not match its SHA-256");
         }
     }
 
@@ -260,9 +259,9 @@ private:
 
     void examineLeaving(const Namer& namer) {
         const char* const message =
-            namer.marker == kNewMarker       ? "is left over from a write that was broken off"
-            : namer.marker == kDeletedMarker ? "is left over from a removal that was broken off"
-                                             : "is the state before a write that was finished";
+            namer.marker == kNewMarker       ? "is a leftover of an interrupted write"
+            : namer.marker == kDeletedMarker ? "is a leftover of an interrupted removal"
+                                             : "is the old state of a finished write";
         const FindingKind kind = namer.marker == kNewMarker       ? FindingKind::kNewDescriptor
                                  : namer.marker == kDeletedMarker ? FindingKind::kRemoved
                                                                   : FindingKind::kSavedDescriptor;
@@ -287,13 +286,12 @@ private:
             return;
         }
         if (const auto found = leaving_.find(body); found != leaving_.end()) {
-            add(FindingKind::kUnnamedBody, body, "is the body of what is left over", found->second);
+            add(FindingKind::kUnnamedBody, body, "is the body of a leftover", found->second);
         } else if (!isUniqueName(body)) {
-            add(FindingKind::kUnknownFile, body, "is no file of the store");
+            add(FindingKind::kUnknownFile, body, "is an unknown file");
         } else if (isInDoubt_ || mentioned_.contains(body)) {
             addDoubtful(FindingKind::kUnnamedBody, body,
-                        "is named by no descriptor that can be read, and may belong to a damaged "
-                        "one");
+                        "is not named by any readable descriptor, but may belong to a damaged one");
         } else {
             add(FindingKind::kUnnamedBody, body, "is a body file that no descriptor names",
                 Repair::kMoveAway);

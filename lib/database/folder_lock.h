@@ -1,8 +1,8 @@
 // The folder that holds a database, and the lock that keeps other processes out of it.
 //
-// The store does not coordinate processes, and its readers repair too. So the folder
-// itself is locked (nothing is left behind in it): exclusively for what may change files,
-// shared for readers.
+// The store does not coordinate processes, and even its readers repair. So the folder itself
+// is locked (which leaves nothing behind in it): exclusively for what may change files, shared
+// for readers.
 //
 // For one thread. Failures throw.
 #ifndef LIB_DATABASE_FOLDER_LOCK_H
@@ -27,7 +27,7 @@ public:
     // calls do nothing. Throws kMissing when there is none.
     void enter();
 
-    // The same, of a folder that is made when there is none.
+    // The same; creates the folder when there is none.
     void makeAndEnter();
 
     // Takes the lock, or changes the kind of the one that is held. Throws kAlreadyOpen when
@@ -41,7 +41,7 @@ private:
     os::File folder_;
 };
 
-// Keeps other processes out while it lives. One of a database at a time.
+// Keeps other processes out while it lives. One at a time for a database.
 class [[nodiscard]] Hold {
 public:
     explicit Hold(FolderLock& lock) noexcept : lock_(&lock) {}

@@ -4,13 +4,13 @@
 //     ./new_db   a copy that is being made; nobody reads it
 //     ./old_db   the database as it was before a copy took its place
 //
-// The store makes some of these moves itself: recrypt() makes the copy, removes the old
+// The store makes some of these moves itself: recrypt() makes the copy, removes the previous
 // ./old_db, renames ./db to ./old_db and ./new_db to ./db; prepareDBFolders() renames a
-// lone ./old_db back. All others are here, so that what is found after a crash is one of
-// the states of this table, and what becomes of it is decided once. "d", "n" and "o" stand
-// for the three folders.
+// lone ./old_db back. All others are here, so that every crash leaves one of the states of
+// this table, and one place decides what to do about it. "d", "n" and "o" are the three
+// folders.
 //
-//     d n o   how it came about            what it means, and what becomes of it
+//     d n o   how it came about            what it means, and what happens to it
 //     - - -   before `init`                no database
 //     d - -   nothing is under way         the database
 //     d n -   a change of the password     the database; the copy may be anything from begun
@@ -29,13 +29,13 @@
 //     - n o   an exchange was broken off   ./old_db is the database: it is put back, then
 //             between its two renames      the copy is dropped. `check` puts back only
 //     - - o   the same, without the copy   the same
-//     - n -   the first restore into the   no database; the copy is dropped by the next
-//             folder, broken off           `init` or `restore`
+//     - n -   the first restore into the   no database; the next `init` or `restore` removes
+//             folder, interrupted          the copy
 //
 // What is kept is renamed to ./db-<time>, which no command takes for its own or touches.
 //
 // Paths are relative to the current folder. For one thread, which keeps other processes
-// out. Failures throw. Each move may be broken off anywhere, and leaves a state of the table.
+// out. Failures throw. Each move can be interrupted anywhere, and leaves a state of the table.
 #ifndef LIB_DATABASE_FOLDERS_H
 #define LIB_DATABASE_FOLDERS_H
 
@@ -44,7 +44,7 @@
 
 namespace fstore {
 
-// Which of them are there.
+// Which of them exist.
 struct FolderState {
     bool live = false;
     bool copy = false;
@@ -56,14 +56,14 @@ struct FolderState {
 
 FolderState folderState();
 
-// Undoes an exchange that was broken off between its renames: without "./db", "./old_db"
-// is the database. Changes nothing else.
+// Undoes an exchange that was interrupted between its renames: without "./db", "./old_db" is
+// the database. Changes nothing else.
 void putPreviousBack();
 
 // Removes "./new_db", if it is there.
 void dropCopy();
 
-// Removes "./old_db", if it is there. It is never there in part, since it goes as a copy.
+// Removes "./old_db", if it exists, as a copy: so there is never a part of an "./old_db".
 void dropPrevious();
 
 // Undoes an exchange: "./old_db" is the database again, and what was is the copy.

@@ -121,7 +121,7 @@ std::vector<Finding> inspect() {
     if (folders.previous) {
         findings.push_back({FindingKind::kPrevious, layout::kPrevious,
                             "is the database before the last change of the password or the last "
-                            "restore; remove it when it is no longer needed"});
+                            "restore; delete it when you no longer need it"});
     }
     for (const std::string& folder : allFolders()) {
         checkFolder(folder, findings);

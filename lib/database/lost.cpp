@@ -116,7 +116,7 @@ void makeFolders(const std::string& top, std::string_view path) {
 void makeTop() {
     if (!isFolder(layout::kLost)) {
         if (os::mkdir(layout::kLost, S_IRWXU) != 0) {
-            failWithErrno("make the folder", layout::kLost);
+            failWithErrno("create the folder", layout::kLost);
         }
         syncFolder(".");
     }
@@ -129,7 +129,7 @@ std::string makeFolderFor(std::int64_t time) {
     std::string name = wanted;
     for (int i = 2; os::mkdir(joined(layout::kLost, name).c_str(), S_IRWXU) != 0; ++i) {
         if (errno != EEXIST) {
-            failWithErrno("make the folder", joined(layout::kLost, name));
+            failWithErrno("create the folder", joined(layout::kLost, name));
         }
         name = fmt::format("{}-{}", wanted, i);
     }
@@ -288,15 +288,14 @@ std::string moveToLost(const LostPlan& plan) {
 
 std::string describe(const LostFolder& lost) {
     const std::string path = joined(layout::kLost, lost.name);
-    return lost.plan ? fmt::format(
-                           "{} holds {} files that a repair moved away, encrypted with the "
-                           "key of that time; `fstore check --undo {}` puts them back, "
-                           "--purge removes them",
-                           path, counted(lost.plan->files.size()), lost.name)
-                     : fmt::format(
-                           "{} holds files that a repair moved away, without a plan that "
-                           "can be read",
-                           path);
+    return lost.plan
+               ? fmt::format(
+                     "{} holds {} files that a repair moved away, encrypted with the "
+                     "key of that time; `fstore check --undo {}` puts them back, "
+                     "--purge removes them",
+                     path, counted(lost.plan->files.size()), lost.name)
+               : fmt::format("{} holds files that a repair moved away, without a readable plan",
+                             path);
 }
 
 std::vector<LostFolder> lostFolders() {

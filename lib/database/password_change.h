@@ -1,7 +1,7 @@
-// The change of the database's password, so that one of the two passwords opens all of
-// it whenever the change is broken off.
+// The change of the database's password. Wherever it is interrupted, one of the two passwords
+// opens all of the database.
 //
-//     1  read and decrypt everything: what does not decrypt would stay behind unseen
+//     1  read and decrypt everything: what does not decrypt would silently stay behind
 //     2  write "kdf" with the old and the new slot
 //     3  let the store re-encrypt a copy and swap it in
 //     4  make that durable
@@ -11,13 +11,13 @@
 //        "./db-<time>", if it is to be kept
 //     7  write "kdf" with the new slot only
 //
-// Until step 7 "kdf" has two slots, and the record "key" says which is in force. When
-// it is the old one, the next command that locks exclusively drops the other slot and
-// "./new_db" (recovery.h). When it is the new one, the next command that opens the
-// database does steps 4 to 7. The old folder is dropped before the old slot, since a
-// folder that is left over with one slot could as well be one that was to be kept.
+// Until step 7 "kdf" has two slots, and the record "key" says which is in force. If it is the
+// old one, the next command that locks exclusively removes the other slot and "./new_db"
+// (recovery.h). If it is the new one, the next command that opens the database does steps 4 to
+// 7. The old folder goes before the old slot: with one slot, nobody could know whether a folder
+// that is still there was to be kept.
 //
-// With the exclusive lock held. Both return the protection that is then in force.
+// The caller holds the exclusive lock. Both return the protection that is then in force.
 #ifndef LIB_DATABASE_PASSWORD_CHANGE_H
 #define LIB_DATABASE_PASSWORD_CHANGE_H
 

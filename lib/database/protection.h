@@ -13,20 +13,21 @@ struct Protection {
     KdfRecord kdf;  // its slots: two of them during a change
     Slot inForce;   // also without a record "kdf"
 
-    // The empty password opens the database, and nothing in it can be kept secret.
+    // Without one, the empty password opens the database, and it cannot keep secrets.
     bool hasPassword() const { return inForce.form != Slot::Form::kNone; }
-    // A change of the password was broken off.
+    // A change of the password was interrupted.
     bool isUnfinished() const { return kdf.slots.size() == 2; }
-    // It was broken off before it happened: the old password is in force.
+    // It was interrupted before it took effect: the old password is in force.
     bool isUndone() const { return isUnfinished() && inForce == kdf.slots[0]; }
 };
 
-// What the record "kdf" and the digest of the record "key" say together; none where there
-// is no such record. Without slots the digest decides. Throws kNoDigest when they do not
-// belong together: nobody may then take the empty password for the one in force.
+// What the record "kdf" and the digest of the record "key" mean together; none if there is no
+// such record. Without slots the digest decides. Throws kNoDigest when the two do not match:
+// nobody may then take the empty password for the one in force.
 Protection protectionOf(KdfRecord kdf, const std::optional<Digest>& key);
 
-// What the record "key" holds; none without it. Throws kNoDigest when it holds no digest.
+// The digest in the record "key"; none without that record. Throws kNoDigest when it has no
+// digest.
 std::optional<Digest> readKeyDigest();
 
 // The protection of the database in the process's folder. Throws kNoDigest and kMalformed.

@@ -1,7 +1,7 @@
-// What a crash left over, repaired before anybody reads.
+// The repair of what a crash left behind, before anyone reads.
 //
-// The store's readers repair too: they put a descriptor back that a write has moved aside.
-// So nobody reads under a shared lock before there is nothing left to repair.
+// The store's readers repair, too: they put back a descriptor that a write has moved aside. So
+// nobody reads under a shared lock while there is something to repair.
 #ifndef LIB_DATABASE_RECOVERY_H
 #define LIB_DATABASE_RECOVERY_H
 
@@ -10,12 +10,12 @@
 
 namespace fstore {
 
-// Whether reading the database would change it. Any lock is held.
+// Whether reading the database would change it. The caller holds a lock of either kind.
 bool needsRecovery();
 
-// With the exclusive lock held: brings back what stood before a command that was broken
-// off, or what stands after it; makes folders that are missing. Returns the protection that
-// is then in force. May itself be broken off anywhere.
+// Undoes an interrupted command, or finishes it; creates missing folders. Returns the
+// protection that is then in force. The caller holds the exclusive lock. May itself be
+// interrupted anywhere.
 Protection recover(StoreService& store);
 
 }  // namespace fstore

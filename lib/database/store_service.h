@@ -1,6 +1,6 @@
-// The store's modules, and its service: what opens and re-encrypts a database.
+// The store's modules, and its service, which opens and re-encrypts a database.
 //
-// Works in the process's folder, with the lock held. For one thread. Failures throw.
+// Works in the process's folder; the caller holds the lock. For one thread. Failures throw.
 #ifndef LIB_DATABASE_STORE_SERVICE_H
 #define LIB_DATABASE_STORE_SERVICE_H
 
@@ -20,24 +20,24 @@ public:
     StoreService& operator=(const StoreService&) = delete;
     ~StoreService();
 
-    // Loads the modules, before all else; later calls do nothing. Throws kNoObject.
+    // Loads the modules; to be called first. Later calls do nothing. Throws kNoObject.
     void start();
 
     bool isOpen() { return service_.isOpen() != 0; }
 
-    // Opens the database with P, also when it is open. Throws kWrongPassword.
+    // Opens the database with P, also when it is open already. Throws kWrongPassword.
     void open(SecretText p);
-    // What it was opened with.
+    // The P that it was opened with.
     const SecretText& p() const noexcept { return p_; }
     void close();
 
-    // Makes those of the database's folders that are missing; puts "./old_db" back first
-    // when there is no "./db".
+    // Creates the database's missing folders; first puts "./old_db" back if there is no
+    // "./db".
     void makeFolders();
 
     // Re-encrypts everything for another P; each encryption and decryption is a step of the
-    // observer's work. kInterrupted when that was cancelled. After a failure the folders
-    // tell what has become of it, and what the ciphers carry is not known: close().
+    // observer's work. kInterrupted when that was cancelled. After a failure the folders show
+    // how far it came, and the ciphers may have either key: close().
     [[nodiscard]] Status recrypt(const SecretText& p, Observer& observer);
 
 private:

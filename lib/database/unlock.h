@@ -8,9 +8,9 @@
 
 namespace fstore {
 
-// P of the slot in force, asked for and derived as the slot needs it; warns where the
-// password does not protect. Takes as long as a person types, and half a second for the
-// derivation: no lock is held.
+// Asks for the password of the slot in force and derives P; warns if the password does not
+// protect. Waits for a person to type, and half a second for the derivation, so the caller
+// holds no lock.
 SecretText askForP(const Slot& slot, const Place& place, Observer& observer);
 
 }  // namespace fstore

@@ -15,10 +15,10 @@ struct Chain {
     bool complete = false;             // the last one, or the certificate itself, is self-issued
 };
 
-// The issuers of a certificate among the known ones. An issuer has the name and the
-// key identifier that the certificate asks for, and its key made the signature; of
-// several, the one that ends last. Times are not judged: who exports an expired
-// certificate wants its chain too.
+// The issuers of a certificate among the known ones. An issuer has the name and the key
+// identifier that the certificate names, and its key made the signature; of several, the one
+// that expires last. Expiry does not matter otherwise: an expired certificate is exported with
+// its chain, too.
 Chain chainOf(std::span<const unsigned char> certificate, const std::vector<SecretBytes>& known);
 
 }  // namespace fstore

@@ -1,4 +1,4 @@
-// The little that is asked of DER before OpenSSL gets to see it.
+// What the library reads of DER before it calls OpenSSL.
 #ifndef LIB_PKI_DER_H
 #define LIB_PKI_DER_H
 
@@ -8,8 +8,8 @@
 
 namespace fstore {
 
-// Where the SEQUENCE at the front of the bytes ends, which may be beyond them; none when
-// there is no such thing. Every object that is imported is a SEQUENCE.
+// Where the SEQUENCE at the front of the bytes ends, which may be beyond them; none when there
+// is no SEQUENCE. Every object that can be imported is one.
 std::optional<std::uint64_t> endOfSequence(std::span<const unsigned char> bytes);
 
 }  // namespace fstore

@@ -1,4 +1,4 @@
-// Stored objects in the forms in which other programs read them.
+// Stored objects in the formats that other programs read.
 //
 // Any thread may call any of these. Failures throw.
 #ifndef LIB_PKI_ENCODE_H
@@ -14,8 +14,8 @@
 
 namespace fstore {
 
-// The rounds that turn a password into a key in what we write: what is advised against
-// guessing today, some tenths of a second.
+// The rounds that turn a password into a key in what we write: today's advice against
+// guessing, some tenths of a second.
 inline constexpr int kWrittenIterations = 600'000;
 
 // The PEM block of an object in DER; of a key that is not encrypted.

@@ -1,5 +1,5 @@
-// Certificates, CRLs, private keys and certificate requests as they are stored: DER,
-// and attributes that tell what is in it without decoding it again.
+// Certificates, CRLs, private keys and certificate requests as they are stored: DER, and
+// attributes that describe it, so that nobody has to decode it again.
 //
 // Any thread may call any of these.
 #ifndef LIB_PKI_OBJECT_H
@@ -17,7 +17,7 @@
 
 namespace fstore {
 
-// An attribute of a record; the type is told by what it holds.
+// An attribute of a record; its type follows from the value.
 struct PkiAttribute {
     unsigned int id = 0;
     std::variant<std::uint32_t, std::string, std::vector<unsigned char>> value;
@@ -33,27 +33,25 @@ struct PkiObject {
     std::vector<unsigned char> sha256;     // of `der`
     std::vector<unsigned char> keySha256;  // of the public key; empty for a CRL
 
-    // In the order of their ids; empty texts are left out. The time of import and a
-    // label are the importer's to add.
+    // In the order of their ids; empty texts are left out. The importer adds the time of
+    // import and a label.
     std::vector<PkiAttribute> attributes;
 };
 
-// No object but a CRL is larger: a certificate of a thousand names has some 30 KiB,
-// and what is done with names takes more than a time in proportion.
+// No object but a CRL may be larger: a certificate with a thousand names has some 30 KiB, and
+// the work on names grows faster than their number.
 inline constexpr std::size_t kMostObject = 1 << 20;
 
-// Reads the DER of an object of this kind, all of it. Throws kMalformed when it is
-// something else, is damaged, goes on behind the object, or exceeds kMostObject.
+// Reads the DER of an object of this kind, all of it. Throws kMalformed when it is something
+// else, is damaged, has bytes after the object, or exceeds kMostObject.
 PkiObject readPkiObject(Kind kind, SecretBytes der);
 
-// The object's record name when the user gives none: `label` if there is one, or
-// else its title, reduced to [A-Za-z0-9._-] and 64 characters, "-", and 8 digits of the
-// object's SHA-256.
+// The object's record name if the user gives none: `label`, or else its title, reduced to
+// [A-Za-z0-9._-] and 64 characters, "-", and 8 digits of the object's SHA-256.
 std::string recordNameFor(const PkiObject& object, std::string_view label);
 
-// The folder in which an object of this kind is kept: "keys", "crls", "crm",
-// "certificates/local" for a certificate whose key we have, else
-// "certificates/remote".
+// The folder for an object of this kind: "keys", "crls", "crm", "certificates/local" for a
+// certificate whose key we have, else "certificates/remote".
 std::string_view folderFor(Kind kind, bool hasKey);
 
 }  // namespace fstore

@@ -1,5 +1,5 @@
-// Owners of the OpenSSL objects that files of keys and certificates are made of, and their
-// way from and to DER.
+// Owners of the OpenSSL objects for files of keys and certificates, and their conversion from
+// and to DER.
 #ifndef LIB_PKI_OSSL_H
 #define LIB_PKI_OSSL_H
 
@@ -58,7 +58,7 @@ using Scrypt = Owner<SCRYPT_PARAMS, SCRYPT_PARAMS_free>;
 using EncryptedKey = Owner<X509_SIG, X509_SIG_free>;
 using Text = Owner<char, freeText>;
 
-// Decodes all of the bytes, or answers null: `Decode` is a function as d2i_X509 is.
+// Decodes all of the bytes, or returns null; `Decode` is a function like d2i_X509.
 template <class Owned, auto Decode>
 Owned decodeWhole(std::span<const unsigned char> der) {
     const unsigned char* at = der.data();
@@ -69,8 +69,8 @@ Owned decodeWhole(std::span<const unsigned char> der) {
     return object;
 }
 
-// What `Encode`, a function as i2d_X509 is, makes of the object; empty when the object
-// is null or has no such form.
+// The object encoded by `Encode`, a function like i2d_X509; empty when the object is null or
+// cannot be encoded.
 template <auto Encode, class T>
 SecretBytes encoded(const T* object) {
     const int size = object != nullptr ? Encode(object, nullptr) : -1;

@@ -1,4 +1,4 @@
-// What a password of an input file is tried on, and how much work that may cost.
+// The password of an input file, and how much work trying it may cost.
 #ifndef LIB_PKI_PASSWORD_H
 #define LIB_PKI_PASSWORD_H
 
@@ -10,12 +10,12 @@
 
 namespace fstore {
 
-// The rounds that an algorithm takes to turn a password into a key; 0 for one that we
-// do not know, which OpenSSL then refuses.
+// The rounds that an algorithm takes to turn a password into a key; 0 for an unknown one,
+// which OpenSSL then refuses.
 std::uint64_t roundsOf(const X509_ALGOR& algorithm);
 
-// The password of one file. Throws kMalformed when what was tried costs more than
-// kMostIterations in all.
+// The password of one file. Throws kMalformed when the attempts cost more than kMostIterations
+// in all.
 class FilePassword {
 public:
     explicit FilePassword(const InputPassword& ask) : ask_(ask) {}
@@ -25,9 +25,8 @@ public:
     // The user's password, for `rounds` rounds.
     const SecretText& get(std::uint64_t rounds);
 
-    // What attempt(text, length) answers for the password that fits, or else null or
-    // false: the absent one, the empty one, or the user's. What has fitted once is
-    // taken from then on.
+    // The result of attempt(text, length) for the password that fits, or else null or false.
+    // Tries the absent one, the empty one and the user's; once one has fitted, only that one.
     template <class Attempt>
     auto find(std::uint64_t rounds, Attempt attempt) {
         if (known_ == Known::kNothing) {

@@ -1,7 +1,7 @@
-// The PEM blocks in a text, as they really come: with a byte order mark in front, indented,
-// quoted, with too few dashes or on one line, and with line ends of every make.
+// The PEM blocks in a text, as they occur in practice: after a byte order mark, indented,
+// quoted, with too few dashes or on one line, and with any line ends.
 //
-// Every BEGIN is found: a block that cannot be read is still a block, so that its line can be
+// Finds every BEGIN: a block that cannot be read is still a block, so that its line can be
 // reported. Work and memory are in proportion to the text. Any thread may call these.
 #ifndef LIB_PKI_PEM_H
 #define LIB_PKI_PEM_H
@@ -20,25 +20,25 @@ struct PemBlock {
     enum class Shape {
         kWhole,
         kNoEnd,    // ended by the next BEGIN, or by the end of the text
-        kNoBegin,  // an END alone; the text is what could be its block's
+        kNoBegin,  // an END alone; the text is what could be its block
     };
     Shape shape = Shape::kNoEnd;
     std::string type;         // "CERTIFICATE"; in capitals
     unsigned int line = 0;    // of its first mark, from 1
-    std::string_view margin;  // in front of that mark's dashes on its line
+    std::string_view margin;  // before that mark's dashes on its line
     std::string_view text;    // between the marks
 };
 
 // The blocks in the order of the text. Throws kInvalid when there are more than `most`.
 std::vector<PemBlock> findPemBlocks(std::string_view text, std::size_t most);
 
-// What is in a block; wiped, since it may be a key.
+// The contents of a block; wiped, since it may be a key.
 struct PemContent {
     std::string header;  // "Proc-Type: 4,ENCRYPTED\n..."; empty for most
     SecretBytes der;
 };
 
-// None when the block is not the digits of base 64.
+// None when the block is not base 64.
 std::optional<PemContent> contentOf(const PemBlock& block);
 
 }  // namespace fstore

@@ -11,9 +11,8 @@
 
 namespace fstore {
 
-// The file's parts, at least one. None when it is not a PKCS#12 file. Throws
-// kWrongPassword, kMalformed when the file as a whole is damaged, and what the
-// password's source throws.
+// The file's parts, at least one. None when it is not a PKCS#12 file. Throws kWrongPassword,
+// kMalformed when the file as a whole is damaged, and what InputPassword throws.
 std::optional<std::vector<PkiPart>> partsOfPkcs12(std::span<const unsigned char> der,
                                                   FilePassword& password);
 

@@ -1,7 +1,7 @@
-// Private keys as they stand in files, brought into the form in which they are
-// stored: PKCS#8, not encrypted.
+// Private keys as they come in files, converted to the form in which they are stored: PKCS#8,
+// not encrypted.
 //
-// Failures throw: kWrongPassword, kMalformed, and what the password's source throws.
+// Failures throw: kWrongPassword, kMalformed, and what InputPassword throws.
 #ifndef LIB_PKI_SECRET_KEY_H
 #define LIB_PKI_SECRET_KEY_H
 
@@ -16,7 +16,7 @@
 
 namespace fstore {
 
-// The same key always has the same bytes, whatever form it came in.
+// The same key always gives the same bytes, whatever form it came in.
 SecretBytes pkcs8Of(const EVP_PKEY& key);
 
 // A key in plain DER: PKCS#8, or the older form of its algorithm. None when it is

@@ -1,7 +1,7 @@
-// What stands in certificates and their like, as text for attributes and people.
+// The contents of certificates and the like, as text for attributes and people.
 //
-// All of it is valid UTF-8 without control characters and fit for a text attribute:
-// no line feed, no leading blank. Hostile structures give odd texts, never failures.
+// All of it is valid UTF-8 without control characters and can be a text attribute: no line
+// feed, no leading blank. Hostile structures give odd texts, never failures.
 // Any thread may call any of these.
 #ifndef LIB_PKI_TEXT_H
 #define LIB_PKI_TEXT_H
@@ -17,16 +17,15 @@
 
 namespace fstore {
 
-// The text with what an attribute cannot keep escaped as RFC 4514 does: a leading
-// blank as "\ ", a backslash as "\\", control characters and bytes that are not UTF-8
-// as "\0A".
+// The text with what an attribute cannot hold escaped as in RFC 4514: a leading blank as
+// "\ ", a backslash as "\\", control characters and bytes that are not UTF-8 as "\0A".
 std::string attributeText(std::string_view text);
 
 // A name as RFC 4514 writes it, the last part first: "CN=server,O=Example".
 std::string nameText(const X509_NAME* name);
 
-// What people call the bearer of a name: its common name, or else its organisational
-// unit or organisation; empty without any.
+// What people call the holder of a name: its common name, or else its organisational unit or
+// organisation; empty without any.
 std::string titleOf(const X509_NAME* name);
 
 // "2030-01-31T23:59:59Z"; empty for what is not a time.

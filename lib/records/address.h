@@ -1,5 +1,5 @@
-// Where a record is, in the user's words: "certificates/local/server", a bare name
-// where it is unique, or "sha256:" and the first digits of the digest of its body.
+// Where a record is, in the user's words: "certificates/local/server", the name alone if
+// it is unique, or "sha256:" and the first digits of the digest of its body.
 #ifndef LIB_RECORDS_ADDRESS_H
 #define LIB_RECORDS_ADDRESS_H
 
@@ -29,7 +29,7 @@ struct Address {
     std::string print() const;
 };
 
-// What the user wrote. The three forms are told apart by their text alone.
+// What the user wrote. The text alone shows which of the three forms it is.
 struct AddressText {
     enum class Form {
         kPlace,  // `place`
@@ -41,11 +41,11 @@ struct AddressText {
     std::string digest;
 };
 
-// Throws kInvalid for what no record can have as address.
+// Throws kInvalid for what cannot be the address of a record.
 AddressText parseAddress(std::string_view text);
 
-// The place of a record that is to be made. Throws kInvalid for a bare name or a
-// digest, and for a name that is too long or has control characters.
+// The place of a new record. Throws kInvalid for a name alone or a digest, and for a name
+// that is too long or has control characters.
 Address parseNewAddress(std::string_view text);
 
 // "a/b" of "a//b/", "./a/b" or "db/a/b"; empty for "." and "db". Throws kInvalid for

@@ -1,9 +1,9 @@
 // The attributes that the tool gives to records: ids, names, types and what they mean.
 //
-// They are part of what is on disk and never change their meaning. Only binary
-// attributes may be kept encrypted; what is secret among the others is stored as
-// kTypeBinary under the same id. Texts lose leading blanks in the descriptor and cannot
-// hold a line feed, so they are escaped as RFC 4514 does and left out when empty.
+// They are part of the format on disk and never change their meaning. Only binary
+// attributes can be encrypted; a secret text or number is stored as kTypeBinary under the
+// same id. Texts lose leading blanks in the descriptor and cannot contain a line feed, so
+// they are escaped as in RFC 4514, and left out when empty.
 #ifndef LIB_RECORDS_ATTRIBUTES_H
 #define LIB_RECORDS_ATTRIBUTES_H
 

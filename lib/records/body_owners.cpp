@@ -41,7 +41,7 @@ std::optional<std::string> BodyOwners::doubtAbout(const Address& address) {
         }
         hasBody = true;
         if (const auto other = std::ranges::find_if(files, isOther); other != files.end()) {
-            return fmt::format("is named by {} too", *other);
+            return fmt::format("is also named by {}", *other);
         }
     }
     const auto other = std::ranges::find_if(folder.unreadable, isOther);

@@ -16,15 +16,15 @@ struct DescriptorLine {
         kSkipped,    // blank, or a comment
         kAttribute,  // what the store takes
         kNoNumbers,  // damaged: it does not begin with two numbers
-        kBadData,    // damaged: its data is not what its type wants
-        kNul         // damaged: a NUL byte stands at its start. Nothing is read from there on
+        kBadData,    // damaged: its data is not of its type
+        kNul         // damaged: it begins with a NUL byte. Nothing is read from there on
     };
 
     Form form = Form::kSkipped;
     std::string text;       // the whole line, without its line feed
     unsigned int type = 0;  // with its flags
     unsigned int id = 0;
-    std::string data;   // what stands after the numbers
+    std::string data;   // what follows the numbers
     std::string value;  // the attribute's bytes
 
     bool hasNumbers() const { return form == Form::kAttribute || form == Form::kBadData; }
@@ -36,12 +36,12 @@ std::vector<DescriptorLine> parseDescriptor(std::string_view text);
 // The lines of the descriptor file at `path`. Throws when it cannot be read.
 std::vector<DescriptorLine> readDescriptor(const std::string& path);
 
-// The name of the body file, as it stands there. It need not be one that isBodyName(). None
-// also when its line is damaged.
+// The name of the body file, as written. isBodyName() may be false for it. None also when
+// its line is damaged.
 std::optional<std::string> bodyNameOf(const std::vector<DescriptorLine>& lines);
 
-// Whether the store takes the descriptor. If not, some body may have been meant that it does
-// not name.
+// Whether the store accepts the descriptor. If not, it may have meant a body that it does not
+// name.
 bool isSound(const std::vector<DescriptorLine>& lines);
 
 }  // namespace fstore

@@ -1,5 +1,5 @@
-// What the attributes of a record tell, in the form in which it is shown and searched.
-// A value like any other: needs no database and no lock.
+// The attributes of a record in the form in which they are shown and searched. A plain
+// value: needs no database and no lock.
 #ifndef LIB_RECORDS_RECORD_INFO_H
 #define LIB_RECORDS_RECORD_INFO_H
 
@@ -27,7 +27,7 @@ struct RecordInfo {
     std::uint64_t bodySize = 0;  // as it is on disk
 };
 
-// What can be read of the record now: of one that is not decrypted, what is kept plain.
+// What can be read of the record now: if it is not decrypted, what is plain.
 RecordInfo infoOf(const Record& record);
 
 }  // namespace fstore

@@ -1,8 +1,8 @@
-// Objects of imported files into records: where each goes, what it is called, and
-// which of them are there already.
+// The import of objects into records: the folder and name of each, and which of them are in
+// the database already.
 //
-// For one thread, in a database that is entered for changes, and opened where secrecy is
-// wanted. Failures throw.
+// For one thread, in a database that is entered for changes, and open where secrecy is wanted.
+// Failures throw.
 #ifndef LIB_WORK_IMPORT_H
 #define LIB_WORK_IMPORT_H
 
@@ -24,8 +24,8 @@ struct ImportRules {
     std::optional<std::string> folder;  // for all objects
     std::optional<std::string> name;
     std::string label;     // for all objects; empty for the file's own
-    bool replace = false;  // what has the name, or is the same object
-    bool encrypt = false;  // also what is no key
+    bool replace = false;  // another object with the name, or the same object
+    bool encrypt = false;  // not only keys
 };
 
 // Whether an object must be kept secret under these rules.
@@ -33,29 +33,29 @@ bool wantsSecrecy(const PkiObject& object, const ImportRules& rules);
 
 class Importer {
 public:
-    // Looks at all records. `objects` are those that will be imported, in any order;
-    // throws kInvalid when the one name of the rules cannot be meant for them.
+    // Reads all records. `objects` are those that will be imported, in any order; throws
+    // kInvalid if the one name in the rules does not suit them.
     Importer(Database& database, ImportRules rules, const std::vector<const PkiObject*>& objects);
 
     enum class Outcome {
         kAdded,
         kPresent,   // the same object was there, and nothing changed
         kMoved,     // it was there as a certificate without key, and has one now
-        kReplaced,  // written anew
+        kReplaced,  // overwritten
     };
     struct Result {
         Outcome outcome;
         RecordInfo record;
     };
 
-    // Keys first: a certificate is local when its key is in the database by then. What
-    // came before stays when this throws.
+    // Keys first: a certificate is local when its key is in the database by then. If this
+    // throws, what was imported before stays.
     Result import(const PkiObject& object, const std::string& fileLabel);
 
 private:
     using Identity = std::pair<Kind, std::string>;  // the digest in hexadecimal digits
 
-    // Takes the record into account, and tells about it.
+    // Adds the record to the index, and returns its description.
     RecordInfo index(const Record& record);
     bool hasKey(const PkiObject& object) const;
     Address addressFor(const PkiObject& object, const std::string& label) const;

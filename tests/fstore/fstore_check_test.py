@@ -335,7 +335,7 @@ class SharedBodyTest(TwoRecordsTest):
 
     def test_removing_one_keeps_the_other(self):
         run = self.run_tool("rm", f"settings/{self.copy}")
-        self.assertIn("its body file stays: it is named by a.dsc too", run.message)
+        self.assertIn("its body file stays: it is also named by a.dsc", run.message)
         self.assertEqual(b"body of a", self.body("settings/a"))
         self.assert_sound()
 
@@ -343,7 +343,7 @@ class SharedBodyTest(TwoRecordsTest):
         for command in (["put", f"settings/{self.copy}", "-"],
                         ["set", f"settings/{self.copy}", "label=x"]):
             run = self.run_tool(*command, stdin=b"new", code=59)
-            self.assertIn("is named by a.dsc too", run.message)
+            self.assertIn("is also named by a.dsc", run.message)
         self.assertEqual(b"body of a", self.body("settings/a"))
 
     def test_a_record_beside_an_unreadable_one_keeps_its_body(self):

@@ -304,7 +304,7 @@ TEST_F(DatabaseTest, AChangedPasswordIsInForceAtOnce) {
         EXPECT_EQ(1, observer.asked);
         EXPECT_THAT(observer.heard,
                     ElementsAre("Checking", "Re-encrypting", "Verifying",
-                                testing::HasSubstr("the database before is kept as ./db-")));
+                                testing::HasSubstr("kept the previous database as ./db-")));
         EXPECT_EQ(3, observer.ended);
     }
     EXPECT_FALSE(folderState().previous);
@@ -367,9 +367,9 @@ TEST_F(DatabaseTest, ARepairIsANoteFirstAndInTheReport) {
     Database database({}, observer);
     const CheckReport report = checkDatabase(database, {.repair = true});
     EXPECT_THAT(observer.heard,
-                ElementsAre("note: ./db/crm is missing, and will be made",
-                            "note: ./db/settings/a.dsc.$n$ is left over from a write that was "
-                            "broken off, and will be moved to ./db.lost",
+                ElementsAre("note: ./db/crm is missing, and will be created",
+                            "note: ./db/settings/a.dsc.$n$ is a leftover of an interrupted "
+                            "write, and will be moved to ./db.lost",
                             testing::HasSubstr("--undo")));
     EXPECT_EQ(1u, report.lost.size());
     EXPECT_EQ(2u, report.repaired.size());
