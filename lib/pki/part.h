@@ -12,16 +12,16 @@
 
 namespace fstore {
 
-// The most rounds that a file may demand to turn its password into a key: ten times
-// what cautious programs write, a few seconds.
+// The most rounds that a file may require to turn its password into a key: ten times what
+// cautious programs write, a few seconds.
 inline constexpr long kMostIterations = 10'000'000;
 
-// The password of an encrypted key or PKCS#12 file. Called only when one is needed and
-// the empty one is not it; the same one is good for all of a file. Throws what the
-// user is to be told when there is none.
+// The password of an encrypted key or PKCS#12 file. Called only when one is needed and the
+// empty one is not it; all of a file has the same one. If there is none, throws what to report
+// to the user.
 using InputPassword = std::function<const SecretText&()>;
 
-// What is rightly left out, and why: a sentence for the user without a full stop.
+// What is rightly left out, and why: a sentence for the user, without a full stop.
 struct Skipped {
     std::string reason;
 };
@@ -29,7 +29,7 @@ struct Skipped {
 struct PkiPart {
     unsigned int line = 0;  // where its PEM block begins; 0 in a binary file
     std::string label;      // what the file calls it; may be empty
-    // A failure is kWrongPassword, kMalformed, or what the password's source threw.
+    // A failure is kWrongPassword, kMalformed, or what InputPassword threw.
     std::variant<PkiObject, Failure, Skipped> content;
 };
 
