@@ -130,7 +130,7 @@ protected:
         words.insert(words.begin(), "fstore");
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
-        const int code = cli_.main(static_cast<int>(words.size()), words.data());
+        const int code = cli_.execute(static_cast<int>(words.size()), words.data());
         out_ = testing::internal::GetCapturedStdout();
         err_ = testing::internal::GetCapturedStderr();
         return code;
