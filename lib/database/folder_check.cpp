@@ -254,7 +254,7 @@ private:
         if (!digest || !record.hasBody()) {
             return true;
         }
-        return (*digest == sha256(record.body())) != record.isBodyEncrypted();
+        return std::ranges::equal(*digest, sha256(record.body())) != record.isBodyEncrypted();
     }
 
     void examineLeaving(const Namer& namer) {
