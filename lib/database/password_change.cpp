@@ -39,7 +39,7 @@ void requireCopyable() {
 // A database in "./old_db" is somebody's, and the store would delete it for the next one.
 void keepWhatIsAside(Observer& observer) {
     if (const std::string kept = keepPrevious(compactTime(now())); !kept.empty()) {
-        observer.note(fmt::format("the database before is kept as {}, with its password", kept));
+        observer.note(fmt::format("kept the previous database as {}, with its password", kept));
     }
 }
 

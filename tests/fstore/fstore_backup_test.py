@@ -132,8 +132,9 @@ class RoundTest(BackupTest):
         (self.folder / "db/settings/link").symlink_to("/etc/passwd")
         os.mkfifo(self.folder / "db/settings/fifo")
         run = self.backup()
-        self.assertIn("warning: ./db/settings/fifo is neither a file nor a folder", run.message)
-        self.assertIn("warning: ./db/settings/link", run.message)
+        self.assertIn("warning: left out ./db/settings/fifo: it is neither a file nor a folder",
+                      run.message)
+        self.assertIn("warning: left out ./db/settings/link", run.message)
         self.restore()
         self.assertEqual([], [name for name in os.listdir(self.outside / "new/db/settings")
                               if name in ("link", "fifo")])

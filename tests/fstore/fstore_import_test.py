@@ -37,7 +37,7 @@ class KindsTest(ImportTest):
                 ("crl.der", "crls/Example-Root"), ("crl.pem", "crls/Example-Root"),
                 ("request.der", "crm/asker"), ("request.pem", "crm/asker"),
                 ("rsa.key", "keys/key"), ("rsa.old.pem", "keys/key"), ("p256.old.der", "keys/key"),
-                ("p256.sealed.scrypt.pem", "keys/key"), ("rsa.sealed.old.pem", "keys/key")]
+                ("p256.encrypted.scrypt.pem", "keys/key"), ("rsa.encrypted.old.pem", "keys/key")]
         for name, start in rows:
             with self.subTest(name):
                 document = self.import_files(name)
@@ -164,7 +164,7 @@ class AgainTest(ImportTest):
     def test_same_object_is_one_record(self):
         self.import_files("leaf.pem", "rsa.key", "crl.pem", "request.pem")
         before = self.files()
-        document = self.import_files("leaf.der", "rsa.old.der", "crl.der", "rsa.sealed.pem",
+        document = self.import_files("leaf.der", "rsa.old.der", "crl.der", "rsa.encrypted.pem",
                                      "request.der", "leaf.trusted.pem")
         self.assertEqual({"present"}, {record["outcome"] for record in document["records"]})
         self.assertEqual(before, self.files())
@@ -251,12 +251,12 @@ class InputPasswordTest(ImportTest):
         self.assertEqual([], self.records())
 
     def test_missing_one_names_the_ways(self):
-        message = self.fails(2, "usage", "import", self.pki / "rsa.sealed.pem")
+        message = self.fails(2, "usage", "import", self.pki / "rsa.encrypted.pem")
         for way in ("--in-password-fd", "--in-password-file", "FSTORE_IN_PASSWORD"):
             self.assertIn(way, message)
 
     def test_is_asked_for_on_a_terminal(self):
-        terminal = Terminal(["import", self.pki / "rsa.sealed.pem"], cwd=self.folder,
+        terminal = Terminal(["import", self.pki / "rsa.encrypted.pem"], cwd=self.folder,
                             password=support.PASSWORD)
         self.addCleanup(terminal.close)
         terminal.expect("Password of the imported file: ")

@@ -371,7 +371,7 @@ class ChangeTest(InitialisedTest):
         # As an older tool's --keep-old left it, or a restore that was broken off.
         shutil.copytree(self.folder / "db", self.folder / "old_db")
         run = self.change()
-        self.assertIn("kept as ./db-", run.message)
+        self.assertIn("kept the previous database as ./db-", run.message)
         kept, = self.run_tool("info", "--json", password=None).document["kept"]
         (self.folder / "other").mkdir()
         shutil.move(self.folder / kept, self.folder / "other/db")

@@ -21,8 +21,8 @@ FILES = 1000 if support.LONG else 150
 SEED = time.time_ns() if support.LONG else 1
 
 SOURCES = ["root.pem", "leaf.pem", "leaf.trusted.pem", "crl.pem", "request.pem", "rsa.key",
-           "rsa.old.pem", "p256.parameters.pem", "ed25519.key", "rsa.sealed.pem",
-           "rsa.sealed.old.pem"]
+           "rsa.old.pem", "p256.parameters.pem", "ed25519.key", "rsa.encrypted.pem",
+           "rsa.encrypted.old.pem"]
 
 
 def _line_ends(end):

@@ -387,12 +387,13 @@ TEST(DecodePkiTest, StrangeFilesAreToldApart) {
     EXPECT_THAT(say(decodeText("")), ElementsAre("malformed: the file is empty"));
     EXPECT_THAT(say(decodeText("hello")),
                 ElementsAre("malformed: the file is neither PEM nor DER"));
-    EXPECT_THAT(say(decodeText(der.substr(0, 100))), ElementsAre(HasSubstr("cut off")));
+    EXPECT_THAT(say(decodeText(der.substr(0, 100))), ElementsAre(HasSubstr("is truncated to")));
     EXPECT_THAT(say(decodeText("0\x01xyz")), ElementsAre(HasSubstr("2 bytes follow the DER")));
     EXPECT_THAT(say(decodeText("\xFF\xFE-")), ElementsAre(HasSubstr("UTF-16")));
     EXPECT_THAT(say(decodeText(std::string("\x30\x03\x02\x01\x05", 5))),
                 ElementsAre(HasSubstr("DER, but not a certificate")));
-    EXPECT_THAT(say(decodeText("\x30\x84\xff\xff\xff\xff")), ElementsAre(HasSubstr("cut off")));
+    EXPECT_THAT(say(decodeText("\x30\x84\xff\xff\xff\xff")),
+                ElementsAre(HasSubstr("is truncated to")));
     EXPECT_THAT(say(decodeText("\x30\x89\xff\xff\xff\xff\xff\xff\xff\xff\xff")),
                 ElementsAre("malformed: the file is neither PEM nor DER"));
 }

@@ -38,6 +38,14 @@ TEST(AttributesTest, EachHasANameOfItsOwnAndBelongsToTheTool) {
     }
 }
 
+// The page aligns its cells.
+std::string withSingleBlanks(std::string text) {
+    for (std::size_t at = 0; (at = text.find("|  ", at)) != std::string::npos;) {
+        text.erase(at + 2, 1);
+    }
+    return text;
+}
+
 // Readers of the format rely on that page alone.
 TEST(AttributesTest, TheManualHasTheSameTable) {
     std::string expected = "[[";
@@ -49,10 +57,7 @@ TEST(AttributesTest, TheManualHasTheSameTable) {
     ASSERT_FALSE(text.empty());
     std::string found = text.substr(text.find("[[ *0x100*"));
     found = found.substr(0, found.find("from *0x8000*"));
-    for (std::size_t at = 0; (at = found.find("|  ", at)) != std::string::npos;) {
-        found.erase(at + 2, 1);
-    }
-    EXPECT_EQ(expected, found);
+    EXPECT_EQ(withSingleBlanks(expected), withSingleBlanks(found));
 }
 
 }  // namespace
