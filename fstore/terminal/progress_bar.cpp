@@ -31,6 +31,7 @@ ProgressBar::~ProgressBar() {
     }
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): neither lock nor buffer asks for memory
 void ProgressBar::step() noexcept {
     const std::uint64_t done = ++done_;
     if (!shown_) {

@@ -1,7 +1,7 @@
 #include "lib/base/error.h"
 
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 
 #include <fmt/format.h>
 
@@ -85,8 +85,9 @@ void failWithErrno(const std::string& what, const std::string& path) {
     const Status status = reason == ENOENT || reason == ENOTDIR ? kMissing
                           : reason == ENOMEM                    ? kNoMemory
                                                                 : kIo;
-    failWithStatus(status, fmt::format("cannot {} {}: {}", what, path, std::strerror(reason)),
-                   path);
+    failWithStatus(
+        status,
+        fmt::format("cannot {} {}: {}", what, path, std::generic_category().message(reason)), path);
 }
 
 }  // namespace fstore

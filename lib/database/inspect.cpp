@@ -131,7 +131,7 @@ std::vector<Finding> inspect() {
 
 std::optional<std::string> repair(const std::vector<Finding>& findings, std::int64_t time,
                                   const std::optional<Digest>& key) {
-    const std::optional<std::string> lost = moveAway(findings, time, key);
+    std::optional<std::string> lost = moveAway(findings, time, key);
     std::ranges::for_each(findings, repairOne);
     removeFiles(findings, /*bodies=*/true);
     removeFiles(findings, /*bodies=*/false);

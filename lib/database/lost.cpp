@@ -186,7 +186,7 @@ std::optional<LostPlan> readPlan(const std::string& folder) {
 }
 
 std::string requireLostFolder(const std::string& name) {
-    const std::string folder = joined(layout::kLost, name);
+    std::string folder = joined(layout::kLost, name);
     if (name.find('/') != std::string::npos || name.starts_with('.') || name.empty() ||
         !isFolder(layout::kLost) || !isFolder(folder)) {
         throw Failure(
