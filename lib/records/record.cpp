@@ -320,9 +320,9 @@ Failure noService() {
     return {kNoObject, "the store's modules cannot create a record"};
 }
 
-Failure noRecord(std::string_view name) {
-    return Failure(kMissing, fmt::format("there is no record {}; `fstore ls` lists all", name),
-                   std::string(name));
+Failure noRecord(std::string_view address) {
+    return Failure(kMissing, fmt::format("there is no record {}; `fstore ls` lists all", address),
+                   std::string(address));
 }
 
 }  // namespace fstore
