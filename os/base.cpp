@@ -16,7 +16,7 @@ thread_local int base = AT_FDCWD;
 
 }  // namespace
 
-Base::Base(int folder) noexcept : before_(std::exchange(base, folder)) {}
+Base::Base(int folder) noexcept : before_(exchangeBaseFolder(folder)) {}
 
 Base::~Base() {
     base = before_;
@@ -24,6 +24,10 @@ Base::~Base() {
 
 int baseFolder() noexcept {
     return base;
+}
+
+int exchangeBaseFolder(int folder) noexcept {
+    return std::exchange(base, folder);
 }
 
 int removeAtBase(const char* path) noexcept {

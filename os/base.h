@@ -28,6 +28,10 @@ private:
 // The folder of the innermost Base of this thread, or AT_FDCWD.
 int baseFolder() noexcept;
 
+// Replaces it, and returns the one before, for those who enter and leave a folder in calls
+// of their own. Everyone else makes a Base.
+int exchangeBaseFolder(int folder) noexcept;
+
 // For the definitions of os/fs.h: the calls that the system does not offer relative to a
 // descriptor. Results and errno as those of the plain calls.
 [[nodiscard]] int removeAtBase(const char* path) noexcept;

@@ -24,7 +24,7 @@ namespace {
 // back then, before anybody takes the database for one without password. False
 // when that cannot be told or not be done.
 bool putBackSaved(const aFileStore& record) {
-    const os::ReadLock locked(&RWLocker::m_RWMutex);
+    const os::ReadLock locked(RWLocker::current());
     return tryCorrectName(layout::kLive, record.getFileName()) == kOk;
 }
 

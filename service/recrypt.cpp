@@ -127,11 +127,8 @@ Status _getFullStoreList(const char* folder, aFileStoreList& list) {
 
 class CMN_HIDDEN FileStoreSrv::Recryption {
 public:
-    Recryption(FileStoreSrv& service, const char* oldPassword, const char* newPassword)
-        : service_(service),
-          newPassword_(newPassword),
-          oldKey_(oldPassword),
-          newKey_(newPassword) {}
+    Recryption(OpenState& state, const char* oldPassword, const char* newPassword)
+        : state_(state), newPassword_(newPassword), oldKey_(oldPassword), newKey_(newPassword) {}
 
     Status run() {
         // A cipher given no buffer drops its key, and succeeds.
@@ -141,7 +138,7 @@ public:
         if (!removeIfThere(kCopy) || copyWholeFolder(kLive, kCopy) != kOk) {
             return kIo;
         }
-        if (service_.ownDecoder().setKey(oldKey_) != kOk) {
+        if (state_.ownDecoder().setKey(oldKey_) != kOk) {
             return kIo;
         }
         if (const Status status = convert(); status != kOk) {
@@ -157,17 +154,17 @@ public:
     }
 
 private:
-    // Records take the service's encoder, so it carries the new key while the copy is
+    // Records take the database's encoder, so it carries the new key while the copy is
     // converted.
     Status convert() {
-        (void)service_.ownEncoder();  // there is one to be kept, also before the first open
+        (void)state_.ownEncoder();  // there is one to be kept, also before the first open
         aCryptoEncoder fresh;
         if (fresh.setKey(newKey_) != kOk) {
             return kIo;
         }
-        const aCryptoEncoder kept = service_.setEncoder(fresh);
+        const aCryptoEncoder kept = state_.setEncoder(fresh);
         const Status status = noThrow([&] { return convertRecords(); });
-        (void)service_.setEncoder(kept);
+        (void)state_.setEncoder(kept);
         return status;
     }
 
@@ -229,14 +226,14 @@ private:
             return false;
         }
         aBuf cipher = sealing.encrypt(plain);
-        const aBuf decrypted = service_.ownDecoder().decrypt(cipher);
+        const aBuf decrypted = state_.ownDecoder().decrypt(cipher);
         return decrypted.target() != nullptr && !(decrypted != plain);
     }
 
     // From here on a failure can leave the ciphers and the folders out of step; the
     // folders decide, and the next open brings them together.
     Status swap() {
-        if (service_.ownEncoder().setKey(newKey_) != kOk || !removeIfThere(kPrevious)) {
+        if (state_.ownEncoder().setKey(newKey_) != kOk || !removeIfThere(kPrevious)) {
             return kIo;
         }
         if (os::rename(kLive, kPrevious) != 0 || os::rename(kCopy, kLive) != 0) {
@@ -244,16 +241,16 @@ private:
         }
         const bool durable = os::syncFolder(".");
         // Decoders that clients took before go on with what they have read so far.
-        (void)service_.ownDecoder().setKey(oldKey_);
+        (void)state_.ownDecoder().setKey(oldKey_);
         aCryptoDecoder fresh;
-        service_.setDecoder(fresh);
-        if (fresh.setKey(newKey_) != kOk || service_.ownEncoder().setKey(newKey_) != kOk) {
+        state_.setDecoder(fresh);
+        if (fresh.setKey(newKey_) != kOk || state_.ownEncoder().setKey(newKey_) != kOk) {
             return kIo;
         }
         return durable ? kOk : kIo;
     }
 
-    FileStoreSrv& service_;
+    OpenState& state_;
     const char* newPassword_;
     aBuf oldKey_;
     aBuf newKey_;
@@ -267,7 +264,7 @@ Status FileStoreSrv::recrypt(const char* oldPassword, const char* newPassword) {
         if (newPassword == nullptr) {
             return kInvalid;
         }
-        const os::WriteLock locked(&RWLocker::m_RWMutex);
-        return Recryption(*this, oldPassword, newPassword).run();
+        const os::WriteLock locked(RWLocker::current());
+        return Recryption(state(), oldPassword, newPassword).run();
     });
 }

@@ -3,7 +3,8 @@
 #include "client/s_filestoreC.h"
 #include "cmn/host_owned.h"
 #include "cmn/no_throw.h"
-#include "store/file_store.h"
+#include "service/contexts.h"
+#include "store/context_objects.h"
 
 CMN_BUILT_FIRST constinit Tuint32ID ModuleID(107);
 
@@ -27,12 +28,9 @@ void letGoOfService() {
 
 void stopModule() {
     ObjectManager.finiAll();
+    dropContexts();
     letGoOfService();
     RWLocker::destroy();
-}
-
-aBuf noBuffer() {
-    return aBuf(static_cast<TBuf*>(nullptr));
 }
 
 }  // namespace
@@ -53,14 +51,14 @@ BaseModuleInterface* GetInterfaceClass(TModuleManager* manager, int flag) {
     return CMN_FILESTORE_S.service();
 }
 
-FileStoreSrv::FileStoreSrv()
-    : TFileStoreSrv(0), encoder(nullptr), decoder(nullptr), password(noBuffer()) {}
+FileStoreSrv::FileStoreSrv() : TFileStoreSrv(0) {}
 
 // A host may delete the service while it is held, by the module's own stubs above all:
 // the handles of the service's ciphers let go of theirs when they end, after this body.
 FileStoreSrv::~FileStoreSrv() {
     CMN_Reference::addReference();
-    (void)dropKeys();
+    (void)own.close();
+    dropContexts();
     if (FileStoreSrvC.service() == this) {
         FileStoreSrvC = aFileStoreSrv(nullptr);  // gives back its use of the module, too
     }
@@ -106,9 +104,9 @@ Status FileStoreSrv::fini() {
 CMN_GuardedRef* FileStoreSrv::create(unsigned int kind) {
     switch (kind) {
         case kRecord:
-            return new FileStore;
+            return newRecord();
         case kRecordList:
-            return new FileStoreList;
+            return newList();
         case kCipher:
             return new CryptoCoder;
         default:
@@ -116,8 +114,13 @@ CMN_GuardedRef* FileStoreSrv::create(unsigned int kind) {
     }
 }
 
+OpenState& FileStoreSrv::state() noexcept {
+    OpenState* const entered = enteredState();
+    return entered == nullptr ? own : *entered;
+}
+
 int FileStoreSrv::isOpen() {
-    return opened.load(std::memory_order_relaxed);
+    return state().isOpen();
 }
 
 Status FileStoreSrv::open(const char* candidate) {
@@ -132,89 +135,25 @@ Status FileStoreSrv::open(const char* candidate) {
         if (key.target() == nullptr) {
             return kIo;
         }
-        if (const Status status = setKeys(key); status != kOk) {
-            return status;
-        }
-        opened.store(1, std::memory_order_relaxed);
-        return kOk;
+        return state().open(key);
     });
-}
-
-// Both ciphers get the key, or the encoder loses it again.
-Status FileStoreSrv::setKeys(aBuf& key) {
-    aCryptoEncoder encrypting = ownEncoder();
-    if (const Status status = encrypting.setKey(key); status != kOk) {
-        return status;
-    }
-    const Status status = noThrow([&] { return ownDecoder().setKey(key); });
-    if (status != kOk) {
-        aBuf none = noBuffer();
-        (void)encrypting.setKey(none);  // removing a key cannot fail
-    }
-    return status;
 }
 
 Status FileStoreSrv::close() {
-    return dropKeys();
-}
-
-Status FileStoreSrv::dropKeys() {
-    return noThrow([&] {
-        if (opened.load(std::memory_order_relaxed) == 0) {
-            return kClosed;
-        }
-        aBuf none = noBuffer();
-        {
-            // Not through handles of their own: those need memory.
-            const CMN_Locked locked(coders);
-            (void)encoder.setKey(none);
-            (void)decoder.setKey(none);
-        }
-        opened.store(0, std::memory_order_relaxed);
-        return kOk;
-    });
+    return state().close();
 }
 
 aCryptoEncoder FileStoreSrv::getEncoder() {
-    return ownEncoder();
+    return state().ownEncoder();
 }
 
 aCryptoDecoder FileStoreSrv::getDecoder() {
-    return ownDecoder();
-}
-
-aCryptoEncoder FileStoreSrv::ownEncoder() {
-    const CMN_Locked locked(coders);
-    if (encoder.target() == nullptr) {
-        encoder = aCryptoEncoder();
-    }
-    return aCryptoEncoder(encoder.target());
-}
-
-aCryptoDecoder FileStoreSrv::ownDecoder() {
-    const CMN_Locked locked(coders);
-    if (decoder.target() == nullptr) {
-        decoder = aCryptoDecoder();
-    }
-    return aCryptoDecoder(decoder.target());
-}
-
-// Returns a handle of the cipher that was there before.
-aCryptoEncoder FileStoreSrv::setEncoder(const aCryptoEncoder& replacement) {
-    const CMN_Locked locked(coders);
-    aCryptoEncoder before(encoder.target());
-    encoder = replacement;
-    return before;
-}
-
-void FileStoreSrv::setDecoder(const aCryptoDecoder& replacement) {
-    const CMN_Locked locked(coders);
-    decoder = replacement;
+    return state().ownDecoder();
 }
 
 Status FileStoreSrv::encode(aBuf key, aBuf data, aBuf& out) {
     return noThrow([&] {
-        aCryptoEncoder coder = key.target() == nullptr ? ownEncoder() : aCryptoEncoder();
+        aCryptoEncoder coder = key.target() == nullptr ? state().ownEncoder() : aCryptoEncoder();
         if (key.target() != nullptr) {
             if (const Status status = coder.setKey(key); status != kOk) {
                 return status;
@@ -227,7 +166,7 @@ Status FileStoreSrv::encode(aBuf key, aBuf data, aBuf& out) {
 
 Status FileStoreSrv::decode(aBuf key, aBuf data, aBuf& out) {
     return noThrow([&] {
-        aCryptoDecoder coder = key.target() == nullptr ? ownDecoder() : aCryptoDecoder();
+        aCryptoDecoder coder = key.target() == nullptr ? state().ownDecoder() : aCryptoDecoder();
         if (key.target() != nullptr) {
             if (const Status status = coder.setKey(key); status != kOk) {
                 return status;

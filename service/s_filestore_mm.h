@@ -1,5 +1,6 @@
 // The store service: the module's one service object, with its factory and the
-// state of the open database.
+// state of the open database; of several, where threads have entered contexts
+// (api/filestore_context.h).
 //
 // Programs use it through aFileStoreSrv (client/s_filestoreC.h), which says what each
 // operation does that the stub has too. Nothing guards the open state as a whole: the
@@ -8,19 +9,14 @@
 #ifndef SERVICE_S_FILESTORE_MM_H
 #define SERVICE_S_FILESTORE_MM_H
 
-#include <atomic>
-
 #include "api/t_filestore_srv.h"
-#include "client/cmn_abuf.h"
-#include "client/crypto_coder_exp.h"
 #include "client/file_store_exp.h"
 #include "cmn/cmn_obj_mgr.h"
-#include "cmn/cmn_rmutex.h"
 #include "cmn/export.h"
 #include "cmn/objmgrfunc.h"
 #include "cmn/status.h"
-#include "cmn/thread_annotations.h"
 #include "service/md5.h"
+#include "service/open_state.h"
 
 extern "C" {
 
@@ -63,18 +59,10 @@ public:
 private:
     class Recryption;
 
-    CMN_HIDDEN Status setKeys(aBuf& key);
-    CMN_HIDDEN Status dropKeys();
-    CMN_HIDDEN aCryptoEncoder ownEncoder();
-    CMN_HIDDEN aCryptoDecoder ownDecoder();
-    CMN_HIDDEN aCryptoEncoder setEncoder(const aCryptoEncoder& replacement);
-    CMN_HIDDEN void setDecoder(const aCryptoDecoder& replacement);
+    // Of the database that this thread works on.
+    CMN_HIDDEN OpenState& state() noexcept;
 
-    aCryptoEncoder encoder CMN_GUARDED_BY(coders);
-    aCryptoDecoder decoder CMN_GUARDED_BY(coders);
-    std::atomic<int> opened{0};
-    aBuf password;     // stays without object: keys live in the ciphers only
-    CMN_Mutex coders;  // the two handles; taken before the locks of stubs
+    OpenState own;  // of the process's folder
 };
 
 // Appends every record of `folder` and, depth first, of the folders in it.

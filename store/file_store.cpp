@@ -10,6 +10,7 @@
 #include "client/s_filestoreC.h"
 #include "cmn/no_throw.h"
 #include "cmn/wipe.h"
+#include "store/context_objects.h"
 
 namespace {
 
@@ -316,6 +317,9 @@ Status FileStore::decrypt() {
     return noThrow([&] {
         if (!isPending()) {
             return kOk;
+        }
+        if (isElsewhere(*this)) {
+            return kInvalid;
         }
         if (decryptionRefused()) {
             return kNotOpen;

@@ -7,6 +7,7 @@
 #include "cmn/no_throw.h"
 #include "format/record_name.h"
 #include "os/files.h"
+#include "store/context_objects.h"
 #include "store/file_store.h"
 #include "store/rw_locker.h"
 
@@ -157,7 +158,7 @@ Status renameOLDFile(const char* folder, std::vector<std::string>& names) {
 Status FileStoreList::append(const aFileStore& none, const char* folder, std::string name) {
     Records fresh;
     Element& element = fresh.emplace_back(none);
-    auto* const record = new FileStore;
+    FileStore* const record = newRecord();
     const Status status = noThrow([&] {
         const Status placed = record->setFolderName(folder);
         if (placed == kOk) {
@@ -173,6 +174,9 @@ Status FileStoreList::append(const aFileStore& none, const char* folder, std::st
 }
 
 Status FileStoreList::readFromFolder(const char* folder) {
+    if (isElsewhere(*this)) {
+        return kInvalid;
+    }
     // Elements take no use of the service; this handle keeps it while they are made.
     const aFileStore none = noRecord();
     std::vector<std::string> names;

@@ -24,6 +24,7 @@
 #include "client/s_filestoreC.h"
 #include "cmn/no_throw.h"
 #include "os/files.h"
+#include "store/context_objects.h"
 #include "store/file_store.h"
 
 namespace {
@@ -219,6 +220,9 @@ Status FileStore::write() {
 }
 
 Status FileStore::store(Sync sync) {
+    if (isElsewhere(*this)) {
+        return kInvalid;
+    }
     const Status status = noThrow([&] {
         if (const Status plain = decrypt(); plain != kOk) {
             return plain;
@@ -348,6 +352,9 @@ void FileStore::undoPublish(NewFiles& files, bool replaced) {
 }
 
 Status FileStore::read() {
+    if (isElsewhere(*this)) {
+        return kInvalid;
+    }
     if (fileName.empty()) {
         return kMissing;
     }
@@ -411,6 +418,9 @@ Status FileStore::removeObj(const char* folder, const char* fileName) {
 }
 
 Status FileStore::remove() {
+    if (isElsewhere(*this)) {
+        return kInvalid;
+    }
     if (fileName.empty()) {
         return kMissing;
     }
@@ -455,6 +465,9 @@ Status FileStore::removeFiles() {
 int FileStore::isExist() {
     if (fileName.empty()) {
         return 0;
+    }
+    if (isElsewhere(*this)) {
+        return 1;  // absence cannot be told from here
     }
     int found = 1;
     (void)noThrow([&] {
