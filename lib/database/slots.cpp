@@ -1,7 +1,6 @@
 #include "lib/database/slots.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <memory>
 
 #include <fmt/format.h>
@@ -110,6 +109,28 @@ std::string printSlot(const Slot& slot) {
                        toHex(slot.salt), toHex(slot.digest));
 }
 
+std::uint64_t Slot::memory() const {
+    return form == Form::kScrypt ? 128 * (std::uint64_t{1} << ln) * r : 0;
+}
+
+std::uint64_t Slot::work() const {
+    return form == Form::kScrypt ? (std::uint64_t{1} << ln) * r * p : 0;
+}
+
+std::optional<std::string> excessOf(const Slot& slot) {
+    if (slot.memory() > Slot::kMostMemory) {
+        return fmt::format("ln={} r={} takes {} MiB of memory, and {} MiB is the limit", slot.ln,
+                           slot.r, slot.memory() >> 20, Slot::kMostMemory >> 20);
+    }
+    if (slot.work() > Slot::kMostWork) {
+        return fmt::format(
+            "ln={} r={} p={} takes {} times the work of the default cost, and {} "
+            "times is the limit",
+            slot.ln, slot.r, slot.p, slot.work() / Slot().work(), Slot::kMostWork / Slot().work());
+    }
+    return std::nullopt;
+}
+
 SecretText deriveP(const Slot& slot, const SecretText& password) {
     if (slot.form != Slot::Form::kScrypt) {
         return slot.form == Slot::Form::kRaw ? password : SecretText();
@@ -120,7 +141,7 @@ SecretText deriveP(const Slot& slot, const SecretText& password) {
     std::uint64_t n = std::uint64_t{1} << slot.ln;
     std::uint32_t r = slot.r, p = slot.p;
     // The library's own limit is 32 MiB; ours are the bounds of what is read.
-    std::uint64_t memory = 128 * n * r + 128ull * r * p + (1u << 20);
+    std::uint64_t memory = slot.memory() + 128ull * r * p + (1u << 20);
     std::array<unsigned char, 32> salt = slot.salt;
     // The library takes a plain pointer and does not write through it.
     void* const secret = const_cast<char*>(password.c_str());
@@ -177,7 +198,10 @@ KdfRecord readKdf() {
     for (const std::string& text : record.texts(layout::kSlotId)) {
         const auto slot = parseSlot(text);
         if (!slot) {
-            failOnKdf("a slot cannot be read, or its cost is out of bounds");
+            failOnKdf("a slot cannot be read, or its ln, r or p is out of bounds");
+        }
+        if (const auto excess = excessOf(*slot)) {
+            failOnKdf(*excess);
         }
         kdf.slots.push_back(*slot);
     }

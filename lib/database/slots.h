@@ -19,6 +19,7 @@
 #define LIB_DATABASE_SLOTS_H
 
 #include <array>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,11 +36,16 @@ struct Slot {
     enum class Form { kScrypt, kRaw, kNone };
 
     // Bounds for reading: below them a guess is cheap; above them a hostile record takes the
-    // reader's memory.
+    // reader's memory and time, before the password shows whether it is right.
     static constexpr unsigned int kLeastLn = 14, kMostLn = 22;
     static constexpr unsigned int kLeastR = 8, kMostR = 32;
     static constexpr unsigned int kLeastP = 1, kMostP = 4;
     static constexpr unsigned int kDefaultLn = 17;
+    // Of one slot, as the dearest that the tool writes takes: ln=22 r=8 p=1. A record has at
+    // most two, so all of it is bounded, and a change of the password never adds a slot that is
+    // too dear for its reader.
+    static constexpr std::uint64_t kMostMemory = std::uint64_t{4} << 30;
+    static constexpr std::uint64_t kMostWork = std::uint64_t{1} << 25;  // N * r * p
 
     Form form = Form::kScrypt;
     unsigned int ln = kDefaultLn;  // of the cost N = 2^ln
@@ -49,11 +55,18 @@ struct Slot {
     Digest digest{};
 
     bool operator==(const Slot&) const = default;
+
+    // What P of this slot costs: bytes, and N * r * p. Both are 0 unless it is scrypt's.
+    std::uint64_t memory() const;
+    std::uint64_t work() const;
 };
 
-// None unless the text is exactly of a form above and within the bounds.
+// None unless the text is exactly of a form above, with ln, r and p within their bounds.
 std::optional<Slot> parseSlot(std::string_view text);
 std::string printSlot(const Slot& slot);
+
+// Why the slot costs more than kMostMemory or kMostWork; none if it does not.
+std::optional<std::string> excessOf(const Slot& slot);
 
 // P of this slot for a password, which "none" ignores. Takes 128 * 2^ln * r bytes of memory
 // and, at the default cost, about half a second. Throws MemoryFailure.
@@ -75,7 +88,7 @@ struct KdfRecord {
     bool keepOld = false;     // the unfinished change keeps the old database
 };
 
-// Throws kMalformed for anything but one or two slots.
+// Throws kMalformed for anything but one or two slots, and for slots that cost too much.
 KdfRecord readKdf();
 
 // Removes the record when there are no slots.

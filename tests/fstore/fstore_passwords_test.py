@@ -281,6 +281,20 @@ class ProtectionTest(InitialisedTest):
         self.kdf().write_text(text * 3)
         self.fails(59, "malformed", "ls")
 
+    def test_a_cost_beyond_the_limits_is_refused_before_it_is_paid(self):
+        text = self.kdf().read_text()
+        for cost, reason in [("ln=22 r=32 p=1", "16384 MiB"), ("ln=22 r=9 p=1", "4608 MiB"),
+                             ("ln=22 r=8 p=2", "work"), ("ln=20 r=32 p=2", "work")]:
+            self.kdf().write_text(text.replace("ln=14 r=8 p=1", cost))
+            for args in [("put", "settings/a", "-"), ("passwd",), ("ls",)]:
+                message = self.fails(59, "malformed", *args, memory=1 << 30,
+                                     env={"FSTORE_NEW_PASSWORD": "new"})
+                self.assertIn(reason, message)
+                self.assertIn("./kdf", message)
+        for cost in ["ln=22 r=8 p=1", "ln=20 r=32 p=1", "ln=20 r=8 p=4"]:
+            self.kdf().write_text(text.replace("ln=14 r=8 p=1", cost))
+            self.run_tool("ls")  # which reads it, and pays nothing
+
     def test_kdf_without_key_is_damage(self):
         (self.folder / "db/key.dsc").unlink()
         for args in [("ls",), ("put", "settings/a", "-"), ("init",), ("passwd",)]:
@@ -317,7 +331,7 @@ class ProtectionTest(InitialisedTest):
         self.assert_sound(password="new")
 
     def test_memory_that_cannot_be_had(self):
-        text = self.kdf().read_text().replace("ln=14 r=8", "ln=22 r=32")  # 16 GiB
+        text = self.kdf().read_text().replace("ln=14", "ln=22")  # 4 GiB
         self.kdf().write_text(text)
         self.assertIn("MiB", self.fails(1, "no-memory", "put", "settings/a", "-",
                                         memory=2 << 30))

@@ -48,6 +48,44 @@ TEST(SlotTest, RefusesAnythingButItsForms) {
     EXPECT_FALSE(parseSlot("raw digest=" + kDigest.substr(1) + "g"));
 }
 
+Slot slotOf(const std::string& cost) {
+    return parseSlot(scryptSlot(cost)).value();
+}
+
+TEST(SlotTest, CostsAsMuchMemoryAndWorkAsScryptTakes) {
+    EXPECT_EQ(128u << 20, slotOf("ln=17 r=8 p=1").memory());
+    EXPECT_EQ(1u << 22, slotOf("ln=17 r=8 p=4").work());
+    EXPECT_EQ(Slot::kMostMemory, slotOf("ln=22 r=8 p=1").memory());
+    EXPECT_EQ(std::uint64_t{16} << 30, slotOf("ln=22 r=32 p=1").memory());
+    EXPECT_EQ(0u, parseSlot("none")->memory() + parseSlot("none")->work());
+    EXPECT_EQ(0u, parseSlot("raw digest=" + kDigest)->memory());
+}
+
+TEST(SlotTest, NoSlotTakesMoreMemoryThanTheLimit) {
+    for (const char* const cost :
+         {"ln=17 r=8 p=1", "ln=22 r=8 p=1", "ln=21 r=16 p=1", "ln=20 r=32 p=1", "ln=21 r=15 p=1"}) {
+        EXPECT_FALSE(excessOf(slotOf(cost))) << cost;
+    }
+    for (const char* const cost : {"ln=22 r=9 p=1", "ln=21 r=17 p=1", "ln=22 r=32 p=4"}) {
+        const auto excess = excessOf(slotOf(cost));
+        ASSERT_TRUE(excess) << cost;
+        EXPECT_NE(std::string::npos, excess->find("MiB of memory")) << *excess;
+    }
+}
+
+TEST(SlotTest, NoSlotTakesMoreWorkThanTheLimit) {
+    for (const char* const cost : {"ln=20 r=8 p=4", "ln=21 r=8 p=2", "ln=20 r=10 p=3"}) {
+        EXPECT_FALSE(excessOf(slotOf(cost))) << cost;
+    }
+    for (const char* const cost : {"ln=22 r=8 p=2", "ln=21 r=8 p=3", "ln=20 r=11 p=3"}) {
+        const auto excess = excessOf(slotOf(cost));
+        ASSERT_TRUE(excess) << cost;
+        EXPECT_NE(std::string::npos, excess->find("work")) << *excess;
+    }
+    EXPECT_FALSE(excessOf(*parseSlot("raw digest=" + kDigest)));
+    EXPECT_FALSE(excessOf(*parseSlot("none")));
+}
+
 TEST(DerivationTest, IsThatOfTheSlot) {
     const SecretText password("correct horse");
     NewSlot made = makeSlot(password, Slot::kLeastLn);
