@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <optional>
 
+#include <fmt/format.h>
+
+#include "lib/base/error.h"
 #include "lib/pki/ossl.h"
 
 namespace fstore {
@@ -12,10 +15,25 @@ ossl::Certificate decode(std::span<const unsigned char> der) {
     return ossl::decodeWhole<ossl::Certificate, d2i_X509>(der);
 }
 
-bool isIssuer(X509* issuer, X509* subject) {
-    return issuer != nullptr && X509_check_issued(issuer, subject) == X509_V_OK &&
-           X509_verify(subject, X509_get0_pubkey(issuer)) == 1;
-}
+// Verifies signatures, which take a millisecond each, and no more of them than are allowed.
+class Verifier {
+public:
+    bool isIssuer(X509* issuer, X509* subject) {
+        if (issuer == nullptr || X509_check_issued(issuer, subject) != X509_V_OK) {
+            return false;
+        }
+        if (++signatures_ > kMostSignatures) {
+            throw Failure(kMalformed,
+                          fmt::format("too many certificates may have issued those of the chain: "
+                                      "more than {} signatures would have to be verified",
+                                      kMostSignatures));
+        }
+        return X509_verify(subject, X509_get0_pubkey(issuer)) == 1;
+    }
+
+private:
+    std::size_t signatures_ = 0;
+};
 
 bool endsLater(const X509* a, const X509* b) {
     return ASN1_TIME_compare(X509_get0_notAfter(a), X509_get0_notAfter(b)) > 0;
@@ -35,6 +53,7 @@ Chain chainOf(std::span<const unsigned char> certificate, const std::vector<Secr
         candidates.push_back(decode(der));  // null for a damaged one, which issues nothing
     }
     Chain chain;
+    Verifier verifier;
     const ossl::Certificate first = decode(certificate);
     X509* subject = first.get();
     // Each goes in once: two that issued each other would lead in circles.
@@ -42,13 +61,17 @@ Chain chainOf(std::span<const unsigned char> certificate, const std::vector<Secr
         std::optional<std::size_t> best;
         for (std::size_t i = 0; i < candidates.size(); ++i) {
             const bool used = std::ranges::find(chain.issuers, i) != chain.issuers.end();
-            if (!used && isIssuer(candidates[i].get(), subject) &&
+            if (!used && verifier.isIssuer(candidates[i].get(), subject) &&
                 (!best || endsLater(candidates[i].get(), candidates[*best].get()))) {
                 best = i;
             }
         }
         if (!best) {
             return chain;
+        }
+        if (chain.issuers.size() == kMostIssuers) {
+            throw Failure(kMalformed,
+                          fmt::format("the chain has more than {} issuers", kMostIssuers));
         }
         chain.issuers.push_back(*best);
         subject = candidates[*best].get();

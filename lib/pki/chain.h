@@ -10,6 +10,10 @@
 
 namespace fstore {
 
+// Bounds on the work that hostile certificates make: no honest chain comes near them.
+inline constexpr std::size_t kMostIssuers = 100;      // of a chain
+inline constexpr std::size_t kMostSignatures = 1000;  // that are verified for it
+
 struct Chain {
     std::vector<std::size_t> issuers;  // by index in `known`; the certificate's own first
     bool complete = false;             // the last one, or the certificate itself, is self-issued
@@ -18,7 +22,7 @@ struct Chain {
 // The issuers of a certificate among the known ones. An issuer has the name and the key
 // identifier that the certificate names, and its key made the signature; of several, the one
 // that expires last. Expiry does not matter otherwise: an expired certificate is exported with
-// its chain, too.
+// its chain, too. Throws kMalformed when one of the bounds is exceeded.
 Chain chainOf(std::span<const unsigned char> certificate, const std::vector<SecretBytes>& known);
 
 }  // namespace fstore

@@ -81,10 +81,6 @@ PkiPart only(Content content) {
     return {0, "", std::move(content)};
 }
 
-SecretBytes copyOf(Bytes bytes) {
-    return {bytes.begin(), bytes.end()};
-}
-
 // None when it is nothing that can be imported.
 std::optional<std::vector<PkiPart>> partsOfBinary(Bytes bytes, FilePassword& password) {
     const ossl::QuietErrors quiet;
@@ -93,14 +89,14 @@ std::optional<std::vector<PkiPart>> partsOfBinary(Bytes bytes, FilePassword& pas
         parts.push_back(only(std::move(object)));
         return parts;
     };
-    if (ossl::decodeWhole<ossl::Certificate, d2i_X509>(bytes) != nullptr) {
-        return single(readPkiObject(Kind::kCertificate, copyOf(bytes)));
-    }
-    if (ossl::decodeWhole<ossl::Crl, d2i_X509_CRL>(bytes) != nullptr) {
-        return single(readPkiObject(Kind::kCrl, copyOf(bytes)));
-    }
-    if (ossl::decodeWhole<ossl::Request, d2i_X509_REQ>(bytes) != nullptr) {
-        return single(readPkiObject(Kind::kRequest, copyOf(bytes)));
+    SecretBytes der(bytes.begin(), bytes.end());
+    for (const Kind kind : {Kind::kCertificate, Kind::kCrl, Kind::kRequest}) {
+        if (kind != Kind::kCrl && der.size() > kMostObject) {
+            continue;
+        }
+        if (auto object = findPkiObject(kind, der)) {
+            return single(std::move(*object));
+        }
     }
     if (auto parts = partsOfPkcs12(bytes, password)) {
         return parts;
@@ -253,6 +249,10 @@ Failure strangeness(Bytes bytes) {
         return {kMalformed, "the file is text in UTF-16; convert it to UTF-8 first"};
     }
     const auto end = endOfSequence(bytes);
+    if (end == bytes.size() && bytes.size() > kMostPkcs12) {
+        return {kMalformed,
+                "DER, but not a CRL, or a damaged one; it is too large for anything else"};
+    }
     if (end == bytes.size()) {
         return {kMalformed,
                 "DER, but not a certificate, CRL, key, request or PKCS#12 file, or a damaged one"};

@@ -19,9 +19,6 @@ namespace fstore {
 // The largest file that is decoded.
 inline constexpr std::uint64_t kMostInput = 64 << 20;
 
-// The most PEM blocks in a file: more than real ones of this size have.
-inline constexpr std::size_t kMostParts = 100'000;
-
 // The parts in the order of the file, at least one.
 std::vector<PkiPart> decodePki(std::span<const unsigned char> bytes, const InputPassword& password);
 

@@ -1,9 +1,72 @@
 #include "lib/pki/der.h"
 
+#include <algorithm>
+#include <limits>
+#include <vector>
+
 namespace fstore {
+namespace {
+
+using Bytes = std::span<const unsigned char>;
+
+constexpr unsigned char kInteger = 0x02;
+constexpr unsigned char kBitString = 0x03;
+constexpr unsigned char kOctetString = 0x04;
+constexpr unsigned char kSequence = 0x30;
+constexpr unsigned char kConstructed = 0x20;
+constexpr unsigned char kTagFollows = 0x1F;
+
+struct Element {
+    unsigned char tag;  // its first byte
+    Bytes content;
+};
+
+// Takes the head of the element at the front off, and its content unless that is elements
+// itself. None when the head is none, or the content goes beyond the bytes.
+std::optional<Element> takeElement(Bytes& rest) {
+    std::size_t at = 1;
+    if (!rest.empty() && (rest[0] & kTagFollows) == kTagFollows) {
+        while (at < rest.size() && rest[at++] >= 0x80) {
+        }
+    }
+    if (at >= rest.size()) {
+        return std::nullopt;
+    }
+    const unsigned char tag = rest[0];
+    std::size_t length = rest[at++];
+    if (length >= 0x80) {
+        constexpr std::size_t kMost = std::numeric_limits<std::size_t>::max() >> 8;
+        std::size_t bytes = length & 0x7F;
+        for (length = 0; bytes != 0; --bytes) {  // there may be zeros in front
+            if (at >= rest.size() || length > kMost) {
+                return std::nullopt;
+            }
+            length = length << 8 | rest[at++];
+        }
+    }
+    rest = rest.subspan(at);
+    if ((tag & kConstructed) != 0) {
+        return Element{tag, {}};  // its elements follow
+    }
+    if (length > rest.size()) {
+        return std::nullopt;
+    }
+    const Element element{tag, rest.first(length)};
+    rest = rest.subspan(length);
+    return element;
+}
+
+// What a string holds, if that may be DER: it begins like a sequence or a number.
+Bytes derIn(const Element& string) {
+    const std::size_t unusedBits = string.tag == kBitString ? 1 : 0;
+    const Bytes inside = string.content.subspan(std::min(unusedBits, string.content.size()));
+    const bool mayBe = !inside.empty() && (inside[0] == kSequence || inside[0] == kInteger);
+    return mayBe ? inside : Bytes();
+}
+
+}  // namespace
 
 std::optional<std::uint64_t> endOfSequence(std::span<const unsigned char> bytes) {
-    constexpr unsigned char kSequence = 0x30;
     if (bytes.size() < 2 || bytes[0] != kSequence) {
         return std::nullopt;
     }
@@ -22,6 +85,26 @@ std::optional<std::uint64_t> endOfSequence(std::span<const unsigned char> bytes)
         length = length << 8 | byte;
     }
     return 2 + lengthBytes + length;
+}
+
+DerCensus censusOf(std::span<const unsigned char> der) {
+    DerCensus census;
+    std::vector<Bytes> left{der};
+    while (!left.empty()) {
+        Bytes rest = left.back();
+        left.pop_back();
+        while (const auto element = takeElement(rest)) {
+            ++census.elements;
+            if (element->tag == kInteger) {
+                census.longestInteger = std::max(census.longestInteger, element->content.size());
+            } else if (element->tag == kOctetString || element->tag == kBitString) {
+                if (const Bytes inside = derIn(*element); !inside.empty()) {
+                    left.push_back(inside);
+                }
+            }
+        }
+    }
+    return census;
 }
 
 }  // namespace fstore

@@ -9,13 +9,20 @@
 #include "lib/base/digits.h"
 #include "lib/base/error.h"
 #include "lib/base/sha256.h"
+#include "lib/pki/der.h"
 #include "lib/pki/ossl.h"
+#include "lib/pki/pkcs8.h"
 #include "lib/pki/text.h"
 
 namespace fstore {
 namespace {
 
 using Bytes = std::vector<unsigned char>;
+
+Bytes sha256Of(std::span<const unsigned char> bytes) {
+    const Sha256Digest digest = sha256(bytes);
+    return {digest.begin(), digest.end()};
+}
 
 // Collects attributes in the order of their ids, and leaves out what is empty.
 class Description {
@@ -46,7 +53,10 @@ public:
             }
         }
     }
-    void digestOfBody() { bytes(attr::kSha256, object_.sha256); }
+    void digestOfBody() {
+        object_.sha256 = sha256Of(object_.der);
+        bytes(attr::kSha256, object_.sha256);
+    }
     void digestOfKey() { bytes(attr::kKeySha256, object_.keySha256); }
 
 private:
@@ -59,11 +69,6 @@ private:
 
     PkiObject& object_;
 };
-
-Bytes sha256Of(std::span<const unsigned char> bytes) {
-    const Sha256Digest digest = sha256(bytes);
-    return {digest.begin(), digest.end()};
-}
 
 template <auto Encode, class T>
 Bytes digestOf(const T* object) {
@@ -180,7 +185,7 @@ bool describe(PkiObject& object, Description& to) {
         }
         case Kind::kKey: {
             const auto info = ossl::decodeWhole<ossl::KeyInfo, d2i_PKCS8_PRIV_KEY_INFO>(object.der);
-            const ossl::Pkey key(info != nullptr ? EVP_PKCS82PKEY(info.get()) : nullptr);
+            const ossl::Pkey key = keyIn(info.get());
             if (key != nullptr) {
                 describeKey(*key, object, to);
             }
@@ -191,6 +196,19 @@ bool describe(PkiObject& object, Description& to) {
             break;
     }
     return false;
+}
+
+// Before anything is spent on it.
+void refuseExcess(Kind kind, std::span<const unsigned char> der) {
+    if ((kind != Kind::kCrl && der.size() > kMostObject) ||
+        der.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+        throw Failure(kMalformed,
+                      fmt::format("the {} is too large: {} bytes", nameOf(kind), der.size()));
+    }
+    if (const std::size_t elements = censusOf(der).elements; elements > kMostElements) {
+        throw Failure(kMalformed, fmt::format("it has {} elements of ASN.1, and {} is the limit",
+                                              elements, kMostElements));
+    }
 }
 
 bool isPlain(char c) {
@@ -217,24 +235,28 @@ std::string reduced(std::string_view text) {
 
 }  // namespace
 
-PkiObject readPkiObject(Kind kind, SecretBytes der) {
+std::optional<PkiObject> findPkiObject(Kind kind, SecretBytes& der) {
     const ossl::QuietErrors quiet;
+    refuseExcess(kind, der);
     PkiObject object;
     object.kind = kind;
-    object.der = std::move(der);
-    if ((kind != Kind::kCrl && object.der.size() > kMostObject) ||
-        object.der.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
-        throw Failure(kMalformed, fmt::format("the {} is too large: {} bytes", nameOf(kind),
-                                              object.der.size()));
-    }
-    object.sha256 = sha256Of(object.der);
+    object.der.swap(der);
     Description to(object);
     to.number(attr::kSchema, 1);
     to.number(attr::kKind, static_cast<std::uint32_t>(kind));
     if (!describe(object, to)) {
-        throw Failure(kMalformed, fmt::format("not a {}, or a damaged one", nameOf(kind)));
+        object.der.swap(der);
+        return std::nullopt;
     }
     return object;
+}
+
+PkiObject readPkiObject(Kind kind, SecretBytes der) {
+    auto object = findPkiObject(kind, der);
+    if (!object) {
+        throw Failure(kMalformed, fmt::format("not a {}, or a damaged one", nameOf(kind)));
+    }
+    return std::move(*object);
 }
 
 std::string recordNameFor(const PkiObject& object, std::string_view label) {

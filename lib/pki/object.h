@@ -6,6 +6,7 @@
 #define LIB_PKI_OBJECT_H
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -42,9 +43,15 @@ struct PkiObject {
 // the work on names grows faster than their number.
 inline constexpr std::size_t kMostObject = 1 << 20;
 
+// No object may have more elements of ASN.1: a CRL with half a million revocations has less.
+inline constexpr std::size_t kMostElements = 4'000'000;
+
 // Reads the DER of an object of this kind, all of it. Throws kMalformed when it is something
-// else, is damaged, has bytes after the object, or exceeds kMostObject.
+// else, is damaged, has bytes after the object, or exceeds one of these bounds.
 PkiObject readPkiObject(Kind kind, SecretBytes der);
+
+// The same, but none when it is not an object of this kind; `der` then stays as it is.
+std::optional<PkiObject> findPkiObject(Kind kind, SecretBytes& der);
 
 // The object's record name if the user gives none: `label`, or else its title, reduced to
 // [A-Za-z0-9._-] and 64 characters, "-", and 8 digits of the object's SHA-256.

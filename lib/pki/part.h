@@ -2,6 +2,7 @@
 #ifndef LIB_PKI_PART_H
 #define LIB_PKI_PART_H
 
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <variant>
@@ -12,9 +13,12 @@
 
 namespace fstore {
 
-// The most rounds that a file may require to turn its password into a key: ten times what
-// cautious programs write, a few seconds.
-inline constexpr long kMostIterations = 10'000'000;
+// The most rounds that a file may require to turn its password into a key: five times what
+// cautious programs write, at most five seconds.
+inline constexpr long kMostIterations = 5'000'000;
+
+// The most parts in a file: more than real ones have.
+inline constexpr std::size_t kMostParts = 100'000;
 
 // The password of an encrypted key or PKCS#12 file. Called only when one is needed and the
 // empty one is not it; all of a file has the same one. If there is none, throws what to report

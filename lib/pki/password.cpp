@@ -1,6 +1,9 @@
 #include "lib/pki/password.h"
 
+#include <algorithm>
 #include <limits>
+
+#include <fmt/format.h>
 
 #include "lib/base/error.h"
 #include "lib/pki/ossl.h"
@@ -28,14 +31,28 @@ Owned parametersOf(const X509_ALGOR& algorithm, const ASN1_ITEM* form) {
                                                 form, algorithm.parameter)));
 }
 
+// What OpenSSL lets the scrypt of an encrypted key take; beyond, it only says that it failed.
+constexpr std::uint64_t kMostScryptMemory = 32 << 20;
+
+std::uint64_t roundsOfScrypt(const SCRYPT_PARAMS& scrypt) {
+    const std::uint64_t n = valueOf(scrypt.costParameter), r = valueOf(scrypt.blockSize),
+                        p = valueOf(scrypt.parallelizationParameter);
+    const std::uint64_t memory = product(128 * std::min(r, kEndless >> 8), std::max(n, p));
+    if (memory > kMostScryptMemory) {
+        throw Failure(kMalformed,
+                      fmt::format("its password takes scrypt with {} MiB of memory, and {} MiB is "
+                                  "the limit; encrypt it anew with less",
+                                  memory >> 20, kMostScryptMemory >> 20));
+    }
+    return product(n, product(r, p));
+}
+
 std::uint64_t roundsOfDerivation(const X509_ALGOR& algorithm) {
     if (const auto pbkdf2 = parametersOf<ossl::Pbkdf2>(algorithm, ASN1_ITEM_rptr(PBKDF2PARAM))) {
         return valueOf(pbkdf2->iter);
     }
     if (const auto scrypt = parametersOf<ossl::Scrypt>(algorithm, ASN1_ITEM_rptr(SCRYPT_PARAMS))) {
-        return product(
-            valueOf(scrypt->costParameter),
-            product(valueOf(scrypt->blockSize), valueOf(scrypt->parallelizationParameter)));
+        return roundsOfScrypt(*scrypt);
     }
     return 0;
 }

@@ -4,10 +4,12 @@
 #include <string>
 #include <utility>
 
+#include <fmt/format.h>
 #include <openssl/provider.h>
 
 #include "lib/base/error.h"
 #include "lib/pki/ossl.h"
+#include "lib/pki/pkcs8.h"
 #include "lib/pki/secret_key.h"
 
 namespace fstore {
@@ -23,7 +25,7 @@ OldCiphers loadOldCiphers() {
 }
 
 SecretBytes keyOf(const PKCS8_PRIV_KEY_INFO* info) {
-    const ossl::Pkey key(info != nullptr ? EVP_PKCS82PKEY(info) : nullptr);
+    const ossl::Pkey key = keyIn(info);
     if (key == nullptr) {
         throw Failure(kMalformed, "the key is damaged, or of an unknown algorithm");
     }
@@ -81,6 +83,9 @@ void addParts(const STACK_OF(PKCS12_SAFEBAG) * bags, FilePassword& password,
             PKCS12_SAFEBAG* const bag = sk_PKCS12_SAFEBAG_value(some, i);
             if (PKCS12_SAFEBAG_get_nid(bag) == NID_safeContentsBag) {
                 left.push_back(PKCS12_SAFEBAG_get0_safes(bag));
+            } else if (parts.size() == kMostParts) {
+                throw Failure(kInvalid,
+                              fmt::format("the PKCS#12 file has more than {} entries", kMostParts));
             } else {
                 parts.push_back(partOf(bag, password));
             }
@@ -124,6 +129,9 @@ void checkMac(PKCS12& file, FilePassword& password) {
 std::optional<std::vector<PkiPart>> partsOfPkcs12(std::span<const unsigned char> der,
                                                   FilePassword& password) {
     const ossl::QuietErrors quiet;
+    if (der.size() > kMostPkcs12) {
+        return std::nullopt;
+    }
     const auto file = ossl::decodeWhole<ossl::Pkcs12, d2i_PKCS12>(der);
     if (file == nullptr) {
         return std::nullopt;

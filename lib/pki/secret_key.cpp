@@ -1,7 +1,9 @@
 #include "lib/pki/secret_key.h"
 
 #include "lib/base/error.h"
+#include "lib/pki/der.h"
 #include "lib/pki/ossl.h"
+#include "lib/pki/pkcs8.h"
 
 namespace fstore {
 
@@ -19,6 +21,15 @@ std::optional<SecretBytes> keyFromPlain(std::span<const unsigned char> der) {
     if (der.size() > kMostObject) {  // hostile bytes would cost a second a megabyte
         return std::nullopt;
     }
+    if (const auto info = ossl::decodeWhole<ossl::KeyInfo, d2i_PKCS8_PRIV_KEY_INFO>(der)) {
+        const ossl::Pkey key = keyIn(info.get());
+        return key != nullptr ? std::optional(pkcs8Of(*key)) : std::nullopt;
+    }
+    constexpr unsigned char kEndIsMarked = 0x80;  // in BER, which could hide a number
+    if (endOfSequence(der) != der.size() || der[1] == kEndIsMarked) {
+        return std::nullopt;
+    }
+    requireShortNumbers(der);
     const unsigned char* at = der.data();
     const ossl::Pkey key(d2i_AutoPrivateKey(nullptr, &at, static_cast<long>(der.size())));
     if (key == nullptr || at != der.data() + der.size()) {
@@ -42,7 +53,7 @@ std::optional<SecretBytes> keyFromEncrypted(std::span<const unsigned char> der,
     if (info == nullptr) {
         throw Failure(kWrongPassword, "wrong password for this key");
     }
-    const ossl::Pkey key(EVP_PKCS82PKEY(info.get()));
+    const ossl::Pkey key = keyIn(info.get());
     if (key == nullptr) {
         throw Failure(kMalformed, "the key is damaged, or of an unknown algorithm");
     }

@@ -1,7 +1,12 @@
+#include <algorithm>
+#include <string>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "lib/base/error.h"
 #include "lib/pki/chain.h"
+#include "lib/pki/ossl.h"
 #include "tests/lib/pki/pki_files.h"
 
 namespace fstore {
@@ -9,6 +14,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 SecretBytes der(const char* name) {
     return PkiFiles::get().bytes(std::string(name) + ".der");
@@ -57,6 +63,48 @@ TEST(ChainOfTest, DamagedCertificatesAreNoIssuers) {
     EXPECT_THAT(chainOf(der("leaf"), {damaged, der("root"), {}}).issuers, ElementsAre(1));
     EXPECT_THAT(chainOf(damaged, {der("root")}).issuers, IsEmpty());
     EXPECT_FALSE(chainOf(damaged, {der("root")}).complete);
+}
+
+void setName(X509_NAME* name, int number) {
+    const std::string text = std::to_string(number);
+    (void)X509_NAME_add_entry_by_txt(
+        name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(text.c_str()), -1, -1, 0);
+}
+
+// Certificate 0 is issued by 1, and so on; the last is its own issuer.
+std::vector<SecretBytes> chainOfCertificates(int count) {
+    const ossl::Pkey key(EVP_EC_gen("P-256"));
+    std::vector<SecretBytes> made;
+    for (int i = 0; i < count; ++i) {
+        const ossl::Certificate certificate(X509_new());
+        setName(X509_get_subject_name(certificate.get()), i);
+        setName(X509_get_issuer_name(certificate.get()), std::min(i + 1, count - 1));
+        X509_gmtime_adj(X509_getm_notBefore(certificate.get()), 0);
+        X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 1000);
+        X509_set_pubkey(certificate.get(), key.get());
+        X509_sign(certificate.get(), key.get(), EVP_sha256());
+        made.push_back(ossl::encoded<i2d_X509>(certificate.get()));
+    }
+    return made;
+}
+
+TEST(ChainOfTest, LongestChainIsTheBound) {
+    const int most = static_cast<int>(kMostIssuers);
+    const auto longest = chainOfCertificates(most + 1);
+    const Chain chain = chainOf(longest.front(), longest);
+    EXPECT_THAT(chain.issuers, SizeIs(kMostIssuers));
+    EXPECT_TRUE(chain.complete);
+    const auto longer = chainOfCertificates(most + 2);
+    EXPECT_THROW((void)chainOf(longer.front(), longer), Failure);
+}
+
+TEST(ChainOfTest, IssuersInPlentyAreRefusedBeforeTheyTakeLong) {
+    std::vector<SecretBytes> known(kMostSignatures - 1, der("middle"));
+    known.push_back(der("root"));
+    EXPECT_TRUE(chainOf(der("leaf"), known).complete);
+    EXPECT_THAT(chainOf(der("deep"), known).issuers, ElementsAre(0, kMostSignatures - 1));
+    known.insert(known.end(), 2, der("middle"));
+    EXPECT_THROW((void)chainOf(der("deep"), known), Failure);
 }
 
 }  // namespace

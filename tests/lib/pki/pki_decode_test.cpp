@@ -1,3 +1,4 @@
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -7,6 +8,7 @@
 #include "lib/base/digits.h"
 #include "lib/pki/decode.h"
 #include "lib/pki/ossl.h"
+#include "lib/pki/pkcs8.h"
 #include "tests/lib/pki/pki_files.h"
 
 namespace fstore {
@@ -471,6 +473,84 @@ TEST(DecodePkiTest, WorkForPasswordsIsBoundedForTheWholeFile) {
     ASSERT_THAT(said, SizeIs(30));
     EXPECT_THAT(said.front(), StartsWith("wrong-password"));
     EXPECT_THAT(said.back(), HasSubstr("takes more work than"));
+}
+
+std::string der(unsigned char tag, const std::string& content) {
+    std::string head(1, static_cast<char>(tag));
+    if (content.size() < 0x80) {
+        return head + static_cast<char>(content.size()) + content;
+    }
+    for (const std::size_t byte :
+         {0x83UL, content.size() >> 16, content.size() >> 8, content.size()}) {
+        head += static_cast<char>(byte & 0xFF);
+    }
+    return head + content;
+}
+
+std::string number(std::size_t bits) {
+    return der(0x02,
+               (bits % 8 == 0 ? std::string(1, '\0') : "") + std::string((bits + 7) / 8, '\x7B'));
+}
+
+// Keys of DSA, whose public key OpenSSL computes from what is given here.
+std::string dsaInPkcs8(std::size_t bits) {
+    const std::string dsa("\x06\x07\x2A\x86\x48\xCE\x38\x04\x01");
+    const std::string parameters = der(0x30, number(bits) + number(bits) + number(64));
+    return der(0x30, number(1) + der(0x30, dsa + parameters) + der(0x04, number(bits)));
+}
+std::string dsaAlone(std::size_t bits) {
+    std::string numbers = der(0x02, std::string(1, '\0'));
+    for (int i = 0; i < 5; ++i) {
+        numbers += number(bits);
+    }
+    return der(0x30, numbers);
+}
+
+TEST(DecodePkiTest, NumbersThatAreTooLongToWorkWithAreRefusedAtOnce) {
+    const auto say = [](const std::string& key) {
+        return fstore::say(Asked().decode(bytesOf(key)));
+    };
+    EXPECT_THAT(say(dsaAlone(kMostKeyBits)), ElementsAre(StartsWith("key ")));
+    for (const std::string& key :
+         {dsaInPkcs8(1 << 20), dsaAlone(1 << 20), dsaAlone(kMostKeyBits + 8)}) {
+        EXPECT_THAT(say(key), ElementsAre(HasSubstr("bits, and 16384 is the limit")));
+    }
+}
+
+// A number in a string that is written in pieces, and one whose length has zeros in front.
+TEST(DecodePkiTest, LongNumbersAreFoundInBerToo) {
+    const std::size_t bits = 200'000;
+    const std::string dsa("\x06\x07\x2A\x86\x48\xCE\x38\x04\x01");
+    const std::string parameters = der(0x30, number(64) + number(64) + number(64));
+    const std::string algorithm = der(0x30, dsa + parameters);
+    const std::string key = number(bits);
+    const std::string pieces = der(0x24, der(0x04, key.substr(0, 7)) + der(0x04, key.substr(7)));
+    std::string zeros("\x02\x86\0\0\0", 5);
+    zeros += key.substr(2);
+    for (const std::string& secret : {pieces, der(0x04, zeros)}) {
+        const std::string whole = number(1) + algorithm + secret;
+        for (const std::string& ber : {der(0x30, whole), "\x30\x80" + whole + std::string(2, '\0'),
+                                       "\x30\x80" + whole + std::string(3, '\0')}) {
+            const auto start = std::chrono::steady_clock::now();
+            EXPECT_THAT(say(Asked().decode(bytesOf(ber))), ElementsAre(StartsWith("malformed")));
+            EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+        }
+    }
+}
+
+TEST(DecodePkiTest, LengthOfAScryptThatOpensslRefusesIsSaid) {
+    // PBES2 with scrypt, N=2^17, r=8, p=1.
+    const std::string scrypt =
+        der(0x30, std::string("\x06\x09\x2B\x06\x01\x04\x01\xDA\x47\x04\x0B") +
+                      der(0x30, der(0x04, "saltsalt") + der(0x02, std::string("\x02\0\0", 3)) +
+                                    der(0x02, "\x08") + der(0x02, "\x01")));
+    const std::string aes = der(0x30, std::string("\x06\x09\x60\x86\x48\x01\x65\x03\x04\x01\x02") +
+                                          der(0x04, std::string(16, 'i')));
+    const std::string algorithm =
+        der(0x30,
+            std::string("\x06\x09\x2A\x86\x48\x86\xF7\x0D\x01\x05\x0D") + der(0x30, scrypt + aes));
+    const std::string key = der(0x30, algorithm + der(0x04, std::string(32, 'k')));
+    EXPECT_THAT(say(Asked().decode(bytesOf(key))), ElementsAre(HasSubstr("128 MiB of memory")));
 }
 
 TEST(DecodePkiTest, LeavesNoErrorOfOpensslBehind) {

@@ -222,6 +222,19 @@ TEST(PkiObjectTest, RefusesAnObjectThatIsTooLarge) {
     }
 }
 
+TEST(PkiObjectTest, RefusesAnObjectOfTooManyElements) {
+    SecretBytes elements(2 * (kMostElements + 1), 0);
+    for (std::size_t i = 0; i < elements.size(); i += 2) {
+        elements[i] = 0x05;  // NULL
+    }
+    try {
+        (void)readPkiObject(Kind::kCrl, elements);
+        FAIL() << "was read";
+    } catch (const Failure& failure) {
+        EXPECT_THAT(failure.what(), testing::HasSubstr("elements of ASN.1"));
+    }
+}
+
 TEST(RecordNameForTest, IsLabelOrTitleReducedWithDigits) {
     const PkiObject root = read(Kind::kCertificate, "root.der");
     const std::string digits = "-" + toHex(root.sha256).substr(0, 8);
