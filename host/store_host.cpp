@@ -12,6 +12,8 @@
 
 namespace {
 
+constexpr const char* kVariable = "FILESTORE_MODULES";
+
 // The folder of the file at `path`, whatever links lead there; empty when there is none.
 std::string folderOf(const char* path) {
     const std::unique_ptr<char, void (*)(void*)> real(os::realpath(path, nullptr), std::free);
@@ -57,8 +59,7 @@ std::string chooseFolder(const StoreHost::Setup& setup) {
     if (!setup.folder.empty()) {
         return setup.folder;
     }
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing here changes the environment
-    const char* const named = std::getenv("FILESTORE_MODULES");
+    const char* const named = ::secure_getenv(kVariable);
     if (named != nullptr && *named != '\0') {
         return named;
     }
@@ -75,7 +76,11 @@ Result StoreHost::start(const Setup& setup) {
     if (folder.empty()) {
         return {kMissing,
                 "the modules of the store are not beside the program; name their folder in the "
-                "environment as FILESTORE_MODULES"};
+                "environment as FILESTORE_MODULES, by an absolute path"};
+    }
+    if (!folder.starts_with('/')) {
+        const char* const source = setup.folder.empty() ? kVariable : "the folder of the modules";
+        return {kInvalid, std::string(source) + " is " + folder + "; name it by an absolute path"};
     }
     ModMgr = &manager_;
     for (const std::string& module : setup.modules) {

@@ -24,6 +24,9 @@ public:
         // The folder of the modules. If empty: the environment's FILESTORE_MODULES, or else
         // the first folder that has the last of `modules`, relative to the program and then
         // to the library that this code is in: ../lib/filestore, filestore, ../lib, and ".".
+        // An absolute path, wherever it comes from: a program enters the folder of a
+        // database, and code is never loaded from there. The environment of a program that
+        // runs with more rights than its caller (AT_SECURE) is not asked.
         std::string folder;
         // Loaded in this order, so that each finds the ones that it calls.
         std::vector<std::string> modules{"x509cmn.so", "pkixkey.so", "pkcs5.so", "filestore.so"};
@@ -37,6 +40,7 @@ public:
     // Loads the modules and becomes this program's module manager. After a failure none
     // is loaded. Results as those of ModuleManager::load(), and
     //   kMissing      no folder has the modules
+    //   kInvalid      the folder is not an absolute path
     //   kAlreadyOpen  this StoreHost, or another one of the program, is started
     Result start(const Setup& setup);
     Result start() { return start(Setup()); }

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
@@ -94,6 +95,22 @@ std::string currentFolder() {
     std::string folder(path);
     std::free(path);
     return folder;
+}
+
+void fixPathVariable(const char* name) noexcept {
+    const char* const value = ::secure_getenv(name);
+    if (value == nullptr || *value == '\0' || *value == '/') {
+        return;
+    }
+    char path[PATH_MAX];
+    char here[PATH_MAX];
+    const bool known = os::realpath(".", here) != nullptr;
+    const int size = known ? std::snprintf(path, sizeof path, "%s/%s", here, value) : -1;
+    // For a program that has one thread still.
+    if (size < 0 || static_cast<std::size_t>(size) >= sizeof path ||
+        ::setenv(name, path, 1) != 0) {  // NOLINT(concurrency-mt-unsafe)
+        (void)::unsetenv(name);          // NOLINT(concurrency-mt-unsafe)
+    }
 }
 
 void forgetVariable(const char* name) noexcept {

@@ -199,7 +199,7 @@ void addFolders(Collector& to) {
 
 // Names of the database; none when it cannot be read.
 void addFromDatabase(const Line& line, Collector& to, void (*add)(Collector&)) {
-    const char* const variable = std::getenv("FSTORE_DIR");
+    const char* const variable = ::secure_getenv("FSTORE_DIR");
     const std::string folder = line.folder.value_or(variable != nullptr ? variable : ".");
     if (!os::changeFolder(folder.c_str())) {
         return;

@@ -1,5 +1,8 @@
 // fstore init: a database with a protected password, where there is none.
 #include <memory>
+#include <optional>
+#include <string>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -37,22 +40,44 @@ bool lacksPassword(const Database& database) {
     return true;
 }
 
-// False when the database has its password already, or has got one while this one was
-// asked for.
-bool initialise(const Options& options, PasswordSource& password, Database& database) {
-    {
-        const Hold hold = database.enter(Access::kChange, Need::kDatabase);
-        if (!lacksPassword(database)) {
-            return false;
+bool isThere(Database& database) {
+    try {
+        (void)database.enter(Access::kRead, Need::kFiles);
+        return true;
+    } catch (const Failure& failure) {
+        if (failure.status() != kMissing) {
+            throw;
         }
-    }
-    NewSlot fresh = makeSlot(password.get(PasswordSource::Entry::kTwice), options.cost);
-    const Hold hold = database.enter(Access::kChange, Need::kDatabase);
-    if (!lacksPassword(database)) {
         return false;
     }
-    database.changePassword(std::move(fresh), /*keepOld=*/false);
-    return true;
+}
+
+// False when the database has its password already, or has got one while this one was asked
+// for. Nothing is created before there is a password: what is left after a failure would be a
+// database without one.
+bool initialise(const Options& options, PasswordSource& password, Database& database) {
+    std::optional<NewSlot> fresh;
+    for (;;) {
+        if (fresh || isThere(database)) {
+            const Hold hold = database.enter(Access::kChange, Need::kDatabase);
+            if (!lacksPassword(database)) {
+                return false;
+            }
+            if (fresh) {
+                database.changePassword(std::move(*fresh), /*keepOld=*/false);
+                return true;
+            }
+        }
+        fresh = makeSlot(password.get(PasswordSource::Entry::kTwice), options.cost);
+    }
+}
+
+// The path of "db" in this folder.
+std::string databaseIn(std::string folder) {
+    while (folder.ends_with('/')) {
+        folder.pop_back();
+    }
+    return folder + "/db";
 }
 
 Status run(const Options& options, Context& context) {
@@ -62,8 +87,8 @@ Status run(const Options& options, Context& context) {
         (void)database.enter(Access::kChange, Need::kSecrets);  // with this password
     }
     context.output.note(fmt::format(
-        "{} {}/db", created ? "created a database in" : "already initialised with this password:",
-        database.place().folder));
+        "{} {}", created ? "created a database in" : "already initialised with this password:",
+        databaseIn(database.place().folder)));
     context.output.document({{"folder", jsonText(database.place().folder)}, {"created", created}});
     return kOk;
 }

@@ -19,7 +19,7 @@ constexpr int kStderr = 2;
 constexpr const char* kSchema = "fstore/1";
 
 bool isSet(const char* variable) {
-    const char* const value = std::getenv(variable);
+    const char* const value = ::secure_getenv(variable);
     return value != nullptr && *value != '\0';
 }
 
@@ -27,7 +27,7 @@ bool hasColour(Colour asked, int fd) {
     if (asked != Colour::kAuto) {
         return asked == Colour::kAlways;
     }
-    const char* const terminal = std::getenv("TERM");
+    const char* const terminal = ::secure_getenv("TERM");
     const bool dumb = terminal != nullptr && std::strcmp(terminal, "dumb") == 0;
     return !isSet("NO_COLOR") && !dumb && os::isTerminal(fd);
 }

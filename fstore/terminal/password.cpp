@@ -77,7 +77,7 @@ SecretText accepted(std::string_view text, PasswordSource::Which which) {
 
 // The value of an environment variable, or null.
 const char* variable(const std::string& name) {
-    return std::getenv(name.c_str());
+    return ::secure_getenv(name.c_str());
 }
 
 }  // namespace

@@ -25,10 +25,19 @@ void FolderLock::enter() {
 }
 
 void FolderLock::makeAndEnter() {
-    if (!folder_ && !exists(place_.folder) && os::mkdir(place_.folder.c_str(), S_IRWXU) != 0) {
+    if (folder_) {
+        return;  // a relative name means another folder by now
+    }
+    const bool isNew = !exists(place_.folder);
+    if (isNew && os::mkdir(place_.folder.c_str(), S_IRWXU) != 0) {
         failWithErrno("create the folder", place_.folder);
     }
     enter();
+    // A loss of power that took the folder's name would take the database. One that was there may
+    // be what a run before this made, which did not get as far; if not, its sync may fail.
+    if (!os::syncFolder("..") && isNew) {
+        failWithErrno("sync the folder that contains", place_.folder);
+    }
 }
 
 void FolderLock::take(os::LockKind kind) {

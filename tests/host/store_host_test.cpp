@@ -66,6 +66,22 @@ TEST(StoreHostTest, FolderIsGivenOrNamedInTheEnvironment) {
     }
 }
 
+TEST(StoreHostTest, ModulesAreNotSoughtInTheCurrentFolder) {
+    // The folder exists, as seen from here: only its form is at fault.
+    const std::string here = std::filesystem::proximate(moduleFolder());
+    ASSERT_TRUE(std::filesystem::exists(std::filesystem::path(here) / "probe1.so"));
+    StoreHost host;
+    const Result given = host.start(probes(here));
+    EXPECT_EQ(kInvalid, given.status);
+    EXPECT_THAT(given.message, HasSubstr(here));
+
+    const ModulesVariable variable(here);
+    const Result named = host.start(probes());
+    EXPECT_EQ(kInvalid, named.status);
+    EXPECT_THAT(named.message, HasSubstr("FILESTORE_MODULES is " + here));
+    EXPECT_EQ(nullptr, ModMgr);
+}
+
 TEST(StoreHostTest, EmptyVariableNamesNoFolder) {
     const ModulesVariable variable("");
     StoreHost host;

@@ -1,0 +1,72 @@
+// The folder of a database: entered by whatever name it has, and there after a loss of power.
+#include "lib/database/folder_lock.h"
+
+#include <filesystem>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "lib/base/error.h"
+#include "tests/support/fs_fault.h"
+#include "tests/support/temp_dir.h"
+
+namespace fstore {
+namespace {
+
+using support::TempWorkingDir;
+using testing::Contains;
+using testing::HasSubstr;
+
+TEST(FolderLockTest, ANewFolderIsDurableInItsParent) {
+    for (const char* const name : {"new", "./new/", "link/new"}) {
+        SCOPED_TRACE(name);
+        const TempWorkingDir here;
+        std::filesystem::create_directory("real");
+        std::filesystem::create_directory_symlink("real", "link");
+        const Place place{.folder = name};
+        FolderLock lock(place);
+        const fault::Recorder recorder(fault::kLastingCalls);
+        lock.makeAndEnter();
+        const auto lines = recorder.lines();
+        EXPECT_THAT(lines, Contains(HasSubstr("fsync ..")));
+    }
+}
+
+TEST(FolderLockTest, AParentThatCannotBeSyncedIsReported) {
+    const TempWorkingDir here;
+    const Place place{.folder = "new"};
+    FolderLock lock(place);
+    const fault::FailingCall failing(1, EIO, fault::Mode::kOnce, {fault::Call::kFsync});
+    try {
+        lock.makeAndEnter();
+        ADD_FAILURE() << "no failure";
+    } catch (const Failure& failure) {
+        EXPECT_EQ(kIo, failure.status());
+        EXPECT_THAT(failure.what(), HasSubstr("contains new"));
+    }
+}
+
+TEST(FolderLockTest, AParentThatIsNotOursToSyncDoesNoHarm) {
+    const TempWorkingDir here;
+    std::filesystem::create_directory("old");
+    const Place place{.folder = "old"};
+    FolderLock lock(place);
+    const fault::FailingCall failing(1, EACCES, fault::Mode::kOnce, {fault::Call::kFsync});
+    lock.makeAndEnter();
+    EXPECT_EQ(here / "old", std::filesystem::current_path());
+}
+
+TEST(FolderLockTest, ARelativeNameIsUsedOnce) {
+    const TempWorkingDir here;
+    const Place place{.folder = "one"};
+    FolderLock lock(place);
+    lock.makeAndEnter();
+    lock.makeAndEnter();
+    lock.enter();
+    EXPECT_EQ(here / "one", std::filesystem::current_path());
+    EXPECT_TRUE(std::filesystem::is_empty("."));
+}
+
+}  // namespace
+}  // namespace fstore
