@@ -9,12 +9,6 @@ int main(int argc, char** argv) {
     // What the system refuses here is a weaker guard, and no reason not to work.
     (void)os::keepSecrets();
     os::installSignalHandlers();
-    // OpenSSL looks at these when it is first used, by then in the folder of the database: what
-    // they name is code, or names code, and a database must not bring its own.
-    for (const char* const variable :
-         {"OPENSSL_CONF", "OPENSSL_MODULES", "OPENSSL_ENGINES", "OPENSSL_CONF_INCLUDE"}) {
-        os::fixPathVariable(variable);
-    }
     fstore::Cli cli;
     fstore::addCommands(cli);
     return cli.execute(argc, argv);

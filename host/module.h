@@ -61,6 +61,7 @@ public:
     unsigned int id() const noexcept { return id_; }
     CMN_GuardedRef* service() const noexcept { return service_; }
     CMN_ObjectManager& objects() const noexcept { return file_.objects(); }
+    void* symbol(const char* name) const noexcept { return file_.symbol(name); }
     const std::string& path() const noexcept { return file_.path(); }
     bool sameFileAs(const Module& other) const noexcept { return file_.sameAs(other.file_); }
 

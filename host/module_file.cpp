@@ -102,6 +102,10 @@ ModuleFile::~ModuleFile() {
     }
 }
 
+void* ModuleFile::symbol(const char* name) const noexcept {
+    return handle_ == nullptr ? nullptr : dlsym(handle_, name);
+}
+
 Result ModuleFile::open(const std::string& path, ModuleFile& file) {
     // Absolute, because the dynamic linker looks a bare name up in folders of its own.
     const std::unique_ptr<char, void (*)(void*)> real(os::realpath(path.c_str(), nullptr),

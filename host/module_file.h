@@ -45,6 +45,9 @@ public:
     // True when both are the same mapping: a file, by whatever name, is mapped once.
     bool sameAs(const ModuleFile& other) const noexcept { return handle_ == other.handle_; }
 
+    // Another function or variable that the module exports, or null.
+    void* symbol(const char* name) const noexcept;
+
     const std::string& path() const noexcept { return path_; }  // absolute
     Entry entry() const noexcept { return entry_; }
     CMN_ObjectManager& objects() const noexcept { return *objects_; }

@@ -379,6 +379,12 @@ CMN_GuardedRef* ModuleManager::moduleService(unsigned int id) {
     return module == modules_.end() ? nullptr : module->service();
 }
 
+void* ModuleManager::symbol(unsigned int id, const char* name) {
+    const CMN_Entered entered(lifecycle_);
+    const auto module = find(id);
+    return module == modules_.end() ? nullptr : module->symbol(name);
+}
+
 void ModuleManager::setPatience(std::chrono::milliseconds patience) {
     const CMN_Entered entered(lifecycle_);
     patience_ = patience;

@@ -88,6 +88,10 @@ public:
     // holder prevents the module's unloading.
     CMN_GuardedRef* moduleService(unsigned int id);
 
+    // What module `id` exports under this plain name, or null. It is there until the module is
+    // unloaded or replaced.
+    void* symbol(unsigned int id, const char* name);
+
     // How long forceUnload() and replace() wait for others.
     void setPatience(std::chrono::milliseconds patience);
 

@@ -11,7 +11,6 @@
 #include <chrono>
 #include <climits>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
@@ -83,10 +82,6 @@ void removeOnSignal(const char* path) noexcept {
     }
 }
 
-bool changeFolder(const char* path) noexcept {
-    return ::chdir(path) == 0;
-}
-
 std::string currentFolder() {
     char* const path = os::realpath(".", nullptr);
     if (path == nullptr) {
@@ -95,22 +90,6 @@ std::string currentFolder() {
     std::string folder(path);
     std::free(path);
     return folder;
-}
-
-void fixPathVariable(const char* name) noexcept {
-    const char* const value = ::secure_getenv(name);
-    if (value == nullptr || *value == '\0' || *value == '/') {
-        return;
-    }
-    char path[PATH_MAX];
-    char here[PATH_MAX];
-    const bool known = os::realpath(".", here) != nullptr;
-    const int size = known ? std::snprintf(path, sizeof path, "%s/%s", here, value) : -1;
-    // For a program that has one thread still.
-    if (size < 0 || static_cast<std::size_t>(size) >= sizeof path ||
-        ::setenv(name, path, 1) != 0) {  // NOLINT(concurrency-mt-unsafe)
-        (void)::unsetenv(name);          // NOLINT(concurrency-mt-unsafe)
-    }
 }
 
 void forgetVariable(const char* name) noexcept {

@@ -31,15 +31,8 @@ void removeOnSignal(const char* path) noexcept;
 // Gives an open file or folder these permission bits, whatever the umask.
 [[nodiscard]] bool setPermissions(const File& file, mode_t mode) noexcept;
 
-[[nodiscard]] bool changeFolder(const char* path) noexcept;
-
 // The process's folder as an absolute path; empty with errno on failure.
 [[nodiscard]] std::string currentFolder();
-
-// Makes the path in an environment variable absolute, so that libraries that look at it later
-// find what it named when the program began. A path that cannot be is removed. An empty one
-// stays.
-void fixPathVariable(const char* name) noexcept;
 
 // Removes a variable from the environment, and its value from memory, where other
 // processes of this user could see it.

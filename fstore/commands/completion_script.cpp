@@ -1,5 +1,7 @@
 #include "fstore/commands/completion_script.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdlib>
@@ -13,7 +15,8 @@
 #include "lib/base/files.h"
 #include "lib/records/address.h"
 #include "lib/records/catalogue.h"
-#include "os/process.h"
+#include "os/base.h"
+#include "os/files.h"
 
 namespace fstore {
 namespace {
@@ -201,9 +204,11 @@ void addFolders(Collector& to) {
 void addFromDatabase(const Line& line, Collector& to, void (*add)(Collector&)) {
     const char* const variable = ::secure_getenv("FSTORE_DIR");
     const std::string folder = line.folder.value_or(variable != nullptr ? variable : ".");
-    if (!os::changeFolder(folder.c_str())) {
+    const os::File opened = os::openFile(folder.c_str(), O_RDONLY | O_DIRECTORY);
+    if (!opened) {
         return;
     }
+    const os::Base base(opened.get());
     try {
         add(to);
     } catch (const Failure&) {

@@ -1,4 +1,5 @@
 // fstore info: the state of the database.
+#include <cstdlib>
 #include <memory>
 
 #include <fmt/format.h>
@@ -10,6 +11,7 @@
 #include "lib/database/folders.h"
 #include "lib/database/lost.h"
 #include "lib/records/catalogue.h"
+#include "os/fs.h"
 
 namespace fstore {
 namespace {
@@ -58,6 +60,13 @@ Json namesOf(const std::vector<LostFolder>& lost) {
     return names;
 }
 
+// Without links and dots, where the system can tell.
+std::string pathOf(const Place& place) {
+    const std::unique_ptr<char, void (*)(void*)> real(os::realpath(layout::kLiveName, nullptr),
+                                                      std::free);
+    return real != nullptr ? real.get() : absolutePath(joined(place.folder, layout::kLiveName));
+}
+
 Status run(Context& context) {
     const Hold hold = context.database.enter(Access::kRead);
     const Protection& protection = context.database.protection();
@@ -75,7 +84,7 @@ Status run(Context& context) {
         table.add({{shown}, {std::to_string(count)}});
         folders.push_back({{"folder", jsonText(shown)}, {"records", count}});
     }
-    const std::string here = absolutePath(layout::kLiveName);
+    const std::string here = pathOf(context.database.place());
     Output& output = context.output;
     output.line(fmt::format("database   {}", here));
     output.line(fmt::format("password   {}", describe(protection.inForce)));

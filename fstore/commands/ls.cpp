@@ -62,19 +62,23 @@ using Addresses = std::span<const Address>;
 // Reads a part of the addresses in each of some threads, by read(part); the results
 // in order. Most of the time goes into the system's opening of files.
 template <class Read>
-auto readSideBySide(const std::vector<Address>& addresses, Read read) {
+auto readSideBySide(const Database& database, const std::vector<Address>& addresses, Read read) {
     constexpr std::size_t kWorthAThread = 1000;
     constexpr std::size_t kMostThreads = 8;
     const std::size_t processors = std::thread::hardware_concurrency();
     const std::size_t parts = std::clamp<std::size_t>(
         std::min(processors, addresses.size() / kWorthAThread), 1, kMostThreads);
+    const auto readInside = [&](Addresses part) {
+        const Inside inside = database.join();
+        return read(part);
+    };
     std::vector<std::future<decltype(read(Addresses()))>> running;
     for (std::size_t i = 0; i < parts; ++i) {
         const std::size_t from = addresses.size() * i / parts;
         const std::size_t to = addresses.size() * (i + 1) / parts;
         const Addresses part(addresses.data() + from, to - from);
         // Where no thread can be had, by the one that asks for the result.
-        running.push_back(std::async(std::launch::async | std::launch::deferred, read, part));
+        running.push_back(std::async(std::launch::async | std::launch::deferred, readInside, part));
     }
     std::vector<decltype(read(Addresses()))> results;
     results.reserve(parts);
@@ -93,9 +97,10 @@ Record readFor(bool unlocked, const Address& address) {
 }
 
 // The digests of all keys, in whatever folder.
-std::set<std::string> keysOf(bool unlocked) {
+std::set<std::string> keysOf(Database& database) {
+    const bool unlocked = database.isOpen();
     std::set<std::string> keys;
-    auto parts = readSideBySide(allRecords(), [unlocked](Addresses addresses) {
+    auto parts = readSideBySide(database, allRecords(), [unlocked](Addresses addresses) {
         std::set<std::string> found;
         for (const Address& address : addresses) {
             try {
@@ -152,12 +157,13 @@ Listing list(const Options& options, Database& database) {
     const bool unlocked = database.isOpen();
     Filter filter(options.filters, now());
     if (filter.needsKeys()) {
-        filter.setKeys(keysOf(unlocked));
+        filter.setKeys(keysOf(database));
     }
     Listing listing;
-    auto parts = readSideBySide(addressesOf(options), [&filter, unlocked](Addresses addresses) {
+    const auto read = [&filter, unlocked](Addresses addresses) {
         return readPart(addresses, filter, unlocked);
-    });
+    };
+    auto parts = readSideBySide(database, addressesOf(options), read);
     for (Listing& part : parts) {
         std::ranges::move(part.records, std::back_inserter(listing.records));
         std::ranges::move(part.damaged, std::back_inserter(listing.damaged));

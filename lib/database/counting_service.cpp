@@ -3,11 +3,16 @@
 namespace fstore {
 namespace {
 
+thread_local CountingService::Counting* counting = nullptr;
+
+bool goesOn() noexcept {
+    return counting == nullptr || counting->count();
+}
+
 // A scheme of the module's, whose encryptions and decryptions are counted.
 class CountingPbes final : public PBES {
 public:
-    CountingPbes(PBES* scheme, CountingService& service)
-        : PBES(scheme->getType()), scheme_(scheme), service_(service) {}
+    explicit CountingPbes(PBES* scheme) : PBES(scheme->getType()), scheme_(scheme) {}
 
     Status init() override { return scheme()->init(); }
     Status fini() override { return scheme()->fini(); }
@@ -17,19 +22,14 @@ public:
     Status supply(pki_alg_t alg) override { return scheme()->supply(alg); }
     Status setKey(TKey* key) override { return scheme()->setKey(key); }
     TKey* getKey() override { return scheme()->getKey(); }
-    TBuf* encrypt(TBuf* plain) override {
-        return service_.count() ? scheme()->encrypt(plain) : nullptr;
-    }
-    TBuf* decrypt(TBuf* cipher) override {
-        return service_.count() ? scheme()->decrypt(cipher) : nullptr;
-    }
+    TBuf* encrypt(TBuf* plain) override { return goesOn() ? scheme()->encrypt(plain) : nullptr; }
+    TBuf* decrypt(TBuf* cipher) override { return goesOn() ? scheme()->decrypt(cipher) : nullptr; }
     Status error() override { return scheme()->error(); }
 
 private:
     PBES* scheme() const { return scheme_.get(); }
 
     CMN_GRefPtr<PBES> scheme_;
-    CountingService& service_;
 };
 
 }  // namespace
@@ -39,18 +39,20 @@ CMN_GuardedRef* CountingService::createObject(objectName_t name) {
     if (made == nullptr || (name != kPbes0 && name != kPbes1)) {
         return made;
     }
-    return new CountingPbes(static_cast<PBES*>(made), *this);
+    return new CountingPbes(static_cast<PBES*>(made));
 }
 
-bool CountingService::count() noexcept {
-    Observer* const observer = observer_;
-    if (observer == nullptr) {
-        return true;
-    }
-    observer->step();
-    if (observer->isCancelled()) {
-        cancelled_ = true;
-    }
+CountingService::Counting::Counting(Observer& observer) noexcept : observer_(observer) {
+    counting = this;
+}
+
+CountingService::Counting::~Counting() {
+    counting = nullptr;
+}
+
+bool CountingService::Counting::count() noexcept {
+    observer_.step();
+    cancelled_ = cancelled_ || observer_.isCancelled();
     return !cancelled_;
 }
 

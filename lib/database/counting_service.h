@@ -4,8 +4,6 @@
 #ifndef LIB_DATABASE_COUNTING_SERVICE_H
 #define LIB_DATABASE_COUNTING_SERVICE_H
 
-#include <atomic>
-
 #include "api/pkcs5_i.h"
 #include "lib/base/observer.h"
 
@@ -21,31 +19,26 @@ public:
     Status fini() override { return kOk; }
     CMN_GuardedRef* createObject(objectName_t name) override;
 
-    // While it lives, each encryption and decryption is a step of the observer's work. Once
-    // the work is cancelled, all of them fail. One at a time.
+    // While it lives, each encryption and decryption of its thread is a step of the observer's
+    // work. Once the work is cancelled, all of them fail. One at a time in a thread.
     class Counting {
     public:
-        Counting(CountingService& service, Observer& observer) : service_(service) {
-            service_.cancelled_ = false;
-            service_.observer_ = &observer;
-        }
+        explicit Counting(Observer& observer) noexcept;
         Counting(const Counting&) = delete;
         Counting& operator=(const Counting&) = delete;
-        ~Counting() { service_.observer_ = nullptr; }
+        ~Counting();
 
-        bool wasCancelled() const noexcept { return service_.cancelled_; }
+        // Counts one more, and returns whether to go on.
+        bool count() noexcept;
+        bool wasCancelled() const noexcept { return cancelled_; }
 
     private:
-        CountingService& service_;
+        Observer& observer_;
+        bool cancelled_ = false;  // stays set: no step may follow one that was left out
     };
-
-    // Counts one more, and returns whether to go on. Any thread may call it.
-    bool count() noexcept;
 
 private:
     PKCS5_Interface& service_;
-    std::atomic<Observer*> observer_{nullptr};
-    std::atomic<bool> cancelled_{false};  // stays set: no step may follow one that was left out
 };
 
 }  // namespace fstore

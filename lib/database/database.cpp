@@ -26,24 +26,22 @@ Database::Database(Place place, Observer& observer)
 
 Hold Database::enter(Access access, Need need) {
     if (need == Need::kFolder || need == Need::kDatabase) {
-        lock_.makeAndEnter();
+        lock_.makeAndOpen();
     } else {
-        lock_.enter();
+        lock_.open();
     }
-    Hold hold(lock_);  // also when what follows throws
+    store_.start(lock_.folder());
+    Hold hold(lock_, store_.context());  // also when what follows throws
     switch (need) {
         case Need::kFolder:
-            store_.start();
             lock_.take(os::LockKind::kExclusive);
             refuseLink();
             break;
         case Need::kFiles:
-            store_.start();
             lock_.take(kindFor(access));
             requireDatabase();
             break;
         case Need::kDatabase:
-            store_.start();
             lock_.take(os::LockKind::kExclusive);
             refuseLink();
             learn(recover(store_));
@@ -110,7 +108,6 @@ void Database::refuseLink() const {
 }
 
 void Database::enterRecords(Access access) {
-    store_.start();
     if (access == Access::kRead) {
         enterShared();
     } else {

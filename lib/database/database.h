@@ -7,10 +7,11 @@
 //
 // Its parts are the lock that keeps other processes out, the store's service, the recovery
 // from a crash, and the way from the user's secret to the store's password; each has its own
-// file. lib/records reads and writes records while a Hold lives. They are those of the
-// process's folder, so a process works with one Database at a time.
+// file. lib/records reads and writes records while a Hold lives: those of the database that
+// the thread is in.
 //
-// For one thread. Failures throw.
+// A process may have any number of Databases, also of one folder, in any threads; each is for
+// one thread at a time. Failures throw.
 #ifndef LIB_DATABASE_DATABASE_H
 #define LIB_DATABASE_DATABASE_H
 
@@ -19,6 +20,7 @@
 
 #include "lib/base/observer.h"
 #include "lib/database/folder_lock.h"
+#include "lib/database/hold.h"
 #include "lib/database/place.h"
 #include "lib/database/protection.h"
 #include "lib/database/store_service.h"
@@ -57,8 +59,8 @@ public:
     Database& operator=(const Database&) = delete;
     ~Database() = default;
 
-    // The one way in; no other Hold of it lives. The first call makes the database's folder
-    // the process's, so callers open their own files before.
+    // The one way in; no other Hold of it lives. While it lives, relative paths of the thread
+    // begin at the database's folder, so callers open their own files before.
     //
     // kFolder and kDatabase need kChange. If a change of the password was interrupted in its
     // last steps, kChange needs the password for kRecords, too: nothing may change before
@@ -74,6 +76,10 @@ public:
     Observer& observer() noexcept { return observer_; }
 
     // While a Hold lives:
+
+    // Another thread that takes part in the operation is in the database while one of its own
+    // lives.
+    Inside join() const { return Inside(store_.context()); }
 
     // As it was when the database was entered, for kDatabase and the needs after it.
     const Protection& protection() const noexcept { return protection_; }

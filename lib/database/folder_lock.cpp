@@ -6,35 +6,34 @@
 
 #include "lib/base/error.h"
 #include "lib/base/files.h"
+#include "os/base.h"
 #include "os/files.h"
 #include "os/fs.h"
 
 namespace fstore {
 
-void FolderLock::enter() {
+void FolderLock::open() {
     if (folder_) {
         return;
     }
-    if (!os::changeFolder(place_.folder.c_str())) {
-        failWithErrno("enter the folder", place_.folder);
-    }
-    folder_ = os::openFile(".", O_RDONLY | O_DIRECTORY);
+    folder_ = os::openFile(place_.folder.c_str(), O_RDONLY | O_DIRECTORY);
     if (!folder_) {
         failWithErrno("open the folder", place_.folder);
     }
 }
 
-void FolderLock::makeAndEnter() {
+void FolderLock::makeAndOpen() {
     if (folder_) {
-        return;  // a relative name means another folder by now
+        return;
     }
     const bool isNew = !exists(place_.folder);
     if (isNew && os::mkdir(place_.folder.c_str(), S_IRWXU) != 0) {
         failWithErrno("create the folder", place_.folder);
     }
-    enter();
+    open();
     // A loss of power that took the folder's name would take the database. One that was there may
     // be what a run before this made, which did not get as far; if not, its sync may fail.
+    const os::Base base(folder_.get());
     if (!os::syncFolder("..") && isNew) {
         failWithErrno("sync the folder that contains", place_.folder);
     }

@@ -8,8 +8,6 @@
 #ifndef LIB_DATABASE_FOLDER_LOCK_H
 #define LIB_DATABASE_FOLDER_LOCK_H
 
-#include <utility>
-
 #include "lib/database/place.h"
 #include "os/handles.h"
 #include "os/process.h"
@@ -23,12 +21,13 @@ public:
     FolderLock& operator=(const FolderLock&) = delete;
     ~FolderLock() = default;
 
-    // Makes it the process's folder, since that is where the store looks for "./db". Later
-    // calls do nothing. Throws kMissing when there is none.
-    void enter();
+    // Opens the folder. Later calls do nothing. Throws kMissing when there is none.
+    void open();
 
     // The same; creates the folder when there is none.
-    void makeAndEnter();
+    void makeAndOpen();
+
+    const os::File& folder() const noexcept { return folder_; }
 
     // Takes the lock, or changes the kind of the one that is held. Throws kAlreadyOpen when
     // another process holds it for longer than `lockSeconds`.
@@ -39,22 +38,6 @@ public:
 private:
     const Place& place_;
     os::File folder_;
-};
-
-// Keeps other processes out while it lives. One at a time for a database.
-class [[nodiscard]] Hold {
-public:
-    explicit Hold(FolderLock& lock) noexcept : lock_(&lock) {}
-    Hold(Hold&& other) noexcept : lock_(std::exchange(other.lock_, nullptr)) {}
-    Hold& operator=(Hold&&) = delete;
-    ~Hold() {
-        if (lock_ != nullptr) {
-            lock_->release();
-        }
-    }
-
-private:
-    FolderLock* lock_;
 };
 
 }  // namespace fstore

@@ -1,6 +1,6 @@
 // The store's modules, and its service, which opens and re-encrypts a database.
 //
-// Works in the process's folder; the caller holds the lock. For one thread. Failures throw.
+// The caller holds the lock and is inside the folder. For one thread at a time. Failures throw.
 #ifndef LIB_DATABASE_STORE_SERVICE_H
 #define LIB_DATABASE_STORE_SERVICE_H
 
@@ -9,7 +9,9 @@
 #include "client/s_filestoreC.h"
 #include "lib/base/observer.h"
 #include "lib/base/secret.h"
+#include "lib/database/inside.h"
 #include "lib/database/place.h"
+#include "os/handles.h"
 
 namespace fstore {
 
@@ -18,10 +20,14 @@ public:
     explicit StoreService(const Place& place);
     StoreService(const StoreService&) = delete;
     StoreService& operator=(const StoreService&) = delete;
-    ~StoreService();
+    ~StoreService() = default;  // closes the database
 
-    // Loads the modules; to be called first. Later calls do nothing. Throws kNoObject.
-    void start();
+    // Loads the modules, and makes the store's context for the database in `folder`, which
+    // stays open; to be called first. Later calls do nothing. Throws kNoObject.
+    void start(const os::File& folder);
+
+    // Where operations of this database are inside. After start().
+    const StoreContext& context() const noexcept { return *context_; }
 
     bool isOpen() { return service_.isOpen() != 0; }
 
@@ -41,10 +47,8 @@ public:
     [[nodiscard]] Status recrypt(const SecretText& p, Observer& observer);
 
 private:
-    class Modules;
-
     const Place& place_;
-    std::unique_ptr<Modules> modules_;
+    std::unique_ptr<StoreContext> context_;  // outlives the stub, which uses its modules
     aFileStoreSrv service_{nullptr};
     SecretText p_;
 };

@@ -8,10 +8,8 @@
 
 #include <array>
 #include <chrono>
-#include <climits>
 #include <csignal>
 #include <cstdlib>
-#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -162,31 +160,12 @@ TEST(EnvironmentTest, AForgottenVariableIsWiped) {
     os::forgetVariable("PROCESS_TEST_SECRET");
 }
 
-TEST(EnvironmentTest, APathMeansWhatItMeantAtFirst) {
-    constexpr const char* kName = "PROCESS_TEST_PATH";
-    const auto fixed = [&](const std::string& value) {
-        EXPECT_EQ(0, setenv(kName, value.c_str(), 1));
-        os::fixPathVariable(kName);
-        const char* const now = std::getenv(kName);
-        return now == nullptr ? std::optional<std::string>() : std::optional<std::string>(now);
-    };
-    EXPECT_EQ(os::currentFolder() + "/a/b", fixed("a/b"));
-    EXPECT_EQ("/a/b", fixed("/a/b"));
-    EXPECT_EQ("", fixed(""));
-    EXPECT_EQ(std::nullopt, fixed(std::string(PATH_MAX, 'x')));
-    os::fixPathVariable(kName);
-    EXPECT_EQ(nullptr, std::getenv(kName));
-}
-
-TEST(FolderTest, IsTheOneChangedTo) {
+TEST(FolderTest, IsThatOfTheProcess) {
     const TempDir dir;
     EXPECT_EQ(0, inChild([&] {
-                  return os::changeFolder(dir.path().c_str()) && os::currentFolder() == dir.path()
-                             ? 0
-                             : 1;
+                  return ::chdir(dir.path().c_str()) == 0 && os::currentFolder() == dir.path() ? 0
+                                                                                               : 1;
               }));
-    EXPECT_FALSE(os::changeFolder((dir / "nowhere").c_str()));
-    EXPECT_EQ(ENOENT, errno);
 }
 
 TEST(TerminalTest, AFileIsNone) {

@@ -1,4 +1,4 @@
-// The folder of a database: entered by whatever name it has, and there after a loss of power.
+// The folder of a database: opened by whatever name it has, and there after a loss of power.
 #include "lib/database/folder_lock.h"
 
 #include <filesystem>
@@ -27,7 +27,7 @@ TEST(FolderLockTest, ANewFolderIsDurableInItsParent) {
         const Place place{.folder = name};
         FolderLock lock(place);
         const fault::Recorder recorder(fault::kLastingCalls);
-        lock.makeAndEnter();
+        lock.makeAndOpen();
         const auto lines = recorder.lines();
         EXPECT_THAT(lines, Contains(HasSubstr("fsync ..")));
     }
@@ -39,7 +39,7 @@ TEST(FolderLockTest, AParentThatCannotBeSyncedIsReported) {
     FolderLock lock(place);
     const fault::FailingCall failing(1, EIO, fault::Mode::kOnce, {fault::Call::kFsync});
     try {
-        lock.makeAndEnter();
+        lock.makeAndOpen();
         ADD_FAILURE() << "no failure";
     } catch (const Failure& failure) {
         EXPECT_EQ(kIo, failure.status());
@@ -53,19 +53,19 @@ TEST(FolderLockTest, AParentThatIsNotOursToSyncDoesNoHarm) {
     const Place place{.folder = "old"};
     FolderLock lock(place);
     const fault::FailingCall failing(1, EACCES, fault::Mode::kOnce, {fault::Call::kFsync});
-    lock.makeAndEnter();
-    EXPECT_EQ(here / "old", std::filesystem::current_path());
+    lock.makeAndOpen();
+    EXPECT_TRUE(lock.folder());
 }
 
 TEST(FolderLockTest, ARelativeNameIsUsedOnce) {
     const TempWorkingDir here;
     const Place place{.folder = "one"};
     FolderLock lock(place);
-    lock.makeAndEnter();
-    lock.makeAndEnter();
-    lock.enter();
-    EXPECT_EQ(here / "one", std::filesystem::current_path());
-    EXPECT_TRUE(std::filesystem::is_empty("."));
+    lock.makeAndOpen();
+    lock.makeAndOpen();
+    lock.open();
+    EXPECT_EQ(here.path(), std::filesystem::current_path());
+    EXPECT_TRUE(std::filesystem::is_empty("one"));
 }
 
 }  // namespace

@@ -1,0 +1,32 @@
+// A thread's stay in a database, from entering it to leaving it.
+#ifndef LIB_DATABASE_HOLD_H
+#define LIB_DATABASE_HOLD_H
+
+#include <memory>
+
+#include "lib/database/folder_lock.h"
+#include "lib/database/inside.h"
+
+namespace fstore {
+
+// Keeps other processes out, and this thread in, while it lives. One at a time for a database;
+// a thread destroys those of several databases in reverse order.
+class [[nodiscard]] Hold {
+public:
+    Hold(FolderLock& lock, const StoreContext& context)
+        : lock_(&lock), inside_(std::make_unique<Inside>(context)) {}
+    Hold(Hold&&) noexcept = default;
+    Hold& operator=(Hold&&) = delete;
+    ~Hold() = default;
+
+private:
+    struct Release {
+        void operator()(FolderLock* lock) const noexcept { lock->release(); }
+    };
+    std::unique_ptr<FolderLock, Release> lock_;
+    std::unique_ptr<Inside> inside_;
+};
+
+}  // namespace fstore
+
+#endif  // LIB_DATABASE_HOLD_H
