@@ -47,13 +47,16 @@ Status runBackup(const BackupOptions& options, Context& context) {
     refuseStream(options.file, "a backup is read back to verify it, so it must go to a file");
     OutputFile file(options.file, options.force);
     const BackupReport report = backUp(context.database, file);
-    for (const std::string& path : report.leftOut) {
-        context.output.warn(fmt::format("left out {}: it is neither a file nor a folder", path));
+    Json leftOut = Json::array();
+    for (const LeftOut& each : report.leftOut) {
+        context.output.warn(fmt::format("left out {}: {}", each.path, each.reason));
+        leftOut.push_back({{"path", jsonText(each.path)}, {"reason", each.reason}});
     }
     context.output.note(
         fmt::format("wrote {}: {}, verified", options.file, describe(report.totals)));
-    context.output.document({{"backup", totalsToJson(options.file, report.totals)}});
-    return kOk;
+    context.output.document(
+        {{"backup", totalsToJson(options.file, report.totals)}, {"leftOut", std::move(leftOut)}});
+    return report.leftOut.empty() ? kOk : kPartial;
 }
 
 Status runRestore(const RestoreOptions& options, Context& context) {

@@ -34,6 +34,9 @@ void print(const CheckReport& report, Output& output) {
         for (const DamagedRecord& damaged : report.deep->damaged) {
             output.line("damaged", Style::kRed, ": " + damaged.message);
         }
+        for (const Failure& failure : report.deep->unread) {
+            output.warn(failure.what());
+        }
     }
 }
 
@@ -73,7 +76,12 @@ Json toDocument(const CheckReport& report) {
     if (report.deep) {
         document["deep"] = {{"records", report.deep->records},
                             {"secrets", report.deep->secrets},
-                            {"damaged", Json::array()}};
+                            {"damaged", Json::array()},
+                            {"unread", Json::array()}};
+        for (const Failure& failure : report.deep->unread) {
+            document["deep"]["unread"].push_back(
+                {{"path", jsonText(failure.path())}, {"error", errorToJson(failure)}});
+        }
         for (const DamagedRecord& damaged : report.deep->damaged) {
             document["deep"]["damaged"].push_back(
                 failureToJson(damaged.address.print(), Failure(damaged.status, damaged.message)));
@@ -92,7 +100,10 @@ Status runCheck(const CheckOptions& options, Context& context) {
                         : "no damage found; --deep also decrypts");
     }
     context.output.document(toDocument(report));
-    return report.isSound() ? kOk : kFound;
+    if (!report.isSound()) {
+        return kFound;
+    }
+    return report.deep && !report.deep->unread.empty() ? kPartial : kOk;
 }
 
 Json toJson(const std::vector<std::string>& paths) {

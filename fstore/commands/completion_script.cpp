@@ -165,7 +165,8 @@ std::vector<std::string> namesIn(const std::string& folder) {
 
 std::vector<Address> recordsByName() {
     std::vector<Address> found;
-    for (const std::string& folder : allFolders()) {
+    Unread elsewhere;  // what cannot be read cannot be completed
+    for (const std::string& folder : allFolders(&elsewhere)) {
         for (std::string& name : namesIn(folder)) {
             Address address{folder, std::move(name)};
             if (!address.isInternal()) {
@@ -193,7 +194,8 @@ void addRecords(Collector& to) {
 }
 
 void addFolders(Collector& to) {
-    for (const std::string& folder : allFolders()) {
+    Unread elsewhere;  // what cannot be read cannot be completed
+    for (const std::string& folder : allFolders(&elsewhere)) {
         if (!folder.empty()) {
             to.add(folder);
         }

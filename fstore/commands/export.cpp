@@ -69,11 +69,11 @@ Record readReadable(const Address& address, Database& database) {
 
 std::vector<Candidate> candidatesOf(Kind kind, Database& database) {
     std::vector<Candidate> found;
-    for (const Address& address : allRecords()) {
+    Unread elsewhere;  // as damaged records
+    for (const Address& address : allRecords(&elsewhere)) {
         try {
-            Record record = Record::read(address);
-            if (infoOf(record).kind == kind) {
-                record = readReadable(address, database);
+            if (infoOf(RecordHead::read(address)).kind == kind) {
+                const Record record = readReadable(address, database);
                 found.push_back({infoOf(record), bodyOf(record)});
             }
         } catch (const Failure&) {

@@ -74,9 +74,10 @@ Status run(Context& context) {
     Json folders = Json::array();
     std::size_t records = 0;
     Table table({{"FOLDER", false}, {"RECORDS", false}});
-    for (const std::string& folder : allFolders()) {
+    Unread unread;
+    for (const std::string& folder : allFolders(&unread)) {
         std::size_t count = 0;
-        for (const Address& address : recordsOf(folder)) {
+        for (const Address& address : recordsIn(folder)) {
             count += address.isInternal() ? 0 : 1;
         }
         records += count;
@@ -104,6 +105,9 @@ Status run(Context& context) {
     }
     output.line(fmt::format("records    {}", records));
     output.table(table);
+    for (const Failure& failure : unread) {
+        output.warn(failure.what());
+    }
     output.document({{"database", jsonText(here)},
                      {"password", toJson(protection)},
                      {"oldDatabase", hasOld},
@@ -111,7 +115,7 @@ Status run(Context& context) {
                      {"lost", namesOf(lost)},
                      {"records", records},
                      {"folders", folders}});
-    return kOk;
+    return unread.empty() ? kOk : kPartial;
 }
 
 }  // namespace

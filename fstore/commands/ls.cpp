@@ -15,7 +15,7 @@
 #include "lib/base/time.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/filter.h"
-#include "lib/records/record.h"
+#include "lib/records/record_head.h"
 #include "lib/records/record_info.h"
 
 namespace fstore {
@@ -39,17 +39,18 @@ struct Options {
 struct Listing {
     std::vector<RecordInfo> records;
     std::vector<std::pair<Address, Failure>> damaged;
+    Unread unread;  // folders, and records that are too large to be looked at
 };
 
-std::vector<Address> addressesOf(const Options& options) {
+std::vector<Address> addressesOf(const Options& options, Unread& unread) {
     if (!options.folder) {
-        return allRecords();
+        return allRecords(&unread);
     }
     const std::string folder = parseFolder(*options.folder);
     std::vector<Address> found;
-    for (const std::string& each : allFolders()) {
+    for (const std::string& each : allFolders(&unread)) {
         if (folder.empty() || each == folder || each.starts_with(folder + "/")) {
-            const auto inside = recordsOf(each);
+            const auto inside = recordsIn(each);
             found.insert(found.end(), inside.begin(), inside.end());
         }
     }
@@ -88,26 +89,33 @@ auto readSideBySide(const Database& database, const std::vector<Address>& addres
     return results;
 }
 
-Record readFor(bool unlocked, const Address& address) {
-    Record record = Record::read(address);
-    if (unlocked) {
+// Calls use(record, its description), with as much of the record as a listing needs.
+template <class Use>
+void lookAt(const Address& address, bool unlocked, Use use) {
+    const RecordHead head = RecordHead::read(address);
+    if (unlocked && head.hasSecrets()) {
+        Record record = readUnasked(head);
         record.decrypt();
+        use(record, infoOf(record));
+    } else {
+        use(head, infoOf(head));
     }
-    return record;
 }
 
 // The digests of all keys, in whatever folder.
 std::set<std::string> keysOf(Database& database) {
     const bool unlocked = database.isOpen();
     std::set<std::string> keys;
-    auto parts = readSideBySide(database, allRecords(), [unlocked](Addresses addresses) {
+    Unread elsewhere;  // told about when it is listed
+    auto parts = readSideBySide(database, allRecords(&elsewhere), [unlocked](Addresses addresses) {
         std::set<std::string> found;
         for (const Address& address : addresses) {
             try {
-                const RecordInfo info = infoOf(readFor(unlocked, address));
-                if (info.kind == Kind::kKey && !info.keySha256.empty()) {
-                    found.insert(info.keySha256);
-                }
+                lookAt(address, unlocked, [&](const auto&, const RecordInfo& info) {
+                    if (info.kind == Kind::kKey && !info.keySha256.empty()) {
+                        found.insert(info.keySha256);
+                    }
+                });
             } catch (const Failure&) {
                 // told about when it is its turn to be listed
             }
@@ -141,11 +149,13 @@ Listing readPart(Addresses addresses, const Filter& filter, bool unlocked) {
     Listing listing;
     for (const Address& address : addresses) {
         try {
-            const Record record = readFor(unlocked, address);
-            RecordInfo info = infoOf(record);
-            if (filter.matches(record, info)) {
-                listing.records.push_back(std::move(info));
-            }
+            lookAt(address, unlocked, [&](const auto& record, RecordInfo info) {
+                if (filter.matches(record, info)) {
+                    listing.records.push_back(std::move(info));
+                }
+            });
+        } catch (const TooLarge& failure) {
+            listing.unread.push_back(failure);
         } catch (const Failure& failure) {
             listing.damaged.emplace_back(address, failure);
         }
@@ -163,10 +173,11 @@ Listing list(const Options& options, Database& database) {
     const auto read = [&filter, unlocked](Addresses addresses) {
         return readPart(addresses, filter, unlocked);
     };
-    auto parts = readSideBySide(database, addressesOf(options), read);
+    auto parts = readSideBySide(database, addressesOf(options, listing.unread), read);
     for (Listing& part : parts) {
         std::ranges::move(part.records, std::back_inserter(listing.records));
         std::ranges::move(part.damaged, std::back_inserter(listing.damaged));
+        std::ranges::move(part.unread, std::back_inserter(listing.unread));
     }
     sort(listing.records, options.order);
     return listing;
@@ -213,6 +224,9 @@ void print(const Listing& listing, Output& output) {
     for (const auto& [address, failure] : listing.damaged) {
         output.warn(failure.what());
     }
+    for (const Failure& failure : listing.unread) {
+        output.warn(failure.what());
+    }
 }
 
 Json toDocument(const Listing& listing) {
@@ -223,7 +237,11 @@ Json toDocument(const Listing& listing) {
     for (const auto& [address, failure] : listing.damaged) {
         records.push_back(failureToJson(address.print(), failure));
     }
-    return {{"records", std::move(records)}};
+    Json unread = Json::array();
+    for (const Failure& failure : listing.unread) {
+        unread.push_back({{"path", jsonText(failure.path())}, {"error", errorToJson(failure)}});
+    }
+    return {{"records", std::move(records)}, {"unread", std::move(unread)}};
 }
 
 Status run(const Options& options, Context& context) {
@@ -236,7 +254,10 @@ Status run(const Options& options, Context& context) {
         print(listing, context.output);
     }
     const bool matched = options.failOnMatch && !listing.records.empty();
-    return matched || !listing.damaged.empty() ? kFound : kOk;
+    if (matched || !listing.damaged.empty()) {
+        return kFound;
+    }
+    return listing.unread.empty() ? kOk : kPartial;
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ bool isKey(const Address& address) {
         return true;
     }
     try {
-        return infoOf(Record::read(address)).kind == Kind::kKey;
+        return infoOf(RecordHead::read(address)).kind == Kind::kKey;
     } catch (const Failure&) {
         return false;  // a damaged record elsewhere
     }

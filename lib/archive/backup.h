@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "lib/archive/archive.h"
+#include "lib/archive/tree.h"
 #include "lib/base/files.h"
 #include "lib/database/database.h"
 
@@ -15,7 +16,7 @@ namespace fstore {
 
 struct BackupReport {
     ArchiveTotals totals;
-    std::vector<std::string> leftOut;  // links and special files, which no database has
+    std::vector<LeftOut> leftOut;
 };
 
 // Writes the database into the file as it is, damaged or not; needs no password. Then reads

@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 
+#include <climits>
+#include <cstdint>
 #include <utility>
 
 #include <fmt/format.h>
@@ -16,6 +18,7 @@ namespace fstore {
 namespace {
 
 constexpr mode_t kPermissions = 0777;
+constexpr std::uint64_t kMostFile = 0xFFFFFFFF;  // the size of a body has 32 bits
 
 unsigned int modeOf(const struct stat& status) {
     return static_cast<unsigned int>(status.st_mode & kPermissions);
@@ -29,11 +32,15 @@ void addFolder(const std::string& folder, const std::string& path, ArchiveWriter
     writer.addFolder({true, path, modeOf(status), 0});
 }
 
-void addFile(const std::string& name, const std::string& path, ArchiveWriter& writer) {
+// False for what can be no file of a database: one larger than a body can be.
+bool addFile(const std::string& name, const std::string& path, ArchiveWriter& writer) {
     const os::File file = os::openFile(name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     struct stat status {};
     if (!file || os::fstat(file.get(), &status) != 0) {
         failWithErrno("open", name);
+    }
+    if (static_cast<std::uint64_t>(status.st_size) > kMostFile) {
+        return false;
     }
     writer.beginFile({false, path, modeOf(status), static_cast<std::uint64_t>(status.st_size)});
     std::vector<unsigned char> piece(1 << 18);
@@ -45,24 +52,36 @@ void addFile(const std::string& name, const std::string& path, ArchiveWriter& wr
         failWithErrno("read", name);
     }
     writer.endFile();
+    return true;
+}
+
+// Whether the system refuses the path. The store uses the same paths, so no record is deeper.
+bool isTooDeep(const std::string& path) {
+    return path.size() >= PATH_MAX;
 }
 
 // NOLINTNEXTLINE(misc-no-recursion): as deep as folders are
 void addFolderTree(const std::string& folder, const std::string& path, ArchiveWriter& writer,
-                   std::vector<std::string>& leftOut) {
+                   std::vector<LeftOut>& leftOut) {
     addFolder(folder, path, writer);
     for (const FolderEntry& entry : listFolder(folder)) {
         const std::string name = joined(folder, entry.name);
         const std::string inside = joined(path, entry.name);
+        if (isTooDeep(name)) {
+            leftOut.push_back({name, "its path is longer than the system takes"});
+            continue;
+        }
         switch (entry.type) {
             case FolderEntry::Type::kFolder:
                 addFolderTree(name, inside, writer, leftOut);
                 break;
             case FolderEntry::Type::kFile:
-                addFile(name, inside, writer);
+                if (!addFile(name, inside, writer)) {
+                    leftOut.push_back({name, "it is larger than any file of a database"});
+                }
                 break;
             case FolderEntry::Type::kOther:
-                leftOut.push_back(name);
+                leftOut.push_back({name, "it is neither a file nor a folder"});
                 break;
         }
     }
@@ -123,8 +142,8 @@ ArchiveTotals verifyArchive(const os::File& file, const std::string& name) {
     return reader.totals();
 }
 
-std::vector<std::string> addTree(const std::string& folder, ArchiveWriter& writer) {
-    std::vector<std::string> leftOut;
+std::vector<LeftOut> addTree(const std::string& folder, ArchiveWriter& writer) {
+    std::vector<LeftOut> leftOut;
     addFolderTree(folder, kArchiveRoot, writer, leftOut);
     return leftOut;
 }

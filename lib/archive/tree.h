@@ -19,9 +19,15 @@ ArchiveReader::Source archiveSource(const os::File& file, const std::string& nam
 // Reads the archive to its end, which verifies it.
 ArchiveTotals verifyArchive(const os::File& file, const std::string& name);
 
-// Adds the folder with all files and folders in it, as "db". Returns the paths of links and
-// special files, which it leaves out; no database has any.
-std::vector<std::string> addTree(const std::string& folder, ArchiveWriter& writer);
+// What no database has: a link, a special file, a file that is larger than a body can be, or a
+// path that is longer than the system takes.
+struct LeftOut {
+    std::string path;
+    const char* reason;  // a clause about it
+};
+
+// Adds the folder with all files and folders in it, as "db", and returns what it leaves out.
+std::vector<LeftOut> addTree(const std::string& folder, ArchiveWriter& writer);
 
 // Creates the folder, which must not exist, from an archive, reads it back, and makes it
 // durable. Modes are those of the archive. A failure leaves a part of it.

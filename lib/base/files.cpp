@@ -238,6 +238,27 @@ std::vector<FolderEntry> listFolder(const std::string& path) {
     return entries;
 }
 
+void readInPieces(const std::string& path, const PieceUser& use) {
+    os::File file;
+    off_t size = 0;
+    switch (os::openRegular(path.c_str(), file, size, os::Links::kRefuse)) {
+        case os::Opened::kRegular:
+            break;
+        case os::Opened::kNotRegular:
+            throw Failure(kMalformed, fmt::format("{} is not a regular file", path), path);
+        case os::Opened::kFailed:
+            failWithErrno("open", path);
+    }
+    std::vector<unsigned char> piece(1 << 16);
+    ssize_t got = 0;
+    while ((got = os::readSome(file.get(), piece.data(), piece.size())) > 0) {
+        use(std::span(piece).first(static_cast<std::size_t>(got)));
+    }
+    if (got < 0) {
+        failWithErrno("read", path);
+    }
+}
+
 bool exists(const std::string& path) {
     struct stat status {};
     if (os::lstat(path.c_str(), &status) == 0) {

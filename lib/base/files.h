@@ -6,6 +6,7 @@
 #define LIB_BASE_FILES_H
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -80,6 +81,10 @@ struct FolderEntry {
 // The entries of a folder by name, without "." and "..".
 std::vector<FolderEntry> listFolder(const std::string& path);
 std::vector<FolderEntry> readFolder(const std::string& path);  // in no order
+
+// Calls use(piece) for the bytes of a regular file, one piece after the other; not through a link.
+using PieceUser = std::function<void(std::span<const unsigned char>)>;
+void readInPieces(const std::string& path, const PieceUser& use);
 
 bool exists(const std::string& path);  // not following a link; throws if it cannot know
 

@@ -95,7 +95,7 @@ CheckReport checkDatabase(Database& database, const CheckOptions& options) {
     }
     if (options.deep) {
         const Hold hold = database.enter(accessFor(options), Need::kSecrets);
-        report.deep = readEverything(database.observer(), "Checking");
+        report.deep = readEverything(database.observer(), "Checking", Bodies::kUnasked);
     }
     return report;
 }

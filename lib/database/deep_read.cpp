@@ -4,12 +4,20 @@
 
 #include <fmt/format.h>
 
+#include "lib/base/files.h"
 #include "lib/base/sha256.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/record.h"
+#include "lib/records/record_head.h"
 
 namespace fstore {
 namespace {
+
+[[noreturn]] void failOnBody(const Address& address) {
+    throw Failure(kMalformed,
+                  fmt::format("the body of {} does not match its SHA-256", address.print()),
+                  address.print());
+}
 
 // A digest over a sequence of byte strings, each preceded by its length.
 class Fingerprint {
@@ -22,10 +30,10 @@ public:
     void add(std::string_view text) {
         add(std::span(reinterpret_cast<const unsigned char*>(text.data()), text.size()));
     }
-    void add(const Record& record) {
+    template <class AnyRecord>
+    void addDescription(const AnyRecord& record) {
         add(record.address().print());
         add(fmt::format("{} {} {}", record.hasBody(), record.isBodyEncrypted(), record.count()));
-        add(record.body());
         for (unsigned int i = 0; i < record.count(); ++i) {
             add(fmt::format("{} {} {}", record.type(i), record.id(i), record.isEncrypted(i)));
             add(record.bytes(i));
@@ -49,21 +57,49 @@ std::uint64_t secretsOf(const Record& record) {
     return secrets;
 }
 
+// A record with secrets has to be decrypted as a whole.
+void readSecrets(Record record, DeepReport& report, Fingerprint& fingerprint) {
+    record.decrypt();
+    report.secrets += secretsOf(record);
+    fingerprint.addDescription(record);
+    fingerprint.add(record.body());
+    checkBody(record);
+}
+
+// The body of one without takes no memory.
+void readPlain(const RecordHead& head, Fingerprint& fingerprint) {
+    Sha256 body;
+    if (head.hasBody()) {
+        readInPieces(head.bodyPath(),
+                     [&](std::span<const unsigned char> piece) { body.add(piece); });
+    }
+    const Sha256Digest digest = body.finish();
+    fingerprint.addDescription(head);
+    fingerprint.add(digest);
+    if (head.findSha256() && !std::ranges::equal(*head.findSha256(), digest)) {
+        failOnBody(head.address());
+    }
+}
+
 }  // namespace
 
-DeepReport readEverything(Observer& observer, const std::string& what) {
-    const std::vector<Address> addresses = allRecords();
-    Progress progress(observer, what, addresses.size());
+DeepReport readEverything(Observer& observer, const std::string& what, Bodies bodies) {
     DeepReport report;
+    const std::vector<Address> addresses = allRecords(&report.unread);
+    Progress progress(observer, what, addresses.size());
     Fingerprint fingerprint;
     for (const Address& address : addresses) {
         ++report.records;
         try {
-            Record record = Record::read(address);
-            record.decrypt();
-            report.secrets += secretsOf(record);
-            fingerprint.add(record);
-            checkBody(record);
+            const RecordHead head = RecordHead::read(address);
+            if (!head.hasSecrets()) {
+                readPlain(head, fingerprint);
+            } else {
+                readSecrets(bodies == Bodies::kAll ? Record::read(address) : readUnasked(head),
+                            report, fingerprint);
+            }
+        } catch (const TooLarge& failure) {
+            report.unread.push_back(failure);
         } catch (const Failure& failure) {
             report.damaged.push_back({address, failure.status(), failure.what()});
         }
@@ -76,10 +112,7 @@ DeepReport readEverything(Observer& observer, const std::string& what) {
 void checkBody(const Record& record) {
     const auto expected = record.binary(attr::kSha256);
     if (expected && !std::ranges::equal(*expected, sha256(record.body()))) {
-        throw Failure(
-            kMalformed,
-            fmt::format("the body of {} does not match its SHA-256", record.address().print()),
-            record.address().print());
+        failOnBody(record.address());
     }
 }
 

@@ -23,14 +23,20 @@ struct DeepReport {
     std::uint64_t records = 0;
     std::uint64_t secrets = 0;  // encrypted bodies and attributes
     std::vector<DamagedRecord> damaged;
+    std::vector<Failure> unread;  // folders and records that were not looked at
     // A digest of all contents in plain form: the same before and after a change of the
     // password.
     std::vector<unsigned char> fingerprint;
 };
 
+enum class Bodies {
+    kAll,
+    kUnasked  // a record whose body has more than kMostUnasked bytes is not read
+};
+
 // Reads every record but the internal ones; each is a step of the work that `what` names.
 // The database is open. Throws kInterrupted.
-DeepReport readEverything(Observer& observer, const std::string& what);
+DeepReport readEverything(Observer& observer, const std::string& what, Bodies bodies);
 
 // Throws kMalformed when the body of a readable record does not match its attributes.
 void checkBody(const Record& record);

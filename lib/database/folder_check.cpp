@@ -15,15 +15,13 @@
 #include "lib/base/files.h"
 #include "lib/base/sha256.h"
 #include "lib/records/descriptor.h"
-#include "lib/records/record.h"
+#include "lib/records/record_head.h"
 
 namespace fstore {
 namespace {
 
 using FindingKind = Finding::Kind;
 using Repair = Finding::Repair;
-
-constexpr std::uint64_t kMostBytes = 1U << 30;  // of a descriptor
 
 // A file that can name a body: a descriptor under its own name, or with a marker behind it.
 struct Namer {
@@ -70,6 +68,12 @@ std::string faultOf(std::string_view text, const std::vector<DescriptorLine>& li
     return odd == lines.end() ? std::string()
                               : fmt::format("has a line that the store does not write: line {}",
                                             odd - lines.begin() + 1);
+}
+
+Sha256Digest digestOf(const std::string& path) {
+    Sha256 digest;
+    readInPieces(path, [&](std::span<const unsigned char> piece) { digest.add(piece); });
+    return digest.finish();
 }
 
 class FolderCheck {
@@ -128,7 +132,7 @@ private:
 
     void examineText(Namer& namer) {
         try {
-            const SecretBytes bytes = InputFile(joined(path_, namer.file)).readAll(kMostBytes);
+            const SecretBytes bytes = readDescriptorBytes(joined(path_, namer.file));
             const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
             const std::vector<DescriptorLine> lines = parseDescriptor(text);
             namer.body = bodyNameOf(lines);
@@ -188,10 +192,17 @@ private:
         }
     }
 
-    // The record as the store reads it.
-    std::optional<Record> read(const Namer& namer, std::string& reason) const {
+    // The record, if the store can read it, and the digest of its body file.
+    struct Readable {
+        RecordHead head;
+        std::optional<Sha256Digest> body;
+    };
+    std::optional<Readable> read(const Namer& namer, std::string& reason) const {
         try {
-            return Record::read({folder_, std::string(withoutMarker(namer.file, kDscSuffix))});
+            RecordHead head =
+                RecordHead::read({folder_, std::string(withoutMarker(namer.file, kDscSuffix))});
+            auto body = head.hasBody() ? std::optional(digestOf(head.bodyPath())) : std::nullopt;
+            return Readable{std::move(head), body};
         } catch (const Failure& failure) {
             reason = failure.what();
             return std::nullopt;
@@ -221,7 +232,7 @@ private:
 
     void examineDescriptor(const Namer& namer) {
         std::string reason;
-        const std::optional<Record> record = read(namer, reason);
+        const std::optional<Readable> record = read(namer, reason);
         if (namer.body && !isBodyName(*namer.body)) {
             damaged(namer, fmt::format("names {} as its body file, and no body can have that name",
                                        *namer.body));
@@ -231,7 +242,7 @@ private:
             damaged(namer, namer.fault);
         } else if (!record) {
             damaged(namer, reason);
-        } else if (isReferenceOfSecret(*record)) {
+        } else if (isReferenceOfSecret(record->head)) {
             damaged(namer, "names a body as plain, though the body's SHA-256 is encrypted");
         } else if (!isBodyAsSaid(*record)) {
             damaged(namer, "names a body that does not match its SHA-256");
@@ -239,7 +250,7 @@ private:
     }
 
     // Nobody encrypts the digest of what everybody can read.
-    static bool isReferenceOfSecret(const Record& record) {
+    static bool isReferenceOfSecret(const RecordHead& record) {
         bool isSecret = false;
         for (unsigned int i = 0; i < record.count(); ++i) {
             isSecret = isSecret || (record.id(i) == attr::kSha256 && record.isEncrypted(i));
@@ -249,12 +260,10 @@ private:
 
     // As far as it can be told without the key: a plain body is the one that its SHA-256 was taken
     // of, and an encrypted one is not.
-    static bool isBodyAsSaid(const Record& record) {
-        const auto digest = record.binary(attr::kSha256);
-        if (!digest || !record.hasBody()) {
-            return true;
-        }
-        return std::ranges::equal(*digest, sha256(record.body())) != record.isBodyEncrypted();
+    static bool isBodyAsSaid(const Readable& record) {
+        const auto digest = record.head.findSha256();
+        return !digest || !record.body ||
+               std::ranges::equal(*digest, *record.body) != record.head.isBodyEncrypted();
     }
 
     void examineLeaving(const Namer& namer) {

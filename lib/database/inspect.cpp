@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <set>
 
+#include <fmt/format.h>
+
 #include "format/layout.h"
 #include "format/record_name.h"
 #include "lib/base/error.h"
@@ -123,8 +125,13 @@ std::vector<Finding> inspect() {
                             "is the database before the last change of the password or the last "
                             "restore; delete it when you no longer need it"});
     }
-    for (const std::string& folder : allFolders()) {
+    Unread unread;
+    for (const std::string& folder : allFolders(&unread)) {
         checkFolder(folder, findings);
+    }
+    for (const Failure& failure : unread) {
+        findings.push_back({FindingKind::kDamaged, failure.path(),
+                            fmt::format("cannot be looked at: {}", failure.what())});
     }
     return findings;
 }

@@ -44,7 +44,15 @@ void keepWhatIsAside(Observer& observer) {
 }
 
 DeepReport readSound(Observer& observer, const char* what) {
-    DeepReport report = readEverything(observer, what);
+    DeepReport report = readEverything(observer, what, Bodies::kAll);
+    if (!report.unread.empty()) {
+        const Failure& first = report.unread.front();
+        throw Failure(kFound,
+                      fmt::format("the password was not changed, since not all of the database "
+                                  "can be read: {}",
+                                  first.what()),
+                      first.path());
+    }
     if (!report.damaged.empty()) {
         const DamagedRecord& first = report.damaged.front();
         throw Failure(

@@ -16,7 +16,7 @@ namespace {
 // its two renames leaves it: listing and reading would put it back.
 bool hasLoneSaved(const std::string& folder, const std::vector<FolderEntry>& entries) {
     return std::ranges::any_of(entries, [&](const FolderEntry& entry) {
-        return hasMarker(entry.name, kOldMarker) &&
+        return entry.type == FolderEntry::Type::kFile && hasMarker(entry.name, kOldMarker) &&
                !exists(joinPath(folderPath(folder), withoutMarker(entry.name, kOldMarker)));
     });
 }
@@ -39,17 +39,21 @@ bool needsRecovery() {
         return true;
     }
     bool found = false;
-    visitFolders([&](const std::string& folder, const std::vector<FolderEntry>& entries) {
-        found = found || hasLoneSaved(folder, entries);
-    });
+    Unread beyondRepair;  // the command that follows meets them, too
+    visitFolders(
+        [&](const std::string& folder, const std::vector<FolderEntry>& entries) {
+            found = found || hasLoneSaved(folder, entries);
+        },
+        &beyondRepair);
     return found;
 }
 
 Protection recover(StoreService& store) {
     store.makeFolders();
     dropCopy();
-    for (const std::string& folder : allFolders()) {
-        (void)recordsOf(folder);  // the listing puts back what was moved aside
+    Unread beyondRepair;  // the command that follows meets them, too
+    for (const std::string& folder : allFolders(&beyondRepair)) {
+        (void)recordsIn(folder);  // the listing puts back what was moved aside
     }
     Protection protection = readProtection();
     return protection.isUndone() ? dropNewSlot(protection) : protection;

@@ -1,6 +1,7 @@
 #include "lib/records/catalogue.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include <fmt/format.h>
@@ -8,6 +9,7 @@
 #include "client/file_store_exp.h"
 #include "lib/base/error.h"
 #include "lib/records/record.h"
+#include "lib/records/record_head.h"
 #include "lib/records/record_info.h"
 #include "os/files.h"
 
@@ -26,13 +28,32 @@ bool isFolder(const std::string& folder) {
     return true;
 }
 
+// What read() finds; nothing when it fails and that is noted.
+template <class Read>
+auto noting(Unread* unread, Read read) -> decltype(read()) {
+    try {
+        return read();
+    } catch (const Failure& failure) {
+        if (unread == nullptr) {
+            throw;
+        }
+        unread->push_back(failure);
+        return {};
+    }
+}
+
 // NOLINTNEXTLINE(misc-no-recursion): as deep as folders are
-void visitFoldersFrom(const std::string& folder, const FolderVisitor& visit) {
+void visitFoldersFrom(const std::string& folder, const FolderVisitor& visit, Unread* unread) {
     std::vector<std::string> inside;
     {
-        const std::vector<FolderEntry> entries = readFolder(folderPath(folder));
-        visit(folder, entries);
-        for (const FolderEntry& entry : entries) {
+        // Nobody can do without that of "db" itself.
+        const auto entries = noting(folder.empty() ? nullptr : unread,
+                                    [&] { return std::optional(readFolder(folderPath(folder))); });
+        if (!entries) {
+            return;
+        }
+        visit(folder, *entries);
+        for (const FolderEntry& entry : *entries) {
             if (entry.type == FolderEntry::Type::kFolder) {
                 inside.push_back(folder.empty() ? entry.name : joined(folder, entry.name));
             }
@@ -40,13 +61,14 @@ void visitFoldersFrom(const std::string& folder, const FolderVisitor& visit) {
     }
     std::sort(inside.begin(), inside.end());
     for (const std::string& each : inside) {
-        visitFoldersFrom(each, visit);
+        visitFoldersFrom(each, visit, unread);
     }
 }
 
 std::vector<Address> candidates(const AddressText& text) {
     std::vector<Address> found;
-    for (const Address& address : allRecords()) {
+    Unread elsewhere;  // what cannot be read is not what is meant; ls and check tell about it
+    for (const Address& address : allRecords(&elsewhere)) {
         if (text.form == AddressText::Form::kBare) {
             if (address.name == text.place.name) {
                 found.push_back(address);
@@ -54,7 +76,7 @@ std::vector<Address> candidates(const AddressText& text) {
             continue;
         }
         try {
-            if (infoOf(Record::read(address)).sha256.starts_with(text.digest)) {
+            if (infoOf(RecordHead::read(address)).sha256.starts_with(text.digest)) {
                 found.push_back(address);
             }
         } catch (const Failure&) {
@@ -73,24 +95,23 @@ void requireFolder(const std::string& folder) {
     }
 }
 
-std::vector<std::string> allFolders() {
+std::vector<std::string> allFolders(Unread* unread) {
     std::vector<std::string> folders;
-    visitFolders([&](const std::string& folder, const std::vector<FolderEntry>&) {
-        folders.push_back(folder);
-    });
+    visitFolders([&](const std::string& folder,
+                     const std::vector<FolderEntry>&) { folders.push_back(folder); },
+                 unread);
     return folders;
 }
 
-void visitFolders(const FolderVisitor& visit) {
-    visitFoldersFrom("", visit);
+void visitFolders(const FolderVisitor& visit, Unread* unread) {
+    visitFoldersFrom("", visit, unread);
 }
 
-std::vector<Address> recordsOf(const std::string& folder) {
+std::vector<Address> recordsIn(const std::string& folder) {
     aFileStoreList list;
     if (list.target() == nullptr) {
         throw noService();
     }
-    requireFolder(folder);
     const std::string path = folderPath(folder);
     check(list.readFromFolder(path.c_str()), fmt::format("cannot list {}", path), path);
     std::vector<Address> found;
@@ -101,10 +122,10 @@ std::vector<Address> recordsOf(const std::string& folder) {
     return found;
 }
 
-std::vector<Address> allRecords() {
+std::vector<Address> allRecords(Unread* unread) {
     std::vector<Address> found;
-    for (const std::string& folder : allFolders()) {
-        for (Address& address : recordsOf(folder)) {
+    for (const std::string& folder : allFolders(unread)) {
+        for (Address& address : noting(unread, [&] { return recordsIn(folder); })) {
             if (!address.isInternal()) {
                 found.push_back(std::move(address));
             }

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/records/address.h"
 
@@ -17,20 +18,24 @@ namespace fstore {
 // Throws kMissing unless the folder is there, as a folder and not as a link to one.
 void requireFolder(const std::string& folder);
 
+// Folders that could not be looked into, and why: they are deeper than the system takes paths,
+// or do not let themselves be read. Null where that ends the operation.
+using Unread = std::vector<Failure>;
+
 // The folders below "db" that are there, their parents before them; the first is "db"
 // itself, as the empty text.
-std::vector<std::string> allFolders();
+std::vector<std::string> allFolders(Unread* unread = nullptr);
 
 // Calls visit(folder, what is in it, in no order) for each of them.
 using FolderVisitor = std::function<void(const std::string&, const std::vector<FolderEntry>&)>;
-void visitFolders(const FolderVisitor& visit);
+void visitFolders(const FolderVisitor& visit, Unread* unread = nullptr);
 
-// The records of one folder, by name. What a crash left behind must have been
-// repaired: listing would do it otherwise.
-std::vector<Address> recordsOf(const std::string& folder);
+// The records of a folder that allFolders() has found, by name. What a crash left behind must have
+// been repaired: listing would do it otherwise.
+std::vector<Address> recordsIn(const std::string& folder);
 
 // All records but the internal ones, by folder and name.
-std::vector<Address> allRecords();
+std::vector<Address> allRecords(Unread* unread = nullptr);
 
 // The record that the user's words stand for. Throws kMissing for none and kInvalid
 // when there are several.

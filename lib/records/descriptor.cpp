@@ -4,14 +4,14 @@
 #include <new>
 #include <utility>
 
+#include <fmt/format.h>
+
 #include "format/body_reference.h"
 #include "format/dsc_text.h"
-#include "lib/base/files.h"
+#include "os/files.h"
 
 namespace fstore {
 namespace {
-
-constexpr std::uint64_t kMostBytes = 1u << 30;
 
 DescriptorLine parseLine(const char* text) {
     using Form = DescriptorLine::Form;
@@ -60,8 +60,38 @@ std::vector<DescriptorLine> parseDescriptor(std::string_view text) {
     return parseInPlace({text.begin(), text.end()});
 }
 
+TooLarge tooLarge(const std::string& path, std::uint64_t size) {
+    return {kMalformed,
+            fmt::format("{} was not read: it has {} bytes, and a descriptor has at most {}", path,
+                        size, kMostDescriptor),
+            path};
+}
+
+SecretBytes readDescriptorBytes(const std::string& path) {
+    os::File file;
+    off_t size = 0;
+    switch (os::openRegular(path.c_str(), file, size, os::Links::kRefuse)) {
+        case os::Opened::kRegular:
+            break;
+        case os::Opened::kNotRegular:
+            throw Failure(kMalformed, fmt::format("{} is not a regular file", path), path);
+        case os::Opened::kFailed:
+            failWithErrno("open", path);
+    }
+    if (static_cast<std::uint64_t>(size) > kMostDescriptor) {
+        throw tooLarge(path, static_cast<std::uint64_t>(size));
+    }
+    SecretBytes bytes;
+    bytes.reserve(static_cast<std::size_t>(size) + 1);  // for the byte that the line reader wants
+    bytes.resize(static_cast<std::size_t>(size));
+    if (!os::readAll(file.get(), bytes.data(), bytes.size())) {
+        failWithErrno("read", path);
+    }
+    return bytes;
+}
+
 std::vector<DescriptorLine> readDescriptor(const std::string& path) {
-    return parseInPlace(InputFile(path).readAll(kMostBytes));
+    return parseInPlace(readDescriptorBytes(path));
 }
 
 std::optional<std::string> bodyNameOf(const std::vector<DescriptorLine>& lines) {

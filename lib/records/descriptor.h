@@ -4,12 +4,26 @@
 #ifndef LIB_RECORDS_DESCRIPTOR_H
 #define LIB_RECORDS_DESCRIPTOR_H
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "cmn/secret_bytes.h"
+#include "lib/base/error.h"
+
 namespace fstore {
+
+// The largest descriptor that is read: several times what the largest object takes. Its lines
+// take twenty times as much memory.
+inline constexpr std::uint64_t kMostDescriptor = 16 << 20;
+
+// Something was not looked at, because it is larger than what is read unasked.
+class TooLarge : public Failure {
+public:
+    using Failure::Failure;
+};
 
 struct DescriptorLine {
     enum class Form {
@@ -33,7 +47,14 @@ struct DescriptorLine {
 
 std::vector<DescriptorLine> parseDescriptor(std::string_view text);
 
-// The lines of the descriptor file at `path`. Throws when it cannot be read.
+// A descriptor of this size, which is more than kMostDescriptor.
+TooLarge tooLarge(const std::string& path, std::uint64_t size);
+
+// The bytes of the descriptor file at `path`, not following a link. Throws TooLarge for more
+// than kMostDescriptor, and a Failure when it cannot be read.
+SecretBytes readDescriptorBytes(const std::string& path);
+
+// Its lines.
 std::vector<DescriptorLine> readDescriptor(const std::string& path);
 
 // The name of the body file, as written. isBodyName() may be false for it. None also when

@@ -64,11 +64,63 @@ Filter::Filter(const Filters& filters, std::int64_t now) : filters_(filters), no
     }
 }
 
+template <class AnyRecord>
+bool Filter::matchesAttribute(const AnyRecord& record, const Attribute& wanted) {
+    for (unsigned int i = 0; i < record.count(); ++i) {
+        if (record.id(i) != wanted.id) {
+            continue;
+        }
+        if (!wanted.value) {
+            return true;
+        }
+        if (!record.isKnown(i)) {
+            continue;
+        }
+        const auto bytes = record.bytes(i);
+        std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+        switch (record.type(i)) {
+            case kTypeNumber: {
+                const auto number = parseNumber(*wanted.value);
+                if (number && asNumber(kTypeNumber, bytes) == *number) {
+                    return true;
+                }
+                break;
+            }
+            case kTypeBinary: {
+                const auto value = fromHex(*wanted.value);
+                if ((value && std::ranges::equal(*value, bytes)) ||
+                    hasPattern(*wanted.value, text)) {
+                    return true;
+                }
+                break;
+            }
+            default:
+                text = text.substr(0, text.find('\0'));
+                if (hasPattern(*wanted.value, text)) {
+                    return true;
+                }
+                break;
+        }
+    }
+    return false;
+}
+
+bool Filter::matchesInfo(const RecordInfo& info) const {
+    return matchesExpiry(info) && matchesNames(info) && matchesDigits(info) && matchesKey(info);
+}
+
+template <class AnyRecord>
+bool Filter::matchesAttributes(const AnyRecord& record) const {
+    return std::ranges::all_of(
+        attributes_, [&](const Attribute& wanted) { return matchesAttribute(record, wanted); });
+}
+
 bool Filter::matches(const Record& record, const RecordInfo& info) const {
-    return matchesExpiry(info) && matchesNames(info) && matchesDigits(info) && matchesKey(info) &&
-           std::ranges::all_of(attributes_, [&](const Attribute& wanted) {
-               return matchesAttribute(record, wanted);
-           });
+    return matchesInfo(info) && matchesAttributes(record);
+}
+
+bool Filter::matches(const RecordHead& head, const RecordInfo& info) const {
+    return matchesInfo(info) && matchesAttributes(head);
 }
 
 bool Filter::matchesExpiry(const RecordInfo& info) const {
@@ -117,46 +169,6 @@ bool Filter::matchesKey(const RecordInfo& info) const {
         return false;
     }
     return (!info.keySha256.empty() && keys_.contains(info.keySha256)) == filters_.hasKey;
-}
-
-bool Filter::matchesAttribute(const Record& record, const Attribute& wanted) {
-    for (unsigned int i = 0; i < record.count(); ++i) {
-        if (record.id(i) != wanted.id) {
-            continue;
-        }
-        if (!wanted.value) {
-            return true;
-        }
-        if (!record.isKnown(i)) {
-            continue;
-        }
-        const auto bytes = record.bytes(i);
-        std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-        switch (record.type(i)) {
-            case kTypeNumber: {
-                const auto number = parseNumber(*wanted.value);
-                if (number && record.number(wanted.id) == *number) {
-                    return true;
-                }
-                break;
-            }
-            case kTypeBinary: {
-                const auto value = fromHex(*wanted.value);
-                if ((value && std::ranges::equal(*value, bytes)) ||
-                    hasPattern(*wanted.value, text)) {
-                    return true;
-                }
-                break;
-            }
-            default:
-                text = text.substr(0, text.find('\0'));
-                if (hasPattern(*wanted.value, text)) {
-                    return true;
-                }
-                break;
-        }
-    }
-    return false;
 }
 
 }  // namespace fstore

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "lib/records/record.h"
+#include "lib/records/record_head.h"
 #include "lib/records/record_info.h"
 
 namespace fstore {
@@ -37,6 +38,7 @@ public:
     void setKeys(std::set<std::string> keys) { keys_ = std::move(keys); }
 
     bool matches(const Record& record, const RecordInfo& info) const;
+    bool matches(const RecordHead& head, const RecordInfo& info) const;
 
 private:
     struct Attribute {
@@ -44,11 +46,15 @@ private:
         std::optional<std::string> value;
     };
 
+    bool matchesInfo(const RecordInfo& info) const;
     bool matchesExpiry(const RecordInfo& info) const;
     bool matchesNames(const RecordInfo& info) const;
     bool matchesDigits(const RecordInfo& info) const;
     bool matchesKey(const RecordInfo& info) const;
-    static bool matchesAttribute(const Record& record, const Attribute& wanted);
+    template <class AnyRecord>
+    bool matchesAttributes(const AnyRecord& record) const;
+    template <class AnyRecord>
+    static bool matchesAttribute(const AnyRecord& record, const Attribute& wanted);
 
     Filters filters_;
     std::int64_t now_;

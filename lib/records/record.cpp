@@ -8,6 +8,7 @@
 #include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
+#include "lib/records/descriptor.h"
 #include "os/files.h"
 #include "os/fs.h"
 
@@ -55,21 +56,14 @@ bool sameContents(const Record& a, const Record& b) {
     return true;
 }
 
-void checkRead(Status status, const Address& address) {
-    if (status == kOk) {
-        return;
+// The store would take memory for as large a one as there is.
+void requireModest(const Address& address) {
+    const std::string path = descriptorPath(address);
+    struct stat status {};
+    if (os::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+        static_cast<std::uint64_t>(status.st_size) > kMostDescriptor) {
+        throw tooLarge(path, static_cast<std::uint64_t>(status.st_size));
     }
-    if (status == kMissing && !exists(descriptorPath(address))) {
-        throw noRecord(address.print());
-    }
-    if (status == kMissing) {
-        throw Failure(kMissing,
-                      fmt::format("cannot read {}: its descriptor or its body file is missing or "
-                                  "cannot be opened; run `fstore check`",
-                                  address.print()),
-                      address.print());
-    }
-    check(status, fmt::format("cannot read {}", address.print()), address.print());
 }
 
 }  // namespace
@@ -88,6 +82,7 @@ Record::Record(Address address) : address_(std::move(address)) {
 }
 
 Record Record::read(const Address& address) {
+    requireModest(address);
     Record record(address);
     checkRead(record.store_.read(), address);
     record.readable_ = !record.hasSecrets();
@@ -314,6 +309,23 @@ void Record::removeDescriptors() const {
         }
         syncFolder(folderPath(address_.folder));
     }
+}
+
+void checkRead(Status status, const Address& address) {
+    if (status == kOk) {
+        return;
+    }
+    if (status == kMissing && !exists(descriptorPath(address))) {
+        throw noRecord(address.print());
+    }
+    if (status == kMissing) {
+        throw Failure(kMissing,
+                      fmt::format("cannot read {}: its descriptor or its body file is missing or "
+                                  "cannot be opened; run `fstore check`",
+                                  address.print()),
+                      address.print());
+    }
+    check(status, fmt::format("cannot read {}", address.print()), address.print());
 }
 
 Failure noService() {

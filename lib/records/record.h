@@ -24,12 +24,14 @@ class Record {
 public:
     // The most bytes that a body can have, encrypted or not.
     static constexpr std::uint64_t kMostBody = 0xFFFFFFFF - 64;
+    static constexpr std::uint64_t kMostBodyFile = 0xFFFFFFFF;
 
     // A new record of this address, with nothing in it and not on disk.
     explicit Record(Address address);
 
-    // The record as it is on disk. Throws kMissing when there is none, and what the
-    // store says when it cannot be read.
+    // The record as it is on disk. Throws kMissing when there is none, TooLarge for a descriptor
+    // beyond kMostDescriptor, and what the store says when it cannot be read. For many records
+    // see RecordHead, which takes no memory for bodies.
     static Record read(const Address& address);
 
     // Whether there is a record of this address.
@@ -108,6 +110,9 @@ private:
     aFileStore store_;
     bool readable_ = true;
 };
+
+// Throws what is wrong with a record unless `status`, that of reading it, is kOk.
+void checkRead(Status status, const Address& address);
 
 // What is thrown where the modules give no object, and for an address without a record.
 Failure noService();

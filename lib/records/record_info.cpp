@@ -3,6 +3,7 @@
 #include "lib/base/digits.h"
 #include "lib/base/time.h"
 #include "lib/records/record.h"
+#include "lib/records/record_head.h"
 
 namespace fstore {
 namespace {
@@ -79,20 +80,33 @@ void addTo(RecordInfo& info, unsigned int type, unsigned int id,
     }
 }
 
-}  // namespace
-
-RecordInfo infoOf(const Record& record) {
+// Of a Record or its head.
+template <class AnyRecord>
+RecordInfo describe(const AnyRecord& record) {
     RecordInfo info;
     info.address = record.address();
     info.hasBody = record.hasBody();
     info.bodyEncrypted = record.isBodyEncrypted();
-    info.bodySize = record.body().size();
     const unsigned int count = record.count();
     for (unsigned int i = 0; i < count; ++i) {
         if (record.isKnown(i)) {
             addTo(info, record.type(i), record.id(i), record.bytes(i));
         }
     }
+    return info;
+}
+
+}  // namespace
+
+RecordInfo infoOf(const Record& record) {
+    RecordInfo info = describe(record);
+    info.bodySize = record.body().size();
+    return info;
+}
+
+RecordInfo infoOf(const RecordHead& head) {
+    RecordInfo info = describe(head);
+    info.bodySize = head.bodySize();
     return info;
 }
 

@@ -14,6 +14,7 @@
 namespace fstore {
 
 class Record;
+class RecordHead;
 
 struct RecordInfo {
     Address address;
@@ -29,6 +30,7 @@ struct RecordInfo {
 
 // What can be read of the record now: if it is not decrypted, what is plain.
 RecordInfo infoOf(const Record& record);
+RecordInfo infoOf(const RecordHead& head);
 
 }  // namespace fstore
 

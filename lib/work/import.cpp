@@ -10,6 +10,7 @@
 #include "lib/pki/text.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/record.h"
+#include "lib/records/record_head.h"
 #include "lib/records/record_info.h"
 
 namespace fstore {
@@ -67,21 +68,29 @@ Importer::Importer(Database& database, ImportRules rules,
                                                 objects.size()));
         }
     }
-    for (const Address& address : allRecords()) {
+    Unread unread;
+    for (const Address& address : allRecords(&unread)) {
         try {
-            Record record = Record::read(address);
-            if (database_.isOpen()) {
+            const RecordHead head = RecordHead::read(address);
+            if (database_.isOpen() && head.hasSecrets()) {
+                Record record = readUnasked(head);
                 record.decrypt();
+                (void)index(infoOf(record));
+            } else {
+                (void)index(infoOf(head));
             }
-            (void)index(record);
+        } catch (const TooLarge& failure) {
+            database_.observer().warn(failure.what());
         } catch (const Failure&) {
             // a damaged record is none of the objects; ls and check tell about it
         }
     }
+    for (const Failure& failure : unread) {
+        database_.observer().warn(failure.what());
+    }
 }
 
-RecordInfo Importer::index(const Record& record) {
-    RecordInfo info = infoOf(record);
+RecordInfo Importer::index(RecordInfo info) {
     if (!info.sha256.empty()) {
         present_[{info.kind, info.sha256}].push_back(info.address);
     }
@@ -129,7 +138,7 @@ Importer::Result Importer::import(const PkiObject& object, const std::string& fi
             return std::move(*moved);
         }
     }
-    return {Outcome::kPresent, infoOf(Record::read(found->second.front()))};
+    return {Outcome::kPresent, infoOf(RecordHead::read(found->second.front()))};
 }
 
 Importer::Result Importer::add(const PkiObject& object, const std::string& label, Address address) {
@@ -147,7 +156,7 @@ Importer::Result Importer::add(const PkiObject& object, const std::string& label
     Record record(std::move(address));
     fill(record, object, label);
     record.write();
-    return {Outcome::kAdded, index(record)};
+    return {Outcome::kAdded, index(infoOf(record))};
 }
 
 Importer::Result Importer::replace(const PkiObject& object, const std::string& label,
@@ -170,7 +179,7 @@ Importer::Result Importer::replace(const PkiObject& object, const std::string& l
     }
     fill(record, object, label);
     record.write(owners_);
-    return {Outcome::kReplaced, index(record)};
+    return {Outcome::kReplaced, index(infoOf(record))};
 }
 
 void Importer::fill(Record& record, const PkiObject& object, const std::string& label) const {

@@ -55,8 +55,8 @@ public:
 private:
     using Identity = std::pair<Kind, std::string>;  // the digest in hexadecimal digits
 
-    // Adds the record to the index, and returns its description.
-    RecordInfo index(const Record& record);
+    // Adds the record of this description to the index, and returns it.
+    RecordInfo index(RecordInfo info);
     bool hasKey(const PkiObject& object) const;
     Address addressFor(const PkiObject& object, const std::string& label) const;
     void fill(Record& record, const PkiObject& object, const std::string& label) const;

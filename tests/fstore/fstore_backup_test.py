@@ -131,7 +131,7 @@ class RoundTest(BackupTest):
     def test_what_is_no_file_is_left_out_and_told(self):
         (self.folder / "db/settings/link").symlink_to("/etc/passwd")
         os.mkfifo(self.folder / "db/settings/fifo")
-        run = self.backup()
+        run = self.backup(code=5)
         self.assertIn("warning: left out ./db/settings/fifo: it is neither a file nor a folder",
                       run.message)
         self.assertIn("warning: left out ./db/settings/link", run.message)

@@ -98,7 +98,7 @@ TEST(AddTreeTest, LeavesOutAndTellsWhatIsNoFile) {
     makeDatabase("db", "content");
     std::filesystem::create_symlink("/etc/passwd", "db/link");
     ArchiveWriter writer([](std::span<const unsigned char>) {});
-    EXPECT_THAT(addTree("./db", writer), ElementsAre("./db/link"));
+    EXPECT_THAT(addTree("./db", writer), ElementsAre(testing::Field(&LeftOut::path, "./db/link")));
     EXPECT_EQ(1u, writer.finish().files);
 }
 
