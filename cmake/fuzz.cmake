@@ -11,7 +11,8 @@ function(store_fuzz name)
     elseif(FILESTORE_SANITIZE STREQUAL "thread")
         return()  # no target starts a thread
     else()
-        add_executable(${name} ${name}.cpp ${arg_SOURCES} replay_main.cpp)
+        add_executable(${name} ${name}.cpp ${arg_SOURCES})
+        target_link_libraries(${name} PRIVATE fuzz_replay)
         add_test(NAME ${name}
                  COMMAND ${STORE_TEST_LAUNCHER} $<TARGET_FILE:${name}>
                          ${CMAKE_CURRENT_SOURCE_DIR}/corpus/${name})
