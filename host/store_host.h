@@ -24,9 +24,9 @@ public:
         // The folder of the modules. If empty: the environment's FILESTORE_MODULES, or else
         // the first folder that has the last of `modules`, relative to the program and then
         // to the library that this code is in: ../lib/filestore, filestore, ../lib, and ".".
-        // An absolute path, wherever it comes from: a program enters the folder of a
-        // database, and code is never loaded from there. The environment of a program that
-        // runs with more rights than its caller (AT_SECURE) is not asked.
+        // An absolute path, wherever it comes from: code is never loaded from the folder of a
+        // database, nor from wherever a program happens to be. The environment of a program
+        // that runs with more rights than its caller (AT_SECURE) is not asked.
         std::string folder;
         // Loaded in this order, so that each finds the ones that it calls.
         std::vector<std::string> modules{"x509cmn.so", "pkixkey.so", "pkcs5.so", "filestore.so"};

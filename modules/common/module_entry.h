@@ -57,9 +57,8 @@ inline CMN_GRefPtr<Implementation> ownService;
 // Ends that.
 template <class Implementation>
 void letGoOfService() {
-    CMN_GRefPtr<Implementation>& own = ownService<Implementation>;
-    if (own.get() != nullptr) {
-        leaveToHost(*own.get(), [&own] { own = nullptr; });
+    if (Implementation* const own = ownService<Implementation>.get()) {
+        leaveToHost(*own, [] { ownService<Implementation> = nullptr; });
     }
 }
 
