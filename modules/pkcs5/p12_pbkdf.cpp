@@ -48,40 +48,24 @@ Status nameOf(const KdfParameters& parameters, P12PBKDF::target purpose, aBuf& n
 
 }  // namespace
 
-P12Pbkdf::P12Pbkdf() : P12PBKDF(kType), parameters_({kDigests, {}, 1, kMostKeyLength, 1}) {}
-
-Status P12Pbkdf::select(param selector) {
-    return recorded([&] { return parameters_.select(selector); });
-}
-
-Status P12Pbkdf::supply(TBuf* bytes) {
-    return recorded([&] { return parameters_.supply(bytes); });
-}
-
-Status P12Pbkdf::supply(unsigned int number) {
-    return recorded([&] { return parameters_.supply(number); });
-}
-
-Status P12Pbkdf::supply(pki_alg_t alg) {
-    return recorded([&] { return parameters_.supply(alg); });
-}
+P12Pbkdf::P12Pbkdf() : WithParameters(kType, {kDigests, {}, 1, kMostKeyLength, 1}) {}
 
 // A map that fails costs a derivation and nothing else.
 Status P12Pbkdf::derive(target purpose, WipedBytes& key) const {
-    if (derived_.get() == nullptr || !parameters_.complete()) {
-        return derivePkcs12(parameters_, purpose, key);
+    if (derived_.get() == nullptr || !parameters().complete()) {
+        return derivePkcs12(parameters(), purpose, key);
     }
     const ossl::QuietErrors quiet;
     aBuf name;  // held, as all that is passed on to others
-    if (const Status status = nameOf(parameters_, purpose, name); status != kOk) {
+    if (const Status status = nameOf(parameters(), purpose, name); status != kOk) {
         return status;
     }
     const GuardLock inUse(derived_.heldGuard());
     const aBuf known(derived_.get()->find(name.target()));
-    if (known.target() != nullptr && known.len() == parameters_.keyLength()) {
+    if (known.target() != nullptr && known.len() == parameters().keyLength()) {
         return key.assign({known.datap(), known.len()}) ? kOk : kNoMemory;
     }
-    if (const Status status = derivePkcs12(parameters_, purpose, key); status != kOk) {
+    if (const Status status = derivePkcs12(parameters(), purpose, key); status != kOk) {
         return status;
     }
     const aBuf value(key.data(), static_cast<unsigned int>(key.size()));

@@ -5,21 +5,14 @@
 #include "api/pkcs5_i.h"
 #include "cmn/cmn_gref.h"
 #include "modules/common/wiped_bytes.h"
-#include "modules/pkcs5/kdf_parameters.h"
+#include "modules/pkcs5/with_parameters.h"
 
-class P12Pbkdf final : public P12PBKDF {
+class P12Pbkdf final : public WithParameters<P12PBKDF> {
 public:
     static constexpr unsigned int kType = 0x430002;  // module 67, kind 2
 
     P12Pbkdf();
 
-    Status init() override { return kOk; }
-    Status fini() override { return kOk; }
-
-    Status select(param selector) override;
-    Status supply(TBuf* bytes) override;
-    Status supply(unsigned int number) override;
-    Status supply(pki_alg_t alg) override;
     TKey* getKey(target purpose) override;
     Status error() override;
     Status setHashMap(HashMap* map) override;
@@ -27,7 +20,6 @@ public:
 private:
     Status derive(target purpose, WipedBytes& key) const;
 
-    KdfParameters parameters_;
     CMN_GRefPtr<HashMap> derived_;  // earlier results, or none
 };
 

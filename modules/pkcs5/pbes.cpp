@@ -23,37 +23,7 @@ KdfLimits limitsOf(PBES::pbes_type scheme) {
 
 }  // namespace
 
-Pbes::Pbes(pbes_type scheme) : PBES(kType), scheme_(scheme), parameters_(limitsOf(scheme)) {}
-
-// A key that belongs to other parameters must not be used any more, also when those
-// that were meant instead of them are refused.
-Status Pbes::select(param selector) {
-    return recorded([&] {
-        const Status status = parameters_.select(selector);
-        if (status != kOk) {
-            use(nullptr);
-        }
-        return status;
-    });
-}
-
-template <class Value>
-Status Pbes::supplied(Value value) {
-    use(nullptr);
-    return parameters_.supply(value);
-}
-
-Status Pbes::supply(TBuf* bytes) {
-    return recorded([&] { return supplied(bytes); });
-}
-
-Status Pbes::supply(unsigned int number) {
-    return recorded([&] { return supplied(number); });
-}
-
-Status Pbes::supply(pki_alg_t alg) {
-    return recorded([&] { return supplied(alg); });
-}
+Pbes::Pbes(pbes_type scheme) : WithParameters(kType, limitsOf(scheme)), scheme_(scheme) {}
 
 void Pbes::use(std::unique_ptr<GcmFrame> key) {
     ready_.store(key.get(), std::memory_order_release);
@@ -93,8 +63,8 @@ Status Pbes::obtainKey(const GcmFrame*& key) {
         WipedBytes bytes;
         std::unique_ptr<GcmFrame> made;
         Status status = scheme_ == kPbkdf2
-                            ? derivePbkdf2(parameters_, bytes)
-                            : derivePkcs12(parameters_, P12PBKDF::kEncryptionKey, bytes);
+                            ? derivePbkdf2(parameters(), bytes)
+                            : derivePkcs12(parameters(), P12PBKDF::kEncryptionKey, bytes);
         if (status == kOk) {
             status = GcmFrame::make(bytes.view(), made);
         }

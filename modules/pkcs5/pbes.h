@@ -8,21 +8,14 @@
 
 #include "api/pkcs5_i.h"
 #include "modules/common/gcm_frame.h"
-#include "modules/pkcs5/kdf_parameters.h"
+#include "modules/pkcs5/with_parameters.h"
 
-class Pbes final : public PBES {
+class Pbes final : public WithParameters<PBES> {
 public:
     static constexpr unsigned int kType = 0x430001;  // module 67, kind 1
 
     explicit Pbes(pbes_type scheme);
 
-    Status init() override { return kOk; }
-    Status fini() override { return kOk; }
-
-    Status select(param selector) override;
-    Status supply(TBuf* bytes) override;
-    Status supply(unsigned int number) override;
-    Status supply(pki_alg_t alg) override;
     Status setKey(TKey* key) override;
     TKey* getKey() override;
     TBuf* encrypt(TBuf* plain) override;
@@ -30,15 +23,13 @@ public:
     Status error() override;
 
 private:
-    template <class Value>
-    Status supplied(Value value);
+    void forgetKey() override { use(nullptr); }
     void use(std::unique_ptr<GcmFrame> key);
     Status obtainKey(const GcmFrame*& key);
     template <class Step>
     TBuf* through(TBuf* in, Step step);
 
     const pbes_type scheme_;
-    KdfParameters parameters_;
     std::mutex deriving_;            // guards key_ against two threads that both need it first
     std::unique_ptr<GcmFrame> key_;  // derived or set
     std::atomic<const GcmFrame*> ready_{nullptr};  // key_ when it is there, for reading unlocked

@@ -21,12 +21,13 @@ public:
 
     virtual Status encoded(TBuf& into) const = 0;  // as TKey::getKey()
     virtual Status raw(TBuf& into) const = 0;      // as TKey::getRaw()
-    virtual Status param(TKey::aka_t which, TBuf& into) const = 0;
+    virtual Status param(TKey::aka_t /*which*/, TBuf& /*into*/) const { return kEnd; }
     virtual int number(TKey::bka_t which) const = 0;  // -1: has none
-    virtual Status keyId(TBuf& into) const = 0;       // the one that follows from the value
+    // The one that follows from the value.
+    virtual Status keyId(TBuf& /*into*/) const { return kEnd; }
 
-    virtual Status sign(Bytes data, TBuf& into) const = 0;
-    virtual Status verify(Bytes data, Bytes signature) const = 0;
+    virtual Status sign(Bytes /*data*/, TBuf& /*into*/) const { return kInvalid; }
+    virtual Status verify(Bytes /*data*/, Bytes /*signature*/) const { return kInvalid; }
     virtual Status encrypt(Bytes plain, TBuf& into) const = 0;
     virtual Status decrypt(Bytes cipher, TBuf& into) const = 0;
 

@@ -23,10 +23,6 @@ Status SymmetricValue::raw(TBuf& into) const {
     return into.append(bytes_.data(), static_cast<unsigned int>(bytes_.size()));
 }
 
-Status SymmetricValue::param(TKey::aka_t /*which*/, TBuf& /*into*/) const {
-    return kEnd;
-}
-
 int SymmetricValue::number(TKey::bka_t which) const {
     switch (which) {
         case TKey::kBits:
@@ -36,18 +32,6 @@ int SymmetricValue::number(TKey::bka_t which) const {
         default:
             return -1;
     }
-}
-
-Status SymmetricValue::keyId(TBuf& /*into*/) const {
-    return kEnd;
-}
-
-Status SymmetricValue::sign(Bytes /*data*/, TBuf& /*into*/) const {
-    return kInvalid;
-}
-
-Status SymmetricValue::verify(Bytes /*data*/, Bytes /*signature*/) const {
-    return kInvalid;
 }
 
 Status SymmetricValue::encrypt(Bytes plain, TBuf& into) const {

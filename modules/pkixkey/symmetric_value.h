@@ -17,11 +17,7 @@ public:
 
     Status encoded(TBuf& into) const override { return raw(into); }
     Status raw(TBuf& into) const override;
-    Status param(TKey::aka_t which, TBuf& into) const override;
     int number(TKey::bka_t which) const override;
-    Status keyId(TBuf& into) const override;
-    Status sign(Bytes data, TBuf& into) const override;
-    Status verify(Bytes data, Bytes signature) const override;
     Status encrypt(Bytes plain, TBuf& into) const override;
     Status decrypt(Bytes cipher, TBuf& into) const override;
     Status check() const override;

@@ -66,6 +66,21 @@ private:
                                                       std::make_unique<TestHolder>(kOther)};
 };
 
+// Fails this allocation of the step, which throws if it has that many. Returns whether it has.
+template <class Step>
+bool failsAt(long nth, Step step) {
+    bool thrown = false;
+    FailingAllocation failing(nth);
+    try {
+        step();
+    } catch (const std::bad_alloc&) {
+        thrown = true;
+    }
+    const bool hit = failing.lift();
+    EXPECT_EQ(hit, thrown);
+    return hit;
+}
+
 CMN_GuardedRef* successorOf(unsigned int type, CMN_GuardedRef& old) {
     return new TestObject("new " + dynamic_cast<TestObject&>(old).name(), nullptr, type);
 }
@@ -93,15 +108,7 @@ TEST(WalkMemoryTest, NoPinStaysWhicheverAllocationFails) {
         for (long nth = 1;; ++nth) {
             SCOPED_TRACE(std::string(row.name) + ", failing allocation " + std::to_string(nth));
             const Held held;
-            bool thrown = false;
-            FailingAllocation failing(nth);
-            try {
-                row.walk();
-            } catch (const std::bad_alloc&) {
-                thrown = true;
-            }
-            const bool hit = failing.lift();
-            EXPECT_EQ(hit, thrown);
+            const bool hit = failsAt(nth, [&] { row.walk(); });
             EXPECT_TRUE(isFree(CMN_Reference::RefMutex));
             held.expectNoPins();
             row.walk();
@@ -124,15 +131,7 @@ TEST(WalkMemoryTest, TakeoverLeavesNoPinAndNoSuccessorThatNobodyHolds) {
             pObjMgr = &earlier;
             const Held held;
             pObjMgr = &ObjectManager;
-            bool thrown = false;
-            FailingAllocation failing(nth);
-            try {
-                earlier.giveUp(successorOf);
-            } catch (const std::bad_alloc&) {
-                thrown = true;
-            }
-            const bool hit = failing.lift();
-            EXPECT_EQ(hit, thrown);
+            const bool hit = failsAt(nth, [&] { earlier.giveUp(successorOf); });
             EXPECT_TRUE(isFree(CMN_Reference::RefMutex));
             held.expectNoPins();
             earlier.giveUp(successorOf);
@@ -178,15 +177,7 @@ TEST(StubMemoryTest, UseOfAServiceThatCannotBeHeldIsGivenBack) {
             host.offer(kOther, new TestObject);
             {
                 Stub stub;
-                bool thrown = false;
-                FailingAllocation failing(nth);
-                try {
-                    row.bind(stub);
-                } catch (const std::bad_alloc&) {
-                    thrown = true;
-                }
-                const bool hit = failing.lift();
-                EXPECT_EQ(hit, thrown);
+                const bool hit = failsAt(nth, [&] { row.bind(stub); });
                 if (!hit) {
                     EXPECT_LT(1, nth);
                     break;

@@ -10,6 +10,7 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "store/file_store.h"
+#include "tests/support/doubles/idle.h"
 #include "tests/support/fake_store_srv.h"
 #include "tests/support/test_store.h"
 
@@ -285,29 +286,15 @@ TEST_F(DecryptTest, RecordReadUnderOneKeyIsWrittenUnderTheCurrentOne) {
 }
 
 // A buffer that ends where its bytes do, so that a look beyond them is seen.
-class ExactBuf final : public TBuf {
+class ExactBuf final : public IdleBuf {
 public:
     explicit ExactBuf(const std::string& content)
-        : TBuf(0), size_(sizeOf(content)), bytes_(std::make_unique<unsigned char[]>(size_)) {
+        : size_(sizeOf(content)), bytes_(std::make_unique<unsigned char[]>(size_)) {
         std::copy(content.begin(), content.end(), bytes_.get());
     }
 
-    Status init() override { return kOk; }
-    Status fini() override { return kOk; }
-    unsigned int capacity() const override { return size_; }
     unsigned char* data() override { return bytes_.get(); }
     unsigned int length() const override { return size_; }
-    Status clear() override { return kIo; }
-    Status set(const char* /*s*/) override { return kIo; }
-    Status set(const unsigned char* /*data*/, unsigned int /*len*/) override { return kIo; }
-    Status append(const unsigned char* /*data*/, unsigned int /*len*/) override { return kIo; }
-    Status append(TBuf* /*other*/) override { return kIo; }
-    Status duplicate(TBuf* /*other*/) override { return kIo; }
-    int compare(TBuf* /*other*/) override { return 1; }
-    Status load(const char* /*path*/) override { return kIo; }
-    Status save(const char* /*path*/) override { return kIo; }
-    Status shift(unsigned int /*count*/) override { return kIo; }
-    Status retreat(unsigned int /*count*/) override { return kIo; }
 
 private:
     unsigned int size_;

@@ -13,6 +13,7 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
+#include "tests/support/doubles/idle.h"
 #include "tests/support/test_store.h"
 
 namespace {
@@ -228,25 +229,18 @@ private:
 };
 
 // An encryption service whose objects let a test look in while they work.
-class SlowPbes final : public PBES {
+class SlowPbes final : public IdlePbes {
 public:
     using Step = std::function<void()>;
 
     SlowPbes(Step deriving, Step encrypting)
-        : PBES(0), deriving_(std::move(deriving)), encrypting_(std::move(encrypting)) {
+        : deriving_(std::move(deriving)), encrypting_(std::move(encrypting)) {
         ++alive;
     }
     ~SlowPbes() override { --alive; }
 
     static inline int alive = 0;
 
-    Status init() override { return kOk; }
-    Status fini() override { return kOk; }
-    Status select(param /*selector*/) override { return kOk; }
-    Status supply(TBuf* /*bytes*/) override { return kOk; }
-    Status supply(unsigned int /*number*/) override { return kOk; }
-    Status supply(pki_alg_t /*alg*/) override { return kOk; }
-    Status setKey(TKey* /*key*/) override { return kOk; }
     TKey* getKey() override {
         deriving_();
         return pkixKeyClnt.createTKey(TKey::kSymmetric);
@@ -256,7 +250,6 @@ public:
         return createTBuf(plain);
     }
     TBuf* decrypt(TBuf* cipher) override { return createTBuf(cipher); }
-    Status error() override { return kOk; }
 
 private:
     Step deriving_;

@@ -7,6 +7,7 @@
 #include "gtest/gtest.h"
 #include "store/file_store.h"
 #include "tests/modules/secret_heap.h"
+#include "tests/support/doubles/idle.h"
 #include "tests/support/test_store.h"
 
 namespace {
@@ -15,29 +16,17 @@ using support::freedWithMarker;
 
 // A buffer and a cipher that leave nothing behind themselves, so that what is found
 // is the store's.
-class WipedBuf final : public TBuf {
+class WipedBuf final : public IdleBuf {
 public:
-    WipedBuf(const unsigned char* data, unsigned int len) : TBuf(0), bytes_(data, data + len) {}
+    WipedBuf(const unsigned char* data, unsigned int len) : bytes_(data, data + len) {}
 
-    Status init() override { return kOk; }
-    Status fini() override { return kOk; }
-    unsigned int capacity() const override { return length(); }
     unsigned char* data() override { return bytes_.data(); }
     unsigned int length() const override { return static_cast<unsigned int>(bytes_.size()); }
-    Status clear() override { return kIo; }
-    Status set(const char* /*s*/) override { return kIo; }
+    using IdleBuf::set;
     Status set(const unsigned char* data, unsigned int len) override {
         bytes_.assign(data, data + len);
         return kOk;
     }
-    Status append(const unsigned char* /*data*/, unsigned int /*len*/) override { return kIo; }
-    Status append(TBuf* /*other*/) override { return kIo; }
-    Status duplicate(TBuf* /*other*/) override { return kIo; }
-    int compare(TBuf* /*other*/) override { return 1; }
-    Status load(const char* /*path*/) override { return kIo; }
-    Status save(const char* /*path*/) override { return kIo; }
-    Status shift(unsigned int /*count*/) override { return kIo; }
-    Status retreat(unsigned int /*count*/) override { return kIo; }
 
 private:
     SecretBytes bytes_;
@@ -56,17 +45,8 @@ public:
     TBuf* createTBuf(TBuf* src) override { return createTBuf(src->data(), src->length()); }
 };
 
-class WipedPbes final : public PBES {
+class WipedPbes final : public IdlePbes {
 public:
-    WipedPbes() : PBES(0) {}
-
-    Status init() override { return kOk; }
-    Status fini() override { return kOk; }
-    Status select(param /*selector*/) override { return kOk; }
-    Status supply(TBuf* /*bytes*/) override { return kOk; }
-    Status supply(unsigned int /*number*/) override { return kOk; }
-    Status supply(pki_alg_t /*alg*/) override { return kOk; }
-    Status setKey(TKey* /*key*/) override { return kOk; }
     TKey* getKey() override { return pkixKeyClnt.createTKey(TKey::kSymmetric); }
     TBuf* encrypt(TBuf* plain) override {
         TBuf* const result = createTBuf(plain);
@@ -76,7 +56,6 @@ public:
         return result;
     }
     TBuf* decrypt(TBuf* cipher) override { return encrypt(cipher); }
-    Status error() override { return kOk; }
 };
 
 class WipedPkcs5 final : public DoublePkcs5 {
