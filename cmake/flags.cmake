@@ -38,14 +38,3 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
 else()
     target_compile_options(build_flags INTERFACE -Wthread-safety)
 endif()
-
-# With FILESTORE_LTO the layers carry both machine code, which tests link
-# quickly, and the compiler's own form, of which a module is optimised as one.
-option(FILESTORE_LTO "Optimise the loadable modules at link time" OFF)
-if(FILESTORE_LTO)
-    set(is_program $<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>)
-    target_compile_options(build_flags INTERFACE
-        $<$<NOT:${is_program}>:-flto=auto>
-        $<$<NOT:${is_program}>:-ffat-lto-objects>)
-    target_link_options(build_flags INTERFACE $<IF:${is_program},-fno-lto,-flto=auto>)
-endif()
