@@ -160,9 +160,10 @@ private:
         }
     }
 
+    // They are in the order of their names, and there may be very many.
     const Namer* find(std::string_view file) const {
-        const auto found = std::ranges::find(namers_, file, &Namer::file);
-        return found == namers_.end() ? nullptr : &*found;
+        const auto found = std::ranges::lower_bound(namers_, file, {}, &Namer::file);
+        return found == namers_.end() || found->file != file ? nullptr : &*found;
     }
 
     // What becomes of the file, as far as its name and its own text say.

@@ -44,11 +44,17 @@ void RecordHead::findBody(const DescriptorLine& reference) {
     if (!isThere || S_ISLNK(status.st_mode)) {
         checkRead(kMissing, address_);
     }
-    const auto size = static_cast<std::uint64_t>(status.st_size);
-    if (!S_ISREG(status.st_mode) || size > Record::kMostBodyFile) {
+    if (!S_ISREG(status.st_mode)) {
         checkRead(kIo, address_);
     }
-    bodySize_ = size;
+    bodySize_ = static_cast<std::uint64_t>(status.st_size);
+    if (bodySize_ > Record::kMostBodyFile) {
+        throw Failure(kMalformed,
+                      fmt::format("cannot read {}: its body {} has {} bytes, and no body has more "
+                                  "than {}",
+                                  address_.print(), bodyPath_, bodySize_, Record::kMostBodyFile),
+                      address_.print());
+    }
 }
 
 bool RecordHead::hasSecrets() const {

@@ -2,6 +2,7 @@
 """Somebody else writes into the database's folder: one odd entry stops nothing but itself."""
 
 import os
+import resource
 import socket
 import tarfile
 
@@ -96,6 +97,15 @@ class SizeTest(HostileTest):
         self.backup(code=0)
         self.write("root.pem", b"")
         self.run_tool("import", "root.pem", code=59, memory=MEMORY)
+
+    def test_a_file_that_no_body_can_be_is_damage(self):
+        body = self.body_file("db/settings/a.dsc")
+        os.truncate(body, 5 << 30)
+        for args in [("ls",), ("check",), ("check", "--deep"), ("check", "--repair")]:
+            run = self.run_tool(*args, code=3, memory=MEMORY)
+            self.assertIn(f"has {5 << 30} bytes", run.text + run.message)
+        self.assertIn("settings/p", self.run_tool("ls", code=3, memory=MEMORY).text)
+        self.assertEqual(5 << 30, body.stat().st_size)
 
     def test_a_body_that_is_not_decrypted_unasked_is_named(self):
         os.truncate(self.body_file("db/settings/a.dsc"), (1 << 30) + 1)
@@ -201,6 +211,26 @@ class PathTest(HostileTest):
                 self.assertNotIn(byte, run.out + run.err)
         self.backup(code=0)
         self.assert_others_are_there()
+
+
+class NumberTest(HostileTest):
+    def test_time_grows_with_the_number_of_entries_alone(self):
+        """A fold of 10 takes 10 times as long, and not 100 times; what a start takes is left out."""
+        start = self.seconds("check")
+        times = []
+        for count in [4000, 40000]:
+            keys = self.folder / "db/keys"
+            for i in range(count // 2):
+                (keys / f"{count}-{i}.dsc").touch()
+                (keys / f"{count}-{i}.dsc.$o$").touch()
+            times.append(self.seconds("check", code=3) - start)
+        self.assertLess(times[1], 40 * times[0], times)
+
+    def seconds(self, *args, **more):
+        before = resource.getrusage(resource.RUSAGE_CHILDREN)
+        self.run_tool(*args, **more)
+        after = resource.getrusage(resource.RUSAGE_CHILDREN)
+        return after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime
 
 
 class SpecialFileTest(HostileTest):

@@ -250,6 +250,9 @@ public:
         return createTBuf(plain);
     }
     TBuf* decrypt(TBuf* cipher) override { return createTBuf(cipher); }
+    Status error() override { return told; }
+
+    static inline Status told = kOk;  // by error()
 
 private:
     Step deriving_;
@@ -283,6 +286,15 @@ TEST_F(CryptoCoderThreadTest, KeepsOneEncryptionObjectWhileItHasAKey) {
     ASSERT_EQ(kOk, setKey("secret"));
     held = nullptr;
     EXPECT_EQ(before, SlowPbes::alive);
+}
+
+// An error that sticks, of a parameter long ago, is no reason to refuse: the key decides.
+TEST_F(CryptoCoderThreadTest, ServiceWhoseErrorSticksServes) {
+    SlowPbes::told = kInvalid;
+    EXPECT_EQ(kOk, setKey("secret"));
+    aBuf plain("text");
+    EXPECT_EQ(4u, coder.encrypt(plain).len());
+    SlowPbes::told = kOk;
 }
 
 TEST_F(CryptoCoderThreadTest, EncryptsSideBySide) {
