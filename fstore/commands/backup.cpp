@@ -10,9 +10,12 @@
 #include "fstore/terminal/json.h"
 #include "lib/base/digits.h"
 #include "lib/base/files.h"
+#include "os/terminal.h"
 
 namespace fstore {
 namespace {
+
+constexpr int kStdout = 1;
 
 struct BackupOptions {
     std::string file;
@@ -23,12 +26,6 @@ struct RestoreOptions {
     std::string file;
     bool replace = false;
 };
-
-void refuseStream(const std::string& file, const char* why) {
-    if (file == kStandardStream) {
-        throw Failure(kUsage, why);
-    }
-}
 
 Json totalsToJson(const std::string& file, const ArchiveTotals& totals) {
     return {{"file", jsonText(file)},
@@ -44,8 +41,10 @@ std::string describe(const ArchiveTotals& totals) {
 }
 
 Status runBackup(const BackupOptions& options, Context& context) {
-    refuseStream(options.file, "a backup is read back to verify it, so it must go to a file");
     OutputFile file(options.file, options.force);
+    if (file.isStandardOutput() && (context.output.json() || os::isTerminal(kStdout))) {
+        throw Failure(kUsage, "a backup is no text; write it to a file, or to another program");
+    }
     const BackupReport report = backUp(context.database, file);
     Json leftOut = Json::array();
     for (const LeftOut& each : report.leftOut) {
@@ -53,14 +52,18 @@ Status runBackup(const BackupOptions& options, Context& context) {
         leftOut.push_back({{"path", jsonText(each.path)}, {"reason", each.reason}});
     }
     context.output.note(
-        fmt::format("wrote {}: {}, verified", options.file, describe(report.totals)));
-    context.output.document(
-        {{"backup", totalsToJson(options.file, report.totals)}, {"leftOut", std::move(leftOut)}});
+        fmt::format("wrote {}: {}, {}", file.name(), describe(report.totals),
+                    report.verified ? "verified" : "not verified, as it cannot be read back"));
+    Json json = totalsToJson(options.file, report.totals);
+    json["verified"] = report.verified;
+    context.output.document({{"backup", json}, {"leftOut", std::move(leftOut)}});
     return report.leftOut.empty() ? kOk : kPartial;
 }
 
 Status runRestore(const RestoreOptions& options, Context& context) {
-    refuseStream(options.file, "a backup is read twice, so it must be a file");
+    if (options.file == kStandardStream) {
+        throw Failure(kUsage, "a backup is read twice, so it must be a file");
+    }
     const RestoreReport report = restore(context.database, options.file, options.replace);
     context.output.note(fmt::format("restored {} to {}: {}", options.file,
                                     context.database.place().describe(), describe(report.totals)));

@@ -17,10 +17,11 @@ namespace fstore {
 struct BackupReport {
     ArchiveTotals totals;
     std::vector<LeftOut> leftOut;
+    bool verified = false;  // a stream cannot be read back
 };
 
 // Writes the database into the file as it is, damaged or not; needs no password. Then reads
-// the file back, while other processes may use the database again.
+// the file back, unless it is a stream, while other processes may use the database again.
 BackupReport backUp(Database& database, OutputFile& file);
 
 struct RestoreReport {

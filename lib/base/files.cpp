@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <span>
 
 #include <fmt/format.h>
@@ -36,6 +37,73 @@ std::string besideName(const std::string& path) {
     }
     const std::size_t slash = path.rfind('/');
     return fmt::format("{}/.fstore-{}", path.substr(0, slash), toHex(random));
+}
+
+// The open descriptor that a path of the system stands for. Opened again by that path, a file
+// would be written from its beginning, wherever the caller's position is.
+std::optional<int> descriptorNamed(const std::string& path) {
+    constexpr int kStderr = 2;
+    if (path == "/dev/stdout") {
+        return kStdout;
+    }
+    if (path == "/dev/stderr") {
+        return kStderr;
+    }
+    for (const std::string_view folder : {"/dev/fd/", "/proc/self/fd/"}) {
+        if (!path.starts_with(folder)) {
+            continue;
+        }
+        int number = 0;
+        const char* const end = path.data() + path.size();
+        const auto [rest, error] = std::from_chars(path.data() + folder.size(), end, number);
+        if (error == std::errc() && rest == end && number >= 0) {
+            return number;
+        }
+    }
+    return std::nullopt;
+}
+
+// The system's own links to devices stand in /dev, where only the system writes; not below, where
+// everybody may ("/dev/shm").
+bool isLinkOfDevices(const std::string& path) {
+    constexpr std::string_view kDevices = "/dev/";
+    return path.starts_with(kDevices) && path.find('/', kDevices.size()) == std::string::npos;
+}
+
+[[noreturn]] void failOnLink(const std::string& name) {
+    throw Failure(
+        kInvalid,
+        fmt::format("{} is a link, which fstore does not follow; name the file itself", name),
+        name);
+}
+
+// Whether what has the name takes bytes as they come. Throws where neither that nor a new file is
+// possible or allowed.
+bool isStreamAt(const std::string& path, const std::string& name, bool replace) {
+    struct stat status {};
+    if (os::lstat(path.c_str(), &status) != 0) {
+        if (errno == ENOENT) {
+            return false;
+        }
+        failWithErrno("write", name);
+    }
+    switch (status.st_mode & S_IFMT) {
+        case S_IFREG:
+            if (!replace) {
+                throw Failure(kInvalid, fmt::format("{} already exists; --force replaces it", name),
+                              name);
+            }
+            return false;
+        case S_IFDIR:
+            throw Failure(kInvalid, fmt::format("{} is a folder; name a file", name), name);
+        case S_IFLNK:
+            if (!isLinkOfDevices(path)) {
+                failOnLink(name);
+            }
+            return true;
+        default:
+            return true;
+    }
 }
 
 // The entries of the folder at `path`, which messages call `name`.
@@ -156,18 +224,42 @@ SecretBytes InputFile::readAll(std::uint64_t most) {
 OutputFile::OutputFile(const std::string& name, bool replace) : name_(name), replace_(replace) {
     if (name == kStandardStream) {
         name_ = "the standard output";
+        given_ = kStdout;
         return;
     }
     path_ = absolutePath(name);
-    if (!replace && exists(path_)) {
-        throw Failure(kInvalid, fmt::format("{} already exists; --force replaces it", name), name);
+    if (const auto descriptor = descriptorNamed(path_)) {
+        given_ = *descriptor;
+        struct stat status {};
+        if (os::fstat(given_, &status) != 0) {
+            failWithErrno("write", name);
+        }
+    } else if (isStreamAt(path_, name_, replace_)) {
+        openStream();
+    } else {
+        createBeside();
     }
+}
+
+void OutputFile::openStream() {
+    const int follow = isLinkOfDevices(path_) ? 0 : O_NOFOLLOW;
+    file_ = os::openFile(path_.c_str(), O_WRONLY | O_NOCTTY | follow);
+    struct stat status {};
+    if (!file_ || os::fstat(file_.get(), &status) != 0) {
+        failWithErrno("write", name_);
+    }
+    if (S_ISREG(status.st_mode)) {  // by a link of /dev, or it has just taken the place
+        failOnLink(name_);
+    }
+}
+
+void OutputFile::createBeside() {
     beside_.emplace(besideName(path_));
     os::removeOnSignal(beside_->c_str());
     file_ = os::openFile(beside_->c_str(), O_WRONLY | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR);
     if (!file_) {
         beside_->commit();  // there is nothing to remove
-        failWithErrno("write", name);
+        failWithErrno("write", name_);
     }
 }
 
@@ -176,9 +268,13 @@ OutputFile::~OutputFile() {
     os::removeOnSignal(nullptr);
 }
 
+bool OutputFile::isStandardOutput() const noexcept {
+    return given_ == kStdout;
+}
+
 void OutputFile::write(std::span<const unsigned char> bytes) {
-    if (!os::writeAll(beside_ ? file_.get() : kStdout, bytes.data(), bytes.size())) {
-        if (!beside_ && errno == EPIPE) {
+    if (!os::writeAll(file_ ? file_.get() : given_, bytes.data(), bytes.size())) {
+        if (given_ == kStdout && errno == EPIPE) {
             throw Failure(kIo, "");  // who closed the pipe knows it
         }
         failWithErrno("write", name_);
@@ -195,14 +291,19 @@ os::File OutputFile::reopen() const {
 
 void OutputFile::commit() {
     if (!beside_) {
+        // A disk can be synced, a FIFO or terminal cannot.
+        const bool done =
+            !file_ || ((os::fsync(file_.get()) == 0 || errno == EINVAL) && file_.close());
+        if (!done) {
+            failWithErrno("write", name_);
+        }
         return;
     }
     if (!os::closeDurably(std::move(file_))) {
         failWithErrno("write", name_);
     }
-    if (!replace_ && exists(path_)) {
-        throw Failure(kInvalid, fmt::format("{} already exists; --force replaces it", name_),
-                      name_);
+    if (isStreamAt(path_, name_, replace_)) {
+        throw Failure(kInvalid, fmt::format("{} became another file meanwhile", name_), name_);
     }
     if (os::rename(beside_->c_str(), path_.c_str()) != 0) {
         failWithErrno("write", name_);

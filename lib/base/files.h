@@ -38,32 +38,39 @@ private:
 };
 
 // A file that is complete or as it was before: written beside the target, synced, renamed,
-// and readable by its owner only. Or the standard output, for "-".
+// and readable by its owner only. Or a stream, which takes the bytes as they come: the standard
+// output for "-", an open descriptor by its name in /dev or /proc/self/fd, a FIFO, a device.
 class OutputFile {
 public:
-    // Creates the file beside `name`, so that obstacles show now. Without `replace` an
-    // existing file is refused (kInvalid).
+    // Creates the file beside `name`, so that obstacles show now; waits for a FIFO's reader.
+    // kInvalid for an existing file without `replace`, and always for a folder and for a link:
+    // what it leads to may be anybody's. Links of /dev itself are followed to devices.
     OutputFile(const std::string& name, bool replace);
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
-    ~OutputFile();  // without commit() nothing is left of it
+    ~OutputFile();  // without commit() nothing is left of it, unless it is a stream
 
-    bool isStandardOutput() const noexcept { return !beside_; }
+    bool isStandardOutput() const noexcept;
+    bool isStream() const noexcept { return !beside_; }
     const std::string& name() const noexcept { return name_; }
 
     void write(std::span<const unsigned char> bytes);
 
-    // What was written, for reading from its beginning. Not of the standard output.
+    // What was written, for reading from its beginning. Not of a stream.
     os::File reopen() const;
 
     void commit();
 
 private:
+    void openStream();
+    void createBeside();
+
     std::string name_;
     std::string path_;  // absolute
     bool replace_;
-    std::optional<os::TempPath> beside_;  // none for the standard output
-    os::File file_;
+    int given_ = -1;                      // the descriptor, when it was open before
+    std::optional<os::TempPath> beside_;  // none for a stream
+    os::File file_;                       // none for an open descriptor
 };
 
 // The path as an absolute one. It need not exist.

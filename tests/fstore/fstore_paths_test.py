@@ -109,6 +109,103 @@ class FileTest(InitialisedTest):
         self.assertEqual(before, set(os.listdir(self.folder)))
 
 
+class OutputTest(InitialisedTest):
+    """What a file is decides how it is written, and no device or link becomes a file."""
+
+    @classmethod
+    def fill(cls, folder):
+        run = support.fstore("-D", folder, "put", "settings/a", "-", stdin=b"body")
+        assert run.code == 0, run.message
+        subprocess.run(["openssl", "genpkey", "-algorithm", "ed25519", "-out",
+                        folder / "key.pem"], check=True, capture_output=True)
+        run = support.fstore("-D", folder, "import", folder / "key.pem", "--name", "k")
+        assert run.code == 0, run.message
+
+    # Each command that writes a file, without its name.
+    WRITERS = [("get", "settings/a", "-o"), ("export", "keys/k", "--plain", "-o"), ("backup",)]
+
+    def kinds(self):
+        return {path.name: path.lstat().st_mode for path in self.folder.iterdir()}
+
+    def test_a_fifo_is_written_through(self):
+        fifo = self.folder / "fifo"
+        os.mkfifo(fifo)
+        for writer in self.WRITERS:
+            for force in [[], ["--force"]]:
+                with self.subTest(writer=writer, force=force):
+                    before = self.kinds()
+                    reader = os.open(fifo, os.O_RDONLY | os.O_NONBLOCK)
+                    self.run_tool(*writer, fifo, *force)
+                    with os.fdopen(reader, "rb") as file:
+                        os.set_blocking(reader, True)
+                        self.assertNotEqual(b"", file.read())
+                    self.assertEqual(before, self.kinds())
+
+    def test_a_device_is_written_through(self):
+        before = os.stat("/dev/null").st_mode, os.stat("/dev/full").st_mode
+        for writer in self.WRITERS:
+            with self.subTest(writer=writer):
+                self.run_tool(*writer, "/dev/null")
+                self.run_tool(*writer, "/dev/null", "-f")
+                self.assertIn("No space left", self.fails(9, "io", *writer, "/dev/full"))
+        self.assertEqual(before, (os.stat("/dev/null").st_mode, os.stat("/dev/full").st_mode))
+
+    def test_the_names_of_standard_output(self):
+        for name in ["-", "/dev/stdout", "/dev/fd/1", "/proc/self/fd/1"]:
+            with self.subTest(name):
+                self.assertEqual(b"body", self.run_tool("get", "a", "-o", name).out)
+                self.assertEqual(b"body", self.run_tool("get", "a", "-f", "-o", name).out)
+        self.assertEqual(b"body", self.run_tool("get", "a", "-o", "/dev/stderr").err)
+
+    def test_a_redirected_output_is_appended_to(self):
+        # A file that is opened again by such a name would be written from its beginning.
+        target = self.write("target", "before ")
+        for name in ["/dev/stdout", "/proc/self/fd/1"]:
+            with open(target, "ab") as file:
+                subprocess.run([support.PROGRAM, "get", "a", "-o", name], cwd=self.folder,
+                               stdout=file, check=True,
+                               env=support.environment(FSTORE_PASSWORD=support.PASSWORD))
+        self.assertEqual(b"before bodybody", target.read_bytes())
+
+    def test_an_open_descriptor_is_written(self):
+        read, write = os.pipe()
+        with os.fdopen(read, "rb") as reader:
+            self.run_tool("get", "a", "-o", f"/dev/fd/{write}", pass_fds=[write])
+            os.close(write)
+            self.assertEqual(b"body", reader.read())
+        self.fails(9, "io", "get", "a", "-o", "/dev/fd/99")
+
+    def test_a_link_is_not_followed(self):
+        self.write("target", "mine")
+        for name, to in [("link", "target"), ("dangling", "nowhere"), ("device", "/dev/null"),
+                         ("stdout", "/dev/stdout")]:
+            (self.folder / name).symlink_to(to)
+            for writer in self.WRITERS:
+                for force in [[], ["-f"]]:
+                    with self.subTest(writer=writer, name=name, force=force):
+                        before = self.kinds()
+                        message = self.fails(4, "invalid", *writer, name, *force)
+                        self.assertIn(f"{name} is a link, which fstore does not follow", message)
+                        self.assertEqual(before, self.kinds())
+        self.assertEqual(b"mine", (self.folder / "target").read_bytes())
+
+    def test_a_folder_is_no_file(self):
+        (self.folder / "sub").mkdir()
+        for name in ["sub", "sub/", ".", "/"]:
+            for writer in self.WRITERS:
+                self.assertIn("is a folder", self.fails(4, "invalid", *writer, name, "-f"))
+
+    def test_a_backup_to_a_stream_restores(self):
+        for name in ["-", "/dev/stdout"]:
+            run = self.run_tool("backup", name)
+            self.assertIn("not verified", run.message)
+            self.write("saved.tar", run.out)
+            self.run_tool("-D", "copy", "restore", "saved.tar")
+            self.assertEqual(b"body", self.run_tool("-D", "copy", "get", "a").out)
+            shutil.rmtree(self.folder / "copy")
+        self.assertIn("no text", self.run_tool("--json", "backup", "-", code=2).message)
+
+
 class CodeTest(InitialisedTest):
     """Nothing in the folder of a database is loaded or run."""
 
