@@ -82,6 +82,12 @@ void removeOnSignal(const char* path) noexcept {
     }
 }
 
+mode_t creationMask() noexcept {
+    const mode_t mask = ::umask(S_IRWXG | S_IRWXO);  // asking is setting
+    ::umask(mask);
+    return mask;
+}
+
 std::string currentFolder() {
     char* const path = os::realpath(".", nullptr);
     if (path == nullptr) {

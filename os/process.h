@@ -31,6 +31,9 @@ void removeOnSignal(const char* path) noexcept;
 // Gives an open file or folder these permission bits, whatever the umask.
 [[nodiscard]] bool setPermissions(const File& file, mode_t mode) noexcept;
 
+// The permission bits that new files and folders do not get.
+[[nodiscard]] mode_t creationMask() noexcept;
+
 // The process's folder as an absolute path; empty with errno on failure.
 [[nodiscard]] std::string currentFolder();
 

@@ -32,7 +32,9 @@ void print(const CheckReport& report, Output& output) {
     }
     if (report.deep) {
         for (const DamagedRecord& damaged : report.deep->damaged) {
-            output.line("damaged", Style::kRed, ": " + damaged.message);
+            const bool denied = damaged.failure.isDenied();
+            output.line(denied ? "unreadable" : "damaged", denied ? Style::kYellow : Style::kRed,
+                        fmt::format(": {}", damaged.failure.what()));
         }
         for (const Failure& failure : report.deep->unread) {
             output.warn(failure.what());
@@ -84,7 +86,7 @@ Json toDocument(const CheckReport& report) {
         }
         for (const DamagedRecord& damaged : report.deep->damaged) {
             document["deep"]["damaged"].push_back(
-                failureToJson(damaged.address.print(), Failure(damaged.status, damaged.message)));
+                failureToJson(damaged.address.print(), damaged.failure));
         }
     }
     return document;
@@ -100,10 +102,10 @@ Status runCheck(const CheckOptions& options, Context& context) {
                         : "no damage found; --deep also decrypts");
     }
     context.output.document(toDocument(report));
-    if (!report.isSound()) {
+    if (report.hasDamage()) {
         return kFound;
     }
-    return report.deep && !report.deep->unread.empty() ? kPartial : kOk;
+    return report.isSound() && !(report.deep && !report.deep->unread.empty()) ? kOk : kPartial;
 }
 
 Json toJson(const std::vector<std::string>& paths) {

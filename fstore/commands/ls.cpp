@@ -38,7 +38,8 @@ struct Options {
 // What a listing found, in its order.
 struct Listing {
     std::vector<RecordInfo> records;
-    std::vector<std::pair<Address, Failure>> damaged;
+    std::vector<std::pair<Address, Failure>> damaged;  // or not allowed to be read
+    std::vector<Address> undated;                      // Filter::mayMatch()
     Unread unread;  // folders, and records that are too large to be looked at
 };
 
@@ -152,6 +153,8 @@ Listing readPart(Addresses addresses, const Filter& filter, bool unlocked) {
             lookAt(address, unlocked, [&](const auto& record, RecordInfo info) {
                 if (filter.matches(record, info)) {
                     listing.records.push_back(std::move(info));
+                } else if (filter.mayMatch(record, info)) {
+                    listing.undated.push_back(address);
                 }
             });
         } catch (const TooLarge& failure) {
@@ -178,6 +181,7 @@ Listing list(const Options& options, Database& database) {
         std::ranges::move(part.records, std::back_inserter(listing.records));
         std::ranges::move(part.damaged, std::back_inserter(listing.damaged));
         std::ranges::move(part.unread, std::back_inserter(listing.unread));
+        std::ranges::move(part.undated, std::back_inserter(listing.undated));
     }
     sort(listing.records, options.order);
     return listing;
@@ -216,7 +220,9 @@ void print(const Listing& listing, Output& output) {
                    {info.label}});
     }
     for (const auto& [address, failure] : listing.damaged) {
-        table.add({{address.print()}, {"damaged", Style::kRed}, {}, {}, {}, {}});
+        const Cell what =
+            failure.isDenied() ? Cell{"unreadable", Style::kYellow} : Cell{"damaged", Style::kRed};
+        table.add({{address.print()}, what, {}, {}, {}, {}});
     }
     if (!table.empty()) {
         output.table(table);
@@ -237,11 +243,28 @@ Json toDocument(const Listing& listing) {
     for (const auto& [address, failure] : listing.damaged) {
         records.push_back(failureToJson(address.print(), failure));
     }
+    Json undated = Json::array();
+    for (const Address& address : listing.undated) {
+        undated.push_back(jsonText(address.print()));
+    }
     Json unread = Json::array();
     for (const Failure& failure : listing.unread) {
         unread.push_back({{"path", jsonText(failure.path())}, {"error", errorToJson(failure)}});
     }
-    return {{"records", std::move(records)}, {"unread", std::move(unread)}};
+    return {{"records", std::move(records)},
+            {"undated", std::move(undated)},
+            {"unread", std::move(unread)}};
+}
+
+// An alarm that could not look rings.
+Status statusOf(const Listing& listing, bool failOnMatch) {
+    const auto isDamaged = [](const auto& entry) { return !entry.second.isDenied(); };
+    const bool complete = listing.damaged.empty() && listing.unread.empty();
+    if ((failOnMatch && !(listing.records.empty() && listing.undated.empty() && complete)) ||
+        std::ranges::any_of(listing.damaged, isDamaged)) {
+        return kFound;
+    }
+    return complete ? kOk : kPartial;
 }
 
 Status run(const Options& options, Context& context) {
@@ -253,11 +276,13 @@ Status run(const Options& options, Context& context) {
     } else {
         print(listing, context.output);
     }
-    const bool matched = options.failOnMatch && !listing.records.empty();
-    if (matched || !listing.damaged.empty()) {
-        return kFound;
+    if (!listing.undated.empty()) {
+        context.output.warn(fmt::format(
+            "when {} of the records expire could not be read{}", listing.undated.size(),
+            context.database.isOpen() ? "; see `fstore check --deep`"
+                                      : ", since it is encrypted: add --unlock, and the password"));
     }
-    return listing.unread.empty() ? kOk : kPartial;
+    return statusOf(listing, options.failOnMatch);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <climits>
 #include <cstdint>
+#include <map>
 #include <utility>
 
 #include <fmt/format.h>
@@ -20,20 +21,41 @@ namespace {
 constexpr mode_t kPermissions = 0777;
 constexpr std::uint64_t kMostFile = 0xFFFFFFFF;  // the size of a body has 32 bits
 
-unsigned int modeOf(const struct stat& status) {
-    return static_cast<unsigned int>(status.st_mode & kPermissions);
-}
+// By path in the archive: the modes there of what has another one on the disk.
+using Modes = std::map<std::string, unsigned int>;
 
-void addFolder(const std::string& folder, const std::string& path, ArchiveWriter& writer) {
+// A folder tree as it goes into an archive.
+class TreeWriter {
+public:
+    TreeWriter(ArchiveWriter& writer, const Modes& modes) : writer_(writer), modes_(modes) {}
+
+    void add(const std::string& folder, const std::string& path);
+    std::vector<LeftOut> takeLeftOut() { return std::move(leftOut_); }
+
+private:
+    unsigned int modeOf(const struct stat& status, const std::string& path) const {
+        const auto known = modes_.find(path);
+        return known != modes_.end() ? known->second
+                                     : static_cast<unsigned int>(status.st_mode & kPermissions);
+    }
+    void addFolder(const std::string& folder, const std::string& path);
+    bool addFile(const std::string& name, const std::string& path);
+
+    ArchiveWriter& writer_;
+    const Modes& modes_;
+    std::vector<LeftOut> leftOut_;
+};
+
+void TreeWriter::addFolder(const std::string& folder, const std::string& path) {
     struct stat status {};
     if (os::lstat(folder.c_str(), &status) != 0) {
         failWithErrno("examine", folder);
     }
-    writer.addFolder({true, path, modeOf(status), 0});
+    writer_.addFolder({true, path, modeOf(status, path), 0});
 }
 
 // False for what can be no file of a database: one larger than a body can be.
-bool addFile(const std::string& name, const std::string& path, ArchiveWriter& writer) {
+bool TreeWriter::addFile(const std::string& name, const std::string& path) {
     const os::File file = os::openFile(name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     struct stat status {};
     if (!file || os::fstat(file.get(), &status) != 0) {
@@ -42,16 +64,17 @@ bool addFile(const std::string& name, const std::string& path, ArchiveWriter& wr
     if (static_cast<std::uint64_t>(status.st_size) > kMostFile) {
         return false;
     }
-    writer.beginFile({false, path, modeOf(status), static_cast<std::uint64_t>(status.st_size)});
+    writer_.beginFile(
+        {false, path, modeOf(status, path), static_cast<std::uint64_t>(status.st_size)});
     std::vector<unsigned char> piece(1 << 18);
     ssize_t got = 0;
     while ((got = os::readSome(file.get(), piece.data(), piece.size())) > 0) {
-        writer.write(std::span(piece).first(static_cast<std::size_t>(got)));
+        writer_.write(std::span(piece).first(static_cast<std::size_t>(got)));
     }
     if (got < 0) {
         failWithErrno("read", name);
     }
-    writer.endFile();
+    writer_.endFile();
     return true;
 }
 
@@ -61,27 +84,26 @@ bool isTooDeep(const std::string& path) {
 }
 
 // NOLINTNEXTLINE(misc-no-recursion): as deep as folders are
-void addFolderTree(const std::string& folder, const std::string& path, ArchiveWriter& writer,
-                   std::vector<LeftOut>& leftOut) {
-    addFolder(folder, path, writer);
+void TreeWriter::add(const std::string& folder, const std::string& path) {
+    addFolder(folder, path);
     for (const FolderEntry& entry : listFolder(folder)) {
         const std::string name = joined(folder, entry.name);
         const std::string inside = joined(path, entry.name);
         if (isTooDeep(name)) {
-            leftOut.push_back({name, "its path is longer than the system takes"});
+            leftOut_.push_back({name, "its path is longer than the system takes"});
             continue;
         }
         switch (entry.type) {
             case FolderEntry::Type::kFolder:
-                addFolderTree(name, inside, writer, leftOut);
+                add(name, inside);
                 break;
             case FolderEntry::Type::kFile:
-                if (!addFile(name, inside, writer)) {
-                    leftOut.push_back({name, "it is larger than any file of a database"});
+                if (!addFile(name, inside)) {
+                    leftOut_.push_back({name, "it is larger than any file of a database"});
                 }
                 break;
             case FolderEntry::Type::kOther:
-                leftOut.push_back({name, "it is neither a file nor a folder"});
+                leftOut_.push_back({name, "it is neither a file nor a folder"});
                 break;
         }
     }
@@ -93,7 +115,7 @@ void setMode(const os::File& file, unsigned int mode, const std::string& path) {
     }
 }
 
-void extractFile(const ArchiveEntry& entry, ArchiveReader& reader, const std::string& path) {
+void extractFile(unsigned int mode, ArchiveReader& reader, const std::string& path) {
     os::File file = os::openFile(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR);
     if (!file) {
         failWithErrno("make", path);
@@ -103,16 +125,17 @@ void extractFile(const ArchiveEntry& entry, ArchiveReader& reader, const std::st
             failWithErrno("write", path);
         }
     }
-    setMode(file, entry.mode, path);
+    setMode(file, mode, path);
     if (!file.close()) {
         failWithErrno("write", path);
     }
 }
 
-// What the folder has, as the manifest of an archive of it would say.
-ArchiveTotals totalsOf(const std::string& folder) {
+// What the folder has, as the manifest of an archive of it would say. It has nothing that would be
+// left out.
+ArchiveTotals totalsOf(const std::string& folder, const Modes& modes) {
     ArchiveWriter writer([](std::span<const unsigned char>) {});
-    (void)addTree(folder, writer);  // an extracted folder has no such
+    TreeWriter(writer, modes).add(folder, kArchiveRoot);
     return writer.finish();
 }
 
@@ -143,30 +166,38 @@ ArchiveTotals verifyArchive(const os::File& file, const std::string& name) {
 }
 
 std::vector<LeftOut> addTree(const std::string& folder, ArchiveWriter& writer) {
-    std::vector<LeftOut> leftOut;
-    addFolderTree(folder, kArchiveRoot, writer, leftOut);
-    return leftOut;
+    const Modes none;
+    TreeWriter tree(writer, none);
+    tree.add(folder, kArchiveRoot);
+    return tree.takeLeftOut();
 }
 
 ArchiveTotals extractTree(const os::File& file, const std::string& name,
                           const std::string& folder) {
     ArchiveReader reader(archiveSource(file, name));
     // A folder gets its mode last: it may not allow what has yet to be made in it.
-    std::vector<std::pair<std::string, unsigned int>> modes;
+    std::vector<std::pair<std::string, unsigned int>> folders;
+    // Whoever packed the archive does not decide who may read what is unpacked.
+    const unsigned int allowed = ~static_cast<unsigned int>(os::creationMask());
+    Modes reduced;
     while (const auto entry = reader.next()) {
         const std::string path = folder + entry->path.substr(std::string_view(kArchiveRoot).size());
+        const unsigned int mode = entry->mode & allowed;
+        if (mode != entry->mode) {
+            reduced.emplace(entry->path, entry->mode);
+        }
         if (!entry->isFolder) {
-            extractFile(*entry, reader, path);
+            extractFile(mode, reader, path);
         } else if (os::mkdir(path.c_str(), S_IRWXU) == 0) {
-            modes.emplace_back(path, entry->mode);
+            folders.emplace_back(path, mode);
         } else {
             failWithErrno("create the folder", path);
         }
     }
-    for (auto it = modes.rbegin(); it != modes.rend(); ++it) {
+    for (auto it = folders.rbegin(); it != folders.rend(); ++it) {
         setMode(os::openFile(it->first.c_str(), O_RDONLY | O_DIRECTORY), it->second, it->first);
     }
-    if (totalsOf(folder).manifest != reader.totals().manifest) {
+    if (totalsOf(folder, reduced).manifest != reader.totals().manifest) {
         throw Failure(kIo, fmt::format("{} reads back differently from what was written", folder),
                       folder);
     }

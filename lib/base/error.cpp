@@ -85,9 +85,12 @@ void failWithErrno(const std::string& what, const std::string& path) {
     const Status status = reason == ENOENT || reason == ENOTDIR ? kMissing
                           : reason == ENOMEM                    ? kNoMemory
                                                                 : kIo;
-    failWithStatus(
-        status,
-        fmt::format("cannot {} {}: {}", what, path, std::generic_category().message(reason)), path);
+    const std::string message =
+        fmt::format("cannot {} {}: {}", what, path, std::generic_category().message(reason));
+    if (reason == EACCES || reason == EPERM) {
+        throw Failure(status, message, path, Failure::Cause::kDenied);
+    }
+    failWithStatus(status, message, path);
 }
 
 }  // namespace fstore

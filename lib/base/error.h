@@ -31,16 +31,24 @@ int exitCodeOf(Status status);
 // file or record concerned, for programs; may be empty.
 class Failure : public std::runtime_error {
 public:
-    Failure(Status status, const std::string& message, std::string path = {})
-        : std::runtime_error(message), status_(status), path_(std::move(path)) {}
+    enum class Cause {
+        kOther,
+        kDenied,  // the user may not do it: says nothing about the file
+    };
+
+    Failure(Status status, const std::string& message, std::string path = {},
+            Cause cause = Cause::kOther)
+        : std::runtime_error(message), status_(status), path_(std::move(path)), cause_(cause) {}
 
     Status status() const noexcept { return status_; }
     int exitCode() const { return exitCodeOf(status_); }
     const std::string& path() const noexcept { return path_; }
+    bool isDenied() const noexcept { return cause_ == Cause::kDenied; }
 
 private:
     Status status_;
     std::string path_;
+    Cause cause_;
 };
 
 // Out of memory, with a sentence as a Failure has. Not a Failure: code that goes on after one

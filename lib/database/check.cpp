@@ -35,7 +35,8 @@ std::vector<Finding> inspectAll() {
                  "records an interrupted change of the password", Finding::Repair::kFinish});
         }
     } catch (const Failure& failure) {
-        findings.push_back({Finding::Kind::kDamaged, failure.path(), failure.what()});
+        const auto kind = failure.isDenied() ? Finding::Kind::kUnreadable : Finding::Kind::kDamaged;
+        findings.push_back({kind, failure.path(), failure.what()});
     }
     return findings;
 }
@@ -77,8 +78,15 @@ bool repairOnce(CheckReport& report, Database& database) {
 
 }  // namespace
 
+bool CheckReport::hasDamage() const {
+    const auto isDamaged = [](const DamagedRecord& record) { return !record.failure.isDenied(); };
+    return std::ranges::any_of(findings, &Finding::isDamage) ||
+           (deep && std::ranges::any_of(deep->damaged, isDamaged));
+}
+
 bool CheckReport::isSound() const {
-    return std::ranges::none_of(findings, &Finding::isDamage) && (!deep || deep->damaged.empty());
+    return !hasDamage() && std::ranges::none_of(findings, &Finding::isUnread) &&
+           (!deep || deep->damaged.empty());
 }
 
 CheckReport checkDatabase(Database& database, const CheckOptions& options) {

@@ -24,6 +24,8 @@ struct CheckReport {
     std::vector<LostFolder> lost;  // what repairs have moved away, this one and earlier ones
     std::optional<DeepReport> deep;
 
+    bool hasDamage() const;
+    // Nothing is damaged, and everything could be read.
     bool isSound() const;
 };
 

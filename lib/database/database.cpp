@@ -35,7 +35,7 @@ Hold Database::enter(Access access, Need need) {
     switch (need) {
         case Need::kFolder:
             lock_.take(os::LockKind::kExclusive);
-            refuseLink();
+            refuseOther();
             break;
         case Need::kFiles:
             lock_.take(kindFor(access));
@@ -43,7 +43,7 @@ Hold Database::enter(Access access, Need need) {
             break;
         case Need::kDatabase:
             lock_.take(os::LockKind::kExclusive);
-            refuseLink();
+            refuseOther();
             learn(recover(store_));
             break;
         case Need::kRecords:
@@ -86,7 +86,7 @@ void Database::changePassword(NewSlot fresh, bool keepOld) {
 }
 
 void Database::requireDatabase() const {
-    refuseLink();
+    refuseOther();
     if (!folderState().hasDatabase()) {
         throw Failure(kMissing,
                       fmt::format("there is no database in {}; create one with `fstore init`, or "
@@ -96,9 +96,17 @@ void Database::requireDatabase() const {
     }
 }
 
-void Database::refuseLink() const {
+void Database::refuseOther() const {
+    const os::EntryType type = os::entryTypeOf(layout::kLive);
+    if (type == os::EntryType::kFile || type == os::EntryType::kOther) {
+        throw Failure(kInvalid,
+                      fmt::format("{} in {} is not a folder, so it is not a database; move it "
+                                  "elsewhere, or name another folder with --dir",
+                                  layout::kLive, place_.describe()),
+                      layout::kLive);
+    }
     // What a link leads to is no part of this folder: its lock does not keep others out of it.
-    if (os::entryTypeOf(layout::kLive) == os::EntryType::kLink) {
+    if (type == os::EntryType::kLink) {
         throw Failure(kInvalid,
                       fmt::format("{} in {} is a link, which fstore does not follow; name the "
                                   "folder that contains the database itself with --dir",

@@ -101,7 +101,7 @@ public:
 
 private:
     void requireDatabase() const;
-    void refuseLink() const;
+    void refuseOther() const;
     void enterRecords(Access access);
     void enterShared();
     void enterExclusive();

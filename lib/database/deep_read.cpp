@@ -101,7 +101,7 @@ DeepReport readEverything(Observer& observer, const std::string& what, Bodies bo
         } catch (const TooLarge& failure) {
             report.unread.push_back(failure);
         } catch (const Failure& failure) {
-            report.damaged.push_back({address, failure.status(), failure.what()});
+            report.damaged.push_back({address, failure});
         }
         progress.step();
     }

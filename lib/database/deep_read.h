@@ -15,8 +15,7 @@ namespace fstore {
 
 struct DamagedRecord {
     Address address;
-    Status status;
-    std::string message;
+    Failure failure;  // or why it could not be examined: Failure::isDenied()
 };
 
 struct DeepReport {

@@ -23,6 +23,8 @@ const char* nameOf(FindingKind kind) {
             return "missing-folder";
         case FindingKind::kDamaged:
             return "damaged";
+        case FindingKind::kUnreadable:
+            return "unreadable";
         case FindingKind::kUnknownFile:
             return "unknown-file";
         case FindingKind::kMovedAside:

@@ -19,6 +19,7 @@ struct Finding {
         kUnfinishedChange,  // of the password; found by the caller, who knows the records
         // Reported, and never touched:
         kDamaged,      // a record that cannot be read, or that cannot be what was written
+        kUnreadable,   // a file that the user may not read, or what that leaves open
         kUnknownFile,  // nothing that the store would have made
         kPrevious,     // "./old_db", with the password before
     };
@@ -41,6 +42,7 @@ struct Finding {
     bool isDoubtful = false;
 
     bool isDamage() const noexcept { return kind == Kind::kDamaged || isDoubtful; }
+    bool isUnread() const noexcept { return kind == Kind::kUnreadable; }
     bool isRepairable() const noexcept { return repair != Repair::kNone; }
 };
 

@@ -30,6 +30,7 @@ struct Namer {
     std::optional<std::string> body;  // that it names
     std::set<std::string> mentioned;  // bodies of the folder whose names stand elsewhere in it
     std::string fault;                // why its text is not what the store wrote; or empty
+    bool isDenied = false;            // the user may not read it, and it may be sound
     Repair repair = Repair::kNone;
     bool stays = true;
 
@@ -121,15 +122,6 @@ private:
         }
     }
 
-    static std::string_view markerOf(std::string_view name) {
-        for (const std::string_view marker : {kDscSuffix, kNewMarker, kOldMarker, kDeletedMarker}) {
-            if (hasMarker(name, marker)) {
-                return marker;
-            }
-        }
-        return {};
-    }
-
     void examineText(Namer& namer) {
         try {
             const SecretBytes bytes = readDescriptorBytes(joined(path_, namer.file));
@@ -140,6 +132,7 @@ private:
             noteMentions(lines, namer);
         } catch (const Failure& failure) {
             namer.fault = fmt::format("cannot be read: {}", failure.what());
+            namer.isDenied = failure.isDenied();
         }
     }
 
@@ -198,20 +191,20 @@ private:
         RecordHead head;
         std::optional<Sha256Digest> body;
     };
-    std::optional<Readable> read(const Namer& namer, std::string& reason) const {
+    std::optional<Readable> read(const Namer& namer, std::optional<Failure>& reason) const {
         try {
             RecordHead head =
                 RecordHead::read({folder_, std::string(withoutMarker(namer.file, kDscSuffix))});
             auto body = head.hasBody() ? std::optional(digestOf(head.bodyPath())) : std::nullopt;
             return Readable{std::move(head), body};
         } catch (const Failure& failure) {
-            reason = failure.what();
+            reason = failure;
             return std::nullopt;
         }
     }
 
     bool isReadable(const Namer& current) const {
-        std::string ignored;
+        std::optional<Failure> ignored;
         return current.isSound() && read(current, ignored);
     }
 
@@ -232,7 +225,12 @@ private:
     }
 
     void examineDescriptor(const Namer& namer) {
-        std::string reason;
+        if (namer.isDenied) {
+            isPartlyUnread_ = true;
+            add(FindingKind::kUnreadable, namer.file, namer.fault);
+            return;
+        }
+        std::optional<Failure> reason;
         const std::optional<Readable> record = read(namer, reason);
         if (namer.body && !isBodyName(*namer.body)) {
             damaged(namer, fmt::format("names {} as its body file, and no body can have that name",
@@ -241,8 +239,10 @@ private:
             damaged(namer, fmt::format("names the body file {}, which is missing", *namer.body));
         } else if (!namer.isSound()) {
             damaged(namer, namer.fault);
+        } else if (!record && reason->isDenied()) {
+            add(FindingKind::kUnreadable, namer.file, reason->what());
         } else if (!record) {
-            damaged(namer, reason);
+            damaged(namer, reason->what());
         } else if (isReferenceOfSecret(record->head)) {
             damaged(namer, "names a body as plain, though the body's SHA-256 is encrypted");
         } else if (!isBodyAsSaid(*record)) {
@@ -275,6 +275,15 @@ private:
         const FindingKind kind = namer.marker == kNewMarker       ? FindingKind::kNewDescriptor
                                  : namer.marker == kDeletedMarker ? FindingKind::kRemoved
                                                                   : FindingKind::kSavedDescriptor;
+        if (namer.isDenied || (isPartlyUnread_ && !isInDoubt_)) {
+            add(FindingKind::kUnreadable, namer.file,
+                std::string(message) + ", and stays until all of the folder can be read");
+            if (namer.body) {
+                owners_.emplace(*namer.body, namer.file);
+            }
+            isPartlyUnread_ = true;
+            return;
+        }
         if (isInDoubt_ && namer.body && !owners_.contains(*namer.body)) {
             // Its body may be that of the damaged record, and would have no name any more.
             addDoubtful(kind, namer.file,
@@ -299,6 +308,9 @@ private:
             add(FindingKind::kUnnamedBody, body, "is the body of a leftover", found->second);
         } else if (!isUniqueName(body)) {
             add(FindingKind::kUnknownFile, body, "is an unknown file");
+        } else if (isPartlyUnread_ && !isInDoubt_) {
+            add(FindingKind::kUnreadable, body,
+                "may belong to a descriptor that cannot be read, and stays");
         } else if (isInDoubt_ || mentioned_.contains(body)) {
             addDoubtful(FindingKind::kUnnamedBody, body,
                         "is not named by any readable descriptor, but may belong to a damaged one");
@@ -331,7 +343,8 @@ private:
     std::map<std::string, std::string> owners_;  // body: the first file that stays and names it
     std::map<std::string, Repair> leaving_;      // body: what becomes of the files that name it
     std::set<std::string> mentioned_;            // bodies, by files that stay
-    bool isInDoubt_ = false;  // a descriptor that stays may name a body that is not in owners_
+    bool isInDoubt_ = false;       // a descriptor that stays may name a body that is not in owners_
+    bool isPartlyUnread_ = false;  // so may one that the user may not read
 };
 
 }  // namespace

@@ -6,12 +6,12 @@
 #include <fmt/format.h>
 
 #include "format/layout.h"
-#include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/database/folder_check.h"
 #include "lib/database/folders.h"
 #include "lib/database/lost.h"
+#include "lib/database/recovery.h"
 #include "lib/records/catalogue.h"
 #include "os/fs.h"
 
@@ -60,17 +60,6 @@ void removeFiles(const std::vector<Finding>& findings, bool bodies) {
     }
 }
 
-void putBack(const std::string& path) {
-    const std::string descriptor(withoutMarker(path, kOldMarker));
-    if (exists(descriptor)) {
-        return;  // the next inspection sees what it is now
-    }
-    if (os::rename(path.c_str(), descriptor.c_str()) != 0) {
-        failWithErrno("rename", path);
-    }
-    syncFolder(folderOf(path));
-}
-
 void makeFolder(const std::string& path) {
     if (os::mkdir(path.c_str(), S_IRWXU) != 0) {
         failWithErrno("create the folder", path);
@@ -81,7 +70,7 @@ void makeFolder(const std::string& path) {
 void repairOne(const Finding& finding) {
     switch (finding.repair) {
         case Repair::kPutBack:
-            putBack(finding.path);
+            putBack(finding.path);  // the next inspection sees another one
             break;
         case Repair::kDropCopy:
             dropCopy();

@@ -15,6 +15,7 @@
 #include "lib/database/folders.h"
 #include "lib/database/recovery.h"
 #include "lib/records/catalogue.h"
+#include "lib/records/descriptor.h"
 
 namespace fstore {
 namespace {
@@ -31,6 +32,16 @@ void requireCopyable() {
                                           "with the database; move it elsewhere first",
                                           path),
                               path);
+            }
+            // The store would take any name with this end for a saved descriptor's.
+            if (hasMarker(entry.name, kOldMarker) && markerOf(entry.name).empty()) {
+                const std::string path = joined(folderPath(folder), entry.name);
+                throw Failure(
+                    kInvalid,
+                    fmt::format("{} is an unknown file whose name ends as that of a saved "
+                                "descriptor; move it elsewhere first",
+                                path),
+                    path);
             }
         }
     });
@@ -55,11 +66,16 @@ DeepReport readSound(Observer& observer, const char* what) {
     }
     if (!report.damaged.empty()) {
         const DamagedRecord& first = report.damaged.front();
+        if (first.failure.isDenied()) {
+            throw Failure(kIo,
+                          fmt::format("the password was not changed: {}", first.failure.what()),
+                          first.address.print());
+        }
         throw Failure(
             kFound,
             fmt::format("{} of {} records are damaged, so the password was not changed: {}; list "
                         "them with `fstore check --deep`, remove them with `fstore rm`",
-                        report.damaged.size(), report.records, first.message),
+                        report.damaged.size(), report.records, first.failure.what()),
             first.address.print());
     }
     return report;

@@ -1,24 +1,45 @@
 #include "lib/database/recovery.h"
 
 #include <algorithm>
+#include <iterator>
 #include <string>
 #include <vector>
 
 #include "format/record_name.h"
+#include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/database/folders.h"
 #include "lib/records/catalogue.h"
+#include "lib/records/descriptor.h"
+#include "os/fs.h"
 
 namespace fstore {
 namespace {
 
-// Whether a descriptor stands moved aside alone, as a write that was broken off between
-// its two renames leaves it: listing and reading would put it back.
-bool hasLoneSaved(const std::string& folder, const std::vector<FolderEntry>& entries) {
-    return std::ranges::any_of(entries, [&](const FolderEntry& entry) {
-        return entry.type == FolderEntry::Type::kFile && hasMarker(entry.name, kOldMarker) &&
-               !exists(joinPath(folderPath(folder), withoutMarker(entry.name, kOldMarker)));
-    });
+// The descriptors that stand moved aside alone, as a write that was broken off between its two
+// renames leaves them: reading would put them back.
+std::vector<std::string> loneSavedOf(const std::string& folder,
+                                     const std::vector<FolderEntry>& entries) {
+    std::vector<std::string> found;
+    for (const FolderEntry& entry : entries) {
+        const std::string path = joined(folderPath(folder), entry.name);
+        if (entry.type == FolderEntry::Type::kFile && markerOf(entry.name) == kOldMarker &&
+            !exists(std::string(withoutMarker(path, kOldMarker)))) {
+            found.push_back(path);
+        }
+    }
+    return found;
+}
+
+std::vector<std::string> allLoneSaved() {
+    std::vector<std::string> found;
+    Unread beyondRepair;  // the command that follows meets them, too
+    visitFolders(
+        [&](const std::string& folder, const std::vector<FolderEntry>& entries) {
+            std::ranges::move(loneSavedOf(folder, entries), std::back_inserter(found));
+        },
+        &beyondRepair);
+    return found;
 }
 
 // Drops the slot of a change that has not happened, and will not.
@@ -35,26 +56,24 @@ Protection dropNewSlot(const Protection& undone) {
 
 // Readers ignore an unfinished copy.
 bool needsRecovery() {
-    if (!folderState().live) {
-        return true;
+    return !folderState().live || !allLoneSaved().empty();
+}
+
+void putBack(const std::string& saved) {
+    const std::string descriptor(withoutMarker(saved, kOldMarker));
+    if (exists(descriptor)) {
+        return;
     }
-    bool found = false;
-    Unread beyondRepair;  // the command that follows meets them, too
-    visitFolders(
-        [&](const std::string& folder, const std::vector<FolderEntry>& entries) {
-            found = found || hasLoneSaved(folder, entries);
-        },
-        &beyondRepair);
-    return found;
+    if (os::rename(saved.c_str(), descriptor.c_str()) != 0) {
+        failWithErrno("rename", saved);
+    }
+    syncFolder(descriptor.substr(0, descriptor.rfind('/')));
 }
 
 Protection recover(StoreService& store) {
     store.makeFolders();
     dropCopy();
-    Unread beyondRepair;  // the command that follows meets them, too
-    for (const std::string& folder : allFolders(&beyondRepair)) {
-        (void)recordsIn(folder);  // the listing puts back what was moved aside
-    }
+    std::ranges::for_each(allLoneSaved(), putBack);
     Protection protection = readProtection();
     return protection.isUndone() ? dropNewSlot(protection) : protection;
 }

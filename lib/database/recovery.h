@@ -5,6 +5,8 @@
 #ifndef LIB_DATABASE_RECOVERY_H
 #define LIB_DATABASE_RECOVERY_H
 
+#include <string>
+
 #include "lib/database/protection.h"
 #include "lib/database/store_service.h"
 
@@ -12,6 +14,9 @@ namespace fstore {
 
 // Whether reading the database would change it. The caller holds a lock of either kind.
 bool needsRecovery();
+
+// Puts a saved descriptor, "a.dsc.$o$", back to where it was, unless there is another one.
+void putBack(const std::string& saved);
 
 // Undoes an interrupted command, or finishes it; creates missing folders. Returns the
 // protection that is then in force. The caller holds the exclusive lock. May itself be

@@ -1,14 +1,36 @@
 #include "lib/database/store_service.h"
 
+#include <cerrno>
 #include <utility>
 
 #include <fmt/format.h>
 
+#include "format/layout.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/database/counting_service.h"
+#include "os/files.h"
 
 namespace fstore {
+
+namespace {
+
+// The store reports only that it could not make a folder.
+void requireFolderOrNone(const char* path) {
+    const os::EntryType type = os::entryTypeOf(path);
+    if (type == os::EntryType::kFile || type == os::EntryType::kOther) {
+        throw Failure(kInvalid,
+                      fmt::format("{} is a file, and the database needs a folder of this name; "
+                                  "move the file elsewhere",
+                                  path),
+                      path);
+    }
+    if (type == os::EntryType::kUnknown && errno != ENOENT && errno != ENOTDIR) {
+        failWithErrno("examine", path);
+    }
+}
+
+}  // namespace
 
 StoreService::StoreService(const Place& place) : place_(place) {}
 
@@ -36,6 +58,9 @@ void StoreService::close() {
 }
 
 void StoreService::makeFolders() {
+    for (const layout::Folder& folder : layout::kFolders) {
+        requireFolderOrNone(folder.path);
+    }
     // The store goes on after a folder that it could not make, so errno tells of another.
     if (service_.prepareDBFolders() != kOk) {
         throw Failure(kIo,

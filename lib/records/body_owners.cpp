@@ -12,13 +12,6 @@
 namespace fstore {
 namespace {
 
-constexpr std::string_view kEndings[] = {kDscSuffix, kOldMarker, kNewMarker, kDeletedMarker};
-
-bool isDescriptor(std::string_view name) {
-    return std::ranges::any_of(kEndings,
-                               [&](std::string_view ending) { return hasMarker(name, ending); });
-}
-
 // The markers of one record's descriptors do not make them those of several.
 bool isOf(std::string_view file, std::string_view descriptor) {
     return file.starts_with(descriptor) &&
@@ -69,7 +62,7 @@ const BodyOwners::Folder& BodyOwners::folderOf(const std::string& folder) {
     }
     const std::string path = folderPath(folder);
     for (const FolderEntry& file : readFolder(path)) {
-        if (file.type != FolderEntry::Type::kFile || !isDescriptor(file.name)) {
+        if (file.type != FolderEntry::Type::kFile || markerOf(file.name).empty()) {
             continue;
         }
         try {

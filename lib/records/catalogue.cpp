@@ -6,7 +6,7 @@
 
 #include <fmt/format.h>
 
-#include "client/file_store_exp.h"
+#include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/records/record.h"
 #include "lib/records/record_head.h"
@@ -108,15 +108,11 @@ void visitFolders(const FolderVisitor& visit, Unread* unread) {
 }
 
 std::vector<Address> recordsIn(const std::string& folder) {
-    aFileStoreList list;
-    if (list.target() == nullptr) {
-        throw noService();
-    }
-    const std::string path = folderPath(folder);
-    check(list.readFromFolder(path.c_str()), fmt::format("cannot list {}", path), path);
     std::vector<Address> found;
-    for (aFileStore record = list.getFirst(); record.target() != nullptr; record = list.getNext()) {
-        found.push_back({folder, record.getName()});
+    for (const FolderEntry& entry : readFolder(folderPath(folder))) {
+        if (entry.type == FolderEntry::Type::kFile && hasMarker(entry.name, kDscSuffix)) {
+            found.push_back({folder, std::string(withoutMarker(entry.name, kDscSuffix))});
+        }
     }
     std::sort(found.begin(), found.end());
     return found;

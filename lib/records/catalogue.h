@@ -31,7 +31,7 @@ using FolderVisitor = std::function<void(const std::string&, const std::vector<F
 void visitFolders(const FolderVisitor& visit, Unread* unread = nullptr);
 
 // The records of a folder that allFolders() has found, by name. What a crash left behind must have
-// been repaired: listing would do it otherwise.
+// been repaired.
 std::vector<Address> recordsIn(const std::string& folder);
 
 // All records but the internal ones, by folder and name.

@@ -8,6 +8,7 @@
 
 #include "format/body_reference.h"
 #include "format/dsc_text.h"
+#include "format/record_name.h"
 #include "os/files.h"
 
 namespace fstore {
@@ -55,6 +56,15 @@ std::vector<DescriptorLine> parseInPlace(SecretBytes bytes) {
 }
 
 }  // namespace
+
+std::string_view markerOf(std::string_view file) {
+    for (const std::string_view marker : {kNewMarker, kOldMarker, kDeletedMarker}) {
+        if (hasMarker(file, marker) && hasMarker(withoutMarker(file, marker), kDscSuffix)) {
+            return marker;
+        }
+    }
+    return hasMarker(file, kDscSuffix) ? kDscSuffix : std::string_view();
+}
 
 std::vector<DescriptorLine> parseDescriptor(std::string_view text) {
     return parseInPlace({text.begin(), text.end()});

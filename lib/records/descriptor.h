@@ -45,6 +45,11 @@ struct DescriptorLine {
     bool isDamaged() const { return form != Form::kSkipped && form != Form::kAttribute; }
 };
 
+// What stands behind the record's name in that of a descriptor: kDscSuffix, or a marker
+// (format/record_name.h). Empty for a file of another name: a marker makes no descriptor of what
+// was none.
+std::string_view markerOf(std::string_view file);
+
 std::vector<DescriptorLine> parseDescriptor(std::string_view text);
 
 // A descriptor of this size, which is more than kMostDescriptor.

@@ -25,6 +25,37 @@ std::string digitsOfNumber(std::string_view text) {
     return digits.empty() ? "0" : digits;
 }
 
+template <class AnyRecord>
+bool has(const AnyRecord& record, unsigned int id) {
+    for (unsigned int i = 0; i < record.count(); ++i) {
+        if (record.id(i) == id) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Whether the record has, or ought to have, a time of expiry, and it cannot be read now.
+template <class AnyRecord>
+bool lacksExpiry(const AnyRecord& record, bool isUnread, const RecordInfo& info) {
+    if (info.notAfter) {
+        return false;
+    }
+    switch (info.kind) {
+        case Kind::kCertificate:
+            return true;
+        case Kind::kCrl:
+            return has(record, attr::kNotAfter);  // some CRLs name no next update
+        case Kind::kUnknown:
+            return isUnread || has(record, attr::kKind) || has(record, attr::kNotAfter);
+        case Kind::kKey:
+        case Kind::kRequest:
+        case Kind::kRaw:
+            break;
+    }
+    return false;
+}
+
 }  // namespace
 
 Filter::Filter(const Filters& filters, std::int64_t now) : filters_(filters), now_(now) {
@@ -106,7 +137,7 @@ bool Filter::matchesAttribute(const AnyRecord& record, const Attribute& wanted) 
 }
 
 bool Filter::matchesInfo(const RecordInfo& info) const {
-    return matchesExpiry(info) && matchesNames(info) && matchesDigits(info) && matchesKey(info);
+    return matchesNames(info) && matchesDigits(info) && matchesKey(info);
 }
 
 template <class AnyRecord>
@@ -116,15 +147,27 @@ bool Filter::matchesAttributes(const AnyRecord& record) const {
 }
 
 bool Filter::matches(const Record& record, const RecordInfo& info) const {
-    return matchesInfo(info) && matchesAttributes(record);
+    return matchesExpiry(info) && matchesInfo(info) && matchesAttributes(record);
 }
 
 bool Filter::matches(const RecordHead& head, const RecordInfo& info) const {
-    return matchesInfo(info) && matchesAttributes(head);
+    return matchesExpiry(info) && matchesInfo(info) && matchesAttributes(head);
+}
+
+bool Filter::mayMatch(const Record& record, const RecordInfo& info) const {
+    const bool isUnread = record.hasSecrets() && !record.isReadable();
+    return asksForExpiry() && lacksExpiry(record, isUnread, info) &&
+           (isUnread || (matchesInfo(info) && matchesAttributes(record)));
+}
+
+bool Filter::mayMatch(const RecordHead& head, const RecordInfo& info) const {
+    const bool isUnread = head.hasSecrets();
+    return asksForExpiry() && lacksExpiry(head, isUnread, info) &&
+           (isUnread || (matchesInfo(info) && matchesAttributes(head)));
 }
 
 bool Filter::matchesExpiry(const RecordInfo& info) const {
-    if (!filters_.expired && !expiresBefore_) {
+    if (!asksForExpiry()) {
         return true;
     }
     // What has expired also counts as about to: an alarm must not fall silent when

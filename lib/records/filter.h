@@ -40,12 +40,18 @@ public:
     bool matches(const Record& record, const RecordInfo& info) const;
     bool matches(const RecordHead& head, const RecordInfo& info) const;
 
+    // Whether the record might match if more of it could be read: expiry is asked for, and its own
+    // is encrypted or unreadable. Never of keys, requests and other bytes, which do not expire.
+    bool mayMatch(const Record& record, const RecordInfo& info) const;
+    bool mayMatch(const RecordHead& head, const RecordInfo& info) const;
+
 private:
     struct Attribute {
         unsigned int id;
         std::optional<std::string> value;
     };
 
+    bool asksForExpiry() const noexcept { return filters_.expired || expiresBefore_; }
     bool matchesInfo(const RecordInfo& info) const;
     bool matchesExpiry(const RecordInfo& info) const;
     bool matchesNames(const RecordInfo& info) const;

@@ -1,6 +1,7 @@
 #include "lib/records/record.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include <fmt/format.h>
@@ -63,6 +64,28 @@ void requireModest(const Address& address) {
     if (os::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
         static_cast<std::uint64_t>(status.st_size) > kMostDescriptor) {
         throw tooLarge(path, static_cast<std::uint64_t>(status.st_size));
+    }
+}
+
+// Whether it can be opened. Throws when the user may not: the store has one status for that and
+// for a file that is missing.
+bool requireAccess(const std::string& path) {
+    os::File file;
+    off_t size = 0;
+    const os::Opened opened = os::openRegular(path.c_str(), file, size, os::Links::kRefuse);
+    if (opened == os::Opened::kFailed && (errno == EACCES || errno == EPERM)) {
+        failWithErrno("open", path);
+    }
+    return opened == os::Opened::kRegular;
+}
+
+void requireAccessTo(const Address& address) {
+    const std::string path = descriptorPath(address);
+    if (!requireAccess(path)) {
+        return;
+    }
+    if (const auto body = bodyNameOf(readDescriptor(path)); body && isBodyName(*body)) {
+        (void)requireAccess(joined(folderPath(address.folder), *body));
     }
 }
 
@@ -317,6 +340,9 @@ void checkRead(Status status, const Address& address) {
     }
     if (status == kMissing && !exists(descriptorPath(address))) {
         throw noRecord(address.print());
+    }
+    if (status == kMissing || status == kIo) {
+        requireAccessTo(address);
     }
     if (status == kMissing) {
         throw Failure(kMissing,

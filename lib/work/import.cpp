@@ -168,7 +168,7 @@ Importer::Result Importer::replace(const PkiObject& object, const std::string& l
         old.decrypt();
         record = std::move(old);
     } catch (const Failure& failure) {
-        if (failure.status() == kNotOpen) {
+        if (failure.status() == kNotOpen || failure.isDenied()) {
             throw;
         }
     }

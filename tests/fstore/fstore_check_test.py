@@ -346,6 +346,46 @@ class SharedBodyTest(TwoRecordsTest):
             self.assertIn("is also named by a.dsc", run.message)
         self.assertEqual(b"body of a", self.body("settings/a"))
 
+    def test_whatever_a_synchroniser_calls_its_copy(self):
+        (self.settings / f"{self.copy}.dsc").unlink()
+        body = self.body_of("a")
+        for name in ["a (conflicted copy 2026-11-21).dsc", "a.conflict.dsc", "a.orig.dsc",
+                     "A.dsc", "a.dsc.dsc"]:
+            for removed in [name.removesuffix(".dsc"), "a"]:
+                with self.subTest(name=name, removed=removed):
+                    descriptor = (self.settings / "a.dsc").read_bytes()
+                    (self.settings / name).write_bytes(descriptor)
+                    self.findings(code=3)
+                    run = self.run_tool("rm", f"settings/{removed}")
+                    self.assertIn("its body file stays", run.message)
+                    self.assertTrue(body.exists())
+                    (self.settings / name).unlink(missing_ok=True)
+                    (self.settings / "a.dsc").write_bytes(descriptor)
+        self.assertEqual(b"body of a", self.body("settings/a"))
+
+    def test_what_is_no_descriptor_is_no_record(self):
+        (self.settings / f"{self.copy}.dsc").unlink()
+        names = ["a.dsc.orig", "a.orig", "a.dsc~", "a.dsc (conflicted copy 2026-11-21)"]
+        for name in names:
+            shutil.copy(self.settings / "a.dsc", self.settings / name)
+        self.assertEqual(["settings/a", "settings/b"], self.records())
+        found = {f"settings/{name}": "unknown-file" for name in names}
+        self.assertEqual(found, self.findings("--repair"))
+        self.assertEqual(b"body of a", self.body("settings/a"))
+
+    def test_a_rival_that_may_not_be_read_keeps_the_body(self):
+        rival = self.settings / f"{self.copy}.dsc"
+        rival.chmod(0)
+        body = self.body_of("a")
+        run = self.run_tool("rm", "settings/a", prefix=support.BOUND)
+        self.assertIn("which cannot be read", run.message)
+        run = self.run_tool("check", "--repair", "--json", code=5, prefix=support.BOUND)
+        found = {one["path"]: one["kind"] for one in run.document["findings"]}
+        self.assertEqual({f"./db/settings/{rival.name}": "unreadable",
+                          f"./db/settings/{body.name}": "unreadable"}, found)
+        rival.chmod(0o600)
+        self.assertEqual(b"body of a", self.body(f"settings/{self.copy}"))
+
     def test_a_record_beside_an_unreadable_one_keeps_its_body(self):
         (self.settings / f"{self.copy}.dsc").write_text("nonsense\n")
         body = self.body_of("a")

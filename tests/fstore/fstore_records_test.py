@@ -5,6 +5,7 @@ import filecmp
 import hashlib
 import os
 
+import pki
 import support
 from support import LONG, SANITIZED, FstoreTest, InitialisedTest
 
@@ -350,6 +351,41 @@ class ListingTest(InitialisedTest):
     def test_fail_tells_cron(self):
         self.assertEqual(["certificates/remote/old"], self.listed("--expired", "--fail", code=3))
         self.assertEqual([], self.listed("--subject", "nobody", "--fail"))
+
+    def test_fail_rings_when_it_could_not_look(self):
+        self.run_tool("rm", "-f", "certificates/remote/old")
+        asked = ("ls", "--expires-within", "1d")
+        self.run_tool(*asked, "--fail")  # the key and the other record do not expire
+        self.put("settings/a", b"a secret without a date")
+        self.run_tool(*asked, "--fail")
+        for kind, file in [("certificate", "root.pem"), ("crl", "crl.pem")]:
+            run = self.run_tool("import", pki.files() / file, "--encrypt", "--name", kind)
+            with self.subTest(kind):
+                for limit in [("--expires-within", "1d"), ("--expired",)]:
+                    run = self.run_tool("ls", *limit, "--fail", code=3, password=None)
+                    self.assertIn("when 1 of the records expire could not be read, since it is "
+                                  "encrypted: add --unlock", run.message)
+                    self.assertNotIn(kind, run.text)
+                    self.run_tool("ls", *limit, "--fail", "--unlock")
+                address = self.run_tool(*asked, "--json", "--fail", code=3,
+                                        password=None).document["undated"][0]
+                self.run_tool(*asked, password=None)
+                self.run_tool("ls", "--fail", "--subject", "nobody", password=None)
+                self.run_tool("rm", "-f", address)
+
+    def test_fail_rings_for_a_date_or_kind_that_cannot_be_read(self):
+        self.run_tool("rm", "-f", "certificates/remote/old")
+        for name, lines in {"no date": ["00000001 00000101 00000001"],
+                            "no time": ["00000001 00000101 00000001",
+                                        "00000004 00000107 next year"],
+                            "no kind": ["00000004 00000101 certificate"]}.items():
+            path = self.folder / f"db/crls/{name}.dsc"
+            path.write_text("\n".join(lines) + "\n")
+            with self.subTest(name):
+                run = self.run_tool("ls", "--expired", "--fail", code=3)
+                self.assertIn("when 1 of the records expire could not be read", run.message)
+            path.unlink()
+        self.run_tool("ls", "--expired", "--fail")
 
     def test_json_tells_what_is_known(self):
         record = self.run_tool("ls", "--json", "--serial", "ff01").document["records"][0]

@@ -89,18 +89,16 @@ class ReadOnlyTest(StorageTest):
              ("check", "--deep")]
 
     def test_folders_that_the_user_may_not_write(self):
-        # Permissions do not bind root, unless it gives up the right to pass them over.
-        prefix = ["setpriv", "--bounding-set", "-dac_override"] if os.geteuid() == 0 else []
         folders = [self.folder, *(path for path in self.folder.rglob("*") if path.is_dir())]
         for path in folders:
             self.addCleanup(path.chmod, 0o700)
             path.chmod(0o500)
         before = self.files()
         for args in self.READS:
-            self.run_tool(*args, prefix=prefix)
+            self.run_tool(*args, prefix=support.BOUND)
         for args in [*WRITES, ("rm", "a"), ("get", "a", "-o", "out"), ("-D", "new", "init")]:
             with self.subTest(args=args):
-                self.fails_with_io(*args, prefix=prefix)
+                self.fails_with_io(*args, prefix=support.BOUND)
         self.assertEqual(before, self.files())
 
     def test_a_medium_that_cannot_be_written(self):
@@ -145,6 +143,64 @@ class DamageTest(StorageTest):
                     path.write_bytes(contents)
         self.run_tool("check", "--repair")  # the folders that are empty
         self.assert_unchanged()
+
+    def test_what_may_not_be_read_is_no_damage(self):
+        settings = self.folder / "db/settings"
+        body = next(path for path in settings.iterdir() if path.suffix == "")
+        self.put("settings/b", b"other")
+        for path, sound in [(settings / "a.dsc", 5), (body, 0), (self.folder / "db/kdf.dsc", 9)]:
+            with self.subTest(path.name):
+                path.chmod(0)
+                before = self.files()
+                message = self.fails(9, "io", "get", "settings/a", prefix=support.BOUND)
+                self.assertEqual(f"cannot open ./{path.relative_to(self.folder)}: "
+                                 "Permission denied", message)
+                for args in [("passwd", *CHEAP), ("set", "settings/a", "label=x"),
+                             ("put", "settings/a", "-")]:
+                    message = self.fails(9, "io", *args, prefix=support.BOUND,
+                                         env={"FSTORE_NEW_PASSWORD": "new"})
+                    self.assertIn(f"{path.name}: Permission denied", message)
+                run = self.run_tool("ls", code=sound, prefix=support.BOUND)
+                self.assertEqual(sound != 0, "Permission denied" in run.message)
+                run = self.run_tool("check", "--json", code=5, prefix=support.BOUND)
+                self.assertFalse(run.document["sound"])
+                self.assertEqual({"unreadable"}, {one["kind"] for one in run.document["findings"]})
+                self.assertIn("Permission denied", run.text)
+                self.run_tool("check", "--repair", code=5, prefix=support.BOUND)
+                self.assertEqual(before, self.files())
+                path.chmod(0o600)
+        self.assert_sound()
+
+    def test_a_file_in_the_place_of_a_folder(self):
+        shutil.rmtree(self.folder / "db/crls")
+        self.write("db/crls", "mine")
+        for args in [("put", "settings/b", "-"), ("init",), ("passwd", *CHEAP)]:
+            message = self.fails(4, "invalid", *args, env={"FSTORE_NEW_PASSWORD": "new"})
+            self.assertIn("./db/crls is a file, and the database needs a folder", message)
+        shutil.rmtree(self.folder / "db")
+        self.write("db", "mine")
+        for args in [("ls",), ("init",), ("check",), ("get", "a"), ("backup", "out")]:
+            self.assertIn("./db in this folder is not a folder", self.fails(4, "invalid", *args))
+        self.assertEqual({"db": b"mine"}, self.files())
+
+    def test_unknown_files_with_markers_stay(self):
+        settings = self.folder / "db/settings"
+        body = next(path.name for path in settings.iterdir() if path.suffix == "")
+        mine = b"00000004 00000102 mine\n"
+        names = [f"{body}.$o$", "0000ffff.$o$", "notes.$d$", "notes.$n$", "notes.$o$"]
+        for name in names:
+            (settings / name).write_bytes(mine)
+        self.assertEqual(["settings/a"], self.records())
+        self.put("settings/b", b"other")
+        document = self.run_tool("check", "--repair", "--json").document
+        self.assertEqual([], document["repaired"])
+        self.assertEqual({"unknown-file"}, {one["kind"] for one in document["findings"]})
+        self.assertIn("whose name ends as that of a saved descriptor",
+                      self.fails(4, "invalid", "passwd", *CHEAP,
+                                 env={"FSTORE_NEW_PASSWORD": "new"}))
+        for name in names:
+            self.assertEqual(mine, (settings / name).read_bytes(), name)
+        self.assertEqual(b"body", self.body("settings/a"))
 
     def test_a_damaged_record_does_not_keep_others_from_work(self):
         (self.folder / "db/settings/bad.dsc").write_text("nonsense\n")

@@ -2,6 +2,7 @@
 #include "lib/archive/tree.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <string>
 
@@ -38,13 +39,29 @@ std::string writeArchive(const std::string& folder, const std::string& name) {
 TEST(ExtractTreeTest, MakesTheSameFolder) {
     const support::TempWorkingDir folder;
     makeDatabase("db", "content");
-    std::filesystem::permissions("db/keys", std::filesystem::perms(0710));
+    std::filesystem::permissions("db/keys", std::filesystem::perms(0500));
     (void)writeArchive("./db", "archive");
     const os::File file = os::openFile("archive", O_RDONLY);
     const ArchiveTotals totals = extractTree(file, "archive", "./new_db");
     EXPECT_EQ(support::tree("db"), support::tree("new_db"));
-    EXPECT_EQ(std::filesystem::perms(0710), std::filesystem::status("new_db/keys").permissions());
+    EXPECT_EQ(std::filesystem::perms(0500), std::filesystem::status("new_db/keys").permissions());
     EXPECT_EQ(1u, totals.files);
+}
+
+TEST(ExtractTreeTest, TheUmaskBindsWhatAnArchiveSays) {
+    const support::TempWorkingDir folder;
+    makeDatabase("db", "content");
+    std::filesystem::permissions("db/keys", std::filesystem::perms(0777));
+    std::filesystem::permissions("db/keys/a.dsc", std::filesystem::perms(0666));
+    (void)writeArchive("./db", "archive");
+    const os::File file = os::openFile("archive", O_RDONLY);
+    const mode_t before = umask(027);
+    (void)extractTree(file, "archive", "./new_db");
+    EXPECT_EQ(027, umask(before));
+    EXPECT_EQ(std::filesystem::perms(0750), std::filesystem::status("new_db/keys").permissions());
+    EXPECT_EQ(std::filesystem::perms(0640),
+              std::filesystem::status("new_db/keys/a.dsc").permissions());
+    EXPECT_EQ(support::tree("db"), support::tree("new_db"));
 }
 
 TEST(ExtractTreeTest, IsDurableBeforeItReturns) {
