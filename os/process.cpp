@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <thread>
 
 #include "os/files.h"
@@ -22,6 +23,8 @@ namespace os {
 namespace {
 
 constexpr int kInterruptedExit = 130;
+
+std::optional<mode_t> given;  // the umask that keepSecrets() found
 
 // The path that a handler removes. It may be cut short by a handler that runs in
 // the midst of a change: the flag says whether it is whole.
@@ -54,7 +57,8 @@ bool occupyStandardStreams() noexcept {
 
 bool keepSecrets() noexcept {
     const rlimit none{0, 0};
-    ::umask(S_IRWXG | S_IRWXO);
+    const mode_t mask = ::umask(S_IRWXG | S_IRWXO);
+    given = given.value_or(mask);
     const bool noCore = ::setrlimit(RLIMIT_CORE, &none) == 0;
     return ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) == 0 && noCore;
 }
@@ -82,7 +86,10 @@ void removeOnSignal(const char* path) noexcept {
     }
 }
 
-mode_t creationMask() noexcept {
+mode_t givenMask() noexcept {
+    if (given) {
+        return *given;
+    }
     const mode_t mask = ::umask(S_IRWXG | S_IRWXO);  // asking is setting
     ::umask(mask);
     return mask;

@@ -31,8 +31,8 @@ void removeOnSignal(const char* path) noexcept;
 // Gives an open file or folder these permission bits, whatever the umask.
 [[nodiscard]] bool setPermissions(const File& file, mode_t mode) noexcept;
 
-// The permission bits that new files and folders do not get.
-[[nodiscard]] mode_t creationMask() noexcept;
+// The umask that the program was started with, whatever keepSecrets() has made of it.
+[[nodiscard]] mode_t givenMask() noexcept;
 
 // The process's folder as an absolute path; empty with errno on failure.
 [[nodiscard]] std::string currentFolder();

@@ -132,22 +132,8 @@ Status getFileNameList(const char* folder, std::vector<std::string>& names) {
     return errno == 0 ? kOk : kIo;  // a listing that breaks off is not a short folder
 }
 
-// Any name can end as a saved descriptor's does. What stands in the place of one that was never a
-// descriptor, a body perhaps, is not ours to replace.
-void leaveTakenPlaces(const char* folder, std::vector<std::string>& names) {
-    std::erase_if(names, [&](const std::string& name) {
-        if (!hasMarker(name, kOldMarker)) {
-            return false;
-        }
-        const std::string_view place = withoutMarker(name, kOldMarker);
-        return !hasMarker(place, kDscSuffix) &&
-               os::presence(joinPath(folder, place).c_str()) != os::Presence::kAbsent;
-    });
-}
-
 // Puts back every descriptor that is still known by its saved name, as the only one.
 Status renameOLDFile(const char* folder, std::vector<std::string>& names) {
-    leaveTakenPlaces(folder, names);
     bool renamed = false;
     for (std::string& name : names) {
         if (!hasMarker(name, kOldMarker)) {

@@ -178,7 +178,7 @@ ArchiveTotals extractTree(const os::File& file, const std::string& name,
     // A folder gets its mode last: it may not allow what has yet to be made in it.
     std::vector<std::pair<std::string, unsigned int>> folders;
     // Whoever packed the archive does not decide who may read what is unpacked.
-    const unsigned int allowed = ~static_cast<unsigned int>(os::creationMask());
+    const unsigned int allowed = ~static_cast<unsigned int>(os::givenMask());
     Modes reduced;
     while (const auto entry = reader.next()) {
         const std::string path = folder + entry->path.substr(std::string_view(kArchiveRoot).size());

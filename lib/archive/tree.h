@@ -30,8 +30,8 @@ struct LeftOut {
 std::vector<LeftOut> addTree(const std::string& folder, ArchiveWriter& writer);
 
 // Creates the folder, which must not exist, from an archive, reads it back, and makes it
-// durable. Modes are those of the archive, less
-// the process's umask. A failure leaves a part of it.
+// durable. Modes are those of the archive, less the umask that the program was started with. A
+// failure leaves a part of it.
 ArchiveTotals extractTree(const os::File& file, const std::string& name, const std::string& folder);
 
 }  // namespace fstore

@@ -66,6 +66,14 @@ class RoundTest(BackupTest):
         self.assertEqual(0, run.code, run.message)
         self.assertEqual(["db"], os.listdir(self.outside / "new"))
 
+    def test_the_umask_binds_what_a_backup_says(self):
+        (self.folder / "db/lsps/b.dsc").chmod(0o666)
+        self.backup()
+        self.addCleanup(os.umask, os.umask(0o027))
+        self.restore()
+        restored = self.outside / "new/db/lsps/b.dsc"
+        self.assertEqual(0o640, stat.S_IMODE(restored.stat().st_mode))
+
     def test_needs_no_password_and_tells_what_it_did(self):
         run = self.backup()
         files = sum(1 for _, content in self.tree().values() if content is not None)
@@ -83,6 +91,7 @@ class RoundTest(BackupTest):
             manifest = tar.extractfile("MANIFEST.sha256").read()
         self.assertEqual(hashlib.sha256(manifest).hexdigest(), document["manifestSha256"])
         self.assertEqual(9, document["folders"])
+        self.assertTrue(document.pop("verified"))
         run = support.fstore("-D", self.outside / "new", "restore", self.tar, "--json")
         self.assertEqual(document, run.document["restored"])
         self.assertNotIn("kept", run.document)
