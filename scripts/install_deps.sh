@@ -6,9 +6,9 @@
 #   scripts/install_deps.sh [--full | --quickstart | --bench]
 #
 # --full adds what only the further checks need: the clang tools, memory checks,
-# coverage reports, the check of packages, two more shells. --quickstart installs only
-# what building and trying the command-line tool needs, --bench also the stores that
-# scripts/bench.sh compares with.
+# coverage reports, the checks of packages and of shell scripts, two more shells.
+# --quickstart installs only what building and trying the command-line tool needs,
+# --bench also the stores that scripts/bench.sh compares with.
 set -eu
 
 # Compilers and tools. g++-12-multilib makes the 32-bit module and, unlike
@@ -20,7 +20,7 @@ libraries="libssl-dev libcli11-dev nlohmann-json3-dev libfmt-dev scdoc"
 # openssl and certtool, of gnutls-bin, are what import is compared with.
 testing="googletest libgtest-dev libgmock-dev libbenchmark-dev openssl python3 git strace
 pkg-config gnutls-bin"
-full="lintian dpkg-dev zsh fish clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev
+full="lintian dpkg-dev shellcheck zsh fish clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev
 llvm-14 valgrind gcovr"
 bench="libsqlite3-dev libsqlcipher-dev liblmdb-dev e2fsprogs"
 

@@ -339,17 +339,22 @@ std::vector<FolderEntry> listFolder(const std::string& path) {
     return entries;
 }
 
-void readInPieces(const std::string& path, const PieceUser& use) {
+RegularFile openRegular(const std::string& path) {
     os::File file;
     off_t size = 0;
     switch (os::openRegular(path.c_str(), file, size, os::Links::kRefuse)) {
         case os::Opened::kRegular:
-            break;
+            return {std::move(file), static_cast<std::uint64_t>(size)};
         case os::Opened::kNotRegular:
             throw Failure(kMalformed, fmt::format("{} is not a regular file", path), path);
         case os::Opened::kFailed:
-            failWithErrno("open", path);
+            break;
     }
+    failWithErrno("open", path);
+}
+
+void readInPieces(const std::string& path, const PieceUser& use) {
+    const os::File file = openRegular(path).file;
     std::vector<unsigned char> piece(1 << 16);
     ssize_t got = 0;
     while ((got = os::readSome(file.get(), piece.data(), piece.size())) > 0) {

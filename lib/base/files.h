@@ -89,7 +89,15 @@ struct FolderEntry {
 std::vector<FolderEntry> listFolder(const std::string& path);
 std::vector<FolderEntry> readFolder(const std::string& path);  // in no order
 
-// Calls use(piece) for the bytes of a regular file, one piece after the other; not through a link.
+struct RegularFile {
+    os::File file;
+    std::uint64_t size;
+};
+
+// Opens a regular file for reading, not through a link. Throws kMalformed for anything else.
+RegularFile openRegular(const std::string& path);
+
+// Calls use(piece) for the bytes of a file that openRegular() opens, one piece after the other.
 using PieceUser = std::function<void(std::span<const unsigned char>)>;
 void readInPieces(const std::string& path, const PieceUser& use);
 

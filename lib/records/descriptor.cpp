@@ -9,6 +9,7 @@
 #include "format/body_reference.h"
 #include "format/dsc_text.h"
 #include "format/record_name.h"
+#include "lib/base/files.h"
 #include "os/files.h"
 
 namespace fstore {
@@ -78,23 +79,14 @@ TooLarge tooLarge(const std::string& path, std::uint64_t size) {
 }
 
 SecretBytes readDescriptorBytes(const std::string& path) {
-    os::File file;
-    off_t size = 0;
-    switch (os::openRegular(path.c_str(), file, size, os::Links::kRefuse)) {
-        case os::Opened::kRegular:
-            break;
-        case os::Opened::kNotRegular:
-            throw Failure(kMalformed, fmt::format("{} is not a regular file", path), path);
-        case os::Opened::kFailed:
-            failWithErrno("open", path);
-    }
-    if (static_cast<std::uint64_t>(size) > kMostDescriptor) {
-        throw tooLarge(path, static_cast<std::uint64_t>(size));
+    const RegularFile opened = openRegular(path);
+    if (opened.size > kMostDescriptor) {
+        throw tooLarge(path, opened.size);
     }
     SecretBytes bytes;
-    bytes.reserve(static_cast<std::size_t>(size) + 1);  // for the byte that the line reader wants
-    bytes.resize(static_cast<std::size_t>(size));
-    if (!os::readAll(file.get(), bytes.data(), bytes.size())) {
+    bytes.reserve(opened.size + 1);  // for the byte that the line reader wants
+    bytes.resize(opened.size);
+    if (!os::readAll(opened.file.get(), bytes.data(), bytes.size())) {
         failWithErrno("read", path);
     }
     return bytes;

@@ -8,7 +8,7 @@ message=$(mktemp)
 trap 'rm -f "$message"' EXIT
 i=0
 while [ "$i" -lt 1000 ]; do
-    printf "\\$(printf %03o $(((i * i + 7 * i) % 251)))"
+    printf %b "\\0$(printf %03o $(((i * i + 7 * i) % 251)))"
     i=$((i + 1))
 done > "$message"
 length=0
