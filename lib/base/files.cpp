@@ -376,6 +376,14 @@ bool exists(const std::string& path) {
     failWithErrno("examine", path);
 }
 
+bool isA(os::EntryType type, const std::string& path) {
+    const os::EntryType found = os::entryTypeOf(path.c_str());
+    if (found == os::EntryType::kUnknown && errno != ENOENT && errno != ENOTDIR) {
+        failWithErrno("examine", path);
+    }
+    return found == type;
+}
+
 void removeTree(const std::string& path) {
     if (!exists(path)) {
         return;

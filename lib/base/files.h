@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "cmn/secret_bytes.h"
+#include "os/files.h"
 #include "os/handles.h"
 
 namespace fstore {
@@ -102,6 +103,9 @@ using PieceUser = std::function<void(std::span<const unsigned char>)>;
 void readInPieces(const std::string& path, const PieceUser& use);
 
 bool exists(const std::string& path);  // not following a link; throws if it cannot know
+
+// Whether it is there as one of this type, not following a link; throws if it cannot know.
+bool isA(os::EntryType type, const std::string& path);
 
 // Removes a folder with its contents, without following links in it; does nothing if there is
 // none. If the name is a link, the link goes and its target stays.

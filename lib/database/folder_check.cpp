@@ -129,7 +129,9 @@ private:
             const std::vector<DescriptorLine> lines = parseDescriptor(text);
             namer.body = bodyNameOf(lines);
             namer.fault = faultOf(text, lines);
-            noteMentions(lines, namer);
+            if (!namer.body) {
+                noteMentions(lines, namer);
+            }
         } catch (const Failure& failure) {
             namer.fault = fmt::format("cannot be read: {}", failure.what());
             namer.isDenied = failure.isDenied();
@@ -137,7 +139,8 @@ private:
     }
 
     // A damaged reference may still show the name of its body: as the data of another kind of
-    // line, or in one that is no data at all.
+    // line, or in one that is no data at all. Where the reference can be read, other lines are
+    // no reference: a number may look like the name of any body.
     void noteMentions(const std::vector<DescriptorLine>& lines, Namer& namer) const {
         constexpr std::string_view kBetween = " \t\r\v\f";
         for (const DescriptorLine& line : lines) {
@@ -215,6 +218,7 @@ private:
         } else if (namer.repair == Repair::kPutBack) {
             add(FindingKind::kSavedDescriptor, namer.file,
                 "is the old state of an interrupted write", namer.repair);
+            isInDoubt_ = isInDoubt_ || !namer.isSound();  // it may name any body
         } else {
             addDoubtful(FindingKind::kSavedDescriptor, namer.file,
                         "is the old state of a record that is damaged now");

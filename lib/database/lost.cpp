@@ -85,15 +85,6 @@ std::string below(const std::string& folder, std::string_view path) {
     return path.empty() ? folder : joined(folder, std::string(path));
 }
 
-// Never a guess: what could not be examined is a failure, and not absent.
-bool isA(os::EntryType wanted, const std::string& path) {
-    const os::EntryType type = os::entryTypeOf(path.c_str());
-    if (type == os::EntryType::kUnknown && errno != ENOENT && errno != ENOTDIR) {
-        failWithErrno("examine", path);
-    }
-    return type == wanted;
-}
-
 bool isFolder(const std::string& path) {
     return isA(os::EntryType::kFolder, path);
 }

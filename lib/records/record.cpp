@@ -113,8 +113,7 @@ Record Record::read(const Address& address) {
 }
 
 bool Record::isThere(const Address& address) {
-    const std::string path = descriptorPath(address);
-    return exists(path) && os::entryTypeOf(path.c_str()) == os::EntryType::kFile;
+    return isA(os::EntryType::kFile, descriptorPath(address));
 }
 
 bool Record::hasSecrets() const {
