@@ -128,10 +128,8 @@ void Disk::apply(const fault::Event& call) {
             const int inode = find(call.path);
             std::string to;
             const int folder = folderOf(call.path, name);
-            if (folder != folderOf(call.to, to)) {
-                throw std::logic_error("renames between folders are not modelled");
-            }
-            add({Change::Kind::kRename, folder, name, to, inode});
+            const int toFolder = folderOf(call.to, to);
+            add({Change::Kind::kRename, folder, name, to, inode, toFolder});
             break;
         }
         case Call::kRemove:
@@ -182,8 +180,10 @@ void Disk::sync(int inode) {
     synced.dirty = false;
     lastSync_ = changes_.size();
     for (Change& change : changes_) {
-        (synced.folder ? change.folderSynced : change.fileSynced) |=
-            (synced.folder ? change.folder : change.inode) == inode;
+        change.fromSynced |= synced.folder && change.folder == inode;
+        change.toSynced |= synced.folder && change.toFolder == inode;
+        change.folderSynced = change.fromSynced && change.toSynced;
+        change.fileSynced |= !synced.folder && change.inode == inode;
     }
     settle();
 }
@@ -229,12 +229,13 @@ bool Disk::replay(const Change& change, Folders& folders) {
         names.erase(from);
         return true;
     }
-    const auto replaced = names.find(change.to);
-    if (replaced != names.end() && isFull(replaced->second)) {
+    Names& target = folders[static_cast<std::size_t>(change.toFolder)];
+    const auto replaced = target.find(change.to);
+    if (replaced != target.end() && isFull(replaced->second)) {
         return false;
     }
     names.erase(from);
-    names[change.to] = change.inode;
+    target[change.to] = change.inode;
     return true;
 }
 
@@ -244,7 +245,9 @@ std::string Disk::describePending() const {
         const char* const kinds[] = {"link", "rename", "unlink"};
         text += std::string("    ") + kinds[static_cast<int>(change.kind)] + ' ' + change.name +
                 (change.to.empty() ? "" : " to " + change.to) + " in folder " +
-                std::to_string(change.folder) + (change.folderSynced ? ", folder synced" : "") +
+                std::to_string(change.folder) +
+                (change.toFolder == change.folder ? "" : " to " + std::to_string(change.toFolder)) +
+                (change.folderSynced ? ", folder synced" : "") +
                 (change.fileSynced ? ", file synced" : "") + "\n";
     }
     for (std::size_t i = 0; i < inodes_.size(); ++i) {
@@ -319,7 +322,7 @@ public:
             const bool links = change.kind == Change::Kind::kLink;
             bind(change.folder, change.name, links ? change.inode : -1);
             if (change.kind == Change::Kind::kRename) {
-                bind(change.folder, change.to, change.inode);
+                bind(change.toFolder, change.to, change.inode);
             }
         }
         std::size_t product = 1;

@@ -80,7 +80,10 @@ private:
         std::string name;
         std::string to;  // of kRename
         int inode;
-        bool folderSynced = false;  // since
+        int toFolder = folder;      // of kRename
+        bool folderSynced = false;  // since; of a rename both folders
+        bool fromSynced = false;
+        bool toSynced = false;
         bool fileSynced = false;
     };
 

@@ -13,10 +13,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iterator>
 #include <mutex>
 #include <system_error>
 #include <unordered_map>
+#include <utility>
 
 #include "os/base.h"
 #include "os/fs.h"
@@ -82,6 +84,7 @@ public:
     std::unordered_map<int, Opened> files;
     std::unordered_map<DIR*, Opened> folders;
     unsigned lastHandle = 0;
+    std::string root;  // of a PathsFrom; empty without one
 
 private:
     // Room at once, so that the tables do not grow while a test counts allocations.
@@ -166,7 +169,9 @@ public:
     // The path as it would be without a Base: behind the name of the folder it begins at.
     std::string fromBase(const char* path) const {
         const auto found = seam.files.find(os::baseFolder());
-        return found == seam.files.end() || path[0] == '/' ? path : found->second.path + "/" + path;
+        const bool hasBase = found != seam.files.end() && path[0] != '/';
+        const std::string whole = hasBase ? found->second.path + "/" + path : path;
+        return seam.root.empty() ? whole : fromRoot(whole, hasBase);
     }
 
     template <class Table, class Key>
@@ -176,6 +181,17 @@ public:
     }
 
 private:
+    std::string fromRoot(const std::string& path, bool isRelative) const {
+        using Path = std::filesystem::path;
+        const Path whole = isRelative ? Path(seam.root) / path : std::filesystem::absolute(path);
+        const std::string plain = whole.lexically_normal().string();
+        const std::string relative = Path(plain).lexically_relative(seam.root).string();
+        if (relative.starts_with("..")) {
+            return plain;
+        }
+        return relative.ends_with('/') ? relative.substr(0, relative.size() - 1) : relative;
+    }
+
     Step(Call call, std::size_t size) : verdict(seam.consult(call, size)) {
         event.call = call;
         event.struck = verdict.struck;
@@ -366,6 +382,18 @@ std::vector<std::string> Recorder::lines() const {
         lines.push_back(describe(event));
     }
     return lines;
+}
+
+PathsFrom::PathsFrom(std::string folder) {
+    Seam& seam = Seam::get();
+    const std::lock_guard<std::mutex> lock(seam.mutex);
+    seam.root = std::move(folder);
+}
+
+PathsFrom::~PathsFrom() {
+    Seam& seam = Seam::get();
+    const std::lock_guard<std::mutex> lock(seam.mutex);
+    seam.root.clear();
 }
 
 long callCount(Calls calls) {

@@ -198,6 +198,16 @@ private:
     std::vector<Event> events_;
 };
 
+// While it lives, the paths of events are relative to `folder`, wherever the process goes and
+// however it names them; what is elsewhere has an absolute one. One may live at a time.
+class PathsFrom {
+public:
+    explicit PathsFrom(std::string folder);  // absolute, without links
+    PathsFrom(const PathsFrom&) = delete;
+    PathsFrom& operator=(const PathsFrom&) = delete;
+    ~PathsFrom();
+};
+
 // Calls made since the program began.
 long callCount(Calls calls = Calls::all());
 

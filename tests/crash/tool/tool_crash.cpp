@@ -1,0 +1,194 @@
+#include "tests/crash/tool/tool_crash.h"
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <sstream>
+#include <stdexcept>
+#include <unordered_set>
+
+#include "tests/crash/figures.h"
+
+namespace crash {
+namespace {
+
+void stand(const Tree& tree) {
+    clearCurrentFolder();
+    writeCurrentFolder(tree);
+}
+
+bool changesNames(const fault::Event& event) {
+    using fault::Call;
+    return event.error == 0 && (event.call == Call::kRename || event.call == Call::kRemove ||
+                                event.call == Call::kRmdir || event.call == Call::kMkdir);
+}
+
+// The check that a user would run; what is wrong with its answer.
+std::string checkAgain(const ToolRecording& recording, const std::string& password,
+                       const std::vector<std::string>& options) {
+    Command check{{"-D", recording.workload.folder, "check"}, password};
+    check.args.insert(check.args.end(), options.begin(), options.end());
+    const Ran ran = run(check);
+    return ran.code == 0 ? "" : "  " + describe(check) + ": " + ran.said + '\n';
+}
+
+}  // namespace
+
+std::vector<fault::Event> inThisFolder(const std::vector<fault::Event>& events) {
+    std::vector<fault::Event> inside;
+    std::copy_if(events.begin(), events.end(), std::back_inserter(inside), [](const auto& event) {
+        return fault::kLastingCalls.has(event.call) && event.path != "?" &&
+               !event.path.starts_with('/');
+    });
+    return inside;
+}
+
+ToolRecording record(const ToolWorkload& workload) {
+    ToolRecording recording{workload, {}, {}, {}, {}, {}};
+    clearCurrentFolder();
+    workload.start();
+    recording.start = readCurrentFolder();
+    Promise& promise = recording.promise;
+    promise.isWhole = workload.isWhole;
+    promise.makes = workload.makes;
+    promise.bytes = workload.bytes;
+    promise.before = look(workload.folder);
+    stand(recording.start);
+    {
+        const fault::PathsFrom here(std::filesystem::current_path().string());
+        const fault::Recorder recorder;
+        recording.ran = run(workload.command);
+        recording.everyCall = recorder.events();
+    }
+    recording.calls = inThisFolder(recording.everyCall);
+    promise.after = look(workload.folder);
+    return recording;
+}
+
+std::string recoverAndJudge(const ToolRecording& recording, Acknowledged acknowledged,
+                            Repaired repaired) {
+    const ToolState seen = look(recording.workload.folder);
+    std::string wrong = judge(seen, recording.promise, acknowledged, repaired);
+    wrong += missingBytes(recording.promise, readCurrentFolder());
+    if (!seen.database || !wrong.empty()) {
+        return wrong;
+    }
+    const std::string& password = seen.database->password;
+    wrong += checkAgain(recording, password, {"--repair"});
+    wrong += checkAgain(recording, password, {});
+    const ToolState again = look(recording.workload.folder);
+    if (again.database != seen.database || again.kept != seen.kept || again.files != seen.files ||
+        !again.faults.empty()) {
+        wrong += "  the repair has changed what was found\n";
+    }
+    return wrong + missingBytes(recording.promise, readCurrentFolder());
+}
+
+std::string ToolPowerLoss::findViolation(Model model) {
+    Disk disk(recording_.start);
+    std::unordered_set<std::uint64_t> trees;
+    std::string first;
+    bool all = true;
+    for (std::size_t made = 0; made <= recording_.calls.size(); ++made) {
+        if (made > 0) {
+            disk.apply(recording_.calls[made - 1]);
+        }
+        const auto acknowledged =
+            made == recording_.calls.size() ? Acknowledged::kYes : Acknowledged::kNo;
+        all &= disk.forEachTree(model, limits_, random_, [&](const Tree& tree) {
+            trees.insert(hashOf(tree));
+            const std::string wrong =
+                first.empty() ? outcomeOf(tree, model, acknowledged) : std::string();
+            if (!wrong.empty()) {
+                std::ostringstream text;
+                text << recording_.workload.name << ": the power went after call " << made
+                     << ", model " << nameOf(model) << "\n"
+                     << wrong << "  calls:\n";
+                for (std::size_t i = 0; i < made; ++i) {
+                    text << "    " << fault::describe(recording_.calls[i]) << '\n';
+                }
+                text << "  not certain to be on the disk:\n"
+                     << disk.describePending() << "  found on the disk:\n"
+                     << crash::describe(tree);
+                first = text.str();
+            }
+        });
+    }
+    const std::string figure = std::string("tool: crash states, ") + nameOf(model);
+    count(figure, static_cast<long>(trees.size()));
+    count(figure + ", runs " + (all ? "enumerated in full" : "with states chosen at random"));
+    return first;
+}
+
+std::string ToolPowerLoss::outcomeOf(const Tree& tree, Model model, Acknowledged acknowledged) {
+    const std::uint64_t hash = hashOf(tree) * 2 + (acknowledged == Acknowledged::kYes ? 1 : 0);
+    const auto [known, isNew] = outcomes_.try_emplace(hash);
+    if (!isNew) {
+        return known->second;
+    }
+    stand(tree);
+    std::vector<fault::Event> calls;
+    std::string wrong;
+    {
+        const fault::PathsFrom here(std::filesystem::current_path().string());
+        const fault::Recorder recorder(fault::kLastingCalls);
+        wrong = recoverAndJudge(recording_, acknowledged);
+        calls = inThisFolder(recorder.events());
+    }
+    if (wrong.empty() && std::any_of(calls.begin(), calls.end(), changesNames) &&
+        random_() % recoveries_ == 0) {
+        wrong = breakRecovery(tree, calls, model, acknowledged);
+    }
+    return known->second = wrong;
+}
+
+// The power goes again, in the recovery.
+std::string ToolPowerLoss::breakRecovery(const Tree& tree, const std::vector<fault::Event>& calls,
+                                         Model model, Acknowledged acknowledged) {
+    Disk disk(tree);
+    std::unordered_set<std::uint64_t> seen{hashOf(tree)};
+    std::string first;
+    for (std::size_t made = 0; made < calls.size() && first.empty(); ++made) {
+        disk.apply(calls[made]);
+        (void)disk.forEachTree(model, {4, 2, 2, 1}, random_, [&](const Tree& left) {
+            if (first.empty() && seen.insert(hashOf(left)).second) {
+                stand(left);
+                std::string wrong = recoverAndJudge(recording_, acknowledged, Repaired::kPerhaps);
+                if (!wrong.empty()) {
+                    first = "  in the recovery, after its call " + fault::describe(calls[made]) +
+                            ":\n" + wrong + "  which found:\n" + crash::describe(left);
+                }
+            }
+        });
+    }
+    count("tool: crash states within recovery", static_cast<long>(seen.size()) - 1);
+    return first;
+}
+
+std::string ToolFaults::findViolation(const Fault& fault) {
+    stand(recording_.start);
+    Ran ran;
+    {
+        const fault::FailingCall failing(fault.nth, fault.error, fault.mode, {fault.call});
+        ran = run(recording_.workload.command);
+    }
+    count("tool: calls failed");
+    std::string wrong;
+    if (ran.code != 0 && ran.said.empty()) {
+        wrong = "  it says nothing\n";
+    }
+    const Tree left = readCurrentFolder();
+    const auto [known, isNew] = outcomes_.try_emplace(hashOf(left) * 2 + (ran.code == 0 ? 1 : 0));
+    if (isNew) {
+        const auto acknowledged = ran.code == 0 ? Acknowledged::kYes : Acknowledged::kNo;
+        known->second = recoverAndJudge(recording_, acknowledged, Repaired::kPerhaps);
+    }
+    wrong += known->second;
+    return wrong.empty()
+               ? wrong
+               : wrong + "  " + fault::nameOf(fault.call) + " number " + std::to_string(fault.nth) +
+                     " failed with " + ::strerrorname_np(fault.error) + "; it ended with " +
+                     std::to_string(ran.code) + ": " + ran.said + crash::describe(left);
+}
+
+}  // namespace crash

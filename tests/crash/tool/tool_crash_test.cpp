@@ -1,0 +1,64 @@
+// Wherever a command of the tool dies, loses power or meets a call that fails, what was
+// acknowledged is there, and everything else is as before or as afterwards.
+#include "tests/crash/tool/tool_crash.h"
+
+#include <cstdlib>
+#include <map>
+#include <string>
+
+#include "gtest/gtest.h"
+#include "tests/crash/figures.h"
+
+namespace crash {
+namespace {
+
+constexpr Limits kEveryday{16, 4, 1, 1};
+constexpr Limits kTorture{256, 16, 3, 2};
+
+class ToolCrashTest : public testing::TestWithParam<ToolWorkload> {
+protected:
+    ToolCrashTest() {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread is there yet
+        (void)::setenv("FILESTORE_MODULES", MODULES, 1);
+    }
+
+    const bool isFull_ = isFull();
+    std::mt19937 random_{seed()};
+
+private:
+    Scratch scratch_;
+};
+
+TEST_P(ToolCrashTest, LosesPower) {
+    const ToolRecording recording = record(GetParam());
+    ASSERT_EQ(0, recording.ran.code) << recording.ran.said;
+    ASSERT_EQ("", judge(recording.promise.after, recording.promise, Acknowledged::kYes));
+    ToolPowerLoss loss(recording, isFull_ ? kTorture : kEveryday, isFull_ ? 4 : 50, random_);
+    for (const Model model : {Model::kKill, Model::kReordered, Model::kOrdered}) {
+        const std::string violation = loss.findViolation(model);
+        EXPECT_TRUE(violation.empty()) << violation;
+    }
+}
+
+// Each call fails, with one errno after the other; in a full run with all of them.
+TEST_P(ToolCrashTest, MeetsACallThatFails) {
+    const ToolRecording recording = record(GetParam());
+    ASSERT_EQ(0, recording.ran.code) << recording.ran.said;
+    ToolFaults faults(recording);
+    std::map<fault::Call, int> made;
+    for (const fault::Event& event : recording.everyCall) {
+        const std::vector<int>& errnos = fault::errnosOf(event.call);
+        const int nth = ++made[event.call];
+        for (std::size_t i = 0; i < (isFull_ ? errnos.size() : 1); ++i) {
+            const int error = errnos[(static_cast<std::size_t>(nth) + i) % errnos.size()];
+            const std::string violation = faults.findViolation({event.call, nth, error});
+            ASSERT_TRUE(violation.empty()) << violation << event.path;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, ToolCrashTest, testing::ValuesIn(toolWorkloads()),
+                         [](const auto& one) { return one.param.name; });
+
+}  // namespace
+}  // namespace crash

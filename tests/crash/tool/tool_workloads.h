@@ -1,0 +1,32 @@
+// The commands of the tool that change something, each with what it starts from. Data.
+#ifndef TESTS_CRASH_TOOL_TOOL_WORKLOADS_H
+#define TESTS_CRASH_TOOL_TOOL_WORKLOADS_H
+
+#include <functional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "tests/crash/tool/tool_run.h"
+
+namespace crash {
+
+struct ToolWorkload {
+    std::string name;
+    Command command;
+    std::function<void()> start;  // fills the current folder, which is empty
+    std::string folder = ".";     // that holds "db"
+    bool isWhole = false;         // as in Promise
+    bool makes = false;
+    std::vector<std::string> bytes = {};
+};
+
+inline void PrintTo(const ToolWorkload& workload, std::ostream* out) {
+    *out << workload.name;
+}
+
+const std::vector<ToolWorkload>& toolWorkloads();
+
+}  // namespace crash
+
+#endif  // TESTS_CRASH_TOOL_TOOL_WORKLOADS_H
