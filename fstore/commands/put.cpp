@@ -13,6 +13,7 @@
 #include "lib/base/printable.h"
 #include "lib/base/sha256.h"
 #include "lib/base/time.h"
+#include "lib/database/deep_read.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/record.h"
 #include "lib/records/record_info.h"
@@ -109,10 +110,16 @@ bool isForTerminals(std::span<const unsigned char> body) {
            isUtf8(text);
 }
 
-// A step of withSecrets().
+bool hasUnknownDigest(const Record& record) {
+    const auto digest = record.find(kTypeBinary, attr::kSha256);
+    return digest && !record.isKnown(*digest);
+}
+
+// A step of withSecrets(). What it returns is the body that the record was given, where its digest
+// can tell.
 Record readBody(Database& database, const std::string& text) {
     Record record = Record::read(resolve(text));
-    if (record.isBodyEncrypted()) {
+    if (record.isBodyEncrypted() || hasUnknownDigest(record)) {
         database.needSecrets();
         record.decrypt();
     }
@@ -120,6 +127,7 @@ Record readBody(Database& database, const std::string& text) {
         throw Failure(kEnd, fmt::format("{} has no body", record.address().print()),
                       record.address().print());
     }
+    checkBody(record);
     return record;
 }
 

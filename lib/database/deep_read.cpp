@@ -15,7 +15,9 @@ namespace {
 
 [[noreturn]] void failOnBody(const Address& address) {
     throw Failure(kMalformed,
-                  fmt::format("the body of {} does not match its SHA-256", address.print()),
+                  fmt::format("the body of {} does not match its SHA-256: it is damaged, or "
+                              "another record's",
+                              address.print()),
                   address.print());
 }
 

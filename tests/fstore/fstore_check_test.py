@@ -35,6 +35,34 @@ class TwoRecordsTest(InitialisedTest):
         return self.settings / first.split(" ")[2]
 
 
+class SwappedBodiesTest(TwoRecordsTest):
+    def swap(self, one, other):
+        first, second = self.body_of(one), self.body_of(other)
+        kept = first.read_bytes()
+        first.write_bytes(second.read_bytes())
+        second.write_bytes(kept)
+
+    def refuses(self, address):
+        run = self.run_tool("get", address, code=59)
+        self.assertEqual(b"", run.out)
+        self.assertIn(f"the body of {address} does not match its SHA-256", run.message)
+        self.run_tool("get", address, "-o", self.folder / "out", code=59)
+        self.assertFalse((self.folder / "out").exists())
+
+    def test_no_secret_of_another_record_is_given_out(self):
+        self.swap("a", "b")
+        self.refuses("settings/a")
+        self.refuses("settings/b")
+
+    def test_nor_a_plain_body(self):
+        for name in ["c", "d"]:
+            self.run_tool("put", "--plain-body", f"settings/{name}", "-", stdin=f"of {name}".encode())
+        self.swap("c", "d")
+        self.refuses("settings/c")
+        self.swap("c", "d")
+        self.assertEqual(b"of c", self.run_tool("get", "settings/c").out)
+
+
 class CheckTest(TwoRecordsTest):
     def test_a_sound_database(self):
         self.assertEqual({}, self.findings())
