@@ -281,7 +281,7 @@ std::string describe(const LostFolder& lost) {
     const std::string path = joined(layout::kLost, lost.name);
     return lost.plan
                ? fmt::format(
-                     "{} holds {} files that a repair moved away, encrypted with the "
+                     "{} holds {} that a repair moved away, encrypted with the "
                      "key of that time; `fstore check --undo {}` puts them back, "
                      "--purge removes them",
                      path, counted(lost.plan->files.size()), lost.name)

@@ -9,10 +9,10 @@ namespace {
 
 using Bytes = std::span<const unsigned char>;
 
-constexpr unsigned char kInteger = 0x02;
-constexpr unsigned char kBitString = 0x03;
-constexpr unsigned char kOctetString = 0x04;
-constexpr unsigned char kSequence = 0x30;
+constexpr unsigned char kIntegerTag = 0x02;
+constexpr unsigned char kBitStringTag = 0x03;
+constexpr unsigned char kOctetStringTag = 0x04;
+constexpr unsigned char kSequenceTag = 0x30;
 constexpr unsigned char kConstructed = 0x20;
 constexpr unsigned char kTagFollows = 0x1F;
 
@@ -58,16 +58,16 @@ std::optional<Element> takeElement(Bytes& rest) {
 
 // What a string holds, if that may be DER: it begins like a sequence or a number.
 Bytes derIn(const Element& string) {
-    const std::size_t unusedBits = string.tag == kBitString ? 1 : 0;
+    const std::size_t unusedBits = string.tag == kBitStringTag ? 1 : 0;
     const Bytes inside = string.content.subspan(std::min(unusedBits, string.content.size()));
-    const bool mayBe = !inside.empty() && (inside[0] == kSequence || inside[0] == kInteger);
+    const bool mayBe = !inside.empty() && (inside[0] == kSequenceTag || inside[0] == kIntegerTag);
     return mayBe ? inside : Bytes();
 }
 
 }  // namespace
 
 std::optional<std::uint64_t> endOfSequence(std::span<const unsigned char> bytes) {
-    if (bytes.size() < 2 || bytes[0] != kSequence) {
+    if (bytes.size() < 2 || bytes[0] != kSequenceTag) {
         return std::nullopt;
     }
     const std::size_t lengthBytes = bytes[1] & 0x7Fu;
@@ -95,9 +95,9 @@ DerCensus censusOf(std::span<const unsigned char> der) {
         left.pop_back();
         while (const auto element = takeElement(rest)) {
             ++census.elements;
-            if (element->tag == kInteger) {
+            if (element->tag == kIntegerTag) {
                 census.longestInteger = std::max(census.longestInteger, element->content.size());
-            } else if (element->tag == kOctetString || element->tag == kBitString) {
+            } else if (element->tag == kOctetStringTag || element->tag == kBitStringTag) {
                 if (const Bytes inside = derIn(*element); !inside.empty()) {
                     left.push_back(inside);
                 }
