@@ -30,7 +30,7 @@ Protection protectionOf(KdfRecord kdf, const std::optional<Digest>& key);
 // digest.
 std::optional<Digest> readKeyDigest();
 
-// The protection of the database in the process's folder. Throws kNoDigest and kMalformed.
+// The protection of the database that the thread is in. Throws kNoDigest and kMalformed.
 Protection readProtection();
 
 }  // namespace fstore

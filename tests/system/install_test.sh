@@ -62,7 +62,7 @@ run_client() {
     rm -rf "$work/run"
     mkdir "$work/run"
     cd "$work/run"
-    output=$(FILESTORE_MODULES=$2 "$1") || true
+    output=$(FILESTORE_MODULES=$2 "$1") || fail "$1: exit code $?: $output"
     [ "$output" = "$3" ] || fail "$1: $output"
 }
 
