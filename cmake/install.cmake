@@ -2,16 +2,21 @@
 #
 #     bin/fstore                        the command-line tool
 #     lib/filestore/*.so                the modules, where tool and clients look for them
+#     LIBDIR/libfilestore.so.1          the library for programs in C
 #     include/filestore/                headers for clients; <includes are rooted here>
-#     LIBDIR/libfilestore_client.a      what a client links, host and proxies
+#     include/filestore/filestore.h     the header of the C library, alone
+#     LIBDIR/libfilestore_client.a      what a client in C++ links, host and proxies
+#     LIBDIR/ossl-modules/fstore.so     the OpenSSL provider, where a distribution's OpenSSL looks
 #     LIBDIR/cmake/filestore/           find_package(filestore)
-#     LIBDIR/pkgconfig/filestore.pc
+#     LIBDIR/pkgconfig/                 filestore.pc, and filestore-c.pc of the C library
+#     lib/python3/dist-packages/        the Python package, where Debian's interpreter looks
 #     share/                            manual pages, completions, documents
 #
 # What an installed header refers to, a header or a document, is installed too;
 # tests/system/install_test.sh looks.
 #
-# Component "tool" is for running, component "dev" for building against.
+# Each component is a Debian package. The modules are one of their own ("modules"): the tool and the
+# library ("library") both load them, and whoever has the one need not have the other.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -20,7 +25,13 @@ set(FILESTORE_MODULE_DIR lib/filestore)
 
 install(TARGETS fstore RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
 install(TARGETS filestore x509cmn pkcs5 pkixkey
-        LIBRARY DESTINATION ${FILESTORE_MODULE_DIR} COMPONENT tool)
+        LIBRARY DESTINATION ${FILESTORE_MODULE_DIR} COMPONENT modules)
+install(TARGETS filestore_c EXPORT filestore
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT dev)
+install(TARGETS provider
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/ossl-modules COMPONENT provider)
+target_include_directories(filestore_c INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+set_target_properties(filestore_c PROPERTIES EXPORT_NAME c)
 
 # One archive. A program that is a module itself, or hosts several registries, defines
 # ModuleID; for others the archive has one.
@@ -48,6 +59,8 @@ install(EXPORT filestore NAMESPACE filestore:: FILE filestoreTargets.cmake
 install(DIRECTORY api client cmn host
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/filestore COMPONENT dev
         FILES_MATCHING PATTERN *.h)
+install(FILES capi/filestore.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/filestore COMPONENT dev)
 install(FILES os/fs.h os/files.h os/handles.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/filestore/os COMPONENT dev)
 
@@ -63,9 +76,19 @@ install(FILES ${PROJECT_BINARY_DIR}/filestoreConfig.cmake
 
 # The prefix is found from where the file is, so that a tree can be moved.
 file(RELATIVE_PATH FILESTORE_UP /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
-configure_file(cmake/filestore.pc.in ${PROJECT_BINARY_DIR}/filestore.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/filestore.pc
+foreach(name filestore filestore-c)
+    configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
+endforeach()
+install(FILES ${PROJECT_BINARY_DIR}/filestore.pc ${PROJECT_BINARY_DIR}/filestore-c.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+
+set(FILESTORE_PYTHON_DIR lib/python3/dist-packages CACHE STRING
+    "Where the Python package goes, below the prefix")
+configure_file(cmake/python_metadata.in ${PROJECT_BINARY_DIR}/METADATA @ONLY)
+install(DIRECTORY python/filestore DESTINATION ${FILESTORE_PYTHON_DIR} COMPONENT python
+        PATTERN __pycache__ EXCLUDE)
+install(FILES ${PROJECT_BINARY_DIR}/METADATA COMPONENT python
+        DESTINATION ${FILESTORE_PYTHON_DIR}/filestore-${PROJECT_VERSION}.dist-info)
 
 install(FILES fstore/completion/fstore.bash RENAME fstore
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)
@@ -76,6 +99,8 @@ install(FILES fstore/completion/fstore.fish
 
 install(FILES README.md docs/disk-format.md docs/crash-safety.md
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/filestore COMPONENT tool)
+# For who wants them: what they name, the folder and the password file, is nothing to guess.
+install(DIRECTORY systemd DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/filestore COMPONENT tool)
 install(FILES docs/locking.md
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/filestore COMPONENT dev)
 

@@ -47,7 +47,7 @@ void letOthersRun() {
 // Owns the lock of a registry for a walk. Pinning an object that has no reference
 // yet, or none any more, would wait for a thread that itself waits for the lock; so
 // the wait is done here, without it. Each such object is waited for once: were they
-// all to have references at the same moment, busy threads could hold a walk up for
+// all to have references at once, busy threads could hold a walk up for
 // ever.
 class CMN_HIDDEN CMN_ObjectManager::Settled {
 public:

@@ -67,11 +67,12 @@ inline constexpr unsigned int kDigestType = kTypeBinary;
 inline constexpr unsigned int kDigestId = 1;
 inline constexpr std::size_t kDigestSize = 16;
 
-// The record beside it that says how the database's password comes from the user's. The
-// module does not know it; lib/database does.
+// The records beside it that say how the database's password comes from the user's secrets. The
+// module does not know them; lib/database does.
 inline constexpr const char* kKdfRecord = "kdf";
-inline constexpr unsigned int kSlotId = 0x4B01;     // kTypeText, one attribute a slot
-inline constexpr unsigned int kKeepOldId = 0x4B02;  // kTypeNumber, 1
+inline constexpr const char* kKdfCopyRecord = "kdf-copy";  // the same, in case "kdf" is lost
+inline constexpr unsigned int kSlotId = 0x4B01;            // kTypeText, one attribute a line
+inline constexpr unsigned int kKeepOldId = 0x4B02;         // kTypeNumber, 1
 
 }  // namespace layout
 

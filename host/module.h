@@ -27,7 +27,9 @@ public:
     ~Module();  // as stop() and unmap()
 
     // As ModuleFile::open().
-    Result map(const std::string& path) { return ModuleFile::open(path, file_); }
+    Result map(const std::string& path, ModuleFile::Mapping mapping) {
+        return ModuleFile::open(path, file_, mapping);
+    }
 
     // Calls the entry of the mapped file and starts the service.
     //   kMalformed  the entry returns no object, that of another module than `expected`,

@@ -106,7 +106,11 @@ void* ModuleFile::symbol(const char* name) const noexcept {
     return handle_ == nullptr ? nullptr : dlsym(handle_, name);
 }
 
-Result ModuleFile::open(const std::string& path, ModuleFile& file) {
+std::string ModuleFile::mappedPath() const {
+    return copy_ ? "/proc/self/fd/" + std::to_string(copy_.get()) : path_;
+}
+
+Result ModuleFile::open(const std::string& path, ModuleFile& file, Mapping mapping) {
     // Absolute, because the dynamic linker looks a bare name up in folders of its own.
     const std::unique_ptr<char, void (*)(void*)> real(os::realpath(path.c_str(), nullptr),
                                                       std::free);
@@ -117,7 +121,13 @@ Result ModuleFile::open(const std::string& path, ModuleFile& file) {
     if (Result examined = examine(file.path_); !examined.ok()) {
         return examined;
     }
-    file.handle_ = dlopen(file.path_.c_str(), RTLD_NOW | RTLD_LOCAL);
+    off_t size = 0;
+    os::File found;
+    if (mapping == Mapping::kOwn &&
+        os::openRegular(file.path_.c_str(), found, size) == os::Opened::kRegular) {
+        file.copy_ = os::copyInMemory(found);
+    }
+    file.handle_ = dlopen(file.mappedPath().c_str(), RTLD_NOW | RTLD_LOCAL);
     if (file.handle_ == nullptr) {
         return failure(kMalformed, file.path_, dynamicLinkerError());
     }
@@ -148,7 +158,7 @@ Result ModuleFile::close() {
     if (dlclose(std::exchange(handle_, nullptr)) != 0) {
         return failure(kIo, path_, dynamicLinkerError());
     }
-    if (void* const still = dlopen(path_.c_str(), RTLD_LAZY | RTLD_NOLOAD)) {
+    if (void* const still = dlopen(mappedPath().c_str(), RTLD_LAZY | RTLD_NOLOAD)) {
         dlclose(still);
         return failure(kIo, path_, "stays mapped after it was unloaded");
     }

@@ -11,6 +11,7 @@
 #include "cmn/cmn_obj_mgr.h"
 #include "cmn/host_mgr.h"
 #include "host/result.h"
+#include "os/handles.h"
 
 class ModuleFile {
 public:
@@ -22,6 +23,13 @@ public:
     ModuleFile& operator=(const ModuleFile&) = delete;
     ~ModuleFile();  // as close()
 
+    enum class Mapping {
+        kShared,  // what else in the process maps the file has the same variables
+        // The module has variables of its own, whoever else maps its file: what is mapped is a copy
+        // in memory, or the file itself where the system has none.
+        kOwn
+    };
+
     // Maps the module at `path` into `file`, which holds nothing. Builds its static
     // objects and does not call its entry. If building them throws, the process ends: no
     // exception passes the dynamic linker.
@@ -30,7 +38,8 @@ public:
     //   kMalformed  it is not a regular file, not a shared object, or one of the other
     //               word size; it is truncated, needs what is not there, lacks the
     //               functions of a module, or has no object manager
-    static Result open(const std::string& path, ModuleFile& file);
+    static Result open(const std::string& path, ModuleFile& file,
+                       Mapping mapping = Mapping::kShared);
 
     // Unmaps it and destroys its static objects. kIo if it stays mapped, because
     // something else has opened it too.
@@ -54,7 +63,11 @@ public:
     Successor makeObject() const noexcept { return makeObject_; }
 
 private:
+    // What the dynamic linker calls it.
+    std::string mappedPath() const;
+
     std::string path_;
+    os::File copy_;  // open while it is mapped: its number is its name
     void* handle_ = nullptr;
     Entry entry_ = nullptr;
     CMN_ObjectManager* objects_ = nullptr;

@@ -131,7 +131,7 @@ Result ModuleManager::load(const char* path, std::optional<unsigned int> expecte
         }
         const CMN_Entered entered(lifecycle_);
         InTransit fresh(inTransit_);
-        if (Result mapped = fresh->map(path); !mapped.ok()) {
+        if (Result mapped = fresh->map(path, mapping_); !mapped.ok()) {
             return mapped;
         }
         if (const Module* const other = sameFile(modules_, *fresh)) {
@@ -298,7 +298,7 @@ Result ModuleManager::replace(unsigned int id, const char* path) {
             return asked;
         }
         InTransit fresh(inTransit_);
-        if (Result mapped = fresh->map(path); !mapped.ok()) {
+        if (Result mapped = fresh->map(path, mapping_); !mapped.ok()) {
             return mapped;
         }
         if (const Module* const other = sameFile(modules_, *fresh)) {

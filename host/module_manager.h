@@ -92,6 +92,10 @@ public:
     // unloaded or replaced.
     void* symbol(unsigned int id, const char* name);
 
+    // Has what is loaded from now on be this manager's alone, whatever another one in the process
+    // maps of the same files (ModuleFile::Mapping::kOwn). Call it before anything is loaded.
+    void mapOwn() noexcept { mapping_ = ModuleFile::Mapping::kOwn; }
+
     // How long forceUnload() and replace() wait for others.
     void setPatience(std::chrono::milliseconds patience);
 
@@ -126,6 +130,7 @@ private:
     // Serialises loading, unloading and replacing. Recursive: a module's entry may
     // load others. The first lock of the order; held while modules are called.
     CMN_RecursiveMutex lifecycle_{"lifecycle"};
+    ModuleFile::Mapping mapping_ = ModuleFile::Mapping::kShared;
     GuardPool guards_;  // outlives the modules
     ServiceTable services_;
     Modules modules_ CMN_GUARDED_BY(lifecycle_);  // in the order of loading

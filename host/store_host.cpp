@@ -44,7 +44,8 @@ std::string pathIn(const std::string& folder, const std::string& file) {
 // Empty when there is none.
 std::string findFolder(const std::string& module) {
     for (const std::string& own : ownFolders()) {
-        for (const char* const beside : {"/../lib/filestore", "/filestore", "/../lib", ""}) {
+        for (const char* const beside :
+             {"/../lib/filestore", "/filestore", "/../filestore", "/../lib", ""}) {
             std::string folder = own + beside;
             if (!own.empty() &&
                 os::presence(pathIn(folder, module).c_str()) == os::Presence::kPresent) {
@@ -81,6 +82,9 @@ Result StoreHost::start(const Setup& setup) {
     if (!folder.starts_with('/')) {
         const char* const source = setup.folder.empty() ? kVariable : "the folder of the modules";
         return {kInvalid, std::string(source) + " is " + folder + "; name it by an absolute path"};
+    }
+    if (setup.own) {
+        manager_.mapOwn();
     }
     ModMgr = &manager_;
     for (const std::string& module : setup.modules) {

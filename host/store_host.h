@@ -23,13 +23,17 @@ public:
     struct Setup {
         // The folder of the modules. If empty: the environment's FILESTORE_MODULES, or else
         // the first folder that has the last of `modules`, relative to the program and then
-        // to the library that this code is in: ../lib/filestore, filestore, ../lib, and ".".
+        // to the library that this code is in: ../lib/filestore, filestore, ../filestore (from
+        // the folder of one architecture), ../lib, and ".".
         // An absolute path, wherever it comes from: code is never loaded from the folder of a
         // database, nor from wherever a program happens to be. The environment of a program
         // that runs with more rights than its caller (AT_SECURE) is not asked.
         std::string folder;
         // Loaded in this order, so that each finds the ones that it calls.
         std::vector<std::string> modules{"x509cmn.so", "pkixkey.so", "pkcs5.so", "filestore.so"};
+        // Whether the modules are this host's alone, also when the program hosts the same files
+        // itself (ModuleManager::mapOwn()): for a library, whose programs it does not know.
+        bool own = false;
     };
 
     StoreHost() = default;

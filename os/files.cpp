@@ -1,6 +1,7 @@
 #include "os/files.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -114,6 +115,18 @@ bool writeAll(int fd, const void* data, std::size_t size) noexcept {
         size -= static_cast<std::size_t>(stored);
     }
     return true;
+}
+
+File copyInMemory(const File& file) noexcept {
+    File copy(::memfd_create("copy", MFD_CLOEXEC));
+    char piece[1 << 16];
+    ssize_t size = copy ? readSome(file.get(), piece, sizeof piece) : -1;
+    for (; size > 0; size = readSome(file.get(), piece, sizeof piece)) {
+        if (!writeAll(copy.get(), piece, static_cast<std::size_t>(size))) {
+            return File();
+        }
+    }
+    return size < 0 ? File() : std::move(copy);
 }
 
 bool closeDurably(File file) noexcept {

@@ -52,6 +52,10 @@ enum class Links {
 // All bytes, or false when a call fails or stores nothing; some may be stored then.
 [[nodiscard]] bool writeAll(int fd, const void* data, std::size_t size) noexcept;
 
+// A file without a name that has the bytes of this one, from its position on; an empty File on
+// failure.
+[[nodiscard]] File copyInMemory(const File& file) noexcept;
+
 // Makes the file's bytes durable and closes it, also when the sync fails. True only if
 // both succeeded. A loss of power may still take its name: see syncFolder().
 [[nodiscard]] bool closeDurably(File file) noexcept;

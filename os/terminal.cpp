@@ -17,25 +17,66 @@ namespace os {
 namespace {
 
 termios settingsBefore;
+termios settingsMeanwhile;
+const char* promptShown = nullptr;
 volatile sig_atomic_t changedTerminal = -1;  // the descriptor with other settings, or -1
+
+bool showPrompt(int fd) noexcept {
+    return writeAll(fd, promptShown, std::strlen(promptShown));
+}
 
 // Line by line; without echo, the line feed that ends the line is shown all the same.
 bool prepare(int fd, Echo echo) noexcept {
     if (::tcgetattr(fd, &settingsBefore) != 0) {
         return false;
     }
-    termios changed = settingsBefore;
-    changed.c_lflag |= ICANON | ECHONL | ECHO;
+    settingsMeanwhile = settingsBefore;
+    settingsMeanwhile.c_lflag |= ICANON | ECHONL | ECHO;
     if (echo == Echo::kOff) {
-        changed.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        settingsMeanwhile.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     }
     changedTerminal = fd;  // before the change: restoring too much does no harm
-    if (::tcsetattr(fd, TCSAFLUSH, &changed) != 0) {
+    if (::tcsetattr(fd, TCSAFLUSH, &settingsMeanwhile) != 0) {
         changedTerminal = -1;
         return false;
     }
     return true;
 }
+
+// Ctrl-Z at a prompt: the shell gets the terminal as it was, and who comes back sees the prompt.
+void onStop(int) noexcept {
+    const int kept = errno;
+    const int fd = changedTerminal;
+    if (fd >= 0) {
+        (void)::tcsetattr(fd, TCSAFLUSH, &settingsBefore);
+    }
+    (void)::raise(SIGSTOP);
+    if (fd >= 0) {
+        (void)::tcsetattr(fd, TCSAFLUSH, &settingsMeanwhile);
+        (void)showPrompt(fd);
+    }
+    errno = kept;
+}
+
+// onStop() for as long as this lives, unless the parent has the signal ignored.
+class StopHandler {
+public:
+    StopHandler() noexcept {
+        struct sigaction action {};
+        action.sa_handler = onStop;
+        action.sa_flags = SA_RESTART;
+        sigfillset(&action.sa_mask);
+        if (::sigaction(SIGTSTP, nullptr, &before_) == 0 && before_.sa_handler != SIG_IGN) {
+            (void)::sigaction(SIGTSTP, &action, nullptr);
+        }
+    }
+    StopHandler(const StopHandler&) = delete;
+    StopHandler& operator=(const StopHandler&) = delete;
+    ~StopHandler() { (void)::sigaction(SIGTSTP, &before_, nullptr); }
+
+private:
+    struct sigaction before_ {};
+};
 
 }  // namespace
 
@@ -55,7 +96,9 @@ File openTerminal() noexcept {
 ssize_t askTerminal(const File& terminal, Echo echo, const char* prompt, char* line,
                     std::size_t capacity) noexcept {
     const int fd = terminal.get();
-    if (!prepare(fd, echo) || !writeAll(fd, prompt, std::strlen(prompt))) {
+    const StopHandler stopHandler;
+    promptShown = prompt;
+    if (!prepare(fd, echo) || !showPrompt(fd)) {
         restoreEcho();
         return -1;
     }

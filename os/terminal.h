@@ -25,8 +25,9 @@ enum class Echo { kOff, kOn };
 
 // Writes `prompt` to the terminal and reads one line of at most `capacity` bytes from it,
 // without its line feed and, with kOff, without showing it. Discards what was typed
-// before. The terminal's echo is restored when this returns, and when a signal ends the
-// process meanwhile (see installSignalHandlers()).
+// before. The terminal's echo is restored when this returns, when a signal ends the process
+// meanwhile (see installSignalHandlers()), and while Ctrl-Z stops it; the prompt is shown again
+// afterwards.
 //
 // Returns the length of the line; -1 when the terminal ended or failed before a line was
 // complete, or when the line is too long (errno EMSGSIZE). The caller wipes `line`.

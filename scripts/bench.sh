@@ -31,7 +31,7 @@ esac
 
 scripts/install_deps.sh --bench
 cmake --preset bench >build/bench_configure.log || { cat build/bench_configure.log; exit 1; }
-cmake --build --preset bench --target contest fstore >build/bench_build.log ||
+cmake --build --preset bench --target contest library_bench fstore >build/bench_build.log ||
     { cat build/bench_build.log; exit 1; }
 
 folder=$(mktemp -d "$place/contest.XXXXXX")
@@ -46,6 +46,10 @@ fi
 echo "running; the machine has a load of $(cut -d' ' -f1 /proc/loadavg)"
 # shellcheck disable=SC2086  # an absent option is no argument
 build/bench/bin/contest $quick "$folder" >build/contest.tsv
+mkdir "$folder/library"
+ulimit -n "$(ulimit -H -n)"  # it opens a thousand databases at once
+# shellcheck disable=SC2086
+build/bench/bin/library_bench $quick "$folder/library" >>build/contest.tsv
 # shellcheck disable=SC2086
 bench/tool.py build/bench/bin/fstore "$folder" $quick >>build/contest.tsv
 if [ -n "$quick" ]; then

@@ -42,6 +42,12 @@ TOOL = {
     "list by the tool": ("`fstore ls` of few, ms", 25),
     "list of many by the tool": ("`fstore ls` of many, ms", 1500),
 }
+# What the C library asks of two readers: question: its name for readers
+SIDE_BY_SIDE = {
+    "two threads on one database": "reads through the C library of two threads / of one",
+    "two threads on two databases": "the same, each on a database of its own",
+    "two processes": "reads through the C library of two processes / of one",
+}
 FRAMEWORK = ["call through a proxy", "copy of a handle", "new record"]
 PLOTTED = ["put", "overwrite", "remove", "read", "read among many"]
 COLOURS = ["#8a8f98", "#1f6feb", "#2da44e", "#bf8700", "#cf222e", "#8250df"]
@@ -56,9 +62,9 @@ def load(path):
     return results
 
 
-def ratios(by, contender):
-    """Median and quartiles of the ratios to the floor in the same round."""
-    each = sorted(a / b for a, b in zip(by[contender], by[BASE]))
+def ratios(by, contender, base=BASE):
+    """Median and quartiles of the ratios to the floor, or another, in the same round."""
+    each = sorted(a / b for a, b in zip(by[contender], by[base]))
     return statistics.median(each), each[len(each) // 4], each[(3 * len(each)) // 4]
 
 
@@ -116,10 +122,34 @@ def table_of_the_rest(results):
         compare("`fstore import` of many certificates, us each / put by a program",
                 f"{number(each)} / {number(median('put', OURS))} = "
                 f"{each / median('put', OURS):.2f}", "1.30")
+    rows += rows_of_the_library(results)
     for question in FRAMEWORK:
         if question in results:
             compare(f"{question}, ns", f"{number(median(question, OURS))} (without the framework: "
                     f"{number(median(question, 'without'))})", "")
+    return rows
+
+
+def rows_of_the_library(results):
+    """Of the C library, beside the proxies and its system calls alone."""
+    rows = []
+    for question, name, target in [
+            ("read by the library", "read through the C library / the proxies, locked", 1.15),
+            ("open by the library", "open and unlock with the key / the module's open", 2.00)]:
+        if question in results:
+            by = results[question]
+            middle, low, high = ratios(by, "library", "proxies")
+            rows.append([name, f"{number(statistics.median(by['library']))} us / "
+                         f"{number(statistics.median(by['proxies']))} us = {middle:.2f} "
+                         f"({low:.2f} to {high:.2f})", f"{target:.2f}"])
+    for question, name in SIDE_BY_SIDE.items():
+        if question in results:
+            gain, calls = (statistics.median(results[question][who]) for who in ("library", CALLS))
+            target = 1.80 if question == "two processes" else 0.9 * calls
+            rows.append([name, f"{gain:.2f} (its calls alone: {calls:.2f})", f"{target:.2f}"])
+    if "memory of an open database" in results:
+        value = statistics.median(results["memory of an open database"]["library"])
+        rows.append(["memory of each of 1,000 open databases, KiB", number(value), "64"])
     return rows
 
 

@@ -8,4 +8,5 @@ scripts/check_layers.py
 scripts/check_paths.py
 scripts/check_shell.sh
 scripts/check_headers.py
-scripts/tidy.sh "$@"
+scripts/check_python.sh
+scripts/tidy.py "$@"

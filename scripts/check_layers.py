@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Prints each #include that climbs over the layers, and each circle; exits 1 when there is one.
+"""Prints each #include that climbs over the layers, each circle, and each room that nothing
+describes; exits 1 when there is one.
 
     scripts/check_layers.py [ROOT]
 
@@ -31,14 +32,16 @@ MAY_INCLUDE = {
     "modules": {"client", "ossl"} | BELOW_CLIENT,
     "lib/base": {"cmn", "os"},
     "lib/records": RECORDS,
-    "lib/database": DATABASE,
+    "lib/database": {"ossl"} | DATABASE,
     "lib/pki": {"lib/records", "ossl"} | RECORDS,
     "lib/archive": {"lib/database"} | DATABASE,
     "lib/work": LIBRARY,
+    "capi": LIBRARY,
+    "provider": {"capi", "ossl", "os"},
     "fstore/terminal": {"lib/base", "cmn", "os"},
     "fstore/commands": {"fstore", "fstore/terminal"} | LIBRARY,
     "fstore": {"fstore/commands", "fstore/terminal"} | LIBRARY,
-    "bench": {"service", "host", "client"} | BELOW_CLIENT,
+    "bench": {"capi", "service", "host", "client"} | BELOW_CLIENT,
     "examples": {"host", "client"} | BELOW_CLIENT,
 }
 TOP = {room.split("/")[0] for room in MAY_INCLUDE}
@@ -60,7 +63,7 @@ ONLY_IN = [
     (PROCESS, {"os"}, "what concerns process and terminal goes through os/"),
     (THREADS, {"os", "cmn"}, "locks come from os/handles.h or cmn/"),
     (STREAMS, {"bench"}, "file-system calls go through os/"),
-    (OPENSSL, {"ossl", "modules", "lib", "bench"}, "ciphers are reached through modules"),
+    (OPENSSL, {"ossl", "modules", "lib", "provider", "bench"}, "ciphers are reached through modules"),
     (PARSER, {"fstore/commands/cli.cpp"}, "the command line is declared with command.h"),
 ]
 
@@ -151,12 +154,23 @@ def circles(root):
         yield from visit(name)
 
 
+def undescribed(root, rooms):
+    """Yields the rooms that no README.md describes: its folder's own, or the one above for a part of it."""
+    for room in sorted(rooms):
+        top, _, part = room.partition("/")
+        readme = root / top / "README.md"
+        if not readme.is_file() or (part and f"`{part}" not in readme.read_text(encoding="utf-8")):
+            yield room
+
+
 def check(root):
     """Prints the faults below `root` and returns how many files and faults there are."""
     files = faults = 0
+    rooms = set()
     for path in sources(root):
         files += 1
         folder = path.parts[0]
+        rooms.add(folder if folder in UNBOUND else room_of(path.parts))
         found = []
         if folder in UNBOUND:
             continue
@@ -172,6 +186,9 @@ def check(root):
     for circle in circles(root):
         print(f"circle: {' -> '.join(circle)}")
         faults += 1
+    for room in undescribed(root, rooms):
+        print(f"{room}/: no README.md says what is in it and what is not")
+        faults += 1
     return files, faults
 
 
@@ -179,7 +196,7 @@ def main():
     here = pathlib.Path(__file__).resolve().parent.parent
     root = pathlib.Path(sys.argv[1]).resolve() if len(sys.argv) > 1 else here
     files, faults = check(root)
-    print(f"{files} files, {faults} includes that climb or close a circle")
+    print(f"{files} files, {faults} faults")
     return 1 if faults or not files else 0
 
 

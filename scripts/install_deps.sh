@@ -5,8 +5,9 @@
 #
 #   scripts/install_deps.sh [--full | --quickstart | --bench]
 #
-# --full adds what only the further checks need: the clang tools, memory checks,
-# coverage reports, the checks of packages and of shell scripts, two more shells.
+# --full adds what only the further checks need: the clang tools, coverage reports,
+# the checks of packages and of shell scripts, two more shells,
+# debootstrap, for real programs in a root of their own, and what prints a page.
 # --quickstart installs only what building and trying the command-line tool needs,
 # --bench also the stores that scripts/bench.sh compares with.
 set -eu
@@ -19,9 +20,9 @@ libraries="libssl-dev libcli11-dev nlohmann-json3-dev libfmt-dev scdoc"
 # googletest has the sources, built for 32 bits; the others its native libraries.
 # openssl and certtool, of gnutls-bin, are what import is compared with.
 testing="googletest libgtest-dev libgmock-dev libbenchmark-dev openssl python3 git strace
-pkg-config gnutls-bin"
-full="lintian dpkg-dev shellcheck zsh fish clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev
-llvm-14 valgrind gcovr"
+pkg-config gnutls-bin valgrind"
+full="lintian dpkg-dev shellcheck mypy zsh fish clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev
+llvm-14 gcovr abigail-tools debootstrap enscript ghostscript"
 bench="libsqlite3-dev libsqlcipher-dev liblmdb-dev e2fsprogs"
 
 packages="$build $libraries $testing ca-certificates"

@@ -1,24 +1,30 @@
 #!/bin/bash
-# Builds the Debian packages into build/package, and checks them with lintian where
-# that is installed.
+# Makes the Debian packages of what build/release has, the very files that were tested, into
+# build/package; checks them with lintian where that is installed, and uses what is in them.
 #
 #     scripts/package.sh
 set -eu
 cd "$(dirname "$0")/.."
 
 folder=build/package
-cmake --preset release -B "$folder" -DBUILD_TESTING=OFF -DCMAKE_INSTALL_PREFIX=/usr \
-    -DCMAKE_BUILD_TYPE=Release \
-    -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG -D_FORTIFY_SOURCE=2 -fstack-protector-strong" \
-    -DCMAKE_EXE_LINKER_FLAGS="-Wl,-z,relro,-z,now" \
-    -DCMAKE_MODULE_LINKER_FLAGS="-Wl,-z,relro,-z,now" >/dev/null
-cmake --build "$folder"
-rm -f "$folder"/*.deb
-(cd "$folder" && umask 022 && cpack -G DEB >/dev/null)
+# Packages install below /usr, where Debian's layout of the libraries differs; who installs
+# by hand gets the usual place again.
+trap 'cmake --preset release -DCMAKE_INSTALL_PREFIX=/usr/local >/dev/null' EXIT
+cmake --preset release -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
+cmake --build --preset release
+rm -rf "$folder"
+(cd build/release && umask 022 && cpack -G DEB -B "../${folder##*/}" >/dev/null)
+# Which version has each function first: what packages of programs come to depend on. One that is
+# missing there, or not in the library any more, is a failure.
+version=$(dpkg-deb --field "$folder"/libfilestore1_*.deb Version)
+dpkg-gensymbols -plibfilestore1 -v"$version" -ebuild/release/lib/libfilestore.so.1 \
+    -Icmake/debian/library/symbols -c4 -O/dev/null
+dpkg-deb --info "$folder"/libfilestore1_*.deb symbols | cmp - cmake/debian/library/symbols
 for package in "$folder"/*.deb; do
     dpkg-deb --info "$package" >/dev/null
     printf '%s: %s bytes\n' "$package" "$(stat -c %s "$package")"
 done
+tests/system/package_test.sh "$folder"/*.deb
 if command -v lintian >/dev/null; then
     # The project has no mail address, and no bug report to close; the call of ldconfig is
     # CPack's own, and does no harm.

@@ -16,11 +16,12 @@ fi
 build=$(realpath "${1:-$root/build/release}")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-cd "$work"
+mkdir "$work/here"
+cd "$work/here"
 cp "$root/tests/fstore/data/server.p12" .
 mkdir bin
 ln -s "$build/bin/fstore" bin/fstore
-export PATH=$work/bin:$PATH FILESTORE_MODULES=$build/lib
+export PATH=$work/here/bin:$PATH FILESTORE_MODULES=$build/lib
 export FSTORE_PASSWORD="correct horse" FSTORE_IN_PASSWORD=secret FSTORE_NEW_PASSWORD=battery
 unset FSTORE_DIR FSTORE_PASSWORD_FILE FSTORE_IN_PASSWORD_FILE FSTORE_NEW_PASSWORD_FILE
 
@@ -39,6 +40,9 @@ show() {
     show "fstore get database"
     show "fstore passwd"
     export FSTORE_PASSWORD=battery
+    show "fstore key add --recovery --sheet ../to-print.txt --label safe"
+    show "fstore key add --key-file ../host.key --label 'web server'"
+    show "fstore get database --key-file ../host.key"
     show "fstore check --deep"
     show "fstore backup backup.tar && fstore -D copy restore backup.tar"
     echo '```'

@@ -6,7 +6,8 @@
 #
 # 10 minutes by default, and all jobs: the programs of tests/crash and tests/fault,
 # random_threads_test (also with the thread sanitizer), recrypt_memory_test in 32 bits,
-# seeded_bugs, and each fuzz target.
+# random_kills of two programs of the tool, seeded_bugs, seeded_tool_bugs, and each fuzz
+# target.
 # What is enumerated comes on top of the minutes: with 0, only that is done.
 #
 # Prints one line a figure, also when it is stopped by a signal: of what was done until
@@ -16,16 +17,17 @@ set -u
 cd "$(dirname "$0")/.." || exit 1
 
 programs=(power_loss_test death_test failing_call_test failing_allocation_test lock_test
-          tool_repair_test random_threads_test)
+          tool_repair_test tool_crash_test tool_oracle_test random_threads_test)
 # These enumerate, and are done in parts that keep all processors busy to the end. Of the
 # twelve steps of sequences one is long: a number of parts that has no divisor in common
 # with twelve gives each its share.
-divided=" power_loss_test death_test failing_call_test failing_allocation_test "
+divided=" power_loss_test death_test failing_call_test failing_allocation_test tool_crash_test "
 parts=7
 mapfile -t fuzzers < <(basename -s .cpp fuzz/*_fuzz.cpp)
 minutes=${1:-10}
 [ $# -gt 0 ] && shift
-[ $# -gt 0 ] || set -- "${programs[@]}" random_threads_test:tsan recrypt_memory_test:m32 seeded_bugs "${fuzzers[@]}"
+[ $# -gt 0 ] || set -- "${programs[@]}" random_threads_test:tsan recrypt_memory_test:m32 \
+    random_kills seeded_bugs seeded_tool_bugs "${fuzzers[@]}"
 jobs=" $* "
 seed=${TORTURE_SEED:-$(od -An -N3 -tu4 /dev/urandom | tr -d ' ')}
 logs=$PWD/build/torture
@@ -47,6 +49,8 @@ prepare() {
 }
 mapfile -t release < <(wanted "${programs[@]}")
 [[ $jobs != *" seeded_bugs "* ]] || release=("${programs[@]}")
+[[ $jobs != *" seeded_tool_bugs "* ]] || release=(all)
+[[ $jobs != *" random_kills "* ]] || release+=(fstore call_trap)
 mapfile -t tsan < <(wanted random_threads_test:tsan)
 mapfile -t m32 < <(wanted recrypt_memory_test:m32)
 mapfile -t fuzz < <(wanted "${fuzzers[@]}")
@@ -75,7 +79,13 @@ run() {
             export TORTURE_PART=${TORTURE_PART/of//}
             command=("build/release/bin/${name%:*}")
             ;;
-        seeded_bugs) command=(tests/crash/seeded_bugs.py build/release --all) ;;
+        random_kills)
+            command=(env "FSTORE_PROGRAM=$PWD/build/release/bin/fstore"
+                     "CALL_TRAP=$PWD/build/release/lib/call_trap.so"
+                     python3 -B tests/fstore/fstore_random_kill_test.py
+                     RandomKillTest.test_two_programs_that_are_killed)
+            ;;
+        seeded_bugs | seeded_tool_bugs) command=("tests/crash/$name.py" build/release --all) ;;
         *_fuzz)
             [ "$minutes" -gt 0 ] || return 0  # libFuzzer takes 0 for ever
             mkdir -p "$logs/corpus/$name"
@@ -85,7 +95,7 @@ run() {
             # ones do, many times. To weigh features would take longer than to run inputs.
             case $name in
                 store_calls_fuzz) command+=(-max_len=128 -entropic=0) ;;
-                folder_tree_fuzz) command+=(-max_len=256 -entropic=0) ;;
+                folder_*_fuzz) command+=(-max_len=256 -entropic=0) ;;
             esac
             [ ! -f "fuzz/$name.dict" ] || command+=("-dict=fuzz/$name.dict")
             command+=("$logs/corpus/$name" "$PWD/fuzz/corpus/$name")
@@ -111,7 +121,10 @@ print_figures() {
                                                     "$logs/$name.log")"
         done
     } | awk -F': ' '{ sum[$1] += $2 } END { for (name in sum) print name ": " sum[name] }' | sort
-    [ ! -f "$logs/seeded_bugs.log" ] || grep -v '^figure: ' "$logs/seeded_bugs.log"
+    local name
+    for name in seeded_bugs seeded_tool_bugs; do
+        [ ! -f "$logs/$name.log" ] || grep -v '^figure: ' "$logs/$name.log"
+    done
 }
 
 stop() {

@@ -21,13 +21,13 @@
 
 #include "bench/contest/files.h"
 #include "bench/contest/others.h"
+#include "bench/contest/rounds.h"
 #include "client/file_store_exp.h"
 #include "host/store_host.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
 
 struct Sizes {
     int rounds;
@@ -42,21 +42,6 @@ struct Sizes {
 
 constexpr Sizes kFull{40, 10, 200, 100, 100000, 10000, 4, 2.0};
 constexpr Sizes kQuick{12, 6, 100, 100, 10000, 1000, 1, 0.5};
-
-double microseconds(Clock::time_point since) {
-    return std::chrono::duration<double, std::micro>(Clock::now() - since).count();
-}
-
-double medianOf(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
-void report(const std::string& question, const std::string& who, int round, double value) {
-    std::printf("%s\t%s\t%d\t%.3f\n", question.c_str(), who.c_str(), round, value);
-    std::fflush(stdout);
-}
 
 class Contest {
 public:

@@ -9,6 +9,7 @@
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/records/attributes.h"
+#include "lib/work/put.h"
 
 namespace fstore {
 namespace {
@@ -70,29 +71,6 @@ SecretBytes valueFromText(std::string_view left, unsigned int type, std::string_
     return {text.begin(), text.end()};
 }
 
-// The one attribute with this id, or none.
-std::optional<unsigned int> onlyWithId(const Record& record, unsigned int id) {
-    std::optional<unsigned int> only;
-    for (unsigned int i = 0; i < record.count(); ++i) {
-        if (record.id(i) == id) {
-            if (only) {
-                return std::nullopt;
-            }
-            only = i;
-        }
-    }
-    return only;
-}
-
-bool isKeptSecret(const Record& record, unsigned int id) {
-    for (unsigned int i = 0; i < record.count(); ++i) {
-        if (record.id(i) == id && record.isEncrypted(i)) {
-            return true;
-        }
-    }
-    return false;
-}
-
 }  // namespace
 
 Assignment Assignment::parse(const std::string& text, StandardInput& input) {
@@ -120,29 +98,7 @@ Assignment Assignment::parse(const std::string& text, StandardInput& input) {
 }
 
 void Assignment::applyTo(Record& record, bool encrypt) const {
-    const bool secret = encrypt || isKeptSecret(record, id);
-    const unsigned int stored = secret ? kTypeBinary : type;
-    const auto present = onlyWithId(record, id);
-    if (!present || record.type(*present) != stored) {
-        (void)record.removeAll(id);
-    }
-    switch (stored) {
-        case kTypeNumber: {
-            std::uint32_t number = 0;
-            std::memcpy(&number, value.data(), sizeof number);
-            record.setNumber(id, number);
-            break;
-        }
-        case kTypeBinary:
-            record.setBinary(id, value, secret);
-            break;
-        case kTypeString:
-            record.setString(id, asText(value));
-            break;
-        default:
-            record.setText(id, asText(value));
-            break;
-    }
+    AttributeChange{id, type, value, encrypt}.applyTo(record);
 }
 
 unsigned int parseEditableId(std::string_view text) {
@@ -150,7 +106,7 @@ unsigned int parseEditableId(std::string_view text) {
     if (!id) {
         refuse(text, "an attribute is a number or a name, as in label=TEXT or 0x8001=TEXT");
     }
-    if (*id != attr::kLabel && *id < attr::kFirstOfUser) {
+    if (!isEditable(*id)) {
         refuse(text,
                "below 0x8000 you can only change the label; the others describe the "
                "record");

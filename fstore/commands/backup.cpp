@@ -2,14 +2,18 @@
 #include "lib/archive/backup.h"
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include <fmt/format.h>
 
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
+#include "fstore/commands/slot_text.h"
 #include "fstore/terminal/json.h"
 #include "lib/base/digits.h"
 #include "lib/base/files.h"
+#include "lib/work/key_slots.h"
 #include "os/terminal.h"
 
 namespace fstore {
@@ -60,6 +64,21 @@ Status runBackup(const BackupOptions& options, Context& context) {
     return report.leftOut.empty() ? kOk : kPartial;
 }
 
+// A backup opens with the slots of its day.
+void reportSlots(Context& context, Json& json) {
+    std::vector<UnlockSlot> slots;
+    try {
+        slots = listSlots(context.database);
+    } catch (const Failure& failure) {
+        context.output.warn(fmt::format("restored, but {}", failure.what()));
+    }
+    json["slots"] = toJson(slots, {});
+    if (!slots.empty()) {
+        context.output.note(
+            fmt::format("it opens with what opened it at the backup: {}", describe(slots)));
+    }
+}
+
 Status runRestore(const RestoreOptions& options, Context& context) {
     if (options.file == kStandardStream) {
         throw Failure(kUsage, "a backup is read twice, so it must be a file");
@@ -72,6 +91,7 @@ Status runRestore(const RestoreOptions& options, Context& context) {
         context.output.note(fmt::format("kept the previous database as {}", report.kept));
         json["kept"] = report.kept;
     }
+    reportSlots(context, json);
     context.output.document(json);
     return kOk;
 }

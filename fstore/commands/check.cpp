@@ -10,6 +10,7 @@
 #include "fstore/commands/record_json.h"
 #include "lib/base/files.h"
 #include "lib/base/time.h"
+#include "lib/work/object_record.h"
 
 namespace fstore {
 namespace {
@@ -102,10 +103,7 @@ Status runCheck(const CheckOptions& options, Context& context) {
                         : "no damage found; --deep also decrypts");
     }
     context.output.document(toDocument(report));
-    if (report.hasDamage()) {
-        return kFound;
-    }
-    return report.isSound() && !(report.deep && !report.deep->unread.empty()) ? kOk : kPartial;
+    return report.status();
 }
 
 Json toJson(const std::vector<std::string>& paths) {
@@ -159,6 +157,7 @@ Status run(const Options& options, Context& context) {
 
 void addCheck(Cli& cli) {
     const auto options = std::make_shared<Options>();
+    options->check.examiner = &objectExaminer();
     Command& command = cli.add("check", "Look for damage and for what a crash left behind",
                                [options](Context& context) { return run(*options, context); });
     command.flag("--deep", &options->check.deep, "Decrypt and examine every record, too");

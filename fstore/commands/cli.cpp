@@ -119,12 +119,39 @@ void declare(CLI::App& app, const Option& option) {
     if (!option.group.empty()) {
         added.group(option.group);
     }
-    if (!option.excludes.empty()) {
-        added.excludes(app.get_option(option.excludes));
+    for (const std::string& other : option.needs) {
+        added.needs(app.get_option(other));
+    }
+    for (const std::string& other : option.excludes) {
+        added.excludes(app.get_option(other));
     }
     if (!option.variable.empty()) {
         added.envname(option.variable);
     }
+}
+
+// NOLINTNEXTLINE(misc-no-recursion): as deep as the commands are declared
+void declare(CLI::App& app, const Command& command) {
+    CLI::App& added = *app.add_subcommand(command.name(), command.description());
+    added.fallthrough();
+    if (command.isHidden()) {
+        added.group("");
+    }
+    for (const Option& option : command.options()) {
+        declare(added, option);
+    }
+    for (const Command& below : command.subcommands()) {
+        declare(added, below);
+    }
+    added.require_subcommand(command.subcommands().empty() ? 0 : 1);
+}
+
+// The command whose name was given last: "add" of "key add".
+// NOLINTNEXTLINE(misc-no-recursion): as above
+const Command& commandOf(const CLI::App& app, const std::deque<Command>& commands) {
+    const CLI::App& given = *app.get_subcommands().front();
+    const Command& found = *std::ranges::find(commands, given.get_name(), &Command::name);
+    return found.subcommands().empty() ? found : commandOf(given, found.subcommands());
 }
 
 // The parser of all that `cli` declares.
@@ -136,14 +163,7 @@ void declare(CLI::App& app, const Cli& cli) {
         declare(app, option);
     }
     for (const Command& command : cli.commands()) {
-        CLI::App& added = *app.add_subcommand(command.name(), command.description());
-        added.fallthrough();
-        if (command.isHidden()) {
-            added.group("");
-        }
-        for (const Option& option : command.options()) {
-            declare(added, option);
-        }
+        declare(app, command);
     }
 }
 
@@ -160,7 +180,11 @@ void Cli::addGlobals() {
         program_.option("-D,--dir", "DIR", &globals_.folder, "The folder that holds \"db\"");
     folder.variable = "FSTORE_DIR";
     folder.showsDefault = true;
-    addPassword(program_, "--password", "the password", globals_.password);
+    addPassword(program_, "--password", "the password", globals_.secret.password);
+    program_
+        .option("--key-file", "FILE", &globals_.secret.keyFile,
+                "Open the database with this key file")
+        .excludes = {"--password-file", "--password-fd"};
     program_.flag("--json", &globals_.output.json, "Print one JSON document");
     program_.flag("-q,--quiet", &globals_.output.quiet, "Print failures and warnings only");
     program_.flag("-v,--verbose", &globals_.output.verbose, "Report each step");
@@ -199,19 +223,19 @@ int Cli::execute(int argc, const char* const* argv) {
         output.fail(Failure(kUsage, fmt::format("{}; see `fstore --help`", error.what())));
         return static_cast<int>(kUsage);
     }
-    const std::string name = app.get_subcommands().front()->get_name();
-    return run(*std::ranges::find(commands_, name, &Command::name));
+    return run(commandOf(app, commands_));
 }
 
 int Cli::run(const Command& command) {
     Output output(globals_.output);
     return guarded(output, [&] {
         StandardInput standardInput;
-        PasswordSource password(PasswordSource::Which::kCurrent, globals_.password,
-                                globals_.noInput, output, standardInput);
-        TerminalObserver observer(output, password);
-        Database database({globals_.folder, globals_.lockSeconds}, observer);
-        Context context{globals_, output, standardInput, password, database};
+        SecretSource secret(globals_.secret, globals_.noInput, output, standardInput);
+        TerminalObserver observer(output);
+        const Place place{globals_.folder, globals_.lockSeconds};
+        UserKeys keys(secret, place, observer);
+        Database database(place, observer, &keys);
+        Context context{globals_, output, standardInput, secret, database};
         int code = static_cast<int>(kOk);
         try {
             code = exitCodeOf(command.run()(context));

@@ -17,8 +17,8 @@
 
 #include "fstore/commands/command.h"
 #include "fstore/commands/globals.h"
+#include "fstore/commands/secret_source.h"
 #include "fstore/terminal/output.h"
-#include "fstore/terminal/password.h"
 #include "lib/database/database.h"
 
 namespace fstore {
@@ -28,7 +28,7 @@ struct Context {
     const Globals& globals;
     Output& output;
     StandardInput& standardInput;
-    PasswordSource& password;  // of the database
+    SecretSource& secret;  // of the database
     Database& database;
 };
 

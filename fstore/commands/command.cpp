@@ -36,6 +36,10 @@ Option& Command::add(Option::Target target, std::string description) {
     return option;
 }
 
+Command& Command::subcommand(std::string name, std::string description, Run run) {
+    return subcommands_.emplace_back(std::move(name), std::move(description), std::move(run));
+}
+
 Option& Command::version() {
     Option& option = add(Option::Version(), "Display program version information and exit");
     setNames(option, "--version");

@@ -79,10 +79,11 @@ struct Option {
     Target target;
     std::string description;
     bool required = false;
-    bool showsDefault = false;  // in the help: what the target has when nothing is given
-    std::string group;          // under which the help lists it, if not "Options"
-    std::string excludes;       // the long name of an option before it that it cannot go with
-    std::string variable;       // of the environment, that is read when it is not given
+    bool showsDefault = false;          // in the help: what the target has when nothing is given
+    std::string group;                  // under which the help lists it, if not "Options"
+    std::vector<std::string> needs;     // long names of options before it that it goes with
+    std::vector<std::string> excludes;  // long names of options before it that it cannot go with
+    std::string variable;               // of the environment, that is read when it is not given
 };
 
 class Command {
@@ -95,6 +96,8 @@ public:
     // Arguments are required, in their order, unless the caller says otherwise.
     Option& argument(std::string name, Option::Target target, std::string description);
     Option& version();  // --version, of the program
+    // A command below this one, "add" of "key"; this one then does nothing by itself.
+    Command& subcommand(std::string name, std::string description, Run run);
     // Under which the help lists what is declared from here on; none at first.
     void startGroup(std::string title) { group_ = std::move(title); }
     // Keeps it out of help and completion.
@@ -106,6 +109,7 @@ public:
     bool isHidden() const noexcept { return hidden_; }
     // In the order of the help.
     const std::deque<Option>& options() const noexcept { return options_; }
+    const std::deque<Command>& subcommands() const noexcept { return subcommands_; }
 
 private:
     Option& add(Option::Target target, std::string description);
@@ -115,6 +119,7 @@ private:
     bool hidden_ = false;
     std::string group_;
     std::deque<Option> options_;
+    std::deque<Command> subcommands_;
 };
 
 }  // namespace fstore

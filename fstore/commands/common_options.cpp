@@ -2,12 +2,17 @@
 
 #include <limits>
 
+#include <fmt/format.h>
+
 #include "lib/database/slots.h"
+#include "lib/records/catalogue.h"
+#include "lib/work/select.h"
 
 namespace fstore {
 namespace {
 
 constexpr const char* kAddress = "ADDRESS";
+constexpr const char* kCost = "Cost of a guess at the password: 14 to 20, each step doubles it";
 constexpr const char* kAddressText = "FOLDER/NAME, a unique NAME, or sha256:PREFIX";
 
 }  // namespace
@@ -20,11 +25,49 @@ void addAddresses(Command& command, std::vector<std::string>* target) {
     command.argument(kAddress, target, kAddressText);
 }
 
+void addRecordChoice(Command& command, RecordChoice* target) {
+    using Type = Selector::Type;
+    command.argument(kAddress, &target->address, kAddressText).required = false;
+    command.option("--for", "HOST", &target->host,
+                   "Instead of ADDRESS: what serves this host now, by its certificate in force");
+    command.option("--type", "TYPE",
+                   Choice(&target->type, {{"cert", Type::kCertificate}, {"key", Type::kKey}}),
+                   "With --for: cert, the default, or key");
+    command.option("--alg", "NAME", &target->algorithm,
+                   "With --for: the key's algorithm, RSA, EC*");
+}
+
+void refuseChoice(const RecordChoice& choice) {
+    if (choice.address.has_value() == choice.host.has_value()) {
+        throw Failure(kUsage,
+                      "name the record by ADDRESS or by --for HOST, one of the two; "
+                      "see `fstore --help`");
+    }
+    if (choice.host) {
+        (void)hostNameOf(*choice.host);
+    }
+}
+
+Address chosen(Database& database, const RecordChoice& choice) {
+    if (choice.address) {
+        return resolve(*choice.address);
+    }
+    const Selector selector{hostNameOf(*choice.host), choice.type, choice.algorithm};
+    const Selected selected = select(database, selector);
+    for (const Failure& failure : selected.leftOut) {
+        database.observer().warn(fmt::format("passed over: {}", failure.what()));
+    }
+    return mainOf(selected, selector.type).address;
+}
+
 void addCost(Command& command, unsigned int* target) {
-    command
-        .option("--cost", "LN", Number{target, Slot::kLeastLn, Slot::kMostLn},
-                "Cost of a guess at the password: 14 to 22, each step doubles it")
+    command.option("--cost", "LN", Number{target, UnlockSlot::kLeastLn, UnlockSlot::kMostLn}, kCost)
         .showsDefault = true;
+}
+
+void addCost(Command& command, std::optional<int>* target) {
+    command.option("--cost", "LN", Number{target, UnlockSlot::kLeastLn, UnlockSlot::kMostLn},
+                   kCost);
 }
 
 void addFilters(Command& command, Filters& target) {
@@ -44,7 +87,7 @@ void addFilters(Command& command, Filters& target) {
     command
         .flag("--no-key", &target.noKey,
               "Certificates and requests whose key is not in the database")
-        .excludes = "--has-key";
+        .excludes = {"--has-key"};
     command.option("--attr", "ID[=VALUE]", &target.attributes,
                    "Attribute, by id or name, and its value");
     command.startGroup({});
@@ -62,8 +105,10 @@ void addPassword(Command& command, const std::string& prefix, const std::string&
                  PasswordOptions& target) {
     command.option(prefix + "-file", "FILE", &target.file,
                    "Read " + what + " from a file; \"-\" is the standard input");
-    command.option(prefix + "-fd", "N", Number{&target.fd, 0, std::numeric_limits<int>::max()},
-                   "Read " + what + " from an open descriptor");
+    command
+        .option(prefix + "-fd", "N", Number{&target.fd, 0, std::numeric_limits<int>::max()},
+                "Read " + what + " from an open descriptor")
+        .excludes = {prefix + "-file"};
 }
 
 }  // namespace fstore

@@ -2,12 +2,16 @@
 #ifndef FSTORE_COMMANDS_COMMON_OPTIONS_H
 #define FSTORE_COMMANDS_COMMON_OPTIONS_H
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "fstore/commands/command.h"
 #include "fstore/commands/globals.h"
+#include "lib/database/database.h"
+#include "lib/records/address.h"
 #include "lib/records/filter.h"
+#include "lib/work/uri.h"
 
 namespace fstore {
 
@@ -15,8 +19,24 @@ namespace fstore {
 void addAddress(Command& command, std::string* target);
 void addAddresses(Command& command, std::vector<std::string>* target);
 
-// --cost, of a new slot.
+// A record by its address, or by the name of the host that it serves.
+struct RecordChoice {
+    std::optional<std::string> address, host;
+    Selector::Type type = Selector::Type::kCertificate;
+    std::string algorithm;
+};
+void addRecordChoice(Command& command, RecordChoice* target);
+
+// Throws kUsage unless it is given in exactly one way, and kInvalid for what is no host.
+void refuseChoice(const RecordChoice& choice);
+
+// The record that is meant; warns about records that could not be read and might have been. A step
+// of withSecrets(), as select().
+Address chosen(Database& database, const RecordChoice& choice);
+
+// --cost, of a new slot; none for the usual, or what it shares with other passwords.
 void addCost(Command& command, unsigned int* target);
+void addCost(Command& command, std::optional<int>* target);
 
 // The conditions of a listing.
 void addFilters(Command& command, Filters& target);

@@ -41,6 +41,11 @@ const Option* optionOf(const Cli& cli, const Command* command, const std::string
     return own != nullptr ? own : optionOf(cli.program(), name);
 }
 
+// The commands of which one comes next; none when arguments do.
+const std::deque<Command>& nextCommands(const Cli& cli, const Command* command) {
+    return command != nullptr ? command->subcommands() : cli.commands();
+}
+
 class LineReader {
 public:
     explicit LineReader(const Cli& cli) : cli_(cli) {}
@@ -76,12 +81,13 @@ private:
     }
 
     void readPlain(const std::string& word) {
-        if (line_.command != nullptr) {
+        const std::deque<Command>& next = nextCommands(cli_, line_.command);
+        if (next.empty()) {
             ++line_.arguments;
-        } else {
-            const auto named = std::ranges::find(cli_.commands(), word, &Command::name);
-            line_.command = named != cli_.commands().end() ? &*named : nullptr;
+            return;
         }
+        const auto named = std::ranges::find(next, word, &Command::name);
+        line_.command = named != next.end() ? &*named : line_.command;
     }
 
     void readLong(const std::string& word) {
@@ -123,6 +129,10 @@ public:
             add(word);
         }
     }
+    bool has(const std::string& word) const {
+        return std::ranges::find(completion_.words, head_ + word, &Completion::Word::text) !=
+               completion_.words.end();
+    }
     void addFiles(Completion::Files files) { completion_.files = files; }
 
     const std::string& typed() const noexcept { return typed_; }
@@ -137,15 +147,16 @@ private:
 void addOptions(const Command& command, Collector& to) {
     for (const Option& option : command.options()) {
         for (const std::string& name : {option.longName, option.shortName}) {
-            if (!name.empty()) {
+            // An option of a command may stand for one of the program.
+            if (!name.empty() && !to.has(name)) {
                 to.add(name, option.description);
             }
         }
     }
 }
 
-void addCommands(const Cli& cli, Collector& to) {
-    for (const Command& command : cli.commands()) {
+void addCommands(const std::deque<Command>& commands, Collector& to) {
+    for (const Command& command : commands) {
         if (!command.isHidden()) {
             to.add(command.name(), command.description());
         }
@@ -224,7 +235,7 @@ void addValues(const Option& option, const Line& line, Collector& to) {
         to.add(choice->names);
     } else if (option.type == "ADDRESS") {
         addFromDatabase(line, to, addRecords);
-    } else if (option.type == "FOLDER") {
+    } else if (option.type == "FOLDER" || option.type == "NEW") {
         addFromDatabase(line, to, addFolders);
     } else if (option.type == "FILE") {
         to.addFiles(Completion::Files::kAny);
@@ -282,8 +293,8 @@ Completion complete(const Cli& cli, const std::vector<std::string>& words, std::
             addOptions(*line.command, to);
         }
         addOptions(cli.program(), to);
-    } else if (line.command == nullptr) {
-        addCommands(cli, to);
+    } else if (const auto& next = nextCommands(cli, line.command); !next.empty()) {
+        addCommands(next, to);
     } else {
         addArguments(line, to);
     }

@@ -4,8 +4,8 @@
 
 #include <string>
 
+#include "fstore/commands/secret_source.h"
 #include "fstore/terminal/output.h"
-#include "fstore/terminal/password.h"
 
 namespace fstore {
 
@@ -13,7 +13,7 @@ struct Globals {
     static constexpr double kLockSeconds = 10;
 
     std::string folder = ".";  // that holds "db"
-    PasswordOptions password;
+    SecretOptions secret;
     bool noInput = false;  // never ask on the terminal
     double lockSeconds = kLockSeconds;
     Output::Settings output;

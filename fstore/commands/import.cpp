@@ -7,8 +7,6 @@
 
 #include <fmt/format.h>
 
-#include "format/layout.h"
-#include "format/record_name.h"
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
@@ -51,18 +49,11 @@ ImportRules rulesOf(const Options& options) {
     if (options.folder) {
         rules.folder = parseFolder(*options.folder);
     }
-    if (rules.name) {
-        // As a part of an address it obeys the rules of addresses.
-        const Address place = parseNewAddress(joinPath(layout::kKeys.name(), *rules.name));
-        if (place.folder != layout::kKeys.name()) {
-            throw Failure(kInvalid, "--name is a name without a folder; --to names the folder");
-        }
-    }
+    requireName(rules);
     return rules;
 }
 
-// All parts of all files, keys first: a certificate then finds its key in the
-// database, also when the import is broken off between the two.
+// All parts of all files, in the order of the import.
 std::vector<Item> readItems(const Options& options, PasswordSource& password) {
     std::vector<Item> items;
     for (const std::string& file : options.files) {
@@ -77,11 +68,7 @@ std::vector<Item> readItems(const Options& options, PasswordSource& password) {
             items.push_back({file, {0, "", failure}, false});
         }
     }
-    const auto rank = [](const Item& item) {
-        constexpr Kind kOrder[] = {Kind::kKey, Kind::kCertificate, Kind::kCrl, Kind::kRequest};
-        return item.object() != nullptr ? std::ranges::find(kOrder, item.object()->kind) - kOrder
-                                        : std::ssize(kOrder);
-    };
+    const auto rank = [](const Item& item) { return importRank(item.part); };
     std::ranges::stable_sort(items, {}, rank);
     return items;
 }
@@ -156,24 +143,13 @@ private:
     std::optional<Failure> first_;
 };
 
-Hold enterFor(const std::vector<const PkiObject*>& objects, const ImportRules& rules,
-              Database& database) {
-    const bool secret = std::ranges::any_of(
-        objects, [&](const PkiObject* object) { return wantsSecrecy(*object, rules); });
-    Hold hold = database.enter(Access::kChange, needFor(secret || rules.replace));
-    if (secret) {
-        database.requireSecrecy();
-    }
-    return hold;
-}
-
 void importObjects(const std::vector<Item>& items, const ImportRules& rules, Database& database,
                    Report& report) {
     const std::vector<const PkiObject*> objects = objectsOf(items);
     if (objects.empty()) {
         return;
     }
-    const Hold hold = enterFor(objects, rules, database);
+    const Hold hold = enterForImport(database, rules, objects);
     Importer importer(database, rules, objects);
     for (const Item& item : items) {
         if (item.object() == nullptr) {

@@ -1,23 +1,24 @@
 // fstore info: the state of the database.
-#include <cstdlib>
-#include <memory>
-
 #include <fmt/format.h>
 
 #include "format/layout.h"
 #include "fstore/commands/commands.h"
+#include "fstore/commands/slot_text.h"
 #include "fstore/terminal/json.h"
 #include "lib/base/files.h"
 #include "lib/database/folders.h"
 #include "lib/database/lost.h"
 #include "lib/records/catalogue.h"
-#include "os/fs.h"
 
 namespace fstore {
 namespace {
 
-std::string describe(const Slot& slot) {
-    switch (slot.form) {
+std::string describe(const ScryptCost& cost) {
+    return fmt::format("scrypt, N=2^{}, r={}, p={}", cost.ln, cost.r, cost.p);
+}
+
+std::string describe(const Slot& line) {
+    switch (line.form) {
         case Slot::Form::kNone:
             return "none";
         case Slot::Form::kRaw:
@@ -25,7 +26,22 @@ std::string describe(const Slot& slot) {
         case Slot::Form::kScrypt:
             break;
     }
-    return fmt::format("scrypt, N=2^{}, r={}, p={}", slot.ln, slot.r, slot.p);
+    return describe(ScryptCost{.ln = line.ln, .r = line.r, .p = line.p});
+}
+
+std::string lineFor(const UnlockSlot& slot) {
+    return fmt::format("{} {}{}{}{}{}", slot.n, nameOfKind(slot), slot.label.empty() ? "" : ", ",
+                       slot.label, slot.kind == SlotKind::kPassword ? ", " : "",
+                       slot.kind == SlotKind::kPassword ? describe(slot.cost) : "");
+}
+
+void printSlots(const Protection& protection, Output& output) {
+    if (protection.inForce.line) {
+        output.line(fmt::format("password   {}", describe(*protection.inForce.line)));
+    }
+    for (const UnlockSlot& slot : protection.inForce.slots) {
+        output.line(fmt::format("slot       {}", lineFor(slot)));
+    }
 }
 
 const char* nameOf(Slot::Form form) {
@@ -40,13 +56,19 @@ const char* nameOf(Slot::Form form) {
     return "scrypt";
 }
 
+// "slots", and then which; or the kind of a password from before there were slots.
 Json toJson(const Protection& protection) {
-    const Slot& slot = protection.inForce;
-    Json json = {{"kind", nameOf(slot.form)}};
-    if (slot.form == Slot::Form::kScrypt) {
-        json["ln"] = slot.ln;
-        json["r"] = slot.r;
-        json["p"] = slot.p;
+    Json json;
+    if (const std::optional<Slot>& line = protection.inForce.line) {
+        json["kind"] = nameOf(line->form);
+        if (line->form == Slot::Form::kScrypt) {
+            json["ln"] = line->ln;
+            json["r"] = line->r;
+            json["p"] = line->p;
+        }
+    } else {
+        json["kind"] = "slots";
+        json["slots"] = toJson(protection.inForce.slots, {});
     }
     json["changeUnfinished"] = protection.isUnfinished();
     return json;
@@ -62,9 +84,8 @@ Json namesOf(const std::vector<LostFolder>& lost) {
 
 // Without links and dots, where the system can tell.
 std::string pathOf(const Place& place) {
-    const std::unique_ptr<char, void (*)(void*)> real(os::realpath(layout::kLiveName, nullptr),
-                                                      std::free);
-    return real != nullptr ? real.get() : absolutePath(joined(place.folder, layout::kLiveName));
+    const std::string real = realPath(layout::kLiveName);
+    return !real.empty() ? real : absolutePath(joined(place.folder, layout::kLiveName));
 }
 
 Status run(Context& context) {
@@ -88,7 +109,7 @@ Status run(Context& context) {
     const std::string here = pathOf(context.database.place());
     Output& output = context.output;
     output.line(fmt::format("database   {}", here));
-    output.line(fmt::format("password   {}", describe(protection.inForce)));
+    printSlots(protection, output);
     if (protection.isUnfinished()) {
         output.line("           its last change was interrupted; opening the database finishes it");
     }
@@ -111,7 +132,7 @@ Status run(Context& context) {
     output.document({{"database", jsonText(here)},
                      {"password", toJson(protection)},
                      {"oldDatabase", hasOld},
-                     {"kept", kept},
+                     {"kept", Json::array(kept)},
                      {"lost", namesOf(lost)},
                      {"records", records},
                      {"folders", folders}});

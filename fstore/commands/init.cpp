@@ -2,75 +2,23 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <utility>
 
 #include <fmt/format.h>
 
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
+#include "fstore/commands/new_recovery_key.h"
 #include "fstore/terminal/json.h"
-#include "lib/records/catalogue.h"
+#include "lib/work/create.h"
+#include "lib/work/key_slots.h"
 
 namespace fstore {
 namespace {
 
 struct Options {
-    unsigned int cost = Slot::kDefaultLn;
+    RecoveryOptions recovery;
+    unsigned int cost = ScryptCost::kDefaultLn;
 };
-
-void refuseUnless(bool accepted, const Place& place, const std::string& why) {
-    if (!accepted) {
-        throw Failure(kInvalid, fmt::format("the database in {} {}", place.describe(), why),
-                      place.folder);
-    }
-}
-
-// Whether the database that was entered has yet to be given its password.
-bool lacksPassword(const Database& database) {
-    const Slot::Form form = database.protection().inForce.form;
-    refuseUnless(form != Slot::Form::kRaw, database.place(),
-                 "has a password that is cheap to guess; protect it with `fstore passwd`");
-    if (form == Slot::Form::kScrypt) {
-        return false;
-    }
-    const std::size_t records = allRecords().size();
-    refuseUnless(
-        records == 0, database.place(),
-        fmt::format("holds {} records and has no password; set one with `fstore passwd`", records));
-    return true;
-}
-
-bool isThere(Database& database) {
-    try {
-        (void)database.enter(Access::kRead, Need::kFiles);
-        return true;
-    } catch (const Failure& failure) {
-        if (failure.status() != kMissing) {
-            throw;
-        }
-        return false;
-    }
-}
-
-// False when the database has its password already, or has got one while this one was asked
-// for. Nothing is created before there is a password: what is left after a failure would be a
-// database without one.
-bool initialise(const Options& options, PasswordSource& password, Database& database) {
-    std::optional<NewSlot> fresh;
-    for (;;) {
-        if (fresh || isThere(database)) {
-            const Hold hold = database.enter(Access::kChange, Need::kDatabase);
-            if (!lacksPassword(database)) {
-                return false;
-            }
-            if (fresh) {
-                database.changePassword(std::move(*fresh), /*keepOld=*/false);
-                return true;
-            }
-        }
-        fresh = makeSlot(password.get(PasswordSource::Entry::kTwice), options.cost);
-    }
-}
 
 // The path of "db" in this folder.
 std::string databaseIn(std::string folder) {
@@ -80,16 +28,39 @@ std::string databaseIn(std::string folder) {
     return folder + "/db";
 }
 
+unsigned int addRecoverySlot(NewRecoveryKey& key, Database& database) {
+    const SlotPlan plan = planSlot(database, {});
+    key.handOver(sheetFor(database.place().folder, plan.db, plan.n, {}));
+    const unsigned int n = addSlot(database, {key.secret(), {}, {}});
+    key.confirmSlot();
+    return n;
+}
+
 Status run(const Options& options, Context& context) {
+    std::optional<NewRecoveryKey> recovery;
+    if (options.recovery.wanted) {
+        recovery.emplace(options.recovery.sheet, context);
+    }
     Database& database = context.database;
-    const bool created = initialise(options, context.password, database);
+    const auto password = [&]() -> const SecretText& {
+        return context.secret.passwordOnly().get(PasswordSource::Entry::kTwice);
+    };
+    const bool created = createDatabase(database, options.cost, password);
     if (!created) {
         (void)database.enter(Access::kChange, Need::kSecrets);  // with this password
     }
     context.output.note(fmt::format(
         "{} {}", created ? "created a database in" : "already initialised with this password:",
         databaseIn(database.place().folder)));
-    context.output.document({{"folder", jsonText(database.place().folder)}, {"created", created}});
+    Json json = {{"folder", jsonText(database.place().folder)}, {"created", created}};
+    if (recovery) {
+        const unsigned int n = addRecoverySlot(*recovery, database);
+        context.output.note(fmt::format("added a recovery key, slot {}", n));
+        json["recovery"] = n;
+    } else if (created) {
+        context.output.note("add a recovery key with `fstore key add --recovery`");
+    }
+    context.output.document(std::move(json));
     return kOk;
 }
 
@@ -100,6 +71,7 @@ void addInit(Cli& cli) {
     Command& command = cli.add("init", "Create a database and set its password",
                                [options](Context& context) { return run(*options, context); });
     addCost(command, &options->cost);
+    (void)addRecovery(command, "Add a recovery key as well", options->recovery);
 }
 
 }  // namespace fstore

@@ -4,12 +4,12 @@
 #include <fmt/format.h>
 
 #include "fstore/commands/assignment.h"
-#include "fstore/commands/change.h"
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
 #include "lib/records/record.h"
 #include "lib/records/record_info.h"
+#include "lib/work/change.h"
 
 namespace fstore {
 namespace {

@@ -7,7 +7,6 @@
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
 #include "lib/records/attributes.h"
-#include "lib/records/catalogue.h"
 #include "lib/records/record.h"
 #include "lib/records/record_info.h"
 
@@ -15,7 +14,7 @@ namespace fstore {
 namespace {
 
 struct Options {
-    std::string address;
+    RecordChoice choice;
     bool unlock = false;
 };
 
@@ -48,15 +47,18 @@ void print(const Record& record, Output& output) {
 }
 
 Status run(const Options& options, Context& context) {
-    const Hold hold = context.database.enter(Access::kRead, needFor(options.unlock));
-    Record record = Record::read(resolve(options.address));
-    if (options.unlock) {
-        record.decrypt();
-    }
-    print(record, context.output);
-    Json json = toJson(infoOf(record));
-    json["attributes"] = attributesToJson(record);
-    context.output.document({{"records", Json::array({json})}});
+    refuseChoice(options.choice);
+    const auto show = [&] {
+        Record record = Record::read(chosen(context.database, options.choice));
+        if (options.unlock) {
+            record.decrypt();
+        }
+        print(record, context.output);
+        Json json = toJson(infoOf(record));
+        json["attributes"] = attributesToJson(record);
+        context.output.document({{"records", Json::array({json})}});
+    };
+    withSecrets(context.database, Access::kRead, show, needFor(options.unlock));
     return kOk;
 }
 
@@ -66,7 +68,7 @@ void addShow(Cli& cli) {
     const auto options = std::make_shared<Options>();
     Command& command = cli.add("show", "Print the attributes of a record",
                                [options](Context& context) { return run(*options, context); });
-    addAddress(command, &options->address);
+    addRecordChoice(command, &options->choice);
     command.flag("-u,--unlock", &options->unlock,
                  "Take the password, and show encrypted parts too");
 }

@@ -1,5 +1,4 @@
-// The tool's Observer: warnings and notes on stderr, a bar for long work, and the password
-// from the user's source.
+// The tool's Observer: warnings and notes on stderr, and a bar for long work.
 #ifndef FSTORE_TERMINAL_OBSERVER_H
 #define FSTORE_TERMINAL_OBSERVER_H
 
@@ -7,7 +6,6 @@
 #include <string>
 
 #include "fstore/terminal/output.h"
-#include "fstore/terminal/password.h"
 #include "fstore/terminal/progress_bar.h"
 #include "lib/base/observer.h"
 
@@ -15,8 +13,7 @@ namespace fstore {
 
 class TerminalObserver final : public Observer {
 public:
-    TerminalObserver(Output& output, PasswordSource& password)
-        : output_(output), password_(password) {}
+    explicit TerminalObserver(Output& output) : output_(output) {}
 
     void warn(const std::string& text) override { output_.warn(text); }
     void note(const std::string& text) override { output_.note(text); }
@@ -29,12 +26,11 @@ public:
     // A signal ends the whole process.
     bool isCancelled() noexcept override { return false; }
 
-    // Asked for once, however often it is needed.
-    SecretText password() override { return password_.get(PasswordSource::Entry::kOnce); }
+    // A database of the tool has its key from a KeySource, and asks nobody.
+    SecretText password() override { throw Failure(kUsage, "no password was given"); }
 
 private:
     Output& output_;
-    PasswordSource& password_;
     std::optional<ProgressBar> bar_;
 };
 

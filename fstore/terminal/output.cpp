@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <system_error>
 
 #include <fmt/format.h>
 
@@ -30,10 +31,6 @@ bool hasColour(Colour asked, int fd) {
     const char* const terminal = ::secure_getenv("TERM");
     const bool dumb = terminal != nullptr && std::strcmp(terminal, "dumb") == 0;
     return !isSet("NO_COLOR") && !dumb && os::isTerminal(fd);
-}
-
-std::string printed(const Json& document) {
-    return document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace
@@ -73,13 +70,15 @@ void Output::document(Json document) {
         return;
     }
     Json whole = {{"schema", kSchema}};
-    for (auto& [name, value] : document.items()) {
-        whole[name] = std::move(value);
-    }
+    whole.append(std::move(document));
+    addWarnings(whole);
+    kept_ += whole.print() + "\n";
+}
+
+void Output::addWarnings(Json& document) const {
     if (!warnings_.empty()) {
-        whole["warnings"] = warnings_;
+        document["warnings"] = Json::array(warnings_);
     }
-    kept_ += printed(whole);
 }
 
 void Output::note(std::string_view text) {
@@ -112,8 +111,8 @@ void Output::flush() {
     if (errno == EPIPE) {
         throw Failure(kIo, "");  // who closed the pipe knows it
     }
-    throw Failure(kIo,
-                  fmt::format("cannot write to the standard output: {}", std::strerror(errno)));
+    throw Failure(kIo, fmt::format("cannot write to the standard output: {}",
+                                   std::generic_category().message(errno)));
 }
 
 void Output::fail(const Failure& failure) {
@@ -128,10 +127,8 @@ void Output::fail(const Failure& failure) {
             error["path"] = jsonText(failure.path());
         }
         Json whole = {{"schema", kSchema}, {"error", error}};
-        if (!warnings_.empty()) {
-            whole["warnings"] = warnings_;
-        }
-        const std::string text = printed(whole);
+        addWarnings(whole);
+        const std::string text = whole.print() + "\n";
         (void)os::writeAll(kStderr, text.data(), text.size());  // there is nowhere else to tell it
         return;
     }

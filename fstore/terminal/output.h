@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "fstore/terminal/json_fwd.h"
+#include "fstore/terminal/json.h"
 #include "fstore/terminal/table.h"
 #include "lib/base/error.h"
 
@@ -56,6 +56,7 @@ public:
 
 private:
     void say(std::string_view text);
+    void addWarnings(Json& document) const;
 
     Settings settings_;
     bool colourOut_;

@@ -29,14 +29,15 @@ struct Words {
     const char* variable;
 };
 
+constexpr Words kWords[] = {
+    {"password", "Password", "--password", "FSTORE_PASSWORD"},
+    {"new password", "New password", "--new-password", "FSTORE_NEW_PASSWORD"},
+    {"password of the imported file", "Password of the imported file", "--in-password",
+     "FSTORE_IN_PASSWORD"},
+    {"password for the exported file", "Password for the exported file", "--out-password",
+     "FSTORE_OUT_PASSWORD"}};
+
 const Words& wordsOf(PasswordSource::Which which) {
-    static constexpr Words kWords[] = {
-        {"password", "Password", "--password", "FSTORE_PASSWORD"},
-        {"new password", "New password", "--new-password", "FSTORE_NEW_PASSWORD"},
-        {"password of the imported file", "Password of the imported file", "--in-password",
-         "FSTORE_IN_PASSWORD"},
-        {"password for the exported file", "Password for the exported file", "--out-password",
-         "FSTORE_OUT_PASSWORD"}};
     return kWords[static_cast<int>(which)];
 }
 
@@ -68,11 +69,13 @@ SecretText accepted(std::string_view text, PasswordSource::Which which) {
 
 [[noreturn]] void failWithoutSource(PasswordSource::Which which) {
     const char* const option = wordsOf(which).option;
+    const bool keyFileWouldDo = which == PasswordSource::Which::kCurrent;
     throw Failure(
         kUsage,
-        fmt::format("no {} given and no terminal to ask on; give it with {}-fd, {}-file, {} or {}",
-                    describe(which), option, option, variableName(which, "_FILE"),
-                    variableName(which, "")));
+        fmt::format(
+            "no {} given and no terminal to ask on; give it with {}-fd, {}-file, {} or {}{}",
+            describe(which), option, option, variableName(which, "_FILE"), variableName(which, ""),
+            keyFileWouldDo ? ", or a key file with --key-file or FSTORE_KEY_FILE" : ""));
 }
 
 // The value of an environment variable, or null.
@@ -81,6 +84,12 @@ const char* variable(const std::string& name) {
 }
 
 }  // namespace
+
+void requireName(std::string_view name, std::string_view source) {
+    if (name.empty()) {
+        throw Failure(kUsage, fmt::format("{} is empty; it takes the name of a file", source));
+    }
+}
 
 PasswordSource::PasswordSource(Which which, const PasswordOptions& options, bool noInput,
                                Output& output, StandardInput& input)
@@ -94,8 +103,10 @@ PasswordSource::PasswordSource(Which which, const PasswordOptions& options, bool
         fd_ = *options.fd;
         name_ = fmt::format("descriptor {}", fd_);
     } else if (options.file) {
+        requireName(*options.file, fmt::format("{}-file", wordsOf(which).option));
         openFile(*options.file, input);
     } else if (file != nullptr) {
+        requireName(file, fileVariable);
         openFile(file, input);
     } else if (variable(variableName(which, "")) != nullptr) {
         from_ = From::kVariable;
@@ -148,7 +159,7 @@ const SecretText& PasswordSource::get(Entry entry) {
 }
 
 SecretText PasswordSource::read(int fd) const {
-    SecretBytes bytes(kMost + 2);  // a byte too many shows, and a line feed may follow
+    SecretKey bytes(kMost + 2);  // a byte too many shows, and a line feed may follow
     std::size_t filled = 0;
     while (filled < bytes.size()) {
         const ssize_t got = os::readSome(fd, bytes.data() + filled, bytes.size() - filled);
@@ -177,7 +188,7 @@ SecretText PasswordSource::ask(const char* prompt) const {
     if (!terminal) {
         failWithoutSource(which_);
     }
-    SecretBytes line(kMost + 1);
+    SecretKey line(kMost + 1);
     const ssize_t length = os::askTerminal(terminal, os::Echo::kOff, prompt,
                                            reinterpret_cast<char*>(line.data()), line.size());
     if (length < 0 && errno != EMSGSIZE) {
@@ -185,6 +196,12 @@ SecretText PasswordSource::ask(const char* prompt) const {
     }
     const std::size_t size = length < 0 ? line.size() : static_cast<std::size_t>(length);
     return accepted({reinterpret_cast<const char*>(line.data()), size}, which_);
+}
+
+void forgetPasswords() noexcept {
+    for (const Words& words : kWords) {
+        os::forgetVariable(words.variable);
+    }
 }
 
 bool confirm(const std::string& question, bool noInput) {

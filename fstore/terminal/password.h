@@ -12,6 +12,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "fstore/terminal/output.h"
 #include "fstore/terminal/standard_input.h"
@@ -70,6 +71,14 @@ private:
     bool othersCanRead_ = false;
     std::optional<SecretText> password_;
 };
+
+// The name of a secret's file, as an option or a variable (`source`) gives it. Throws kUsage for an
+// empty one.
+void requireName(std::string_view name, std::string_view source);
+
+// Removes every variable that holds a password from the environment, before another program gets
+// it. Sources that have not read theirs yet find none.
+void forgetPasswords() noexcept;
 
 // Asks a question on the terminal; true for "y" or "yes". False, without asking, when
 // there is no terminal.

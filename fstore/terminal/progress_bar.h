@@ -19,7 +19,8 @@ public:
     ProgressBar& operator=(const ProgressBar&) = delete;
     ~ProgressBar();  // removes the bar
 
-    void step() noexcept;  // from any thread
+    // From any thread.
+    void step() noexcept;  // NOLINT(bugprone-exception-escape): see there
 
 private:
     using Clock = std::chrono::steady_clock;

@@ -63,10 +63,8 @@ ArchiveTotals extract(const os::File& file, const std::string& name) {
 
 void refuseToReplace(const Place& place) {
     if (folderState().hasDatabase()) {
-        throw Failure(kInvalid,
-                      fmt::format("there is already a database in {}; --replace replaces it and "
-                                  "keeps the old one under another name",
-                                  place.describe()),
+        throw Failure(kInvalid, fmt::format("there is already a database in {}", place.describe()),
+                      Advice{"--replace replaces it and keeps the old one under another name"},
                       place.folder);
     }
 }

@@ -87,7 +87,8 @@ void failWithErrno(const std::string& what, const std::string& path) {
                                                                 : kIo;
     const std::string message =
         fmt::format("cannot {} {}: {}", what, path, std::generic_category().message(reason));
-    if (reason == EACCES || reason == EPERM) {
+    // A process without free descriptors learns as little about a file as one without the right.
+    if (reason == EACCES || reason == EPERM || reason == EMFILE || reason == ENFILE) {
         throw Failure(status, message, path, Failure::Cause::kDenied);
     }
     failWithStatus(status, message, path);

@@ -6,9 +6,11 @@
 #ifndef LIB_BASE_ERROR_H
 #define LIB_BASE_ERROR_H
 
+#include <cstddef>
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "cmn/status.h"
 
@@ -26,6 +28,12 @@ const char* nameOf(int exitCode);
 // The exit code of a status: the status itself where it has a name, else kForeign.
 int exitCodeOf(Status status);
 
+// What a user of the tool can do, in the words of its command line; follows a sentence that is
+// complete without it. Programs that use the library hear the sentence alone.
+struct Advice {
+    std::string text;
+};
+
 // Ends the command. The message is one sentence without a full stop, for the terminal: it
 // says what happened, to which file, and what to do, and contains no secret. `path` is the
 // file or record concerned, for programs; may be empty.
@@ -38,17 +46,30 @@ public:
 
     Failure(Status status, const std::string& message, std::string path = {},
             Cause cause = Cause::kOther)
-        : std::runtime_error(message), status_(status), path_(std::move(path)), cause_(cause) {}
+        : std::runtime_error(message),
+          adviceFrom_(message.size()),
+          status_(status),
+          path_(std::move(path)),
+          cause_(cause) {}
+    Failure(Status status, const std::string& message, const Advice& advice, std::string path = {})
+        : std::runtime_error(message + "; " + advice.text),
+          adviceFrom_(message.size()),
+          status_(status),
+          path_(std::move(path)) {}
 
+    std::string_view withoutAdvice() const noexcept {
+        return std::string_view(what()).substr(0, adviceFrom_);
+    }
     Status status() const noexcept { return status_; }
     int exitCode() const { return exitCodeOf(status_); }
     const std::string& path() const noexcept { return path_; }
     bool isDenied() const noexcept { return cause_ == Cause::kDenied; }
 
 private:
+    std::size_t adviceFrom_;
     Status status_;
     std::string path_;
-    Cause cause_;
+    Cause cause_ = Cause::kOther;
 };
 
 // Out of memory, with a sentence as a Failure has. Not a Failure: code that goes on after one
@@ -56,6 +77,7 @@ private:
 class MemoryFailure : public std::bad_alloc {
 public:
     explicit MemoryFailure(const std::string& message, std::string path = {})
+        // NOLINTNEXTLINE(bugprone-throw-keyword-missing): a member, and thrown with the object
         : failure_(kNoMemory, message, std::move(path)) {}
 
     const char* what() const noexcept override { return failure_.what(); }

@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdlib>
 #include <span>
 
 #include <fmt/format.h>
@@ -90,8 +91,8 @@ bool isStreamAt(const std::string& path, const std::string& name, bool replace) 
     switch (status.st_mode & S_IFMT) {
         case S_IFREG:
             if (!replace) {
-                throw Failure(kInvalid, fmt::format("{} already exists; --force replaces it", name),
-                              name);
+                throw Failure(kInvalid, fmt::format("{} already exists", name),
+                              Advice{"--force replaces it"}, name);
             }
             return false;
         case S_IFDIR:
@@ -281,6 +282,12 @@ void OutputFile::write(std::span<const unsigned char> bytes) {
     }
 }
 
+void OutputFile::allow(mode_t mode) {
+    if (beside_ && !os::setPermissions(file_, mode)) {
+        failWithErrno("set the permissions of", name_);
+    }
+}
+
 os::File OutputFile::reopen() const {
     os::File file = os::openFile(beside_->c_str(), O_RDONLY);
     if (!file) {
@@ -322,6 +329,12 @@ std::string absolutePath(const std::string& path) {
         failWithErrno("find", "the current folder");
     }
     return joined(here == "/" ? "" : here, path);
+}
+
+std::string realPath(const std::string& path) {
+    const std::unique_ptr<char, void (*)(void*)> text(os::realpath(path.c_str(), nullptr),
+                                                      std::free);
+    return text != nullptr ? std::string(text.get()) : std::string();
 }
 
 std::string joined(const std::string& folder, const std::string& name) {
@@ -376,19 +389,24 @@ bool exists(const std::string& path) {
     failWithErrno("examine", path);
 }
 
-bool isA(os::EntryType type, const std::string& path) {
+os::EntryType typeOf(const std::string& path) {
     const os::EntryType found = os::entryTypeOf(path.c_str());
     if (found == os::EntryType::kUnknown && errno != ENOENT && errno != ENOTDIR) {
         failWithErrno("examine", path);
     }
-    return found == type;
+    return found;
+}
+
+bool isA(os::EntryType type, const std::string& path) {
+    return typeOf(path) == type;
 }
 
 void removeTree(const std::string& path) {
-    if (!exists(path)) {
+    const os::EntryType type = typeOf(path);
+    if (type == os::EntryType::kUnknown) {
         return;
     }
-    if (os::entryTypeOf(path.c_str()) != os::EntryType::kFolder) {
+    if (type != os::EntryType::kFolder) {
         removeEntry(path.c_str(), path);  // a link goes, what it leads to stays
         return;
     }

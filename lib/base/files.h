@@ -5,6 +5,8 @@
 #ifndef LIB_BASE_FILES_H
 #define LIB_BASE_FILES_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -21,6 +23,11 @@ namespace fstore {
 
 // Where "-" stands for a standard stream.
 inline constexpr std::string_view kStandardStream = "-";
+
+// Permissions of files that hold no secret, of scripts without one, and of files that do.
+inline constexpr mode_t kReadableByAll = 0644;
+inline constexpr mode_t kExecutableByAll = 0755;
+inline constexpr mode_t kReadableByOwner = 0600;
 
 class InputFile {
 public:
@@ -57,6 +64,9 @@ public:
 
     void write(std::span<const unsigned char> bytes);
 
+    // Permissions instead of the owner's alone. Of a stream they stay as they are.
+    void allow(mode_t mode);
+
     // What was written, for reading from its beginning. Not of a stream.
     os::File reopen() const;
 
@@ -76,6 +86,9 @@ private:
 
 // The path as an absolute one. It need not exist.
 std::string absolutePath(const std::string& path);
+
+// The absolute path without links; empty for what is not there.
+std::string realPath(const std::string& path);
 
 // "a/b" of "a" and "b".
 std::string joined(const std::string& folder, const std::string& name);
@@ -104,8 +117,9 @@ void readInPieces(const std::string& path, const PieceUser& use);
 
 bool exists(const std::string& path);  // not following a link; throws if it cannot know
 
-// Whether it is there as one of this type, not following a link; throws if it cannot know.
-bool isA(os::EntryType type, const std::string& path);
+// What is there, not following a link, and kUnknown for nothing; throws if it cannot know.
+os::EntryType typeOf(const std::string& path);
+bool isA(os::EntryType type, const std::string& path);  // a type, not kUnknown
 
 // Removes a folder with its contents, without following links in it; does nothing if there is
 // none. If the name is a link, the link goes and its target stays.

@@ -11,10 +11,16 @@ void require(bool done) {
     }
 }
 
+// Fetched once and kept: EVP_sha256() would be looked up for each digest. Null when there is none.
+const EVP_MD* algorithm() {
+    static const EVP_MD* const fetched = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    return fetched;
+}
+
 }  // namespace
 
 Sha256::Sha256() : context_(EVP_MD_CTX_new()) {
-    require(context_ != nullptr && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) == 1);
+    require(context_ != nullptr && EVP_DigestInit_ex(context_.get(), algorithm(), nullptr) == 1);
 }
 
 void Sha256::add(std::span<const unsigned char> bytes) {

@@ -4,12 +4,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "client/file_store_exp.h"
 #include "format/dsc_text.h"
 #include "format/layout.h"
 #include "lib/base/error.h"
+#include "lib/database/slot_copies.h"
 
 namespace fstore {
 namespace {
@@ -43,45 +43,37 @@ bool isThere(const char* database, const char* name) {
            record.isExist() != 0;
 }
 
-// The slot's text, as it stands there, whose digest the key has.
-std::optional<std::string> textInForce(aFileStore& kdf, const Digest& key) {
-    for (unsigned int i = 0; i < kdf.getAttrCount(); ++i) {
-        const std::string_view text(reinterpret_cast<const char*>(kdf.getAttr(i)),
-                                    kdf.getAttrSize(i));
-        const bool isSlot = kdf.getAttrType(i) == kTypeText && kdf.getAttrID(i) == layout::kSlotId;
-        const std::optional<Slot> slot = isSlot ? parseSlot(text) : std::nullopt;
-        if (slot && slot->form != Slot::Form::kNone && slot->digest == key) {
-            return std::string(text);
-        }
+// Writes one of the copies there with its set in force alone, if it has another one.
+void settle(const char* name, const SlotCopy& copy, const Digest& key) {
+    if (!copy.isSound() || (copy.record.sets.size() == 1 && !copy.keepOld)) {
+        return;
     }
-    return std::nullopt;
+    const auto inForce = std::ranges::find(copy.record.sets, std::optional(key), &SlotSet::key);
+    if (inForce == copy.record.sets.end()) {
+        return;  // what opening the database tells about
+    }
+    UnlockRecord settled = copy.record;
+    settled.sets = {*inForce};
+    writeCopyBeside(layout::kCopy, name,
+                    name == std::string_view(layout::kKdfRecord) ? asKdf(settled) : settled);
 }
 
 }  // namespace
 
-bool isPreviousOf(const Slot& slot) {
-    if (slot.form == Slot::Form::kNone) {
-        return !isThere(layout::kPrevious, layout::kKeyRecord);
-    }
-    return keyDigestOf(layout::kPrevious) == slot.digest;
+bool isPreviousOf(const SlotSet& set) {
+    const std::optional<Digest> key = set.key();
+    return key ? keyDigestOf(layout::kPrevious) == key
+               : !isThere(layout::kPrevious, layout::kKeyRecord);
 }
 
 void settleCopy() {
-    aFileStore kdf;
     const std::optional<Digest> key = keyDigestOf(layout::kCopy);
-    if (!key || !readFrom(layout::kCopy, layout::kKdfRecord, kdf) || kdf.getAttrCount() < 2) {
-        return;  // one slot, or damage that opening the database tells about
-    }
-    const std::optional<std::string> text = textInForce(kdf, *key);
-    if (!text) {
+    if (!key) {
         return;
     }
-    check(kdf.removeAttrs(), "cannot write the record \"kdf\" of the kept database");
-    check(kdf.addAttr(kTypeText, layout::kSlotId,
-                      reinterpret_cast<const unsigned char*>(text->data()),
-                      static_cast<unsigned int>(text->size())),
-          "cannot write the record \"kdf\" of the kept database");
-    check(kdf.write(), "cannot write the record \"kdf\" of the kept database");
+    const SlotCopies copies = readCopies(layout::kCopy);
+    settle(layout::kKdfCopyRecord, copies.copy, *key);
+    settle(layout::kKdfRecord, copies.kdf, *key);
 }
 
 }  // namespace fstore

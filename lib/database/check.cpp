@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <iterator>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -19,17 +22,42 @@ Access accessFor(const CheckOptions& options) {
 }
 
 bool waitsForPassword(const Finding& finding) {
-    return finding.repair == Finding::Repair::kFinish;
+    return finding.repair == Finding::Repair::kFinish ||
+           finding.repair == Finding::Repair::kSettleCopies ||
+           finding.repair == Finding::Repair::kWriteKey;
+}
+
+// What the copies of the slots say about each other. A database from before there were slots gets
+// its copy from the next command that opens it.
+void inspectCopies(const Protection& protection, std::vector<Finding>& findings) {
+    const char* const worse = protection.kdfCounts ? layout::kKdfCopyRecord : layout::kKdfRecord;
+    using Other = Protection::Other;
+    if (protection.other == Other::kConflicts) {
+        findings.push_back({Finding::Kind::kUnlockConflict, descriptorPath({"", worse}),
+                            "contradicts the other copy of the slots, and neither is newer",
+                            Finding::Repair::kSettleCopies});
+    } else if (protection.other == Other::kBehind && protection.record.framed) {
+        findings.push_back({Finding::Kind::kUnlockCopy, descriptorPath({"", worse}),
+                            fmt::format("is a copy of the slots and {}", protection.otherFault),
+                            Finding::Repair::kWriteCopy, protection.otherIsDamaged});
+    }
 }
 
 // What the records of the password say, besides what stands in the folders.
-std::vector<Finding> inspectAll() {
+std::vector<Finding> inspectAll(Database& database) {
     std::vector<Finding> findings = inspect();
     if (!findings.empty() && findings.front().kind == Finding::Kind::kMovedAside) {
         return findings;  // there is nothing to read yet
     }
     try {
-        if (readProtection().isUnfinished()) {
+        const Protection protection = database.examineProtection();
+        if (protection.isKeyLost()) {
+            findings.push_back({Finding::Kind::kKeyRecord, descriptorPath({"", layout::kKeyRecord}),
+                                protection.keyFault, Finding::Repair::kWriteKey});
+            return findings;
+        }
+        inspectCopies(protection, findings);
+        if (protection.isUnfinished()) {
             findings.push_back(
                 {Finding::Kind::kUnfinishedChange, descriptorPath({"", layout::kKdfRecord}),
                  "records an interrupted change of the password", Finding::Repair::kFinish});
@@ -44,9 +72,21 @@ std::vector<Finding> inspectAll() {
 // What a folder of lost files notes: none also when the record cannot be read.
 std::optional<Digest> keyOf() {
     try {
-        return readKeyDigest();
+        return readKey().digest;
     } catch (const Failure&) {
         return std::nullopt;
+    }
+}
+
+// Entering does what is left: it writes the worse copy, and finishes a change of the password; with
+// the password it also writes the record "key" again.
+void finishRepair(const std::vector<Finding>& found, Database& database) {
+    const bool conflicts = std::ranges::any_of(found, [](const Finding& finding) {
+        return finding.repair == Finding::Repair::kSettleCopies;
+    });
+    const Hold hold = database.enter(Access::kChange, needFor(/*secrets=*/conflicts));
+    if (conflicts) {
+        database.settleConflict();
     }
 }
 
@@ -57,7 +97,7 @@ bool repairOnce(CheckReport& report, Database& database) {
     std::vector<Finding> found;
     {
         const Hold hold = database.enter(Access::kChange, Need::kFiles);
-        report.findings = inspectAll();
+        report.findings = inspectAll(database);
         std::ranges::copy_if(report.findings, std::back_inserter(found), &Finding::isRepairable);
         for (const Finding& finding : found) {
             database.observer().note(fmt::format("{} {}, and {}", finding.path, finding.message,
@@ -69,11 +109,26 @@ bool repairOnce(CheckReport& report, Database& database) {
                             joined(layout::kLost, *lost), *lost));
         }
     }
-    if (!found.empty() && std::ranges::all_of(found, waitsForPassword)) {
-        (void)database.enter(Access::kChange);
+    const auto isCopy = [](const Finding& finding) {
+        return finding.repair == Finding::Repair::kWriteCopy;
+    };
+    if (!found.empty() && std::ranges::all_of(found, [&](const Finding& finding) {
+            return waitsForPassword(finding) || isCopy(finding);
+        })) {
+        finishRepair(found, database);
     }
     report.repaired.insert(report.repaired.end(), found.begin(), found.end());
     return !found.empty();
+}
+
+std::vector<std::string> wordsOf(const std::vector<Finding>& findings) {
+    std::vector<std::string> words;
+    words.reserve(findings.size());
+    for (const Finding& finding : findings) {
+        words.push_back(
+            fmt::format("{} {} {}", nameOf(finding.kind), finding.path, nameOf(finding.repair)));
+    }
+    return words;
 }
 
 }  // namespace
@@ -89,21 +144,37 @@ bool CheckReport::isSound() const {
            (!deep || deep->damaged.empty());
 }
 
+Status CheckReport::status() const {
+    if (hasDamage()) {
+        return kFound;
+    }
+    return isSound() && !(deep && !deep->unread.empty()) ? kOk : kPartial;
+}
+
 CheckReport checkDatabase(Database& database, const CheckOptions& options) {
     CheckReport report;
     if (options.repair) {
-        // Until nothing more is found: what is deleted may have been the last to name a body.
+        // Until nothing more is found: what is deleted may have been the last to name a body. What
+        // is found again as it was has not been repaired, and will not be.
+        std::vector<std::string> before;
         while (repairOnce(report, database)) {
+            std::vector<std::string> now = wordsOf(report.findings);
+            if (now == before) {
+                break;
+            }
+            before = std::move(now);
         }
         report.lost = lostFolders();
     } else {
         const Hold hold = database.enter(Access::kRead, Need::kFiles);
-        report.findings = inspectAll();
+        report.findings = inspectAll(database);
         report.lost = lostFolders();
     }
     if (options.deep) {
         const Hold hold = database.enter(accessFor(options), Need::kSecrets);
-        report.deep = readEverything(database.observer(), "Checking", Bodies::kUnasked);
+        report.deep =
+            readEverything(database.observer(), "Checking", Bodies::kUnasked, options.examiner);
+        std::ranges::copy(report.deep->contradicted, std::back_inserter(report.findings));
     }
     return report;
 }

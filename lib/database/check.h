@@ -14,8 +14,9 @@
 namespace fstore {
 
 struct CheckOptions {
-    bool deep = false;    // also decrypt and compare everything, which needs the password
-    bool repair = false;  // never touches what is damaged
+    bool deep = false;  // also decrypt and compare everything, which needs the password
+    const Examiner* examiner = nullptr;  // with `deep`: objectExaminer() of lib/work, or none
+    bool repair = false;                 // never touches what is damaged
 };
 
 struct CheckReport {
@@ -27,6 +28,8 @@ struct CheckReport {
     bool hasDamage() const;
     // Nothing is damaged, and everything could be read.
     bool isSound() const;
+    // What the check ends with: kFound for damage, kPartial when not all could be looked at.
+    Status status() const;
 };
 
 // Notes each repair to the observer before making it. Finishes an interrupted change of the

@@ -6,23 +6,27 @@
 
 #include "format/layout.h"
 #include "lib/base/error.h"
+#include "lib/base/files.h"
 #include "lib/database/folders.h"
 #include "lib/database/password_change.h"
 #include "lib/database/recovery.h"
 #include "lib/database/unlock.h"
+#include "lib/database/unlock_box.h"
+#include "lib/records/catalogue.h"
+#include "lib/records/descriptor.h"
 #include "os/files.h"
 
 namespace fstore {
 namespace {
 
 os::LockKind kindFor(Access access) {
-    return access == Access::kRead ? os::LockKind::kShared : os::LockKind::kExclusive;
+    return access == Access::kChange ? os::LockKind::kExclusive : os::LockKind::kShared;
 }
 
 }  // namespace
 
-Database::Database(Place place, Observer& observer)
-    : place_(std::move(place)), observer_(observer), lock_(place_), store_(place_) {}
+Database::Database(Place place, Observer& observer, KeySource* keys)
+    : place_(std::move(place)), observer_(observer), keys_(keys), lock_(place_), store_(place_) {}
 
 Hold Database::enter(Access access, Need need) {
     if (need == Need::kFolder || need == Need::kDatabase) {
@@ -48,9 +52,13 @@ Hold Database::enter(Access access, Need need) {
             break;
         case Need::kRecords:
             enterRecords(access);
-            if (access == Access::kChange && protection_.isUnfinished()) {
+            warnOfLostKey();
+            if (access == Access::kChange && protection_.isKeyLost()) {
+                enterSecrets(access);
+            } else if (access == Access::kChange && protection_.isUnfinished()) {
                 observer_.warn(
-                    "the last change of the password was interrupted; finishing it first");
+                    "the last change of the password was interrupted; finishing or undoing it "
+                    "first");
                 enterSecrets(access);
             }
             break;
@@ -67,6 +75,23 @@ void Database::needSecrets() {
     }
 }
 
+// A link in the place of a folder of "./db" cannot come there without a trace in the stamp. Deeper
+// folders would need stamps of their own.
+Address Database::resolveToRead(std::string_view text) {
+    AddressText wanted = parseAddress(text);
+    const std::string& folder = wanted.place.folder;
+    const bool canBeKnown = learned_ && wanted.form == AddressText::Form::kPlace &&
+                            !folder.empty() && folder.find('/') == std::string::npos;
+    if (!canBeKnown || folder != knownFolder_) {
+        Address found = fstore::resolveToRead(text);
+        if (canBeKnown) {
+            knownFolder_ = folder;
+        }
+        return found;
+    }
+    return std::move(wanted.place);
+}
+
 void Database::requireSecrecy() const {
     if (!protection_.hasPassword()) {
         throw Failure(kNotOpen,
@@ -77,49 +102,91 @@ void Database::requireSecrecy() const {
     }
 }
 
-void Database::changePassword(NewSlot fresh, bool keepOld) {
-    if (!protection_.hasPassword() && !isOpen()) {
-        store_.open(SecretText());
+DatabaseId Database::idForSlots() const {
+    return protection_.hasSlots() ? protection_.record.db : makeDatabaseId();
+}
+
+void Database::changePassword(NewKey fresh, bool keepOld) {
+    // The boxes of the old set are bound to it, and the new ones to what they were made for.
+    if (protection_.hasSlots() && fresh.db != protection_.record.db) {
+        throw Failure(kInvalid, "the slots were made for another database");
     }
+    if (!protection_.hasPassword() && !isOpen()) {
+        openWith({});
+    }
+    learned_.reset();
+    const unsigned int slot = fresh.slot;
     protection_ = fstore::changePassword(store_, observer_, protection_, std::move(fresh), keepOld);
-    opened_ = protection_.inForce;
+    opened_ = protection_.inForce.key();
+    openedBy_ = slot;
+}
+
+void Database::changeSlots(SlotSet slots) {
+    learned_.reset();
+    writeSlots(protection_, protection_.record.db, {std::move(slots)}, /*keepOld=*/false);
+    protection_ = readProtection();
+}
+
+void Database::settleConflict() {
+    if (protection_.other == Protection::Other::kConflicts) {
+        learned_.reset();
+        writeSlots(protection_, protection_.record.db, protection_.record.sets,
+                   protection_.keepOld);
+        protection_ = readProtection();
+    }
+}
+
+void Database::resetSlots(NewKey fresh) {
+    recoverFiles(store_);
+    learned_.reset();
+    proveKey(store_, fresh.p, place_);
+    removeSlots();
+    if (!fresh.set.slots.empty()) {
+        writeSlots(Protection(), fresh.db, {std::move(fresh.set)}, /*keepOld=*/false);
+    }
+    learn(readProtection());
+    openWith({std::move(fresh.p), 0});
 }
 
 void Database::requireDatabase() const {
     refuseOther();
     if (!folderState().hasDatabase()) {
-        throw Failure(kMissing,
-                      fmt::format("there is no database in {}; create one with `fstore init`, or "
-                                  "name another folder with --dir",
-                                  place_.describe()),
+        throw Failure(kMissing, fmt::format("there is no database in {}", place_.describe()),
+                      Advice{"create one with `fstore init`, or name another folder with --dir"},
                       place_.folder);
     }
 }
 
 void Database::refuseOther() const {
-    const os::EntryType type = os::entryTypeOf(layout::kLive);
+    const os::EntryType type = typeOf(layout::kLive);
     if (type == os::EntryType::kFile || type == os::EntryType::kOther) {
         throw Failure(kInvalid,
-                      fmt::format("{} in {} is not a folder, so it is not a database; move it "
-                                  "elsewhere, or name another folder with --dir",
+                      fmt::format("{} in {} is not a folder, so it is not a database",
                                   layout::kLive, place_.describe()),
+                      Advice{"move it elsewhere, or name another folder with --dir"},
                       layout::kLive);
     }
     // What a link leads to is no part of this folder: its lock does not keep others out of it.
     if (type == os::EntryType::kLink) {
         throw Failure(kInvalid,
-                      fmt::format("{} in {} is a link, which fstore does not follow; name the "
-                                  "folder that contains the database itself with --dir",
-                                  layout::kLive, place_.describe()),
+                      fmt::format("{} in {} is a link, which fstore does not follow", layout::kLive,
+                                  place_.describe()),
+                      Advice{"name the folder that contains the database itself with --dir"},
                       layout::kLive);
     }
 }
 
 void Database::enterRecords(Access access) {
-    if (access == Access::kRead) {
-        enterShared();
-    } else {
-        enterExclusive();
+    switch (access) {
+        case Access::kRead:
+            enterShared();
+            break;
+        case Access::kReadNamed:
+            enterNamed();
+            break;
+        case Access::kChange:
+            enterExclusive();
+            break;
     }
 }
 
@@ -131,7 +198,7 @@ void Database::enterShared() {
         lock_.take(os::LockKind::kShared);
         requireDatabase();
         if (!needsRecovery()) {
-            learn(readProtection());
+            learn(settledProtection(store_));
             return;
         }
         enterExclusive();
@@ -143,6 +210,24 @@ void Database::enterShared() {
         place_.folder);
 }
 
+// What is known of the password holds for as long as "./db" shows that nothing in it was created,
+// renamed or removed: the records of the password are there, and none is ever written in place.
+void Database::enterNamed() {
+    lock_.take(os::LockKind::kShared);
+    const std::optional<Stamp> now = Stamp::take();
+    if (now && now == learned_) {
+        return;
+    }
+    requireDatabase();
+    if (needsRecoveryOfPassword()) {
+        enterShared();
+        return;
+    }
+    learn(settledProtection(store_));
+    learned_ = now;
+    knownFolder_.clear();
+}
+
 void Database::enterExclusive() {
     lock_.take(os::LockKind::kExclusive);
     requireDatabase();
@@ -152,34 +237,104 @@ void Database::enterExclusive() {
 // Whoever opens the database can do what a change of the password left to do.
 void Database::enterSecrets(Access access) {
     open(access);
-    if (!protection_.isUnfinished()) {
+    // A reader has nothing to do with a change that did not happen.
+    if (!protection_.isUnfinished() || (protection_.isUndone() && access != Access::kChange)) {
         return;
     }
     open(Access::kChange);  // another process may have had its turn before the lock was ours
+    if (protection_.isUndone()) {
+        undoChange();
+    }
     if (protection_.isUnfinished()) {
         learn(finishPasswordChange(store_, observer_, protection_));
     }
 }
 
-// The password is asked for, and P derived from it, while nothing is locked; so the slot
-// may be another one afterwards.
+// That the change did not happen is what the record "key" says, which may be one from before it:
+// then no record opens with this P, and the other set must stay.
+void Database::undoChange() {
+    const SecretText& p = store_.p();
+    if (examine(store_, {&p, 1}, /*byAll=*/false).fit != Evidence::Fit::kNone) {
+        learn(dropUndoneSet(protection_));
+        return;
+    }
+    const std::string file = descriptorPath({"", layout::kKeyRecord});
+    throw Failure(kNoDigest,
+                  fmt::format("a change of the password was interrupted, and no record opens with "
+                              "the password that {} stands for: that file is older than the "
+                              "change, or the records are damaged. Nothing was changed; move {} "
+                              "elsewhere and give the new password",
+                              file, file),
+                  file);
+}
+
+// The secret is asked for, and P derived from it, while nothing is locked; so another set may be
+// in force afterwards. Who opens the database without its record "key" writes that record.
 void Database::open(Access access) {
-    enterRecords(store_.isOpen() ? access : Access::kRead);
+    const bool asksFirst = !store_.isOpen() && (keys_ == nullptr || keys_->asks());
+    enterRecords(asksFirst && access == Access::kChange ? Access::kRead : access);
     while (!store_.isOpen()) {
-        const Slot slot = protection_.inForce;
-        lock_.release();
-        SecretText p = askForP(slot, place_, observer_);
-        enterRecords(access);
-        if (protection_.inForce == slot) {
-            store_.open(std::move(p));
-            opened_ = slot;
+        const Access needed = protection_.isKeyLost() ? Access::kChange : access;
+        const std::optional<Digest> asked = protection_.inForce.key();
+        auto unlocked = keys_ != nullptr ? keys_->known(protection_) : std::nullopt;
+        const bool wasKnown = unlocked.has_value();
+        if (!wasKnown) {
+            lock_.release();
+            unlocked = obtainP();
         }
+        if (!wasKnown || needed != access) {
+            enterRecords(needed);
+        }
+        if (protection_.inForce.key() == asked &&
+            (needed == Access::kChange || !protection_.isKeyLost())) {
+            openWith(std::move(*unlocked));
+        }
+    }
+    if (access == Access::kChange) {
+        if (protection_.isKeyLost()) {  // it was lost since the database was opened
+            openWith({store_.p(), openedBy_});
+        }
+        copyProvenLine();
+    }
+}
+
+Unlocked Database::obtainP() {
+    return keys_ != nullptr ? keys_->obtain(protection_) : askForP(protection_, place_, observer_);
+}
+
+void Database::openWith(Unlocked unlocked) {
+    if (protection_.isKeyLost()) {
+        unlocked = restoreKey(store_, protection_, std::move(unlocked));
+        observer_.note("the record ./key was lost, and has been written again");
+        learn(recover(store_));
+    } else if (!protection_.hasPassword()) {
+        requireNoPassword(store_);
+    }
+    store_.open(std::move(unlocked.p));
+    opened_ = protection_.inForce.key();
+    openedBy_ = unlocked.slot;
+}
+
+void Database::warnOfLostKey() {
+    if (protection_.isKeyLost() && !warnedOfKey_) {
+        warnedOfKey_ = true;
+        observer_.warn(fmt::format(
+            "the record ./key {}; `fstore check --repair`, with the password, writes it again",
+            protection_.keyFault));
+    }
+}
+
+// A line from before there were slots is copied only now that it has opened the database.
+void Database::copyProvenLine() {
+    if (repairCopy(protection_, /*opened=*/true)) {
+        learn(readProtection());
     }
 }
 
 void Database::learn(Protection protection) {
+    learned_.reset();
     protection_ = std::move(protection);
-    if (store_.isOpen() && protection_.inForce != opened_) {
+    if (store_.isOpen() && protection_.inForce.key() != opened_) {
         store_.close();
     }
 }

@@ -17,19 +17,30 @@
 
 #include <exception>
 #include <optional>
+#include <string>
+#include <string_view>
 
 #include "lib/base/observer.h"
 #include "lib/database/folder_lock.h"
 #include "lib/database/hold.h"
+#include "lib/database/lost_key.h"
 #include "lib/database/place.h"
 #include "lib/database/protection.h"
+#include "lib/database/stamp.h"
 #include "lib/database/store_service.h"
+#include "lib/database/unlock.h"
+#include "lib/records/address.h"
 
 namespace fstore {
 
 // kRead: other processes may read, too, and nothing changes but what recovery repairs.
+// kReadNamed: as kRead, for records whose folder and name the caller knows. What a crash has left
+// of
+//     other records is not looked for, so that the size of the database makes no difference. A
+//     record that is not there may stand aside: who misses one enters again, with kRead. See
+//     readNamed().
 // kChange: no other process may do anything.
-enum class Access { kRead, kChange };
+enum class Access { kRead, kReadNamed, kChange };
 
 // What an operation needs of the database that it enters.
 enum class Need {
@@ -53,8 +64,9 @@ public:
 
 class Database {
 public:
-    // Does nothing yet. The observer is asked for the password while nothing is locked.
-    Database(Place place, Observer& observer);
+    // Does nothing yet. P comes from `keys`, or, for null, from the password that the observer is
+    // asked for while nothing is locked.
+    Database(Place place, Observer& observer, KeySource* keys = nullptr);
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
     ~Database() = default;
@@ -63,8 +75,8 @@ public:
     // begin at the database's folder, so callers open their own files before.
     //
     // kFolder and kDatabase need kChange. If a change of the password was interrupted in its
-    // last steps, kChange needs the password for kRecords, too: nothing may change before
-    // that change is finished.
+    // last steps, or the record "key" is lost, kChange needs the password for kRecords, too:
+    // nothing may change before that change is finished, and that record is there again.
     //
     //   kMissing      there is no database, or no such folder
     //   kAlreadyOpen  another process holds the lock for longer than place().lockSeconds
@@ -88,33 +100,77 @@ public:
     // has changed the password since, entering closes the database.
     bool isOpen() { return store_.isOpen(); }
 
+    // The P that it was opened with, for another Database of this place; while it is open.
+    const SecretText& p() const noexcept { return store_.p(); }
+
+    // As it is now; also entered with kFiles.
+    Protection examineProtection() { return settledProtection(store_); }
+
+    // As fstore::resolveToRead(). Entered with kReadNamed, a folder directly in "./db" is not
+    // looked at again while "./db" shows that nothing in it was replaced since.
+    Address resolveToRead(std::string_view text);
+
     // Throws SecretsNeeded unless it is open.
     void needSecrets();
 
     // Throws kNotOpen when the database has no password and so cannot keep secrets.
     void requireSecrecy() const;
 
-    // Gives the database the password of `fresh`, and re-encrypts everything. Entered with
-    // kChange, and kSecrets unless it has no password yet. Throws kFound when a record is
+    // The id that boxes are bound to: a new one while the database has no slots.
+    DatabaseId idForSlots() const;
+
+    // The slot that opened it; 0 for P itself, and for a line from before there were slots.
+    unsigned int openedBy() const noexcept { return openedBy_; }
+
+    // Gives the database another P and these slots, and re-encrypts everything. Entered with
+    // kChange, and kSecrets unless it has no password yet. The id of `fresh` is the database's,
+    // unless that has no slots yet. Throws kFound when a record is
     // damaged, since it would stay behind with the old key; nothing has changed then.
-    void changePassword(NewSlot fresh, bool keepOld);
+    void changePassword(NewKey fresh, bool keepOld);
+
+    // Writes these slots of the same P. Entered with kChange and kSecrets; the database has slots.
+    // Throws kPartial when one copy could not be written.
+    void changeSlots(SlotSet slots);
+
+    // Writes what "kdf" says to both copies, which contradict each other. Entered with kChange and
+    // kSecrets.
+    void settleConflict();
+
+    // Removes both copies of the slots and writes them again with these, which have the P that the
+    // record "key" knows, or, when that is lost, the records that are encrypted. Entered with
+    // kChange and kFiles: nothing of the slots need be readable.
+    // With a P that no slot can hold the database is left without slots, and P is its password.
+    //
+    //   kWrongPassword  P is not the one that is in force
+    void resetSlots(NewKey fresh);
 
 private:
     void requireDatabase() const;
     void refuseOther() const;
     void enterRecords(Access access);
     void enterShared();
+    void enterNamed();
     void enterExclusive();
     void enterSecrets(Access access);
     void open(Access access);
+    Unlocked obtainP();
+    void openWith(Unlocked unlocked);
+    void undoChange();
+    void warnOfLostKey();
+    void copyProvenLine();
     void learn(Protection protection);
 
     const Place place_;
     Observer& observer_;
+    KeySource* const keys_;
     FolderLock lock_;
     StoreService store_;
     Protection protection_;
-    Slot opened_;  // the slot that P belongs to; while the store is open
+    std::optional<Digest> opened_;  // what "key" holds for P; while the store is open
+    unsigned int openedBy_ = 0;
+    bool warnedOfKey_ = false;
+    std::optional<Stamp> learned_;  // that of the folder that protection_ was read from
+    std::string knownFolder_;       // directly in that folder, and no link; empty for none
 };
 
 // Runs step() in the database, entered as `need` says. If the step asks for secrets
@@ -130,6 +186,23 @@ auto withSecrets(Database& database, Access access, Step step, Need need = Need:
     }
     const Hold hold = database.enter(access, Need::kSecrets);
     return step();
+}
+
+// The same for reading the record that the user's words stand for, by step(). When they name its
+// place, no other record is looked at; unless it is not there, since a crash may have moved it
+// aside.
+template <class Step>
+auto readNamed(Database& database, std::string_view text, Step step) {
+    if (parseAddress(text).form == AddressText::Form::kPlace) {
+        try {
+            return withSecrets(database, Access::kReadNamed, step);
+        } catch (const Failure& failure) {
+            if (failure.status() != kMissing) {
+                throw;
+            }
+        }
+    }
+    return withSecrets(database, Access::kRead, step);
 }
 
 }  // namespace fstore

@@ -60,7 +60,7 @@ std::uint64_t secretsOf(const Record& record) {
 }
 
 // A record with secrets has to be decrypted as a whole.
-void readSecrets(Record record, DeepReport& report, Fingerprint& fingerprint) {
+void readSecrets(Record& record, DeepReport& report, Fingerprint& fingerprint) {
     record.decrypt();
     report.secrets += secretsOf(record);
     fingerprint.addDescription(record);
@@ -83,9 +83,35 @@ void readPlain(const RecordHead& head, Fingerprint& fingerprint) {
     }
 }
 
+void examine(const Record& record, const Examiner& examiner, DeepReport& report) {
+    for (const std::string& contradiction : examiner.contradictions(record)) {
+        report.contradicted.push_back(
+            {Finding::Kind::kContradicted, descriptorPath(record.address()), contradiction});
+    }
+}
+
+void readOne(const RecordHead& head, Bodies bodies, const Examiner* examiner, DeepReport& report,
+             Fingerprint& fingerprint) {
+    const bool isExamined = examiner != nullptr && examiner->concerns(head);
+    if (!head.hasSecrets()) {
+        readPlain(head, fingerprint);
+        if (!isExamined) {
+            return;
+        }
+    }
+    Record record = bodies == Bodies::kAll ? Record::read(head.address()) : readUnasked(head);
+    if (head.hasSecrets()) {
+        readSecrets(record, report, fingerprint);
+    }
+    if (isExamined) {
+        examine(record, *examiner, report);
+    }
+}
+
 }  // namespace
 
-DeepReport readEverything(Observer& observer, const std::string& what, Bodies bodies) {
+DeepReport readEverything(Observer& observer, const std::string& what, Bodies bodies,
+                          const Examiner* examiner) {
     DeepReport report;
     const std::vector<Address> addresses = allRecords(&report.unread);
     Progress progress(observer, what, addresses.size());
@@ -93,13 +119,7 @@ DeepReport readEverything(Observer& observer, const std::string& what, Bodies bo
     for (const Address& address : addresses) {
         ++report.records;
         try {
-            const RecordHead head = RecordHead::read(address);
-            if (!head.hasSecrets()) {
-                readPlain(head, fingerprint);
-            } else {
-                readSecrets(bodies == Bodies::kAll ? Record::read(address) : readUnasked(head),
-                            report, fingerprint);
-            }
+            readOne(RecordHead::read(address), bodies, examiner, report, fingerprint);
         } catch (const TooLarge& failure) {
             report.unread.push_back(failure);
         } catch (const Failure& failure) {

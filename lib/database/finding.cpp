@@ -23,6 +23,8 @@ const char* nameOf(FindingKind kind) {
             return "missing-folder";
         case FindingKind::kDamaged:
             return "damaged";
+        case FindingKind::kContradicted:
+            return "contradicted";
         case FindingKind::kUnreadable:
             return "unreadable";
         case FindingKind::kUnknownFile:
@@ -31,6 +33,12 @@ const char* nameOf(FindingKind kind) {
             return "moved-aside";
         case FindingKind::kUnfinishedChange:
             return "unfinished-change";
+        case FindingKind::kUnlockCopy:
+            return "unlock-copy";
+        case FindingKind::kUnlockConflict:
+            return "unlock-conflict";
+        case FindingKind::kKeyRecord:
+            return "key-record";
         case FindingKind::kPrevious:
             break;
     }
@@ -53,6 +61,12 @@ const char* nameOf(Repair repair) {
             return "move-back";
         case Repair::kFinish:
             return "finish";
+        case Repair::kWriteCopy:
+            return "write-copy";
+        case Repair::kSettleCopies:
+            return "settle-copies";
+        case Repair::kWriteKey:
+            return "write-key";
         case Repair::kNone:
             break;
     }
@@ -75,6 +89,12 @@ std::string planOf(Repair repair) {
             return "will be moved back";
         case Repair::kFinish:
             return "will be finished";
+        case Repair::kWriteCopy:
+            return "will be written again from the other";
+        case Repair::kSettleCopies:
+            return "will both be written as ./kdf says";
+        case Repair::kWriteKey:
+            return "will be written again with the password";
         case Repair::kNone:
             break;
     }

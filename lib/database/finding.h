@@ -17,11 +17,15 @@ struct Finding {
         kMissingFolder,     // one of those that a database has
         kMovedAside,        // "./old_db" while there is no "./db"
         kUnfinishedChange,  // of the password; found by the caller, who knows the records
+        kUnlockCopy,        // one of the two copies of the slots is lost or older
+        kUnlockConflict,    // they contradict each other
+        kKeyRecord,         // "key" is lost: the password and the records tell what it held
         // Reported, and never touched:
-        kDamaged,      // a record that cannot be read, or that cannot be what was written
-        kUnreadable,   // a file that the user may not read, or what that leaves open
-        kUnknownFile,  // nothing that the store would have made
-        kPrevious,     // "./old_db", with the password before
+        kDamaged,       // a record that cannot be read, or that cannot be what was written
+        kContradicted,  // an attribute that says something else than the object in the body
+        kUnreadable,    // a file that the user may not read, or what that leaves open
+        kUnknownFile,   // nothing that the store would have made
+        kPrevious,      // "./old_db", with the password before
     };
     enum class Repair {
         kNone,
@@ -31,7 +35,10 @@ struct Finding {
         kDropCopy,
         kMakeFolder,
         kMoveBack,
-        kFinish
+        kFinish,
+        kWriteCopy,
+        kSettleCopies,
+        kWriteKey
     };
 
     Kind kind;
@@ -41,7 +48,10 @@ struct Finding {
     // It may be the only copy of something, and cannot be told: it stays, and a person decides.
     bool isDoubtful = false;
 
-    bool isDamage() const noexcept { return kind == Kind::kDamaged || isDoubtful; }
+    bool isDamage() const noexcept {
+        return kind == Kind::kDamaged || kind == Kind::kContradicted ||
+               kind == Kind::kUnlockConflict || kind == Kind::kKeyRecord || isDoubtful;
+    }
     bool isUnread() const noexcept { return kind == Kind::kUnreadable; }
     bool isRepairable() const noexcept { return repair != Repair::kNone; }
 };

@@ -31,6 +31,7 @@ struct Namer {
     std::set<std::string> mentioned;  // bodies of the folder whose names stand elsewhere in it
     std::string fault;                // why its text is not what the store wrote; or empty
     bool isDenied = false;            // the user may not read it, and it may be sound
+    bool isObstructed = false;        // something that is no file stands where it belongs
     Repair repair = Repair::kNone;
     bool stays = true;
 
@@ -178,10 +179,13 @@ private:
     }
 
     void decideSaved(Namer& namer) {
-        const Namer* const current = find(withoutMarker(namer.file, kOldMarker));
+        const std::string_view place = withoutMarker(namer.file, kOldMarker);
+        const Namer* const current = find(place);
         if (current == nullptr) {
             namer.stays = true;
-            namer.repair = Repair::kPutBack;
+            const bool isFree = !exists(joined(path_, std::string(place)));
+            namer.repair = isFree ? Repair::kPutBack : Repair::kNone;
+            namer.isObstructed = !isFree;
         } else if (!isReadable(*current)) {
             namer.stays = true;
         } else if (namer.isSound()) {
@@ -219,6 +223,11 @@ private:
             add(FindingKind::kSavedDescriptor, namer.file,
                 "is the old state of an interrupted write", namer.repair);
             isInDoubt_ = isInDoubt_ || !namer.isSound();  // it may name any body
+        } else if (namer.isObstructed) {
+            addDoubtful(FindingKind::kSavedDescriptor, namer.file,
+                        "is the old state of an interrupted write, and cannot be put back: a "
+                        "folder, a link or a special file has its name; move that elsewhere");
+            isInDoubt_ = isInDoubt_ || !namer.isSound();
         } else {
             addDoubtful(FindingKind::kSavedDescriptor, namer.file,
                         "is the old state of a record that is damaged now");

@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 
+#include <optional>
+
 #include <fmt/format.h>
 
 #include "lib/base/error.h"
@@ -16,7 +18,12 @@ void FolderLock::open() {
     if (folder_) {
         return;
     }
-    folder_ = os::openFile(place_.folder.c_str(), O_RDONLY | O_DIRECTORY);
+    // Opened again, since the locks of two descriptors that are copies of one another are one.
+    std::optional<os::Base> base;
+    if (place_.descriptor >= 0) {
+        base.emplace(place_.descriptor);
+    }
+    folder_ = os::openFile(base ? "." : place_.folder.c_str(), O_RDONLY | O_DIRECTORY);
     if (!folder_) {
         failWithErrno("open the folder", place_.folder);
     }
@@ -26,7 +33,7 @@ void FolderLock::makeAndOpen() {
     if (folder_) {
         return;
     }
-    const bool isNew = !exists(place_.folder);
+    const bool isNew = place_.descriptor < 0 && !exists(place_.folder);
     if (isNew && os::mkdir(place_.folder.c_str(), S_IRWXU) != 0) {
         failWithErrno("create the folder", place_.folder);
     }
@@ -40,6 +47,9 @@ void FolderLock::makeAndOpen() {
 }
 
 void FolderLock::take(os::LockKind kind) {
+    if (kind == os::LockKind::kExclusive && !quiet_) {
+        quiet_.emplace();
+    }
     switch (os::lockFile(folder_, kind, place_.lockSeconds)) {
         case os::Locked::kYes:
             return;
@@ -49,14 +59,13 @@ void FolderLock::take(os::LockKind kind) {
             failWithErrno("lock the folder", place_.folder);
     }
     throw Failure(kAlreadyOpen,
-                  fmt::format("another process is using the database in {}; try again later, or "
-                              "wait longer with --lock-timeout",
-                              place_.describe()),
-                  place_.folder);
+                  fmt::format("another process is using the database in {}", place_.describe()),
+                  Advice{"try again later, or wait longer with --lock-timeout"}, place_.folder);
 }
 
 void FolderLock::release() noexcept {
     (void)os::unlockFile(folder_);  // cannot fail for a folder that is open
+    quiet_.reset();
 }
 
 }  // namespace fstore

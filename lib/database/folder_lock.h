@@ -8,6 +8,8 @@
 #ifndef LIB_DATABASE_FOLDER_LOCK_H
 #define LIB_DATABASE_FOLDER_LOCK_H
 
+#include <optional>
+
 #include "lib/database/place.h"
 #include "os/handles.h"
 #include "os/process.h"
@@ -38,6 +40,8 @@ public:
 private:
     const Place& place_;
     os::File folder_;
+    // Of whoever may change files: a limit of their sizes is a failure and kills no program.
+    std::optional<os::QuietWrites> quiet_;
 };
 
 }  // namespace fstore

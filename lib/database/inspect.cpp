@@ -83,6 +83,9 @@ void repairOne(const Finding& finding) {
             break;
         case Repair::kNone:
         case Repair::kFinish:
+        case Repair::kWriteCopy:
+        case Repair::kSettleCopies:
+        case Repair::kWriteKey:
         case Repair::kMoveAway:
         case Repair::kDelete:
             break;

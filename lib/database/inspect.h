@@ -17,9 +17,9 @@ namespace fstore {
 // changes nothing. No other process changes anything meanwhile.
 std::vector<Finding> inspect();
 
-// Repairs, but for kFinish, what one inspection found: moves away first, and deletes last. Returns
-// the name of the folder in "./db.lost" that got something, made for `time` and for what the
-// record "key" holds. May be broken off anywhere and run again. Throws kIo.
+// Repairs what one inspection found, but for what concerns the slots: moves away first, and deletes
+// last. Returns the name of the folder in "./db.lost" that got something, made for `time` and for
+// what the record "key" holds. May be broken off anywhere and run again. Throws kIo.
 std::optional<std::string> repair(const std::vector<Finding>& findings, std::int64_t time,
                                   const std::optional<Digest>& key);
 

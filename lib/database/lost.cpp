@@ -76,7 +76,7 @@ bool staysInside(std::string_view path) {
     }
 }
 
-std::string_view folderOf(std::string_view path) {
+std::string_view parentOf(std::string_view path) {
     const std::size_t slash = path.rfind('/');
     return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
 }
@@ -100,7 +100,7 @@ void makeFolders(const std::string& top, std::string_view path) {
         if (os::mkdir(folder.c_str(), S_IRWXU) != 0) {
             failWithErrno("create the folder", folder);
         }
-        syncFolder(std::string(folderOf(folder)));
+        syncFolder(std::string(parentOf(folder)));
     }
 }
 
@@ -195,7 +195,7 @@ void removeIfDone(const std::string& folder, const LostPlan& plan) {
         if (exists(below(folder, file.path))) {
             return;
         }
-        for (std::string_view path = folderOf(file.path); !path.empty(); path = folderOf(path)) {
+        for (std::string_view path = parentOf(file.path); !path.empty(); path = parentOf(path)) {
             inside.insert(std::string(path));
         }
     }
@@ -269,9 +269,9 @@ std::string moveToLost(const LostPlan& plan) {
     writePlan(folder, plan);
     std::set<std::string, std::less<>> changed;
     for (const LostFile& file : plan.files) {
-        makeFolders(folder, folderOf(file.path));
+        makeFolders(folder, parentOf(file.path));
         renameFile(below(kLive, file.path), below(folder, file.path));
-        changed.insert(std::string(folderOf(file.path)));
+        changed.insert(std::string(parentOf(file.path)));
     }
     syncFolders(changed, folder, kLive);
     return name;
@@ -332,9 +332,9 @@ UndoReport undoLost(const std::string& name, const std::optional<Digest>& key) {
             report.taken.push_back(file.path);
             continue;
         }
-        makeFolders(kLive, folderOf(file.path));
+        makeFolders(kLive, parentOf(file.path));
         renameFile(from, to);
-        changed.insert(std::string(folderOf(file.path)));
+        changed.insert(std::string(parentOf(file.path)));
         report.putBack.push_back(file.path);
     }
     syncFolders(changed, kLive, folder);

@@ -55,7 +55,7 @@ void keepWhatIsAside(Observer& observer) {
 }
 
 DeepReport readSound(Observer& observer, const char* what) {
-    DeepReport report = readEverything(observer, what, Bodies::kAll);
+    DeepReport report = readEverything(observer, what, Bodies::kAll, /*examiner=*/nullptr);
     if (!report.unread.empty()) {
         const Failure& first = report.unread.front();
         throw Failure(kFound,
@@ -106,6 +106,20 @@ void requireSame(const DeepReport& before, const DeepReport& after) {
     }
 }
 
+// Step 2. When one copy was written and the other was not, the change has not begun: the next
+// command drops the new set, as after a death.
+void writeBothSets(const Protection& before, const NewKey& fresh, bool keepOld) {
+    try {
+        writeSlots(before, fresh.db, {before.inForce, fresh.set}, keepOld);
+    } catch (const Failure& failure) {
+        if (failure.status() != kPartial) {
+            throw;
+        }
+        throw Failure(kIo, fmt::format("the password was not changed: {}", failure.what()),
+                      failure.path());
+    }
+}
+
 // Step 3. A failure may have come before or after the swap: the folders decide, and
 // whether it happened is in the protection that is returned.
 Protection recrypt(StoreService& store, Observer& observer, const SecretText& p,
@@ -116,6 +130,9 @@ Protection recrypt(StoreService& store, Observer& observer, const SecretText& p,
         status = store.recrypt(p, observer);
     }
     Protection protection = recover(store);
+    if (protection.isUndone()) {
+        protection = dropUndoneSet(protection);
+    }
     if (!protection.isUnfinished()) {
         store.close();  // its ciphers may carry the new key
         if (status == kInterrupted) {
@@ -132,7 +149,7 @@ Protection recrypt(StoreService& store, Observer& observer, const SecretText& p,
     if (reason.status() == kInterrupted) {
         throw Failure(reason);
     }
-    if (!folderState().previous || !isPreviousOf(unfinished.kdf.slots.front())) {
+    if (!folderState().previous || !isPreviousOf(unfinished.record.sets.front())) {
         throw Failure(kFound,
                       fmt::format("the change of the password cannot be finished: {}; what is "
                                   "damaged can be removed with `fstore rm` once the database is "
@@ -142,7 +159,9 @@ Protection recrypt(StoreService& store, Observer& observer, const SecretText& p,
     }
     store.close();  // it is open, or could not be opened
     undoExchange();
-    (void)recover(store);
+    if (const Protection back = recover(store); back.isUndone()) {
+        (void)dropUndoneSet(back);
+    }
     throw Failure(reason.status() == kFound ? kIo : reason.status(),
                   fmt::format("the password was not changed and the old one is in force: the "
                               "re-encrypted database is not complete: {}",
@@ -152,23 +171,23 @@ Protection recrypt(StoreService& store, Observer& observer, const SecretText& p,
 
 // Steps 6 and 7.
 Protection settleOld(const Protection& unfinished, Observer& observer) {
-    if (unfinished.kdf.keepOld || !isPreviousOf(unfinished.kdf.slots.front())) {
+    if (unfinished.keepOld || !isPreviousOf(unfinished.record.sets.front())) {
         keepWhatIsAside(observer);
     } else {
         dropPrevious();
     }
-    writeKdf({.slots = {unfinished.inForce}});
+    keepOnlyInForce(unfinished);
     return readProtection();
 }
 
 }  // namespace
 
 Protection changePassword(StoreService& store, Observer& observer, const Protection& before,
-                          NewSlot fresh, bool keepOld) {
+                          NewKey fresh, bool keepOld) {
     requireCopyable();
     const DeepReport contents = readSound(observer, "Checking");
     keepWhatIsAside(observer);
-    writeKdf({.slots = {before.inForce, fresh.slot}, .keepOld = keepOld});
+    writeBothSets(before, fresh, keepOld);
     const Protection changed = recrypt(store, observer, fresh.p, contents.secrets);
     syncFolder(".");
     try {
@@ -185,7 +204,7 @@ Protection finishPasswordChange(StoreService& store, Observer& observer,
     syncFolder(".");
     try {
         (void)readSound(observer, "Verifying");
-        if (folderState().previous && isPreviousOf(unfinished.kdf.slots.front())) {
+        if (folderState().previous && isPreviousOf(unfinished.record.sets.front())) {
             requireNamesOf(layout::kPrevious, layout::kLive);
         }
     } catch (const Failure& reason) {

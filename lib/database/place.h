@@ -9,6 +9,9 @@ namespace fstore {
 struct Place {
     std::string folder = ".";  // that holds "db"
     double lockSeconds = 10;   // to wait for other processes
+    // The folder, open; it stays open for as long as the place is used. The text is then for
+    // messages only. Negative where the text says which folder it is.
+    int descriptor = -1;
 
     // The folder in words for messages.
     std::string describe() const { return folder == "." ? "this folder" : folder; }

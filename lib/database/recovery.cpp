@@ -1,14 +1,18 @@
 #include "lib/database/recovery.h"
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 #include <string>
 #include <vector>
 
+#include "format/layout.h"
 #include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/database/folders.h"
+#include "lib/database/lost_key.h"
+#include "lib/records/address.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/descriptor.h"
 #include "os/fs.h"
@@ -42,21 +46,20 @@ std::vector<std::string> allLoneSaved() {
     return found;
 }
 
-// Drops the slot of a change that has not happened, and will not.
-Protection dropNewSlot(const Protection& undone) {
-    KdfRecord kdf;
-    if (undone.inForce.form == Slot::Form::kScrypt) {
-        kdf.slots.push_back(undone.inForce);
-    }
-    writeKdf(kdf);
-    return readProtection();
-}
-
 }  // namespace
 
 // Readers ignore an unfinished copy.
 bool needsRecovery() {
     return !folderState().live || !allLoneSaved().empty();
+}
+
+bool needsRecoveryOfPassword() {
+    return std::ranges::any_of(
+        std::array{layout::kKeyRecord, layout::kKdfRecord, layout::kKdfCopyRecord},
+        [](const char* name) {
+            const std::string path = descriptorPath({"", name});
+            return !exists(path) && exists(path + std::string(kOldMarker));
+        });
 }
 
 void putBack(const std::string& saved) {
@@ -70,12 +73,24 @@ void putBack(const std::string& saved) {
     syncFolder(descriptor.substr(0, descriptor.rfind('/')));
 }
 
-Protection recover(StoreService& store) {
+void recoverFiles(StoreService& store) {
     store.makeFolders();
     dropCopy();
     std::ranges::for_each(allLoneSaved(), putBack);
-    Protection protection = readProtection();
-    return protection.isUndone() ? dropNewSlot(protection) : protection;
+}
+
+Protection dropUndoneSet(const Protection& undone) {
+    keepOnlyInForce(undone);
+    return readProtection();
+}
+
+Protection recover(StoreService& store) {
+    recoverFiles(store);
+    Protection protection = settledProtection(store);
+    if (protection.isUndone() && !protection.hasPassword()) {
+        return dropUndoneSet(protection);
+    }
+    return repairCopy(protection, /*opened=*/false) ? readProtection() : protection;
 }
 
 }  // namespace fstore

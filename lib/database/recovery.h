@@ -15,13 +15,28 @@ namespace fstore {
 // Whether reading the database would change it. The caller holds a lock of either kind.
 bool needsRecovery();
 
+// The same of the records of the password alone, without looking at others. There is a "./db".
+bool needsRecoveryOfPassword();
+
 // Puts a saved descriptor, "a.dsc.$o$", back to where it was, unless there is another one.
 void putBack(const std::string& saved);
 
-// Undoes an interrupted command, or finishes it; creates missing folders. Returns the
-// protection that is then in force. The caller holds the exclusive lock. May itself be
-// interrupted anywhere.
+// Creates missing folders, removes an unfinished copy, and puts back what a write moved aside: all
+// that is done without looking at the slots. The caller holds the exclusive lock.
+void recoverFiles(StoreService& store);
+
+// Undoes an interrupted command, or finishes it; creates missing folders; writes the copy of the
+// slots that is lost or older. Returns the protection that is then in force. The caller holds the
+// exclusive lock. May itself be interrupted anywhere.
+//
+// Both sets of a change of the password stay, unless there was no password before: the record
+// "key", which tells them apart, may be an old one, and the other set the only one that opens
+// the records. See dropUndoneSet().
 Protection recover(StoreService& store);
+
+// Drops the set of a change that has not happened, and will not. The caller knows that the records
+// are encrypted with the P of the other one.
+Protection dropUndoneSet(const Protection& undone);
 
 }  // namespace fstore
 

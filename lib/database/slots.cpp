@@ -1,16 +1,13 @@
 #include "lib/database/slots.h"
 
 #include <algorithm>
-#include <memory>
 
 #include <fmt/format.h>
 #include <openssl/evp.h>
-#include <openssl/kdf.h>
-#include <openssl/rand.h>
 
 #include "lib/base/digits.h"
 #include "lib/base/error.h"
-#include "lib/records/record.h"
+#include "lib/database/scrypt.h"
 
 namespace fstore {
 namespace {
@@ -56,23 +53,6 @@ bool takeBytes(std::string_view& text, std::string_view head, std::array<unsigne
     std::copy(read->begin(), read->end(), bytes.begin());
     text.remove_prefix(2 * N);
     return true;
-}
-
-struct Free {
-    void operator()(EVP_KDF* kdf) const { EVP_KDF_free(kdf); }
-    void operator()(EVP_KDF_CTX* context) const { EVP_KDF_CTX_free(context); }
-};
-
-const Address& kdfAddress() {
-    static const Address address{"", layout::kKdfRecord};
-    return address;
-}
-
-[[noreturn]] void failOnKdf(const std::string& why) {
-    throw Failure(
-        kMalformed,
-        fmt::format("the record ./kdf is damaged: {}; restore the database from a backup", why),
-        kdfAddress().print());
 }
 
 }  // namespace
@@ -135,34 +115,9 @@ SecretText deriveP(const Slot& slot, const SecretText& password) {
     if (slot.form != Slot::Form::kScrypt) {
         return slot.form == Slot::Form::kRaw ? password : SecretText();
     }
-    const std::unique_ptr<EVP_KDF, Free> kdf(EVP_KDF_fetch(nullptr, "SCRYPT", nullptr));
-    const std::unique_ptr<EVP_KDF_CTX, Free> context(kdf != nullptr ? EVP_KDF_CTX_new(kdf.get())
-                                                                    : nullptr);
-    std::uint64_t n = std::uint64_t{1} << slot.ln;
-    std::uint32_t r = slot.r, p = slot.p;
-    // The library's own limit is 32 MiB; ours are the bounds of what is read.
-    std::uint64_t memory = slot.memory() + 128ull * r * p + (1u << 20);
-    std::array<unsigned char, 32> salt = slot.salt;
-    // The library takes a plain pointer and does not write through it.
-    void* const secret = const_cast<char*>(password.c_str());
-    const OSSL_PARAM parameters[] = {
-        OSSL_PARAM_construct_octet_string("pass", secret, password.size()),
-        OSSL_PARAM_construct_octet_string("salt", salt.data(), salt.size()),
-        OSSL_PARAM_construct_uint64("n", &n),
-        OSSL_PARAM_construct_uint32("r", &r),
-        OSSL_PARAM_construct_uint32("p", &p),
-        OSSL_PARAM_construct_uint64("maxmem_bytes", &memory),
-        OSSL_PARAM_construct_end()};
-    SecretBytes key(32);
-    if (context == nullptr ||
-        EVP_KDF_derive(context.get(), key.data(), key.size(), parameters) != 1) {
-        failWithStatus(kNoMemory,
-                       fmt::format("cannot derive the key from the password: it takes {} MiB of "
-                                   "memory, and OpenSSL's scrypt",
-                                   memory >> 20));
-    }
+    const SecretKey key = scrypt(password, slot.salt, {.ln = slot.ln, .r = slot.r, .p = slot.p});
     constexpr char kDigits[] = "0123456789abcdef";
-    SecretBytes digits(2 * key.size());
+    SecretKey digits(2 * key.size());
     for (std::size_t i = 0; i < key.size(); ++i) {
         digits[2 * i] = static_cast<unsigned char>(kDigits[key[i] >> 4]);
         digits[2 * i + 1] = static_cast<unsigned char>(kDigits[key[i] & 15]);
@@ -176,58 +131,6 @@ Digest digestOf(const SecretText& p) {
         throw Failure(kIo, "cannot compute the digest of the password: OpenSSL does not offer MD5");
     }
     return digest;
-}
-
-NewSlot makeSlot(const SecretText& password, unsigned int ln) {
-    Slot slot;
-    slot.ln = ln;
-    if (RAND_bytes(slot.salt.data(), static_cast<int>(slot.salt.size())) != 1) {
-        throw Failure(kIo, "cannot create a salt: OpenSSL has no random numbers");
-    }
-    SecretText p = deriveP(slot, password);
-    slot.digest = digestOf(p);
-    return {slot, std::move(p)};
-}
-
-KdfRecord readKdf() {
-    if (!Record::isThere(kdfAddress())) {
-        return {};
-    }
-    const Record record = Record::read(kdfAddress());
-    KdfRecord kdf;
-    for (const std::string& text : record.texts(layout::kSlotId)) {
-        const auto slot = parseSlot(text);
-        if (!slot) {
-            failOnKdf("a slot cannot be read, or its ln, r or p is out of bounds");
-        }
-        if (const auto excess = excessOf(*slot)) {
-            failOnKdf(*excess);
-        }
-        kdf.slots.push_back(*slot);
-    }
-    if (kdf.slots.empty() || kdf.slots.size() > 2) {
-        failOnKdf("it has neither one nor two slots");
-    }
-    kdf.keepOld = record.number(layout::kKeepOldId).value_or(0) != 0;
-    return kdf;
-}
-
-void writeKdf(const KdfRecord& kdf) {
-    Record record(kdfAddress());
-    BodyOwners owners;  // a hostile one may name another record's body
-    if (kdf.slots.empty()) {
-        if (Record::isThere(kdfAddress())) {
-            (void)record.remove(owners);
-        }
-        return;
-    }
-    for (const Slot& slot : kdf.slots) {
-        record.addText(layout::kSlotId, printSlot(slot));
-    }
-    if (kdf.keepOld) {
-        record.setNumber(layout::kKeepOldId, 1);
-    }
-    record.write(owners);
 }
 
 }  // namespace fstore

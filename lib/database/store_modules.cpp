@@ -1,16 +1,39 @@
 #include "lib/database/store_modules.h"
 
-#include <mutex>
+#include <cstddef>
 
 #include <fmt/format.h>
 
 #include "client/s_filestoreC.h"
+#include "cmn/cmn_rmutex.h"
 #include "lib/base/error.h"
 
 namespace fstore {
 namespace {
 
 constexpr unsigned int kStore = 107;
+
+// Held while modules are loaded and unloaded: the next ones come only when the last are gone.
+constinit CMN_Mutex loading;
+StoreModules* loaded CMN_GUARDED_BY(loading) = nullptr;
+std::size_t users CMN_GUARDED_BY(loading) = 0;  // pointers that get() has handed out, and keepOwn()
+
+StoreModules* use(bool own, const std::string& folder) {
+    const CMN_Locked locked(loading);
+    if (loaded == nullptr) {
+        loaded = new StoreModules(own, folder);
+    }
+    ++users;
+    return loaded;
+}
+
+void letGo() noexcept {
+    const CMN_Locked locked(loading);
+    if (--users == 0) {
+        delete loaded;
+        loaded = nullptr;
+    }
+}
 
 template <class Function>
 void find(ModuleManager& manager, const char* name, Function& function) {
@@ -23,19 +46,19 @@ void find(ModuleManager& manager, const char* name, Function& function) {
 }  // namespace
 
 std::shared_ptr<StoreModules> StoreModules::get() {
-    static std::mutex lock;
-    static std::weak_ptr<StoreModules> loaded;
-    const std::lock_guard<std::mutex> locked(lock);
-    std::shared_ptr<StoreModules> modules = loaded.lock();
-    if (!modules) {
-        modules = std::make_shared<StoreModules>();
-        loaded = modules;
-    }
-    return modules;
+    // When there is no memory for the pointer, it counts down again.
+    return {use(/*own=*/false, {}), [](StoreModules*) noexcept { letGo(); }};
 }
 
-StoreModules::StoreModules() {
-    if (const Result started = host_.start(); !started.ok()) {
+void StoreModules::keepOwn(const std::string& folder) {
+    (void)use(/*own=*/true, folder);  // and nobody lets go
+}
+
+StoreModules::StoreModules(bool own, const std::string& folder) {
+    StoreHost::Setup setup;
+    setup.folder = folder;
+    setup.own = own;
+    if (const Result started = host_.start(setup); !started.ok()) {
         failWithStatus(started.status == kNoMemory ? kNoMemory : kNoObject,
                        fmt::format("the store's modules cannot be loaded: {}", started.message));
     }

@@ -3,6 +3,7 @@
 #define LIB_DATABASE_STORE_MODULES_H
 
 #include <memory>
+#include <string>
 
 #include "api/filestore_context.h"
 #include "cmn/cmn_gref.h"
@@ -16,7 +17,13 @@ public:
     // Those that are loaded, or else loads them. Throws kNoObject. Any thread may call it.
     static std::shared_ptr<StoreModules> get();
 
-    StoreModules();  // for get()
+    // Loads them until the process ends, for a library whose program may host the store itself:
+    // they are not the program's (StoreHost::Setup::own). `folder` is as StoreHost::Setup has it.
+    // Statuses and threads as get().
+    static void keepOwn(const std::string& folder);
+
+    // Loads them; for get().
+    StoreModules(bool own, const std::string& folder);
     StoreModules(const StoreModules&) = delete;
     StoreModules& operator=(const StoreModules&) = delete;
     ~StoreModules();

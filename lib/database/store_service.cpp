@@ -1,6 +1,5 @@
 #include "lib/database/store_service.h"
 
-#include <cerrno>
 #include <utility>
 
 #include <fmt/format.h>
@@ -17,16 +16,13 @@ namespace {
 
 // The store reports only that it could not make a folder.
 void requireFolderOrNone(const char* path) {
-    const os::EntryType type = os::entryTypeOf(path);
+    const os::EntryType type = typeOf(path);
     if (type == os::EntryType::kFile || type == os::EntryType::kOther) {
         throw Failure(kInvalid,
                       fmt::format("{} is a file, and the database needs a folder of this name; "
                                   "move the file elsewhere",
                                   path),
                       path);
-    }
-    if (type == os::EntryType::kUnknown && errno != ENOENT && errno != ENOTDIR) {
-        failWithErrno("examine", path);
     }
 }
 
@@ -55,6 +51,13 @@ void StoreService::open(SecretText p) {
 void StoreService::close() {
     (void)service_.close();  // it may be closed
     p_ = SecretText();
+}
+
+bool StoreService::decrypts(const SecretText& p, std::span<const unsigned char> bytes) {
+    aBuf decrypted;
+    return service_.decode(aBuf(p.c_str()),
+                           aBuf(bytes.data(), static_cast<unsigned int>(bytes.size())),
+                           decrypted) == kOk;
 }
 
 void StoreService::makeFolders() {

@@ -5,6 +5,7 @@
 #define LIB_DATABASE_STORE_SERVICE_H
 
 #include <memory>
+#include <span>
 
 #include "client/s_filestoreC.h"
 #include "lib/base/observer.h"
@@ -36,6 +37,10 @@ public:
     // The P that it was opened with.
     const SecretText& p() const noexcept { return p_; }
     void close();
+
+    // Whether the key that follows from P decrypts these bytes. For open and closed databases; asks
+    // nothing of the record "key".
+    bool decrypts(const SecretText& p, std::span<const unsigned char> bytes);
 
     // Creates the database's missing folders; first puts "./old_db" back if there is no
     // "./db".

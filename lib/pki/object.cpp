@@ -24,29 +24,36 @@ Bytes sha256Of(std::span<const unsigned char> bytes) {
     return {digest.begin(), digest.end()};
 }
 
-// Collects attributes in the order of their ids, and leaves out what is empty.
+// Collects attributes in the order of their ids, and leaves out what is empty, but for its id.
 class Description {
 public:
     explicit Description(PkiObject& object) : object_(object) {}
 
-    void number(unsigned int id, std::uint32_t value) { add(id, value); }
+    void number(unsigned int id, std::uint32_t value) {
+        object_.described.insert(id);
+        add(id, value);
+    }
     void text(unsigned int id, std::string value) {
+        object_.described.insert(id);
         if (!value.empty()) {
             add(id, std::move(value));
         }
     }
     void bytes(unsigned int id, Bytes value) {
+        object_.described.insert(id);
         if (!value.empty()) {
             add(id, std::move(value));
         }
     }
     void string(unsigned int id, const ASN1_STRING* value) {
+        object_.described.insert(id);
         if (value != nullptr) {
             const unsigned char* const data = ASN1_STRING_get0_data(value);
             bytes(id, Bytes(data, data + ASN1_STRING_length(value)));
         }
     }
     void names(const GENERAL_NAMES* names) {
+        object_.described.insert(attr::kAltName);
         if (names != nullptr) {
             for (std::string& name : altNameTexts(names)) {
                 text(attr::kAltName, std::move(name));
@@ -58,6 +65,10 @@ public:
         bytes(attr::kSha256, object_.sha256);
     }
     void digestOfKey() { bytes(attr::kKeySha256, object_.keySha256); }
+    void algorithmOf(X509_PUBKEY* key) {
+        text(attr::kKeyAlgorithm, keyAlgorithmText(key));
+        object_.keyAlgorithmId = keyAlgorithmIdentifier(key);
+    }
 
 private:
     template <class Value>
@@ -102,7 +113,7 @@ void describeCertificate(X509& certificate, PkiObject& object, Description& to) 
     to.text(attr::kNotAfter, timeText(X509_get0_notAfter(&certificate)));
     to.bytes(attr::kSubjectSha256, digestOf<i2d_X509_NAME>(X509_get_subject_name(&certificate)));
     to.digestOfBody();
-    to.text(attr::kKeyAlgorithm, keyAlgorithmText(key));
+    to.algorithmOf(key);
     to.digestOfKey();
     to.string(attr::kSubjectKeyId, X509_get0_subject_key_id(&certificate));
     to.string(attr::kAuthorityKeyId, X509_get0_authority_key_id(&certificate));
@@ -146,7 +157,7 @@ void describeRequest(X509_REQ& request, PkiObject& object, Description& to) {
     to.text(attr::kSubject, nameText(subject));
     to.bytes(attr::kSubjectSha256, digestOf<i2d_X509_NAME>(subject));
     to.digestOfBody();
-    to.text(attr::kKeyAlgorithm, keyAlgorithmText(key));
+    to.algorithmOf(key);
     to.digestOfKey();
     to.string(attr::kSubjectKeyId, keyId.get());
     to.names(names.get());
@@ -234,6 +245,19 @@ std::string reduced(std::string_view text) {
 }
 
 }  // namespace
+
+bool isKeyOfUnknownAlgorithm(std::span<const unsigned char> der) {
+    const ossl::QuietErrors quiet;
+    const auto info = ossl::decodeWhole<ossl::KeyInfo, d2i_PKCS8_PRIV_KEY_INFO>(der);
+    const ASN1_OBJECT* algorithm = nullptr;
+    if (info == nullptr ||
+        PKCS8_pkey_get0(&algorithm, nullptr, nullptr, nullptr, info.get()) != 1) {
+        return false;
+    }
+    const ossl::KeyManagement known(
+        EVP_KEYMGMT_fetch(nullptr, identifierText(algorithm).c_str(), nullptr));
+    return known == nullptr;
+}
 
 std::optional<PkiObject> findPkiObject(Kind kind, SecretBytes& der) {
     const ossl::QuietErrors quiet;

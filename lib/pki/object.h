@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -37,6 +38,13 @@ struct PkiObject {
     // In the order of their ids; empty texts are left out. The importer adds the time of
     // import and a label.
     std::vector<PkiAttribute> attributes;
+
+    // The ids of all attributes that such an object could have: those that are not among
+    // `attributes` it lacks.
+    std::set<unsigned int> described;
+    // The identifier of the key's algorithm, "1.2.840.10045.2.1": stands for its name where OpenSSL
+    // does not know that yet. Empty for a CRL and a private key.
+    std::string keyAlgorithmId;
 };
 
 // No object but a CRL may be larger: a certificate with a thousand names has some 30 KiB, and
@@ -52,6 +60,10 @@ PkiObject readPkiObject(Kind kind, SecretBytes der);
 
 // The same, but none when it is not an object of this kind; `der` then stays as it is.
 std::optional<PkiObject> findPkiObject(Kind kind, SecretBytes& der);
+
+// Whether the DER has the frame of a private key whose algorithm this OpenSSL does not know:
+// whether it is a key, another one has to say.
+bool isKeyOfUnknownAlgorithm(std::span<const unsigned char> der);
 
 // The object's record name if the user gives none: `label`, or else its title, reduced to
 // [A-Za-z0-9._-] and 64 characters, "-", and 8 digits of the object's SHA-256.

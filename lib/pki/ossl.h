@@ -46,6 +46,7 @@ using Extensions = Owner<STACK_OF(X509_EXTENSION), freeExtensions>;
 using GeneralNames = Owner<GENERAL_NAMES, GENERAL_NAMES_free>;
 using Integer = Owner<ASN1_INTEGER, ASN1_INTEGER_free>;
 using KeyInfo = Owner<PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free>;
+using KeyManagement = Owner<EVP_KEYMGMT, EVP_KEYMGMT_free>;
 using OctetString = Owner<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>;
 using Pbes1 = Owner<PBEPARAM, PBEPARAM_free>;
 using Pbes2 = Owner<PBE2PARAM, PBE2PARAM_free>;

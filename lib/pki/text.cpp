@@ -21,12 +21,6 @@ std::string_view asText(std::span<const unsigned char> bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-std::string identifierText(const ASN1_OBJECT* identifier) {
-    std::array<char, 128> text{};
-    const int length = OBJ_obj2txt(text.data(), static_cast<int>(text.size()), identifier, 1);
-    return length > 0 ? std::string(text.data()) : std::string();
-}
-
 // Empty when the string does not hold what its type promises.
 std::string utf8Of(const ASN1_STRING* string) {
     unsigned char* converted = nullptr;
@@ -103,6 +97,12 @@ std::string curveText(const EVP_PKEY* key) {
 
 }  // namespace
 
+std::string identifierText(const ASN1_OBJECT* identifier) {
+    std::array<char, 128> text{};
+    const int length = OBJ_obj2txt(text.data(), static_cast<int>(text.size()), identifier, 1);
+    return length > 0 ? std::string(text.data()) : std::string();
+}
+
 std::string attributeText(std::string_view text) {
     const bool utf8 = isUtf8(text);
     std::string kept;
@@ -173,6 +173,10 @@ std::string keyAlgorithmText(X509_PUBKEY* key) {
     if (const EVP_PKEY* const known = X509_PUBKEY_get0(key)) {
         return keyAlgorithmText(known);
     }
+    return keyAlgorithmIdentifier(key);
+}
+
+std::string keyAlgorithmIdentifier(X509_PUBKEY* key) {
     ASN1_OBJECT* identifier = nullptr;
     const bool told = X509_PUBKEY_get0_param(&identifier, nullptr, nullptr, nullptr, key) == 1;
     return told ? identifierText(identifier) : std::string();

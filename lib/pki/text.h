@@ -31,10 +31,14 @@ std::string titleOf(const X509_NAME* name);
 // "2030-01-31T23:59:59Z"; empty for what is not a time.
 std::string timeText(const ASN1_TIME* time);
 
+// An identifier as numbers: "1.2.840.10045.2.1".
+std::string identifierText(const ASN1_OBJECT* identifier);
+
 // "RSA-2048", "EC-P-256", "Ed25519"; the dotted identifier of an algorithm that
 // OpenSSL does not know.
 std::string keyAlgorithmText(const EVP_PKEY* key);
 std::string keyAlgorithmText(X509_PUBKEY* key);
+std::string keyAlgorithmIdentifier(X509_PUBKEY* key);
 
 // "DNS:example.com", "IP:192.0.2.1", "email:...", "URI:...", and the rarer kinds.
 std::vector<std::string> altNameTexts(const GENERAL_NAMES* names);

@@ -22,7 +22,8 @@ struct Address {
 
     // The records that the tool and the store keep for themselves.
     bool isInternal() const {
-        return folder.empty() && (name == layout::kKeyRecord || name == layout::kKdfRecord);
+        return folder.empty() && (name == layout::kKeyRecord || name == layout::kKdfRecord ||
+                                  name == layout::kKdfCopyRecord);
     }
 
     // "certificates/local/server"; "./key" for a record of "db" itself.

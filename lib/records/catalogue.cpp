@@ -21,7 +21,7 @@ bool isFolder(const std::string& folder) {
     std::size_t end = 0;
     while (end != std::string::npos) {
         end = folder.find('/', end + 1);
-        if (os::entryTypeOf(folderPath(folder.substr(0, end)).c_str()) != os::EntryType::kFolder) {
+        if (!isA(os::EntryType::kFolder, folderPath(folder.substr(0, end)))) {
             return false;
         }
     }
@@ -131,9 +131,17 @@ std::vector<Address> allRecords(Unread* unread) {
 }
 
 Address resolve(std::string_view text) {
+    Address address = resolveToRead(text);
+    if (!Record::isThere(address)) {
+        throw noRecord(address.print());
+    }
+    return address;
+}
+
+Address resolveToRead(std::string_view text) {
     const AddressText wanted = parseAddress(text);
     if (wanted.form == AddressText::Form::kPlace) {
-        if (!isFolder(wanted.place.folder) || !Record::isThere(wanted.place)) {
+        if (!isFolder(wanted.place.folder)) {
             throw noRecord(wanted.place.print());
         }
         return wanted.place;

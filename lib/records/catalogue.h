@@ -41,6 +41,10 @@ std::vector<Address> allRecords(Unread* unread = nullptr);
 // when there are several.
 Address resolve(std::string_view text);
 
+// The same for who reads the record next, by Record::read() or RecordHead::read(): when they name
+// its place, whether it is there is left to that.
+Address resolveToRead(std::string_view text);
+
 }  // namespace fstore
 
 #endif  // LIB_RECORDS_CATALOGUE_H

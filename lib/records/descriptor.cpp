@@ -56,6 +56,16 @@ std::vector<DescriptorLine> parseInPlace(SecretBytes bytes) {
     return lines;
 }
 
+SecretBytes readBytes(const RegularFile& opened, const std::string& path, std::size_t size) {
+    SecretBytes bytes;
+    bytes.reserve(size + 1);  // for the byte that the line reader wants
+    bytes.resize(size);
+    if (!os::readAll(opened.file.get(), bytes.data(), bytes.size())) {
+        failWithErrno("read", path);
+    }
+    return bytes;
+}
+
 }  // namespace
 
 std::string_view markerOf(std::string_view file) {
@@ -83,17 +93,17 @@ SecretBytes readDescriptorBytes(const std::string& path) {
     if (opened.size > kMostDescriptor) {
         throw tooLarge(path, opened.size);
     }
-    SecretBytes bytes;
-    bytes.reserve(opened.size + 1);  // for the byte that the line reader wants
-    bytes.resize(opened.size);
-    if (!os::readAll(opened.file.get(), bytes.data(), bytes.size())) {
-        failWithErrno("read", path);
-    }
-    return bytes;
+    return readBytes(opened, path, static_cast<std::size_t>(opened.size));
 }
 
 std::vector<DescriptorLine> readDescriptor(const std::string& path) {
     return parseInPlace(readDescriptorBytes(path));
+}
+
+std::vector<DescriptorLine> readFirstLines(const std::string& path, std::size_t bytes) {
+    const RegularFile opened = openRegular(path);
+    const auto size = std::min<std::uint64_t>(bytes, opened.size);
+    return parseInPlace(readBytes(opened, path, static_cast<std::size_t>(size)));
 }
 
 std::optional<std::string> bodyNameOf(const std::vector<DescriptorLine>& lines) {

@@ -4,6 +4,7 @@
 #ifndef LIB_RECORDS_DESCRIPTOR_H
 #define LIB_RECORDS_DESCRIPTOR_H
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -61,6 +62,9 @@ SecretBytes readDescriptorBytes(const std::string& path);
 
 // Its lines.
 std::vector<DescriptorLine> readDescriptor(const std::string& path);
+
+// Those of its first bytes, of a descriptor of any size; the last line may be cut.
+std::vector<DescriptorLine> readFirstLines(const std::string& path, std::size_t bytes);
 
 // The name of the body file, as written. isBodyName() may be false for it. None also when
 // its line is damaged.

@@ -12,8 +12,8 @@
 namespace fstore {
 namespace {
 
-[[noreturn]] void failOption(const char* option, const std::string& value, const char* expected) {
-    throw Failure(kUsage, fmt::format("{} {}: {}", option, value, expected));
+[[noreturn]] void refuse(const std::string& value, const char* what, const char* expected) {
+    throw Failure(kUsage, fmt::format("\"{}\" is not {}: {}", value, what, expected));
 }
 
 // Digits without colons and without zeros in front, which number and text may differ in.
@@ -58,12 +58,16 @@ bool lacksExpiry(const AnyRecord& record, bool isUnread, const RecordInfo& info)
 
 }  // namespace
 
+bool isAlgorithm(const std::string& pattern, std::string_view algorithm) {
+    return matchesGlob(pattern, algorithm) || matchesGlob(pattern + "-*", algorithm);
+}
+
 Filter::Filter(const Filters& filters, std::int64_t now) : filters_(filters), now_(now) {
     if (filters.expiresWithin) {
         const auto period = parsePeriod(*filters.expiresWithin);
         if (!period) {
-            failOption("--expires-within", *filters.expiresWithin,
-                       "a period is a number with s, m, h, d, w or y, as in 30d");
+            refuse(*filters.expiresWithin, "a period",
+                   "that is a number with s, m, h, d, w or y, as in 30d");
         }
         expiresBefore_ = now + *period;
     }
@@ -71,15 +75,14 @@ Filter::Filter(const Filters& filters, std::int64_t now) : filters_(filters), no
         std::string digits = *filters.serial;
         std::erase(digits, ':');
         if (digits.empty() || !hexDigits(digits)) {
-            failOption("--serial", *filters.serial,
-                       "a serial number consists of hexadecimal digits");
+            refuse(*filters.serial, "a serial number", "that consists of hexadecimal digits");
         }
         serial_ = digitsOfNumber(digits);
     }
     if (filters.sha256) {
         const auto digits = hexDigits(*filters.sha256);
         if (!digits || digits->empty()) {
-            failOption("--sha256", *filters.sha256, "a digest consists of hexadecimal digits");
+            refuse(*filters.sha256, "a digest", "that consists of hexadecimal digits");
         }
         sha256_ = *digits;
     }
@@ -87,7 +90,7 @@ Filter::Filter(const Filters& filters, std::int64_t now) : filters_(filters), no
         const std::size_t equals = text.find('=');
         const auto id = parseAttributeId(std::string_view(text).substr(0, equals));
         if (!id) {
-            failOption("--attr", text, "an attribute is a number or a name, as in 0x8001=red");
+            refuse(text, "an attribute", "that is a number or a name, as in 0x8001=red");
         }
         attributes_.push_back({*id, equals == std::string::npos
                                         ? std::nullopt
@@ -192,9 +195,7 @@ bool Filter::matchesNames(const RecordInfo& info) const {
         })) {
         return false;
     }
-    // "RSA" finds "RSA-2048".
-    return !filters_.algorithm || matchesGlob(*filters_.algorithm, info.keyAlgorithm) ||
-           matchesGlob(*filters_.algorithm + "-*", info.keyAlgorithm);
+    return !filters_.algorithm || isAlgorithm(*filters_.algorithm, info.keyAlgorithm);
 }
 
 bool Filter::matchesDigits(const RecordInfo& info) const {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "lib/records/record.h"
@@ -25,6 +26,9 @@ struct Filters {
     bool noKey = false;
     std::vector<std::string> attributes;  // "ID" or "ID=VALUE"
 };
+
+// Whether a key's algorithm is one of the pattern's: "RSA" means "RSA-2048" as well.
+bool isAlgorithm(const std::string& pattern, std::string_view algorithm);
 
 class Filter {
 public:

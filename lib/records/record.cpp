@@ -57,35 +57,65 @@ bool sameContents(const Record& a, const Record& b) {
     return true;
 }
 
-// The store would take memory for as large a one as there is.
+// That there is one; and not so large that the store, which takes memory for all of it, must not
+// see it.
 void requireModest(const Address& address) {
     const std::string path = descriptorPath(address);
     struct stat status {};
-    if (os::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
-        static_cast<std::uint64_t>(status.st_size) > kMostDescriptor) {
-        throw tooLarge(path, static_cast<std::uint64_t>(status.st_size));
+    if (os::lstat(path.c_str(), &status) != 0 && errno != ENOENT && errno != ENOTDIR) {
+        failWithErrno("examine", path);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        throw noRecord(address.print());
+    }
+    if (const auto size = static_cast<std::uint64_t>(status.st_size); size > kMostDescriptor) {
+        throw tooLarge(path, size);
     }
 }
 
-// Whether it can be opened. Throws when the user may not: the store has one status for that and
-// for a file that is missing.
-bool requireAccess(const std::string& path) {
+const char* shapeOf(mode_t mode) {
+    if (S_ISDIR(mode)) {
+        return "is a folder";
+    }
+    if (S_ISLNK(mode)) {
+        return "is a link";
+    }
+    return S_ISFIFO(mode) ? "is a FIFO" : "is a special file";
+}
+
+// Why it is no file to read; null if it is one. Throws when it cannot be opened now: the store has
+// one status for that and for a file that is missing.
+const char* obstacleAt(const std::string& path) {
+    struct stat status {};
+    if (os::lstat(path.c_str(), &status) != 0 && errno == ENOENT) {
+        return "is missing";
+    }
+    if (status.st_mode != 0 && !S_ISREG(status.st_mode)) {
+        return shapeOf(status.st_mode);
+    }
     os::File file;
     off_t size = 0;
     const os::Opened opened = os::openRegular(path.c_str(), file, size, os::Links::kRefuse);
-    if (opened == os::Opened::kFailed && (errno == EACCES || errno == EPERM)) {
+    if (opened == os::Opened::kFailed) {
         failWithErrno("open", path);
     }
-    return opened == os::Opened::kRegular;
+    return nullptr;
 }
 
-void requireAccessTo(const Address& address) {
+// Says which of the record's files is none, if one is.
+void requireFilesOf(const Address& address, Status status) {
+    const auto require = [&](const char* what, const std::string& path) {
+        if (const char* const obstacle = obstacleAt(path)) {
+            throw Failure(status,
+                          fmt::format("cannot read {}: its {} {} {}; run `fstore check`",
+                                      address.print(), what, path, obstacle),
+                          address.print());
+        }
+    };
     const std::string path = descriptorPath(address);
-    if (!requireAccess(path)) {
-        return;
-    }
+    require("descriptor", path);
     if (const auto body = bodyNameOf(readDescriptor(path)); body && isBodyName(*body)) {
-        (void)requireAccess(joined(folderPath(address.folder), *body));
+        require("body file", joined(folderPath(address.folder), *body));
     }
 }
 
@@ -100,14 +130,14 @@ Record::Record(Address address) : address_(std::move(address)) {
             check(status, fmt::format("cannot create {}", address_.print()), address_.print());
         }
     };
-    accept(store_.setFolderName(folderPath(address_.folder).c_str()));
-    accept(store_.setName(address_.name.c_str()));
+    accept(changing().setFolderName(folderPath(address_.folder).c_str()));
+    accept(changing().setName(address_.name.c_str()));
 }
 
 Record Record::read(const Address& address) {
     requireModest(address);
     Record record(address);
-    checkRead(record.store_.read(), address);
+    checkRead(record.changing().read(), address);
     record.readable_ = !record.hasSecrets();
     return record;
 }
@@ -116,37 +146,53 @@ bool Record::isThere(const Address& address) {
     return isA(os::EntryType::kFile, descriptorPath(address));
 }
 
-bool Record::hasSecrets() const {
-    if (isBodyEncrypted()) {
-        return true;
-    }
-    const unsigned int all = count();
-    for (unsigned int i = 0; i < all; ++i) {
-        if (isEncrypted(i)) {
-            return true;
+Record::Contents Record::Proxy::contents() const {
+    return call(Contents(), [](TFileStore& store) {
+        Contents seen;
+        const unsigned int count = store.getAttrCount();
+        seen.attributes.reserve(count);
+        for (unsigned int i = 0; i < count; ++i) {
+            seen.attributes.push_back({store.getAttrType(i),
+                                       store.getAttrID(i),
+                                       store.getAttrFlag(i) != 0,
+                                       {store.getAttr(i), store.getAttrSize(i)}});
         }
+        seen.hasBody = store.hasBody() != 0;
+        seen.bodyEncrypted = store.getBodyFlag() != 0;
+        if (seen.hasBody) {
+            seen.body = {store.getBody(), store.getBodySize()};
+        }
+        return seen;
+    });
+}
+
+const Record::Contents& Record::contents() const {
+    if (!seen_) {
+        seen_ = store_.contents();
     }
-    return false;
+    return *seen_;
+}
+
+bool Record::hasSecrets() const {
+    return isBodyEncrypted() ||
+           std::ranges::any_of(contents().attributes, &Contents::Attribute::encrypted);
 }
 
 void Record::decrypt() {
     if (readable_) {
         return;
     }
-    const Status status = store_.decrypt();
-    if (status == kIo) {
-        throw Failure(
-            kIo,
-            fmt::format("cannot decrypt {}: it is damaged, or was encrypted with another password",
-                        address_.print()),
-            address_.print());
+    const Status status = changing().decrypt();
+    if (status == kOk) {
+        readable_ = true;
+        return;
     }
-    check(status, fmt::format("cannot decrypt {}", address_.print()), address_.print());
-    readable_ = true;
-}
-
-std::span<const unsigned char> Record::bytes(unsigned int index) const {
-    return {store_.getAttr(index), store_.getAttrSize(index)};
+    const std::string what = fmt::format("cannot decrypt {}", address_.print());
+    if (status == kIo) {
+        throw Failure(kIo, what + ": it is damaged, or was encrypted with another password",
+                      address_.print());
+    }
+    check(status, what, address_.print());
 }
 
 std::optional<unsigned int> Record::find(unsigned int type, unsigned int id) const {
@@ -191,7 +237,7 @@ std::optional<std::vector<unsigned char>> Record::binary(unsigned int id) const 
 }
 
 void Record::set(unsigned int type, unsigned int id, std::span<const unsigned char> bytes) {
-    check(store_.setAttr(type, id, dataOf(bytes), sizeOf(bytes)),
+    check(changing().setAttr(type, id, dataOf(bytes), sizeOf(bytes)),
           fmt::format("cannot set attribute 0x{:x} of {}", id, address_.print()), address_.print());
 }
 
@@ -213,7 +259,7 @@ void Record::setOrRemove(unsigned int type, unsigned int id, std::string_view te
     checkText(id, text);
     if (text.empty()) {
         if (const unsigned int index = store_.findAttr(type, id, nullptr, 0); index != kNone) {
-            check(store_.removeAttr(index), "cannot remove an attribute", address_.print());
+            check(changing().removeAttr(index), "cannot remove an attribute", address_.print());
         }
         return;
     }
@@ -225,7 +271,7 @@ void Record::setOrRemove(unsigned int type, unsigned int id, std::string_view te
 void Record::setBinary(unsigned int id, std::span<const unsigned char> bytes, bool encrypted) {
     set(kTypeBinary, id, bytes);
     const unsigned int index = store_.findAttr(kTypeBinary, id, nullptr, 0);
-    check(store_.setAttrFlag(index, encrypted ? 1 : 0), "cannot set an attribute",
+    check(changing().setAttrFlag(index, encrypted ? 1 : 0), "cannot set an attribute",
           address_.print());
 }
 
@@ -238,12 +284,12 @@ void Record::addText(unsigned int id, std::string_view text) {
 
 void Record::addBinary(unsigned int id, std::span<const unsigned char> bytes, bool encrypted) {
     add(kTypeBinary, id, bytes);
-    check(store_.setAttrFlag(count() - 1, encrypted ? 1 : 0), "cannot add an attribute",
+    check(changing().setAttrFlag(count() - 1, encrypted ? 1 : 0), "cannot add an attribute",
           address_.print());
 }
 
 void Record::add(unsigned int type, unsigned int id, std::span<const unsigned char> bytes) {
-    check(store_.addAttr(type, id, dataOf(bytes), sizeOf(bytes)),
+    check(changing().addAttr(type, id, dataOf(bytes), sizeOf(bytes)),
           fmt::format("cannot add attribute 0x{:x} to {}", id, address_.print()), address_.print());
 }
 
@@ -251,7 +297,7 @@ Record Record::copyTo(Address address) const {
     Record copy(std::move(address));
     for (unsigned int i = 0; i < count(); ++i) {
         copy.add(type(i), id(i), bytes(i));
-        check(copy.store_.setAttrFlag(i, isEncrypted(i) ? 1 : 0), "cannot copy an attribute",
+        check(copy.changing().setAttrFlag(i, isEncrypted(i) ? 1 : 0), "cannot copy an attribute",
               copy.address_.print());
     }
     if (hasBody()) {
@@ -264,16 +310,11 @@ unsigned int Record::removeAll(unsigned int id) {
     unsigned int removed = 0;
     for (unsigned int i = count(); i-- > 0;) {
         if (this->id(i) == id) {
-            check(store_.removeAttr(i), "cannot remove an attribute", address_.print());
+            check(changing().removeAttr(i), "cannot remove an attribute", address_.print());
             ++removed;
         }
     }
     return removed;
-}
-
-std::span<const unsigned char> Record::body() const {
-    return hasBody() ? std::span(store_.getBody(), store_.getBodySize())
-                     : std::span<const unsigned char>();
 }
 
 void Record::setBody(std::span<const unsigned char> bytes, bool encrypted) {
@@ -281,12 +322,38 @@ void Record::setBody(std::span<const unsigned char> bytes, bool encrypted) {
     if (bytes.size() > kMostBody) {
         throw Failure(kInvalid, what + ": it is larger than a record can hold", address_.print());
     }
-    check(store_.setBody(bytes.data(), sizeOf(bytes)), what, address_.print());
-    check(store_.setBodyFlag(encrypted ? 1 : 0), what, address_.print());
+    check(changing().setBody(bytes.data(), sizeOf(bytes)), what, address_.print());
+    check(changing().setBodyFlag(encrypted ? 1 : 0), what, address_.print());
+}
+
+// What the descriptor takes at most: each line has two numbers, the data and three more bytes.
+std::uint64_t Record::descriptorSize() const {
+    constexpr std::uint64_t kNumber = 8;
+    constexpr std::uint64_t kLine = 2 * kNumber + 3;
+    std::uint64_t size = kLine + kNumber;  // the name of the body
+    for (unsigned int i = 0; i < count(); ++i) {
+        const std::uint64_t bytes = this->bytes(i).size() + (isEncrypted(i) ? kMostOverhead : 0);
+        size += kLine + (type(i) == kTypeNumber   ? kNumber
+                         : type(i) == kTypeBinary ? 2 * bytes
+                                                  : bytes);
+    }
+    return size;
+}
+
+// The store writes what nobody here would read.
+void Record::requireReadable() const {
+    if (const std::uint64_t size = descriptorSize(); size > kMostDescriptor) {
+        throw Failure(kInvalid,
+                      fmt::format("cannot write {}: its attributes would take {} bytes, and a "
+                                  "descriptor has at most {}; keep large data in bodies of records",
+                                  address_.print(), size, kMostDescriptor),
+                      address_.print());
+    }
 }
 
 void Record::write() {
-    check(store_.write(), fmt::format("cannot write {}", address_.print()), address_.print());
+    requireReadable();
+    check(changing().write(), fmt::format("cannot write {}", address_.print()), address_.print());
     if (hasSecrets()) {
         verifyWritten();
     }
@@ -314,7 +381,8 @@ std::optional<std::string> Record::remove(BodyOwners& owners) {
     if (doubt) {
         removeDescriptors();
     } else {
-        check(store_.remove(), fmt::format("cannot remove {}", address_.print()), address_.print());
+        check(changing().remove(), fmt::format("cannot remove {}", address_.print()),
+              address_.print());
     }
     return doubt;
 }
@@ -341,7 +409,7 @@ void checkRead(Status status, const Address& address) {
         throw noRecord(address.print());
     }
     if (status == kMissing || status == kIo) {
-        requireAccessTo(address);
+        requireFilesOf(address, status);
     }
     if (status == kMissing) {
         throw Failure(kMissing,

@@ -22,22 +22,34 @@ namespace fstore {
 
 class Record {
 public:
+    // More than encryption adds to a body or an attribute.
+    static constexpr std::uint64_t kMostOverhead = 64;
     // The most bytes that a body can have, encrypted or not.
-    static constexpr std::uint64_t kMostBody = 0xFFFFFFFF - 64;
+    static constexpr std::uint64_t kMostBody = 0xFFFFFFFF - kMostOverhead;
     static constexpr std::uint64_t kMostBodyFile = 0xFFFFFFFF;
 
     // A new record of this address, with nothing in it and not on disk.
     explicit Record(Address address);
+    // There is one handle of the store's record: what is seen through it would not show what
+    // another one changes.
+    Record(Record&&) = default;
+    Record& operator=(Record&&) = default;
+    Record(const Record&) = delete;
+    Record& operator=(const Record&) = delete;
+    ~Record() = default;
 
-    // The record as it is on disk. Throws kMissing when there is none, TooLarge for a descriptor
-    // beyond kMostDescriptor, and what the store says when it cannot be read. For many records
-    // see RecordHead, which takes no memory for bodies.
+    // The record as it is on disk. Throws kMissing when there is none, also when a crash has left
+    // it moved aside, TooLarge for a descriptor beyond kMostDescriptor, and what the store says
+    // when it cannot be read. For many records see RecordHead, which takes no memory for bodies.
     static Record read(const Address& address);
 
     // Whether there is a record of this address.
     static bool isThere(const Address& address);
 
     const Address& address() const noexcept { return address_; }
+
+    // What the store holds of it, to look at.
+    const aFileStore& store() const noexcept { return store_; }
 
     // Whether something of it is kept encrypted, and whether that can be read now.
     bool hasSecrets() const;
@@ -48,12 +60,15 @@ public:
 
     // Attributes by index. While the record is not readable, the bytes of one that is
     // kept encrypted are not those it stands for.
-    unsigned int count() const { return store_.getAttrCount(); }
-    unsigned int type(unsigned int index) const { return store_.getAttrType(index); }
-    unsigned int id(unsigned int index) const { return store_.getAttrID(index); }
-    bool isEncrypted(unsigned int index) const { return store_.getAttrFlag(index) != 0; }
+    unsigned int count() const { return static_cast<unsigned int>(contents().attributes.size()); }
+    unsigned int type(unsigned int index) const { return contents().attributes[index].type; }
+    unsigned int id(unsigned int index) const { return contents().attributes[index].id; }
+    bool isEncrypted(unsigned int index) const { return contents().attributes[index].encrypted; }
     bool isKnown(unsigned int index) const { return readable_ || !isEncrypted(index); }
-    std::span<const unsigned char> bytes(unsigned int index) const;
+    // These live until the record changes, and so does the body.
+    std::span<const unsigned char> bytes(unsigned int index) const {
+        return contents().attributes[index].bytes;
+    }
 
     // The first attribute of this type and id whose contents can be read now.
     std::optional<unsigned int> find(unsigned int type, unsigned int id) const;
@@ -76,9 +91,9 @@ public:
     // Removes every attribute with this id, of whatever type; how many there were.
     unsigned int removeAll(unsigned int id);
 
-    bool hasBody() const { return store_.hasBody() != 0; }
-    bool isBodyEncrypted() const { return store_.getBodyFlag() != 0; }
-    std::span<const unsigned char> body() const;
+    bool hasBody() const { return contents().hasBody; }
+    bool isBodyEncrypted() const { return contents().bodyEncrypted; }
+    std::span<const unsigned char> body() const { return contents().body; }
     void setBody(std::span<const unsigned char> bytes, bool encrypted);
 
     // A new record of another address with the same contents, not on disk yet. This one
@@ -87,6 +102,8 @@ public:
 
     // Stores it. What is encrypted is read back and compared before this returns, so
     // that a secret is never lost to a cipher that cannot undo what it did.
+    //
+    // Throws kInvalid when the descriptor would be larger than kMostDescriptor.
     //
     // `owners` is the command's: throws kMalformed when the store would delete a body file that
     // may be another record's. A record that is not on disk yet asks nothing.
@@ -97,17 +114,42 @@ public:
     // BodyOwners::doubtAbout() does.
     std::optional<std::string> remove(BodyOwners& owners);
 
-    aFileStore& store() noexcept { return store_; }
-
 private:
+    // What the store's record holds. Each call of the store raises a guard, which takes as long as
+    // all else that it does: so the record is looked at once, until it changes.
+    struct Contents {
+        struct Attribute {
+            unsigned int type = 0, id = 0;
+            bool encrypted = false;
+            std::span<const unsigned char> bytes;
+        };
+        std::vector<Attribute> attributes;
+        bool hasBody = false, bodyEncrypted = false;
+        std::span<const unsigned char> body;
+    };
+    // A proxy that makes many calls with the guard raised once.
+    class Proxy : public aFileStore {
+    public:
+        Contents contents() const;
+    };
+
+    const Contents& contents() const;
+    // For whatever changes it.
+    aFileStore& changing() noexcept {
+        seen_.reset();
+        return store_;
+    }
     void set(unsigned int type, unsigned int id, std::span<const unsigned char> bytes);
     void add(unsigned int type, unsigned int id, std::span<const unsigned char> bytes);
     void setOrRemove(unsigned int type, unsigned int id, std::string_view text);
+    std::uint64_t descriptorSize() const;
+    void requireReadable() const;
     void verifyWritten() const;
     void removeDescriptors() const;
 
     Address address_;
-    aFileStore store_;
+    Proxy store_;
+    mutable std::optional<Contents> seen_;
     bool readable_ = true;
 };
 

@@ -3,6 +3,7 @@
 #include "lib/base/digits.h"
 #include "lib/base/time.h"
 #include "lib/records/record.h"
+#include "lib/records/record_copy.h"
 #include "lib/records/record_head.h"
 
 namespace fstore {
@@ -80,7 +81,7 @@ void addTo(RecordInfo& info, unsigned int type, unsigned int id,
     }
 }
 
-// Of a Record or its head.
+// Of a Record, its head or its copy.
 template <class AnyRecord>
 RecordInfo describe(const AnyRecord& record) {
     RecordInfo info;
@@ -107,6 +108,12 @@ RecordInfo infoOf(const Record& record) {
 RecordInfo infoOf(const RecordHead& head) {
     RecordInfo info = describe(head);
     info.bodySize = head.bodySize();
+    return info;
+}
+
+RecordInfo infoOf(const RecordCopy& copy) {
+    RecordInfo info = describe(copy);
+    info.bodySize = copy.bodySize();
     return info;
 }
 

@@ -15,6 +15,7 @@ namespace fstore {
 
 class Record;
 class RecordHead;
+class RecordCopy;
 
 struct RecordInfo {
     Address address;
@@ -31,6 +32,7 @@ struct RecordInfo {
 // What can be read of the record now: if it is not decrypted, what is plain.
 RecordInfo infoOf(const Record& record);
 RecordInfo infoOf(const RecordHead& head);
+RecordInfo infoOf(const RecordCopy& copy);
 
 }  // namespace fstore
 

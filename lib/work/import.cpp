@@ -1,9 +1,12 @@
 #include "lib/work/import.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include <fmt/format.h>
 
+#include "format/layout.h"
+#include "format/record_name.h"
 #include "lib/base/digits.h"
 #include "lib/base/error.h"
 #include "lib/base/time.h"
@@ -12,6 +15,7 @@
 #include "lib/records/record.h"
 #include "lib/records/record_head.h"
 #include "lib/records/record_info.h"
+#include "lib/work/object_record.h"
 
 namespace fstore {
 namespace {
@@ -28,26 +32,38 @@ const PkiObject* onlyKey(const std::vector<const PkiObject*>& objects) {
     return *std::ranges::find_if(objects, isKey);
 }
 
-std::span<const unsigned char> bytesOf(const PkiAttribute& attribute) {
-    if (const auto* const text = std::get_if<std::string>(&attribute.value)) {
-        return {reinterpret_cast<const unsigned char*>(text->data()), text->size()};
-    }
-    return std::get<std::vector<unsigned char>>(attribute.value);
-}
-
-void addAttribute(Record& record, const PkiAttribute& attribute, bool encrypt) {
-    if (const auto* const number = std::get_if<std::uint32_t>(&attribute.value)) {
-        if (!encrypt) {  // a number cannot be kept encrypted, and this one can be derived
-            record.setNumber(attribute.id, *number);
-        }
-    } else if (encrypt || std::holds_alternative<std::vector<unsigned char>>(attribute.value)) {
-        record.addBinary(attribute.id, bytesOf(attribute), encrypt);
-    } else {
-        record.addText(attribute.id, std::get<std::string>(attribute.value));
-    }
-}
-
 }  // namespace
+
+void requireName(const ImportRules& rules) {
+    if (!rules.name) {
+        return;
+    }
+    // As a part of an address it obeys the rules of addresses.
+    const Address place = parseNewAddress(joinPath(layout::kKeys.name(), *rules.name));
+    if (place.folder != layout::kKeys.name()) {
+        throw Failure(kInvalid, "the name of a new record has no folder in it",
+                      Advice{"--to names the folder"});
+    }
+}
+
+int importRank(const PkiPart& part) {
+    constexpr Kind kOrder[] = {Kind::kKey, Kind::kCertificate, Kind::kCrl, Kind::kRequest};
+    const auto* const object = std::get_if<PkiObject>(&part.content);
+    const auto* const last = std::end(kOrder);
+    return static_cast<int>((object != nullptr ? std::find(kOrder, last, object->kind) : last) -
+                            kOrder);
+}
+
+Hold enterForImport(Database& database, const ImportRules& rules,
+                    const std::vector<const PkiObject*>& objects) {
+    const bool secret = std::ranges::any_of(
+        objects, [&](const PkiObject* object) { return wantsSecrecy(*object, rules); });
+    Hold hold = database.enter(Access::kChange, needFor(secret || rules.replace));
+    if (secret) {
+        database.requireSecrecy();
+    }
+    return hold;
+}
 
 bool wantsSecrecy(const PkiObject& object, const ImportRules& rules) {
     return object.kind == Kind::kKey || rules.encrypt;
@@ -63,7 +79,7 @@ Importer::Importer(Database& database, ImportRules rules,
         } else if (key != nullptr) {
             named_ = toHex(key->keySha256);
         } else {
-            throw Failure(kInvalid, fmt::format("--name names one object, or one key and what "
+            throw Failure(kInvalid, fmt::format("a name is for one object, or for one key and what "
                                                 "belongs to it; there are {} objects",
                                                 objects.size()));
         }
@@ -145,11 +161,9 @@ Importer::Result Importer::add(const PkiObject& object, const std::string& label
     requireFolder(address.folder);
     if (Record::isThere(address)) {
         if (!rules_.replace) {
-            throw Failure(
-                kInvalid,
-                fmt::format("{} already exists and is another object; --replace replaces it",
-                            address.print()),
-                address.print());
+            throw Failure(kInvalid,
+                          fmt::format("{} already exists and is another object", address.print()),
+                          Advice{"--replace replaces it"}, address.print());
         }
         return replace(object, label, address);
     }
@@ -183,9 +197,7 @@ Importer::Result Importer::replace(const PkiObject& object, const std::string& l
 }
 
 void Importer::fill(Record& record, const PkiObject& object, const std::string& label) const {
-    for (const PkiAttribute& attribute : object.attributes) {
-        addAttribute(record, attribute, rules_.encrypt && attr::find(attribute.id)->isOfBody);
-    }
+    describe(record, object, rules_.encrypt);
     if (!label.empty()) {
         record.setText(attr::kLabel, label);
     }

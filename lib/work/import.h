@@ -21,15 +21,27 @@
 namespace fstore {
 
 struct ImportRules {
-    std::optional<std::string> folder;  // for all objects
-    std::optional<std::string> name;
-    std::string label;     // for all objects; empty for the file's own
-    bool replace = false;  // another object with the name, or the same object
-    bool encrypt = false;  // not only keys
+    std::optional<std::string> folder = {};  // for all objects
+    std::optional<std::string> name = {};
+    std::string label = {};  // for all objects; empty for the file's own
+    bool replace = false;    // another object with the name, or the same object
+    bool encrypt = false;    // not only keys
 };
+
+// Throws kInvalid when the name in the rules cannot be one.
+void requireName(const ImportRules& rules);
+
+// Where a part of the input comes in the order of the import: keys first, so that a certificate
+// finds its own in the database, also when the import is broken off between the two.
+int importRank(const PkiPart& part);
 
 // Whether an object must be kept secret under these rules.
 bool wantsSecrecy(const PkiObject& object, const ImportRules& rules);
+
+// Enters the database as the import of these objects needs it. Throws kNotOpen when one of them is
+// secret, and the database cannot keep secrets.
+Hold enterForImport(Database& database, const ImportRules& rules,
+                    const std::vector<const PkiObject*>& objects);
 
 class Importer {
 public:

@@ -78,6 +78,7 @@ BaseModuleInterface* serveEntry(TModuleManager* manager, int flag, Stop stop) no
         ModMgr = manager;
         if (flag == 0) {
             letGoOfService<Implementation>();  // of one that was made before
+            // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new): noThrow() handles it
             ownService<Implementation> = new Implementation;
             made = ownService<Implementation>.get();
         }

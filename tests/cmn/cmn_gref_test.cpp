@@ -9,8 +9,8 @@
 
 #include "cmn/cmn_obj_mgr.h"
 #include "tests/support/fake_host.h"
-#include "tests/support/moment.h"
 #include "tests/support/mutex_probe.h"
+#include "tests/support/short_wait.h"
 #include "tests/support/test_objects.h"
 
 namespace {
@@ -57,7 +57,7 @@ TEST(GuardTest, ChangesUnderItsMutexAndIsReadWithoutIt) {
     guard.lock();
     std::thread other([&] { guard.inc(); });
     for (int i = 0; i < 30; ++i) {
-        aMoment();
+        waitShortly();
     }
     EXPECT_EQ(0, guard.calls());
     guard.unlock();
@@ -348,7 +348,7 @@ TEST_F(GuardedRefTest, HolderListIsLockedAgainstOtherThreadsOnly) {
     object.addReference(&own);
     std::thread other([&] { object.addReference(&others); });
     while (object.references() != 2) {  // counted before the list is locked
-        aMoment();
+        waitShortly();
     }
     EXPECT_THAT(holdersOf(object), ElementsAre(&own));
     object.unlockHolderList();
@@ -766,10 +766,10 @@ TEST_F(DummyHolderTest, WaitsUntilTheObjectHasItsFirstHolder) {
     std::atomic<DummyHolder*> pin{nullptr};
     std::thread other([&] { pin = new DummyHolder(object); });
     while (object->references() != 1) {
-        aMoment();
+        waitShortly();
     }
     for (int i = 0; i < 30; ++i) {
-        aMoment();
+        waitShortly();
         ASSERT_EQ(nullptr, pin.load());
     }
     const CMN_GRefPtr<TestObject> first(object);

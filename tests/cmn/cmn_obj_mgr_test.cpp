@@ -10,8 +10,8 @@
 #include "cmn/cmn_stub.h"
 #include "cmn/objmgrfunc.h"
 #include "tests/support/fake_host.h"
-#include "tests/support/moment.h"
 #include "tests/support/mutex_probe.h"
+#include "tests/support/short_wait.h"
 #include "tests/support/test_objects.h"
 
 namespace {
@@ -102,7 +102,7 @@ TEST_F(ObjectManagerTest, EnteringAndLeavingWaitForTheSharedLock) {
         const CMN_Entered entered(CMN_Reference::RefMutex);
         other = std::thread([&] { holder = std::make_unique<Holder>(make("a")); });
         for (int i = 0; i < 30; ++i) {
-            aMoment();
+            waitShortly();
         }
         EXPECT_EQ(nullptr, ObjectManager.getObj());
     }
@@ -129,7 +129,7 @@ TEST_F(ObjectManagerTest, GetObjWaitsForAHalfBuiltObjectWithoutTheLock) {
     std::atomic<DummyHolder*> pin{nullptr};
     std::thread other([&] { pin = ObjectManager.getObj(); });
     for (int i = 0; i < 30; ++i) {
-        aMoment();
+        waitShortly();
         ASSERT_EQ(nullptr, pin.load());
     }
     const Holder first(object);  // needs the lock
@@ -545,7 +545,7 @@ TEST_F(ObjectManagerTest, WalksWaitForHalfBuiltObjectsWithoutTheLock) {
             done = true;
         });
         for (int i = 0; i < 30; ++i) {
-            aMoment();
+            waitShortly();
             ASSERT_FALSE(done);
         }
         const Holder first(object);  // needs the lock
@@ -636,7 +636,7 @@ TEST_F(TakeOverTest, FactoryIsAskedForTheTypeOfEachObject) {
     TestObject* const b = makeOld("b", 2);
     Holder holdsA(a);
     Holder holdsB(b);
-    a->setType(3);  // the type of that moment counts
+    a->setType(3);  // the type at that time counts
     ObjectManager.init(&earlier);
     EXPECT_THAT(asked, ElementsAre(std::pair(2u, b), std::pair(3u, a)));
     EXPECT_EQ(nullptr, holdsA.get());
@@ -694,12 +694,12 @@ TEST_F(TakeOverTest, WaitsUntilNoCallIsInProgress) {
     guard->inc();
     std::thread taking([this] { ObjectManager.init(&earlier); });
     for (int i = 0; i < 30; ++i) {
-        aMoment();
+        waitShortly();
         ASSERT_EQ(old, own.get());
     }
     guard->dec();
     for (int i = 0; i < 30; ++i) {
-        aMoment();
+        waitShortly();
         ASSERT_EQ(old, own.get());
     }
     old->addReference();  // a call may count and list as it likes meanwhile
@@ -716,7 +716,7 @@ TEST_F(TakeOverTest, HoldsTheGuardsMutexWhileItRedirects) {
     successorOf = [&](unsigned int, CMN_GuardedRef&) {
         caller = std::thread([guard] { guard->inc(); });
         for (int i = 0; i < 30; ++i) {
-            aMoment();
+            waitShortly();
             EXPECT_EQ(0, guard->calls());
         }
         return nullptr;
@@ -749,7 +749,7 @@ TEST_F(TakeOverTest, FactoryMayUseAServiceThatIsJustBeingFound) {
                                        const TypifiedID& asker) override {
             inside = true;
             while (!goOn) {
-                aMoment();
+                waitShortly();
             }
             const Holder anObject(new TestObject);  // needs the registry
             return FakeHost::acquireService(service, asker);
@@ -767,7 +767,7 @@ TEST_F(TakeOverTest, FactoryMayUseAServiceThatIsJustBeingFound) {
         Holder own(makeOld("a"));
         std::thread asking([&] { EXPECT_TRUE(stub.acquire()); });
         while (!finding.inside) {
-            aMoment();
+            waitShortly();
         }
         successorOf = [&](unsigned int, CMN_GuardedRef&) -> CMN_GuardedRef* {
             finding.goOn = true;
@@ -804,7 +804,7 @@ TEST_F(TakeOverTest, GuardThatADestructionLeftRaisedHoldsUpTheNextObject) {
     Holder b(makeOld("b"));
     std::thread taking([this] { ObjectManager.init(&earlier); });
     while (shared->calls() == 0) {
-        aMoment();
+        waitShortly();
     }
     EXPECT_EQ(1, shared->calls());
     EXPECT_EQ(nullptr, b.get());
@@ -827,10 +827,10 @@ TEST_F(TakeOverTest, DoesNotEndBeforePlainReferencesAreDropped) {
         done = true;
     });
     while (own.get() == old) {
-        aMoment();
+        waitShortly();
     }
     for (int i = 0; i < 30; ++i) {
-        aMoment();
+        waitShortly();
         ASSERT_FALSE(done);
     }
     EXPECT_EQ("new a", own.get()->name());

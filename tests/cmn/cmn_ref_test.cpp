@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/moment.h"
 #include "tests/support/mutex_probe.h"
+#include "tests/support/short_wait.h"
 
 namespace {
 
@@ -108,7 +108,7 @@ TEST(ReferenceTest, CountsUnderTheMutexItWasGiven) {
         const CMN_Entered taken(own);
         waiting = std::thread([&] { object.addReference(); });
         for (int i = 0; i < 30; ++i) {
-            aMoment();
+            waitShortly();
         }
         EXPECT_EQ(1, object.references());  // read without the mutex
     }

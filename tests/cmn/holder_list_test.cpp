@@ -60,8 +60,8 @@ TEST(HolderListTest, FindsTheNewestNodeOfEachHolder) {
     for (std::size_t i = 0; i < kLong; ++i) {
         EXPECT_EQ(list.find(holders[i]), list.newest(holders[i])) << i;
     }
-    const TestHolder stranger(107);
-    EXPECT_EQ(nullptr, list.newest(&stranger));
+    const TestHolder other(107);
+    EXPECT_EQ(nullptr, list.newest(&other));
 }
 
 // Whatever is done to it, also without its knowledge, the list answers as one without an

@@ -15,8 +15,8 @@
 #include "cmn/objmgrfunc.h"
 #include "tests/cmn/modules/twin.h"
 #include "tests/support/fake_host.h"
-#include "tests/support/moment.h"
 #include "tests/support/run_together.h"
+#include "tests/support/short_wait.h"
 
 namespace {
 
@@ -162,7 +162,7 @@ TEST_F(ModuleCopiesTest, CountUnderTheirOwnMutex) {
         const CMN_Entered entered(*a->refMutex);
         waiting = std::thread([&twin] { twin.remReference(); });
         for (int i = 0; i < 30; ++i) {
-            aMoment();
+            waitShortly();
         }
         EXPECT_EQ(2, twin.references());
     }

@@ -1,41 +1,26 @@
 #!/usr/bin/env python3
-"""Proves that the harness sees: builds the store with one small fault at a time and
-expects a test to fail.
+"""Proves that the harness sees: builds the store with one small fault at a time and expects a test
+to fail. See seeding.py.
 
     seeded_bugs.py BUILD_FOLDER [--all | NAME...]
 
-Without names a fixed few are tried. A fault is a change of a few lines of one source
-file; the text must be found there exactly once, so that a fault whose place has changed
-is an error and is not passed over. The file is changed in a copy, compiled as the build
-compiles it, and linked in its object's place into the test programs, one after the
-other until one of them fails. Needs a Ninja build of those programs.
+Without names a fixed few are tried.
 """
-import dataclasses
-import json
-import os
-import pathlib
-import re
-import subprocess
 import sys
 
-PROJECT = pathlib.Path(__file__).resolve().parents[2]
+import seeding
+
 EVERY_DAY = ("body_not_synced", "old_descriptor_deleted_too_early", "removal_deletes_saved_descriptor_and_hopes",
              "copy_not_durable", "write_takes_no_lock")
-TIMEOUT = 900  # of one test program
 
 POWER, DEATH, CALLS, MEMORY, LOCK = ("power_loss_test", "death_test", "failing_call_test",
                                      "failing_allocation_test", "lock_test")
 PROGRAMS = (LOCK, POWER, DEATH, CALLS, MEMORY)
 
 
-@dataclasses.dataclass
-class Bug:
-    name: str
-    file: str
-    old: str
-    new: str
-    first: str = POWER  # the program that is expected to see it
-    also: tuple = ()    # further places in the file: (old, new)
+# Most faults show when the power is lost.
+def Bug(name, file, old, new, first=POWER, also=()):
+    return seeding.Bug(name, file, old, new, first, also)
 
 
 RECORD = "store/record_disk.cpp"
@@ -197,103 +182,5 @@ BUGS = (
 )
 
 
-def with_bug(bug):
-    text = (PROJECT / bug.file).read_text(encoding="utf-8")
-    for old, new in ((bug.old, bug.new), *bug.also):
-        if text.count(old) != 1:
-            raise RuntimeError(f"{bug.name}: its place in {bug.file} is there {text.count(old)} times")
-        text = text.replace(old, new)
-    return text
-
-
-class Build:
-    """The commands of a Ninja build, with one object replaced."""
-
-    def __init__(self, folder):
-        self.folder = pathlib.Path(folder).resolve()
-        with open(self.folder / "compile_commands.json", encoding="utf-8") as file:
-            self.compiles = {entry["file"]: entry for entry in json.load(file)}
-        self.links = {}
-
-    def link_command(self, program):
-        if program not in self.links:
-            listed = subprocess.run(["ninja", "-C", self.folder, "-t", "commands", "bin/" + program],
-                                    check=True, capture_output=True, text=True).stdout
-            self.links[program] = listed.strip().splitlines()[-1]
-        return self.links[program]
-
-    def variant(self, bug):
-        """Compiles the faulty source; returns the folder, and the object's name in both."""
-        folder = self.folder / "seeded" / bug.name
-        folder.mkdir(parents=True, exist_ok=True)
-        source = folder / pathlib.Path(bug.file).name
-        source.write_text(with_bug(bug), encoding="utf-8")
-        entry = self.compiles[str(PROJECT / bug.file)]
-        before = re.search(r" -o (\S+)", entry["command"]).group(1)
-        after = str(folder / (source.name + ".o"))
-        command = entry["command"].replace(" -o " + before, " -o " + after)
-        command = command.replace(" -c " + entry["file"], " -Wno-error -w -c " + str(source))
-        subprocess.run(command, shell=True, check=True, cwd=self.folder)
-        return folder, before, after
-
-    def run(self, program, folder, before, after):
-        """Whether the program with the faulty object fails, and the test that did."""
-        faulty = folder / program
-        command = self.link_command(program)
-        if before not in command:
-            return None
-        command = command.replace(before, after).replace("-o bin/" + program, f"-o {faulty}")
-        subprocess.run(command, shell=True, check=True, cwd=self.folder)
-        try:
-            done = subprocess.run([faulty, "--gtest_fail_fast", "--gtest_brief=1"], cwd=folder,
-                                  capture_output=True, text=True, errors="replace",
-                                  timeout=TIMEOUT, check=False)
-        except subprocess.TimeoutExpired:
-            return program + ": hangs"
-        finally:
-            faulty.unlink()
-        if done.returncode == 0:
-            return None
-        failed = re.search(r"\[  FAILED  \] ([\w.]+)", done.stdout)
-        if failed is None:
-            failed = re.search(r"\[ RUN      \] ([\w.]+)(?!.*\[ RUN)", done.stdout, re.DOTALL)
-        return failed.group(1) if failed else f"{program}: ends with {done.returncode}"
-
-
-def catch(build, bug):
-    folder, before, after = build.variant(bug)
-    for program in (bug.first, *(p for p in PROGRAMS if p != bug.first)):
-        caught = build.run(program, folder, before, after)
-        if caught is not None:
-            return caught
-    return None
-
-
-def chosen(names):
-    if names == ["--all"]:
-        return list(BUGS)
-    unknown = set(names) - {bug.name for bug in BUGS}
-    if unknown:
-        sys.exit("unknown: " + ", ".join(sorted(unknown)))
-    return [bug for bug in BUGS if bug.name in (names or EVERY_DAY)]
-
-
-def main():
-    if len(sys.argv) < 2:
-        sys.exit(__doc__)
-    for variable in ("GTEST_OUTPUT", "TORTURE_FULL", "TORTURE_SECONDS", "TORTURE_SEED"):
-        os.environ.pop(variable, None)  # each bug meets the tests of every day
-    build = Build(sys.argv[1])
-    bugs = chosen(sys.argv[2:])
-    missed = 0
-    for bug in bugs:
-        caught = catch(build, bug)
-        missed += caught is None
-        print(f"{bug.name:48}  {caught or 'NOT CAUGHT'}", flush=True)
-    print(f"figure: seeded bugs: {len(bugs)}")
-    print(f"figure: seeded bugs caught: {len(bugs) - missed}")
-    return 1 if missed else 0
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(seeding.main(__doc__, "seeded bugs", BUGS, EVERY_DAY, PROGRAMS))

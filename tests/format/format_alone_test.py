@@ -18,6 +18,11 @@ EXCEPTIONS = {
     ("lib/records/attributes.cpp", "key"): "the kind of a record, in the words of users",
     ("lib/database/lost.cpp", "key"): "a word of a plan",
     ("fstore/commands/export.cpp", "key"): "a name in JSON",
+    ("fstore/commands/common_options.cpp", "key"): "what --type takes",
+    ("lib/work/uri.cpp", "key"): "what a URI's type may be",
+    ("lib/database/unlock.cpp", "key"): "a word of a message",
+    ("fstore/commands/key.cpp", "key"): "the name of a command",
+    ("lib/database/unlock_box.cpp", "key"): "a parameter of OpenSSL's",
     ("fstore/commands/export.cpp", "certificates"): "a name in JSON",
 }
 

@@ -9,6 +9,7 @@
 //     CALL_TRAP_FULL=N       from the Nth call on the disk is full: what would take room
 //                            fails, and what only renames, removes or syncs does not
 //     CALL_TRAP_NO_LOCK=1    flock() succeeds and locks nothing
+//     CALL_TRAP_SCRYPT=FILE  each derivation with scrypt adds a byte to FILE
 //     CALL_TRAP_PAUSE=N      each opening of a descriptor file takes N milliseconds longer
 //
 // Calls that only look are not counted: in front of one, the disk is as in front of the
@@ -118,6 +119,15 @@ bool isOnDisk(int fd) {
     return fd > 2 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
 }
 
+void countScrypt() {
+    const char* const path = std::getenv("CALL_TRAP_SCRYPT");
+    std::FILE* const file = path == nullptr ? nullptr : std::fopen(path, "a");
+    if (file != nullptr) {
+        std::fputc('s', file);
+        std::fclose(file);
+    }
+}
+
 struct Report {
     ~Report() {
         const char* const path = std::getenv("CALL_TRAP_COUNT");
@@ -180,6 +190,19 @@ int unlinkat(int folder, const char* path, int flags) noexcept {
 }
 int mkdirat(int folder, const char* path, mode_t mode) noexcept {
     return pass<int>(Room::kTaken, "mkdirat", folder, path, mode);
+}
+
+int symlinkat(const char* text, int folder, const char* path) noexcept {
+    return pass<int>(Room::kTaken, "symlinkat", text, folder, path);
+}
+
+// OpenSSL's: whoever derives fetches the function first.
+void* EVP_KDF_fetch(void* library, const char* algorithm, const char* properties) {
+    if (std::string_view(algorithm) == "SCRYPT") {
+        countScrypt();
+    }
+    return next<void*(void*, const char*, const char*)>("EVP_KDF_fetch")(library, algorithm,
+                                                                         properties);
 }
 
 int flock(int fd, int operation) noexcept {

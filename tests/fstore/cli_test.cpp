@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include "fstore/commands/completion_script.h"
+
 namespace fstore {
 namespace {
 
@@ -121,7 +123,7 @@ protected:
                        "Its colour");
         command.option("--mark", "MARK", &said_.marks, "A mark");
         command.flag("-f,--force", &said_.force, "Do it");
-        command.flag("--still", &said_.quiet, "Say nothing").excludes = "--force";
+        command.flag("--still", &said_.quiet, "Say nothing").excludes = {"--force"};
         cli_.add("secret", "Not shown", [](Context&) { return kOk; }).hide();
     }
 
@@ -221,6 +223,73 @@ TEST_F(OptionTest, HelpShowsWhatIsDeclared) {
     EXPECT_EQ(0, run({"--help"}));
     EXPECT_NE(std::string::npos, out_.find("  probe "));
     EXPECT_EQ(std::string::npos, out_.find("secret"));
+}
+
+// A command with commands below it, one of which has an option of the program's name.
+class BelowTest : public testing::Test {
+protected:
+    BelowTest() {
+        Command& above = cli_.add("above", "Group", {});
+        Command& one = above.subcommand("one", "First", [this](Context& context) {
+            ran_ = "one of " + context.globals.folder;
+            return kOk;
+        });
+        one.option("--dir", "DIR", &dir_, "Its own");
+        one.argument("WORD", &word_, "A word").required = false;
+        above.subcommand("two", "Second", [this](Context&) {
+            ran_ = "two";
+            return kOk;
+        });
+    }
+
+    int run(std::vector<const char*> words) {
+        words.insert(words.begin(), "fstore");
+        testing::internal::CaptureStderr();
+        const int code = cli_.execute(static_cast<int>(words.size()), words.data());
+        err_ = testing::internal::GetCapturedStderr();
+        return code;
+    }
+
+    std::vector<std::string> offered(std::vector<std::string> words) {
+        words.insert(words.begin(), "fstore");
+        std::vector<std::string> texts;
+        for (const Completion::Word& word : complete(cli_, words, words.size() - 1).words) {
+            texts.push_back(word.text);
+        }
+        return texts;
+    }
+
+    Cli cli_;
+    std::string dir_, word_, ran_, err_;
+};
+
+TEST_F(BelowTest, RunsTheOneThatIsNamed) {
+    EXPECT_EQ(0, run({"above", "two"})) << err_;
+    EXPECT_EQ("two", ran_);
+}
+
+TEST_F(BelowTest, AnOptionBehindItIsItsOwn) {
+    EXPECT_EQ(0, run({"--dir", "all", "above", "one", "--dir", "own", "word"})) << err_;
+    EXPECT_EQ("one of all", ran_);
+    EXPECT_EQ("own", dir_);
+    EXPECT_EQ("word", word_);
+}
+
+TEST_F(BelowTest, OneOfThemIsNeeded) {
+    for (const std::vector<const char*>& line : {std::vector<const char*>{"above"},
+                                                 {"above", "three"},
+                                                 {"one"},
+                                                 {"above", "two", "word"}}) {
+        EXPECT_EQ(2, run(line));
+    }
+    EXPECT_EQ("", ran_);
+}
+
+TEST_F(BelowTest, CompletionOffersThem) {
+    EXPECT_EQ((std::vector<std::string>{"one", "two"}), offered({"above", ""}));
+    EXPECT_EQ((std::vector<std::string>{"two"}), offered({"-D", "one", "above", "t"}));
+    EXPECT_EQ((std::vector<std::string>{}), offered({"above", "two", ""}));
+    EXPECT_EQ((std::vector<std::string>{"--dir"}), offered({"above", "one", "--d"}));
 }
 
 }  // namespace

@@ -1,47 +1,28 @@
 #!/usr/bin/env python3
 """filestore(5) is exact enough: a reader written from it alone reads what the tool wrote.
 
-Nothing here is the tool's: the descriptors, the derivation of the keys and AES-GCM are
-written down a second time, from the page.
+Nothing here is the tool's: the descriptors, the slots (slots.py), the derivation of the keys
+and AES-GCM (gcm.py) are written down a second time, from the page.
 """
 
 import hashlib
 import re
 
+import gcm
 import pki
+import slots
 import support
 from support import InitialisedTest
 
 BODY, ENCRYPTED = 0x10000000, 0x01000000
 
 
-def aes(mode, key, data, *options):
-    return pki.openssl("enc", f"-aes-128-{mode}", "-K", key.hex(), *options, stdin=data)
-
-
-def multiply(x, y):
-    """In the field of GHASH."""
-    product = 0
-    for i in range(127, -1, -1):
-        product ^= y * (x >> i & 1)
-        y = y >> 1 ^ (0xE1 << 120) * (y & 1)
-    return product
-
-
 def open_frame(key, frame):
     """The contents of what was encrypted."""
-    version, nonce, sealed, tag = frame[:1], frame[1:13], frame[13:-16], frame[-16:]
-    assert version == b"\1"
-    subkey = int.from_bytes(aes("ecb", key, bytes(16), "-nopad"), "big")
-    lengths = (8 * len(version)).to_bytes(8, "big") + (8 * len(sealed)).to_bytes(8, "big")
-    digest = 0
-    for part in (version, sealed, lengths):
-        for at in range(0, len(part), 16):
-            block = part[at:at + 16].ljust(16, b"\0")
-            digest = multiply(digest ^ int.from_bytes(block, "big"), subkey)
-    mask = aes("ecb", key, nonce + b"\0\0\0\1", "-nopad")
-    assert (digest ^ int.from_bytes(mask, "big")).to_bytes(16, "big") == tag
-    return aes("ctr", key, sealed, "-iv", (nonce + b"\0\0\0\2").hex())
+    assert frame[:1] == b"\1"
+    opened = gcm.decrypt(key, frame[1:13], frame[13:-16], frame[-16:], frame[:1])
+    assert opened is not None
+    return opened
 
 
 class Record:
@@ -71,14 +52,12 @@ class Record:
 
 def derive(database, password):
     """The key of the database, and what opens nothing is refused."""
-    (slot,) = Record(database, "kdf").attributes[0x4B01, 4]
-    ln, r, p, salt, digest = re.fullmatch(
-        r"scrypt ln=(\d+) r=(\d+) p=(\d+) salt=([0-9a-f]{64}) digest=([0-9a-f]{32})", slot).groups()
-    derived = hashlib.scrypt(password, salt=bytes.fromhex(salt), n=1 << int(ln), r=int(r),
-                             p=int(p), dklen=32, maxmem=1 << 30).hex().encode()
-    known = Record(database, "key").attributes[1, 2][0]
-    assert hashlib.md5(derived).digest() == known == bytes.fromhex(digest)
-    return hashlib.pbkdf2_hmac("sha256", derived, b"", 1000, 16)
+    kdf, copy = (slots.Slots.of(database / f"{name}.dsc") for name in ("kdf", "kdf-copy"))
+    assert kdf.lines == copy.lines
+    p = kdf.open("password", password)
+    assert p is not None
+    assert hashlib.md5(p).digest() == Record(database, "key").attributes[1, 2][0]
+    return hashlib.pbkdf2_hmac("sha256", p, b"", 1000, 16)
 
 
 class FormatTest(InitialisedTest):

@@ -83,7 +83,9 @@ class RoundTest(BackupTest):
         self.assertEqual(b"", run.out)
         run = self.restore()
         self.assertEqual(f"fstore: restored {self.tar} to {self.outside / 'new'}: "
-                         f"{files} files in 9 folders, {size} bytes\n", run.message)
+                         f"{files} files in 9 folders, {size} bytes\n"
+                         "fstore: it opens with what opened it at the backup: slot 1 (password)\n",
+                         run.message)
 
     def test_documents(self):
         document = self.run_tool("backup", self.tar, "--json").document["backup"]
@@ -94,7 +96,27 @@ class RoundTest(BackupTest):
         self.assertTrue(document.pop("verified"))
         run = support.fstore("-D", self.outside / "new", "restore", self.tar, "--json")
         self.assertEqual(document, run.document["restored"])
+        self.assertEqual([(1, "password")], [(slot["slot"], slot["kind"])
+                                             for slot in run.document["slots"]])
         self.assertNotIn("kept", run.document)
+
+    def test_brings_the_slots_of_its_day_back(self):
+        self.backup()
+        self.run_tool("passwd", *support.CHEAP, env={"FSTORE_NEW_PASSWORD": "new"})
+        self.run_tool("key", "add", "--key-file", self.outside / "host.key", password="new")
+        self.restore()
+        run = support.fstore("-D", self.outside / "new", "key", "test")
+        self.assertEqual((0, "opens slot 1 (password)\n"), (run.code, run.text))
+        run = support.fstore("-D", self.outside / "new", "key", "test", "--key-file",
+                             self.outside / "host.key", password=None)
+        self.assertEqual(6, run.code)
+
+    def test_a_backup_whose_slots_cannot_be_read_is_restored_all_the_same(self):
+        for name in ("kdf", "kdf-copy"):
+            (self.folder / f"db/{name}.dsc").write_text("nothing\n")
+        self.backup()
+        run = self.restore()
+        self.assertIn("warning: restored, but neither copy of the slots can be read", run.message)
 
     def test_same_database_makes_the_same_file(self):
         self.backup()

@@ -1,8 +1,12 @@
 #!/usr/bin/env python3
 """check: what a crash leaves over is found by name and cleaned up, damage is told."""
 
+import hashlib
+import os
+import re
 import shutil
 
+import kept_database
 import support
 from support import InitialisedTest
 
@@ -104,6 +108,25 @@ class CheckTest(TwoRecordsTest):
         self.repair()
         self.assertEqual(b"body of a", self.body("a"))
         self.assert_sound()
+
+    def test_a_saved_descriptor_whose_place_is_taken_stays(self):
+        descriptor, saved = self.settings / "a.dsc", self.settings / "a.dsc.$o$"
+        descriptor.rename(saved)
+        obstacles = {"folder": descriptor.mkdir, "FIFO": lambda: os.mkfifo(descriptor),
+                     "dangling link": lambda: descriptor.symlink_to("nowhere"),
+                     "link": lambda: descriptor.symlink_to(saved.name)}
+        for name, make in obstacles.items():
+            with self.subTest(name):
+                make()
+                before = saved.read_bytes()
+                run = self.run_tool("check", "--repair", code=3)
+                self.assertIn("./db/settings/a.dsc.$o$ is the old state of an interrupted write, "
+                              "and cannot be put back", run.text)
+                self.assertEqual(before, saved.read_bytes())
+                self.assertEqual([], list(self.folder.glob("db.lost")))
+                (descriptor.rmdir if name == "folder" else descriptor.unlink)()
+        self.run_tool("check", "--repair")
+        self.assertEqual(b"body of a", self.body("settings/a"))
 
     def test_the_body_of_a_saved_descriptor_goes_only_when_nobody_names_it(self):
         shutil.copy(self.settings / "a.dsc", self.settings / "a.dsc.$o$")
@@ -212,15 +235,52 @@ class CheckTest(TwoRecordsTest):
 
     def test_damage_of_the_password_is_told(self):
         (self.folder / "db/key.dsc").unlink()
-        self.assertEqual({"./key": "damaged"}, self.findings(code=3))
-        self.assertEqual([], self.repair(code=3)["repaired"])
+        self.assertEqual({"key.dsc": "key-record"}, self.findings(code=3))
+        self.assertEqual(["./db/key.dsc"], [each["path"] for each in self.repair()["repaired"]])
+        self.assertEqual({}, self.findings())
 
     def test_an_unfinished_change_is_told_and_finished(self):
+        kept_database.copy_to(self.folder)
+        self.repair()  # Git keeps no empty folder
         kdf = self.folder / "db/kdf.dsc"
-        kdf.write_text(kdf.read_text() * 2)
+        line = kdf.read_text()
+        kdf.write_text(line + re.sub("digest=.*", "digest=" + "0" * 32, line))
         self.assertEqual({"kdf.dsc": "unfinished-change"}, self.findings())
+        # Who opens it proves that the records are those of the old password.
+        repaired = self.run_tool("check", "--repair", "--json", password=kept_database.PASSWORD)
+        self.assertEqual([], repaired.document["findings"])
+        self.assertEqual(line, kdf.read_text())
+
+    def test_a_copy_of_the_slots_that_is_lost_is_written_again(self):
+        for name in ["kdf", "kdf-copy"]:
+            for what, damage in [("lost", None), ("cut", lambda text: text[:-9]), ("empty", lambda _: ""),
+                                 ("altered", lambda text: text.replace("seq=", "seq=1"))]:
+                with self.subTest(name=name, what=what):
+                    path = self.folder / f"db/{name}.dsc"
+                    before = path.read_text()
+                    if damage:
+                        path.write_text(damage(before))
+                    else:
+                        path.unlink()
+                    self.assertEqual({f"{name}.dsc": "unlock-copy"},
+                                     self.findings(code=3 if damage else 0))
+                    self.run_tool("get", "settings/a")  # a reader changes nothing
+                    self.assertEqual([], self.repair()["findings"])
+                    self.assertEqual(before, path.read_text())
+                    self.assertEqual({}, self.findings())
+
+    def test_copies_that_contradict_each_other_are_damage(self):
+        kdf, copy = self.folder / "db/kdf.dsc", self.folder / "db/kdf-copy.dsc"
+        lines = kdf.read_text().splitlines()
+        lines[1] = lines[1].replace("label=", "label=other")
+        text = "".join(line.split(" ", 2)[2] + "\n" for line in lines[:-1])
+        lines[-1] = lines[-1][:lines[-1].index("=") + 1] + hashlib.sha256(text.encode()).hexdigest()
+        copy.write_text("\n".join(lines) + "\n")
+        self.assertEqual({"kdf-copy.dsc": "unlock-conflict"}, self.findings(code=3))
+        self.put("settings/c", b"c")  # which is no reason to write either
+        self.assertEqual({"kdf-copy.dsc": "unlock-conflict"}, self.findings(code=3))
         self.assertEqual([], self.repair()["findings"])
-        self.assertEqual(1, kdf.read_text().count("scrypt"))
+        self.assertEqual(kdf.read_text(), copy.read_text())
         self.assert_sound()
 
     def test_repair_brings_back_a_database_moved_aside(self):

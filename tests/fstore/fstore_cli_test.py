@@ -6,7 +6,7 @@ import os
 import support
 from support import FstoreTest, InitialisedTest
 
-COMMANDS = ["init", "ls", "show", "set", "unset", "rm", "put", "get", "passwd", "check", "dump",
+COMMANDS = ["init", "ls", "show", "set", "unset", "mv", "rm", "put", "get", "passwd", "check", "dump",
             "info"]
 
 

@@ -38,6 +38,14 @@ class AnswerTest(CompletionTest):
         self.assertEqual(["export"], self.words("--json", "-q", "ex"))
         self.assertEqual(["export"], self.words("-D", "ls", "ex"))
 
+    def test_commands_below_a_command(self):
+        self.assertEqual(["ls", "add", "rm", "test", "raw", "reset"], self.words("key", ""))
+        self.assertEqual(["rm", "raw", "reset"], self.words("key", "-q", "r"))
+        self.assertIn("--sheet", self.words("key", "add", "--"))
+        self.assertNotIn("--sheet", self.words("key", "rm", "--"))
+        self.assertEqual(1, self.words("key", "add", "--key").count("--key-file"))
+        self.assertIn("--drop-others", self.words("passwd", "--d"))
+
     def test_every_command_of_the_help_is_offered(self):
         text = self.run_tool("--help").text
         listed = [line.split()[0] for line in text.split("Subcommands:")[1].splitlines()
@@ -85,6 +93,7 @@ class AnswerTest(CompletionTest):
         self.assertEqual(["settings/first", "settings/second one"], self.words("rm", "set"))
         self.assertEqual(everything, self.words("rm", "keys/first", ""))
         self.assertEqual([], self.words("show", "keys/first", ""))
+        self.assertEqual(["keys/first"], self.words("mv", "key"))
 
     def test_bare_names_that_are_unique(self):
         self.assertEqual(["only"], self.words("show", "on"))
@@ -95,6 +104,7 @@ class AnswerTest(CompletionTest):
         self.assertEqual(["certificates", "certificates/local", "certificates/remote"],
                          self.words("ls", "cer"))
         self.assertEqual(["crls", "crm"], self.words("import", "a", "--to", "cr"))
+        self.assertEqual(["crls", "crm"], self.words("mv", "keys/first", "cr"))
 
     def test_database_that_the_line_names(self):
         for words in [("-D", self.folder), (f"-D{self.folder}",), ("--dir", self.folder),

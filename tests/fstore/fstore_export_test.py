@@ -42,6 +42,99 @@ class ExportTest(InitialisedTest):
         return (self.pki / name).read_bytes()
 
 
+class ForHostTest(ExportTest):
+    """The record that serves a host, by name. Two certificates do; the CRL revokes the one of EC."""
+
+    EC = ("--for", "a.example.org", "--alg", "EC")
+
+    def test_certificate_and_key_are_a_pair(self):
+        self.run_tool("rm", self.address("crl.der"))
+        self.assertEqual(self.text("leaf.pem"), self.run_tool("export", *self.EC).out)
+        key = self.run_tool("export", *self.EC, "--type", "key", "--plain").out
+        self.assertEqual(openssl("pkey", "-in", self.pki / "p256.key", "-pubout"),
+                         openssl("pkey", "-pubout", stdin=key))
+
+    def test_show_names_the_record(self):
+        for more, name in ((), "deep.der"), (("--type", "key"), "ed25519.key.der"):
+            run = self.run_tool("show", "--json", "--for", "WWW.example.com", *more, password=None)
+            self.assertEqual(self.address(name), run.document["records"][0]["address"])
+
+    def test_what_is_revoked_serves_nobody(self):
+        message = self.fails(50, "missing", "show", *self.EC)
+        self.assertIn("1 revoked by a CRL", message)
+
+    def test_other_algorithm_is_none(self):
+        self.fails(50, "missing", "show", "--for", "www.example.com", "--alg", "RSA")
+
+    def test_it_is_one_of_two_ways(self):
+        self.run_tool("show", code=2)
+        self.run_tool("export", code=2)
+        self.run_tool("show", "--for", "a.example.org", self.address("leaf.der"), code=2)
+        self.run_tool("show", "--for", "no host", code=4)
+
+
+class ContradictedTest(ExportTest):
+    """A record whose attributes are not those of its object."""
+
+    def descriptor(self, name):
+        return self.folder / "db" / f"{self.address(name)}.dsc"
+
+    def expiry_line(self, name):
+        return next(line for line in self.descriptor(name).read_text().splitlines()
+                    if line.startswith("00000004 00000107 "))
+
+    def prolong(self, name):
+        """Moves the end of a certificate by a century; the two times."""
+        line = self.expiry_line(name)
+        end = line.split(" ")[2]
+        later = str(int(end[:4]) + 100) + end[4:]
+        text = self.descriptor(name).read_text()
+        self.descriptor(name).write_text(text.replace(line, line.replace(end, later)))
+        return end, later
+
+    def test_certificate_that_was_prolonged_is_found(self):
+        within = ("ls", "--expires-within", "20y", "--fail", "--subject", "*CN=deep")
+        self.run_tool(*within, code=3)
+        end, later = self.prolong("deep.der")
+        self.run_tool(*within)
+        document = self.run_tool("check", "--deep", "--json", code=3).document
+        self.assertFalse(document["sound"])
+        (finding,) = document["findings"]
+        self.assertEqual("contradicted", finding["kind"])
+        self.assertEqual(f"./db/{self.address('deep.der')}.dsc", finding["path"])
+        self.assertIn(f"has the not-after {later}, but the certificate in its body says {end}",
+                      finding["message"])
+        self.assertIn("contradicted: ./db/", self.run_tool("check", "--deep", code=3).text)
+        self.run_tool("check", "--deep", "--repair", code=3)
+        self.run_tool("import", "--replace", self.pki / "deep.pem")
+        self.assert_sound()
+        self.run_tool(*within, code=3)
+
+    def test_certificate_without_its_end_rings(self):
+        line = self.expiry_line("deep.der")
+        text = self.descriptor("deep.der").read_text()
+        self.descriptor("deep.der").write_text(text.replace(line + "\n", ""))
+        self.assert_sound()
+        run = self.run_tool("ls", "--expires-within", "1d", "--fail", "--json", code=3)
+        self.assertEqual([self.address("deep.der")], run.document["undated"])
+
+    def test_is_not_exported(self):
+        self.prolong("deep.der")
+        for form in ("pem", "der", "p12"):
+            message = self.fails(59, "malformed", "export", self.address("deep.der"), "--format",
+                                 form, "-o", self.folder / "out", env=OUT)
+            self.assertIn(f"{self.address('deep.der')} has the not-after", message)
+        self.assertFalse((self.folder / "out").exists())
+        # What is to be done about it needs the body.
+        self.assertEqual(self.text("deep.der"), self.body(self.address("deep.der")))
+
+    def test_neither_with_another(self):
+        self.prolong("middle.der")
+        run = self.run_tool("export", self.address("deep.der"), "--chain")
+        self.assertEqual(1, run.out.count(b"BEGIN CERTIFICATE"))
+        self.assertIn(f"left out: {self.address('middle.der')} has the not-after", run.message)
+
+
 class FormTest(ExportTest):
     def test_public_objects_are_as_openssl_writes_them(self):
         for name in ("leaf", "crl", "request"):

@@ -48,6 +48,20 @@ class HostileTest(InitialisedTest):
         self.assertEqual(b"a", self.body("settings/a"))
 
 
+class DeniedTest(HostileTest):
+    def test_a_folder_that_cannot_be_looked_into_is_not_taken_for_a_missing_one(self):
+        self.put("certificates/local/c", b"c")
+        os.chmod(self.folder / "db/certificates", 0o600)
+        for args in [("get", "certificates/local/c"), ("show", "certificates/local/c"),
+                     ("rm", "certificates/local/c", "-f"), ("ls", "certificates/local"),
+                     ("put", "certificates/local/c", "-"), ("check", "--repair")]:
+            with self.subTest(args):
+                message = self.fails(9, "io", *args, prefix=support.BOUND)
+                self.assertRegex(message, "^cannot examine ./db/certificates.*Permission denied")
+        os.chmod(self.folder / "db/certificates", 0o700)
+        self.assertEqual(b"c", self.body("certificates/local/c"))
+
+
 class SizeTest(HostileTest):
     def test_a_descriptor_that_is_too_large_is_named_and_passed_over(self):
         for size in [5 << 30, 3 << 30, (16 << 20) + 1]:

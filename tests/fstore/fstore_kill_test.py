@@ -29,6 +29,25 @@ class Remove(Workload):
     bodies = {**Workload.bodies, "settings/a": {b"old", None}}
 
 
+class Move(Workload):
+    args = ("mv", "settings/a", "crm/moved")
+    bodies = {**Workload.bodies, "settings/a": {b"old", None}, "crm/moved": {b"old", None}}
+
+    def verify(self, folder):
+        super().verify(folder)
+        _, digests = self.listed(folder)
+        assert digests.get("settings/a") or digests.get("crm/moved"), "neither old nor new"
+        if "settings/a" in digests:
+            # Whoever broke it off can finish it.
+            if "crm/moved" in digests:
+                run = support.fstore("-D", folder, "rm", "settings/a")
+            else:
+                run = support.fstore("-D", folder, *self.args)
+            assert run.code == 0, run
+            _, digests = self.listed(folder)
+        assert "settings/a" not in digests and digests["crm/moved"], digests
+
+
 class Change(Workload):
     args = ("passwd", *CHEAP)
     env = {"FSTORE_NEW_PASSWORD": NEW}
@@ -97,6 +116,9 @@ class CommandsTest(KillTest):
     def test_rm_with_faults(self):
         self.fail_everywhere(Remove)
 
+    def test_mv_with_faults(self):
+        self.fail_everywhere(Move)
+
     def test_passwd_with_faults(self):
         self.fail_everywhere(Change)
 
@@ -123,6 +145,9 @@ class CommandsTest(KillTest):
 
     def test_rm(self):
         self.kill_everywhere(Remove)
+
+    def test_mv(self):
+        self.kill_everywhere(Move)
 
     def test_init(self):
         self.kill_everywhere(Init)

@@ -111,6 +111,27 @@ class OutputTest(InitialisedTest):
         self.assertEqual({"db/certificates/local/server.dsc"}, changed)
         self.assertNotIn("fstore", (self.folder / "db/certificates/local/server.dsc").read_text())
 
+    def run_closed(self, closed, *args):
+        return subprocess.run(["sh", "-c", f'exec "$0" "$@" {closed}', support.PROGRAM, *args],
+                              cwd=self.folder, check=False, capture_output=True,
+                              env=support.environment(FSTORE_PASSWORD=support.PASSWORD))
+
+    def test_a_closed_input_is_not_an_empty_one(self):
+        self.put("settings/a", b"body")
+        for args in [("put", "settings/a", "-"), ("put", "settings/new", "-"), ("import", "-")]:
+            run = self.run_closed("<&-", *args)
+            self.assertEqual(9, run.returncode, run)
+            self.assertIn(b"Bad file descriptor", run.stderr)
+        self.assertEqual(b"body", self.body("settings/a"))
+        self.run_tool("get", "settings/new", code=50)
+
+    def test_what_a_closed_output_does_not_take_is_told(self):
+        self.put("settings/a", b"body")
+        for args in [("get", "settings/a"), ("backup", "-"), ("ls",), ("ls", "--json"), ("info",)]:
+            run = self.run_closed(">&-", *args)
+            self.assertEqual(9, run.returncode, run)
+            self.assertIn(b"Bad file descriptor", run.stderr)
+
 
 class ProgressTest(InitialisedTest):
     @classmethod

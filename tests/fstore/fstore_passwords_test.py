@@ -8,11 +8,12 @@ import re
 import shutil
 import signal
 
+import kept_database
 import support
 from support import CHEAP, PASSWORD, FstoreTest, InitialisedTest
 from terminal import Terminal
 
-SLOT = re.compile(r"scrypt ln=(\d+) r=(\d+) p=(\d+) salt=([0-9a-f]{64}) digest=([0-9a-f]{32})")
+SLOT = re.compile(r"ln=(\d+) r=(\d+) p=(\d+) salt=([0-9a-f]{64}) wrap=aead key=([0-9a-f]{32})")
 
 
 class SourceTest(InitialisedTest):
@@ -44,12 +45,21 @@ class SourceTest(InitialisedTest):
     def test_order_of_sources(self):
         right, wrong = self.private("right", PASSWORD), self.private("wrong", "wrong")
         with right.open("rb") as file:
-            self.opens("--password-fd", file.fileno(), "--password-file", wrong,
+            self.opens("--password-fd", file.fileno(),
                        env={"FSTORE_PASSWORD_FILE": wrong, "FSTORE_PASSWORD": "wrong"},
                        pass_fds=(file.fileno(),))
         self.opens("--password-file", right,
                    env={"FSTORE_PASSWORD_FILE": wrong, "FSTORE_PASSWORD": "wrong"})
         self.opens(env={"FSTORE_PASSWORD_FILE": right, "FSTORE_PASSWORD": "wrong"})
+
+    def test_two_options_for_one_secret_are_refused(self):
+        file = self.private("pw", PASSWORD)
+        for pair in [("--password-file", file, "--password-fd", 0),
+                     ("--password-file", file, "--key-file", file),
+                     ("--password-fd", 0, "--key-file", file)]:
+            self.opens(*pair, code=2, stdin=PASSWORD.encode())
+        run = self.run_tool("passwd", "--new-password-file", file, "--new-password-fd", 0, code=2)
+        self.assertIn("excludes", run.message)
 
     def test_one_line_feed_is_dropped(self):
         self.opens("--password-file", self.private("pw", PASSWORD + "\n"))
@@ -141,6 +151,26 @@ class TerminalTest(InitialisedTest):
         terminal.type("\x03")
         self.assertEqual(130, terminal.wait())
         self.assertTrue(terminal.shows())
+
+    def test_quit_gives_the_terminal_back(self):
+        terminal = self.terminal("get", "a")
+        terminal.expect("Password: ")
+        terminal.type("\x1c")
+        self.assertEqual(-signal.SIGQUIT, terminal.wait())
+        self.assertTrue(terminal.shows())
+
+    def test_a_stop_gives_the_terminal_back_and_the_prompt_comes_again(self):
+        terminal = self.terminal("get", "a")
+        terminal.expect("Password: ")
+        terminal.type("\x1a")
+        terminal.await_stop()
+        self.assertTrue(terminal.shows())
+        terminal.resume()
+        terminal.expect("Password: ")
+        self.assertFalse(terminal.shows())
+        terminal.type(PASSWORD + "\n")
+        self.assertEqual(0, terminal.wait())
+        self.assertIn("body", terminal.seen)
 
     def test_interrupt_leaves_no_file(self):
         terminal = self.terminal("get", "a", "-o", "out")
@@ -249,25 +279,30 @@ class InitTest(FstoreTest):
     def test_refuses_a_database_with_records(self):
         self.init()
         self.put("settings/a", b"x", "--plain-body")
-        for name in ["key.dsc", "kdf.dsc"]:
+        for name in ["key.dsc", "kdf.dsc", "kdf-copy.dsc"]:
             (self.folder / "db" / name).unlink()
         self.assertIn("passwd", self.fails(4, "invalid", "init"))
 
-    def test_the_store_gets_scrypt_of_the_password(self):
+    def test_the_store_gets_a_random_key_that_a_slot_wraps(self):
         self.run_tool("init", "--cost", "15")
-        ln, r, p, salt, digest = SLOT.search((self.folder / "db/kdf.dsc").read_text()).groups()
+        kdf = (self.folder / "db/kdf.dsc").read_text()
+        ln, r, p, _, digest = SLOT.search(kdf).groups()
         self.assertEqual(("15", "8", "1"), (ln, r, p))
-        key = hashlib.scrypt(PASSWORD.encode(), salt=bytes.fromhex(salt), n=1 << 15, r=8, p=1,
-                             dklen=32, maxmem=1 << 27).hex()
-        self.assertEqual(digest, hashlib.md5(key.encode()).hexdigest())
         self.assertIn(digest, (self.folder / "db/key.dsc").read_text())
+        self.assertEqual(kdf, (self.folder / "db/kdf-copy.dsc").read_text())
 
     def test_default_cost(self):
         self.run_tool("init")
         self.assertIn("ln=17 r=8 p=1", (self.folder / "db/kdf.dsc").read_text())
 
 
-class ProtectionTest(InitialisedTest):
+class OldLineTest(InitialisedTest):
+    """A database from before there were slots: one line, whose cost nothing else limits."""
+
+    def setUp(self):
+        super().setUp()
+        kept_database.copy_to(self.folder)
+
     def kdf(self):
         return self.folder / "db/kdf.dsc"
 
@@ -295,20 +330,106 @@ class ProtectionTest(InitialisedTest):
             self.kdf().write_text(text.replace("ln=14 r=8 p=1", cost))
             self.run_tool("ls")  # which reads it, and pays nothing
 
-    def test_kdf_without_key_is_damage(self):
-        (self.folder / "db/key.dsc").unlink()
-        for args in [("ls",), ("put", "settings/a", "-"), ("init",), ("passwd",)]:
-            self.fails(74, "no-digest", *args, env={"FSTORE_NEW_PASSWORD": "new"})
+    def test_memory_that_cannot_be_had(self):
+        text = self.kdf().read_text().replace("ln=14", "ln=22")  # 4 GiB
+        self.kdf().write_text(text)
+        self.assertIn("MiB", self.fails(1, "no-memory", "put", "settings/a", "-",
+                                        memory=2 << 30))
 
-    def test_key_of_another_database_is_damage(self):
+    def test_opens_and_gets_a_copy_of_its_line(self):
+        line = self.kdf().read_text()
+        copy = self.folder / "db/kdf-copy.dsc"
+        self.assertEqual(b"a secret value", self.body("secret", password=kept_database.PASSWORD))
+        self.run_tool("set", "settings/plain", "label=x")  # which proves nothing
+        self.assertFalse(copy.exists())
+        self.put("settings/new", b"new", password=kept_database.PASSWORD)
+        self.assertIn(line.split(" ", 2)[2], copy.read_text())
+        self.assertEqual(line, self.kdf().read_text())
+        self.kdf().unlink()
+        self.assertEqual(b"new", self.body("new", password=kept_database.PASSWORD))
+        self.run_tool("set", "settings/plain", "label=y")
+        self.assertEqual(line, self.kdf().read_text())
+
+    def test_moves_to_slots_with_its_next_password(self):
+        records = self.run_tool("ls").text
+        self.run_tool("passwd", *CHEAP, password=kept_database.PASSWORD,
+                      env={"FSTORE_NEW_PASSWORD": "new"})
+        self.assertRegex(self.kdf().read_text(), SLOT)
+        self.assertEqual(self.kdf().read_text(), (self.folder / "db/kdf-copy.dsc").read_text())
+        self.assertEqual(records, self.run_tool("ls").text)
+        self.assertEqual(b"a secret value", self.body("secret", password="new"))
+        self.fails(6, "wrong-password", "get", "secret", password=kept_database.PASSWORD)
+        self.assert_sound(password="new")
+
+    def test_a_record_of_the_users_is_never_overwritten(self):
+        copy = self.folder / "db/kdf-copy.dsc"
+        descriptor = self.folder / "db/settings/plain.dsc"
+        before = descriptor.read_bytes()
+        copy.write_bytes(before)
+        (body,) = re.findall(rb"^1\S+ 00000000 (\S+)$", before, re.MULTILINE)
+        shutil.copy(descriptor.parent / body.decode(), self.folder / "db" / body.decode())
+        self.put("settings/new", b"new", password=kept_database.PASSWORD)
+        message = self.fails(4, "invalid", "passwd", *CHEAP, password=kept_database.PASSWORD,
+                             env={"FSTORE_NEW_PASSWORD": "new"})
+        self.assertIn("fstore mv", message)
+        self.assertEqual(before, copy.read_bytes())
+        self.run_tool("mv", "./kdf-copy", "settings/moved")
+        self.run_tool("passwd", *CHEAP, password=kept_database.PASSWORD,
+                      env={"FSTORE_NEW_PASSWORD": "new"})
+        self.assertEqual(b"new", self.body("new", password="new"))
+        self.assertEqual(self.body("plain", password="new"), self.body("moved", password="new"))
+
+
+class ProtectionTest(InitialisedTest):
+    def kdf(self):
+        return self.folder / "db/kdf.dsc"
+
+    def forget_slots(self):
+        for name in ["kdf.dsc", "kdf-copy.dsc"]:
+            (self.folder / "db" / name).unlink()
+
+    def test_a_lost_key_is_written_again_by_whoever_has_the_password(self):
+        self.put("settings/secret", b"a secret value")
         key = self.folder / "db/key.dsc"
-        key.write_text(re.sub("[0-9a-f]{32}", "0" * 32, key.read_text()))
-        self.fails(74, "no-digest", "ls")
-        key.write_text("00000002 00000001 00\n")
-        self.fails(74, "no-digest", "ls")
+        before = key.read_bytes()
+        damages = [None, b"", b"00000002 00000001 00\n", b"\0" * len(before),
+                   re.sub(rb"[0-9a-f]{32}", b"0" * 32, before)]
+        commands = [("put", "settings/a", "-"), ("init",), ("get", "secret"),
+                    ("check", "--repair"), ("set", "secret", "label=x"),
+                    ("passwd", *CHEAP)]
+        for damage in damages:
+            for args in commands:
+                with self.subTest(damage=damage, args=args):
+                    if damage is None:
+                        key.unlink()
+                    else:
+                        key.write_bytes(damage)
+                    self.assertIn("./key", self.run_tool("ls", password=None).message)
+                    self.assertIn("key-record", self.run_tool("check", "--json", code=3).text)
+                    self.fails(6, "wrong-password", *args, password="another",
+                               env={"FSTORE_NEW_PASSWORD": "new"})
+                    self.run_tool(*args, env={"FSTORE_NEW_PASSWORD": PASSWORD})
+                    if args[0] != "passwd":
+                        self.assertEqual(before, key.read_bytes())
+                    before = key.read_bytes()
+                    # What was damaged is not thrown away.
+                    (self.folder / "db/key.dsc.$o$").unlink(missing_ok=True)
+                    self.assert_sound()
+
+    def test_a_key_that_another_program_changed_stays(self):
+        self.put("settings/secret", b"a secret value")
+        slots = [(path, path.read_bytes()) for path in (self.folder / "db").glob("kdf*.dsc")]
+        self.run_tool("passwd", *CHEAP, env={"FSTORE_NEW_PASSWORD": "new"})
+        for path, contents in slots:
+            path.write_bytes(contents)
+        key = self.folder / "db/key.dsc"
+        before = key.read_bytes()
+        message = self.fails(74, "no-digest", "get", "secret")
+        self.assertIn("another program changed the password", message)
+        self.assertEqual(before, key.read_bytes())
 
     def test_a_database_without_kdf_takes_the_password_as_it_is(self):
-        self.kdf().unlink()
+        self.forget_slots()
         key = self.folder / "db/key.dsc"
         key.write_text(f"00000002 00000001 {hashlib.md5(b'plain').hexdigest()}\n")
         run = self.run_tool("put", "settings/a", "-", stdin=b"x", password="plain")
@@ -320,8 +441,8 @@ class ProtectionTest(InitialisedTest):
         self.assert_sound(password="new")
 
     def test_a_database_without_password_keeps_no_secrets(self):
-        for name in ["key.dsc", "kdf.dsc"]:
-            (self.folder / "db" / name).unlink()
+        self.forget_slots()
+        (self.folder / "db/key.dsc").unlink()
         self.assertIn("init", self.fails(14, "not-open", "put", "settings/a", "-", password=None))
         self.put("settings/a", b"plain", "--plain-body", password=None)
         self.fails(14, "not-open", "set", "a", "--encrypt", "0x8001=x", password=None)
@@ -330,11 +451,11 @@ class ProtectionTest(InitialisedTest):
         self.put("settings/b", b"secret", password="new")
         self.assert_sound(password="new")
 
-    def test_memory_that_cannot_be_had(self):
-        text = self.kdf().read_text().replace("ln=14", "ln=22")  # 4 GiB
-        self.kdf().write_text(text)
-        self.assertIn("MiB", self.fails(1, "no-memory", "put", "settings/a", "-",
-                                        memory=2 << 30))
+    def test_both_copies_lost_are_damage(self):
+        for name in ["kdf.dsc", "kdf-copy.dsc"]:
+            (self.folder / "db" / name).write_text("garbage\n")
+        message = self.fails(59, "malformed", "ls")
+        self.assertIn("./kdf-copy", message)
 
 
 class ChangeTest(InitialisedTest):
@@ -356,7 +477,7 @@ class ChangeTest(InitialisedTest):
         self.fails(6, "wrong-password", "get", "a")
         self.assert_sound(password="new")
         self.assertEqual(["db"], [path.name for path in self.folder.iterdir()])
-        self.assertEqual(1, (self.folder / "db/kdf.dsc").read_text().count("scrypt"))
+        self.assertEqual(1, (self.folder / "db/kdf.dsc").read_text().count("kind=password"))
 
     def test_keep_old_keeps_the_database_as_it_was(self):
         self.change("--keep-old")
@@ -472,10 +593,10 @@ class SecrecyTest(InitialisedTest):
     def test_no_output_and_no_file_tells_a_secret(self):
         text = "hunter2 of the body"
         slot = SLOT.search((self.folder / "db/kdf.dsc").read_text())
-        p = hashlib.scrypt(PASSWORD.encode(), salt=bytes.fromhex(slot[4]), n=1 << int(slot[1]),
-                           r=8, p=1, dklen=32, maxmem=1 << 27).hex()
+        raw = hashlib.scrypt(PASSWORD.encode(), salt=bytes.fromhex(slot[4]), n=1 << int(slot[1]),
+                             r=8, p=1, dklen=32, maxmem=1 << 27).hex()
         digest = hashlib.sha256(text.encode()).hexdigest()  # tells whether a guess is right
-        forms = [form for secret in (PASSWORD, p, text, digest)
+        forms = [form for secret in (PASSWORD, raw, text, digest)
                  for form in (secret.encode(), secret.encode().hex().encode())]
         value = self.write("value", text)
         trace = self.folder / "trace"

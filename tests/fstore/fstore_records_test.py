@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
-"""Records: put, get, set, unset, show, ls, rm, dump, info."""
+"""Records: put, get, set, unset, show, ls, mv, rm, dump, info."""
 
 import filecmp
 import hashlib
 import os
+import shutil
 
 import pki
 import support
@@ -239,12 +240,38 @@ class AttributeTest(InitialisedTest):
         self.run_tool("set", "a", "label=")
         self.assertNotIn("label", self.run_tool("show", "a").text)
 
+    def test_what_would_be_too_large_to_read_is_not_written(self):
+        def refuses(*args):
+            before = self.files()
+            message = self.fails(4, "invalid", "set", "a", *args)
+            self.assertRegex(message, "cannot write settings/a: its attributes would take .* bytes")
+            self.assertEqual(before, self.files())
+        self.write("large", b"x" * (6 << 20))
+        self.run_tool("set", "a", "0x8001=@large", "0x8002=@large")
+        refuses("0x8003=@large")
+        refuses("0x8003:binary=" + "00" * (1 << 12), "0x8004:string=@large")
+        refuses("0x8003=@large", "--encrypt")
+        self.write("larger", b"x" * (9 << 20))
+        refuses("0x8001:binary=@larger")
+        self.assertEqual([6 << 20, 6 << 20], [len(one["value"]) for one in self.attributes()])
+        self.assert_sound()
+
+    def test_the_largest_that_is_written_can_be_read(self):
+        written = 0
+        for less in range(1000, 0, -200):
+            self.write("large", b"x" * ((16 << 20) - less))
+            run = support.fstore("-D", self.folder, "set", "a", "0x8001=@large", cwd=self.folder)
+            self.assertIn(run.code, (0, 4), run.message)
+            written += run.code == 0
+            self.assertIn("settings/a", self.run_tool("ls").text)
+        self.assertTrue(0 < written < 5, written)
+
     def test_internal_records_are_not_for_users(self):
         self.fails(4, "invalid", "set", "./key", "0x8001=x")
         self.fails(4, "invalid", "unset", "./kdf", "0x8001")
         self.fails(4, "invalid", "rm", "-f", "./key")
         self.fails(4, "invalid", "put", "./kdf", "-", stdin=b"x")
-        self.assertIn("digest", self.run_tool("show", "./kdf").text)
+        self.assertIn("box=", self.run_tool("show", "./kdf").text)
 
 
 class RemovalTest(InitialisedTest):
@@ -287,6 +314,77 @@ class RemovalTest(InitialisedTest):
         (self.folder / "db/settings/a.dsc").write_text("nonsense\n")
         self.run_tool("rm", "settings/a")
         self.assertNotIn("settings/a", self.records())
+
+
+class RenamingTest(InitialisedTest):
+    @classmethod
+    def fill(cls, folder):
+        for args in [("settings/a",), ("settings/b", "--plain-body"), ("keys/k",)]:
+            run = support.fstore("-D", folder, "put", *args, "-", stdin=b"of " + args[0].encode())
+            assert run.code == 0, run.message
+        run = support.fstore("-D", folder, "set", "a", "label=mine", "0x8001=x", "--encrypt")
+        assert run.code == 0, run.message
+
+    def shown(self, address):
+        record = self.run_tool("show", "-u", "--json", address).document["records"][0]
+        return {name: value for name, value in record.items() if name != "address"}
+
+    def test_keeps_everything_but_the_place(self):
+        before = self.shown("settings/a")
+        run = self.run_tool("mv", "a", "lsps/moved")
+        self.assertIn("renamed settings/a to lsps/moved", run.message)
+        self.assertEqual(["keys/k", "lsps/moved", "settings/b"], self.records())
+        self.assertEqual(before, self.shown("lsps/moved"))
+        self.assertEqual(b"of settings/a", self.body("moved"))
+        self.assert_sound()
+
+    def test_document_has_both_places(self):
+        document = self.run_tool("mv", "a", "settings/c", "--json").document
+        self.assertEqual(("settings/a", False), (document["from"], document["bodyKept"]))
+        record = document["records"][0]
+        self.assertEqual(("settings/c", True), (record["address"], record["body"]["encrypted"]))
+        self.assertNotIn("sha256", record)
+
+    def test_plain_record_needs_no_password(self):
+        self.run_tool("mv", "b", "crm/b", password=None)
+        self.assertEqual(b"of settings/b", self.body("crm/b", password=None))
+
+    def test_secret_record_needs_the_password(self):
+        self.fails(2, "usage", "mv", "a", "crm/a", password=None)
+        self.fails(6, "wrong-password", "mv", "a", "crm/a", password="wrong")
+        self.assertEqual(["keys/k", "settings/a", "settings/b"], self.records())
+
+    def test_nothing_is_replaced(self):
+        for place in ("settings/b", "settings/a", "keys/k"):
+            self.assertIn("already exists", self.fails(4, "invalid", "mv", "a", place))
+        (self.folder / "db/settings/link.dsc").symlink_to("nowhere")
+        self.assertIn("already exists", self.fails(4, "invalid", "mv", "a", "settings/link"))
+        self.assertEqual(b"of settings/b", self.body("b"))
+        self.assertEqual(b"of settings/a", self.body("settings/a"))
+
+    def test_refuses_what_is_not_there_or_not_for_users(self):
+        before = self.files()
+        self.assertIn("nowhere", self.fails(50, "missing", "mv", "a", "nowhere/a"))
+        self.assertIn("nothing", self.fails(50, "missing", "mv", "nothing", "settings/c"))
+        for args in [("./key", "settings/c"), ("a", "./kdf"), ("a", "c"), ("a", "sha256:00")]:
+            self.fails(4, "invalid", "mv", *args)
+        self.assertEqual(before, self.files())
+
+    def test_a_damaged_record_stays_where_it_is(self):
+        body = next(path for path in (self.folder / "db/settings").iterdir()
+                    if path.read_bytes() == b"of settings/b")
+        body.write_bytes(b"of another")
+        self.assertIn("SHA-256", self.fails(59, "malformed", "mv", "settings/b", "crm/b"))
+        self.assertIn("settings/b", self.records())
+        self.assertNotIn("crm/b", self.records())
+
+    def test_a_body_that_another_record_names_stays(self):
+        shutil.copy(self.folder / "db/settings/b.dsc", self.folder / "db/settings/copy.dsc")
+        run = self.run_tool("mv", "settings/b", "crm/b", "--json")
+        self.assertTrue(run.document["bodyKept"])
+        self.assertIn("copy.dsc", run.document["warnings"][0])
+        for address in ("settings/copy", "crm/b"):
+            self.assertEqual(b"of settings/b", self.body(address))
 
 
 class ListingTest(InitialisedTest):
@@ -411,7 +509,7 @@ class ListingTest(InitialisedTest):
         self.fails(50, "missing", "ls", "nowhere")
 
     def test_internal_records_are_listed_when_asked_for(self):
-        self.assertEqual(["./kdf", "./key"], self.listed(".")[:2])
+        self.assertEqual(["./kdf", "./kdf-copy", "./key"], self.listed(".")[:3])
 
     def test_secret_attributes_are_looked_at_when_unlocked(self):
         self.run_tool("set", "keys/server", "--encrypt", "0x8005=hunter2")
@@ -452,7 +550,10 @@ class InfoTest(FstoreTest):
         self.put("settings/a", b"x")
         document = self.run_tool("info", "--json", password=None).document
         self.assertEqual(f"{self.folder}/db", document["database"])
-        self.assertEqual({"kind": "scrypt", "ln": 14, "r": 8, "p": 1, "changeUnfinished": False},
+        slot = document["password"]["slots"][0]
+        self.assertRegex(slot.pop("made"), r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
+        self.assertEqual({"slot": 1, "kind": "password", "label": "", "ln": 14, "r": 8, "p": 1}, slot)
+        self.assertEqual({"kind": "slots", "slots": [slot], "changeUnfinished": False},
                          document["password"])
         self.assertEqual(1, document["records"])
         self.assertFalse(document["oldDatabase"])

@@ -54,6 +54,17 @@ class FullDiskTest(StorageTest):
         self.assertEqual([], self.records())
         self.assert_sound()
 
+    def test_files_that_may_not_grow(self):
+        large = self.write("large", os.urandom(100_000))
+        before = sorted(os.listdir(self.folder))
+        for args in [("put", "settings/new", "large"), ("put", "settings/a", "large"),
+                     ("backup", "out")]:
+            with self.subTest(args=args):
+                self.fails(9, "io", *args, prefix=["prlimit", "--fsize=8192"])
+                self.assertEqual(before, sorted(os.listdir(self.folder)))
+        large.unlink()
+        self.assert_unchanged()
+
     def test_a_small_file_system(self):
         # In a mount namespace of its own; where the system grants none, the tests above
         # have shown the same by failing calls.

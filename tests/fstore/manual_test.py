@@ -17,12 +17,13 @@ PAGE = (ROOT / "man/fstore.1.scd").read_text(encoding="utf-8")
 def examples():
     """The commands of the examples, and what each is said to print."""
     found = []
-    for line in PAGE.split("# EXAMPLES")[1].split("# SEE ALSO")[0].splitlines():
-        if line.startswith("\t$ "):
-            found.append((line[3:], ""))
-        elif line.startswith("\t"):
-            command, output = found[-1]
-            found[-1] = (command, output + line[1:] + "\n")
+    for block in PAGE.split("# EXAMPLES")[1].split("# SEE ALSO")[0].split("```")[1::2]:
+        for line in block.strip("\n").splitlines():
+            if line.startswith("$ "):
+                found.append((line[2:], ""))
+            else:
+                command, output = found[-1]
+                found[-1] = (command, output + line + "\n")
     return found
 
 
@@ -41,22 +42,27 @@ class ExamplesTest(FstoreTest):
 
 
 class OptionsTest(FstoreTest):
+    def commands(self, *above):
+        """The commands below these words, down to those that have none below them."""
+        below = self.run_tool(*above, "--help").text.partition("Subcommands")[2]
+        names = re.findall(r"^  ([\w-]+)  ", below, re.MULTILINE)
+        return [found for name in names for found in self.commands(*above, name)] or [above]
+
+    def options(self, *command):
+        return set(re.findall(r"--[a-z][a-z-]+", self.run_tool(*command, "--help").text))
+
     def test_every_option_of_every_command_is_told(self):
-        commands = re.findall(r"^  (\w+)  ", self.run_tool("--help").text.split("Subcommands")[1],
-                              re.MULTILINE)
-        self.assertGreater(len(commands), 15)
-        for command in ["", *commands]:
-            text = self.run_tool(*filter(None, [command]), "--help").text
-            section = PAGE.split(f"## {command}", 1)[1].split("\n## ")[0] if command else PAGE
-            for option in re.findall(r"--[a-z][a-z-]+", text):
-                if option != "--help":
-                    self.assertIn(option, section, command)
+        commands = self.commands()
+        self.assertGreater(len(commands), 20)
+        for command in [(), *commands]:
+            name = " ".join(command)
+            section = re.split(rf"^## {name}\b", PAGE, 1, re.MULTILINE)[1].split("\n## ")[0] \
+                if command else PAGE
+            for option in self.options(*command) - {"--help"}:
+                self.assertIn(option, section, name)
 
     def test_no_option_is_invented(self):
-        known = set()
-        for command in re.findall(r"^## ([a-z]+)", PAGE, re.MULTILINE):
-            known |= set(re.findall(r"--[a-z][a-z-]+", self.run_tool(command, "--help").text))
-        known |= set(re.findall(r"--[a-z][a-z-]+", self.run_tool("--help").text))
+        known = set().union(*map(lambda command: self.options(*command), [(), *self.commands()]))
         told = set(re.findall(r"--[a-z][a-z-]+", PAGE))
         self.assertEqual(set(), told - known)
 

@@ -53,12 +53,27 @@ class Terminal:
         self._read_to = self.seen.find(text, self._read_to) + len(text)
         # A prompt is shown when the terminal is silent already.
 
+    def read_again(self):
+        """Expects from the beginning again."""
+        self._read_to = 0
+
     def shows(self):
         """Whether the terminal shows what is typed."""
         return bool(termios.tcgetattr(self._master)[3] & termios.ECHO)
 
     def type(self, text):
         os.write(self._master, text.encode())
+
+    def await_stop(self):
+        """Waits until Ctrl-Z has stopped it."""
+        end = time.monotonic() + support.SECONDS
+        while os.waitpid(self.pid, os.WNOHANG | os.WUNTRACED) == (0, 0):
+            if time.monotonic() > end:
+                raise AssertionError("it was not stopped")
+            self._read_some(0.05)
+
+    def resume(self):
+        os.kill(self.pid, signal.SIGCONT)
 
     def hang_up(self):
         os.close(self._master)

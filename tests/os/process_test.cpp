@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -16,23 +15,13 @@
 
 #include "os/files.h"
 #include "os/terminal.h"
+#include "tests/support/in_child.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
 
+using support::inChild;
 using support::TempDir;
-
-// The exit code of a child that runs `body`; negative for a signal.
-template <class Body>
-int inChild(Body body) {
-    const pid_t child = fork();
-    if (child == 0) {
-        _exit(body());
-    }
-    int status = 0;
-    EXPECT_EQ(child, waitpid(child, &status, 0));
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
 
 TEST(LockFileTest, KindsExcludeEachOtherAsTabled) {
     using os::LockKind;
@@ -97,6 +86,18 @@ TEST(StreamsTest, ClosedOnesAreOccupied) {
               }));
 }
 
+TEST(StreamsTest, ClosedOnesTakeAndGiveNothing) {
+    EXPECT_EQ(0, inChild([] {
+                  (void)::close(0);
+                  (void)::close(1);
+                  const bool occupied = os::occupyStandardStreams();
+                  char byte = 0;
+                  const bool readFails = ::read(0, &byte, 1) < 0 && errno == EBADF;
+                  const bool writeFails = ::write(1, &byte, 1) < 0 && errno == EBADF;
+                  return occupied && readFails && writeFails ? 0 : 1;
+              }));
+}
+
 TEST(SignalsTest, EndTheProcessAndTakeTheUnfinishedFileAlong) {
     const struct {
         int signal;
@@ -147,6 +148,20 @@ TEST(SignalsTest, APipeWithoutReaderIsAFailureOfTheWrite) {
                       return 1;
                   }
                   return os::writeAll(ends[1], "x", 1) ? 0 : errno;
+              }));
+}
+
+TEST(SignalsTest, AFileThatMayNotGrowIsAFailureOfTheWrite) {
+    const TempDir folder;
+    const std::string path = folder.path() + "/file";
+    EXPECT_EQ(EFBIG, inChild([&] {
+                  os::installSignalHandlers();
+                  const rlimit most{4, 4};
+                  const os::File file = os::createAnew(path.c_str());
+                  if (!file || ::setrlimit(RLIMIT_FSIZE, &most) != 0) {
+                      return 1;
+                  }
+                  return os::writeAll(file.get(), "12345", 5) ? 0 : errno;
               }));
 }
 

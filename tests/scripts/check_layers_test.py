@@ -1,4 +1,4 @@
-"""check_layers.py lets through what steps down and catches what climbs."""
+"""check_layers.py lets through what steps down, catches what climbs, and asks for descriptions."""
 
 import unittest
 
@@ -89,7 +89,15 @@ BAD = [
 ]
 
 
+ROOMS = ("base", "records", "database", "pki", "terminal", "commands", "pkcs5", "common")
+
+
 class CheckLayersTest(ScriptTest):
+    def write(self, name, text):
+        """In a folder that describes its rooms."""
+        super().write(f"{name.split('/')[0]}/README.md", "".join(f"`{room}`\n" for room in ROOMS))
+        super().write(name, text)
+
     def test_lets_through_what_steps_down(self):
         for name, include in GOOD:
             self.write(name, "")
@@ -136,6 +144,17 @@ class CheckLayersTest(ScriptTest):
         self.write("lib/base/c.h", "")
         status, output = self.run_script("check_layers.py")
         self.assertEqual(0, status, output)
+
+    def test_each_room_is_described(self):
+        for folder in ("os", "lib", "tests"):
+            super().write(f"{folder}/a.h", "")
+        self.write("fstore/terminal/x.h", "")
+        self.write("fstore/pantry/x.h", "")
+        status, output = self.run_script("check_layers.py")
+        self.assertEqual(1, status)
+        for room in ("os", "lib", "tests", "fstore/pantry"):
+            self.assertIn(f"{room}/: no README.md", output)
+        self.assertNotIn("fstore/terminal", output)
 
     def test_an_empty_tree_is_no_success(self):
         status, _ = self.run_script("check_layers.py")

@@ -22,7 +22,10 @@ public:
 
     void warn(const std::string& text) override { heard.push_back("warning: " + text); }
     void note(const std::string& text) override { heard.push_back("note: " + text); }
-    void begin(const std::string& what, std::uint64_t) override { heard.push_back(what); }
+    void begin(const std::string& what, std::uint64_t) override {
+        heard.push_back(what);
+        whenBegun(what);
+    }
     void step() noexcept override { ++steps; }
     void end() noexcept override { ++ended; }
     bool isCancelled() noexcept override { return steps > cancelAfter; }
@@ -40,6 +43,7 @@ public:
     std::string answer;
     std::uint64_t cancelAfter = kNever;        // so many steps
     std::function<void()> whileAsked = [] {};  // what happens while somebody types
+    std::function<void(const std::string&)> whenBegun = [](const std::string&) {};
 };
 
 }  // namespace support

@@ -22,6 +22,7 @@ prefix=$work/prefix
 libdir=$(dirname "$(find "$prefix" -name libfilestore_client.a)")
 for file in bin/fstore lib/filestore/filestore.so lib/filestore/pkcs5.so \
     lib/filestore/pkixkey.so lib/filestore/x509cmn.so include/filestore/host/store_host.h \
+    include/filestore/filestore.h lib/python3/dist-packages/filestore/__init__.py \
     share/man/man1/fstore.1.gz share/man/man5/filestore.5.gz \
     share/bash-completion/completions/fstore share/zsh/vendor-completions/_fstore \
     share/fish/vendor_completions.d/fstore.fish; do
@@ -79,6 +80,23 @@ flags=$(pkg-config --cflags --libs filestore)
 # shellcheck disable=SC2086  # a list of words
 "$compiler" -std=c++20 "$here/../../examples/store_key.cpp" $flags -o "$work/client"
 run_client "$work/client" "$(pkg-config --variable=moduledir filestore)" "alice's key is stored"
+
+step "clients in C, built with CMake and with pkg-config, find the modules by themselves"
+run_client "$work/cmake/c_client" "" "kept"
+flags=$(pkg-config --cflags --libs filestore-c)
+# shellcheck disable=SC2086  # a list of words
+gcc -std=c99 -Wall -Wextra -Werror "$here/install/c_client.c" $flags -o "$work/c_client"
+export LD_LIBRARY_PATH=$libdir
+run_client "$work/c_client" "" "kept"
+
+step "the example in Python"
+cd "$work"
+echo secret >password
+export PYTHONPATH=$prefix/lib/python3/dist-packages PYTHONDONTWRITEBYTECODE=1
+python3 "$here/../../examples/notes.py" keys password milk "two bottles" || fail "notes.py"
+[ "$(python3 "$here/../../examples/notes.py" keys password milk)" = "two bottles" ] ||
+    fail "notes.py"
+unset LD_LIBRARY_PATH PYTHONPATH
 
 step "a client beside the modules finds them by itself"
 cp "$work/client" "$prefix/bin/client"

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <unordered_set>
@@ -32,6 +33,43 @@ std::string checkAgain(const ToolRecording& recording, const std::string& passwo
     return ran.code == 0 ? "" : "  " + describe(check) + ": " + ran.said + '\n';
 }
 
+std::string headOf(const ToolWorkload& workload) {
+    return workload.folder == "." ? "" : workload.folder + "/";
+}
+
+// Whether this is the one copy of what fits the key: a database from before there were slots has no
+// second one until a command has opened it, and an older program's change leaves it stale. Without
+// slots, as for a while in `key reset`, the key alone tells, and a backup or P brings it back.
+bool isOnlyCopy(const Tree& tree, const std::string& path) {
+    const std::string folder = path.substr(0, path.rfind('/') + 1);
+    if (path.ends_with("/key.dsc")) {
+        return !tree.contains(folder + "kdf.dsc") && !tree.contains(folder + "kdf-copy.dsc");
+    }
+    const auto key = tree.find(folder + "key.dsc");
+    if (key == tree.end()) {
+        return false;
+    }
+    const std::string& text = key->second.bytes;
+    const std::string digest = text.substr(text.rfind(' ') + 1, 32);
+    const auto other =
+        tree.find(folder + (path.ends_with("/kdf.dsc") ? "kdf-copy.dsc" : "kdf.dsc"));
+    return other == tree.end() || other->second.bytes.find(digest) == std::string::npos;
+}
+
+// What may become of a file; none: it is gone.
+std::vector<std::pair<std::string, std::optional<std::string>>> damagesOf(
+    const std::string& bytes) {
+    std::string altered = bytes;
+    const std::size_t at = bytes.find_last_of("0123456789abcdef");
+    if (at != std::string::npos) {
+        altered[at] = altered[at] == '0' ? '1' : '0';
+    }
+    return {{"lost", std::nullopt},
+            {"cut", bytes.substr(0, bytes.size() / 2)},
+            {"zeroed", std::string(bytes.size(), '\0')},
+            {"altered", altered}};
+}
+
 }  // namespace
 
 std::vector<fault::Event> inThisFolder(const std::vector<fault::Event>& events) {
@@ -51,7 +89,10 @@ ToolRecording record(const ToolWorkload& workload) {
     Promise& promise = recording.promise;
     promise.isWhole = workload.isWhole;
     promise.makes = workload.makes;
+    promise.replaces = workload.isWhole && !workload.makes;
     promise.bytes = workload.bytes;
+    promise.purges = workload.purges;
+    promise.between = workload.between;
     promise.before = look(workload.folder);
     stand(recording.start);
     {
@@ -73,12 +114,12 @@ std::string recoverAndJudge(const ToolRecording& recording, Acknowledged acknowl
     if (!seen.database || !wrong.empty()) {
         return wrong;
     }
-    const std::string& password = seen.database->password;
+    const std::string password = passwordOf(*seen.database);
     wrong += checkAgain(recording, password, {"--repair"});
     wrong += checkAgain(recording, password, {});
     const ToolState again = look(recording.workload.folder);
-    if (again.database != seen.database || again.kept != seen.kept || again.files != seen.files ||
-        !again.faults.empty()) {
+    if (again.database != seen.database || again.aside != seen.aside || again.kept != seen.kept ||
+        again.files != seen.files || !again.faults.empty()) {
         wrong += "  the repair has changed what was found\n";
     }
     return wrong + missingBytes(recording.promise, readCurrentFolder());
@@ -136,8 +177,11 @@ std::string ToolPowerLoss::outcomeOf(const Tree& tree, Model model, Acknowledged
         calls = inThisFolder(recorder.events());
     }
     if (wrong.empty() && std::any_of(calls.begin(), calls.end(), changesNames) &&
-        random_() % recoveries_ == 0) {
+        random_() % effort_.recoveries == 0) {
         wrong = breakRecovery(tree, calls, model, acknowledged);
+    }
+    if (wrong.empty() && (acknowledged == Acknowledged::kYes || random_() % effort_.damages == 0)) {
+        wrong = damageOneFile(tree, acknowledged);
     }
     return known->second = wrong;
 }
@@ -163,6 +207,47 @@ std::string ToolPowerLoss::breakRecovery(const Tree& tree, const std::vector<fau
     }
     count("tool: crash states within recovery", static_cast<long>(seen.size()) - 1);
     return first;
+}
+
+// One of the files that the password needs is lost, and with it nothing.
+std::string ToolPowerLoss::damageOneFile(const Tree& tree, Acknowledged acknowledged) {
+    for (const char* const name : {"kdf", "kdf-copy", "key"}) {
+        const std::string path = headOf(recording_.workload) + "db/" + name + ".dsc";
+        const auto found = tree.find(path);
+        if (found == tree.end() || isOnlyCopy(tree, path)) {
+            continue;
+        }
+        for (const auto& [what, bytes] : damagesOf(found->second.bytes)) {
+            Tree damaged = tree;
+            if (bytes) {
+                damaged[path].bytes = *bytes;
+            } else {
+                damaged.erase(path);
+            }
+            stand(damaged);
+            std::string wrong = judgeDamaged(acknowledged);
+            count("tool: crash states with a file of the password damaged");
+            if (!wrong.empty()) {
+                return "  with " + path + ' ' + what + ":\n" + wrong;
+            }
+        }
+    }
+    return {};
+}
+
+std::string ToolPowerLoss::judgeDamaged(Acknowledged acknowledged) {
+    const std::string& folder = recording_.workload.folder;
+    const ToolState seen = look(folder);
+    std::string wrong = judgeRecords(seen, recording_.promise, acknowledged);
+    if (!wrong.empty() || !seen.database) {
+        return wrong;
+    }
+    const Ran repaired = run({{"-D", folder, "check", "--repair"}, passwordOf(*seen.database)});
+    const ToolState again = look(folder);
+    if (again.database != seen.database || !again.faults.empty()) {
+        wrong += "  the repair has changed what was found: " + repaired.said;
+    }
+    return wrong;
 }
 
 std::string ToolFaults::findViolation(const Fault& fault) {

@@ -37,10 +37,18 @@ std::string recoverAndJudge(const ToolRecording& recording, Acknowledged acknowl
 
 class ToolPowerLoss {
 public:
-    // Of the trees that the recovery changes every `recoveries`th has its recovery broken off.
-    ToolPowerLoss(const ToolRecording& recording, const Limits& limits, std::size_t recoveries,
+    // How much of what takes long is tried.
+    struct Effort {
+        // Of the trees that the recovery changes, every so manyeth has its recovery broken off.
+        std::size_t recoveries;
+        // Of the trees before the command was acknowledged, every so manyeth has each file of the
+        // password damaged; the others all have.
+        std::size_t damages;
+    };
+
+    ToolPowerLoss(const ToolRecording& recording, const Limits& limits, const Effort& effort,
                   std::mt19937& random)
-        : recording_(recording), limits_(limits), recoveries_(recoveries), random_(random) {}
+        : recording_(recording), limits_(limits), effort_(effort), random_(random) {}
 
     // The first violation, with the calls and the files; empty when there is none.
     std::string findViolation(Model model);
@@ -49,10 +57,12 @@ private:
     std::string outcomeOf(const Tree& tree, Model model, Acknowledged acknowledged);
     std::string breakRecovery(const Tree& tree, const std::vector<fault::Event>& calls, Model model,
                               Acknowledged acknowledged);
+    std::string damageOneFile(const Tree& tree, Acknowledged acknowledged);
+    std::string judgeDamaged(Acknowledged acknowledged);
 
     const ToolRecording& recording_;
     const Limits limits_;
-    const std::size_t recoveries_;
+    const Effort effort_;
     std::mt19937& random_;
     std::unordered_map<std::uint64_t, std::string> outcomes_;  // by tree and phase
 };

@@ -14,6 +14,8 @@ namespace {
 
 constexpr Limits kEveryday{16, 4, 1, 1};
 constexpr Limits kTorture{256, 16, 3, 2};
+constexpr ToolPowerLoss::Effort kEverydayEffort{50, 200};
+constexpr ToolPowerLoss::Effort kTortureEffort{4, 8};
 
 class ToolCrashTest : public testing::TestWithParam<ToolWorkload> {
 protected:
@@ -29,11 +31,30 @@ private:
     Scratch scratch_;
 };
 
+// All else compares with this run: that it did what the command is for, it has to show itself.
+TEST_P(ToolCrashTest, DoesWhatItIsFor) {
+    const ToolRecording recording = record(GetParam());
+    ASSERT_EQ(0, recording.ran.code) << recording.ran.said;
+    const ToolState& before = recording.promise.before;
+    const ToolState& after = recording.promise.after;
+    const ToolWorkload::Result& expected = GetParam().result;
+    ASSERT_TRUE(after.database);
+    EXPECT_EQ(expected.openers, after.database->openers);
+    EXPECT_EQ(expected.records, after.database->records.size());
+    EXPECT_EQ(expected.kept, after.kept.size());
+    EXPECT_EQ(expected.lost, after.lost.size());
+    EXPECT_FALSE(after.aside);
+    if (expected.keepsRecords) {
+        EXPECT_EQ(before.database->records, after.database->records);
+    }
+}
+
 TEST_P(ToolCrashTest, LosesPower) {
     const ToolRecording recording = record(GetParam());
     ASSERT_EQ(0, recording.ran.code) << recording.ran.said;
     ASSERT_EQ("", judge(recording.promise.after, recording.promise, Acknowledged::kYes));
-    ToolPowerLoss loss(recording, isFull_ ? kTorture : kEveryday, isFull_ ? 4 : 50, random_);
+    ToolPowerLoss loss(recording, isFull_ ? kTorture : kEveryday,
+                       isFull_ ? kTortureEffort : kEverydayEffort, random_);
     for (const Model model : {Model::kKill, Model::kReordered, Model::kOrdered}) {
         const std::string violation = loss.findViolation(model);
         EXPECT_TRUE(violation.empty()) << violation;
@@ -57,7 +78,16 @@ TEST_P(ToolCrashTest, MeetsACallThatFails) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, ToolCrashTest, testing::ValuesIn(toolWorkloads()),
+// Of all workloads those of this part.
+std::vector<ToolWorkload> ofThisPart() {
+    std::vector<ToolWorkload> mine;
+    for (std::size_t i = part().index; i < toolWorkloads().size(); i += part().count) {
+        mine.push_back(toolWorkloads()[i]);
+    }
+    return mine;
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, ToolCrashTest, testing::ValuesIn(ofThisPart()),
                          [](const auto& one) { return one.param.name; });
 
 }  // namespace

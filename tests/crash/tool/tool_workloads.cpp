@@ -1,10 +1,14 @@
 #include "tests/crash/tool/tool_workloads.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 
+#include "client/s_filestoreC.h"
 #include "lib/database/database.h"
+#include "lib/database/slot_copies.h"
 #include "tests/crash/tree.h"
 #include "tests/support/recording_observer.h"
 
@@ -152,89 +156,307 @@ void makeWithImports() {
     }
 }
 
-std::vector<ToolWorkload> make() {
+void makeWithImportedKey() {
+    makeWithImports();
+    must({"import", "ed25519_key"});
+}
+
+// Enters the database in the current folder to change what its commands do not.
+template <class Change>
+void inDatabase(const char* password, Change change) {
+    support::RecordingObserver observer(password);
+    fstore::Database database({}, observer);
+    const fstore::Hold hold = database.enter(fstore::Access::kChange, fstore::Need::kSecrets);
+    change(database);
+}
+
+// With a key file, a recovery key and P itself beside it.
+void makeWithSlots() {
+    static Tree made;
+    fromTemplate(made, [] {
+        makeDatabase();
+        must({"key", "add", "--key-file", "file"});
+        must({"key", "add", "--recovery", "--sheet", "sheet"});
+        must({"key", "raw", "-o", "raw"});
+    });
+}
+
+// As older programs do it: with a line, and without a second copy.
+void changeToLine(fstore::Database& database, const char* password) {
+    fstore::Slot line;
+    line.ln = fstore::UnlockSlot::kLeastLn;
+    const fstore::SecretText p = fstore::deriveP(line, fstore::SecretText(password));
+    line.digest = fstore::digestOf(p);
+    aFileStoreSrv service{nullptr};
+    if (service.recrypt(database.p().c_str(), p.c_str()) != kOk) {
+        throw std::runtime_error("cannot change the password as an older program");
+    }
+    const fstore::UnlockRecord record{
+        .framed = false, .db = {}, .seq = 0, .sets = {{.line = line, .slots = {}}}};
+    fstore::writeCopy("kdf", record, /*keepOld=*/false);
+    fs::remove_all("old_db");
+}
+
+constexpr const char* kCopy = "db/kdf-copy.dsc";
+
+// From before there were slots.
+void makeWithLine() {
+    static Tree made;
+    fromTemplate(made, [] {
+        makeDatabase();
+        inDatabase(kPassword, [](auto& database) { changeToLine(database, kPassword); });
+        fs::remove(kCopy);  // which such a program does not know
+    });
+}
+
+// The same, after this program had copied the line and an older one changed the password.
+void makeChangedByOlder() {
+    static Tree made;
+    fromTemplate(made, [] {
+        makeWithLine();
+        inDatabase(kPassword, [](auto& /*database*/) {});  // copies the line
+        inDatabase(kPassword, [](auto& database) { changeToLine(database, kNewPassword); });
+    });
+}
+
+void makeWithoutKey() {
+    makeWithSlots();
+    fs::remove("db/key.dsc");
+}
+
+// A backup that was made while a change of the password was under way.
+void makeWithUnfinishedBackup() {
+    static Tree made;
+    fromTemplate(made, [] {
+        makeDatabase();
+        const Tree before = readCurrentFolder();
+        inDatabase(kPassword, [](auto& database) {
+            const fstore::Protection& now = database.protection();
+            fstore::writeSlots(
+                now, now.record.db,
+                {now.inForce, fstore::makeKey(fstore::SecretText(kNewPassword),
+                                              fstore::UnlockSlot::kLeastLn, now.record.db)
+                                  .set},
+                /*keepOld=*/true);
+        });
+        must({"backup", "backup.tar"});
+        clearBelow("db");
+        changeCurrentFolder(readCurrentFolder(), [&] {
+            Tree all = before;
+            all["backup.tar"] = readCurrentFolder().at("backup.tar");
+            return all;
+        }());
+        put("settings/more", "more");
+    });
+}
+
+std::vector<ToolWorkload> slotWorkloads() {
+    const std::string old = kPassword;
+    const std::string fresh = kNewPassword;
+    return {{.name = "key_add_password",
+             .command = {{"key", "add", "--cost", "14", "--label", "second"}},
+             .start = makeDatabase,
+             .result = {.keepsRecords = true, .openers = fresh + ", " + old}},
+            {.name = "key_add_file",
+             .command = {{"key", "add", "--key-file", "file"}},
+             .start = makeDatabase,
+             .result = {.keepsRecords = true, .openers = old + ", file"}},
+            {.name = "key_add_recovery",
+             .command = {{"key", "add", "--recovery", "--sheet", "sheet"}},
+             .start = makeDatabase,
+             .result = {.keepsRecords = true, .openers = old + ", sheet"}},
+            {.name = "key_rm",
+             .command = {{"key", "rm", "2"}},
+             .start = makeWithSlots,
+             .result = {.keepsRecords = true, .openers = old + ", raw, sheet"}},
+            {.name = "key_reset",
+             .command = {{"key", "reset", "--raw-key-file", "raw", "--cost", "14"}},
+             .start = makeWithSlots,
+             .between = "raw",
+             .result = {.keepsRecords = true, .openers = fresh + ", raw"}},
+            {.name = "passwd_rewrap",
+             .command = {{"passwd", "--rewrap", "--cost", "14"}},
+             .start = makeWithSlots,
+             .result = {.keepsRecords = true, .openers = fresh + ", file, raw, sheet"}},
+            {.name = "passwd_rotate",
+             .command = {{"passwd", "--rotate", "--cost", "14", "--with-key-file", "file",
+                          "--recovery", "--sheet", "sheet2"}},
+             .start = makeWithSlots,
+             .result = {.keepsRecords = true, .openers = fresh + ", file, sheet2"}},
+            {.name = "passwd_rotate_drop_others",
+             .command = {{"passwd", "--rotate", "--cost", "14", "--drop-others"}},
+             .start = makeWithSlots,
+             .result = {.keepsRecords = true, .openers = fresh}},
+            {.name = "passwd_from_a_line",
+             .command = {{"passwd", "--cost", "14"}},
+             .start = makeWithLine,
+             .result = {.keepsRecords = true, .openers = fresh}},
+            {.name = "put_into_a_line",
+             .command = {{"put", "settings/n", "input"}},
+             .start = makeWithLine,
+             .result = {.records = 4}},
+            {.name = "put_after_an_older_change",
+             .command = {{"put", "settings/n", "input"}, kNewPassword},
+             .start = makeChangedByOlder,
+             .result = {.records = 4, .openers = fresh}},
+            {.name = "put_without_key",
+             .command = {{"put", "settings/n", "input"}},
+             .start = makeWithoutKey,
+             .result = {.records = 4, .openers = old + ", file, raw, sheet"}},
+            {.name = "restore_of_an_unfinished_change",
+             .command = {{"restore", "backup.tar", "--replace"}},
+             .start = makeWithUnfinishedBackup,
+             .isWhole = true,
+             .result = {.kept = 1}}};
+}
+
+std::vector<ToolWorkload> recordWorkloads() {
     const auto nothing = [] {};
-    std::vector<ToolWorkload> all{
-        {"init", {{"init", "--cost", "14"}}, nothing, ".", true, true},
-        {"init_in_a_new_folder",
-         {{"-D", "sub", "init", "--cost", "14"}},
-         nothing,
-         "sub",
-         true,
-         true},
-        {"put_new", {{"put", "settings/n", "input"}}, makeDatabase},
-        {"put_new_plain", {{"put", "settings/n", "input", "--plain-body"}}, makeDatabase},
-        {"put_over", {{"put", "settings/a", "input"}}, makeDatabase},
-        {"set", {{"set", "keys/k", "label=x"}}, makeDatabase},
-        {"set_encrypted", {{"set", "keys/k", "0x8001=y", "--encrypt"}}, makeDatabase},
-        {"rm", {{"rm", "settings/a"}}, makeDatabase},
-        {"rm_two", {{"rm", "settings/a", "lsps/plain"}}, makeDatabase},
-        {"import",
-         {{"import", "leaf_pem", "ed25519_key", "request_pem", "crl_pem"}},
-         makeWithImports},
-        {"passwd", {{"passwd", "--cost", "14"}}, makeDatabase},
-        {"passwd_keep_old", {{"passwd", "--cost", "14", "--keep-old"}}, makeDatabase},
-        {"passwd_with_foreign_old", {{"passwd", "--cost", "14"}}, makeWithForeignOld},
-        {"passwd_without_password", {{"passwd", "--cost", "14"}}, makeWithoutPassword},
-        {"passwd_with_kept_and_copy", {{"passwd", "--cost", "14"}}, makeWithKeptAndCopy},
-        {"restore", {{"restore", "backup.tar"}}, makeBackupAlone, ".", true},
-        {"restore_in_a_new_folder",
-         {{"-D", "sub", "restore", "backup.tar"}},
-         makeBackupAlone,
-         "sub",
-         true},
-        {"restore_replace", {{"restore", "backup.tar", "--replace"}}, makeWithBackup, ".", true},
-        {"restore_replace_with_kept_and_copy",
-         {{"restore", "backup.tar", "--replace"}},
-         makeWithKeptAndCopy,
-         ".",
-         true},
-        {"restore_replace_with_foreign_old",
-         {{"restore", "backup.tar", "--replace"}},
-         makeWithForeignOld,
-         ".",
-         true},
-        {"check_repair",
-         {{"check", "--repair"}},
-         makeWithTraces,
-         ".",
-         false,
-         false,
-         {kOrphan, kHalf}},
-        {"check_repair_moved_aside",
-         {{"check", "--repair"}},
-         makeMovedAside,
-         ".",
-         false,
-         false,
-         {kOrphan, kHalf}},
-        {"check_undo",
-         {{"check", "--undo", kRepairTime}},
-         makeWithTwoRepairs,
-         ".",
-         false,
-         false,
-         {kOrphan, kHalf}},
-        {"check_purge", {{"check", "--purge", kRepairTime}}, makeWithTwoRepairs},
-        {"backup", {{"backup", "out"}}, makeDatabase},
-        {"backup_over", {{"backup", "out", "--force"}}, makeWithOutput},
-        {"get", {{"get", "settings/a", "-o", "out"}}, makeDatabase},
-        {"get_over", {{"get", "settings/a", "-o", "out", "--force"}}, makeWithOutput},
-        {"get_moved_aside", {{"get", "settings/a", "-o", "out"}}, makeMovedAside},
-        {"export",
-         {{"export", "keys/key-53b5a681", "--plain", "-o", "out"}},
-         [] {
-             makeWithImports();
-             must({"import", "ed25519_key"});
-         }},
-    };
-    return all;
+    return {{.name = "init",
+             .command = {{"init", "--cost", "14"}},
+             .start = nothing,
+             .isWhole = true,
+             .makes = true,
+             .result = {.records = 0}},
+            {.name = "init_in_a_new_folder",
+             .command = {{"-D", "sub", "init", "--cost", "14"}},
+             .start = nothing,
+             .folder = "sub",
+             .isWhole = true,
+             .makes = true,
+             .result = {.records = 0}},
+            {.name = "put_new",
+             .command = {{"put", "settings/n", "input"}},
+             .start = makeDatabase,
+             .result = {.records = 4}},
+            {.name = "put_new_plain",
+             .command = {{"put", "settings/n", "input", "--plain-body"}},
+             .start = makeDatabase,
+             .result = {.records = 4}},
+            {.name = "put_over",
+             .command = {{"put", "settings/a", "input"}},
+             .start = makeDatabase,
+             .result = {.records = 3}},
+            {.name = "set",
+             .command = {{"set", "keys/k", "label=x"}},
+             .start = makeDatabase,
+             .result = {.records = 3}},
+            {.name = "set_encrypted",
+             .command = {{"set", "keys/k", "0x8001=y", "--encrypt"}},
+             .start = makeDatabase,
+             .result = {.records = 3}},
+            {.name = "rm",
+             .command = {{"rm", "settings/a"}},
+             .start = makeDatabase,
+             .result = {.records = 2}},
+            {.name = "rm_two",
+             .command = {{"rm", "settings/a", "lsps/plain"}},
+             .start = makeDatabase,
+             .result = {.records = 1}},
+            {.name = "import",
+             .command = {{"import", "leaf_pem", "ed25519_key", "request_pem", "crl_pem"}},
+             .start = makeWithImports,
+             .result = {.records = 7}},
+            {.name = "passwd",
+             .command = {{"passwd", "--cost", "14"}},
+             .start = makeDatabase,
+             .result = {.keepsRecords = true, .openers = kNewPassword}},
+            {.name = "passwd_keep_old",
+             .command = {{"passwd", "--cost", "14", "--keep-old"}},
+             .start = makeDatabase,
+             .result = {.keepsRecords = true, .openers = kNewPassword, .kept = 1}},
+            {.name = "passwd_with_foreign_old",
+             .command = {{"passwd", "--cost", "14"}},
+             .start = makeWithForeignOld,
+             .result = {.records = 4, .keepsRecords = true, .openers = kNewPassword, .kept = 1}},
+            {.name = "passwd_without_password",
+             .command = {{"passwd", "--cost", "14"}},
+             .start = makeWithoutPassword,
+             .result = {.records = 1, .keepsRecords = true, .openers = kNewPassword}},
+            {.name = "passwd_with_kept_and_copy",
+             .command = {{"passwd", "--cost", "14"}},
+             .start = makeWithKeptAndCopy,
+             .result = {.records = 4, .keepsRecords = true, .openers = kNewPassword, .kept = 1}},
+            {.name = "restore",
+             .command = {{"restore", "backup.tar"}},
+             .start = makeBackupAlone,
+             .isWhole = true,
+             .result = {.records = 3}},
+            {.name = "restore_in_a_new_folder",
+             .command = {{"-D", "sub", "restore", "backup.tar"}},
+             .start = makeBackupAlone,
+             .folder = "sub",
+             .isWhole = true,
+             .result = {.records = 3}},
+            {.name = "restore_replace",
+             .command = {{"restore", "backup.tar", "--replace"}},
+             .start = makeWithBackup,
+             .isWhole = true,
+             .result = {.kept = 1}},
+            {.name = "restore_replace_with_kept_and_copy",
+             .command = {{"restore", "backup.tar", "--replace"}},
+             .start = makeWithKeptAndCopy,
+             .isWhole = true,
+             .result = {.kept = 2}},
+            {.name = "restore_replace_with_foreign_old",
+             .command = {{"restore", "backup.tar", "--replace"}},
+             .start = makeWithForeignOld,
+             .isWhole = true,
+             .result = {.kept = 2}},
+            {.name = "check_repair",
+             .command = {{"check", "--repair"}},
+             .start = makeWithTraces,
+             .bytes = {kOrphan, kHalf},
+             .result = {.keepsRecords = true, .lost = 2}},
+            {.name = "check_repair_moved_aside",
+             .command = {{"check", "--repair"}},
+             .start = makeMovedAside,
+             .bytes = {kOrphan, kHalf},
+             .result = {.keepsRecords = true, .lost = 2}},
+            {.name = "check_undo",
+             .command = {{"check", "--undo", kRepairTime}},
+             .start = makeWithTwoRepairs,
+             .bytes = {kOrphan, kHalf},
+             .result = {.keepsRecords = true, .lost = 1}},
+            {.name = "check_purge",
+             .command = {{"check", "--purge", kRepairTime}},
+             .start = makeWithTwoRepairs,
+             .purges = true,
+             .result = {.keepsRecords = true, .lost = 1}},
+            {.name = "backup",
+             .command = {{"backup", "out"}},
+             .start = makeDatabase,
+             .result = {.keepsRecords = true}},
+            {.name = "backup_over",
+             .command = {{"backup", "out", "--force"}},
+             .start = makeWithOutput,
+             .result = {.keepsRecords = true}},
+            {.name = "get",
+             .command = {{"get", "settings/a", "-o", "out"}},
+             .start = makeDatabase,
+             .result = {.keepsRecords = true}},
+            {.name = "get_over",
+             .command = {{"get", "settings/a", "-o", "out", "--force"}},
+             .start = makeWithOutput,
+             .result = {.keepsRecords = true}},
+            {.name = "get_moved_aside",
+             .command = {{"get", "settings/a", "-o", "out"}},
+             .start = makeMovedAside,
+             .result = {.keepsRecords = true}},
+            {.name = "export",
+             .command = {{"export", "keys/key-53b5a681", "--plain", "-o", "out"}},
+             .start = makeWithImportedKey,
+             .result = {.records = 4, .keepsRecords = true}}};
 }
 
 }  // namespace
 
 const std::vector<ToolWorkload>& toolWorkloads() {
-    static const std::vector<ToolWorkload> all = make();
+    static const std::vector<ToolWorkload> all = [] {
+        std::vector<ToolWorkload> both = recordWorkloads();
+        std::ranges::move(slotWorkloads(), std::back_inserter(both));
+        return both;
+    }();
     return all;
 }
 

@@ -12,13 +12,25 @@
 namespace crash {
 
 struct ToolWorkload {
+    // What is there when nothing goes wrong.
+    struct Result {
+        std::size_t records = 3;
+        bool keepsRecords = false;  // all are as before
+        std::string openers = kPassword;
+        std::size_t kept = 0;  // databases
+        std::size_t lost = 0;  // files in ./db.lost, but for plans
+    };
+
     std::string name;
     Command command;
     std::function<void()> start;  // fills the current folder, which is empty
     std::string folder = ".";     // that holds "db"
     bool isWhole = false;         // as in Promise
     bool makes = false;
+    bool purges = false;
+    std::string between = {};  // as in Promise
     std::vector<std::string> bytes = {};
+    Result result = {};
 };
 
 inline void PrintTo(const ToolWorkload& workload, std::ostream* out) {

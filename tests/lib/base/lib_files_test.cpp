@@ -76,5 +76,36 @@ TEST(RemoveTreeTest, EachFailingCallIsAFailureAndLeaksNothing) {
     }
 }
 
+// Whoever takes such a file for absent may overwrite it, or what stands for it.
+TEST(PresenceTest, WhatCannotBeExaminedIsNotAbsent) {
+    const support::TempWorkingDir folder;
+    support::writeFile("x", "x");
+    EXPECT_TRUE(exists("x"));
+    EXPECT_TRUE(isA(os::EntryType::kFile, "x"));
+    for (const int error : fault::errnosOf(fault::Call::kLstat)) {
+        SCOPED_TRACE(error);
+        {
+            const fault::FailingCall failing(1, error);
+            EXPECT_ANY_THROW((void)exists("x"));
+        }
+        const fault::FailingCall failing(1, error);
+        EXPECT_ANY_THROW((void)isA(os::EntryType::kFile, "x"));
+    }
+    EXPECT_FALSE(exists("y"));
+    EXPECT_FALSE(exists("x/y"));
+    EXPECT_FALSE(isA(os::EntryType::kFile, "y"));
+    EXPECT_FALSE(isA(os::EntryType::kFolder, "x"));
+}
+
+// A link is no body and no descriptor, wherever it leads.
+TEST(PresenceTest, ALinkIsNotOpened) {
+    const support::TempWorkingDir folder;
+    support::writeFile("x", "x");
+    std::filesystem::create_symlink("x", "link");
+    EXPECT_NO_THROW((void)openRegular("x"));
+    EXPECT_THROW((void)openRegular("link"), Failure);
+    EXPECT_THROW(readInPieces("link", [](std::span<const unsigned char>) {}), Failure);
+}
+
 }  // namespace
 }  // namespace fstore

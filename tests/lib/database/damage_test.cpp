@@ -2,7 +2,9 @@
 // no repair takes the only copy of anything, and what a repair moved comes back byte by byte.
 //
 // A share of the damage every day; all of it with FSTORE_LONG.
+#include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <set>
 #include <string>
@@ -47,7 +49,8 @@ void put(const Address& address, const std::string& body, bool encrypted) {
 
 void makeDatabase(Database& database) {
     const Hold hold = database.enter(Access::kChange, Need::kDatabase);
-    database.changePassword(makeSlot(SecretText("one"), Slot::kLeastLn), /*keepOld=*/false);
+    database.changePassword(makeKey(SecretText("one"), UnlockSlot::kLeastLn, database.idForSlots()),
+                            /*keepOld=*/false);
     put({"keys", "first"}, "the first key", /*encrypted=*/true);
     put({"keys", "second"}, "the second key", /*encrypted=*/true);
     put({"keys", "plain"}, "what everybody may know", /*encrypted=*/false);
@@ -118,6 +121,28 @@ protected:
         return before == "what everybody may know";
     }
 
+    // One of the two copies of the slots, which is written anew from the other, or the record
+    // "key", which the records prove. What was wrong with it may be kept in ./db.lost.
+    void tryDamagedCopy(const std::string& path, const std::string& bytes, const Damage& damage) {
+        SCOPED_TRACE(path + ": " + damage.what);
+        const auto sound = support::tree("db");
+        support::writeFile(path, damage.bytes);
+        const auto damaged = support::tree(".");
+        const CheckReport found = check(/*repair=*/false);
+        EXPECT_EQ(damaged, support::tree(".")) << "looking changes nothing";
+        const auto before = support::tree("db");
+        check(/*repair=*/true);
+        // A blank for a zero, or a digit in the other case, says the same.
+        const bool counts = std::ranges::none_of(found.findings, [](const Finding& finding) {
+            return finding.kind == Finding::Kind::kUnlockCopy ||
+                   finding.kind == Finding::Kind::kKeyRecord;
+        });
+        EXPECT_EQ(counts ? before : sound, support::tree("db"));
+        copiesWrittenAnew_ += !counts;
+        std::filesystem::remove_all("db.lost");
+        support::writeFile(path, bytes);
+    }
+
     void tryDamage(const std::string& path, const std::string& bytes, const Damage& damage) {
         SCOPED_TRACE(path + ": " + damage.what);
         support::writeFile(path, damage.bytes);
@@ -140,6 +165,7 @@ protected:
     const support::TempWorkingDir folder_;
     RecordingObserver observer_{"one"};
     Database database_{{}, observer_};
+    int copiesWrittenAnew_ = 0;
 };
 
 TEST_F(DamageTest, TakesNothingAwayForGood) {
@@ -154,7 +180,11 @@ TEST_F(DamageTest, TakesNothingAwayForGood) {
         }
         const std::vector<Damage> damages = damagesOf(bytes);
         for (; next < damages.size(); next += stride(), ++tried) {
-            tryDamage("./" + path, bytes, damages[next]);
+            if (path == "db/kdf.dsc" || path == "db/kdf-copy.dsc" || path == "db/key.dsc") {
+                tryDamagedCopy("./" + path, bytes, damages[next]);
+            } else {
+                tryDamage("./" + path, bytes, damages[next]);
+            }
             if (HasFailure()) {
                 return;
             }
@@ -162,6 +192,7 @@ TEST_F(DamageTest, TakesNothingAwayForGood) {
         next -= damages.size();
     }
     EXPECT_EQ(sound, support::tree("."));
+    EXPECT_LT(100, copiesWrittenAnew_);
     std::printf("damaged files checked, repaired and put back: %zu\n", tried);
 }
 

@@ -4,7 +4,10 @@
 
 #include <fcntl.h>
 
+#include <chrono>
+#include <filesystem>
 #include <string>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,13 +15,18 @@
 #include "lib/base/error.h"
 #include "lib/database/check.h"
 #include "lib/database/folders.h"
+#include "lib/database/stamp.h"
+#include "lib/database/unlock.h"
 #include "lib/records/record.h"
 #include "os/files.h"
 #include "tests/support/recording_observer.h"
+#include "tests/support/status_of.h"
 #include "tests/support/temp_dir.h"
 
 namespace fstore {
 namespace {
+
+using support::statusOf;
 
 using support::RecordingObserver;
 using testing::AnyOf;
@@ -33,8 +41,8 @@ bool canLock(os::LockKind kind) {
     return os::lockFile(folder, kind, 0) == os::Locked::kYes;
 }
 
-NewSlot slotFor(const std::string& password) {
-    return makeSlot(SecretText(password), Slot::kLeastLn);
+NewKey keyFor(const Database& database, const std::string& password) {
+    return makeKey(SecretText(password), UnlockSlot::kLeastLn, database.idForSlots());
 }
 
 // In the current folder, with one record that is kept encrypted.
@@ -42,7 +50,7 @@ void makeDatabase(const std::string& password) {
     RecordingObserver observer;
     Database database({}, observer);
     const Hold hold = database.enter(Access::kChange, Need::kDatabase);
-    database.changePassword(slotFor(password), /*keepOld=*/false);
+    database.changePassword(keyFor(database, password), /*keepOld=*/false);
     Record record(kSecret);
     const std::string body = "the body";
     record.setBody({reinterpret_cast<const unsigned char*>(body.data()), body.size()},
@@ -69,17 +77,6 @@ std::string openedBy(const std::string& password) {
     } catch (const Failure& failure) {
         return nameOf(failure.exitCode());
     }
-}
-
-// The status with which `body` fails; kOk when it does not.
-template <class Body>
-Status statusOf(Body body) {
-    try {
-        body();
-    } catch (const Failure& failure) {
-        return failure.status();
-    }
-    return kOk;
 }
 
 class DatabaseTest : public testing::Test {
@@ -296,7 +293,7 @@ TEST_F(DatabaseTest, AChangedPasswordIsInForceAtOnce) {
         Database database({}, observer);
         {
             const Hold hold = database.enter(Access::kChange, Need::kSecrets);
-            database.changePassword(slotFor("two"), /*keepOld=*/true);
+            database.changePassword(keyFor(database, "two"), /*keepOld=*/true);
             EXPECT_EQ("the body", bodyOf(database));
             EXPECT_FALSE(database.protection().isUnfinished());
         }
@@ -326,8 +323,8 @@ TEST_F(DatabaseTest, AChangeThatIsCancelledAnywhereLeavesOnePassword) {
             Database database({}, observer);
             const Hold hold = database.enter(Access::kChange, Need::kSecrets);
             observer.cancelAfter = steps;
-            const Status status =
-                statusOf([&] { database.changePassword(slotFor("two"), /*keepOld=*/false); });
+            const Status status = statusOf(
+                [&] { database.changePassword(keyFor(database, "two"), /*keepOld=*/false); });
             EXPECT_THAT(status, AnyOf(kOk, kInterrupted));
             cancelled = status != kOk;
         }
@@ -375,6 +372,157 @@ TEST_F(DatabaseTest, ARepairIsANoteFirstAndInTheReport) {
     EXPECT_EQ(2u, report.repaired.size());
     EXPECT_TRUE(report.findings.empty());
     EXPECT_EQ(0, observer.asked);
+}
+
+// A program's P: known from before, or worked out while nothing is locked.
+class Keys final : public KeySource {
+public:
+    std::optional<Unlocked> known(const Protection& protection) override {
+        EXPECT_FALSE(canLock(os::LockKind::kExclusive));
+        return isKnown ? std::optional(open(protection)) : std::nullopt;
+    }
+    Unlocked obtain(const Protection& protection) override {
+        ++obtained;
+        EXPECT_TRUE(canLock(os::LockKind::kExclusive));
+        whileObtaining();
+        return open(protection);
+    }
+
+    std::string password = "old";
+    bool isKnown = false;
+    int obtained = 0;
+    std::function<void()> whileObtaining = [] {};
+
+private:
+    Unlocked open(const Protection& protection) const {
+        UnlockSecret secret;
+        secret.text = SecretText(password);
+        return unlock(protection, secret, {});
+    }
+};
+
+class KeySourceTest : public DatabaseTest {
+protected:
+    KeySourceTest() { makeDatabase("old"); }
+
+    static void changePassword() {
+        RecordingObserver observer("old");
+        Database database({}, observer);
+        const Hold hold = database.enter(Access::kChange, Need::kSecrets);
+        database.changePassword(keyFor(database, "new"), /*keepOld=*/false);
+    }
+
+    std::string read() {
+        const Hold hold = database_.enter(Access::kReadNamed, Need::kSecrets);
+        return bodyOf(database_);
+    }
+
+    RecordingObserver observer_;
+    Keys keys_;
+    Database database_{{}, observer_, &keys_};
+};
+
+TEST_F(KeySourceTest, AKnownKeyOpensAndNobodyIsAsked) {
+    keys_.isKnown = true;
+    EXPECT_EQ("the body", read());
+    EXPECT_EQ(0, keys_.obtained);
+    EXPECT_EQ(0, observer_.asked);
+}
+
+TEST_F(KeySourceTest, AnUnknownKeyIsObtainedOnceWhileNothingIsLocked) {
+    EXPECT_EQ("the body", read());
+    EXPECT_EQ("the body", read());
+    EXPECT_EQ(1, keys_.obtained);
+    EXPECT_EQ(0, observer_.asked);
+}
+
+TEST_F(KeySourceTest, AWrongKeyOpensNothing) {
+    for (const bool isKnown : {true, false}) {
+        keys_.isKnown = isKnown;
+        keys_.password = "wrong";
+        EXPECT_EQ(kWrongPassword, statusOf([&] { (void)read(); }));
+        EXPECT_FALSE(database_.isOpen());
+    }
+}
+
+TEST_F(KeySourceTest, APasswordThatChangesMeanwhileIsObtainedAgain) {
+    keys_.whileObtaining = [&] {
+        if (keys_.obtained == 1) {
+            changePassword();
+        } else {
+            keys_.password = "new";
+        }
+    };
+    EXPECT_EQ("the body", read());
+    EXPECT_EQ(2, keys_.obtained);
+}
+
+TEST_F(KeySourceTest, ANamedReadSeesThatThePasswordHasChanged) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    EXPECT_EQ("the body", read());
+    EXPECT_EQ("the body", read());  // by what is known of "./db"
+    changePassword();
+    EXPECT_EQ(kWrongPassword, statusOf([&] { (void)read(); }));
+    keys_.password = "new";
+    EXPECT_EQ("the body", read());
+}
+
+class StampTest : public DatabaseTest {
+protected:
+    StampTest() {
+        std::filesystem::create_directory("db");
+        support::writeFile("db/a", "a");
+    }
+
+    // Longer than what counts as lately.
+    static std::optional<Stamp> takeSettled() {
+        std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        return Stamp::take();
+    }
+};
+
+TEST_F(StampTest, IsTheSameUntilSomethingChanges) {
+    EXPECT_FALSE(Stamp::take());  // it was made just now
+    const auto before = takeSettled();
+    ASSERT_TRUE(before);
+    support::writeFile("db/a", "b");  // in place, which shows in no folder
+    EXPECT_EQ(before, takeSettled());
+}
+
+TEST_F(StampTest, ShowsEachChangeOfAName) {
+    const struct {
+        const char* what;
+        void (*change)();
+    } changes[] = {
+        {"created", [] { support::writeFile("db/b", "b"); }},
+        {"renamed", [] { std::filesystem::rename("db/b", "db/a"); }},
+        {"removed", [] { std::filesystem::remove("db/a"); }},
+        {"another folder",
+         [] {
+             std::filesystem::rename("db", "old_db");
+             std::filesystem::create_directory("db");
+         }},
+    };
+    for (const auto& each : changes) {
+        const auto before = takeSettled();
+        ASSERT_TRUE(before) << each.what;
+        each.change();
+        EXPECT_FALSE(Stamp::take()) << each.what;
+        const auto after = takeSettled();
+        ASSERT_TRUE(after) << each.what;
+        EXPECT_NE(before, after) << each.what;
+    }
+}
+
+TEST_F(StampTest, ThereIsNoneOfTheFutureAndNoneOfAnotherKind) {
+    std::filesystem::last_write_time(
+        "db", std::filesystem::file_time_type::clock::now() + std::chrono::hours(1));
+    EXPECT_FALSE(takeSettled());
+    std::filesystem::remove_all("db");
+    EXPECT_FALSE(takeSettled());
+    std::filesystem::create_directory("elsewhere");
+    std::filesystem::create_directory_symlink("elsewhere", "db");
+    EXPECT_FALSE(takeSettled());
 }
 
 }  // namespace

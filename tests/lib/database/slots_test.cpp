@@ -86,22 +86,6 @@ TEST(SlotTest, NoSlotTakesMoreWorkThanTheLimit) {
     EXPECT_FALSE(excessOf(*parseSlot("none")));
 }
 
-TEST(DerivationTest, IsThatOfTheSlot) {
-    const SecretText password("correct horse");
-    NewSlot made = makeSlot(password, Slot::kLeastLn);
-    EXPECT_EQ(64u, made.p.size());
-    EXPECT_TRUE(hexDigits(made.p.view()));
-    EXPECT_EQ(made.p.view(), deriveP(made.slot, password).view());
-    EXPECT_NE(made.p.view(), deriveP(made.slot, SecretText("another")).view());
-    EXPECT_EQ(made.slot.digest, digestOf(made.p));
-}
-
-TEST(DerivationTest, SaltsAreFresh) {
-    const SecretText password("x");
-    EXPECT_NE(makeSlot(password, Slot::kLeastLn).slot.salt,
-              makeSlot(password, Slot::kLeastLn).slot.salt);
-}
-
 // RFC 7914 has no vector with a salt of 32 bytes; this one is of another implementation
 // (Python's hashlib, N=2^14, r=8, p=1).
 TEST(DerivationTest, AgreesWithAnotherImplementation) {

@@ -3,20 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "lib/base/error.h"
+#include "tests/support/status_of.h"
 
 namespace fstore {
 namespace {
 
-// The status that `call` throws, or kOk.
-template <class Call>
-Status statusOf(Call call) {
-    try {
-        (void)call();
-    } catch (const Failure& failure) {
-        return failure.status();
-    }
-    return kOk;
-}
+using support::statusOf;
 
 TEST(AddressTest, ReadsPlacesAsTabled) {
     const struct {

@@ -1,0 +1,17 @@
+// Secrets that are written to files: they do not belong beside the database that they open.
+#ifndef FSTORE_COMMANDS_BESIDE_DATABASE_H
+#define FSTORE_COMMANDS_BESIDE_DATABASE_H
+
+#include <string>
+
+#include "fstore/commands/cli.h"
+
+namespace fstore {
+
+// Warns when the file, which is there, lies in the folder of the database or in the database
+// itself. `what` is "key file" or the like.
+void warnIfBeside(const std::string& what, const std::string& file, Context& context);
+
+}  // namespace fstore
+
+#endif  // FSTORE_COMMANDS_BESIDE_DATABASE_H

@@ -1,0 +1,97 @@
+// fstore deploy: the certificate chain and the key of a host, in the files of a server.
+#include "lib/work/deploy.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "fstore/commands/commands.h"
+#include "fstore/commands/deploy_options.h"
+#include "fstore/commands/record_json.h"
+#include "fstore/terminal/json.h"
+#include "os/command.h"
+
+namespace fstore {
+namespace {
+
+// Runs the command; why it failed, if it did.
+std::optional<std::string> run(const std::vector<std::string>& words,
+                               const DeployOptions& options) {
+    const std::string& shown = *options.reload;
+    const os::CommandEnd end = os::runCommand(words, options.reloadSeconds);
+    if (end.isLate) {
+        return fmt::format(
+            "`{}` did not end within {} seconds, and was killed; --reload-timeout gives it longer",
+            shown, options.reloadSeconds);
+    }
+    if (end.error != 0) {
+        return fmt::format("cannot run `{}`: {}", shown,
+                           std::generic_category().message(end.error));
+    }
+    if (end.signal != 0) {
+        return fmt::format("signal {} ended `{}`", end.signal, shown);
+    }
+    return end.exitCode == 0
+               ? std::nullopt
+               : std::optional(fmt::format("`{}` ended with exit code {}", shown, end.exitCode));
+}
+
+void report(const Pair& pair, Deployed done, const DeployOptions& options, Output& output) {
+    const std::string certificate = pair.certificate.address.print();
+    switch (done) {
+        case Deployed::kUnchanged:
+            output.note(fmt::format("{} is deployed already; nothing was done", certificate));
+            break;
+        case Deployed::kReloaded:
+            output.note(fmt::format("{} was deployed, and is now loaded", certificate));
+            break;
+        case Deployed::kReplaced:
+            output.note(fmt::format("deployed {}", certificate));
+            break;
+    }
+    std::vector<std::string> files;
+    for (const SwitchedFile& file : pair.files) {
+        files.push_back(file.name);
+    }
+    output.document({{"records", Json::array({toJson(pair.certificate), toJson(pair.key)})},
+                     {"files", Json::array(files)},
+                     {"replaced", done == Deployed::kReplaced},
+                     {"reloaded", options.reload.has_value() && done != Deployed::kUnchanged}});
+}
+
+Status run(const DeployOptions& options, Context& context) {
+    const std::vector<std::string> words = reloadOf(options);
+    const DeployRules rules = rulesOf(options);
+    SwitchedFiles place(namesOf(rules), context.globals.lockSeconds);
+    const Pair pair = withSecrets(context.database, Access::kRead,
+                                  [&] { return pairFor(context.database, rules); });
+    for (const Failure& failure : pair.leftOut) {
+        context.output.warn(fmt::format("passed over: {}", failure.what()));
+    }
+    Reload reload;
+    if (!words.empty()) {
+        forgetPasswords();  // it inherits the environment
+        reload = [&] {
+            context.output.detail(fmt::format("running `{}`", *options.reload));
+            return run(words, options);
+        };
+    }
+    report(pair, deploy(place, pair.files, reload), options, context.output);
+    return kOk;
+}
+
+}  // namespace
+
+void addDeploy(Cli& cli) {
+    const auto options = std::make_shared<DeployOptions>();
+    Command& command =
+        cli.add("deploy", "Put the certificate and key of a host where a server reads them",
+                [options](Context& context) { return run(*options, context); });
+    addDeployOptions(command, options.get());
+}
+
+}  // namespace fstore

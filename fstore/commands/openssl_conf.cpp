@@ -1,0 +1,75 @@
+// fstore openssl-conf: the configuration with which OpenSSL finds the provider and the database.
+#include <string>
+#include <string_view>
+
+#include <fmt/format.h>
+
+#include "fstore/commands/commands.h"
+#include "fstore/terminal/json.h"
+#include "lib/base/files.h"
+
+namespace fstore {
+namespace {
+
+// The path as a value of openssl.cnf, where some characters mean something.
+std::string valueOf(const std::string& path) {
+    constexpr std::string_view kMeaning = "\\\"'`$#";
+    std::string value;
+    for (const char c : absolutePath(path)) {
+        if (static_cast<unsigned char>(c) < ' ') {
+            throw Failure(kInvalid, "a path with control characters cannot stand in openssl.cnf",
+                          path);
+        }
+        if (kMeaning.find(c) != std::string_view::npos) {
+            value += '\\';
+        }
+        value += c;
+    }
+    return value;
+}
+
+// What opens the database, as the provider's section has it.
+std::string secretIn(const SecretOptions& secret) {
+    if (secret.password.fd || secret.password.file == kStandardStream) {
+        throw Failure(kUsage,
+                      "a server needs a file: the password can be neither a descriptor nor the "
+                      "standard input");
+    }
+    if (secret.keyFile) {
+        return fmt::format("key-file = {}\n", valueOf(*secret.keyFile));
+    }
+    if (secret.password.file) {
+        return fmt::format("password-file = {}\n", valueOf(*secret.password.file));
+    }
+    return "# without one of the next lines the environment says it, or the program asks\n"
+           "#key-file = /etc/fstore/host.key\n"
+           "#password-file = /etc/fstore/password\n";
+}
+
+std::string configuration(const Globals& globals) {
+    return fmt::format(
+        "openssl_conf = openssl_init\n\n"
+        "[openssl_init]\nproviders = provider_sect\n\n"
+        "[provider_sect]\ndefault = default_sect\nfstore = fstore_sect\n\n"
+        "[default_sect]\nactivate = 1\n\n"
+        "[fstore_sect]\nactivate = 1\ndir = {}\n{}",
+        valueOf(globals.folder), secretIn(globals.secret));
+}
+
+Status run(Context& context) {
+    const std::string text = configuration(context.globals);
+    if (context.output.json()) {
+        context.output.document({{"text", text}});
+    } else {
+        context.output.raw(text);
+    }
+    return kOk;
+}
+
+}  // namespace
+
+void addOpensslConf(Cli& cli) {
+    (void)cli.add("openssl-conf", "Print what openssl.cnf needs for the provider", run);
+}
+
+}  // namespace fstore

@@ -1,0 +1,79 @@
+// fstore ref: a file that stands for a record where a program wants a key or certificate.
+#include <memory>
+#include <string>
+
+#include <fmt/format.h>
+
+#include "fstore/commands/commands.h"
+#include "fstore/commands/common_options.h"
+#include "fstore/terminal/json.h"
+#include "lib/base/files.h"
+#include "lib/work/reference.h"
+#include "lib/work/select.h"
+
+namespace fstore {
+namespace {
+
+struct Options {
+    std::string record;
+    std::string file{kStandardStream};
+    bool isPrivate = false;
+    bool force = false;
+};
+
+RecordUri uriOf(const std::string& text) {
+    constexpr std::string_view kScheme = "fstore:";
+    return text.starts_with(kScheme) ? parseUri(text) : RecordUri{text, std::nullopt};
+}
+
+// The record whose address is given in full, so that the reference does not become ambiguous with
+// the next import; a selector stays as it is. Throws what meaningOf() throws: a reference to
+// nothing would show in a server's log only.
+RecordUri checkedUri(Database& database, const std::string& text) {
+    RecordUri uri = uriOf(text);
+    const Meaning meaning = meaningOf(database, uri);
+    if (meaning.isFolder) {
+        throw Failure(kInvalid, fmt::format("{} is a folder; a reference is to one record", text));
+    }
+    if (!uri.selector) {
+        uri.path = meaning.records.front().address.print();
+    }
+    return uri;
+}
+
+Status run(const Options& options, Context& context) {
+    OutputFile file(options.file, options.force);
+    const RecordUri uri = withSecrets(context.database, Access::kRead,
+                                      [&] { return checkedUri(context.database, options.record); });
+    const std::string text = referenceOf(uri);
+    const bool inDocument = context.output.json() && file.isStandardOutput();
+    Json json = {{"uri", printUri(uri)}};
+    if (inDocument) {
+        json["text"] = text;
+    } else {
+        if (!options.isPrivate) {
+            file.allow(kReadableByAll);  // a server's workers read it, too
+        }
+        file.write({reinterpret_cast<const unsigned char*>(text.data()), text.size()});
+        file.commit();
+    }
+    context.output.document(json);
+    return kOk;
+}
+
+}  // namespace
+
+void addRef(Cli& cli) {
+    const auto options = std::make_shared<Options>();
+    Command& command = cli.add("ref", "Write a file that stands for a record",
+                               [options](Context& context) { return run(*options, context); });
+    command.argument("ADDRESS", &options->record,
+                     "An address, or a URI: fstore:///?for=www.example.com&type=key");
+    command.option("-o,--output", "FILE", &options->file,
+                   "The file, readable by all: it holds no secret");
+    command.flag("--private", &options->isPrivate,
+                 "Readable by its owner only, for programs that insist");
+    addForce(command, &options->force);
+}
+
+}  // namespace fstore

@@ -1,0 +1,342 @@
+#include "lib/base/switched_files.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstddef>
+#include <string_view>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "lib/base/error.h"
+#include "lib/base/files.h"
+#include "os/files.h"
+#include "os/links.h"
+#include "os/process.h"
+
+namespace fstore {
+namespace {
+
+constexpr const char* kBefore = "before";
+constexpr const char* kNew = "new";
+constexpr const char* kNothing = "nothing";  // the text of the link "before", where nothing was
+constexpr mode_t kForAll = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH;
+constexpr mode_t kPermissions = S_IRWXU | S_IRWXG | S_IRWXO;
+
+using Type = os::EntryType;
+
+std::string folderOf(const std::string& path) {
+    return path.substr(0, path.rfind('/'));
+}
+
+std::string nameOf(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+[[noreturn]] void refuse(const std::string& path, const std::string& why) {
+    throw Failure(kInvalid, fmt::format("{} {}", path, why), path);
+}
+
+void requireName(const std::string& path, const std::string& given) {
+    const std::string name = nameOf(path);
+    if (name.empty() || name == "." || name == "..") {
+        refuse(given, "cannot be replaced as a whole; name a file, or a folder by its own name");
+    }
+}
+
+// What is put in place: the one file, or the folder of all of them.
+std::string placeOf(const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+        requireName(name, name);
+        if (folderOf(name) != folderOf(names.front())) {
+            refuse(name, fmt::format("is not in the folder of {}; files that belong together are "
+                                     "one file, or files of one folder",
+                                     names.front()));
+        }
+    }
+    if (names.size() == 1) {
+        return names.front();
+    }
+    requireName(folderOf(names.front()), names.front());
+    return folderOf(names.front());
+}
+
+struct stat statusOf(const std::string& path) {
+    struct stat status {};
+    if (os::lstat(path.c_str(), &status) != 0) {
+        failWithErrno("examine", path);
+    }
+    return status;
+}
+
+// Whoever can rename a folder on the way to the files could put a link in its place at any time,
+// and have this process, which may be root's, read, write and remove elsewhere.
+void requireOwnFolder(const std::string& folder) {
+    const struct stat status = statusOf(folder);
+    const bool othersWrite =
+        (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (status.st_mode & S_ISVTX) == 0;
+    if (othersWrite || !(os::isOwn(status) || status.st_uid == 0)) {
+        refuse(folder,
+               "belongs to somebody else, or others can write it, who could have fstore write "
+               "elsewhere; run it as the user whom the folder belongs to, or name another folder");
+    }
+}
+
+// The path without links on the way to the name.
+std::string inRealFolder(const std::string& path) {
+    const std::string given = folderOf(path) + "/";
+    const std::string folder = realPath(given);
+    if (folder.empty()) {
+        failWithErrno("find the folder", given);
+    }
+    for (std::size_t end = folder.size(); end != std::string::npos && end != 0;
+         end = folder.rfind('/', end - 1)) {
+        requireOwnFolder(folder.substr(0, end));
+    }
+    requireOwnFolder("/");
+    return joined(folder, nameOf(path));
+}
+
+std::string linkText(const std::string& path) {
+    auto text = os::readLink(path.c_str());
+    if (!text) {
+        failWithErrno("read the link", path);
+    }
+    return *std::move(text);
+}
+
+// The number that the name is, or 0.
+unsigned int numberOf(std::string_view name) {
+    unsigned int number = 0;
+    const auto [rest, error] = std::from_chars(name.data(), name.data() + name.size(), number);
+    return error == std::errc() && rest == name.data() + name.size() ? number : 0;
+}
+
+void removeFile(const std::string& path) {
+    if (os::remove(path.c_str()) != 0 && errno != ENOENT) {
+        failWithErrno("remove", path);
+    }
+}
+
+void writeFile(const std::string& path, const SecretBytes& bytes, mode_t mode) {
+    OutputFile file(path, true);
+    file.allow(mode);
+    file.write(bytes);
+    file.commit();
+}
+
+void writeLink(const std::string& path, const std::string& text) {
+    removeFile(path);
+    if (!os::makeLink(text.c_str(), path.c_str())) {
+        failWithErrno("make the link", path);
+    }
+    syncFolder(folderOf(path));
+}
+
+SecretBytes readFile(const std::string& path) {
+    constexpr std::uint64_t kMost = 64U << 20;  // far more than is ever written here
+    return InputFile(path).readAll(kMost);
+}
+
+// A file or a link, as it is.
+void copy(const std::string& from, const std::string& to) {
+    if (isA(Type::kLink, from)) {
+        writeLink(to, linkText(from));
+    } else {
+        writeFile(to, readFile(from), statusOf(from).st_mode & kPermissions);
+    }
+}
+
+bool isFile(const std::string& path, const SwitchedFile& expected) {
+    return isA(Type::kFile, path) && (statusOf(path).st_mode & kPermissions) == expected.mode &&
+           readFile(path) == expected.bytes;
+}
+
+}  // namespace
+
+SwitchedFiles::SwitchedFiles(const std::vector<std::string>& names, double lockSeconds)
+    : path_(inRealFolder(placeOf(names))),
+      stateName_(fmt::format(".{}.fstore", nameOf(path_))),
+      state_(joined(folderOf(path_), stateName_)),
+      isFolder_(names.size() > 1) {
+    refuseOther();
+    lock(lockSeconds);
+    refuseOther();  // it may have come while we waited
+    removeLeftovers();
+}
+
+SwitchedFiles::~SwitchedFiles() {
+    // Succeeds when nothing was ever put in place.
+    (void)os::rmdir(state_.c_str());
+}
+
+void SwitchedFiles::refuseOther() const {
+    const Type type = typeOf(path_);
+    if (type == Type::kUnknown || (type == Type::kFile && !isFolder_)) {
+        return;
+    }
+    if (!isFolder_) {
+        refuse(path_, type == Type::kLink
+                          ? "is a link, which fstore does not follow; name the file itself"
+                          : "is not a file; name another one, or move it aside");
+    }
+    if (type != Type::kLink || !folderInUse(path_)) {
+        refuse(path_,
+               "is in the way: the files of a folder change together only if fstore makes the "
+               "folder; move it aside, name a folder that is not there, or one file for all");
+    }
+}
+
+// A folder that others can write would let them choose what is put in place.
+void SwitchedFiles::lock(double seconds) {
+    do {
+        if (os::mkdir(state_.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+            failWithErrno("create the folder", state_);
+        }
+        lock_ = os::openFile(state_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+        struct stat status {};
+        if (!lock_ || os::fstat(lock_.get(), &status) != 0) {
+            failWithErrno("open the folder", state_);
+        }
+        if (!os::isOwn(status) || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+            refuse(state_, "belongs to somebody else, or others can write it; remove it");
+        }
+        const os::Locked locked = os::lockFile(lock_, os::LockKind::kExclusive, seconds);
+        if (locked == os::Locked::kFailed) {
+            failWithErrno("lock the folder", state_);
+        }
+        if (locked == os::Locked::kBusy) {
+            throw Failure(kAlreadyOpen,
+                          fmt::format("another process is replacing {}; try again later, or wait "
+                                      "longer with --lock-timeout",
+                                      path_),
+                          path_);
+        }
+    } while (!hasLockedState());
+    if (!os::setPermissions(lock_, kForAll)) {
+        failWithErrno("let others read", state_);
+    }
+}
+
+// Whether the folder that is locked is the one with the name: who had it before may have removed
+// it.
+bool SwitchedFiles::hasLockedState() const {
+    struct stat locked {
+    }, named{};
+    if (os::fstat(lock_.get(), &locked) != 0) {
+        failWithErrno("examine", state_);
+    }
+    return os::lstat(state_.c_str(), &named) == 0 && locked.st_dev == named.st_dev &&
+           locked.st_ino == named.st_ino;
+}
+
+std::string SwitchedFiles::inState(const std::string& name) const {
+    return joined(state_, name);
+}
+
+// The name in the state of the folder that the link leads to, if it is one of those.
+std::optional<std::string> SwitchedFiles::folderInUse(const std::string& link) const {
+    const auto text = os::readLink(link.c_str());
+    if (!text || !text->starts_with(stateName_ + "/")) {
+        return std::nullopt;
+    }
+    std::string name = text->substr(stateName_.size() + 1);
+    return numberOf(name) != 0 ? std::optional(std::move(name)) : std::nullopt;
+}
+
+void SwitchedFiles::removeLeftovers() const {
+    const auto current = folderInUse(path_), before = folderInUse(inState(kBefore));
+    for (const FolderEntry& entry : listFolder(state_)) {
+        if (entry.name != kBefore && entry.name != current && entry.name != before) {
+            removeTree(inState(entry.name));
+        }
+    }
+}
+
+bool SwitchedFiles::hold(const std::vector<SwitchedFile>& files) const {
+    if (!isFolder_) {
+        return files.size() == 1 && isFile(path_, files.front());
+    }
+    return !isA(Type::kUnknown, path_) && readFolder(path_ + "/").size() == files.size() &&
+           std::ranges::all_of(files,
+                               [](const SwitchedFile& file) { return isFile(file.name, file); });
+}
+
+bool SwitchedFiles::isPending() const {
+    return exists(inState(kBefore));
+}
+
+void SwitchedFiles::replace(const std::vector<SwitchedFile>& files) {
+    if (isFolder_) {
+        writeLink(inState(kNew), joined(stateName_, writeFolder(files)));
+    } else {
+        writeFile(inState(kNew), files.front().bytes, files.front().mode);
+    }
+    if (!isPending()) {
+        keepBefore();
+    }
+    put();
+}
+
+// Under a name that was not in use before: a program may be reading the folder of the last one.
+std::string SwitchedFiles::writeFolder(const std::vector<SwitchedFile>& files) const {
+    unsigned int last = 0;
+    for (const FolderEntry& entry : readFolder(state_)) {
+        last = std::max(last, numberOf(entry.name));
+    }
+    std::string name = std::to_string(last + 1);
+    const std::string path = inState(name);
+    if (os::mkdir(path.c_str(), S_IRWXU) != 0) {
+        failWithErrno("create the folder", path);
+    }
+    for (const SwitchedFile& file : files) {
+        writeFile(joined(path, nameOf(file.name)), file.bytes, file.mode);
+    }
+    const os::File folder = os::openFile(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (!folder || !os::setPermissions(folder, kForAll)) {
+        failWithErrno("let others read", path);
+    }
+    syncFolder(path);
+    return name;
+}
+
+void SwitchedFiles::keepBefore() const {
+    if (isA(Type::kUnknown, path_)) {
+        writeLink(inState(kBefore), kNothing);
+    } else {
+        copy(path_, inState(kBefore));
+    }
+}
+
+void SwitchedFiles::put() const {
+    const std::string from = inState(kNew);
+    if (os::rename(from.c_str(), path_.c_str()) != 0) {
+        failWithErrno("replace", path_);
+    }
+    syncFolder(folderOf(path_) + "/");
+}
+
+bool SwitchedFiles::restore() {
+    const std::string before = inState(kBefore);
+    if (isA(Type::kLink, before) && linkText(before) == kNothing) {
+        removeFile(path_);
+        syncFolder(folderOf(path_) + "/");
+        return false;
+    }
+    copy(before, inState(kNew));
+    put();
+    return true;
+}
+
+void SwitchedFiles::settle() {
+    if (isPending()) {
+        removeFile(inState(kBefore));
+        syncFolder(state_);  // a "before" that came back would lead to a folder that is removed
+    }
+    removeLeftovers();
+}
+
+}  // namespace fstore

@@ -1,0 +1,113 @@
+#include "lib/work/deploy.h"
+
+#include <algorithm>
+#include <span>
+#include <string_view>
+
+#include <fmt/format.h>
+
+#include "lib/base/files.h"
+#include "lib/pki/encode.h"
+#include "lib/work/object_record.h"
+#include "lib/work/reference.h"
+#include "lib/work/select.h"
+
+namespace fstore {
+namespace {
+
+// Adds to what goes into the file.
+void add(std::vector<SwitchedFile>& files, const std::string& name,
+         std::span<const unsigned char> bytes, mode_t mode) {
+    auto file = std::ranges::find(files, name, &SwitchedFile::name);
+    if (file == files.end()) {
+        file = files.insert(file, {name, {}, mode});
+    }
+    file->bytes.insert(file->bytes.end(), bytes.begin(), bytes.end());
+    file->mode = std::min(file->mode, mode);  // a secret in it makes all of it one
+}
+
+std::span<const unsigned char> bytesOf(const std::string& text) {
+    return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
+}
+
+SecretBytes pemOfRecord(Database& database, const RecordInfo& info) {
+    return pemOf(info.kind, readObject(database, info.address).body());
+}
+
+// Puts back what was there before the reload failed, and reports what came of it.
+[[noreturn]] void rollBack(SwitchedFiles& place, const Reload& reload, const std::string& why) {
+    const std::string what = fmt::format("the reload failed: {}", why);
+    if (!place.restore()) {
+        place.settle();
+        throw Failure(kForeign, what + "; there were no files before, so the new ones are removed");
+    }
+    if (const auto again = reload()) {
+        throw Failure(kForeign,
+                      fmt::format("{}; the files from before are back, but their reload failed, "
+                                  "too: {}; see to the program, then deploy again",
+                                  what, *again));
+    }
+    place.settle();
+    throw Failure(kForeign, what + "; the files from before are back, and loaded again");
+}
+
+}  // namespace
+
+std::vector<std::string> namesOf(const DeployRules& rules) {
+    if (!rules.ref && !rules.key) {
+        throw Failure(kUsage,
+                      "name the file for the key's reference with --ref, or the file for "
+                      "the key itself with --key");
+    }
+    if (rules.ref == rules.key) {
+        throw Failure(kUsage, "--ref and --key name one file, which would then have two keys");
+    }
+    std::vector<std::string> names{rules.chain};
+    for (const auto& name : {rules.ref, rules.key}) {
+        if (name && std::ranges::find(names, *name) == names.end()) {
+            names.push_back(*name);
+        }
+    }
+    return names;
+}
+
+Pair pairFor(Database& database, const DeployRules& rules) {
+    Selected selected = select(database, rules.selector);
+    const mode_t mode = rules.isPrivate ? kReadableByOwner : kReadableByAll;
+    Pair pair;
+    add(pair.files, rules.chain, pemOfRecord(database, selected.certificate), mode);
+    for (const RecordInfo& issuer : selected.issuers) {
+        add(pair.files, rules.chain, pemOfRecord(database, issuer), mode);
+    }
+    if (rules.ref) {
+        const RecordUri uri{selected.key.address.print(), std::nullopt};
+        add(pair.files, *rules.ref, bytesOf(referenceOf(uri)), mode);
+    }
+    if (rules.key) {
+        add(pair.files, *rules.key, pemOfRecord(database, selected.key), kReadableByOwner);
+    }
+    pair.certificate = std::move(selected.certificate);
+    pair.key = std::move(selected.key);
+    pair.leftOut = std::move(selected.leftOut);
+    return pair;
+}
+
+Deployed deploy(SwitchedFiles& place, const std::vector<SwitchedFile>& files,
+                const Reload& reload) {
+    const bool held = place.hold(files);
+    if (held && !place.isPending()) {
+        return Deployed::kUnchanged;
+    }
+    if (!held) {
+        place.replace(files);
+    }
+    if (reload) {
+        if (const auto why = reload()) {
+            rollBack(place, reload, *why);
+        }
+    }
+    place.settle();
+    return held ? Deployed::kReloaded : Deployed::kReplaced;
+}
+
+}  // namespace fstore

@@ -1,0 +1,205 @@
+#include "lib/work/export.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "lib/pki/chain.h"
+#include "lib/pki/encode.h"
+#include "lib/records/catalogue.h"
+#include "lib/records/record.h"
+#include "lib/records/record_head.h"
+#include "lib/work/object_record.h"
+
+namespace fstore {
+namespace {
+
+// A certificate or key of the database that may go with the one of the address.
+struct Candidate {
+    RecordInfo info;
+    SecretBytes der;
+};
+
+SecretBytes bodyOf(const Record& record) {
+    return {record.body().begin(), record.body().end()};
+}
+
+// The failures of damaged records go to `leftOut`.
+std::vector<Candidate> candidatesOf(Kind kind, Database& database, std::vector<Failure>& leftOut) {
+    std::vector<Candidate> found;
+    Unread elsewhere;  // as damaged records
+    for (const Address& address : allRecords(&elsewhere)) {
+        try {
+            if (infoOf(RecordHead::read(address)).kind == kind) {
+                const Record record = readObject(database, address);
+                found.push_back({infoOf(record), bodyOf(record)});
+            }
+        } catch (const Failure& failure) {
+            leftOut.push_back(failure);
+        }
+    }
+    return found;
+}
+
+// The one for this public key; of several the one that ends last.
+std::optional<Candidate> candidateFor(const std::string& keySha256,
+                                      std::vector<Candidate> candidates) {
+    std::erase_if(candidates, [&](const Candidate& candidate) {
+        return candidate.info.keySha256 != keySha256 || keySha256.empty();
+    });
+    const auto last = std::ranges::max_element(candidates, {}, [](const Candidate& candidate) {
+        return candidate.info.notAfter;  // none comes before all
+    });
+    return last == candidates.end() ? std::nullopt : std::optional(std::move(*last));
+}
+
+void addChain(Selection& selection, std::vector<Candidate> known) {
+    if (selection.certificates.empty()) {
+        return;
+    }
+    std::vector<SecretBytes> ders;
+    ders.reserve(known.size());
+    for (Candidate& candidate : known) {
+        ders.push_back(std::move(candidate.der));
+    }
+    const Chain chain = chainOf(selection.certificates.front(), ders);
+    for (const std::size_t issuer : chain.issuers) {
+        selection.certificates.push_back(ders[issuer]);
+    }
+    selection.chainIsComplete = chain.complete;
+}
+
+void refuseUnlessExportable(const RecordInfo& info, const ExportRules& rules) {
+    const bool known = info.kind == Kind::kCertificate || info.kind == Kind::kKey ||
+                       info.kind == Kind::kCrl || info.kind == Kind::kRequest;
+    if (!known || !info.hasBody) {
+        throw Failure(
+            kInvalid,
+            fmt::format("{} is a {}, which has no such format; `fstore get` writes its body",
+                        info.address.print(), nameOf(info.kind)),
+            info.address.print());
+    }
+    const bool alone = info.kind == Kind::kCrl || info.kind == Kind::kRequest;
+    if (alone && (rules.chain || rules.format == ExportRules::Format::kPkcs12)) {
+        throw Failure(kInvalid,
+                      fmt::format("{} is a {}, which has no chain and does not go into PKCS#12",
+                                  info.address.print(), nameOf(info.kind)),
+                      info.address.print());
+    }
+}
+
+void append(SecretBytes& bytes, const SecretBytes& more) {
+    bytes.insert(bytes.end(), more.begin(), more.end());
+}
+
+SecretBytes encodePem(const Selection& selection, const SecretText* password) {
+    SecretBytes text;
+    if (selection.key) {
+        append(text, password != nullptr ? pemOfEncrypted(encryptedKey(*selection.key, *password))
+                                         : pemOf(Kind::kKey, *selection.key));
+    }
+    for (const SecretBytes& certificate : selection.certificates) {
+        append(text, pemOf(Kind::kCertificate, certificate));
+    }
+    if (!selection.other.empty()) {
+        append(text, pemOf(selection.info.kind, selection.other));
+    }
+    return text;
+}
+
+SecretBytes encodeDer(const Selection& selection, const SecretText* password) {
+    if (selection.key) {
+        return password != nullptr ? encryptedKey(*selection.key, *password) : *selection.key;
+    }
+    return selection.certificates.empty() ? selection.other : selection.certificates.front();
+}
+
+SecretBytes encodePkcs12(const Selection& selection, const SecretText* password) {
+    Pkcs12Content content;
+    if (selection.key) {
+        content.key = *selection.key;
+    }
+    content.certificates.assign(selection.certificates.begin(), selection.certificates.end());
+    content.label =
+        selection.info.label.empty() ? selection.info.address.name : selection.info.label;
+    return pkcs12Of(content, password);
+}
+
+}  // namespace
+
+void refuseRules(const ExportRules& rules) {
+    if (rules.chain && rules.format == ExportRules::Format::kDer) {
+        throw Failure(kUsage, "a chain is written as PEM or PKCS#12: DER is one object");
+    }
+}
+
+Selection selectForExport(Database& database, const Address& address, const ExportRules& rules) {
+    refuseRules(rules);
+    const Record record = readObject(database, address);
+    Selection selection;
+    selection.info = infoOf(record);
+    refuseUnlessExportable(selection.info, rules);
+    const bool asPkcs12 = rules.format == ExportRules::Format::kPkcs12;
+    switch (selection.info.kind) {
+        case Kind::kKey:
+            selection.key = bodyOf(record);
+            if (asPkcs12 || rules.chain) {
+                auto own =
+                    candidateFor(selection.info.keySha256,
+                                 candidatesOf(Kind::kCertificate, database, selection.leftOut));
+                if (own) {
+                    selection.certificates.push_back(std::move(own->der));
+                }
+            }
+            break;
+        case Kind::kCertificate:
+            selection.certificates.push_back(bodyOf(record));
+            if (asPkcs12) {
+                auto key = candidateFor(selection.info.keySha256,
+                                        candidatesOf(Kind::kKey, database, selection.leftOut));
+                if (key) {
+                    selection.key = std::move(key->der);
+                }
+            }
+            break;
+        default:
+            selection.other = bodyOf(record);
+            break;
+    }
+    if (rules.chain) {
+        addChain(selection, candidatesOf(Kind::kCertificate, database, selection.leftOut));
+    }
+    return selection;
+}
+
+std::vector<std::string> warningsOf(const Selection& selection) {
+    std::vector<std::string> warnings;
+    for (const Failure& failure : selection.leftOut) {
+        warnings.push_back(fmt::format("left out: {}", failure.what()));
+    }
+    if (!selection.chainIsComplete) {
+        warnings.emplace_back(
+            "the chain ends before a root: its next issuer is not in the database");
+    }
+    return warnings;
+}
+
+bool isEncrypted(const Selection& selection, const ExportRules& rules) {
+    return !rules.plain && (selection.key || rules.format == ExportRules::Format::kPkcs12);
+}
+
+SecretBytes encode(const Selection& selection, const ExportRules& rules,
+                   const SecretText* password) {
+    switch (rules.format) {
+        case ExportRules::Format::kPem:
+            return encodePem(selection, password);
+        case ExportRules::Format::kDer:
+            return encodeDer(selection, password);
+        case ExportRules::Format::kPkcs12:
+            break;
+    }
+    return encodePkcs12(selection, password);
+}
+
+}  // namespace fstore

@@ -1,0 +1,208 @@
+#include "lib/work/put.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include <fmt/format.h>
+
+#include "lib/base/error.h"
+#include "lib/base/sha256.h"
+#include "lib/base/time.h"
+#include "lib/records/catalogue.h"
+#include "lib/records/record.h"
+#include "lib/records/record_info.h"
+#include "lib/work/change.h"
+
+namespace fstore {
+namespace {
+
+[[noreturn]] void refuseEmptyPlain() {
+    throw Failure(kInvalid, "an empty body cannot be stored in plain form",
+                  Advice{"leave out --plain-body"});
+}
+
+void refuseRules(const Address& address, const SecretBytes& bytes, const PutRules& rules) {
+    refuseInternal(address);
+    if (bytes.empty() && rules.plain) {
+        refuseEmptyPlain();
+    }
+}
+
+void requireRaw(const Record& record) {
+    const Kind kind = infoOf(record).kind;
+    if (kind != Kind::kRaw && kind != Kind::kUnknown) {
+        const std::string address = record.address().print();
+        throw Failure(kInvalid,
+                      fmt::format("{} is a {}; replace it with `fstore import --replace`, or "
+                                  "remove it with `fstore rm`",
+                                  address, nameOf(kind)),
+                      address);
+    }
+}
+
+Record newRecord(const Address& address) {
+    requireFolder(address.folder);
+    Record record(address);
+    record.setNumber(attr::kSchema, 1);
+    record.setNumber(attr::kKind, static_cast<unsigned int>(Kind::kRaw));
+    return record;
+}
+
+void makeReadable(Database& database, Record& record) {
+    if (record.hasSecrets()) {
+        database.needSecrets();
+        record.decrypt();
+    }
+}
+
+// The record that gets the body, readable: what is there, or a new one.
+Record recordFor(Database& database, const Address& address) {
+    if (!Record::isThere(address)) {
+        return newRecord(address);
+    }
+    Record record = Record::read(address);
+    requireRaw(record);
+    makeReadable(database, record);
+    return record;
+}
+
+void giveBody(Record& record, std::span<const unsigned char> bytes, bool plain) {
+    // A plaintext digest would let anyone test guesses of a weak secret.
+    record.setBinary(attr::kSha256, sha256(bytes), /*encrypted=*/!plain);
+    record.setText(attr::kImported, printTime(now()));
+    record.setBody(bytes, !plain);
+}
+
+// The one attribute with this id, or none.
+std::optional<unsigned int> onlyWithId(const Record& record, unsigned int id) {
+    std::optional<unsigned int> only;
+    for (unsigned int i = 0; i < record.count(); ++i) {
+        if (record.id(i) == id) {
+            if (only) {
+                return std::nullopt;
+            }
+            only = i;
+        }
+    }
+    return only;
+}
+
+bool isKeptSecret(const Record& record, unsigned int id) {
+    for (unsigned int i = 0; i < record.count(); ++i) {
+        if (record.id(i) == id && record.isEncrypted(i)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool wantsSecrecy(const RecordChange& change) {
+    return (change.body && !change.plain) ||
+           std::ranges::any_of(change.attributes, &AttributeChange::encrypted);
+}
+
+void refuseChange(const Address& address, const RecordChange& change) {
+    refuseInternal(address);
+    if (change.body && change.body->empty() && change.plain) {
+        refuseEmptyPlain();
+    }
+    const bool isThere = Record::isThere(address);
+    if (change.presence == RecordChange::Presence::kNew && isThere) {
+        throw Failure(kInvalid, fmt::format("there is a record {} already", address.print()),
+                      address.print());
+    }
+    if (change.presence == RecordChange::Presence::kThere && !isThere) {
+        throw noRecord(address.print());
+    }
+}
+
+Record recordFor(Database& database, const Address& address, const RecordChange& change) {
+    if (change.body || !Record::isThere(address)) {
+        return recordFor(database, address);
+    }
+    Record record = Record::read(address);
+    makeReadable(database, record);
+    return record;
+}
+
+}  // namespace
+
+void putBody(Database& database, const Address& address, SecretBytes& bytes,
+             const PutRules& rules) {
+    refuseRules(address, bytes, rules);
+    if (!rules.plain) {
+        database.requireSecrecy();
+    }
+    Record record = recordFor(database, address);
+    giveBody(record, bytes, rules.plain);
+    if (!rules.label.empty()) {
+        record.setText(attr::kLabel, rules.label);
+    }
+    bytes = SecretBytes();
+    BodyOwners owners;
+    record.write(owners);
+}
+
+bool isEditable(unsigned int id) {
+    return id == attr::kLabel || id >= attr::kFirstOfUser;
+}
+
+void AttributeChange::applyTo(Record& record) const {
+    if (isRemoval) {
+        if (record.removeAll(id) == 0) {
+            throw Failure(kEnd,
+                          fmt::format("{} has no attribute 0x{:x}; nothing was changed",
+                                      record.address().print(), id),
+                          record.address().print());
+        }
+        return;
+    }
+    const bool secret = encrypted || isKeptSecret(record, id);
+    const unsigned int stored = secret ? kTypeBinary : type;
+    const auto present = onlyWithId(record, id);
+    if (!present || record.type(*present) != stored) {
+        (void)record.removeAll(id);
+    }
+    switch (stored) {
+        case kTypeNumber: {
+            std::uint32_t number = 0;
+            std::memcpy(&number, value.data(), sizeof number);
+            record.setNumber(id, number);
+            break;
+        }
+        case kTypeBinary:
+            record.setBinary(id, value, secret);
+            break;
+        case kTypeString: {
+            std::string_view text = asText(value);
+            if (text.ends_with('\0')) {  // as it is read
+                text.remove_suffix(1);
+            }
+            record.setString(id, text);
+            break;
+        }
+        default:
+            record.setText(id, asText(value));
+            break;
+    }
+}
+
+Record changeRecord(Database& database, const Address& address, const RecordChange& change) {
+    refuseChange(address, change);
+    if (wantsSecrecy(change)) {
+        database.requireSecrecy();
+        database.needSecrets();
+    }
+    Record record = recordFor(database, address, change);
+    if (change.body) {
+        giveBody(record, *change.body, change.plain);
+    }
+    for (const AttributeChange& attribute : change.attributes) {
+        attribute.applyTo(record);
+    }
+    BodyOwners owners;
+    record.write(owners);
+    return record;
+}
+
+}  // namespace fstore

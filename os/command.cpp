@@ -1,0 +1,141 @@
+#include "os/command.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+#include <spawn.h>
+
+#include "os/process.h"
+
+namespace os {
+namespace {
+
+// How the program begins: its streams, and the signals that installSignalHandlers() ignores.
+class Beginning {
+public:
+    Beginning() noexcept {
+        (void)posix_spawn_file_actions_init(&files_);
+        (void)posix_spawnattr_init(&attributes_);
+        error_ = fill();
+    }
+    Beginning(const Beginning&) = delete;
+    Beginning& operator=(const Beginning&) = delete;
+    ~Beginning() {
+        (void)posix_spawn_file_actions_destroy(&files_);
+        (void)posix_spawnattr_destroy(&attributes_);
+    }
+
+    int error() const noexcept { return error_; }
+    const posix_spawn_file_actions_t* files() const noexcept { return &files_; }
+    const posix_spawnattr_t* attributes() const noexcept { return &attributes_; }
+
+private:
+    int fill() noexcept {
+        sigset_t defaults;
+        (void)sigemptyset(&defaults);
+        (void)sigaddset(&defaults, SIGPIPE);
+        (void)sigaddset(&defaults, SIGXFSZ);
+        (void)posix_spawnattr_setsigdefault(&attributes_, &defaults);
+        (void)posix_spawnattr_setpgroup(&attributes_, 0);
+        (void)posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+        const int input =
+            posix_spawn_file_actions_addopen(&files_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        return input != 0 ? input
+                          : posix_spawn_file_actions_adddup2(&files_, STDERR_FILENO, STDOUT_FILENO);
+    }
+
+    posix_spawn_file_actions_t files_{};
+    posix_spawnattr_t attributes_{};
+    int error_ = 0;
+};
+
+// Whoever starts this process may have it ignore that children end. The system then forgets how
+// they did, and a program that has done its work would pass for one that could not be run.
+class HeardChildren {
+public:
+    HeardChildren() noexcept {
+        struct sigaction action {};
+        action.sa_handler = SIG_DFL;
+        (void)::sigaction(SIGCHLD, &action, &before_);
+    }
+    HeardChildren(const HeardChildren&) = delete;
+    HeardChildren& operator=(const HeardChildren&) = delete;
+    ~HeardChildren() { (void)::sigaction(SIGCHLD, &before_, nullptr); }
+
+private:
+    struct sigaction before_ {};
+};
+
+// The process group of a program that runs, which ends with this process when a signal ends that.
+class Group {
+public:
+    explicit Group(pid_t leader) noexcept : leader_(leader) { killOnSignal(leader); }
+    Group(const Group&) = delete;
+    Group& operator=(const Group&) = delete;
+    ~Group() { killOnSignal(0); }
+
+    pid_t leader() const noexcept { return leader_; }
+    void kill() const noexcept { (void)::kill(-leader_, SIGKILL); }
+
+private:
+    pid_t leader_;
+};
+
+CommandEnd waitFor(const Group& group, double seconds) noexcept {
+    constexpr std::chrono::milliseconds kPause(10);
+    const auto end = std::chrono::steady_clock::now() +
+                     std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                         std::chrono::duration<double>(seconds));
+    bool isLate = false;
+    for (;;) {
+        int status = 0;
+        const pid_t ended = ::waitpid(group.leader(), &status, isLate ? 0 : WNOHANG);
+        if (ended < 0 && errno != EINTR) {
+            return {.error = errno};
+        }
+        if (ended > 0 && isLate) {
+            return {.isLate = true};
+        }
+        if (ended > 0) {
+            return WIFSIGNALED(status) ? CommandEnd{.signal = WTERMSIG(status)}
+                                       : CommandEnd{.exitCode = WEXITSTATUS(status)};
+        }
+        if (!isLate && std::chrono::steady_clock::now() >= end) {
+            group.kill();
+            isLate = true;
+        } else if (!isLate) {
+            std::this_thread::sleep_for(kPause);
+        }
+    }
+}
+
+}  // namespace
+
+CommandEnd runCommand(const std::vector<std::string>& words, double seconds) {
+    std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
+    for (const std::string& word : words) {
+        arguments.push_back(const_cast<char*>(word.c_str()));  // the call's type; it changes none
+    }
+    arguments.push_back(nullptr);
+    const Beginning beginning;
+    if (beginning.error() != 0) {
+        return {.error = beginning.error()};
+    }
+    const HeardChildren heard;
+    pid_t child = 0;
+    const mode_t mine = ::umask(givenMask());
+    const int error = ::posix_spawnp(&child, arguments.front(), beginning.files(),
+                                     beginning.attributes(), arguments.data(), environ);
+    (void)::umask(mine);
+    return error != 0 ? CommandEnd{.error = error} : waitFor(Group(child), seconds);
+}
+
+}  // namespace os

@@ -1,0 +1,30 @@
+// Another program, run to its end.
+//
+// For a program's main thread, while there is no other: the umask is the whole process's.
+#ifndef OS_COMMAND_H
+#define OS_COMMAND_H
+
+#include <string>
+#include <vector>
+
+namespace os {
+
+struct CommandEnd {
+    int error = 0;        // errno when it could not be started; the others are then 0
+    int exitCode = 0;     // when it ended by itself
+    int signal = 0;       // when a signal ended it
+    bool isLate = false;  // when it had to be ended; the others are then 0
+};
+
+// Runs a program, found by PATH, with its arguments; `words` has the program first. It has the
+// environment and the umask that this process was started with, reads nothing, and writes to this
+// process's standard error, so that the standard output stays what the caller makes it.
+//
+// It has `seconds`; then it is killed with all that it has started in its process group, which is
+// one of its own. What has left that group, as daemons do, stays, and is not waited for. A signal
+// that ends this process (installSignalHandlers()) goes to the group, too.
+[[nodiscard]] CommandEnd runCommand(const std::vector<std::string>& words, double seconds);
+
+}  // namespace os
+
+#endif  // OS_COMMAND_H

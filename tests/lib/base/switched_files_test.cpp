@@ -1,0 +1,222 @@
+#include "lib/base/switched_files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "lib/base/error.h"
+#include "tests/support/fs_fault.h"
+#include "tests/support/status_of.h"
+#include "tests/support/temp_dir.h"
+
+namespace fstore {
+namespace {
+
+using support::statusOf;
+using Files = std::vector<SwitchedFile>;
+
+constexpr mode_t kMode = 0644;
+
+// One file, or the files of one folder, in the process's folder.
+struct Form {
+    std::vector<std::string> names;
+
+    std::vector<std::string> paths() const {
+        std::vector<std::string> all;
+        for (const std::string& name : names) {
+            all.push_back(std::filesystem::current_path().string() + "/" + name);
+        }
+        return all;
+    }
+    Files files(const std::string& text) const {
+        Files all;
+        for (const std::string& path : paths()) {
+            all.push_back({path, SecretBytes(text.begin(), text.end()), kMode});
+        }
+        return all;
+    }
+    // What is in all of them; nothing for no files, "mixed" for a mixture.
+    std::optional<std::string> contents() const {
+        std::optional<std::string> text;
+        for (const std::string& name : names) {
+            const bool isThere = std::filesystem::exists(name);
+            const std::string found = isThere ? support::readFile(name) : "";
+            if (&name != &names.front() &&
+                (isThere != text.has_value() || text.value_or("") != found)) {
+                return "mixed";
+            }
+            text = isThere ? std::optional(found) : std::nullopt;
+        }
+        return text;
+    }
+};
+
+const Form kFolder{{"www/chain", "www/ref"}};
+const Form kBundle{{"www"}};
+
+void put(const Form& form, const std::string& text) {
+    SwitchedFiles place(form.paths(), 0);
+    place.replace(form.files(text));
+    place.settle();
+}
+
+// The status of what happens when somebody wants to replace the files.
+Status refusalOf(const Form& form) {
+    return statusOf([&] { const SwitchedFiles place(form.paths(), 0); });
+}
+
+TEST(SwitchedFilesTest, FilesComeAndGoTogether) {
+    for (const Form& form : {kFolder, kBundle}) {
+        const support::TempWorkingDir folder;
+        {
+            SwitchedFiles place(form.paths(), 0);
+            place.replace(form.files("old"));
+            EXPECT_TRUE(place.isPending());
+            EXPECT_FALSE(place.restore());
+            EXPECT_EQ(std::nullopt, form.contents());
+            place.settle();
+        }
+        put(form, "old");
+        SwitchedFiles place(form.paths(), 0);
+        EXPECT_TRUE(place.hold(form.files("old")));
+        EXPECT_FALSE(place.hold(form.files("new")));
+        place.replace(form.files("new"));
+        EXPECT_EQ("new", form.contents());
+        EXPECT_TRUE(place.restore());
+        EXPECT_EQ("old", form.contents());
+        place.settle();
+        EXPECT_FALSE(place.isPending());
+    }
+}
+
+// Whatever fails, and wherever: the files are the old ones or the new ones, and the next who comes
+// finishes it, and leaves nothing.
+TEST(SwitchedFilesTest, EachFailingCallLeavesOneOfTheTwo) {
+    for (const Form& form : {kFolder, kBundle}) {
+        for (const int error : {EIO, ENOSPC, EINTR}) {
+            for (int nth = 1;; ++nth) {
+                SCOPED_TRACE(form.names.front() + ", call " + std::to_string(nth));
+                const support::TempWorkingDir folder;
+                put(form, "old");
+                fault::FailingCall fault(nth, error);
+                const Status status = statusOf([&] { put(form, "new"); });
+                const bool hit = fault.lift();
+                EXPECT_NE("mixed", form.contents());
+                EXPECT_TRUE(form.contents() == (status == kOk ? "new" : "old") ||
+                            (status != kOk && form.contents() == "new"));
+                EXPECT_TRUE(fault::openHandles().empty());
+                put(form, "last");
+                EXPECT_EQ("last", form.contents());
+                const std::size_t left = form.names.size() == 1 ? 1 : 5;  // link, state, "2", files
+                EXPECT_GE(left, support::tree(".").size());
+                if (!hit) {
+                    EXPECT_EQ(kOk, status);
+                    break;
+                }
+            }
+        }
+    }
+}
+
+TEST(SwitchedFilesTest, EachFailingCallOfAReturnLeavesOneOfTheTwo) {
+    for (const Form& form : {kFolder, kBundle}) {
+        for (int nth = 1;; ++nth) {
+            SCOPED_TRACE(form.names.front() + ", call " + std::to_string(nth));
+            const support::TempWorkingDir folder;
+            put(form, "old");
+            auto place = std::make_unique<SwitchedFiles>(form.paths(), 0);
+            place->replace(form.files("new"));
+            fault::FailingCall fault(nth, EIO);
+            const Status status = statusOf([&] {
+                (void)place->restore();
+                place->settle();
+            });
+            const bool hit = fault.lift();
+            const bool isOld = form.contents() == "old";
+            EXPECT_TRUE(isOld || (status != kOk && form.contents() == "new"));
+            place.reset();
+            SwitchedFiles next(form.paths(), 0);
+            if (status != kOk && next.isPending()) {
+                EXPECT_TRUE(next.restore());
+                EXPECT_EQ("old", form.contents());
+            }
+            next.settle();
+            if (!hit) {
+                EXPECT_EQ(kOk, status);
+                break;
+            }
+        }
+    }
+}
+
+TEST(SwitchedFilesTest, ATakenNameStays) {
+    const struct {
+        const char* what;
+        void (*make)();
+    } rows[] = {
+        {"folder", [] { std::filesystem::create_directory("www"); }},
+        {"link", [] { std::filesystem::create_symlink("elsewhere", "www"); }},
+        {"FIFO", [] { EXPECT_EQ(0, mkfifo("www", 0600)); }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        const support::TempWorkingDir folder;
+        row.make();
+        const auto before = support::tree(".");
+        EXPECT_EQ(kInvalid, refusalOf(kFolder));
+        EXPECT_EQ(kInvalid, refusalOf(kBundle));
+        EXPECT_EQ(before, support::tree("."));
+    }
+}
+
+TEST(SwitchedFilesTest, TwoDoNotReplaceAtOnce) {
+    const support::TempWorkingDir folder;
+    const SwitchedFiles place(kBundle.paths(), 0);
+    EXPECT_EQ(kAlreadyOpen, refusalOf(kBundle));
+}
+
+// Who can rename a folder on the way could have root write elsewhere.
+TEST(SwitchedFilesTest, AFolderThatOthersCanRenameIsRefused) {
+    namespace fs = std::filesystem;
+    const support::TempWorkingDir folder;
+    fs::create_directories("a/b");
+    const Form form{{"a/b/www"}};
+    for (const char* const name : {"a/b", "a"}) {
+        for (const mode_t mode : {0777U, 0775U, 0757U}) {
+            ASSERT_EQ(0, chmod(name, mode));
+            EXPECT_EQ(kInvalid, refusalOf(form)) << name;
+        }
+        ASSERT_EQ(0, chmod(name, 01777));  // as /tmp
+        EXPECT_EQ(kOk, refusalOf(form)) << name;
+        ASSERT_EQ(0, chmod(name, 0755));
+        if (geteuid() == 0) {
+            ASSERT_EQ(0, chown(name, 12345, 0));
+            EXPECT_EQ(kInvalid, refusalOf(form)) << name;
+            ASSERT_EQ(0, chown(name, 0, 0));
+        }
+    }
+    EXPECT_EQ(kOk, refusalOf(form));
+    EXPECT_TRUE(fs::is_empty("a/b"));
+}
+
+TEST(SwitchedFilesTest, AFolderByALinkIsTheFolder) {
+    const support::TempWorkingDir folder;
+    std::filesystem::create_directory("real");
+    std::filesystem::create_directory_symlink("real", "link");
+    const Form form{{"link/www"}};
+    put(form, "text");
+    EXPECT_EQ("text", support::readFile("real/www"));
+    EXPECT_NE(kOk, refusalOf(Form{{"none/www"}}));
+}
+
+}  // namespace
+}  // namespace fstore
