@@ -3,7 +3,8 @@
 
     scripts/count_tests.py BUILD_FOLDER
 
-Prints "<passed> <failed>" and, on standard error, the name of each failure.
+Prints "<passed> <failed>" and, on standard error, the name of each failure
+with the last lines that its ctest entry printed.
 ctest.xml tells how each ctest entry ended, results/<entry>.json the cases of a
 GoogleTest program. An entry without such a file counts as one. A case that was
 skipped or disabled proved nothing and counts as failed, and so does an entry
@@ -15,6 +16,8 @@ import json
 import pathlib
 import sys
 import xml.etree.ElementTree
+
+LINES_SHOWN = 40
 
 
 def cases_of(file):
@@ -30,9 +33,14 @@ def cases_of(file):
     return passed, failed
 
 
+def last_lines(entry):
+    """Returns the end of what a ctest entry printed."""
+    return (entry.findtext("system-out") or "").splitlines()[-LINES_SHOWN:]
+
+
 def count(build):
-    """Returns the number of passed tests and the names of failed ones of a build folder."""
-    passed, failed = 0, []
+    """Returns the number of passed tests, and the names and last lines of failed ones."""
+    passed, failed, shown = 0, [], []
     for entry in xml.etree.ElementTree.parse(build / "ctest.xml").getroot().iter("testcase"):
         name, good = entry.get("name"), entry.get("status") == "run"
         results = build / "results" / f"{name}.json"
@@ -42,16 +50,18 @@ def count(build):
         except (ValueError, KeyError):
             case_passed, case_failed, good = 0, [], False
         passed += case_passed
-        failed += [f"{name}: {case}" for case in case_failed]
+        new = [f"{name}: {case}" for case in case_failed]
         if not good and not case_failed:
-            failed.append(name)
-    return passed, failed
+            new.append(name)
+        if new:
+            failed += new
+            shown += last_lines(entry) + [f"failed: {one}" for one in new]
+    return passed, failed, shown
 
 
 def main():
-    passed, failed = count(pathlib.Path(sys.argv[1]))
-    for name in failed:
-        print(f"failed: {name}", file=sys.stderr)
+    passed, failed, shown = count(pathlib.Path(sys.argv[1]))
+    print(*shown, sep="\n", end="\n" if shown else "", file=sys.stderr)
     print(passed, len(failed))
 
 

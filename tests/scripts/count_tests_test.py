@@ -62,6 +62,13 @@ class CountTestsTest(ScriptTest):
         self.results("a")
         self.expect(0, 1)
 
+    def test_the_last_lines_of_a_failure_are_shown(self):
+        printed = "\n".join(f"line {number}" for number in range(100))
+        self.write("ctest.xml", '<testsuite><testcase name="a" status="fail">'
+                                f"<system-out>{printed}</system-out></testcase></testsuite>")
+        shown = self.run_whole("count_tests.py").stderr.splitlines()
+        self.assertEqual(("line 60", "line 99", "failed: a"), (shown[0], shown[-2], shown[-1]))
+
 
 if __name__ == "__main__":
     unittest.main()

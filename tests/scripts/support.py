@@ -22,8 +22,12 @@ class ScriptTest(unittest.TestCase):
         path.parent.mkdir(parents=True, exist_ok=True)
         path.write_text(text, encoding="utf-8")
 
+    def run_whole(self, script):
+        """Returns what subprocess tells of a script over the tree."""
+        return subprocess.run([sys.executable, SCRIPTS / script, self.root],
+                              capture_output=True, text=True, check=False)
+
     def run_script(self, script):
         """Returns the exit status and the output of a script over the tree."""
-        run = subprocess.run([sys.executable, SCRIPTS / script, self.root],
-                             capture_output=True, text=True, check=False)
+        run = self.run_whole(script)
         return run.returncode, run.stdout
