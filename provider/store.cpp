@@ -175,13 +175,25 @@ Store& storeOf(void* context) {
     return *static_cast<Store*>(context);
 }
 
-void* open(void* context, const char* uri) {
-    Provider& provider = *static_cast<Provider*>(context);
+void* openWith(Provider& provider, const char* uri, const OSSL_PARAM* parameters) {
     if (!std::string_view(uri).starts_with(kScheme)) {
         return nullptr;  // another loader's
     }
-    return reporting(provider.core(), static_cast<void*>(nullptr),
-                     [&]() -> void* { return new Store(provider, uri); });
+    return reporting(provider.core(), static_cast<void*>(nullptr), [&]() -> void* {
+        auto store = std::make_unique<Store>(provider, uri);
+        return parameters == nullptr || store->set(parameters) ? store.release() : nullptr;
+    });
+}
+
+void* open(void* context, const char* uri) {
+    return openWith(*static_cast<Provider*>(context), uri, nullptr);
+}
+
+// The one way in of OpenSSL 3.2 and later, which sets the parameters with it. Who can be asked for
+// a password is told again by each load, and asked there.
+void* openEx(void* context, const char* uri, const OSSL_PARAM* parameters,
+             OSSL_PASSPHRASE_CALLBACK* /*ask*/, void* /*askArgument*/) {
+    return openWith(*static_cast<Provider*>(context), uri, parameters);
 }
 
 // A reference that the program has open.
@@ -233,8 +245,15 @@ int close(void* context) {
     return 1;
 }
 
+// The headers of 3.0 do not name it, and its core passes over a number that it does not know.
+constexpr int kStoreOpenEx = 10;
+#ifdef OSSL_FUNC_STORE_OPEN_EX
+static_assert(kStoreOpenEx == OSSL_FUNC_STORE_OPEN_EX);
+#endif
+
 const OSSL_DISPATCH kFunctions[] = {
     {OSSL_FUNC_STORE_OPEN, reinterpret_cast<void (*)()>(open)},
+    {kStoreOpenEx, reinterpret_cast<void (*)()>(openEx)},
     {OSSL_FUNC_STORE_ATTACH, reinterpret_cast<void (*)()>(attach)},
     {OSSL_FUNC_STORE_SETTABLE_CTX_PARAMS, reinterpret_cast<void (*)()>(settable)},
     {OSSL_FUNC_STORE_SET_CTX_PARAMS, reinterpret_cast<void (*)()>(set)},

@@ -9,6 +9,8 @@
 //     loads contexts COUNT FILE  in so many library contexts, each with the provider
 //     loads threads COUNT FILE   in eight threads, COUNT times each
 //     loads search URI FILE ALIAS  the certificate of a file in a folder, in each way
+//     loads newer URI            the certificate of a pair, by the entry point of OpenSSL 3.2 and
+//                                later
 //
 // OPENSSL_CONF has the provider. Says what went wrong, and ends with 1.
 #include <dirent.h>
@@ -24,8 +26,12 @@
 #include <thread>
 #include <vector>
 
+#include <openssl/core_dispatch.h>
+#include <openssl/core_names.h>
+#include <openssl/core_object.h>
 #include <openssl/decoder.h>
 #include <openssl/err.h>
+#include <openssl/params.h>
 #include <openssl/pem.h>
 #include <openssl/provider.h>
 #include <openssl/store.h>
@@ -207,6 +213,54 @@ void searchFor(const std::string& uri, const std::string& path, const std::strin
     BIO_free(file);
 }
 
+// As libcrypto sees the provider's tables, of which that of 3.0 does not use all.
+const OSSL_DISPATCH* storeFunctions(OSSL_PROVIDER* provider) {
+    int mayNotKeep = 0;
+    const OSSL_ALGORITHM* const stores =
+        OSSL_PROVIDER_query_operation(provider, OSSL_OP_STORE, &mayNotKeep);
+    require(stores != nullptr && stores->implementation != nullptr, "no STORE");
+    return stores->implementation;
+}
+
+template <class Function>
+Function* functionOf(const OSSL_DISPATCH* functions, int number) {
+    for (; functions->function_id != 0; ++functions) {
+        if (functions->function_id == number) {
+            return reinterpret_cast<Function*>(functions->function);
+        }
+    }
+    fail("no function " + std::to_string(number));
+}
+
+int keepType(const OSSL_PARAM parameters[], void* argument) {
+    return OSSL_PARAM_get_int(OSSL_PARAM_locate_const(parameters, OSSL_OBJECT_PARAM_TYPE),
+                              static_cast<int*>(argument));
+}
+
+void openAsNewer(const std::string& uri) {
+    constexpr int kOpenEx = 10;
+    OSSL_PROVIDER* const provider = OSSL_PROVIDER_load(nullptr, "fstore");
+    require(provider != nullptr, "no provider");
+    void* const context = OSSL_PROVIDER_get0_provider_ctx(provider);
+    const OSSL_DISPATCH* const functions = storeFunctions(provider);
+    using OpenEx = void*(void*, const char*, const OSSL_PARAM*, OSSL_PASSPHRASE_CALLBACK*, void*);
+    OpenEx* const open = functionOf<OpenEx>(functions, kOpenEx);
+    auto* const load = functionOf<OSSL_FUNC_store_load_fn>(functions, OSSL_FUNC_STORE_LOAD);
+    auto* const close = functionOf<OSSL_FUNC_store_close_fn>(functions, OSSL_FUNC_STORE_CLOSE);
+    int expected = OSSL_STORE_INFO_CERT;
+    const OSSL_PARAM parameters[] = {OSSL_PARAM_construct_int(OSSL_STORE_PARAM_EXPECT, &expected),
+                                     OSSL_PARAM_construct_end()};
+    require(open(context, "file:///nothing", parameters, nullptr, nullptr) == nullptr,
+            "opens what is another loader's");
+    void* const store = open(context, uri.c_str(), parameters, nullptr, nullptr);
+    require(store != nullptr, "cannot open " + uri);
+    int type = 0;
+    require(load(store, keepType, &type, nullptr, nullptr) == 1, "cannot load " + uri);
+    require(type == OSSL_OBJECT_CERT, "not what was expected, but " + std::to_string(type));
+    require(close(store) == 1, "close");
+    OSSL_PROVIDER_unload(provider);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -228,6 +282,8 @@ int main(int argc, char** argv) {
         threads(std::stoi(words[1]), words[2]);
     } else if (what == "search" && words.size() == 4) {
         searchFor(words[1], words[2], words[3]);
+    } else if (what == "newer" && words.size() == 2) {
+        openAsNewer(words[1]);
     } else {
         fail("unknown words");
     }

@@ -60,6 +60,10 @@ class UriTest(ProviderTest):
         self.assertIn(b"0: Certificate", listed)
         self.assertIn(b"Total found: 1", listed)
 
+    def test_a_newer_openssl_opens_with_what_it_expects(self):
+        run = self.command(LOADS, "newer", "fstore:///?for=rsa.example.com")
+        self.assertEqual((0, b""), (run.returncode, run.stdout))
+
     def test_certificates_need_no_password(self):
         self.configure()
         self.openssl("x509", "-in", "fstore:///?for=ec.example.com&type=cert", "-noout")
