@@ -216,7 +216,7 @@ int Cli::execute(int argc, const char* const* argv) {
                 std::ostringstream text;
                 (void)app.exit(error, text, text);
                 output.raw(text.str());
-                output.flush();
+                output.flush(Output::After::kDone);
                 return static_cast<int>(kOk);
             });
         }
@@ -241,11 +241,11 @@ int Cli::run(const Command& command) {
             code = exitCodeOf(command.run()(context));
         } catch (const std::exception&) {
             if (!output.json()) {
-                output.flush();  // what was found before the failure
+                output.flush(Output::After::kFailure);  // what was found before the failure
             }
             throw;
         }
-        output.flush();
+        output.flush(Output::After::kDone);
         return code;
     });
 }

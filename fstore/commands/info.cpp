@@ -22,7 +22,7 @@ std::string describe(const Slot& line) {
         case Slot::Form::kNone:
             return "none";
         case Slot::Form::kRaw:
-            return "used as it is; cheap to guess";
+            return "the key itself, as there are no slots; cheap to guess if it is short";
         case Slot::Form::kScrypt:
             break;
     }

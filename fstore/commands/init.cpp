@@ -31,9 +31,9 @@ std::string databaseIn(std::string folder) {
 unsigned int addRecoverySlot(NewRecoveryKey& key, Database& database) {
     const SlotPlan plan = planSlot(database, {});
     key.handOver(sheetFor(database.place().folder, plan.db, plan.n, {}));
-    const unsigned int n = addSlot(database, {key.secret(), {}, {}});
+    const UnlockSlot added = addSlot(database, {key.secret(), {}, {}});
     key.confirmSlot();
-    return n;
+    return added.n;
 }
 
 Status run(const Options& options, Context& context) {

@@ -58,18 +58,18 @@ Status run(const Options& options, Context& context) {
     // What cannot get a slot shows before anything is made.
     const SlotPlan plan = planSlot(database, options.label);
     std::optional<NewRecoveryKey> recovery;
-    const unsigned int n = addSlot(
+    const UnlockSlot added = addSlot(
         database, {newSecret(options, plan, recovery, context), options.label, options.cost});
     if (recovery) {
         recovery->confirmSlot();
     }
-    if (recovery && n != plan.n) {
-        context.output.warn(fmt::format(
-            "another slot was added meanwhile: the sheet says {}, and the slot is {}", plan.n, n));
+    if (recovery && added.n != plan.n) {
+        context.output.warn(
+            fmt::format("another slot was added meanwhile: the sheet says {}, and the slot is {}",
+                        plan.n, added.n));
     }
-    const std::vector<UnlockSlot> slots = listSlots(database);
-    context.output.note(fmt::format("added {}", describe(slotOf(slots, n))));
-    context.output.document({{"added", toJson(slotOf(slots, n))}});
+    context.output.note(fmt::format("added {}", describe(added)));
+    context.output.document({{"added", toJson(added)}});
     return kOk;
 }
 

@@ -9,12 +9,27 @@
 namespace fstore {
 namespace {
 
+// Which slot the given secret opens; 0 for none, and none when no secret was given. One that stands
+// in the environment for another database does not keep the list from anybody.
+std::optional<unsigned int> openedBy(Context& context) {
+    if (!context.secret.isGiven()) {
+        return std::nullopt;
+    }
+    try {
+        const std::optional<UnlockSlot> opened = testSecret(context.database);
+        return opened ? opened->n : 0;
+    } catch (const Failure& failure) {
+        if (failure.status() != kWrongPassword) {
+            throw;
+        }
+        context.output.warn(failure.what());
+        return 0;
+    }
+}
+
 Status run(Context& context) {
     Database& database = context.database;
-    std::optional<unsigned int> opened;
-    if (context.secret.isGiven()) {
-        opened = testSecret(database);
-    }
+    const std::optional<unsigned int> opened = openedBy(context);
     const std::vector<UnlockSlot> slots = listSlots(database);
     if (slots.empty()) {
         context.output.note(

@@ -20,8 +20,8 @@ struct Options {
 Status run(const Options& options, Context& context) {
     Database& database = context.database;
     const std::vector<UnlockSlot> slots = listSlots(database);
-    const UnlockSlot& removed = slotOf(slots, findSlot(slots, options.slot));
-    removeSlot(database, removed.n, options.force);
+    const UnlockSlot& removed = findSlot(slots, options.slot);
+    removeSlot(database, removed, options.force);
     context.output.note(fmt::format("removed {}", describe(removed)));
     context.output.note(
         "who has an old copy of the database, too, can still open it with the removed secret; "

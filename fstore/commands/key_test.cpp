@@ -13,24 +13,27 @@
 namespace fstore {
 namespace {
 
+void requireOpened(const UnlockSlot& opened, const UnlockSlot& wanted) {
+    if (wanted.n != opened.n) {
+        throw Failure(kWrongPassword,
+                      fmt::format("this opens {}, and not {}", describe(opened), describe(wanted)));
+    }
+}
+
 Status run(const std::optional<std::string>& wanted, Context& context) {
     Database& database = context.database;
-    const unsigned int opened = testSecret(database);
-    const std::vector<UnlockSlot> slots = listSlots(database);
-    if (slots.empty()) {
+    const std::optional<UnlockSlot> opened = testSecret(database);
+    if (!opened) {
         context.output.line("opens the database, which has no slots");
         context.output.document({{"opens", Json()}});
         return kOk;
     }
-    const UnlockSlot& slot = slotOf(slots, opened);
-    if (const unsigned int n = wanted ? findSlot(slots, *wanted) : opened; n != opened) {
-        throw Failure(
-            kWrongPassword,
-            fmt::format("this opens {}, and not {}", describe(slot), describe(slotOf(slots, n))),
-            *wanted);
+    if (wanted) {
+        const std::vector<UnlockSlot> slots = listSlots(database);
+        requireOpened(*opened, findSlot(slots, *wanted));
     }
-    context.output.line(fmt::format("opens {}", describe(slot)));
-    context.output.document({{"opens", toJson(slot)}});
+    context.output.line(fmt::format("opens {}", describe(*opened)));
+    context.output.document({{"opens", toJson(*opened)}});
     return kOk;
 }
 

@@ -38,9 +38,11 @@ struct Options {
 struct Plan {
     SlotSet set;  // without slots: of a database from before there were any
     DatabaseId db{};
-    unsigned int slot = 0;      // that gets the password; 0 for a new one
-    unsigned int openedBy = 0;  // 0 when that is no slot
-    std::vector<unsigned int> dropped{};
+    std::optional<UnlockSlot> slot{};  // that gets the password; none for a new one
+    unsigned int openedBy = 0;         // 0 when that is no slot
+    std::vector<UnlockSlot> dropped{};
+
+    bool givesTo(unsigned int n) const { return slot && slot->n == n; }
 };
 
 // Of several slots it has to be said what becomes of the others.
@@ -62,7 +64,10 @@ Plan planOf(const Options& options, Database& database) {
               .db = database.protection().record.db,
               .openedBy = database.openedBy()};
     if (!plan.set.slots.empty()) {
-        const unsigned int wanted = options.slot ? findSlot(plan.set.slots, *options.slot) : 0;
+        std::optional<UnlockSlot> wanted;
+        if (options.slot) {
+            wanted = findSlot(plan.set.slots, *options.slot);
+        }
         plan.slot = passwordSlot(plan.set.slots, plan.openedBy, wanted);
     }
     for (const std::string& word : options.drop) {
@@ -79,8 +84,9 @@ UnlockSecret requireCarries(UnlockSecret secret, const std::string& file, const 
         throw Failure(kWrongPassword,
                       fmt::format("what is in {} opens no slot; nothing was changed", file), file);
     }
-    const bool isDropped = std::ranges::find(plan.dropped, opened->slot) != plan.dropped.end();
-    if (isDropped || opened->slot == plan.slot) {
+    const bool isDropped =
+        std::ranges::find(plan.dropped, opened->slot, &UnlockSlot::n) != plan.dropped.end();
+    if (isDropped || plan.givesTo(opened->slot)) {
         throw Failure(
             kInvalid,
             fmt::format("what is in {} opens slot {}, which {}; leave out one of the two", file,
@@ -109,7 +115,7 @@ std::vector<UnlockSecret> carriedBy(const Options& options, const Plan& plan, Co
 // What opened the database carries its slot, too, unless that gets the new secret.
 std::optional<UnlockSecret> openerToCarry(const Options& options, const Plan& plan,
                                           Context& context) {
-    if (plan.openedBy == 0 || plan.openedBy == plan.slot) {
+    if (plan.openedBy == 0 || plan.givesTo(plan.openedBy)) {
         return std::nullopt;
     }
     const bool isMadeAnew = options.recovery.wanted &&
@@ -146,12 +152,18 @@ RotationReport rotate(const Options& options, const Plan& plan, const SecretText
     return done;
 }
 
-void report(const RotationReport& report, const Options& options, Context& context) {
+// What was done; `rewrapped` is the slot of a password that was changed alone.
+void report(const RotationReport& report, const std::optional<UnlockSlot>& rewrapped,
+            const Options& options, Context& context) {
     Output& output = context.output;
     output.note("password changed");
     Json json = {{"folder", jsonText(context.database.place().folder)},
                  {"changed", true},
                  {"keptOld", options.keepOld}};
+    if (rewrapped) {
+        output.note(fmt::format("rewrapped: {}", describe(*rewrapped)));
+        json["rewrapped"] = toJson(*rewrapped);
+    }
     for (const auto& [name, words, slots] : {std::tuple("carried", "carried", &report.carried),
                                              std::tuple("anew", "made anew", &report.anew),
                                              std::tuple("dropped", "dropped", &report.dropped)}) {
@@ -171,8 +183,9 @@ Status run(const Options& options, Context& context) {
     std::vector<UnlockSecret> carried = carriedBy(options, plan, context);
     const SecretText& password = fresh.get(PasswordSource::Entry::kTwice);
     RotationReport done;
+    std::optional<UnlockSlot> rewrapped;
     if (options.rewrap) {
-        (void)rewrapSlot(database, plan.slot, password, options.cost);
+        rewrapped = rewrapSlot(database, plan.slot, password, options.cost);
     } else {
         done = rotate(options, plan, password, std::move(carried), context);
     }
@@ -180,7 +193,7 @@ Status run(const Options& options, Context& context) {
     for (const LostFolder& lost : lostFolders()) {
         context.output.warn(describe(lost));
     }
-    report(done, options, context);
+    report(done, rewrapped, options, context);
     return kOk;
 }
 

@@ -102,7 +102,7 @@ void Output::warn(std::string_view text) {
     }
 }
 
-void Output::flush() {
+void Output::flush(After after) {
     if (os::writeAll(kStdout, kept_.data(), kept_.size())) {
         kept_.clear();
         return;
@@ -111,8 +111,10 @@ void Output::flush() {
     if (errno == EPIPE) {
         throw Failure(kIo, "");  // who closed the pipe knows it
     }
-    throw Failure(kIo, fmt::format("cannot write to the standard output: {}",
-                                   std::generic_category().message(errno)));
+    throw Failure(
+        kIo, fmt::format("cannot write to the standard output: {}{}",
+                         std::generic_category().message(errno),
+                         after == After::kDone ? "; all else that the command does is done" : ""));
 }
 
 void Output::fail(const Failure& failure) {

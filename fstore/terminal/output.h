@@ -49,8 +49,10 @@ public:
     void detail(std::string_view text);
     void warn(std::string_view text);
 
-    // Writes what was kept. Throws kIo; silently when the reader has gone.
-    void flush();
+    // Writes what was kept, of a command that failed or is done. Throws kIo; silently when the
+    // reader has gone.
+    enum class After { kFailure, kDone };
+    void flush(After after);
     // Reports the failure on stderr; with --json nothing that was kept is written.
     void fail(const Failure& failure);
 

@@ -1,6 +1,8 @@
 #include "lib/database/database.h"
 
+#include <algorithm>
 #include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -40,14 +42,19 @@ Hold Database::enter(Access access, Need need) {
         case Need::kFolder:
             lock_.take(os::LockKind::kExclusive);
             refuseOther();
+            refuseFiles();
             break;
         case Need::kFiles:
             lock_.take(kindFor(access));
             requireDatabase();
+            if (access == Access::kChange) {
+                refuseFiles();
+            }
             break;
         case Need::kDatabase:
             lock_.take(os::LockKind::kExclusive);
             refuseOther();
+            refuseFiles();
             learn(recover(store_));
             break;
         case Need::kRecords:
@@ -118,13 +125,14 @@ void Database::changePassword(NewKey fresh, bool keepOld) {
     const unsigned int slot = fresh.slot;
     protection_ = fstore::changePassword(store_, observer_, protection_, std::move(fresh), keepOld);
     opened_ = protection_.inForce.key();
-    openedBy_ = slot;
+    rememberOpener(slot);
 }
 
 void Database::changeSlots(SlotSet slots) {
     learned_.reset();
     writeSlots(protection_, protection_.record.db, {std::move(slots)}, /*keepOld=*/false);
     protection_ = readProtection();
+    rememberOpener(openedBy_);
 }
 
 void Database::settleConflict() {
@@ -173,6 +181,20 @@ void Database::refuseOther() const {
                                   place_.describe()),
                       Advice{"name the folder that contains the database itself with --dir"},
                       layout::kLive);
+    }
+}
+
+// What recovery removes, or puts back as the database, is a folder. A file or a link of that name
+// is the user's: a printed sheet, say.
+void Database::refuseFiles() const {
+    for (const char* const name : {layout::kCopy, layout::kPrevious}) {
+        const os::EntryType type = typeOf(name);
+        if (type != os::EntryType::kFolder && type != os::EntryType::kUnknown) {
+            throw Failure(kInvalid,
+                          fmt::format("{} in {} is not a folder, and the database needs this name",
+                                      name, place_.describe()),
+                          Advice{"move it elsewhere"}, name);
+        }
     }
 }
 
@@ -231,6 +253,7 @@ void Database::enterNamed() {
 void Database::enterExclusive() {
     lock_.take(os::LockKind::kExclusive);
     requireDatabase();
+    refuseFiles();
     learn(recover(store_));
 }
 
@@ -312,7 +335,25 @@ void Database::openWith(Unlocked unlocked) {
     }
     store_.open(std::move(unlocked.p));
     opened_ = protection_.inForce.key();
-    openedBy_ = unlocked.slot;
+    rememberOpener(unlocked.slot);
+}
+
+Unlocked Database::tryKey() {
+    { const Hold hold = enter(Access::kRead); }
+    return obtainP();
+}
+
+void Database::rememberOpener(unsigned int slot) {
+    openedBy_ = slot;
+    const std::vector<UnlockSlot>& slots = protection_.inForce.slots;
+    const auto found = std::ranges::find(slots, slot, &UnlockSlot::n);
+    opener_ = found != slots.end() ? std::optional(*found) : std::nullopt;
+}
+
+// Whose slot was removed does nothing more with what it opened.
+bool Database::isOpenerThere() const {
+    const std::vector<UnlockSlot>& slots = protection_.inForce.slots;
+    return openedBy_ == 0 || (opener_ && std::ranges::find(slots, *opener_) != slots.end());
 }
 
 void Database::warnOfLostKey() {
@@ -334,7 +375,7 @@ void Database::copyProvenLine() {
 void Database::learn(Protection protection) {
     learned_.reset();
     protection_ = std::move(protection);
-    if (store_.isOpen() && protection_.inForce.key() != opened_) {
+    if (store_.isOpen() && (protection_.inForce.key() != opened_ || !isOpenerThere())) {
         store_.close();
     }
 }

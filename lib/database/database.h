@@ -96,8 +96,8 @@ public:
     // As it was when the database was entered, for kDatabase and the needs after it.
     const Protection& protection() const noexcept { return protection_; }
 
-    // Whether secrets can be read: entered with kSecrets, now or before. If another process
-    // has changed the password since, entering closes the database.
+    // Whether secrets can be read: entered with kSecrets, now or before. If another process has
+    // changed the password since, or the slot that opened it, entering closes the database.
     bool isOpen() { return store_.isOpen(); }
 
     // The P that it was opened with, for another Database of this place; while it is open.
@@ -118,6 +118,10 @@ public:
 
     // The id that boxes are bound to: a new one while the database has no slots.
     DatabaseId idForSlots() const;
+
+    // P by the secret of the caller, for protection() as it is then. Opens and writes nothing, also
+    // while the record "key" is lost. No Hold lives.
+    Unlocked tryKey();
 
     // The slot that opened it; 0 for P itself, and for a line from before there were slots.
     unsigned int openedBy() const noexcept { return openedBy_; }
@@ -147,6 +151,7 @@ public:
 private:
     void requireDatabase() const;
     void refuseOther() const;
+    void refuseFiles() const;
     void enterRecords(Access access);
     void enterShared();
     void enterNamed();
@@ -155,6 +160,8 @@ private:
     void open(Access access);
     Unlocked obtainP();
     void openWith(Unlocked unlocked);
+    void rememberOpener(unsigned int slot);
+    bool isOpenerThere() const;
     void undoChange();
     void warnOfLostKey();
     void copyProvenLine();
@@ -168,6 +175,7 @@ private:
     Protection protection_;
     std::optional<Digest> opened_;  // what "key" holds for P; while the store is open
     unsigned int openedBy_ = 0;
+    std::optional<UnlockSlot> opener_;  // of that number, as it was then; none for 0
     bool warnedOfKey_ = false;
     std::optional<Stamp> learned_;  // that of the folder that protection_ was read from
     std::string knownFolder_;       // directly in that folder, and no link; empty for none

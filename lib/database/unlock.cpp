@@ -107,10 +107,10 @@ Unlocked askForP(const Protection& protection, const Place& place, Observer& obs
         return {};
     }
     if (protection.inForce.line && protection.inForce.line->form == Slot::Form::kRaw) {
-        observer.warn(
-            fmt::format("the password of the database in {} is cheap to guess; protect it with "
-                        "`fstore passwd`",
-                        place.describe()));
+        observer.warn(fmt::format(
+            "the database in {} has no slots: its own key is the password, and a short one is "
+            "cheap to guess; protect it with `fstore passwd`",
+            place.describe()));
     }
     return unlock(protection, give(), place);
 }

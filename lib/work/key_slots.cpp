@@ -64,10 +64,29 @@ const UnlockSlot* slotOf(const std::vector<UnlockSlot>& slots, unsigned int n) {
                   fmt::format("there is no slot \"{}\"; `fstore key ls` lists them", words));
 }
 
-void requireRemovable(const Seen& seen, unsigned int n, bool force) {
-    if (slotOf(seen.set.slots, n) == nullptr) {
-        failOnMissing(std::to_string(n));
+// All that a person knows of a slot; a carried one keeps it under another P.
+bool isSame(const UnlockSlot& one, const UnlockSlot& other) {
+    return one.n == other.n && one.kind == other.kind && one.made == other.made &&
+           one.label == other.label && one.salt == other.salt;
+}
+
+// Between the words of a person and the change lie a password to type and other people's commands.
+void requireStillThere(const std::vector<UnlockSlot>& slots, const UnlockSlot& named) {
+    const UnlockSlot* const found = slotOf(slots, named.n);
+    if (found == nullptr) {
+        failOnMissing(std::to_string(named.n));
     }
+    if (!isSame(*found, named)) {
+        throw Failure(kInvalid,
+                      fmt::format("another command has changed slot {} meanwhile; nothing was "
+                                  "done: look at `fstore key ls`, and run the command again",
+                                  named.n));
+    }
+}
+
+void requireRemovable(const Seen& seen, const UnlockSlot& slot, bool force) {
+    const unsigned int n = slot.n;
+    requireStillThere(seen.set.slots, slot);
     if (seen.set.slots.size() == 1) {
         throw Failure(kInvalid, fmt::format("slot {} is the last one: without it nothing opens the "
                                             "database; add another one first",
@@ -82,8 +101,8 @@ void requireRemovable(const Seen& seen, unsigned int n, bool force) {
                                             n));
     }
     const SlotSet left = withoutSlot(seen.set, n);
-    if (std::ranges::all_of(left.slots, [](const UnlockSlot& slot) {
-            return slot.kind == SlotKind::kRecovery || slot.kind == SlotKind::kUnknown;
+    if (std::ranges::all_of(left.slots, [](const UnlockSlot& each) {
+            return each.kind == SlotKind::kRecovery || each.kind == SlotKind::kUnknown;
         })) {
         throw Failure(kInvalid, fmt::format("slot {} is the last one that is no recovery slot; "
                                             "--force removes it all the same",
@@ -97,13 +116,13 @@ NewSlot passwordFor(const SecretText& password, std::string label, std::optional
             .ln = ln};
 }
 
-// The slot of this number, or a new one for 0, with the password; `others` are those that stay.
-UnlockSlot passwordSlotFor(const Seen& seen, unsigned int n, const SecretText& password,
-                           std::optional<unsigned int> ln, const std::vector<UnlockSlot>& others,
-                           const DatabaseId& db, const SecretText& p) {
-    const UnlockSlot* const before = slotOf(seen.set.slots, n);
-    return makeSlot(passwordFor(password, before != nullptr ? before->label : "", ln),
-                    n != 0 ? n : freeNumber(seen.set.slots), others, db, p);
+// This slot, or a new one for none, with the password; `others` are those that stay.
+UnlockSlot passwordSlotFor(const Seen& seen, const std::optional<UnlockSlot>& before,
+                           const SecretText& password, std::optional<unsigned int> ln,
+                           const std::vector<UnlockSlot>& others, const DatabaseId& db,
+                           const SecretText& p) {
+    return makeSlot(passwordFor(password, before ? before->label : "", ln),
+                    before ? before->n : freeNumber(seen.set.slots), others, db, p);
 }
 
 void requireRoom(const SlotSet& set) {
@@ -126,15 +145,19 @@ void requireNewSecret(const UnlockSecret& secret, const SlotSet& others, const D
     }
 }
 
+bool names(const std::vector<UnlockSlot>& slots, unsigned int n) {
+    return slotOf(slots, n) != nullptr;
+}
+
 // Sorts the slots of a database into what a rotation does with each.
 class Sorter {
 public:
     Sorter(const Seen& seen, const Rotation& rotation, NewKey& key)
         : seen_(seen), rotation_(rotation), key_(key) {}
 
-    RotationReport sort(unsigned int passwordSlot) {
+    RotationReport sort(const std::optional<UnlockSlot>& passwordSlot) {
         for (const UnlockSlot& slot : seen_.set.slots) {
-            if (slot.n != passwordSlot) {
+            if (slot != passwordSlot) {
                 sortOne(slot);
             }
         }
@@ -148,8 +171,7 @@ public:
 
 private:
     void sortOne(const UnlockSlot& slot) {
-        const bool isNamed =
-            std::ranges::find(rotation_.dropped, slot.n) != rotation_.dropped.end();
+        const bool isNamed = names(rotation_.dropped, slot.n);
         // NOLINTNEXTLINE(bugprone-branch-clone): a slot whose secret was given is carried first
         if (isNamed || slot.kind == SlotKind::kUnknown) {
             report_.dropped.push_back(slot);
@@ -203,17 +225,20 @@ NewKey rotatedKey(const Seen& seen, const Rotation& rotation, RotationReport& re
         return makeKey(rotation.password, rotation.ln, makeDatabaseId());
     }
     NewKey key{.set = {}, .db = seen.record.db, .p = randomP()};
-    const unsigned int n = passwordSlot(seen.set.slots, seen.openedBy, rotation.slot);
-    if (std::ranges::find(rotation.dropped, n) != rotation.dropped.end()) {
+    for (const UnlockSlot& dropped : rotation.dropped) {
+        requireStillThere(seen.set.slots, dropped);
+    }
+    const auto slot = passwordSlot(seen.set.slots, seen.openedBy, rotation.slot);
+    if (slot && names(rotation.dropped, slot->n)) {
         throw Failure(kInvalid, fmt::format("slot {} gets the new password, and so cannot be "
                                             "dropped; name another one with --slot",
-                                            n));
+                                            slot->n));
     }
-    report = Sorter(seen, rotation, key).sort(n);
+    report = Sorter(seen, rotation, key).sort(slot);
     requireAnew(report, rotation);
     requireNewSecret(passwordFor(rotation.password, "", rotation.ln).secret, key.set, key.db);
     UnlockSlot own =
-        passwordSlotFor(seen, n, rotation.password, rotation.ln, key.set.slots, key.db, key.p);
+        passwordSlotFor(seen, slot, rotation.password, rotation.ln, key.set.slots, key.db, key.p);
     key.slot = own.n;
     key.set = withSlot(key.set, std::move(own));
     return key;
@@ -230,12 +255,12 @@ std::vector<UnlockSlot> listSlots(Database& database) {
     return database.protection().inForce.slots;
 }
 
-unsigned int findSlot(const std::vector<UnlockSlot>& slots, std::string_view words) {
+const UnlockSlot& findSlot(const std::vector<UnlockSlot>& slots, std::string_view words) {
     // A label may look like a number of another base.
     const auto number = isDecimal(words) ? parseNumber(words) : std::nullopt;
     for (const UnlockSlot& slot : slots) {
         if (number ? slot.n == *number : !words.empty() && sameLabel(slot.label, words)) {
-            return slot.n;
+            return slot;
         }
     }
     failOnMissing(words);
@@ -255,63 +280,72 @@ SlotPlan planSlot(Database& database, const std::string& label) {
     return {n, seen.record.db};
 }
 
-unsigned int addSlot(Database& database, const NewSlot& fresh) {
-    unsigned int n = 0;
+UnlockSlot addSlot(Database& database, const NewSlot& fresh) {
+    UnlockSlot added;
     edit(database, [&](const Seen& seen) {
         requireRoom(seen.set);
-        n = freeNumber(seen.set.slots);
         requireNewSecret(fresh.secret, seen.set, seen.record.db);
-        return withSlot(seen.set, makeSlot(fresh, n, seen.set.slots, seen.record.db, seen.p));
+        added = makeSlot(fresh, freeNumber(seen.set.slots), seen.set.slots, seen.record.db, seen.p);
+        return withSlot(seen.set, added);
     });
-    return n;
+    return added;
 }
 
-void removeSlot(Database& database, unsigned int n, bool force) {
+void removeSlot(Database& database, const UnlockSlot& slot, bool force) {
     edit(database, [&](const Seen& seen) {
-        requireRemovable(seen, n, force);
-        return withoutSlot(seen.set, n);
+        requireRemovable(seen, slot, force);
+        return withoutSlot(seen.set, slot.n);
     });
 }
 
-unsigned int testSecret(Database& database) {
-    return look(database).openedBy;
+std::optional<UnlockSlot> testSecret(Database& database) {
+    const Unlocked unlocked = database.tryKey();
+    const Protection& protection = database.protection();
+    const UnlockSlot* opened = slotOf(protection.inForce.slots, unlocked.slot);
+    // While the record "key" is lost, it may be one of another set.
+    for (const Protection::Candidate& candidate : protection.candidates) {
+        if (candidate.set.key() == digestOf(unlocked.p)) {
+            opened = slotOf(candidate.set.slots, unlocked.slot);
+        }
+    }
+    return opened != nullptr ? std::optional(*opened) : std::nullopt;
 }
 
 SecretText rawP(Database& database) {
     return look(database).p;
 }
 
-unsigned int passwordSlot(const std::vector<UnlockSlot>& slots, unsigned int openedBy,
-                          unsigned int wanted) {
-    const unsigned int n = wanted != 0 ? wanted : openedBy;
-    const UnlockSlot* const slot = slotOf(slots, n);
-    if (slot != nullptr && slot->kind == SlotKind::kPassword) {
-        return n;
+std::optional<UnlockSlot> passwordSlot(const std::vector<UnlockSlot>& slots, unsigned int openedBy,
+                                       const std::optional<UnlockSlot>& wanted) {
+    if (wanted) {
+        requireStillThere(slots, *wanted);
     }
-    if (wanted != 0) {
-        throw Failure(kInvalid, fmt::format("slot {} is no password's", wanted));
+    const UnlockSlot* const slot = slotOf(slots, wanted ? wanted->n : openedBy);
+    if (slot != nullptr && slot->kind == SlotKind::kPassword) {
+        return *slot;
+    }
+    if (wanted) {
+        throw Failure(kInvalid, fmt::format("slot {} is no password's", wanted->n));
     }
     const auto isPassword = [](const UnlockSlot& each) { return each.kind == SlotKind::kPassword; };
     const auto only = std::ranges::find_if(slots, isPassword);
     if (std::ranges::count_if(slots, isPassword) > 1) {
         throw Failure(kInvalid, "there are several passwords; say with --slot which one to change");
     }
-    return only != slots.end() ? only->n : 0;
+    return only != slots.end() ? std::optional(*only) : std::nullopt;
 }
 
-unsigned int rewrapSlot(Database& database, unsigned int n, const SecretText& password,
-                        std::optional<unsigned int> ln) {
-    unsigned int done = 0;
+UnlockSlot rewrapSlot(Database& database, const std::optional<UnlockSlot>& slot,
+                      const SecretText& password, std::optional<unsigned int> ln) {
+    UnlockSlot fresh;
     edit(database, [&](const Seen& seen) {
-        const unsigned int slot = passwordSlot(seen.set.slots, seen.openedBy, n);
-        const SlotSet others = withoutSlot(seen.set, slot);
+        const auto before = passwordSlot(seen.set.slots, seen.openedBy, slot);
+        const SlotSet others = before ? withoutSlot(seen.set, before->n) : seen.set;
         requireNewSecret(passwordFor(password, "", ln).secret, others, seen.record.db);
-        UnlockSlot fresh =
-            passwordSlotFor(seen, slot, password, ln, others.slots, seen.record.db, seen.p);
-        done = fresh.n;
-        return withSlot(others, std::move(fresh));
+        fresh = passwordSlotFor(seen, before, password, ln, others.slots, seen.record.db, seen.p);
+        return withSlot(others, fresh);
     });
-    return done;
+    return fresh;
 }
 
 RotationReport rehearseRotation(Database& database, Rotation rotation) {

@@ -6,7 +6,12 @@
 // meanwhile, it starts over. So no Hold of it lives, and what is given may be used twice. For one
 // thread. Failures throw; beside what is named here, those of Database::enter(), and
 //
-//   kInvalid   the database has no slots yet: `fstore passwd` first gives it a key of its own
+// A slot is named by what the user saw of it. When another command has put something else in its
+// place meanwhile, nothing is done: its number may have become somebody else's.
+//
+//   kInvalid   the database has no slots yet: `fstore passwd` first gives it a key of its own; or
+//              a slot is not the one that was named
+//   kMissing   there is no such slot, any more
 //   kPartial   done, but one of the two copies could not be written; the next command does it
 #ifndef LIB_WORK_KEY_SLOTS_H
 #define LIB_WORK_KEY_SLOTS_H
@@ -25,9 +30,9 @@ namespace fstore {
 // no secret.
 std::vector<UnlockSlot> listSlots(Database& database);
 
-// The number of the slot that these words name: its number, or its label in any case. Throws
-// kMissing when there is none.
-unsigned int findSlot(const std::vector<UnlockSlot>& slots, std::string_view words);
+// The one of these that the words name: its number, or its label in any case. Throws kMissing when
+// there is none.
+const UnlockSlot& findSlot(const std::vector<UnlockSlot>& slots, std::string_view words);
 
 // What the next slot will be: for a recovery key that is shown before its slot is written.
 struct SlotPlan {
@@ -38,39 +43,39 @@ struct SlotPlan {
 // The plan for a slot with this label. Fails as addSlot() would, and changes nothing.
 SlotPlan planSlot(Database& database, const std::string& label);
 
-// One more slot; its number. kInvalid when the secret opens another one.
-unsigned int addSlot(Database& database, const NewSlot& fresh);
+// One more slot, which it returns. kInvalid when the secret opens another one.
+UnlockSlot addSlot(Database& database, const NewSlot& fresh);
 
 // Removes the slot. Without `force` not the one that opened the database, nor the last one that
 // is no recovery slot (kInvalid), and never the last one.
-void removeSlot(Database& database, unsigned int n, bool force);
+void removeSlot(Database& database, const UnlockSlot& slot, bool force);
 
-// The slot that the secret opens; 0 for P itself and for a line from before there were slots.
-// Changes nothing.
-unsigned int testSecret(Database& database);
+// The slot that the secret opens; none for P itself and for a line from before there were slots.
+// Changes nothing, also while the record "key" is lost.
+std::optional<UnlockSlot> testSecret(Database& database);
 
 // P, for a program that hosts the module alone.
 SecretText rawP(Database& database);
 
 // The slot whose password a change of the password changes: the one that opened the database, or,
-// when that is not a password's, the only password's; 0 for a new one. Throws kInvalid when there
-// are several, and for a `wanted` slot that is no password's.
-unsigned int passwordSlot(const std::vector<UnlockSlot>& slots, unsigned int openedBy,
-                          unsigned int wanted);
+// when that is not a password's, the only password's; none for a new one. Throws kInvalid when
+// there are several, and for a `wanted` slot that is no password's.
+std::optional<UnlockSlot> passwordSlot(const std::vector<UnlockSlot>& slots, unsigned int openedBy,
+                                       const std::optional<UnlockSlot>& wanted);
 
-// Gives slot `n` this password and re-encrypts nothing; the other slots stay. With 0 as
-// passwordSlot(). The label is kept. Returns the number.
-unsigned int rewrapSlot(Database& database, unsigned int n, const SecretText& password,
-                        std::optional<unsigned int> ln);
+// Gives the slot this password and re-encrypts nothing; the other slots stay. With none as
+// passwordSlot(). The label is kept. Returns the new slot.
+UnlockSlot rewrapSlot(Database& database, const std::optional<UnlockSlot>& slot,
+                      const SecretText& password, std::optional<unsigned int> ln);
 
 // A change of the database's key. What becomes of the slots besides the password's:
 struct Rotation {
-    unsigned int slot = 0;  // that gets the password; 0 as passwordSlot()
+    std::optional<UnlockSlot> slot;  // that gets the password; none as passwordSlot()
     SecretText password;
     std::optional<unsigned int> ln;
     std::vector<UnlockSecret> carried;     // the slots that one of these opens stay
     std::optional<UnlockSecret> recovery;  // the first recovery slot is made anew for this
-    std::vector<unsigned int> dropped;
+    std::vector<UnlockSlot> dropped;
     bool dropOthers = false;
     bool keepOld = false;  // keep the old database as ./db-<time>
 };

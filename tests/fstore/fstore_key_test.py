@@ -437,7 +437,6 @@ class SlotsTest(SlotsCase):
                          text.split("\n")[0].split())
         self.assertRegex(text, r"(?m)^1 +password +20\S+ +2\^14, 16 MiB +yes$")
         self.assertRegex(text, r"(?m)^2 +file +web server +20\S+$")
-        self.fails(6, "wrong-password", "key", "ls", password="wrong")
 
     def test_passwords_of_one_cost_share_their_salt(self):
         self.add_password("second")
@@ -513,6 +512,44 @@ class SlotsTest(SlotsCase):
         self.run_tool("key", "test", "1")
         self.fails(6, "wrong-password", "key", "test", "2")
         self.fails(6, "wrong-password", "key", "test", password="wrong")
+
+    def test_testing_changes_nothing(self):
+        path = self.add_key_file()
+        (self.folder / "db/key.dsc").unlink()
+        before = self.files()
+        self.assertIn("slot 2", self.run_tool("key", "test", "--key-file", path, password=None).text)
+        self.assertIn("slot 1", self.run_tool("key", "test").text)
+        self.fails(6, "wrong-password", "key", "test", password="wrong")
+        self.run_tool("key", "ls")
+        self.assertEqual(before, self.files())
+
+    def test_the_list_needs_no_secret_that_fits(self):
+        run = self.run_tool("key", "ls", "--json", password="another database's")
+        self.assertEqual([False], [slot["opened"] for slot in run.document["slots"]])
+        self.assertIn("wrong password", run.document["warnings"][0])
+
+    def test_files_in_the_place_of_folders_stay(self):
+        """A folder of these names is what a change of the password left; a file is somebody's."""
+        backup = self.outside / "all"
+        self.run_tool("backup", backup)
+        for name in ("new_db", "old_db"):
+            with self.subTest(name):
+                sheet = self.folder / name
+                self.fails(4, "invalid", "key", "add", "--recovery", "--sheet", sheet)
+                written = sheet.read_text()
+                for command in (["put", "settings/b", "-"], ["rm", "a"], ["check", "--repair"],
+                                ["passwd", *CHEAP], ["init", *CHEAP],
+                                ["restore", backup, "--replace"]):
+                    self.assertIn("move it elsewhere", self.fails(
+                        4, "invalid", *command, env={"FSTORE_NEW_PASSWORD": "new"}))
+                self.assertTrue(self.opens())
+                self.assertEqual(written, sheet.read_text())
+                sheet.unlink()
+                sheet.symlink_to("nowhere")
+                self.fails(4, "invalid", "rm", "a")
+                self.assertTrue(sheet.is_symlink())
+                sheet.unlink()
+        self.run_tool("check")
 
     def test_another_reader_opens_every_slot(self):
         """One that was written from filestore(5) alone."""
@@ -720,7 +757,8 @@ class PasswdTest(SlotsCase):
 
     def test_the_slot_that_is_named_gets_the_password(self):
         self.add_password("second", *CHEAP, "--label", "guest")
-        self.change("--rewrap", "--slot", "GUEST", new="third")
+        run = self.change("--rewrap", "--slot", "GUEST", new="third")
+        self.assertIn('rewrapped: slot 2 (password "guest")', run.message)
         self.assertEqual([True, False, True],
                          [self.opens(password=each) for each in (PASSWORD, "second", "third")])
         self.change("--rewrap", password="third")  # its own
@@ -869,6 +907,60 @@ class InitTest(FstoreTest):
         self.fails(2, "usage", "init", *CHEAP, "--recovery")
         self.fails(4, "invalid", "init", *CHEAP, "--recovery", "--sheet", self.write("there", ""))
         self.assertFalse((self.folder / "db").exists())
+
+
+class MeanwhileTest(SlotsCase):
+    """What other commands do to the slots between the words of a command and its change."""
+
+    def waiting(self, *args):
+        """A command that has opened the database and asks for a new password."""
+        terminal = self.terminal(*args, *CHEAP, password=PASSWORD)
+        terminal.expect("New password: ")
+        return terminal
+
+    def finish(self, terminal):
+        terminal.type("typed\n")
+        terminal.expect("again: ")
+        terminal.type("typed\n")
+        return terminal.wait()
+
+    def test_a_secret_that_was_removed_adds_and_changes_nothing(self):
+        path = self.add_key_file()
+        commands = [self.waiting("key", "add"), self.waiting("passwd", "--rewrap"),
+                    self.waiting("passwd", "--rotate", "--drop", "2")]
+        self.run_tool("key", "rm", "1", "--key-file", path, password=None)
+        before = self.files()
+        for command in commands:
+            self.assertEqual(6, self.finish(command), command.seen)
+        self.assertEqual(before, self.files())
+
+    def test_a_password_that_was_changed_changes_nothing(self):
+        self.add_key_file()
+        adding = self.waiting("key", "add")
+        self.run_tool("passwd", "--rewrap", *CHEAP, env={"FSTORE_NEW_PASSWORD": "new"})
+        self.assertEqual(6, self.finish(adding), adding.seen)
+        self.assertEqual(2, len(self.listed()))
+
+    def test_a_number_that_is_another_slot_by_now(self):
+        self.add_password("second", *CHEAP, "--label", "guest")
+        rewrapping = self.waiting("passwd", "--rewrap", "--slot", "2")
+        dropping = self.waiting("passwd", "--rotate", "--drop", "guest")
+        self.run_tool("key", "rm", "2")
+        self.add_password("third", *CHEAP, "--label", "mail")
+        before = self.files()
+        for command in (rewrapping, dropping):
+            self.assertEqual(4, self.finish(command), command.seen)
+            self.assertIn("slot 2 meanwhile", command.seen.replace("\r\n", ""))
+        self.assertEqual(before, self.files())
+        self.assertTrue(self.opens(password="third"))
+
+    def test_a_slot_that_is_gone(self):
+        path = self.add_key_file()
+        dropping = self.waiting("passwd", "--rotate", "--drop", "2")
+        self.run_tool("key", "rm", "2")
+        self.assertEqual(50, self.finish(dropping), dropping.seen)
+        self.assertFalse(self.opens("--key-file", path, password=None))
+        self.assertTrue(self.opens())
 
 
 class ResetTest(SlotsCase):

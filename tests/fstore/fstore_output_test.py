@@ -92,6 +92,16 @@ class OutputTest(InitialisedTest):
         self.assertEqual(9, run.returncode)
         self.assertIn(b"No space left", run.stderr)
 
+    def test_what_was_done_is_told_though_the_disk_is_full(self):
+        with open("/dev/full", "wb") as full:
+            run = subprocess.run([support.PROGRAM, "--json", "passwd", *support.CHEAP],
+                                 cwd=self.folder, stdout=full, stderr=subprocess.PIPE, check=False,
+                                 env=support.environment(FSTORE_PASSWORD=support.PASSWORD,
+                                                         FSTORE_NEW_PASSWORD="new"))
+        self.assertEqual(9, run.returncode)
+        self.assertIn(b"all else that the command does is done", run.stderr)
+        self.run_tool("key", "test", password="new")
+
     def test_a_reader_that_goes_away_is_told_nothing(self):
         read, write = os.pipe()
         os.close(read)

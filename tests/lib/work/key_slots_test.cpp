@@ -97,7 +97,7 @@ protected:
 
     static unsigned int add(const NewSlot& fresh) {
         Session session(password("one"));
-        return addSlot(*session, fresh);
+        return addSlot(*session, fresh).n;
     }
 
     static std::vector<UnlockSlot> slots() {
@@ -167,8 +167,8 @@ TEST_F(KeySlotsTest, LabelsAreTakenOnce) {
     (void)add(slotFor(keyFile(1), "Web"));
     EXPECT_EQ(kInvalid, statusOf([&] { (void)add(slotFor(keyFile(2), "wEB")); }));
     EXPECT_EQ(kInvalid, statusOf([&] { (void)add(slotFor(keyFile(2), "17")); }));
-    EXPECT_EQ(2u, findSlot(slots(), "web"));
-    EXPECT_EQ(1u, findSlot(slots(), "1"));
+    EXPECT_EQ(2u, findSlot(slots(), "web").n);
+    EXPECT_EQ(1u, findSlot(slots(), "1").n);
     EXPECT_EQ(kMissing, statusOf([&] { (void)findSlot(slots(), "3"); }));
     EXPECT_EQ(kMissing, statusOf([&] { (void)findSlot(slots(), ""); }));
 }
@@ -179,7 +179,8 @@ TEST_F(KeySlotsTest, ARemovedSlotOpensNothing) {
     const auto removeBy = [](const UnlockSecret& secret, unsigned int n, bool force) {
         return statusOf([&] {
             Session session(secret);
-            removeSlot(*session, n, force);
+            const std::vector<UnlockSlot> all = listSlots(*session);
+            removeSlot(*session, findSlot(all, std::to_string(n)), force);
         });
     };
     EXPECT_EQ(kMissing, removeBy(password("one"), 9, false));
@@ -193,12 +194,49 @@ TEST_F(KeySlotsTest, ARemovedSlotOpensNothing) {
     EXPECT_EQ(3u, openedBy(recovery(1)));
 }
 
+// Its number is another slot by the time that the lock is ours.
+TEST_F(KeySlotsTest, ASlotThatIsAnotherByNowStays) {
+    (void)add(slotFor(keyFile(1), "web"));
+    Session session(password("one"));
+    const UnlockSlot seen = listSlots(*session)[1];
+    removeSlot(*session, seen, false);
+    EXPECT_EQ(kMissing, statusOf([&] { removeSlot(*session, seen, false); }));
+    EXPECT_EQ(2u, add(slotFor(keyFile(2), "web")));
+    EXPECT_EQ(kInvalid, statusOf([&] { removeSlot(*session, seen, false); }));
+    EXPECT_EQ(kInvalid, statusOf([&] {
+                  (void)rewrapSlot(*session, seen, SecretText("two"), UnlockSlot::kLeastLn);
+              }));
+    Rotation rotation;
+    rotation.password = SecretText("two");
+    rotation.dropped = {seen};
+    EXPECT_EQ(kInvalid, statusOf([&] { (void)rotateKey(*session, rotation); }));
+    EXPECT_EQ(2u, openedBy(keyFile(2)));
+}
+
+TEST_F(KeySlotsTest, WhoseSlotWasRemovedDoesNothingMore) {
+    (void)add(slotFor(keyFile(1)));
+    Session session(password("one"));
+    (void)rawP(*session);  // it is open from here on
+    Session other(keyFile(1));
+    removeSlot(*other, listSlots(*other)[0], false);
+    EXPECT_EQ(kWrongPassword, statusOf([&] { (void)addSlot(*session, slotFor(keyFile(2))); }));
+    EXPECT_EQ(kWrongPassword, statusOf([&] { (void)rawP(*session); }));
+    EXPECT_EQ(2u, openedBy(keyFile(1)));
+}
+
+TEST_F(KeySlotsTest, WhoReplacesItsOwnSlotStaysIn) {
+    Session session(password("one"));
+    (void)rewrapSlot(*session, {}, SecretText("two"), UnlockSlot::kLeastLn);
+    (void)addSlot(*session, slotFor(keyFile(1)));
+    EXPECT_EQ(2u, openedBy(keyFile(1)));
+}
+
 TEST_F(KeySlotsTest, APasswordIsReplacedWithoutEncryptingAgain) {
     (void)add(slotFor(keyFile(1)));
     (void)add(slotFor(recovery(1)));
     const auto before = support::tree("db/keys");
     Session session(recovery(1));  // as after the password was forgotten
-    EXPECT_EQ(1u, rewrapSlot(*session, 0, SecretText("two"), UnlockSlot::kLeastLn));
+    EXPECT_EQ(1u, rewrapSlot(*session, {}, SecretText("two"), UnlockSlot::kLeastLn).n);
     EXPECT_EQ(before, support::tree("db/keys"));
     EXPECT_EQ(0u, openedBy(password("one")));
     EXPECT_EQ(1u, openedBy(password("two")));
@@ -219,7 +257,7 @@ TEST_F(KeySlotsTest, ARotationCarriesMakesAnewAndDropsWhatItIsTold) {
     rotation.recovery = recovery(2);
     EXPECT_EQ(kInvalid, statusOf([&] { (void)rotateKey(*session, rotation); }));
     EXPECT_EQ(1u, openedBy(password("one")));
-    rotation.dropped = {4};  // whatever opens it
+    rotation.dropped = {slots()[3]};  // whatever opens it
     rotation.carried.push_back(keyFile(2));
     const RotationReport report = rotateKey(*session, rotation);
     EXPECT_EQ(1u, report.carried.size());
