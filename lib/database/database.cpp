@@ -360,7 +360,8 @@ void Database::warnOfLostKey() {
     if (protection_.isKeyLost() && !warnedOfKey_) {
         warnedOfKey_ = true;
         observer_.warn(fmt::format(
-            "the record ./key {}; `fstore check --repair`, with the password, writes it again",
+            "the record ./key {}; `fstore check --repair`, with the password, writes it again when "
+            "the records show that the password is theirs",
             protection_.keyFault));
     }
 }

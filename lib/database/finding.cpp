@@ -94,7 +94,7 @@ std::string planOf(Repair repair) {
         case Repair::kSettleCopies:
             return "will both be written as ./kdf says";
         case Repair::kWriteKey:
-            return "will be written again with the password";
+            return "will be written again when the records show that the password is theirs";
         case Repair::kNone:
             break;
     }

@@ -175,6 +175,13 @@ class RoundTest(BackupTest):
         self.run_tool("restore", "backup.tar", "--replace")
         self.assert_sound()
 
+    def test_into_the_database_itself(self):
+        (self.folder / "link").symlink_to("db/settings")
+        before = self.files()
+        for name in ("db/all", "db/../db/settings/all", "link/all"):
+            self.assertIn("inside the database", self.fails(4, "invalid", "backup", name))
+        self.assertEqual(before, self.files())
+
     def test_streams_are_refused(self):
         self.fails(2, "usage", "restore", "-")
 

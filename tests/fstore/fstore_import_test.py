@@ -4,6 +4,7 @@
 import fcntl
 import hashlib
 import os
+import resource
 import subprocess
 
 import pki
@@ -385,6 +386,36 @@ class HostileTest(ImportTest):
         run = self.import_in_little_memory("many.pem", b"-----BEGIN A-----\n" * 3_000_000)
         self.assertEqual(4, run.code, run)
         self.assertIn("more than 100000 PEM blocks", run.message)
+
+    COUNT = bytes.fromhex("0203010000")  # 65,536 rounds, which many() makes any number of
+
+    def many(self, rounds, *options):
+        """A PKCS#12 file that says that its password takes so many rounds each time."""
+        made = subprocess.run(
+            ["openssl", "pkcs12", "-export", "-iter", "65536", "-passout", "pass:x", *options],
+            check=True, capture_output=True).stdout
+        self.assertGreaterEqual(made.count(self.COUNT), 1)
+        return made.replace(self.COUNT, b"\x02\x03" + rounds.to_bytes(3, "big"))
+
+    def test_work_for_the_password_of_a_file(self):
+        """Of one derivation, and of all together; for the check of the password and for contents."""
+        key = "-nocerts", "-inkey", self.pki / "rsa.key"
+        files = {"a key": self.many(8_000_000, "-nomac", *key),
+                 "the old way": self.many(8_000_000, "-nomac", "-keypbe", "PBE-SHA1-3DES", *key),
+                 "certificates": self.many(8_000_000, "-nomac", "-certpbe", "AES-256-CBC",
+                                           "-nokeys", "-in", self.pki / "leaf.pem"),
+                 "all attempts": self.many(3_000_000, "-nomac", *key),
+                 "the check": self.many(8_000_000, "-keypbe", "NONE", *key)}
+        for name, contents in files.items():
+            with self.subTest(name):
+                before = resource.getrusage(resource.RUSAGE_CHILDREN).ru_utime
+                message = self.fails(59, "malformed", "import", self.write(name, contents),
+                                     env={"FSTORE_IN_PASSWORD": "x"})
+                self.assertIn("more work than any honest file needs", message)
+                if not support.SANITIZED:
+                    took = resource.getrusage(resource.RUSAGE_CHILDREN).ru_utime - before
+                    self.assertLess(took, 10)
+        self.assertEqual([], self.records())
 
     def test_endless_standard_input(self):
         limit = "" if support.SANITIZED else "ulimit -v 400000; "
