@@ -717,7 +717,8 @@ enum filestore_archive_flag {
  * relative name begins at the process's folder.
  *
  *   FILESTORE_INVALID  the file exists, and `flags` has not FILESTORE_REPLACE; it is a folder or a
- * link FILESTORE_PARTIAL  the file is written, without what it cannot hold: warn() says what */
+ * link FILESTORE_PARTIAL  the file is written, without what it cannot hold: warn() says what
+ *   FILESTORE_INTERRUPTED  cancelled: there is no file, or the one from before */
 FILESTORE_API filestore_status filestore_backup(filestore_db* db, const char* file, uint32_t flags,
                                                 const filestore_callbacks* callbacks,
                                                 filestore_error* error);
@@ -727,7 +728,8 @@ FILESTORE_API filestore_status filestore_backup(filestore_db* db, const char* fi
  * the password is the one of the backup.
  *
  *   FILESTORE_INVALID    there is a database, and `flags` has not FILESTORE_REPLACE
- *   FILESTORE_MALFORMED  the file is not a whole backup */
+ *   FILESTORE_MALFORMED  the file is not a whole backup
+ *   FILESTORE_INTERRUPTED  cancelled: nothing has changed */
 FILESTORE_API filestore_status filestore_restore(filestore_db* db, const char* file, uint32_t flags,
                                                  const filestore_callbacks* callbacks,
                                                  filestore_error* error);

@@ -8,6 +8,7 @@
 #include "format/layout.h"
 #include "lib/archive/tree.h"
 #include "lib/base/error.h"
+#include "lib/base/observer.h"
 #include "lib/base/time.h"
 #include "lib/database/beside.h"
 #include "lib/database/folders.h"
@@ -15,6 +16,25 @@
 
 namespace fstore {
 namespace {
+
+// Steps of 256 KiB, so that long work on one large body can be seen and stopped, too.
+class BytesDone {
+public:
+    BytesDone(Observer& observer, const std::string& what, std::uint64_t bytes)
+        : progress_(observer, what, bytes / kStep + 1) {}
+
+    void add(std::size_t bytes) {
+        for (left_ += bytes; left_ >= kStep; left_ -= kStep) {
+            progress_.step();
+        }
+    }
+
+private:
+    static constexpr std::uint64_t kStep = 1 << 18;
+
+    Progress progress_;
+    std::uint64_t left_ = 0;
+};
 
 // With the files as they are. Only a database that was moved aside is put back first.
 Hold enterForBackup(Database& database) {
@@ -29,19 +49,27 @@ Hold enterForBackup(Database& database) {
 
 BackupReport writeArchive(Database& database, OutputFile& file) {
     const Hold hold = enterForBackup(database);
-    ArchiveWriter writer([&](std::span<const unsigned char> bytes) { file.write(bytes); });
+    BytesDone done(database.observer(), "Backing up", sizeOfTree(layout::kLive));
+    ArchiveWriter writer([&](std::span<const unsigned char> bytes) {
+        file.write(bytes);
+        done.add(bytes.size());
+    });
     BackupReport report;
     report.leftOut = addTree(layout::kLive, writer);
     report.totals = writer.finish();
     return report;
 }
 
-os::File openArchive(const std::string& name) {
+struct Archive {
     os::File file;
     off_t size = 0;
-    switch (os::openRegular(name.c_str(), file, size)) {
+};
+
+Archive openArchive(const std::string& name) {
+    Archive archive;
+    switch (os::openRegular(name.c_str(), archive.file, archive.size)) {
         case os::Opened::kRegular:
-            return file;
+            return archive;
         case os::Opened::kNotRegular:
             throw Failure(kInvalid, fmt::format("{} is not a regular file", name), name);
         case os::Opened::kFailed:
@@ -50,11 +78,18 @@ os::File openArchive(const std::string& name) {
     failWithErrno("open", name);
 }
 
+ArchiveTotals verify(const Archive& archive, const std::string& name, Observer& observer) {
+    BytesDone done(observer, "Verifying", static_cast<std::uint64_t>(archive.size));
+    return verifyArchive(archive.file, name, [&](std::size_t bytes) { done.add(bytes); });
+}
+
 // The archive as "./new_db", which goes again unless it is complete.
-ArchiveTotals extract(const os::File& file, const std::string& name) {
+ArchiveTotals extract(const Archive& archive, const std::string& name, Observer& observer) {
+    BytesDone done(observer, "Restoring", static_cast<std::uint64_t>(archive.size));
     dropCopy();
     try {
-        return extractTree(file, name, layout::kCopy);
+        return extractTree(archive.file, name, layout::kCopy,
+                           [&](std::size_t bytes) { done.add(bytes); });
     } catch (...) {
         dropCopy();
         throw;
@@ -69,20 +104,26 @@ void refuseToReplace(const Place& place) {
     }
 }
 
-RestoreReport restoreFrom(const os::File& first, const os::File& second, Database& database,
+RestoreReport restoreFrom(const Archive& first, const Archive& second, Database& database,
                           const std::string& name, bool replace) {
     // All of it, before anything is written or even the folder is made.
-    const ArchiveTotals verified = verifyArchive(first, name);
+    const ArchiveTotals verified = verify(first, name, database.observer());
     const Hold hold = database.enter(Access::kChange, Need::kFolder);
     if (!replace) {
         refuseToReplace(database.place());
     }
-    const ArchiveTotals totals = extract(second, name);
+    const ArchiveTotals totals = extract(second, name, database.observer());
     if (totals.manifest != verified.manifest) {
         throw Failure(kIo, "it changed while it was being read");
     }
     settleCopy();
     return {totals, exchangeForCopy(compactTime(now()))};
+}
+
+ArchiveTotals readBack(const OutputFile& file, const ArchiveTotals& written, Observer& observer) {
+    const os::File again = file.reopen();
+    BytesDone done(observer, "Verifying", written.bytes);
+    return verifyArchive(again, file.name(), [&](std::size_t bytes) { done.add(bytes); });
 }
 
 }  // namespace
@@ -91,7 +132,7 @@ BackupReport backUp(Database& database, OutputFile& file) {
     BackupReport report = writeArchive(database, file);
     report.verified = !file.isStream();
     if (report.verified &&
-        verifyArchive(file.reopen(), file.name()).manifest != report.totals.manifest) {
+        readBack(file, report.totals, database.observer()).manifest != report.totals.manifest) {
         throw Failure(kIo,
                       fmt::format("{} reads back differently from what was written", file.name()),
                       file.name());
@@ -101,8 +142,8 @@ BackupReport backUp(Database& database, OutputFile& file) {
 }
 
 RestoreReport restore(Database& database, const std::string& name, bool replace) {
-    const os::File first = openArchive(name);
-    const os::File second = openArchive(name);
+    const Archive first = openArchive(name);
+    const Archive second = openArchive(name);
     try {
         return restoreFrom(first, second, database, name, replace);
     } catch (const Failure& failure) {

@@ -148,21 +148,46 @@ void syncTree(const std::string& folder) {
 
 }  // namespace
 
-ArchiveReader::Source archiveSource(const os::File& file, const std::string& name) {
-    return [&file, name](std::span<unsigned char> piece) {
+ArchiveReader::Source archiveSource(const os::File& file, const std::string& name,
+                                    const BytesSeen& seen) {
+    return [&file, name, seen](std::span<unsigned char> piece) {
         const ssize_t got = os::readSome(file.get(), piece.data(), piece.size());
         if (got < 0) {
             failWithErrno("read", name);
+        }
+        if (seen) {
+            seen(static_cast<std::size_t>(got));
         }
         return static_cast<std::size_t>(got);
     };
 }
 
-ArchiveTotals verifyArchive(const os::File& file, const std::string& name) {
-    ArchiveReader reader(archiveSource(file, name));
+ArchiveTotals verifyArchive(const os::File& file, const std::string& name, const BytesSeen& seen) {
+    ArchiveReader reader(archiveSource(file, name, seen));
     while (reader.next()) {
     }
     return reader.totals();
+}
+
+// NOLINTNEXTLINE(misc-no-recursion): as deep as folders are
+std::uint64_t sizeOfTree(const std::string& folder) {
+    std::uint64_t bytes = 0;
+    try {
+        for (const FolderEntry& entry : listFolder(folder)) {
+            const std::string name = joined(folder, entry.name);
+            struct stat status {};
+            if (entry.type == FolderEntry::Type::kFolder) {
+                bytes += sizeOfTree(name);
+            } else if (os::lstat(name.c_str(), &status) == 0) {
+                bytes += static_cast<std::uint64_t>(status.st_size);
+            }
+        }
+    } catch (const MemoryFailure&) {
+        throw;
+    } catch (const Failure&) {
+        // who reads it next is told why that cannot be
+    }
+    return bytes;
 }
 
 std::vector<LeftOut> addTree(const std::string& folder, ArchiveWriter& writer) {
@@ -172,9 +197,9 @@ std::vector<LeftOut> addTree(const std::string& folder, ArchiveWriter& writer) {
     return tree.takeLeftOut();
 }
 
-ArchiveTotals extractTree(const os::File& file, const std::string& name,
-                          const std::string& folder) {
-    ArchiveReader reader(archiveSource(file, name));
+ArchiveTotals extractTree(const os::File& file, const std::string& name, const std::string& folder,
+                          const BytesSeen& seen) {
+    ArchiveReader reader(archiveSource(file, name, seen));
     // A folder gets its mode last: it may not allow what has yet to be made in it.
     std::vector<std::pair<std::string, unsigned int>> folders;
     // Whoever packed the archive does not decide who may read what is unpacked.

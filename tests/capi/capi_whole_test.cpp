@@ -313,6 +313,94 @@ TEST_F(CapiWholeTest, ACancelledChangeLeavesTheOldPassword) {
     }
 }
 
+// From the first step to the last, until one ends by itself. Each is made by whoever is in.
+TEST_F(CapiWholeTest, AChangeCancelledAtAnyStepLeavesOneOfThePasswords) {
+    put(db_, "keys/a", "abc");
+    put(db_, "keys/b", "abc");
+    std::string now = kPassword, next = kOther;
+    Heard heard;
+    const filestore_callbacks callbacks = heard.callbacks();
+    int changedAllTheSame = 0;
+    filestore_status status = FILESTORE_INTERRUPTED;
+    for (heard.stopAfter = 1; status == FILESTORE_INTERRUPTED; ++heard.stopAfter) {
+        SCOPED_TRACE(heard.stopAfter);
+        ASSERT_LT(heard.stopAfter, 1000);
+        heard.steps = 0;
+        const Db changing = openWith(folder_.path(), now);
+        const filestore_key fresh = passwordOf(next);
+        status = filestore_change_password(changing.get(), &fresh, 0, kCost, &callbacks, &error_);
+        if (status == FILESTORE_OK || heard.what == "Verifying") {
+            changedAllTheSame += status == FILESTORE_OK ? 0 : 1;
+            std::swap(now, next);
+        }
+        const Db after = openWith(folder_.path(), now);
+        EXPECT_EQ("abc", bodyOf(get(after, "keys/a")));
+        EXPECT_EQ("abc", bodyOf(get(after, "keys/b")));
+        const filestore_key other = passwordOf(next);
+        EXPECT_EQ(FILESTORE_WRONG_PASSWORD,
+                  filestore_unlock(after.get(), &other, nullptr, nullptr));
+        unlock(db_, now);
+        EXPECT_THAT(check(FILESTORE_CHECK_DEEP, FILESTORE_OK), IsEmpty());
+    }
+    EXPECT_EQ(FILESTORE_OK, status) << error_.message;
+    EXPECT_GT(changedAllTheSame, 0);
+}
+
+TEST_F(CapiWholeTest, ABackupCancelledAtAnyStepLeavesNoFile) {
+    put(db_, "keys/a", std::string(2 << 20, 'a'));
+    Heard heard;
+    const filestore_callbacks callbacks = heard.callbacks();
+    const auto before = support::tree(folder_.path());
+    filestore_status status = FILESTORE_INTERRUPTED;
+    for (heard.stopAfter = 1; status == FILESTORE_INTERRUPTED; ++heard.stopAfter) {
+        ASSERT_LT(heard.stopAfter, 1000);
+        heard.steps = 0;
+        EXPECT_EQ(before, support::tree(folder_.path()));
+        status = filestore_backup(db_.get(), (folder_ / "all").c_str(), 0, &callbacks, &error_);
+    }
+    EXPECT_EQ(FILESTORE_OK, status) << error_.message;
+    EXPECT_GT(heard.stopAfter, 10);
+    EXPECT_TRUE(std::filesystem::exists(folder_ / "all"));
+}
+
+TEST_F(CapiWholeTest, ARestoreCancelledAtAnyStepChangesNothing) {
+    put(db_, "keys/a", std::string(2 << 20, 'a'));
+    const TempDir outside;
+    const std::string file = outside / "all";
+    must(filestore_backup(db_.get(), file.c_str(), 0, nullptr, &error_), error_);
+    put(db_, "keys/b", "later");
+    Heard heard;
+    const filestore_callbacks callbacks = heard.callbacks();
+    const auto before = support::tree(folder_.path());
+    filestore_status status = FILESTORE_INTERRUPTED;
+    for (heard.stopAfter = 1; status == FILESTORE_INTERRUPTED; ++heard.stopAfter) {
+        ASSERT_LT(heard.stopAfter, 1000);
+        heard.steps = 0;
+        EXPECT_EQ(before, support::tree(folder_.path()));
+        status = filestore_restore(db_.get(), file.c_str(), FILESTORE_REPLACE, &callbacks, &error_);
+    }
+    EXPECT_EQ(FILESTORE_OK, status) << error_.message;
+    EXPECT_GT(heard.stopAfter, 10);
+    unlock(db_, kPassword);
+    EXPECT_EQ(FILESTORE_MISSING, statusOfGet(db_, "keys/b"));
+}
+
+TEST_F(CapiWholeTest, AnImportCancelledAtAnyStepHasWholeRecords) {
+    Heard heard;
+    const filestore_callbacks callbacks = heard.callbacks();
+    filestore_status status = FILESTORE_INTERRUPTED;
+    for (heard.stopAfter = 1; status == FILESTORE_INTERRUPTED; ++heard.stopAfter) {
+        ASSERT_LT(heard.stopAfter, 1000);
+        heard.steps = 0;
+        status = filestore_import(db_.get(), kPem.data(), kPem.size(), nullptr, nullptr, &callbacks,
+                                  &error_);
+        EXPECT_THAT(check(FILESTORE_CHECK_DEEP, FILESTORE_OK), IsEmpty());
+    }
+    EXPECT_EQ(FILESTORE_OK, status) << error_.message;
+    EXPECT_GT(heard.stopAfter, 2);
+    EXPECT_EQ(2u, namesOf(find(nullptr)).size());
+}
+
 TEST_F(CapiWholeTest, NeedsTheKeyToChangeThePassword) {
     filestore_lock(db_.get());
     filestore_key fresh = FILESTORE_KEY_INIT;
