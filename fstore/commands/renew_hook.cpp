@@ -77,9 +77,20 @@ std::vector<std::string> argumentsOf(const DeployOptions& options) {
     return words;
 }
 
+// What is deployed, as `show` takes it.
+std::vector<std::string> choiceOf(const DeployOptions& options) {
+    const Selector selector = rulesOf(options).selector;
+    std::vector<std::string> words{"--for", selector.name};
+    if (!selector.algorithm.empty()) {
+        words.insert(words.end(), {"--alg", selector.algorithm});
+    }
+    return words;
+}
+
 Status run(const Options& options, Context& context) {
-    const std::string text = renewHook(
-        {options.client, fstoreOf(context.globals), argumentsOf(options.deploy), options.emptyKey});
+    const std::string text =
+        renewHook({options.client, fstoreOf(context.globals), argumentsOf(options.deploy),
+                   options.emptyKey ? choiceOf(options.deploy) : std::vector<std::string>{}});
     OutputFile file(options.file, options.force);
     if (context.output.json() && file.isStandardOutput()) {
         context.output.document({{"text", text}});
@@ -108,7 +119,7 @@ void addRenewHook(Cli& cli) {
                      "certbot, dehydrated or acme.sh");
     addDeployOptions(command, &options->deploy);
     command.flag("--empty-key", &options->emptyKey,
-                 "Empty the file of the renewed key once it is imported and deployed");
+                 "Empty the file of the renewed key once its certificate is the deployed one");
     command.option("-o,--output", "FILE", &options->file, "The file, executable by all");
     addForce(command, &options->force);
 }

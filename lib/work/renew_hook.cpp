@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include "lib/base/error.h"
+
 namespace fstore {
 namespace {
 
@@ -29,31 +31,51 @@ std::string command(const std::vector<std::string>& words) {
     return text;
 }
 
-// The steps, each a line. `key` and `chain` are words of a shell.
-std::vector<std::string> stepsOf(const HookRules& rules, std::string_view key,
-                                 std::string_view chain) {
-    const std::string fstore = command(rules.fstore);
-    std::vector<std::string> steps{fmt::format("{} import {} {}", fstore, key, chain),
-                                   fmt::format("{} deploy {}", fstore, command(rules.deploy))};
-    if (rules.emptyKey) {
-        // Not removed: certbot takes a lineage whose key is missing for broken.
-        steps.push_back(fmt::format(": >{}", key));
+// What the programs give their hook, as words of a shell.
+struct Files {
+    std::string_view key, chain;
+};
+
+// Programs run one hook for all that they renew. Another program may read the key of what is not
+// deployed here, so only the key of the deployed certificate is emptied; whoever reads that one
+// reads what was deployed. Not removed: certbot takes a lineage whose key is missing for broken.
+// Commands without line breaks of their own, as some programs want one line.
+std::string emptying(const HookRules& rules, const Files& files, std::string_view empty) {
+    return fmt::format(
+        "if why=$({} show {} --same-as {} 2>&1 >/dev/null); then {}; "
+        "else code=$?; echo {}\" is not emptied: ${{why#fstore: error: }}\"; [ \"$code\" = {} ]; fi",
+        command(rules.fstore), command(rules.emptyKeyOf), files.chain, empty, files.key,
+        exitCodeOf(kMissing));
+}
+
+// A key that is empty was imported by another hook of this database, and then emptied.
+std::string importing(const HookRules& rules, const Files& files) {
+    const std::string import =
+        fmt::format("{} import {} {}", command(rules.fstore), files.key, files.chain);
+    return rules.emptyKeyOf.empty() ? import
+                                    : fmt::format("if [ -s {} ]; then {}; fi", files.key, import);
+}
+
+std::vector<std::string> stepsOf(const HookRules& rules, const Files& files,
+                                 std::string_view empty) {
+    std::vector<std::string> steps{
+        importing(rules, files),
+        fmt::format("{} deploy {}", command(rules.fstore), command(rules.deploy))};
+    if (!rules.emptyKeyOf.empty()) {
+        steps.push_back(emptying(rules, files, empty));
     }
     return steps;
 }
 
 // Beside its lineages certbot keeps each key that it has made once more, under a number.
 std::vector<std::string> stepsOfCertbot(const HookRules& rules) {
-    auto steps =
-        stepsOf(rules, "\"$RENEWED_LINEAGE/privkey.pem\"", "\"$RENEWED_LINEAGE/fullchain.pem\"");
-    if (rules.emptyKey) {
-        steps.insert(
-            steps.end() - 1,
-            "for copy in \"$RENEWED_LINEAGE\"/../../keys/*; do\n"
-            "    if cmp -s \"$copy\" \"$RENEWED_LINEAGE/privkey.pem\"; then : >\"$copy\"; fi\n"
-            "done");
-    }
-    return steps;
+    return stepsOf(
+        rules, {"\"$RENEWED_LINEAGE/privkey.pem\"", "\"$RENEWED_LINEAGE/fullchain.pem\""},
+        "\n"
+        "    for copy in \"$RENEWED_LINEAGE\"/../../keys/*; do\n"
+        "        if cmp -s \"$copy\" \"$RENEWED_LINEAGE/privkey.pem\"; then : >\"$copy\"; fi\n"
+        "    done\n"
+        "    : >\"$RENEWED_LINEAGE/privkey.pem\"");
 }
 
 std::string script(std::string_view client, std::string_view begin,
@@ -75,11 +97,12 @@ std::string renewHook(const HookRules& rules) {
         case RenewalClient::kDehydrated:
             return script("dehydrated",
                           "[ \"$1\" = deploy_cert ] || exit 0  # it calls for other things, too\n",
-                          stepsOf(rules, "\"$3\"", "\"$5\""));
+                          stepsOf(rules, {"\"$3\"", "\"$5\""}, ": >\"$3\""));
         case RenewalClient::kAcmeSh:
             break;
     }
-    const auto steps = stepsOf(rules, "\"$CERT_KEY_PATH\"", "\"$CERT_FULLCHAIN_PATH\"");
+    const auto steps =
+        stepsOf(rules, {"\"$CERT_KEY_PATH\"", "\"$CERT_FULLCHAIN_PATH\""}, ": >\"$CERT_KEY_PATH\"");
     return fmt::format("--reloadcmd {}\n", quoted(fmt::format("{}", fmt::join(steps, " && "))));
 }
 

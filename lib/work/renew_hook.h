@@ -20,7 +20,9 @@ struct HookRules {
     RenewalClient client;
     std::vector<std::string> fstore;  // the program with its global options
     std::vector<std::string> deploy;  // the arguments of `deploy`
-    bool emptyKey = false;            // the renewed key's file, once all is done
+    // The arguments that name what is deployed to other commands, "--for" and so on: if there are
+    // some, the renewed key's file is emptied once its certificate is the deployed one.
+    std::vector<std::string> emptyKeyOf;
 };
 
 // The script, or for kAcmeSh one line for its command.

@@ -59,6 +59,15 @@ class ForHostTest(ExportTest):
             run = self.run_tool("show", "--json", "--for", "WWW.example.com", *more, password=None)
             self.assertEqual(self.address(name), run.document["records"][0]["address"])
 
+    def test_show_compares_the_record_with_a_file(self):
+        chain = self.folder / "chain.pem"
+        chain.write_bytes(self.run_tool("export", "--for", "www.example.com", "--chain").out)
+        same = ("show", "--for", "www.example.com", "--same-as")
+        self.run_tool(*same, chain)
+        message = self.fails(50, "missing", *same, self.pki / "leaf.pem")
+        self.assertIn(self.address("deep.der"), message)
+        self.assertIn("no certificate", self.fails(4, "invalid", *same, self.pki / "crl.der"))
+
     def test_what_is_revoked_serves_nobody(self):
         message = self.fails(50, "missing", "show", *self.EC)
         self.assertIn("1 revoked by a CRL", message)

@@ -86,6 +86,49 @@ class HookTest(FstoreTest):
                 left = [name for name, contents in self.files().items() if self.key in contents]
                 self.assertEqual([], left)
 
+    def test_key_of_another_certificate_is_not_emptied(self):
+        """Clients run one hook for all that they renew: another program may read that key."""
+        self.run_tool("import", "privkey.pem", "fullchain.pem")
+        for client in "certbot", "dehydrated", "acme.sh":
+            with self.subTest(client=client):
+                openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+                        "-nodes", "-keyout", self.folder / "privkey1.pem",
+                        "-out", self.folder / "fullchain.pem",
+                        "-subj", "/CN=mail", "-addext", "subjectAltName=DNS:mail.example.com")
+                other = (self.folder / "privkey1.pem").read_bytes()
+                run = self.run_as(client, self.hook(client, "--empty-key", "--force"))
+                self.assertEqual((0, b""), (run.returncode, run.stderr))
+                self.assertEqual(other, (self.folder / "privkey1.pem").read_bytes())
+                self.assertEqual(1, run.stdout.count(b"\n"))
+                self.assertIn(b"privkey.pem is not emptied: the certificate in", run.stdout)
+                self.run_tool("export", "--for", "mail.example.com")
+
+    def test_hooks_of_two_hosts_empty_the_key_of_both(self):
+        """The second of them finds the key emptied by the first one."""
+        for client in "certbot", "dehydrated", "acme.sh":
+            with self.subTest(client=client):
+                (self.folder / "privkey1.pem").write_bytes(self.key)
+                for turn in "first", "second":
+                    run = self.run_as(client, self.hook(client, "--empty-key", "--force"))
+                    self.assertEqual((0, b"", b""), (run.returncode, run.stdout, run.stderr), turn)
+                    self.assertEqual(b"", (self.folder / "privkey1.pem").read_bytes())
+
+    def test_failed_look_at_what_is_deployed_keeps_the_key_and_fails(self):
+        for client in "certbot", "dehydrated", "acme.sh":
+            with self.subTest(client=client):
+                # The reload takes the certificate away that is looked at afterwards.
+                chain = self.folder / "fullchain.pem"
+                saved = chain.read_bytes()
+                hook = self.hook(client, "--empty-key", "--force", "--shell", "--reload",
+                                 f": >{shlex.quote(str(chain))}")
+                run = self.run_as(client, hook)
+                self.assertNotEqual(0, run.returncode)
+                self.assertIn(b"is not emptied", run.stdout)
+                self.assertEqual(self.key, (self.folder / "privkey1.pem").read_bytes())
+                chain.write_bytes(saved)
+                self.run_tool("rm", "--force", *self.records())
+                os.unlink(self.folder / "www")
+
     def test_copies_that_certbot_keeps_are_emptied_too(self):
         keys = self.folder / "keys"
         keys.mkdir()
