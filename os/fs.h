@@ -40,6 +40,7 @@ int startWriteback(int fd) noexcept;
 [[nodiscard]] int access(const char* path, int mode) noexcept;
 [[nodiscard]] int lstat(const char* path, struct stat* status) noexcept;
 [[nodiscard]] int rename(const char* from, const char* to) noexcept;
+[[nodiscard]] int renameNew(const char* from, const char* to) noexcept;  // as renameNewAt()
 [[nodiscard]] int remove(const char* path) noexcept;  // a file or an empty folder
 [[nodiscard]] int mkdir(const char* path, mode_t mode) noexcept;
 [[nodiscard]] int rmdir(const char* path) noexcept;

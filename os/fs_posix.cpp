@@ -6,6 +6,7 @@
 
 #include "os/base.h"
 #include "os/fs.h"
+#include "os/rename_new.h"
 
 int os::open(const char* path, int flags, mode_t mode) noexcept {
     return ::openat(baseFolder(), path, flags, mode);
@@ -53,6 +54,10 @@ int os::lstat(const char* path, struct stat* status) noexcept {
 
 int os::rename(const char* from, const char* to) noexcept {
     return ::renameat(baseFolder(), from, baseFolder(), to);
+}
+
+int os::renameNew(const char* from, const char* to) noexcept {
+    return renameNewAt(baseFolder(), from, to);
 }
 
 int os::remove(const char* path) noexcept {

@@ -111,7 +111,9 @@ Status run(Context& context) {
     output.line(fmt::format("database   {}", here));
     printSlots(protection, output);
     if (protection.isUnfinished()) {
-        output.line("           its last change was interrupted; opening the database finishes it");
+        output.line(
+            fmt::format("           its last change was interrupted; opening the database {} it",
+                        protection.isUndone() ? "undoes" : "finishes"));
     }
     if (hasOld) {
         output.line("old_db     is kept, with the old password");

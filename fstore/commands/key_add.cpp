@@ -26,11 +26,22 @@ struct Options {
     std::optional<int> cost;
 };
 
+// Another command may make the same file for another database: then it serves both.
+void makeKeyFile(const std::string& file, Context& context) {
+    try {
+        (void)createKeyFile(file);
+        context.output.note(fmt::format("made the key file {}", file));
+    } catch (const Failure& failure) {
+        if (failure.status() != kInvalid || !exists(file)) {
+            throw;
+        }
+    }
+}
+
 // The key in this file, which is made if there is none.
 UnlockSecret secretOf(const std::string& file, Context& context) {
     if (!exists(file)) {
-        (void)createKeyFile(file);
-        context.output.note(fmt::format("made the key file {}", file));
+        makeKeyFile(file, context);
     }
     warnIfBeside("key file", file, context);
     return readKeyFile(KeyFile(file), context.output);

@@ -42,6 +42,7 @@ Status run(const Options& options, Context& context) {
     context.output.note(
         slots.empty() ? "the key is the password of the database; change it with `fstore passwd`"
                       : "made a slot for the new password; all other slots are gone");
+    noteOldCopies(context.output);
     context.output.document({{"slots", toJson(slots, {})}});
     return kOk;
 }

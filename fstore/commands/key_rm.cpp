@@ -23,9 +23,7 @@ Status run(const Options& options, Context& context) {
     const UnlockSlot& removed = findSlot(slots, options.slot);
     removeSlot(database, removed, options.force);
     context.output.note(fmt::format("removed {}", describe(removed)));
-    context.output.note(
-        "who has an old copy of the database, too, can still open it with the removed secret; "
-        "`fstore passwd --rotate` ends that");
+    noteOldCopies(context.output);
     context.output.document({{"removed", toJson(removed)}});
     return kOk;
 }

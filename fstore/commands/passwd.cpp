@@ -162,6 +162,7 @@ void report(const RotationReport& report, const std::optional<UnlockSlot>& rewra
                  {"keptOld", options.keepOld}};
     if (rewrapped) {
         output.note(fmt::format("rewrapped: {}", describe(*rewrapped)));
+        noteOldCopies(output);
         json["rewrapped"] = toJson(*rewrapped);
     }
     for (const auto& [name, words, slots] : {std::tuple("carried", "carried", &report.carried),

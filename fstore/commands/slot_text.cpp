@@ -48,6 +48,12 @@ std::string describe(const std::vector<UnlockSlot>& slots) {
     return fmt::format("{}", fmt::join(names, ", "));
 }
 
+void noteOldCopies(Output& output) {
+    output.note(
+        "who has an old copy of the database, too, can still open it with the old secret; `fstore "
+        "passwd --rotate` ends that");
+}
+
 const UnlockSlot& slotOf(const std::vector<UnlockSlot>& slots, unsigned int n) {
     return *std::ranges::find(slots, n, &UnlockSlot::n);
 }

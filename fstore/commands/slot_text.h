@@ -19,6 +19,9 @@ std::string describe(const UnlockSlot& slot);
 std::string describe(const std::vector<UnlockSlot>& slots);
 
 // The slot of this number, which is one of them.
+// That a secret which opens no slot any more still opens copies from before.
+void noteOldCopies(Output& output);
+
 const UnlockSlot& slotOf(const std::vector<UnlockSlot>& slots, unsigned int n);
 
 // Number, kind, label, date and cost, a line each; `opened` is marked.

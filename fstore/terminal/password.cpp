@@ -67,6 +67,17 @@ SecretText accepted(std::string_view text, PasswordSource::Which which) {
     return SecretText(text);
 }
 
+constexpr const char* kKeyFile = ", or a key file with --key-file or FSTORE_KEY_FILE";
+constexpr const char* kKeyFileOrCredential =
+    ", or a key file with --key-file, FSTORE_KEY_FILE or as the credential fstore.key, which is "
+    "not "
+    "in the folder of CREDENTIALS_DIRECTORY, or that is no absolute path";
+
+// The value of an environment variable, or null.
+const char* variable(const std::string& name) {
+    return ::secure_getenv(name.c_str());
+}
+
 [[noreturn]] void failWithoutSource(PasswordSource::Which which) {
     const char* const option = wordsOf(which).option;
     const bool keyFileWouldDo = which == PasswordSource::Which::kCurrent;
@@ -75,12 +86,9 @@ SecretText accepted(std::string_view text, PasswordSource::Which which) {
         fmt::format(
             "no {} given and no terminal to ask on; give it with {}-fd, {}-file, {} or {}{}",
             describe(which), option, option, variableName(which, "_FILE"), variableName(which, ""),
-            keyFileWouldDo ? ", or a key file with --key-file or FSTORE_KEY_FILE" : ""));
-}
-
-// The value of an environment variable, or null.
-const char* variable(const std::string& name) {
-    return ::secure_getenv(name.c_str());
+            !keyFileWouldDo                                ? ""
+            : variable("CREDENTIALS_DIRECTORY") == nullptr ? kKeyFile
+                                                           : kKeyFileOrCredential));
 }
 
 }  // namespace

@@ -312,7 +312,13 @@ void OutputFile::commit() {
     if (isStreamAt(path_, name_, replace_)) {
         throw Failure(kInvalid, fmt::format("{} became another file meanwhile", name_), name_);
     }
-    if (os::rename(beside_->c_str(), path_.c_str()) != 0) {
+    const auto rename = replace_ ? os::rename : os::renameNew;
+    if (rename(beside_->c_str(), path_.c_str()) != 0) {
+        if (errno == EEXIST) {
+            throw Failure(kInvalid,
+                          fmt::format("{} was made by another program meanwhile, and stays", name_),
+                          name_);
+        }
         failWithErrno("write", name_);
     }
     beside_->commit();

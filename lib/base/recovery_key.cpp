@@ -35,7 +35,7 @@ unsigned char valueOf(char c) {
 }
 
 bool isSkipped(char c) {
-    return c == ' ' || c == '\t' || c == '-';
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '-';
 }
 
 // The values of all characters but those that are skipped.

@@ -4,7 +4,7 @@
 //
 // Eight groups of four digits and a check digit, five bits a digit, the highest bit of the first
 // byte first. The digits are 0 to 9 and the letters but I, L, O and U. Typed, letters may be of
-// either case, O stands for 0, I and L for 1; blanks and dashes are skipped.
+// either case, O stands for 0, I and L for 1; blanks, line ends and dashes are skipped.
 //
 // The check digit of a group depends on its number, too. It shows every single wrong digit, every
 // swap of two digits in a group, and every swap of two groups, and so the group can be named.

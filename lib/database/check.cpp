@@ -22,7 +22,7 @@ Access accessFor(const CheckOptions& options) {
 }
 
 bool waitsForPassword(const Finding& finding) {
-    return finding.repair == Finding::Repair::kFinish ||
+    return finding.repair == Finding::Repair::kFinish || finding.repair == Finding::Repair::kUndo ||
            finding.repair == Finding::Repair::kSettleCopies ||
            finding.repair == Finding::Repair::kWriteKey;
 }
@@ -43,6 +43,21 @@ void inspectCopies(const Protection& protection, std::vector<Finding>& findings)
     }
 }
 
+// A database that no tool of ours made has no slots, either.
+void inspectWithoutSlots(const Protection& protection, Database& database) {
+    if (!protection.record.sets.empty()) {
+        return;
+    }
+    if (!protection.hasPassword()) {
+        database.requireNoPassword();
+        return;
+    }
+    database.observer().warn(
+        "the database has no slots, so its own key alone opens it; if it had some, they are lost: "
+        "a "
+        "backup has them, and `fstore key reset` makes new ones from the key");
+}
+
 // What the records of the password say, besides what stands in the folders.
 std::vector<Finding> inspectAll(Database& database) {
     std::vector<Finding> findings = inspect();
@@ -57,10 +72,15 @@ std::vector<Finding> inspectAll(Database& database) {
             return findings;
         }
         inspectCopies(protection, findings);
+        inspectWithoutSlots(protection, database);
         if (protection.isUnfinished()) {
+            const bool undone = protection.isUndone();
             findings.push_back(
                 {Finding::Kind::kUnfinishedChange, descriptorPath({"", layout::kKdfRecord}),
-                 "records an interrupted change of the password", Finding::Repair::kFinish});
+                 undone ? "records a change of the password that was interrupted before it took "
+                          "effect"
+                        : "records an interrupted change of the password, which took effect",
+                 undone ? Finding::Repair::kUndo : Finding::Repair::kFinish});
         }
     } catch (const Failure& failure) {
         const auto kind = failure.isDenied() ? Finding::Kind::kUnreadable : Finding::Kind::kDamaged;

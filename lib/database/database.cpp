@@ -148,9 +148,10 @@ void Database::resetSlots(NewKey fresh) {
     recoverFiles(store_);
     learned_.reset();
     proveKey(store_, fresh.p, place_);
-    removeSlots();
-    if (!fresh.set.slots.empty()) {
-        writeSlots(Protection(), fresh.db, {std::move(fresh.set)}, /*keepOld=*/false);
+    if (fresh.set.slots.empty()) {
+        removeSlots();
+    } else {
+        replaceSlots(fresh.db, std::move(fresh.set));
     }
     learn(readProtection());
     openWith({std::move(fresh.p), 0});
@@ -279,6 +280,9 @@ void Database::undoChange() {
     const SecretText& p = store_.p();
     if (examine(store_, {&p, 1}, /*byAll=*/false).fit != Evidence::Fit::kNone) {
         learn(dropUndoneSet(protection_));
+        observer_.note(
+            "the change of the password that was interrupted is undone: the secrets from before it "
+            "are in force");
         return;
     }
     const std::string file = descriptorPath({"", layout::kKeyRecord});
@@ -331,7 +335,7 @@ void Database::openWith(Unlocked unlocked) {
         observer_.note("the record ./key was lost, and has been written again");
         learn(recover(store_));
     } else if (!protection_.hasPassword()) {
-        requireNoPassword(store_);
+        fstore::requireNoPassword(store_);
     }
     store_.open(std::move(unlocked.p));
     opened_ = protection_.inForce.key();

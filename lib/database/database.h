@@ -103,6 +103,9 @@ public:
     // The P that it was opened with, for another Database of this place; while it is open.
     const SecretText& p() const noexcept { return store_.p(); }
 
+    // Of a database without a password: throws kNoDigest when records are encrypted all the same.
+    void requireNoPassword() { fstore::requireNoPassword(store_); }
+
     // As it is now; also entered with kFiles.
     Protection examineProtection() { return settledProtection(store_); }
 
@@ -140,9 +143,9 @@ public:
     // kSecrets.
     void settleConflict();
 
-    // Removes both copies of the slots and writes them again with these, which have the P that the
-    // record "key" knows, or, when that is lost, the records that are encrypted. Entered with
-    // kChange and kFiles: nothing of the slots need be readable.
+    // Writes both copies of the slots with these in place of all others. They have the P that the
+    // record "key" knows, or, when that is lost or the slots say otherwise, the records that are
+    // encrypted. Entered with kChange and kFiles: nothing of the slots need be readable.
     // With a P that no slot can hold the database is left without slots, and P is its password.
     //
     //   kWrongPassword  P is not the one that is in force

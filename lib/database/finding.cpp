@@ -61,6 +61,8 @@ const char* nameOf(Repair repair) {
             return "move-back";
         case Repair::kFinish:
             return "finish";
+        case Repair::kUndo:
+            return "undo";
         case Repair::kWriteCopy:
             return "write-copy";
         case Repair::kSettleCopies:
@@ -89,6 +91,8 @@ std::string planOf(Repair repair) {
             return "will be moved back";
         case Repair::kFinish:
             return "will be finished";
+        case Repair::kUndo:
+            return "will be undone, so that the secrets from before it stay in force";
         case Repair::kWriteCopy:
             return "will be written again from the other";
         case Repair::kSettleCopies:

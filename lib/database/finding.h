@@ -36,6 +36,7 @@ struct Finding {
         kMakeFolder,
         kMoveBack,
         kFinish,
+        kUndo,  // a change that did not take effect
         kWriteCopy,
         kSettleCopies,
         kWriteKey

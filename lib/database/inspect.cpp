@@ -83,6 +83,7 @@ void repairOne(const Finding& finding) {
             break;
         case Repair::kNone:
         case Repair::kFinish:
+        case Repair::kUndo:
         case Repair::kWriteCopy:
         case Repair::kSettleCopies:
         case Repair::kWriteKey:

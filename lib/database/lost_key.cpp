@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include "lib/base/error.h"
+#include "lib/database/slot_copies.h"
 #include "lib/database/unlock_box.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/record.h"
@@ -54,6 +55,24 @@ std::optional<std::size_t> keyOf(StoreService& store, const Address& address,
     } catch (const Failure&) {
         return keys.size();
     }
+}
+
+// What the slots, as far as they can be read, say about P.
+enum class Word { kNothing, kYes, kNo };
+
+Word wordOfSlots(const SecretText& p) {
+    const SlotCopies copies = readCopies();
+    Word word = Word::kNothing;
+    for (const SlotCopy& copy : {copies.kdf, copies.copy}) {
+        for (const SlotSet& set : copy.record.sets) {
+            const std::optional<Digest> key = set.key();
+            if (key && fits(p, *key)) {
+                return Word::kYes;
+            }
+            word = Word::kNo;
+        }
+    }
+    return word;
 }
 
 [[noreturn]] void failOnUnproven(const std::string& fault) {
@@ -103,10 +122,10 @@ Protection settledProtection(StoreService& store) {
 }
 
 Unlocked restoreKey(StoreService& store, const Protection& protection, Unlocked opened) {
-    std::vector<Unlocked> all = std::exchange(opened.rivals, {});
-    all.insert(all.begin(), std::move(opened));
+    std::vector<OpenedKey> all = std::exchange(opened.rivals, {});
+    all.insert(all.begin(), {std::move(opened.p), opened.slot});
     std::vector<SecretText> keys;
-    std::ranges::transform(all, std::back_inserter(keys), &Unlocked::p);
+    std::ranges::transform(all, std::back_inserter(keys), &OpenedKey::p);
     const Evidence evidence = examine(store, keys, protection.keyIsForeign);
     const bool isNewest = protection.inForce.key() == digestOf(keys.front());
     if (evidence.fit == Evidence::Fit::kNothingEncrypted) {
@@ -123,21 +142,27 @@ Unlocked restoreKey(StoreService& store, const Protection& protection, Unlocked 
         failOnUnproven(protection.keyFault);
     }
     writeKey(digestOf(keys[evidence.index]));
-    return std::move(all[evidence.index]);
+    return {std::move(all[evidence.index].p), all[evidence.index].slot};
 }
 
 void proveKey(StoreService& store, const SecretText& p, const Place& place) {
     const KeyRecord key = readKey();
-    if (key.digest && fits(p, *key.digest)) {
+    const bool fitsKey = key.digest && fits(p, *key.digest);
+    const Word word = wordOfSlots(p);
+    if (fitsKey && word != Word::kNo) {
         return;
     }
-    const Evidence evidence = examine(store, {&p, 1}, /*byAll=*/key.digest.has_value());
-    if (evidence.fit == Evidence::Fit::kNone) {
+    const Evidence evidence = examine(store, {&p, 1}, /*byAll=*/key.digest && !fitsKey);
+    const bool isSaid = fitsKey || word == Word::kYes || (!key.digest && word == Word::kNothing);
+    if (evidence.fit == Evidence::Fit::kNone ||
+        (evidence.fit == Evidence::Fit::kNothingEncrypted && !isSaid)) {
         throw Failure(kWrongPassword,
                       fmt::format("this is not the key of the database in {}", place.describe()),
                       place.folder);
     }
-    writeKey(digestOf(p));
+    if (!fitsKey) {
+        writeKey(digestOf(p));
+    }
 }
 
 }  // namespace fstore

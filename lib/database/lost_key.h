@@ -49,8 +49,9 @@ Protection settledProtection(StoreService& store);
 //                   nothing is encrypted, and the secret is not that of the newest set
 Unlocked restoreKey(StoreService& store, const Protection& protection, Unlocked opened);
 
-// Makes sure that the record "key" is there and is that of P: if it is not, the records decide, and
-// it is written again.
+// Makes sure that the record "key" is there and is that of P: if it is not, or the slots are of
+// another P, the records decide, and it is written again. Where nothing is encrypted, P is what the
+// record or the slots say.
 //
 //   kWrongPassword  they say that it is another P
 void proveKey(StoreService& store, const SecretText& p, const Place& place);

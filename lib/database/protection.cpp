@@ -9,6 +9,7 @@
 
 #include "format/layout.h"
 #include "lib/base/error.h"
+#include "lib/base/time.h"
 #include "lib/database/slot_sets.h"
 #include "lib/records/record.h"
 
@@ -163,6 +164,14 @@ void requireWritable(const Protection& before) {
     }
 }
 
+// Of slots whose number cannot be read: beyond it, unless they were written every minute since
+// 1970, so that no old copy that comes back counts again.
+std::uint32_t numberBeyondUnknown() {
+    constexpr std::int64_t kMinute = 60;
+    return static_cast<std::uint32_t>(
+        std::clamp<std::int64_t>(now() / kMinute, 0, UnlockRecord::kMostSeq / 2));
+}
+
 // The id that the boxes of the database are bound to, or a new one.
 DatabaseId idFor(const Protection& protection) {
     return protection.record.framed ? protection.record.db : makeDatabaseId();
@@ -274,6 +283,27 @@ void writeSlots(const Protection& before, const DatabaseId& db, std::vector<Slot
         throw Failure(kIo, "the slots read back differently from what was written",
                       Address{"", kKdfRecord}.print());
     }
+}
+
+void replaceSlots(const DatabaseId& db, SlotSet set) {
+    const SlotCopies copies = readCopies();
+    Protection before;
+    if (copies.kdf.isSound() || copies.copy.isSound()) {
+        before.kdfCounts =
+            doesKdfCount(copies, [&](const SlotCopy& copy) { return setInForce(copy, set.key()); });
+        before.highestSeq = std::max(copies.kdf.record.seq, copies.copy.record.seq);
+    } else {
+        before.highestSeq = numberBeyondUnknown();
+    }
+    if (before.highestSeq >= UnlockRecord::kMostSeq) {
+        before.highestSeq = 0;  // the copy that has the last number counts until it is replaced
+    }
+    if (copies.copy.state == SlotCopy::State::kUsers) {
+        before.other = Protection::Other::kUsers;
+    }
+    writeSlots(before, db, {std::move(set)}, /*keepOld=*/false);
+    removeSavedCopy(kKdfCopyRecord);
+    removeSavedCopy(kKdfRecord);
 }
 
 void removeSlots() {

@@ -96,6 +96,10 @@ Protection readProtection();
 void writeSlots(const Protection& before, const DatabaseId& db, std::vector<SlotSet> sets,
                 bool keepOld);
 
+// Writes both copies with this set of the P in force, whatever they say and however damaged they
+// are, as writeSlots() does: what opened the database opens it until the new set does.
+void replaceSlots(const DatabaseId& db, SlotSet set);
+
 // Removes both copies. In between and afterwards P itself opens the database. Throws kInvalid when
 // the name of the copy is taken by a record of the user's.
 void removeSlots();

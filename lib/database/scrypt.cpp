@@ -41,8 +41,8 @@ SecretKey scrypt(const SecretText& password, const Salt& salt, const ScryptCost&
     if (context == nullptr ||
         EVP_KDF_derive(context.get(), key.data(), key.size(), parameters) != 1) {
         failWithStatus(kNoMemory,
-                       fmt::format("cannot derive the key from the password: it takes {} MiB of "
-                                   "memory, and OpenSSL's scrypt",
+                       fmt::format("cannot derive the key from the password: that takes {} MiB of "
+                                   "memory, which were not to be had, and OpenSSL with scrypt",
                                    memory >> 20));
     }
     return key;

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include "client/file_store_exp.h"
+#include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/records/descriptor.h"
 #include "lib/records/record.h"
@@ -188,6 +189,11 @@ void writeCopyBeside(const char* root, const char* name, const UnlockRecord& rec
               "cannot write the records of the password");
     }
     check(file.write(), fmt::format("cannot write the record \"{}\" in {}", name, root));
+}
+
+void removeSavedCopy(const char* name) {
+    const std::string saved = descriptorPath(addressOf(name)) + std::string(kOldMarker);
+    (void)os::remove(saved.c_str());
 }
 
 void removeCopy(const char* name) {

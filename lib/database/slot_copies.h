@@ -51,6 +51,10 @@ void writeCopy(const char* name, const UnlockRecord& record, bool keepOld);
 // Writes one of the database in the folder `root`, which is not the live one. The caller syncs.
 void writeCopyBeside(const char* root, const char* name, const UnlockRecord& record);
 
+// Removes what the store keeps aside of one that it could not read when it replaced it: of a record
+// with a body it would be the only thing to tell which. What stays all the same `check` finds.
+void removeSavedCopy(const char* name);
+
 // Removes one of them, if it is there.
 void removeCopy(const char* name);
 

@@ -29,12 +29,18 @@ struct UnlockSecret {
     unsigned int slot = 0;  // try only the slot of this number; 0 for all
 };
 
-struct Unlocked {
+// What one set gave.
+struct OpenedKey {
     SecretText p;
     // That opened; 0 for P itself and for a line from before there were slots.
     unsigned int slot = 0;
+};
+
+struct Unlocked {
+    SecretText p;
+    unsigned int slot = 0;  // as of OpenedKey
     // What it opened besides, while the record "key" is lost and does not tell the set in force.
-    std::vector<Unlocked> rivals{};
+    std::vector<OpenedKey> rivals{};
 };
 
 // P by this secret; none if it opens no slot. The passwords of slots with the same salt and cost

@@ -70,8 +70,9 @@ Unlocked unlockWithoutKey(const Protection& protection, const UnlockSecret& secr
         failOnWrong(secret, place);
     }
     Unlocked first = std::move(all.front());
-    all.erase(all.begin());
-    first.rivals = std::move(all);
+    for (std::size_t i = 1; i < all.size(); ++i) {
+        first.rivals.push_back({std::move(all[i].p), all[i].slot});
+    }
     return first;
 }
 

@@ -25,7 +25,7 @@ bool lacksPassword(const Database& database) {
     const Protection& protection = database.protection();
     refuseUnless(!protection.inForce.line || protection.inForce.line->form != Slot::Form::kRaw,
                  database.place(),
-                 "has a password that is cheap to guess; protect it with `fstore passwd`");
+                 "has no slots: its own key is the password; protect it with `fstore passwd`");
     if (protection.hasPassword()) {
         return false;
     }

@@ -87,9 +87,12 @@ void requireStillThere(const std::vector<UnlockSlot>& slots, const UnlockSlot& n
 void requireRemovable(const Seen& seen, const UnlockSlot& slot, bool force) {
     const unsigned int n = slot.n;
     requireStillThere(seen.set.slots, slot);
-    if (seen.set.slots.size() == 1) {
-        throw Failure(kInvalid, fmt::format("slot {} is the last one: without it nothing opens the "
-                                            "database; add another one first",
+    const SlotSet left = withoutSlot(seen.set, n);
+    const auto isUnknown = [](const UnlockSlot& each) { return each.kind == SlotKind::kUnknown; };
+    if (std::ranges::all_of(left.slots, isUnknown)) {
+        throw Failure(kInvalid, fmt::format("slot {} is the last one that this version opens: "
+                                            "without it nothing opens the database; add another "
+                                            "one first",
                                             n));
     }
     if (force) {
@@ -100,9 +103,8 @@ void requireRemovable(const Seen& seen, const UnlockSlot& slot, bool force) {
                                             "removes it all the same",
                                             n));
     }
-    const SlotSet left = withoutSlot(seen.set, n);
-    if (std::ranges::all_of(left.slots, [](const UnlockSlot& each) {
-            return each.kind == SlotKind::kRecovery || each.kind == SlotKind::kUnknown;
+    if (std::ranges::all_of(left.slots, [&](const UnlockSlot& each) {
+            return each.kind == SlotKind::kRecovery || isUnknown(each);
         })) {
         throw Failure(kInvalid, fmt::format("slot {} is the last one that is no recovery slot; "
                                             "--force removes it all the same",
@@ -212,11 +214,21 @@ private:
 
 // A key that was written down for no slot would open nothing.
 void requireAnew(const RotationReport& report, const Rotation& rotation) {
-    if (rotation.recovery && report.anew.empty()) {
-        throw Failure(kInvalid,
-                      "no slot has a recovery key that could be made anew; add one with `fstore "
-                      "key add --recovery`");
+    if (!rotation.recovery || !report.anew.empty()) {
+        return;
     }
+    const auto dropped =
+        std::ranges::find(rotation.dropped, SlotKind::kRecovery, &UnlockSlot::kind);
+    if (dropped != rotation.dropped.end()) {
+        throw Failure(kInvalid,
+                      fmt::format("slot {} is to be dropped, and so its recovery key cannot "
+                                  "be made anew; leave out --drop {} or --recovery",
+                                  dropped->n, dropped->n));
+    }
+    throw Failure(
+        kInvalid,
+        "no slot has a recovery key that could be made anew; add one with `fstore key add "
+        "--recovery`");
 }
 
 NewKey rotatedKey(const Seen& seen, const Rotation& rotation, RotationReport& report) {

@@ -185,6 +185,10 @@ int syncfs(int fd) noexcept {
 int renameat(int from, const char* name, int to, const char* newName) noexcept {
     return pass<int>(Room::kNone, "renameat", from, name, to, newName);
 }
+int renameat2(int from, const char* name, int to, const char* newName,
+              unsigned int flags) noexcept {
+    return pass<int>(Room::kNone, "renameat2", from, name, to, newName, flags);
+}
 int unlinkat(int folder, const char* path, int flags) noexcept {
     return pass<int>(Room::kNone, "unlinkat", folder, path, flags);
 }

@@ -528,6 +528,45 @@ class SlotsTest(SlotsCase):
         self.assertEqual([False], [slot["opened"] for slot in run.document["slots"]])
         self.assertIn("wrong password", run.document["warnings"][0])
 
+    def test_a_key_file_that_two_commands_make_serves_both(self):
+        other = self.outside / "other"
+        other.mkdir()
+        self.run_tool("-D", other, "init", *CHEAP)
+        path = self.outside / "shared.key"
+        running = [subprocess.Popen(
+            [support.PROGRAM, "-D", folder, "key", "add", "--key-file", path],
+            env=support.environment(FSTORE_PASSWORD=PASSWORD), stderr=subprocess.DEVNULL)
+                   for folder in (self.folder, other)]
+        for process in running:
+            self.assertEqual(0, process.wait(support.SECONDS))
+        for folder in (self.folder, other):
+            self.run_tool("-D", folder, "--key-file", path, "key", "test", password=None)
+
+    def test_a_recovery_key_in_a_file_as_it_was_printed(self):
+        key = self.add_recovery()
+        lines = f"{key[:24]}\n{key[24:]}\n"
+        for text in (lines, lines.replace("\n", "\r\n"), f"\n  {key}\n\n"):
+            self.assertTrue(self.opens("--password-file", self.write("key", text), password=None))
+
+    def test_the_last_slot_that_this_version_opens_stays(self):
+        self.add_key_file()
+        copy = self.folder / "db/kdf-copy.dsc"
+        lines = [line.replace("kind=file", "kind=tpm2")
+                 for line in copy.read_text().splitlines()[:-1]]
+        digest = hashlib.sha256("".join(line[18:] + "\n" for line in lines).encode()).hexdigest()
+        for name in ("kdf", "kdf-copy"):
+            self.write(f"db/{name}.dsc",
+                       "\n".join([*lines, f"00000004 00004b01 end sha256={digest}"]) + "\n")
+        self.assertEqual("tpm2", self.listed()[1][1])
+        self.assertIn("last one", self.fails(4, "invalid", "key", "rm", "1", "-f"))
+
+    def test_slots_that_are_gone_are_told(self):
+        for name in ("kdf", "kdf-copy"):
+            (self.folder / f"db/{name}.dsc").unlink()
+        self.assertIn("has no slots", self.run_tool("check", password=None).message)
+        (self.folder / "db/key.dsc").unlink()
+        self.assertIn("./key is missing", self.run_tool("check", code=3, password=None).text)
+
     def test_files_in_the_place_of_folders_stay(self):
         """A folder of these names is what a change of the password left; a file is somebody's."""
         backup = self.outside / "all"
@@ -847,9 +886,10 @@ class PasswdTest(SlotsCase):
         self.assertTrue(self.opens(password=self.key_of(sheet)))
 
     def test_a_recovery_key_without_a_slot_is_refused(self):
-        for args in [(), ("--drop", "safe")]:
+        for args, words in [((), "fstore key add --recovery"),
+                            (("--drop", "safe"), "leave out --drop 2 or --recovery")]:
             sheet = self.outside / "new"
-            self.assertIn("fstore key add --recovery",
+            self.assertIn(words,
                           self.refused("--rotate", "--recovery", "--sheet", sheet, *args))
             self.assertFalse(sheet.exists())
             if not args:
@@ -977,7 +1017,8 @@ class ResetTest(SlotsCase):
         self.assertIn("fstore key reset", self.fails(59, "malformed", "get", "a"))
         self.reset(self.outside / "raw.key")
         after = slots.Slots.of(self.folder / "db/kdf.dsc")
-        self.assertEqual([1, 1], [after.seq, len(after.slots)])
+        self.assertEqual(1, len(after.slots))
+        self.assertGreater(after.seq, time.time() // 60 - 10)  # beyond what could not be read
         self.assertNotEqual(before.database, after.database)
         self.assertTrue(self.opens(password="new"))
         self.assert_sound(password="new")
@@ -1012,6 +1053,70 @@ class ResetTest(SlotsCase):
                       self.reset(self.write("raw", "plain words")).message)
         self.assertEqual([], self.listed())
         self.run_tool("key", "test", password="plain words")
+
+    def kill_at(self, call, *args):
+        """Whether the command died of it."""
+        run = support.fstore(*args, cwd=self.folder, password=None,
+                             env={"FSTORE_NEW_PASSWORD": "new", "LD_PRELOAD": support.CALL_TRAP,
+                                  "CALL_TRAP_DIE": call})
+        self.assertIn(run.code, (0, -9), run.message)
+        return run.code != 0
+
+    def test_killed_anywhere_the_old_secrets_open_or_the_new_one(self):
+        path = self.add_key_file()
+        self.run_tool("key", "raw", "-o", "raw")
+        call, seen = 0, set()
+        while self.kill_at(call := call + 1, "key", "reset", "--raw-key-file", "raw", *CHEAP):
+            opens = [self.opens(), self.opens("--key-file", path, password=None),
+                     self.opens(password="new")]
+            self.assertIn(opens, ([True, True, False], [False, False, True]))
+            seen.add(opens[2])
+            if opens[2]:
+                self.run_tool("key", "add", "--key-file", path, password="new")
+                self.run_tool("passwd", "--rewrap", *CHEAP, password="new",
+                              env={"FSTORE_NEW_PASSWORD": PASSWORD})
+        self.assertEqual({False, True}, seen)
+
+    def test_an_old_copy_does_not_count_again(self):
+        for damaged in (False, True):
+            with self.subTest(damaged=damaged):
+                raw = self.write("raw", self.raw())
+                old = (self.folder / "db/kdf.dsc").read_bytes()
+                for name in ("kdf", "kdf-copy") if damaged else ():
+                    (self.folder / f"db/{name}.dsc").write_text("nothing\n")
+                run = self.reset(raw)
+                self.assertIn("an old copy", run.message)
+                (self.folder / "db/kdf.dsc").write_bytes(old)
+                self.assertFalse(self.opens())
+                self.run_tool("check", "--repair", password=None)
+                self.assertTrue(self.opens(password="new"))
+                self.run_tool("passwd", *CHEAP, password="new",
+                              env={"FSTORE_NEW_PASSWORD": PASSWORD})
+
+    def test_the_key_of_another_database_does_not_replace_slots(self):
+        other = self.outside / "other"
+        other.mkdir()
+        self.run_tool("-D", other, "init", *CHEAP)
+        self.run_tool("-D", other, "key", "raw", "-o", self.outside / "raw")
+        shutil.copy(other / "db/key.dsc", self.folder / "db")
+        before = self.files()
+        for files in (before, {**before, "db/key.dsc": None}):
+            if files["db/key.dsc"] is None:
+                (self.folder / "db/key.dsc").unlink()
+            self.fails(6, "wrong-password", "key", "reset", "--raw-key-file", self.outside / "raw",
+                       *CHEAP, password=None, env={"FSTORE_NEW_PASSWORD": "new"})
+        self.assertTrue(self.opens())
+
+    def test_without_an_encrypted_record_the_slots_tell(self):
+        raw = self.raw()
+        self.run_tool("rm", "a")
+        self.put("settings/plain", b"x", "--plain-body")
+        (self.folder / "db/key.dsc").unlink()
+        self.fails(6, "wrong-password", "key", "reset", "--raw-key-file",
+                   self.write("wrong", "0" * 64), *CHEAP, password=None,
+                   env={"FSTORE_NEW_PASSWORD": "new"})
+        self.reset(self.write("raw", raw))
+        self.run_tool("key", "test", password="new")
 
     def test_another_key_is_refused(self):
         self.write("raw.key", "0" * 64)

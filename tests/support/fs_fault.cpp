@@ -22,6 +22,7 @@
 
 #include "os/base.h"
 #include "os/fs.h"
+#include "os/rename_new.h"
 #include "tests/support/alloc_fault.h"
 
 namespace fault {
@@ -509,6 +510,12 @@ int os::rename(const char* from, const char* to) noexcept {
     Step step(Call::kRename, from);
     step.event.to = step.fromBase(to);
     return step.done(step.fails() ? -1 : ::renameat(os::baseFolder(), from, os::baseFolder(), to));
+}
+
+int os::renameNew(const char* from, const char* to) noexcept {
+    Step step(Call::kRename, from);
+    step.event.to = step.fromBase(to);
+    return step.done(step.fails() ? -1 : os::renameNewAt(os::baseFolder(), from, to));
 }
 
 int os::remove(const char* path) noexcept {

@@ -39,7 +39,7 @@ std::string headOf(const ToolWorkload& workload) {
 
 // Whether this is the one copy of what fits the key: a database from before there were slots has no
 // second one until a command has opened it, and an older program's change leaves it stale. Without
-// slots, as for a while in `key reset`, the key alone tells, and a backup or P brings it back.
+// slots the key alone tells, and a backup or P brings it back.
 bool isOnlyCopy(const Tree& tree, const std::string& path) {
     const std::string folder = path.substr(0, path.rfind('/') + 1);
     if (path.ends_with("/key.dsc")) {
@@ -92,7 +92,6 @@ ToolRecording record(const ToolWorkload& workload) {
     promise.replaces = workload.isWhole && !workload.makes;
     promise.bytes = workload.bytes;
     promise.purges = workload.purges;
-    promise.between = workload.between;
     promise.before = look(workload.folder);
     stand(recording.start);
     {

@@ -293,8 +293,7 @@ void judgeDatabase(const ToolState& seen, const Promise& promise, std::ostream& 
         }
         return;
     }
-    if (seen.database->openers != before.openers && seen.database->openers != after.openers &&
-        (promise.between.empty() || seen.database->openers != promise.between)) {
+    if (seen.database->openers != before.openers && seen.database->openers != after.openers) {
         wrong << "  it opens with \"" << seen.database->openers << "\"\n";
     }
     judgeEach("record", seen.database->records, before.records, after.records, wrong);

@@ -47,7 +47,6 @@ struct Promise {
     bool makes = false;              // a database, which has no password and no records at first
     bool replaces = false;           // the database, which stands aside until it is kept
     bool purges = false;             // for good what a repair had moved away, its plan first
-    std::string between;             // what else may open it meanwhile
     std::vector<std::string> bytes;  // of files that are somewhere, whatever happens
 };
 

@@ -272,7 +272,6 @@ std::vector<ToolWorkload> slotWorkloads() {
             {.name = "key_reset",
              .command = {{"key", "reset", "--raw-key-file", "raw", "--cost", "14"}},
              .start = makeWithSlots,
-             .between = "raw",
              .result = {.keepsRecords = true, .openers = fresh + ", raw"}},
             {.name = "passwd_rewrap",
              .command = {{"passwd", "--rewrap", "--cost", "14"}},

@@ -28,7 +28,6 @@ struct ToolWorkload {
     bool isWhole = false;         // as in Promise
     bool makes = false;
     bool purges = false;
-    std::string between = {};  // as in Promise
     std::vector<std::string> bytes = {};
     Result result = {};
 };

@@ -96,7 +96,8 @@ TEST(RecoveryKeyTest, EveryWrongCharacterIsFoundInItsGroup) {
             std::string typed = printed;
             for (int value = 0; value < 256 && printed[place] != '-'; ++value) {
                 typed[place] = static_cast<char>(value);
-                const bool isSkipped = value == ' ' || value == '\t' || value == '-';
+                const bool isSkipped =
+                    value == ' ' || value == '\t' || value == '\n' || value == '\r' || value == '-';
                 if (isSkipped || standsFor(typed[place], printed[place])) {
                     continue;
                 }
