@@ -150,6 +150,15 @@ void copy(const std::string& from, const std::string& to) {
     }
 }
 
+// A few of the names, and how many there are besides.
+std::string someOf(const std::vector<std::string>& names) {
+    constexpr std::size_t kShown = 3;
+    const std::size_t shown = std::min(names.size(), kShown);
+    const std::string text = fmt::format(
+        "{}", fmt::join(names.begin(), names.begin() + static_cast<std::ptrdiff_t>(shown), ", "));
+    return shown == names.size() ? text : fmt::format("{} and {} more", text, names.size() - shown);
+}
+
 bool isFile(const std::string& path, const SwitchedFile& expected) {
     return isA(Type::kFile, path) && (statusOf(path).st_mode & kPermissions) == expected.mode &&
            readFile(path) == expected.bytes;
@@ -165,6 +174,7 @@ SwitchedFiles::SwitchedFiles(const std::vector<std::string>& names, double lockS
     refuseOther();
     lock(lockSeconds);
     refuseOther();  // it may have come while we waited
+    refuseFurther(names);
     removeLeftovers();
 }
 
@@ -187,6 +197,27 @@ void SwitchedFiles::refuseOther() const {
         refuse(path_,
                "is in the way: the files of a folder change together only if fstore makes the "
                "folder; move it aside, name a folder that is not there, or one file for all");
+    }
+}
+
+// The folder goes as a whole, and with it whatever somebody else keeps there.
+void SwitchedFiles::refuseFurther(const std::vector<std::string>& names) const {
+    if (!isFolder_ || isA(Type::kUnknown, path_)) {
+        return;
+    }
+    std::vector<std::string> further;
+    for (const FolderEntry& entry : listFolder(path_ + "/")) {
+        const bool isOurs = std::ranges::any_of(
+            names, [&](const std::string& name) { return nameOf(name) == entry.name; });
+        if (!isOurs || entry.type == FolderEntry::Type::kFolder) {
+            further.push_back(entry.name);
+        }
+    }
+    if (!further.empty()) {
+        refuse(path_, fmt::format("has {}, which this deployment does not write: such a folder is "
+                                  "for one certificate and its key, and is replaced as a whole; "
+                                  "move what else is there elsewhere, or name another folder",
+                                  someOf(further)));
     }
 }
 

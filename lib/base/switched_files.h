@@ -39,8 +39,8 @@ public:
     // one left.
     //
     //   kInvalid      the names are not of one folder, or something else has the place: a folder,
-    //                 file or link that was not made here, or a special file; or somebody else can
-    //                 rename the folder or one above it
+    //                 file or link that was not made here, or a special file; or the folder has
+    //                 other files besides; or somebody else can rename it or one above it
     //   kAlreadyOpen  another process is at it
     SwitchedFiles(const std::vector<std::string>& names, double lockSeconds);
     SwitchedFiles(const SwitchedFiles&) = delete;
@@ -66,6 +66,7 @@ public:
 
 private:
     void refuseOther() const;
+    void refuseFurther(const std::vector<std::string>& names) const;
     void lock(double seconds);
     bool hasLockedState() const;
     void removeLeftovers() const;

@@ -176,12 +176,31 @@ class ChangeTest(DeployTest):
         self.deploy(*FOLDER)
         self.assertEqual("old", self.deployed(FOLDER))
 
-    def test_further_file_in_the_folder_is_a_change(self):
+    def test_further_file_in_the_folder_is_refused(self):
         self.deploy(*FOLDER)
-        (self.folder / "www/other").write_text("not ours")
-        self.deploy(*FOLDER, "--reload", HOOK)
-        self.assertEqual(["chain.pem", "key.ref"], sorted(os.listdir(self.folder / "www")))
-        self.assertEqual(1, len(self.loads()))
+        self.renew()
+        for name in "other", "b", "c", "d":
+            (self.folder / "www" / name).write_text("not ours")
+        before = self.files()
+        message = self.fails(4, "invalid", "deploy", HOST, *FOLDER, "--reload", HOOK)
+        self.assertIn(f"{self.folder / 'www'} has b, c, d and 1 more, which this deployment does "
+                      "not write", message)
+        self.assertEqual(before, self.files())
+        self.assertEqual([], self.loads())
+
+    def test_pair_of_another_host_in_the_folder_is_refused(self):
+        self.deploy(*FOLDER)
+        message = self.fails(4, "invalid", "deploy", HOST, "--chain", "www/other.pem",
+                             "--ref", "www/other.ref")
+        self.assertIn("has chain.pem, key.ref, which", message)
+        self.assertEqual("old", self.deployed(FOLDER))
+
+    def test_folder_in_place_of_a_file_of_the_folder_is_refused(self):
+        self.deploy(*FOLDER)
+        (self.folder / "www/chain.pem").unlink()
+        (self.folder / "www/chain.pem").mkdir()
+        self.fails(4, "invalid", "deploy", HOST, *FOLDER)
+        self.assertTrue((self.folder / "www/chain.pem").is_dir())
 
     def test_no_certificate(self):
         message = self.fails(50, "missing", "deploy", "other.example.com", *FOLDER)
