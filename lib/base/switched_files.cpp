@@ -72,40 +72,113 @@ struct stat statusOf(const std::string& path) {
     return status;
 }
 
-// Whoever can rename a folder on the way to the files could put a link in its place at any time,
-// and have this process, which may be root's, read, write and remove elsewhere.
-void requireOwnFolder(const std::string& folder) {
-    const struct stat status = statusOf(folder);
-    const bool othersWrite =
-        (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (status.st_mode & S_ISVTX) == 0;
-    if (othersWrite || !(os::isOwn(status) || status.st_uid == 0)) {
-        refuse(folder,
-               "belongs to somebody else, or others can write it, who could have fstore write "
-               "elsewhere; run it as the user whom the folder belongs to, or name another folder");
-    }
-}
-
-// The path without links on the way to the name.
-std::string inRealFolder(const std::string& path) {
-    const std::string given = folderOf(path) + "/";
-    const std::string folder = realPath(given);
-    if (folder.empty()) {
-        failWithErrno("find the folder", given);
-    }
-    for (std::size_t end = folder.size(); end != std::string::npos && end != 0;
-         end = folder.rfind('/', end - 1)) {
-        requireOwnFolder(folder.substr(0, end));
-    }
-    requireOwnFolder("/");
-    return joined(folder, nameOf(path));
-}
-
 std::string linkText(const std::string& path) {
     auto text = os::readLink(path.c_str());
     if (!text) {
         failWithErrno("read the link", path);
     }
     return *std::move(text);
+}
+
+bool isOfUsOrRoot(const struct stat& status) {
+    return os::isOwn(status) || status.st_uid == 0;
+}
+
+// Whoever can rename a folder or link on the way to the files could put another link in its place
+// at any time, and have this process, which may be root's, read, write and remove elsewhere.
+[[noreturn]] void refuseOthers(const std::string& path) {
+    refuse(path,
+           "belongs to somebody else, or others can write it, who could have fstore write "
+           "elsewhere; run it as the user whom the folder belongs to, or name another folder");
+}
+
+constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
+
+// The links in such a folder are those of its users, each of whom can exchange their own.
+bool isShared(const struct stat& folder) {
+    return (folder.st_mode & kOthersWrite) != 0 && (folder.st_mode & S_ISVTX) != 0;
+}
+
+// Where a path leads, found step by step as the system does: what a link leads to may be beyond
+// suspicion, and the link itself somebody else's.
+class Walk {
+public:
+    explicit Walk(std::string path) : given_(std::move(path)), rest_(given_) {}
+
+    // The folder's path without links.
+    std::string end() {
+        enter("/");
+        while (!rest_.empty()) {
+            const std::size_t size = std::min(rest_.find('/'), rest_.size());
+            const std::string name = rest_.substr(0, size);
+            rest_.erase(0, size + 1);
+            step(name);
+        }
+        return here_ == "/" ? "" : here_;
+    }
+
+private:
+    void step(const std::string& name) {
+        if (name.empty() || name == ".") {
+            return;
+        }
+        if (name == "..") {
+            const std::string above = folderOf(here_);
+            enter(above.empty() ? "/" : above);
+            return;
+        }
+        const std::string path = here_ == "/" ? "/" + name : joined(here_, name);
+        if (isA(Type::kLink, path)) {
+            follow(path);
+        } else {
+            enter(path);
+        }
+    }
+
+    void enter(const std::string& folder) {
+        if (os::lstat(folder.c_str(), &status_) != 0) {
+            fail(errno);
+        }
+        if (!S_ISDIR(status_.st_mode)) {
+            fail(ENOTDIR);
+        }
+        if (((status_.st_mode & kOthersWrite) != 0 && !isShared(status_)) ||
+            !isOfUsOrRoot(status_)) {
+            refuseOthers(folder);
+        }
+        here_ = folder;
+    }
+
+    void follow(const std::string& link) {
+        constexpr int kMostLinks = 40;  // as the system
+        if (++links_ > kMostLinks) {
+            fail(ELOOP);
+        }
+        if (isShared(status_) && !isOfUsOrRoot(statusOf(link))) {
+            refuseOthers(link);
+        }
+        const std::string text = linkText(link);
+        rest_ = text + "/" + rest_;
+        if (text.starts_with('/')) {
+            enter("/");
+        }
+    }
+
+    [[noreturn]] void fail(int error) const {
+        errno = error;
+        failWithErrno("find the folder", given_);
+    }
+
+    std::string given_;
+    std::string rest_;       // what is still to go
+    std::string here_;       // the folder that is reached
+    struct stat status_ {};  // its status
+    int links_ = 0;
+};
+
+// The path without links on the way to the name.
+std::string inRealFolder(const std::string& path) {
+    return joined(Walk(folderOf(path) + "/").end(), nameOf(path));
 }
 
 // The number that the name is, or 0.

@@ -43,7 +43,8 @@ struct Files {
 std::string emptying(const HookRules& rules, const Files& files, std::string_view empty) {
     return fmt::format(
         "if why=$({} show {} --same-as {} 2>&1 >/dev/null); then {}; "
-        "else code=$?; echo {}\" is not emptied: ${{why#fstore: error: }}\"; [ \"$code\" = {} ]; fi",
+        "else code=$?; echo {}\" is not emptied: ${{why#fstore: error: }}\"; [ \"$code\" = {} ]; "
+        "fi",
         command(rules.fstore), command(rules.emptyKeyOf), files.chain, empty, files.key,
         exitCodeOf(kMissing));
 }

@@ -218,5 +218,54 @@ TEST(SwitchedFilesTest, AFolderByALinkIsTheFolder) {
     EXPECT_NE(kOk, refusalOf(Form{{"none/www"}}));
 }
 
+// What the link leads to is good; who owns the link could have it lead elsewhere at any time.
+TEST(SwitchedFilesTest, ALinkOfSomebodyElseIsNotFollowed) {
+    namespace fs = std::filesystem;
+    const support::TempWorkingDir folder;
+    fs::create_directories("real/below");
+    fs::create_directories("links");
+    const std::string here = fs::current_path().string();
+    fs::create_directory_symlink(here + "/real", "links/absolute");
+    fs::create_directory_symlink("../real", "links/relative");
+    fs::create_directory_symlink("absolute/below/..", "links/chain");
+    for (const std::string link : {"absolute", "relative", "chain"}) {
+        SCOPED_TRACE(link);
+        const Form form{{"links/" + link + "/www"}};
+        put(form, "text");
+        EXPECT_EQ("text", support::readFile("real/www"));
+        fs::remove("real/www");
+        ASSERT_EQ(0, chmod("links", 0777));
+        EXPECT_EQ(kInvalid, refusalOf(form));
+        ASSERT_EQ(0, chmod("links", 01777));  // as /tmp: the links are ours
+        EXPECT_EQ(kOk, refusalOf(form));
+        if (geteuid() == 0) {
+            ASSERT_EQ(0, lchown("links/absolute", 12345, 0));
+            EXPECT_EQ(link == "relative" ? kOk : kInvalid, refusalOf(form));
+            ASSERT_EQ(0, lchown("links/absolute", 0, 0));
+        }
+        ASSERT_EQ(0, chmod("links", 0755));
+        if (geteuid() == 0) {
+            ASSERT_EQ(0, chown("links", 12345, 0));
+            EXPECT_EQ(kInvalid, refusalOf(form));
+            ASSERT_EQ(0, chown("links", 0, 0));
+        }
+        EXPECT_EQ(kOk, refusalOf(form));
+    }
+    EXPECT_TRUE(fs::is_empty("real/below"));
+}
+
+TEST(SwitchedFilesTest, LinksThatLeadNowhereEnd) {
+    const support::TempWorkingDir folder;
+    std::filesystem::create_directory_symlink("circle", "circle");
+    std::filesystem::create_directory_symlink("none", "dangling");
+    support::writeFile("file", "text");
+    for (const std::string name : {"circle", "dangling", "file"}) {
+        SCOPED_TRACE(name);
+        const Status status = refusalOf(Form{{name + "/www"}});
+        EXPECT_NE(kOk, status);
+        EXPECT_NE(kInvalid, status);
+    }
+}
+
 }  // namespace
 }  // namespace fstore
