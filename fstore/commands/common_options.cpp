@@ -57,6 +57,9 @@ Address chosen(Database& database, const RecordChoice& choice) {
     for (const Failure& failure : selected.leftOut) {
         database.observer().warn(fmt::format("passed over: {}", failure.what()));
     }
+    for (const std::string& warning : selected.warnings) {
+        database.observer().warn(warning);
+    }
     return mainOf(selected, selector.type).address;
 }
 

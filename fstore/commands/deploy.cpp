@@ -72,6 +72,9 @@ Status run(const DeployOptions& options, Context& context) {
     for (const Failure& failure : pair.leftOut) {
         context.output.warn(fmt::format("passed over: {}", failure.what()));
     }
+    for (const std::string& warning : pair.warnings) {
+        context.output.warn(warning);
+    }
     Reload reload;
     if (!words.empty()) {
         forgetPasswords();  // it inherits the environment

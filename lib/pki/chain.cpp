@@ -7,6 +7,7 @@
 
 #include "lib/base/error.h"
 #include "lib/pki/ossl.h"
+#include "lib/pki/verifier.h"
 
 namespace fstore {
 namespace {
@@ -14,26 +15,6 @@ namespace {
 ossl::Certificate decode(std::span<const unsigned char> der) {
     return ossl::decodeWhole<ossl::Certificate, d2i_X509>(der);
 }
-
-// Verifies signatures, which take a millisecond each, and no more of them than are allowed.
-class Verifier {
-public:
-    bool isIssuer(X509* issuer, X509* subject) {
-        if (issuer == nullptr || X509_check_issued(issuer, subject) != X509_V_OK) {
-            return false;
-        }
-        if (++signatures_ > kMostSignatures) {
-            throw Failure(kMalformed,
-                          fmt::format("too many certificates may have issued those of the chain: "
-                                      "more than {} signatures would have to be verified",
-                                      kMostSignatures));
-        }
-        return X509_verify(subject, X509_get0_pubkey(issuer)) == 1;
-    }
-
-private:
-    std::size_t signatures_ = 0;
-};
 
 bool endsLater(const X509* a, const X509* b) {
     return ASN1_TIME_compare(X509_get0_notAfter(a), X509_get0_notAfter(b)) > 0;

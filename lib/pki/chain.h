@@ -7,12 +7,13 @@
 #include <vector>
 
 #include "cmn/secret_bytes.h"
+#include "lib/pki/verifier.h"
 
 namespace fstore {
 
-// Bounds on the work that hostile certificates make: no honest chain comes near them.
-inline constexpr std::size_t kMostIssuers = 100;      // of a chain
-inline constexpr std::size_t kMostSignatures = 1000;  // that are verified for it
+// Bounds on the work that hostile certificates make, this one and that of signatures: no honest
+// chain comes near them.
+inline constexpr std::size_t kMostIssuers = 100;  // of a chain
 
 struct Chain {
     std::vector<std::size_t> issuers;  // by index in `known`; the certificate's own first

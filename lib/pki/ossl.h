@@ -42,6 +42,7 @@ using Bio = Owner<BIO, BIO_free_all>;
 using Certificate = Owner<X509, X509_free>;
 using Certificates = Owner<STACK_OF(X509), freeCertificates>;  // does not own what is in it
 using Crl = Owner<X509_CRL, X509_CRL_free>;
+using Enumerated = Owner<ASN1_ENUMERATED, ASN1_ENUMERATED_free>;
 using Extensions = Owner<STACK_OF(X509_EXTENSION), freeExtensions>;
 using GeneralNames = Owner<GENERAL_NAMES, GENERAL_NAMES_free>;
 using Integer = Owner<ASN1_INTEGER, ASN1_INTEGER_free>;
@@ -57,6 +58,7 @@ using Request = Owner<X509_REQ, X509_REQ_free>;
 using Safes = Owner<STACK_OF(PKCS7), freeSafes>;
 using Scrypt = Owner<SCRYPT_PARAMS, SCRYPT_PARAMS_free>;
 using EncryptedKey = Owner<X509_SIG, X509_SIG_free>;
+using Time = Owner<ASN1_TIME, ASN1_STRING_free>;
 using Text = Owner<char, freeText>;
 
 // Decodes all of the bytes, or returns null; `Decode` is a function like d2i_X509.

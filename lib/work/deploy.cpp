@@ -89,6 +89,7 @@ Pair pairFor(Database& database, const DeployRules& rules) {
     pair.certificate = std::move(selected.certificate);
     pair.key = std::move(selected.key);
     pair.leftOut = std::move(selected.leftOut);
+    pair.warnings = std::move(selected.warnings);
     return pair;
 }
 

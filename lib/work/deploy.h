@@ -41,7 +41,8 @@ std::vector<std::string> namesOf(const DeployRules& rules);
 struct Pair {
     RecordInfo certificate, key;
     std::vector<SwitchedFile> files;
-    std::vector<Failure> leftOut;  // as of Selected
+    std::vector<Failure> leftOut;       // as of Selected
+    std::vector<std::string> warnings;  // as of Selected
 };
 
 // A step of withSecrets(): asks for secrets as select(), and if the key itself is wanted. Throws

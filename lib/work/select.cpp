@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
+#include <set>
 #include <tuple>
 #include <utility>
 
@@ -141,15 +142,66 @@ const RecordInfo* keyFor(const RecordInfo& certificate, const Infos& records) {
     return found;
 }
 
-bool isRevoked(const RecordInfo& certificate, const Infos& records, Database& database) {
-    return std::ranges::any_of(records, [&](const RecordInfo& info) {
-        if (info.kind != Kind::kCrl || folded(info.issuer) != folded(certificate.issuer)) {
+// Whether the CRLs in the database revoke certificates, and which of them do not count.
+class Revocations {
+public:
+    Revocations(const Infos& records, Database& database)
+        : records_(records), database_(database) {}
+
+    bool revoke(const RecordInfo& certificate) {
+        const Infos crls = listedUnder(Kind::kCrl, &RecordInfo::issuer, certificate.issuer);
+        if (crls.empty()) {
             return false;
         }
-        const Record crl = readObject(database, info.address);
-        return revokes(crl.body(), readObject(database, certificate.address).body());
-    });
-}
+        Revocation revocation(readObject(database_, certificate.address).body(),
+                              issuersFor(certificate));
+        for (const RecordInfo& crl : crls) {
+            const Record record = readObject(database_, crl.address);
+            if (revocation.add(record.body()) == Revocation::Use::kUnverified) {
+                unverified_.insert(crl.address.print());
+            }
+        }
+        return revocation.isRevoked();
+    }
+
+    // A sentence each.
+    std::vector<std::string> warnings() const {
+        std::vector<std::string> sentences;
+        for (const std::string& crl : unverified_) {
+            sentences.push_back(fmt::format(
+                "{} does not count: it has the name of an issuer, but not its signature", crl));
+        }
+        return sentences;
+    }
+
+private:
+    Infos listedUnder(Kind kind, std::string RecordInfo::*field, const std::string& name) const {
+        Infos found;
+        std::ranges::copy_if(records_, std::back_inserter(found), [&](const RecordInfo& info) {
+            return info.kind == kind && folded(info.*field) == folded(name);
+        });
+        return found;
+    }
+
+    // Those that can be read.
+    std::vector<SecretBytes> issuersFor(const RecordInfo& certificate) const {
+        std::vector<SecretBytes> issuers;
+        for (const RecordInfo& info :
+             listedUnder(Kind::kCertificate, &RecordInfo::subject, certificate.issuer)) {
+            try {
+                const Record record = readObject(database_, info.address);
+                issuers.emplace_back(record.body().begin(), record.body().end());
+            } catch (const Failure&) {
+                continue;  // a damaged one verifies nothing
+            }
+        }
+        return issuers;
+    }
+
+    const Infos& records_;
+    Database& database_;
+    std::set<std::string> unverified_;
+};
 
 // What those lack that cover the host and are not taken.
 struct Lacks {
@@ -244,21 +296,23 @@ Selected select(Database& database, const Selector& selector) {
     const Infos& records = listing.records;
     const std::int64_t time = now();
     Lacks lacks;
+    Revocations revocations(records, database);
     for (const RecordInfo& certificate : coveringIn(records, selector)) {
         const RecordInfo* const key = keyFor(certificate, records);
         if (!isInForce(certificate, time)) {
             ++lacks.force;
         } else if (key == nullptr) {
             ++lacks.key;
-        } else if (isRevoked(certificate, records, database)) {
+        } else if (revocations.revoke(certificate)) {
             ++lacks.trust;
         } else {
             // What its record says may have been edited.
             (void)readObject(database, certificate.address);
-            Selected selected{*key, certificate, {}, unreadOf(listing)};
+            Selected selected{*key, certificate, {}, unreadOf(listing), {}};
             if (selector.type == Selector::Type::kPair || selector.type == Selector::Type::kChain) {
                 addIssuers(selected, records, database);
             }
+            selected.warnings = revocations.warnings();
             return selected;
         }
     }

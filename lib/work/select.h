@@ -10,8 +10,9 @@
 //     4. the one with the smaller digest.
 //
 // Names are those of the subjectAltName: a common name does not count, as for browsers. A wildcard
-// stands for one label, in front of two others or more. A CRL is one of the certificate's issuer,
-// however old (lib/pki/revocation.h).
+// stands for one label, in front of two others or more. A CRL is one that the certificate's
+// issuer signed, however old; one of its name counts, too, if the issuer is not in the database
+// (lib/pki/revocation.h).
 //
 // For one thread, in a database that is entered: steps of withSecrets(), which ask for secrets if
 // certificates, CRLs or what is known of keys are encrypted. Failures throw.
@@ -30,8 +31,9 @@ namespace fstore {
 
 struct Selected {
     RecordInfo key, certificate;
-    std::vector<RecordInfo> issuers;  // of the certificate, its own first; only if type asks
-    std::vector<Failure> leftOut;     // records that could not be read, and might have been meant
+    std::vector<RecordInfo> issuers;    // of the certificate, its own first; only if type asks
+    std::vector<Failure> leftOut;       // records that could not be read, and might have been meant
+    std::vector<std::string> warnings;  // what else deserves attention: a sentence each
 };
 
 //   kMissing    no certificate fits; the sentence counts those that nearly do, by what they lack

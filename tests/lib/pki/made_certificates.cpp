@@ -52,6 +52,28 @@ SecretBytes derOf(const T* object) {
     return der;
 }
 
+void addNumber(X509_CRL* crl, int nid, long value) {
+    const ossl::Integer number(ASN1_INTEGER_new());
+    must(ASN1_INTEGER_set(number.get(), value) == 1 &&
+             X509_CRL_add1_ext_i2d(crl, nid, number.get(), 0, 0) == 1,
+         "number");
+}
+
+void addExtensions(X509_CRL* crl, const CrlPlan& plan) {
+    if (plan.number != 0) {
+        addNumber(crl, NID_crl_number, plan.number);
+    }
+    if (plan.isDelta) {
+        addNumber(crl, NID_delta_crl, 1);
+    }
+    if (!plan.scope.empty()) {
+        const ossl::Owner<X509_EXTENSION, X509_EXTENSION_free> extension(
+            X509V3_EXT_conf_nid(nullptr, nullptr, NID_issuing_distribution_point,
+                                ("critical,fullname:URI:" + plan.scope).c_str()));
+        must(extension != nullptr && X509_CRL_add_ext(crl, extension.get(), -1) == 1, "scope");
+    }
+}
+
 }  // namespace
 
 TestKey makeKey(const std::string& algorithm) {
@@ -95,11 +117,11 @@ SecretBytes makeCertificate(const CertificatePlan& plan) {
 }
 
 SecretBytes makeCrl(const std::string& issuer, const TestKey& issuerKey,
-                    const std::vector<long>& serials) {
+                    const std::vector<long>& serials, const CrlPlan& plan) {
     const ossl::Crl crl(X509_CRL_new());
     must(X509_CRL_set_version(crl.get(), 1) == 1 &&
              X509_CRL_set_issuer_name(crl.get(), nameOf(issuer).get()) == 1 &&
-             X509_CRL_set1_lastUpdate(crl.get(), inDays(-1).get()) == 1 &&
+             X509_CRL_set1_lastUpdate(crl.get(), inDays(plan.fromDays).get()) == 1 &&
              X509_CRL_set1_nextUpdate(crl.get(), inDays(1).get()) == 1,
          "CRL");
     for (const long serial : serials) {
@@ -110,7 +132,14 @@ SecretBytes makeCrl(const std::string& issuer, const TestKey& issuerKey,
                  X509_REVOKED_set_revocationDate(entry, inDays(-1).get()) == 1 &&
                  X509_CRL_add0_revoked(crl.get(), entry) == 1,
              "entry");
+        if (plan.reason >= 0) {
+            const ossl::Enumerated reason(ASN1_ENUMERATED_new());
+            must(ASN1_ENUMERATED_set(reason.get(), plan.reason) == 1 &&
+                     X509_REVOKED_add1_ext_i2d(entry, NID_crl_reason, reason.get(), 0, 0) == 1,
+                 "reason");
+        }
     }
+    addExtensions(crl.get(), plan);
     must(X509_CRL_sign(crl.get(), issuerKey.get(), digestFor(issuerKey)) > 0, "signature");
     return derOf<i2d_X509_CRL>(crl.get());
 }

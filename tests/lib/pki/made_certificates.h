@@ -30,9 +30,17 @@ struct CertificatePlan {
 
 SecretBytes makeCertificate(const CertificatePlan& plan);
 
+struct CrlPlan {
+    long number = 0;         // none if 0
+    long fromDays = -1;      // from now
+    long reason = -1;        // of each entry, as in RFC 5280; -1 for none
+    bool isDelta = false;    // to the CRL with number 1
+    std::string scope = {};  // a distribution point's URI; empty for all certificates
+};
+
 // A CRL of this issuer that lists these serial numbers.
 SecretBytes makeCrl(const std::string& issuer, const TestKey& issuerKey,
-                    const std::vector<long>& serials);
+                    const std::vector<long>& serials, const CrlPlan& plan = {});
 
 }  // namespace fstore
 

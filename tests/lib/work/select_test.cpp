@@ -20,6 +20,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using Type = Selector::Type;
 
 constexpr const char* kHost = "www.example.com";
@@ -79,6 +80,17 @@ protected:
             addresses.push_back(info.address.print());
         }
         return addresses;
+    }
+
+    void rootCertificate(const TestKey& key = root_, const std::string& name = "root") {
+        object("certificates/remote/" + name, Kind::kCertificate,
+               makeCertificate({.subject = "Root", .issuer = "Root", .key = key, .isCa = true}));
+    }
+
+    // What is said beside the answer.
+    std::vector<std::string> warnings(Type type = Type::kCertificate) {
+        const Hold hold = database_.enter(Access::kRead);
+        return select(database_, {kHost, type, {}}).warnings;
     }
 
     // The name of the certificate for the host; the failure's sentence when there is none.
@@ -150,6 +162,53 @@ TEST_F(SelectTest, RevokedIsNotTaken) {
     EXPECT_EQ("old", chosen());
     object("crls/later", Kind::kCrl, makeCrl("Root", root_, {8}));
     EXPECT_EQ("no certificate for www.example.com can be used: 2 revoked by a CRL", chosen());
+}
+
+TEST_F(SelectTest, CrlCountsIfTheIssuersKeyVerifiesIt) {
+    certificate("young", {.altNames = "DNS:www.example.com", .fromDays = -1, .serial = 7});
+    certificate("old", {.altNames = "DNS:www.example.com", .fromDays = -9, .serial = 8});
+    object("crls/forged", Kind::kCrl, makeCrl("Root", makeKey(), {7}));
+    EXPECT_EQ("old", chosen()) << "nothing to verify it with";
+    rootCertificate(makeKey(), "of-the-same-name");
+    EXPECT_EQ("old", chosen()) << "nothing to verify it with";
+    EXPECT_THAT(warnings(), IsEmpty());
+    rootCertificate();
+    EXPECT_EQ("young", chosen());
+    EXPECT_THAT(warnings(), ElementsAre(HasSubstr("crls/forged does not count")));
+    object("crls/root", Kind::kCrl, makeCrl("Root", root_, {7}));
+    EXPECT_EQ("old", chosen());
+    EXPECT_THAT(warnings(), ElementsAre(HasSubstr("crls/forged does not count")));
+}
+
+TEST_F(SelectTest, HoldEndsWithANewerCrl) {
+    constexpr long kHold = 6, kTakenOff = 8, kKeyCompromise = 1;
+    certificate("leaf", {.altNames = "DNS:www.example.com", .serial = 7});
+    rootCertificate();
+    const auto crl = [&](const char* name, const std::vector<long>& serials, const CrlPlan& plan) {
+        object(std::string("crls/") + name, Kind::kCrl, makeCrl("Root", root_, serials, plan));
+    };
+    const std::string revoked =
+        "no certificate for www.example.com can be used: 1 revoked by a CRL";
+    crl("hold", {7}, {.number = 5, .fromDays = -9, .reason = kHold});
+    EXPECT_EQ(revoked, chosen());
+    crl("older", {}, {.number = 4, .fromDays = -1});
+    EXPECT_EQ(revoked, chosen()) << "the number decides";
+    crl("delta", {}, {.number = 6, .isDelta = true});
+    EXPECT_EQ(revoked, chosen()) << "it has changes only";
+    crl("part", {}, {.number = 6, .scope = "http://part.example"});
+    EXPECT_EQ(revoked, chosen()) << "it has other certificates";
+    crl("off", {7}, {.number = 7, .reason = kTakenOff, .isDelta = true});
+    EXPECT_EQ("leaf", chosen());
+    crl("again", {7}, {.number = 8, .reason = kHold});
+    EXPECT_EQ(revoked, chosen());
+    crl("full", {}, {.number = 9, .fromDays = -20});
+    EXPECT_EQ("leaf", chosen());
+    crl("unnumbered", {7}, {.fromDays = 0, .reason = kHold});
+    EXPECT_EQ(revoked, chosen()) << "the time decides";
+    crl("last", {}, {.fromDays = 1});
+    EXPECT_EQ("leaf", chosen());
+    crl("compromised", {7}, {.number = 1, .fromDays = -50, .reason = kKeyCompromise});
+    EXPECT_EQ(revoked, chosen()) << "a revocation does not lapse";
 }
 
 TEST_F(SelectTest, DamagedCrlOfTheIssuerFails) {
