@@ -40,27 +40,32 @@ std::optional<std::string> run(const std::vector<std::string>& words,
                : std::optional(fmt::format("`{}` ended with exit code {}", shown, end.exitCode));
 }
 
-void report(const Pair& pair, Deployed done, const DeployOptions& options, Output& output) {
-    const std::string certificate = pair.certificate.address.print();
-    switch (done) {
-        case Deployed::kUnchanged:
-            output.note(fmt::format("{} is deployed already; nothing was done", certificate));
-            break;
-        case Deployed::kReloaded:
-            output.note(fmt::format("{} was deployed, and is now loaded", certificate));
-            break;
-        case Deployed::kReplaced:
-            output.note(fmt::format("deployed {}", certificate));
-            break;
+std::string sentenceOf(const std::string& certificate, const Deployed& done) {
+    if (done.isLoadingDue) {
+        return fmt::format(
+            "{} is in place; whether the server has loaded it is not known, since an earlier "
+            "deploy "
+            "did not finish its reload: run deploy with --reload",
+            certificate);
     }
+    if (done.isReplaced) {
+        return fmt::format("deployed {}", certificate);
+    }
+    return done.isLoaded ? fmt::format("{} was deployed, and is now loaded", certificate)
+                         : fmt::format("{} is deployed already; nothing was done", certificate);
+}
+
+void report(const Pair& pair, const Deployed& done, Output& output) {
+    output.note(sentenceOf(pair.certificate.address.print(), done));
     std::vector<std::string> files;
     for (const SwitchedFile& file : pair.files) {
         files.push_back(file.name);
     }
     output.document({{"records", Json::array({toJson(pair.certificate), toJson(pair.key)})},
                      {"files", Json::array(files)},
-                     {"replaced", done == Deployed::kReplaced},
-                     {"reloaded", options.reload.has_value() && done != Deployed::kUnchanged}});
+                     {"replaced", done.isReplaced},
+                     {"reloaded", done.isLoaded},
+                     {"reloadDue", done.isLoadingDue}});
 }
 
 Status run(const DeployOptions& options, Context& context) {
@@ -83,7 +88,7 @@ Status run(const DeployOptions& options, Context& context) {
             return run(words, options);
         };
     }
-    report(pair, deploy(place, pair.files, reload), options, context.output);
+    report(pair, deploy(place, pair.files, reload), context.output);
     return kOk;
 }
 

@@ -373,16 +373,19 @@ bool SwitchedFiles::isPending() const {
     return exists(inState(kBefore));
 }
 
-void SwitchedFiles::replace(const std::vector<SwitchedFile>& files) {
+void SwitchedFiles::replace(const std::vector<SwitchedFile>& files, Before before) {
     if (isFolder_) {
         writeLink(inState(kNew), joined(stateName_, writeFolder(files)));
     } else {
         writeFile(inState(kNew), files.front().bytes, files.front().mode);
     }
-    if (!isPending()) {
+    if (before == Before::kKept && !isPending()) {
         keepBefore();
     }
     put();
+    if (!isPending()) {
+        removeLeftovers();
+    }
 }
 
 // Under a name that was not in use before: a program may be reading the folder of the last one.

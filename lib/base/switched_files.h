@@ -53,9 +53,13 @@ public:
     // Whether a replacement was not settled.
     bool isPending() const;
 
-    // Puts these files in place of what is there, which is kept until settle(). What the last
-    // settle() left stays kept when there was no other since.
-    void replace(const std::vector<SwitchedFile>& files);
+    enum class Before {
+        kKept,  // until settle(); what the last settle() left stays kept when there was no other
+        kGone   // unless it is kept already; then it stays pending
+    };
+
+    // Puts these files in place of what is there.
+    void replace(const std::vector<SwitchedFile>& files, Before before = Before::kKept);
 
     // Puts back what the last settle() left; false when nothing had the name then, as now again.
     // Remains to be settled. Only when isPending().

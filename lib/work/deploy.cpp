@@ -96,19 +96,24 @@ Pair pairFor(Database& database, const DeployRules& rules) {
 Deployed deploy(SwitchedFiles& place, const std::vector<SwitchedFile>& files,
                 const Reload& reload) {
     const bool held = place.hold(files);
-    if (held && !place.isPending()) {
-        return Deployed::kUnchanged;
-    }
     if (!held) {
-        place.replace(files);
+        // Without a reload there is nothing that may fail, and nothing to finish.
+        place.replace(files, reload ? SwitchedFiles::Before::kKept : SwitchedFiles::Before::kGone);
     }
-    if (reload) {
-        if (const auto why = reload()) {
-            rollBack(place, reload, *why);
-        }
+    Deployed done{.isReplaced = !held};
+    if (!place.isPending()) {
+        return done;
+    }
+    if (!reload) {
+        done.isLoadingDue = true;
+        return done;
+    }
+    if (const auto why = reload()) {
+        rollBack(place, reload, *why);
     }
     place.settle();
-    return held ? Deployed::kReloaded : Deployed::kReplaced;
+    done.isLoaded = true;
+    return done;
 }
 
 }  // namespace fstore

@@ -52,14 +52,15 @@ Pair pairFor(Database& database, const DeployRules& rules);
 // Has programs load the files again; why that failed, if it did.
 using Reload = std::function<std::optional<std::string>()>;
 
-enum class Deployed {
-    kUnchanged,  // nothing was done
-    kReloaded,   // the files were there; that they were loaded, was not known
-    kReplaced
+struct Deployed {
+    bool isReplaced = false;  // the files are other ones than before
+    bool isLoaded = false;    // `reload` ran
+    bool isLoadingDue =
+        false;  // one that was killed, or failed, had a reload, and this one has none
 };
 
 // Puts the files in place, and has them loaded. A deployment that was killed is finished by the
-// next one. `reload` may be empty.
+// next one, its reload by the next one that has any. `reload` may be empty.
 //
 //   kForeign  they could not be loaded. Those from before are back and loaded again; if that failed
 //             too, the next deployment has the files loaded whatever they are.

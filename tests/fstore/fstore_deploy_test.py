@@ -209,6 +209,52 @@ class ChangeTest(DeployTest):
 
 
 class ReloadTest(DeployTest):
+    def killed(self, files):
+        """Deploys the new pair with a reload that never ends well."""
+        hook = (self.folder / "hook.sh").read_text()
+        self.write("hook.sh", "kill -9 $PPID\n")
+        run = support.fstore("deploy", HOST, *files, "--reload", HOOK, cwd=self.folder)
+        self.assertEqual(KILLED, run.code)
+        self.write("hook.sh", hook)
+
+    def test_killed_reload_stays_due_until_one_is_done(self):
+        for files in FOLDER, BUNDLE:
+            self.deploy(*files)
+        self.renew()
+        for files in FOLDER, BUNDLE:
+            self.killed(files)
+            for _ in range(2):
+                run = self.deploy(*files, "--json")
+                self.assertEqual((False, False, True), self.done(run))
+            self.assertIn("run deploy with --reload", self.deploy(*files).message)
+            self.assertEqual((False, True, False), self.done(self.deploy(*files, "--reload", HOOK, "--json")))
+            run = self.deploy(*files, "--json")
+            self.assertEqual((False, False, False), self.done(run))
+            self.assertIn("nothing was done", self.deploy(*files).message)
+
+    def test_reload_stays_due_when_files_change_again_without_one(self):
+        for files in FOLDER, BUNDLE:
+            self.deploy(*files)
+            self.killed((*files, "--private"))
+            self.assertEqual((True, False, True), self.done(self.deploy(*files, "--json")))
+            self.assertEqual((False, True, False), self.done(self.deploy(*files, "--reload", HOOK, "--json")))
+
+    def test_killed_without_a_reload_leaves_none_due(self):
+        for files in FOLDER, BUNDLE:
+            for call in range(1, 200):
+                run = support.fstore("deploy", HOST, *files, cwd=self.folder,
+                                     env={"LD_PRELOAD": support.CALL_TRAP, "CALL_TRAP_DIE": call})
+                if run.code == 0:
+                    break
+                self.assertFalse(self.done(self.deploy(*files, "--json"))[2])
+                shutil.rmtree(self.folder / ".www.fstore", ignore_errors=True)
+                for name in "www", "www.pem":
+                    (self.folder / name).unlink(missing_ok=True)
+            self.assertGreater(call, 5)
+
+    def done(self, run):
+        return tuple(run.document[name] for name in ("replaced", "reloaded", "reloadDue"))
+
     def test_failure_brings_the_old_files_back(self):
         for files in FOLDER, BUNDLE:
             self.deploy(*files)
