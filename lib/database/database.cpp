@@ -185,12 +185,12 @@ void Database::refuseOther() const {
     }
 }
 
-// What recovery removes, or puts back as the database, is a folder. A file or a link of that name
-// is the user's: a printed sheet, say.
+// What recovery removes, or puts back as the database, is a folder. A file of that name is the
+// user's: a printed sheet, say. A link keeps nothing, and goes without what it leads to.
 void Database::refuseFiles() const {
     for (const char* const name : {layout::kCopy, layout::kPrevious}) {
         const os::EntryType type = typeOf(name);
-        if (type != os::EntryType::kFolder && type != os::EntryType::kUnknown) {
+        if (type == os::EntryType::kFile || type == os::EntryType::kOther) {
             throw Failure(kInvalid,
                           fmt::format("{} in {} is not a folder, and the database needs this name",
                                       name, place_.describe()),
