@@ -22,6 +22,7 @@ namespace {
 
 constexpr const char* kBefore = "before";
 constexpr const char* kNew = "new";
+constexpr const char* kLock = "lock";
 constexpr const char* kNothing = "nothing";  // the text of the link "before", where nothing was
 constexpr mode_t kForAll = S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH;
 constexpr mode_t kPermissions = S_IRWXU | S_IRWXG | S_IRWXO;
@@ -223,6 +224,17 @@ void copy(const std::string& from, const std::string& to) {
     }
 }
 
+// Whether the name is still that of the open file.
+bool isNamed(const os::File& file, const std::string& path) {
+    struct stat open {
+    }, named{};
+    if (os::fstat(file.get(), &open) != 0) {
+        failWithErrno("examine", path);
+    }
+    return os::lstat(path.c_str(), &named) == 0 && open.st_dev == named.st_dev &&
+           open.st_ino == named.st_ino;
+}
+
 // A few of the names, and how many there are besides.
 std::string someOf(const std::vector<std::string>& names) {
     constexpr std::size_t kShown = 3;
@@ -239,21 +251,27 @@ bool isFile(const std::string& path, const SwitchedFile& expected) {
 
 }  // namespace
 
-SwitchedFiles::SwitchedFiles(const std::vector<std::string>& names, double lockSeconds)
-    : path_(inRealFolder(placeOf(names))),
+SwitchedFiles::SwitchedFiles(std::string path, bool isFolder)
+    : path_(std::move(path)),
       stateName_(fmt::format(".{}.fstore", nameOf(path_))),
       state_(joined(folderOf(path_), stateName_)),
-      isFolder_(names.size() > 1) {
+      isFolder_(isFolder) {}
+
+SwitchedFiles::SwitchedFiles(const std::vector<std::string>& names, double lockSeconds)
+    : SwitchedFiles(inRealFolder(placeOf(names)), names.size() > 1) {
     refuseOther();
-    lock(lockSeconds);
+    while (!lock(lockSeconds)) {
+    }
     refuseOther();  // it may have come while we waited
     refuseFurther(names);
     removeLeftovers();
 }
 
 SwitchedFiles::~SwitchedFiles() {
-    // Succeeds when nothing was ever put in place.
-    (void)os::rmdir(state_.c_str());
+    if (lock_) {
+        (void)os::remove(inState(kLock).c_str());
+        (void)os::rmdir(state_.c_str());  // succeeds when nothing was ever put in place
+    }
 }
 
 void SwitchedFiles::refuseOther() const {
@@ -294,47 +312,68 @@ void SwitchedFiles::refuseFurther(const std::vector<std::string>& names) const {
     }
 }
 
-// A folder that others can write would let them choose what is put in place.
-void SwitchedFiles::lock(double seconds) {
-    do {
-        if (os::mkdir(state_.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
-            failWithErrno("create the folder", state_);
-        }
-        lock_ = os::openFile(state_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-        struct stat status {};
-        if (!lock_ || os::fstat(lock_.get(), &status) != 0) {
-            failWithErrno("open the folder", state_);
-        }
-        if (!os::isOwn(status) || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-            refuse(state_, "belongs to somebody else, or others can write it; remove it");
-        }
-        const os::Locked locked = os::lockFile(lock_, os::LockKind::kExclusive, seconds);
-        if (locked == os::Locked::kFailed) {
-            failWithErrno("lock the folder", state_);
-        }
-        if (locked == os::Locked::kBusy) {
-            throw Failure(kAlreadyOpen,
-                          fmt::format("another process is replacing {}; try again later, or wait "
-                                      "longer with --lock-timeout",
-                                      path_),
-                          path_);
-        }
-    } while (!hasLockedState());
-    if (!os::setPermissions(lock_, kForAll)) {
+// The folder, whose files others may read. One that they can write would let them choose what is
+// put in place.
+os::File SwitchedFiles::openState() const {
+    os::File state = os::openFile(state_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (!state && errno == ENOENT) {
+        return state;
+    }
+    struct stat status {};
+    if (!state || os::fstat(state.get(), &status) != 0) {
+        failWithErrno("open the folder", state_);
+    }
+    if (!os::isOwn(status) || (status.st_mode & kOthersWrite) != 0) {
+        refuse(state_, "belongs to somebody else, or others can write it; remove it");
+    }
+    if (isFolder_ && (status.st_mode & kPermissions) != kForAll &&
+        !os::setPermissions(state, kForAll)) {
         failWithErrno("let others read", state_);
     }
+    return state;
 }
 
-// Whether the folder that is locked is the one with the name: who had it before may have removed
-// it.
-bool SwitchedFiles::hasLockedState() const {
-    struct stat locked {
-    }, named{};
-    if (os::fstat(lock_.get(), &locked) != 0) {
-        failWithErrno("examine", state_);
+// False to try again: whoever had the lock has removed it, and perhaps the folder. It is a file
+// that others cannot open; whom the system lets open the folder, it lets lock it, for ever.
+//
+// On a file system that is read-only, nobody replaces anything, and there is nothing to lock.
+bool SwitchedFiles::lock(double seconds) {
+    if (os::mkdir(state_.c_str(), S_IRWXU) != 0 && errno != EEXIST) {
+        if (errno == EROFS) {
+            return true;
+        }
+        failWithErrno("create the folder", state_);
     }
-    return os::lstat(state_.c_str(), &named) == 0 && locked.st_dev == named.st_dev &&
-           locked.st_ino == named.st_ino;
+    if (!openState()) {
+        return false;
+    }
+    const std::string path = inState(kLock);
+    os::File file = os::openFile(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, kReadableByOwner);
+    if (!file && errno == ENOENT) {
+        return false;
+    }
+    if (!file && errno == EROFS) {
+        return true;
+    }
+    if (!file) {
+        failWithErrno("open", path);
+    }
+    const os::Locked locked = os::lockFile(file, os::LockKind::kExclusive, seconds);
+    if (locked == os::Locked::kFailed) {
+        failWithErrno("lock", path);
+    }
+    if (locked == os::Locked::kBusy) {
+        throw Failure(kAlreadyOpen,
+                      fmt::format("another process is replacing {}; try again later, or wait "
+                                  "longer with --lock-timeout",
+                                  path_),
+                      path_);
+    }
+    if (!isNamed(file, path)) {
+        return false;
+    }
+    lock_ = std::move(file);
+    return true;
 }
 
 std::string SwitchedFiles::inState(const std::string& name) const {
@@ -352,9 +391,13 @@ std::optional<std::string> SwitchedFiles::folderInUse(const std::string& link) c
 }
 
 void SwitchedFiles::removeLeftovers() const {
+    if (!lock_) {
+        return;  // of a file system that is read-only
+    }
     const auto current = folderInUse(path_), before = folderInUse(inState(kBefore));
     for (const FolderEntry& entry : listFolder(state_)) {
-        if (entry.name != kBefore && entry.name != current && entry.name != before) {
+        if (entry.name != kLock && entry.name != kBefore && entry.name != current &&
+            entry.name != before) {
             removeTree(inState(entry.name));
         }
     }
@@ -374,6 +417,10 @@ bool SwitchedFiles::isPending() const {
 }
 
 void SwitchedFiles::replace(const std::vector<SwitchedFile>& files, Before before) {
+    if (!lock_) {
+        errno = EROFS;
+        failWithErrno("replace", path_);
+    }
     if (isFolder_) {
         writeLink(inState(kNew), joined(stateName_, writeFolder(files)));
     } else {

@@ -7,6 +7,7 @@
 //     1, 2, ...   the folders that a link "www" leads to, and has led to
 //     before      a copy of the file or link from before, while a replacement is not settled
 //     new         what is about to be renamed
+//     lock        what the process at it has locked
 //
 // A process that is killed leaves the old files or the new ones, and the knowledge that they are
 // not settled. While the object lives, other processes wait for theirs.
@@ -69,10 +70,12 @@ public:
     void settle();
 
 private:
+    SwitchedFiles(std::string path, bool isFolder);
+
     void refuseOther() const;
     void refuseFurther(const std::vector<std::string>& names) const;
-    void lock(double seconds);
-    bool hasLockedState() const;
+    os::File openState() const;
+    bool lock(double seconds);
     void removeLeftovers() const;
     std::optional<std::string> folderInUse(const std::string& link) const;
     std::string writeFolder(const std::vector<SwitchedFile>& files) const;
@@ -84,7 +87,7 @@ private:
     std::string stateName_;  // ".www.fstore"
     std::string state_;      // its path
     bool isFolder_ = false;
-    os::File lock_;
+    os::File lock_;  // none on a file system that is read-only
 };
 
 }  // namespace fstore

@@ -14,6 +14,10 @@
 #include <gtest/gtest.h>
 
 #include "lib/base/error.h"
+#include "os/files.h"
+#include "os/fs.h"
+#include "os/handles.h"
+#include "os/process.h"
 #include "tests/support/fs_fault.h"
 #include "tests/support/status_of.h"
 #include "tests/support/temp_dir.h"
@@ -182,6 +186,61 @@ TEST(SwitchedFilesTest, TwoDoNotReplaceAtOnce) {
     const support::TempWorkingDir folder;
     const SwitchedFiles place(kBundle.paths(), 0);
     EXPECT_EQ(kAlreadyOpen, refusalOf(kBundle));
+}
+
+// The folder is open to all, and whoever can open it can lock it.
+TEST(SwitchedFilesTest, OthersCannotKeepItFromBeingReplaced) {
+    const support::TempWorkingDir folder;
+    put(kFolder, "old");
+    const os::File theirs = os::openFile(".www.fstore", O_RDONLY | O_DIRECTORY);
+    ASSERT_EQ(os::Locked::kYes, os::lockFile(theirs, os::LockKind::kExclusive, 0));
+    {
+        const SwitchedFiles place(kFolder.paths(), 0);
+        const os::File lock = os::openFile(".www.fstore/lock", O_RDONLY);
+        struct stat status {};
+        ASSERT_EQ(0, os::fstat(lock.get(), &status));
+        EXPECT_EQ(0U, status.st_mode & (S_IRWXG | S_IRWXO));
+        EXPECT_EQ(os::Locked::kBusy, os::lockFile(lock, os::LockKind::kShared, 0));
+        EXPECT_EQ(kAlreadyOpen, refusalOf(kFolder));
+    }
+    EXPECT_FALSE(std::filesystem::exists(".www.fstore/lock"));
+    put(kFolder, "new");
+    EXPECT_EQ("new", kFolder.contents());
+}
+
+// Who had the lock before removes it, and an empty folder, in between.
+TEST(SwitchedFilesTest, ALockThatVanishesIsMadeAgain) {
+    for (const Form& form : {kFolder, kBundle}) {
+        for (const int nth : {1, 2}) {
+            const support::TempWorkingDir folder;
+            fault::FailingCall fault(nth, ENOENT, fault::Mode::kOnce, {fault::Call::kOpen});
+            EXPECT_EQ(kOk, refusalOf(form));
+            EXPECT_TRUE(fault.lift());
+            EXPECT_TRUE(std::filesystem::is_empty("."));
+        }
+    }
+}
+
+TEST(SwitchedFilesTest, OnAReadOnlyFileSystemFilesCanBeCompared) {
+    for (const Form& form : {kFolder, kBundle}) {
+        const support::TempWorkingDir folder;
+        put(form, "old");
+        const auto before = support::tree(".");
+        // Making the folder fails, and where it is there, opening a new file in it.
+        fault::FailingCall mkdir(1, EROFS, fault::Mode::kOnce, {fault::Call::kMkdir});
+        if (form.names.size() > 1) {
+            mkdir.lift();
+        }
+        fault::FailingCall open(2, EROFS, fault::Mode::kOnce, {fault::Call::kOpen});
+        if (form.names.size() == 1) {
+            open.lift();
+        }
+        SwitchedFiles place(form.paths(), 0);
+        EXPECT_TRUE(place.hold(form.files("old")));
+        EXPECT_FALSE(place.isPending());
+        EXPECT_EQ(kIo, statusOf([&] { place.replace(form.files("new")); }));
+        EXPECT_EQ(before, support::tree("."));
+    }
 }
 
 // Who can rename a folder on the way could have root write elsewhere.
