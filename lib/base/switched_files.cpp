@@ -244,8 +244,13 @@ std::string someOf(const std::vector<std::string>& names) {
     return shown == names.size() ? text : fmt::format("{} and {} more", text, names.size() - shown);
 }
 
+// Somebody else's could be changed by them at any time, whatever is in it now.
 bool isFile(const std::string& path, const SwitchedFile& expected) {
-    return isA(Type::kFile, path) && (statusOf(path).st_mode & kPermissions) == expected.mode &&
+    if (!isA(Type::kFile, path)) {
+        return false;
+    }
+    const struct stat status = statusOf(path);
+    return os::isOwn(status) && (status.st_mode & kPermissions) == expected.mode &&
            readFile(path) == expected.bytes;
 }
 
@@ -293,7 +298,7 @@ void SwitchedFiles::refuseOther() const {
 
 // The folder goes as a whole, and with it whatever somebody else keeps there.
 void SwitchedFiles::refuseFurther(const std::vector<std::string>& names) const {
-    if (!isFolder_ || isA(Type::kUnknown, path_)) {
+    if (!isFolder_ || !isThere()) {
         return;
     }
     std::vector<std::string> further;
@@ -403,11 +408,21 @@ void SwitchedFiles::removeLeftovers() const {
     }
 }
 
+// Whether there are any files: our own link to a folder that was removed leads to none.
+bool SwitchedFiles::isThere() const {
+    return exists(isFolder_ ? path_ + "/" : path_);
+}
+
 bool SwitchedFiles::hold(const std::vector<SwitchedFile>& files) const {
     if (!isFolder_) {
         return files.size() == 1 && isFile(path_, files.front());
     }
-    return !isA(Type::kUnknown, path_) && readFolder(path_ + "/").size() == files.size() &&
+    if (!isThere()) {
+        return false;
+    }
+    const struct stat status = statusOf(path_ + "/");
+    return os::isOwn(status) && (status.st_mode & kPermissions) == kForAll &&
+           readFolder(path_ + "/").size() == files.size() &&
            std::ranges::all_of(files,
                                [](const SwitchedFile& file) { return isFile(file.name, file); });
 }
@@ -420,6 +435,9 @@ void SwitchedFiles::replace(const std::vector<SwitchedFile>& files, Before befor
     if (!lock_) {
         errno = EROFS;
         failWithErrno("replace", path_);
+    }
+    if (!isThere()) {
+        removeFile(path_);  // a link to a folder that was removed: the new one may get its number
     }
     if (isFolder_) {
         writeLink(inState(kNew), joined(stateName_, writeFolder(files)));
@@ -458,7 +476,7 @@ std::string SwitchedFiles::writeFolder(const std::vector<SwitchedFile>& files) c
 }
 
 void SwitchedFiles::keepBefore() const {
-    if (isA(Type::kUnknown, path_)) {
+    if (!isThere()) {
         writeLink(inState(kBefore), kNothing);
     } else {
         copy(path_, inState(kBefore));

@@ -48,7 +48,7 @@ public:
     SwitchedFiles& operator=(const SwitchedFiles&) = delete;
     ~SwitchedFiles();
 
-    // Whether there are exactly these files now.
+    // Whether there are exactly these files now, of this process's user.
     bool hold(const std::vector<SwitchedFile>& files) const;
 
     // Whether a replacement was not settled.
@@ -77,6 +77,7 @@ private:
     os::File openState() const;
     bool lock(double seconds);
     void removeLeftovers() const;
+    bool isThere() const;
     std::optional<std::string> folderInUse(const std::string& link) const;
     std::string writeFolder(const std::vector<SwitchedFile>& files) const;
     void keepBefore() const;

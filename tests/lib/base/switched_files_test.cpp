@@ -188,6 +188,51 @@ TEST(SwitchedFilesTest, TwoDoNotReplaceAtOnce) {
     EXPECT_EQ(kAlreadyOpen, refusalOf(kBundle));
 }
 
+TEST(SwitchedFilesTest, AFolderThatWasRemovedIsMadeAgain) {
+    const support::TempWorkingDir folder;
+    put(kFolder, "old");
+    std::filesystem::remove_all(".www.fstore");
+    {
+        SwitchedFiles place(kFolder.paths(), 0);
+        EXPECT_FALSE(place.hold(kFolder.files("old")));
+        place.replace(kFolder.files("new"));
+        EXPECT_EQ("new", kFolder.contents());
+        EXPECT_FALSE(place.restore());
+        place.settle();
+        EXPECT_FALSE(std::filesystem::is_symlink("www"));
+    }
+    put(kFolder, "last");
+    EXPECT_EQ("last", kFolder.contents());
+}
+
+// Their owner could change them at any time, or the folder's owner exchange them.
+TEST(SwitchedFilesTest, FilesOfSomebodyElseAreReplaced) {
+    for (const Form& form : {kFolder, kBundle}) {
+        const support::TempWorkingDir folder;
+        put(form, "text");
+        std::vector<std::string> places = {form.names.back()};
+        if (form.names.size() > 1) {
+            places.emplace_back(".www.fstore/1");
+            SwitchedFiles place(form.paths(), 0);
+            ASSERT_EQ(0, chmod(".www.fstore/1", 0777));
+            EXPECT_FALSE(place.hold(form.files("text")));
+            ASSERT_EQ(0, chmod(".www.fstore/1", 0755));
+            EXPECT_TRUE(place.hold(form.files("text")));
+        }
+        for (const std::string& name : places) {
+            if (geteuid() != 0) {
+                break;  // only root can give files away
+            }
+            SCOPED_TRACE(name);
+            SwitchedFiles place(form.paths(), 0);
+            ASSERT_EQ(0, chown(name.c_str(), 12345, 0));
+            EXPECT_FALSE(place.hold(form.files("text")));
+            ASSERT_EQ(0, chown(name.c_str(), 0, 0));
+            EXPECT_TRUE(place.hold(form.files("text")));
+        }
+    }
+}
+
 // The folder is open to all, and whoever can open it can lock it.
 TEST(SwitchedFilesTest, OthersCannotKeepItFromBeingReplaced) {
     const support::TempWorkingDir folder;
