@@ -1,15 +1,16 @@
 #include "lib/work/export.h"
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 
 #include <fmt/format.h>
 
-#include "lib/pki/chain.h"
 #include "lib/pki/encode.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/record.h"
 #include "lib/records/record_head.h"
+#include "lib/work/issuers.h"
 #include "lib/work/object_record.h"
 
 namespace fstore {
@@ -54,20 +55,49 @@ std::optional<Candidate> candidateFor(const std::string& keySha256,
     return last == candidates.end() ? std::nullopt : std::optional(std::move(*last));
 }
 
-void addChain(Selection& selection, std::vector<Candidate> known) {
+// The CRLs with their issuers. The failures of damaged records go to `leftOut`.
+std::vector<RecordInfo> crlsOf(Database& database, std::vector<Failure>& leftOut) {
+    std::vector<RecordInfo> found;
+    Unread elsewhere;  // candidatesOf() reports it
+    for (const Address& address : allRecords(&elsewhere)) {
+        try {
+            const RecordInfo info = infoOf(RecordHead::read(address));
+            if (info.kind == Kind::kCrl) {
+                const bool isHidden = info.bodyEncrypted && info.issuer.empty();
+                found.push_back(isHidden ? infoOf(readObject(database, address)) : info);
+            }
+        } catch (const Failure& failure) {
+            const auto isKnown = [&](const Failure& known) {
+                return std::string_view(known.what()) == failure.what();
+            };
+            if (std::ranges::none_of(leftOut, isKnown)) {
+                leftOut.push_back(failure);
+            }
+        }
+    }
+    return found;
+}
+
+void addChain(Selection& selection, Database& database) {
+    auto known = candidatesOf(Kind::kCertificate, database, selection.leftOut);
     if (selection.certificates.empty()) {
         return;
     }
+    std::vector<RecordInfo> infos;
     std::vector<SecretBytes> ders;
-    ders.reserve(known.size());
     for (Candidate& candidate : known) {
+        infos.push_back(std::move(candidate.info));
         ders.push_back(std::move(candidate.der));
     }
-    const Chain chain = chainOf(selection.certificates.front(), ders);
+    std::vector<RecordInfo> records = crlsOf(database, selection.leftOut);
+    records.insert(records.end(), infos.begin(), infos.end());
+    Revocations revocations(database, records);
+    const Chain chain = chainAmong(selection.certificates.front(), infos, ders, revocations);
     for (const std::size_t issuer : chain.issuers) {
         selection.certificates.push_back(ders[issuer]);
     }
     selection.chainIsComplete = chain.complete;
+    selection.warnings = revocations.warnings();
 }
 
 void refuseUnlessExportable(const RecordInfo& info, const ExportRules& rules) {
@@ -168,7 +198,7 @@ Selection selectForExport(Database& database, const Address& address, const Expo
             break;
     }
     if (rules.chain) {
-        addChain(selection, candidatesOf(Kind::kCertificate, database, selection.leftOut));
+        addChain(selection, database);
     }
     return selection;
 }
@@ -178,6 +208,7 @@ std::vector<std::string> warningsOf(const Selection& selection) {
     for (const Failure& failure : selection.leftOut) {
         warnings.push_back(fmt::format("left out: {}", failure.what()));
     }
+    warnings.insert(warnings.end(), selection.warnings.begin(), selection.warnings.end());
     if (!selection.chainIsComplete) {
         warnings.emplace_back(
             "the chain ends before a root: its next issuer is not in the database");

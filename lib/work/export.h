@@ -41,7 +41,8 @@ struct Selection {
     std::vector<SecretBytes> certificates;  // the key's own first, then its issuers
     SecretBytes other;                      // a CRL or request
     bool chainIsComplete = true;
-    std::vector<Failure> leftOut;  // damaged records that might have gone with it
+    std::vector<Failure> leftOut;       // damaged records that might have gone with it
+    std::vector<std::string> warnings;  // what else is to be said of the chain
 };
 
 // The object of the record. With a key, in PKCS#12 or with a chain, goes its certificate,

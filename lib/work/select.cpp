@@ -3,20 +3,18 @@
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
-#include <set>
 #include <tuple>
 #include <utility>
 
 #include <fmt/format.h>
 
 #include "lib/base/time.h"
-#include "lib/pki/chain.h"
-#include "lib/pki/revocation.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/filter.h"
 #include "lib/records/record.h"
 #include "lib/records/record_head.h"
 #include "lib/work/find.h"
+#include "lib/work/issuers.h"
 #include "lib/work/object_record.h"
 
 namespace fstore {
@@ -91,17 +89,6 @@ std::vector<Failure> unreadOf(const Listing& listing) {
     return failures;
 }
 
-// Names that differ in nothing but capitals and blanks may be the same one.
-std::string folded(std::string_view name) {
-    std::string text;
-    for (const char c : name) {
-        if (c != ' ') {
-            text += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-        }
-    }
-    return text;
-}
-
 // Whether `a` comes before `b` in the order that the header says; the address decides between
 // copies of one certificate.
 bool isBefore(const RecordInfo& a, const RecordInfo& b, std::string_view host) {
@@ -141,67 +128,6 @@ const RecordInfo* keyFor(const RecordInfo& certificate, const Infos& records) {
     }
     return found;
 }
-
-// Whether the CRLs in the database revoke certificates, and which of them do not count.
-class Revocations {
-public:
-    Revocations(const Infos& records, Database& database)
-        : records_(records), database_(database) {}
-
-    bool revoke(const RecordInfo& certificate) {
-        const Infos crls = listedUnder(Kind::kCrl, &RecordInfo::issuer, certificate.issuer);
-        if (crls.empty()) {
-            return false;
-        }
-        Revocation revocation(readObject(database_, certificate.address).body(),
-                              issuersFor(certificate));
-        for (const RecordInfo& crl : crls) {
-            const Record record = readObject(database_, crl.address);
-            if (revocation.add(record.body()) == Revocation::Use::kUnverified) {
-                unverified_.insert(crl.address.print());
-            }
-        }
-        return revocation.isRevoked();
-    }
-
-    // A sentence each.
-    std::vector<std::string> warnings() const {
-        std::vector<std::string> sentences;
-        for (const std::string& crl : unverified_) {
-            sentences.push_back(fmt::format(
-                "{} does not count: it has the name of an issuer, but not its signature", crl));
-        }
-        return sentences;
-    }
-
-private:
-    Infos listedUnder(Kind kind, std::string RecordInfo::*field, const std::string& name) const {
-        Infos found;
-        std::ranges::copy_if(records_, std::back_inserter(found), [&](const RecordInfo& info) {
-            return info.kind == kind && folded(info.*field) == folded(name);
-        });
-        return found;
-    }
-
-    // Those that can be read.
-    std::vector<SecretBytes> issuersFor(const RecordInfo& certificate) const {
-        std::vector<SecretBytes> issuers;
-        for (const RecordInfo& info :
-             listedUnder(Kind::kCertificate, &RecordInfo::subject, certificate.issuer)) {
-            try {
-                const Record record = readObject(database_, info.address);
-                issuers.emplace_back(record.body().begin(), record.body().end());
-            } catch (const Failure&) {
-                continue;  // a damaged one verifies nothing
-            }
-        }
-        return issuers;
-    }
-
-    const Infos& records_;
-    Database& database_;
-    std::set<std::string> unverified_;
-};
 
 // What those lack that cover the host and are not taken.
 struct Lacks {
@@ -247,7 +173,8 @@ Infos possibleIssuers(const RecordInfo& certificate, const Infos& records) {
     return found;
 }
 
-void addIssuers(Selected& selected, const Infos& records, Database& database) {
+void addIssuers(Selected& selected, const Infos& records, Revocations& revocations,
+                Database& database) {
     Infos infos;
     std::vector<SecretBytes> ders;
     for (RecordInfo& info : possibleIssuers(selected.certificate, records)) {
@@ -260,7 +187,7 @@ void addIssuers(Selected& selected, const Infos& records, Database& database) {
         }
     }
     const Record own = readObject(database, selected.certificate.address);
-    for (const std::size_t issuer : chainOf(own.body(), ders).issuers) {
+    for (const std::size_t issuer : chainAmong(own.body(), infos, ders, revocations).issuers) {
         selected.issuers.push_back(infos[issuer]);
     }
 }
@@ -296,7 +223,7 @@ Selected select(Database& database, const Selector& selector) {
     const Infos& records = listing.records;
     const std::int64_t time = now();
     Lacks lacks;
-    Revocations revocations(records, database);
+    Revocations revocations(database, records);
     for (const RecordInfo& certificate : coveringIn(records, selector)) {
         const RecordInfo* const key = keyFor(certificate, records);
         if (!isInForce(certificate, time)) {
@@ -310,7 +237,7 @@ Selected select(Database& database, const Selector& selector) {
             (void)readObject(database, certificate.address);
             Selected selected{*key, certificate, {}, unreadOf(listing), {}};
             if (selector.type == Selector::Type::kPair || selector.type == Selector::Type::kChain) {
-                addIssuers(selected, records, database);
+                addIssuers(selected, records, revocations, database);
             }
             selected.warnings = revocations.warnings();
             return selected;

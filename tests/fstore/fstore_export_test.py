@@ -68,6 +68,20 @@ class ForHostTest(ExportTest):
         self.assertIn(self.address("deep.der"), message)
         self.assertIn("no certificate", self.fails(4, "invalid", *same, self.pki / "crl.der"))
 
+    def test_chain_with_a_revoked_issuer_is_warned_about(self):
+        (self.folder / "index").write_text(
+            "R\t350101000000Z\t200101000000Z\t03\tunknown\t/CN=Middle\n")
+        (self.folder / "ca.cnf").write_text(
+            f"[ca]\ndefault_ca=c\n[c]\ndatabase={self.folder}/index\ndefault_md=sha256\n"
+            "default_crl_days=9\n")
+        self.run_tool("import", "-", stdin=openssl(
+            "ca", "-gencrl", "-config", self.folder / "ca.cnf", "-cert", self.pki / "root.pem",
+            "-keyfile", self.pki / "rsa.key"))
+        run = self.run_tool("export", "--for", "www.example.com", "--chain")
+        self.assertIn(f"{self.address('middle.der')} is in the chain and revoked by a CRL",
+                      run.message)
+        self.assertEqual(3, run.out.count(b"BEGIN CERTIFICATE"))
+
     def test_what_is_revoked_serves_nobody(self):
         message = self.fails(50, "missing", "show", *self.EC)
         self.assertIn("1 revoked by a CRL", message)

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cstdint>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -50,11 +51,26 @@ TEST(ChainOfTest, AnotherKeyUnderTheSameNameIsNoIssuer) {
     EXPECT_FALSE(chain.complete);
 }
 
-TEST(ChainOfTest, TakesTheIssuerThatEndsLast) {
+TEST(ChainOfTest, TakesTheIssuerThatBeganOrEndsLast) {
     EXPECT_THAT(chainOf(der("deep"), {der("middle"), der("longer"), der("root")}).issuers,
                 ElementsAre(1, 2));
     EXPECT_THAT(chainOf(der("deep"), {der("longer"), der("middle"), der("root")}).issuers,
                 ElementsAre(0, 2));
+}
+
+TEST(ChainOfTest, BadIssuerIsBetterThanNone) {
+    constexpr std::int64_t kYear = 31'557'600;
+    const std::vector<SecretBytes> known{der("middle"), der("longer"), der("root")};
+    const Chain later = chainOf(der("deep"), known, {now() + 20 * kYear, {}});
+    EXPECT_THAT(later.issuers, ElementsAre(1, 2));
+    EXPECT_THAT(later.notInForce, ElementsAre(1, 2));
+    const auto isLonger = [](std::size_t issuer) { return issuer == 1; };
+    const Chain chain = chainOf(der("deep"), known, {now(), isLonger});
+    EXPECT_THAT(chain.issuers, ElementsAre(0, 2));
+    EXPECT_THAT(chain.revoked, IsEmpty());
+    const Chain revoked = chainOf(der("deep"), known, {now(), [](std::size_t) { return true; }});
+    EXPECT_THAT(revoked.issuers, ElementsAre(1, 2));
+    EXPECT_THAT(revoked.revoked, ElementsAre(1, 2));
 }
 
 TEST(ChainOfTest, DamagedCertificatesAreNoIssuers) {

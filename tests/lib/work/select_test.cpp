@@ -264,6 +264,44 @@ TEST_F(SelectTest, PairHasKeyCertificateAndIssuers) {
     EXPECT_EQ(0, other_.asked);
 }
 
+TEST_F(SelectTest, ChainTakesTheIssuerThatIsGood) {
+    certificate("leaf", {.altNames = "DNS:www.example.com"});
+    const auto issuer = [&](const char* name, long from, long to, long serial) {
+        object(std::string("certificates/remote/") + name, Kind::kCertificate,
+               makeCertificate({.subject = "Root",
+                                .issuer = "Top",
+                                .key = root_,
+                                .issuerKey = key_,
+                                .fromDays = from,
+                                .toDays = to,
+                                .serial = serial,
+                                .isCa = true}));
+    };
+    const std::string query = std::string("fstore:///?type=chain&for=") + kHost;
+    const auto taken = [&] { return meant(query).at(1).substr(20); };
+    issuer("ended", -900, -1, 1);
+    EXPECT_EQ("ended", taken());
+    EXPECT_THAT(warnings(Type::kChain),
+                ElementsAre("certificates/remote/ended is in the chain and "
+                            "not in force: the database has no better one"));
+    issuer("future", 1, 9000, 2);
+    EXPECT_THAT(warnings(Type::kChain), ElementsAre(HasSubstr("not in force")));
+    issuer("revoked", -1, 900, 3);
+    object("crls/top", Kind::kCrl, makeCrl("Top", key_, {3}));
+    EXPECT_EQ("revoked", taken());
+    EXPECT_THAT(warnings(Type::kChain),
+                ElementsAre(HasSubstr("revoked is in the chain and revoked")));
+    issuer("good", -90, 90, 4);
+    EXPECT_EQ("good", taken());
+    EXPECT_THAT(warnings(Type::kChain), IsEmpty());
+    issuer("longer", -90, 91, 5);
+    EXPECT_EQ("longer", taken());
+    issuer("younger", -80, 10, 6);
+    EXPECT_EQ("younger", taken());
+    damageBody({"crls", "top"});
+    EXPECT_THAT(warnings(Type::kChain), ElementsAre(HasSubstr("it is not known whether")));
+}
+
 TEST_F(SelectTest, EncryptedOnesTakePart) {
     certificate("plain", {.altNames = "DNS:www.example.com", .fromDays = -9});
     certificate("encrypted", {.altNames = "DNS:www.example.com", .fromDays = -1}, /*encrypt=*/true);
