@@ -80,9 +80,7 @@ bool isNewer(const Statement& a, const Statement& b) {
             return order > 0;
         }
     }
-    constexpr int kFailed = -2;
-    const int order = ASN1_TIME_compare(a.thisUpdate.get(), b.thisUpdate.get());
-    return order != kFailed && order > 0;
+    return ASN1_TIME_compare(a.thisUpdate.get(), b.thisUpdate.get()) > 0;  // it fails below 0
 }
 
 // Whether `later` ends what `hold` says. What a part of a list leaves out says nothing.
