@@ -18,6 +18,10 @@
 namespace fstore {
 namespace {
 
+struct Options : DeployOptions {
+    bool force = false;
+};
+
 // Runs the command; why it failed, if it did.
 std::optional<std::string> run(const std::vector<std::string>& words,
                                const DeployOptions& options) {
@@ -68,7 +72,7 @@ void report(const Pair& pair, const Deployed& done, Output& output) {
                      {"reloadDue", done.isLoadingDue}});
 }
 
-Status run(const DeployOptions& options, Context& context) {
+Status run(const Options& options, Context& context) {
     const std::vector<std::string> words = reloadOf(options);
     const DeployRules rules = rulesOf(options);
     SwitchedFiles place(namesOf(rules), context.globals.lockSeconds);
@@ -88,18 +92,21 @@ Status run(const DeployOptions& options, Context& context) {
             return run(words, options);
         };
     }
-    report(pair, deploy(place, pair.files, reload), context.output);
+    const Present present = options.force ? Present::kAny : Present::kOwn;
+    report(pair, deploy(place, pair.files, reload, present), context.output);
     return kOk;
 }
 
 }  // namespace
 
 void addDeploy(Cli& cli) {
-    const auto options = std::make_shared<DeployOptions>();
+    const auto options = std::make_shared<Options>();
     Command& command =
         cli.add("deploy", "Put the certificate and key of a host where a server reads them",
                 [options](Context& context) { return run(*options, context); });
     addDeployOptions(command, options.get());
+    command.flag("-f,--force", &options->force,
+                 "Replace a single file whatever is in it, not only what deploy wrote");
 }
 
 }  // namespace fstore

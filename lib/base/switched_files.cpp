@@ -251,6 +251,7 @@ bool isFile(const std::string& path, const SwitchedFile& expected) {
     }
     const struct stat status = statusOf(path);
     return os::isOwn(status) && (status.st_mode & kPermissions) == expected.mode &&
+           static_cast<std::size_t>(status.st_size) == expected.bytes.size() &&
            readFile(path) == expected.bytes;
 }
 
@@ -425,6 +426,10 @@ bool SwitchedFiles::hold(const std::vector<SwitchedFile>& files) const {
            readFolder(path_ + "/").size() == files.size() &&
            std::ranges::all_of(files,
                                [](const SwitchedFile& file) { return isFile(file.name, file); });
+}
+
+std::optional<SecretBytes> SwitchedFiles::file() const {
+    return !isFolder_ && isThere() ? std::optional(readFile(path_)) : std::nullopt;
 }
 
 bool SwitchedFiles::isPending() const {

@@ -51,6 +51,10 @@ public:
     // Whether there are exactly these files now, of this process's user.
     bool hold(const std::vector<SwitchedFile>& files) const;
 
+    // What is in the one file; nothing for no file, or for a folder, whose files were all put
+    // there.
+    std::optional<SecretBytes> file() const;
+
     // Whether a replacement was not settled.
     bool isPending() const;
 

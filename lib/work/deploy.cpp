@@ -1,6 +1,7 @@
 #include "lib/work/deploy.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <span>
 #include <string_view>
 
@@ -32,6 +33,51 @@ std::span<const unsigned char> bytesOf(const std::string& text) {
 
 SecretBytes pemOfRecord(Database& database, const RecordInfo& info) {
     return pemOf(info.kind, readObject(database, info.address).body());
+}
+
+// The kinds of the PEM blocks, of certificates that follow one another once; nothing for a text
+// that has anything else. Views into the text, which may be a secret.
+std::optional<std::vector<std::string_view>> kindsOf(std::string_view text) {
+    constexpr std::string_view kBegin = "-----BEGIN ", kEnd = "-----END ", kDashes = "-----\n";
+    std::vector<std::string_view> kinds;
+    while (!text.empty()) {
+        if (!text.starts_with(kBegin)) {
+            return std::nullopt;
+        }
+        text.remove_prefix(kBegin.size());
+        const std::string_view kind = text.substr(0, text.find_first_of("-\n"));
+        text.remove_prefix(kind.size());
+        const std::size_t end = text.find(kEnd);
+        if (!text.starts_with(kDashes) || end == std::string_view::npos ||
+            text.substr(kDashes.size(), end - kDashes.size()).find('-') != std::string_view::npos) {
+            return std::nullopt;
+        }
+        text.remove_prefix(end + kEnd.size());
+        if (!text.starts_with(kind) || !text.substr(kind.size()).starts_with(kDashes)) {
+            return std::nullopt;
+        }
+        text.remove_prefix(kind.size() + kDashes.size());
+        if (kinds.empty() || kinds.back() != kind || kind != "CERTIFICATE") {
+            kinds.push_back(kind);
+        }
+    }
+    return kinds;
+}
+
+std::string_view textOf(const SecretBytes& bytes) {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+// A name that was mistyped may be that of a key that is nowhere else.
+void refuseOther(const SwitchedFiles& place, const SwitchedFile& file) {
+    const std::optional<SecretBytes> present = place.file();
+    if (present && !present->empty() && kindsOf(textOf(*present)) != kindsOf(textOf(file.bytes))) {
+        throw Failure(kInvalid,
+                      fmt::format("{} already exists, and has something else than deploy writes "
+                                  "there; move it aside, or name another file",
+                                  file.name),
+                      Advice{"--force replaces it"}, file.name);
+    }
 }
 
 // Puts back what was there before the reload failed, and reports what came of it.
@@ -93,9 +139,12 @@ Pair pairFor(Database& database, const DeployRules& rules) {
     return pair;
 }
 
-Deployed deploy(SwitchedFiles& place, const std::vector<SwitchedFile>& files,
-                const Reload& reload) {
+Deployed deploy(SwitchedFiles& place, const std::vector<SwitchedFile>& files, const Reload& reload,
+                Present present) {
     const bool held = place.hold(files);
+    if (!held && present == Present::kOwn) {
+        refuseOther(place, files.front());
+    }
     if (!held) {
         // Without a reload there is nothing that may fail, and nothing to finish.
         place.replace(files, reload ? SwitchedFiles::Before::kKept : SwitchedFiles::Before::kGone);

@@ -59,12 +59,20 @@ struct Deployed {
         false;  // one that was killed, or failed, had a reload, and this one has none
 };
 
+enum class Present {
+    kOwn,  // a single file that is there is replaced if a deployment of this kind may have written
+           // it: it is empty, or has the same kinds of PEM blocks and nothing else
+    kAny
+};
+
 // Puts the files in place, and has them loaded. A deployment that was killed is finished by the
 // next one, its reload by the next one that has any. `reload` may be empty.
 //
+//   kInvalid  something else is in the file; it stays
 //   kForeign  they could not be loaded. Those from before are back and loaded again; if that failed
 //             too, the next deployment has the files loaded whatever they are.
-Deployed deploy(SwitchedFiles& place, const std::vector<SwitchedFile>& files, const Reload& reload);
+Deployed deploy(SwitchedFiles& place, const std::vector<SwitchedFile>& files, const Reload& reload,
+                Present present = Present::kOwn);
 
 }  // namespace fstore
 

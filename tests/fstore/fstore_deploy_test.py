@@ -355,6 +355,56 @@ class ReloadTest(DeployTest):
         self.assertEqual(b"said\n", run.err)
 
 
+class PresentTest(DeployTest):
+    """A single file is replaced without --force only if deploy may have written it."""
+
+    def test_something_else_stays(self):
+        certificate = (self.folder / "old.pem").read_bytes()
+        key = (self.folder / "old.key").read_bytes()
+        self.deploy(*BUNDLE)
+        bundle = (self.folder / "www.pem").read_bytes()
+        for text in (key, certificate, b"text\n", b"\0" * 5000, certificate + key,
+                     key + bundle, bundle + key, b"text\n" + bundle, bundle + b"text\n",
+                     bundle + bundle, bundle.replace(b"END CERT", b"END PERT"), bundle[:-5],
+                     bundle.replace(b"-----\n", b"-----\n-\n", 1)):
+            (self.folder / "www.pem").write_bytes(text)
+            before = self.files()
+            message = self.fails(4, "invalid", "deploy", HOST, *BUNDLE, "--reload", HOOK)
+            self.assertIn("has something else than deploy writes there", message)
+            self.assertEqual(before, self.files())
+            self.assertIsNone(self.state("www.pem"))
+            option = "-f" if text == key else "--force"
+            self.deploy(*BUNDLE, option, "--reload", HOOK)
+            self.assertEqual("old", self.deployed(BUNDLE))
+
+    def test_what_deploy_writes_is_replaced(self):
+        self.deploy(*BUNDLE)
+        bundle = (self.folder / "www.pem").read_bytes()
+        self.renew()
+        for text in b"", bundle, (self.folder / "old.pem").read_bytes() + bundle:
+            (self.folder / "www.pem").write_bytes(text)
+            self.deploy(*BUNDLE)
+            self.assertEqual("new", self.deployed(BUNDLE))
+
+    def test_reference_and_key_are_two_kinds(self):
+        with_key = ("--chain", "www.pem", "--key", "www.pem")
+        self.deploy(*BUNDLE)
+        self.fails(4, "invalid", "deploy", HOST, *with_key)
+        self.deploy(*with_key, "-f")
+        self.renew()
+        self.fails(4, "invalid", "deploy", HOST, *BUNDLE)
+        self.deploy(*with_key)
+        self.assertEqual((self.folder / "new.pem").read_bytes() +
+                         (self.folder / "new.key").read_bytes(),
+                         (self.folder / "www.pem").read_bytes())
+
+    def test_file_of_the_database_stays(self):
+        path = next(path for path in sorted((self.folder / "db").rglob("*")) if path.is_file())
+        before = self.files()
+        self.fails(4, "invalid", "deploy", HOST, "--chain", path, "--ref", path)
+        self.assertEqual(before, self.files())
+
+
 class UsageTest(DeployTest):
     def test_files_that_cannot_change_together(self):
         for args in (("--chain", "a/chain.pem", "--ref", "b/key.ref"),
