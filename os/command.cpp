@@ -17,6 +17,12 @@
 namespace os {
 namespace {
 
+// Not so of what occupyStandardStreams() has opened.
+bool canWrite(int fd) noexcept {
+    const int flags = ::fcntl(fd, F_GETFL);
+    return flags >= 0 && (flags & O_ACCMODE) != O_RDONLY;
+}
+
 // How the program begins: its streams, and the signals that installSignalHandlers() ignores.
 class Beginning {
 public:
@@ -45,10 +51,23 @@ private:
         (void)posix_spawnattr_setsigdefault(&attributes_, &defaults);
         (void)posix_spawnattr_setpgroup(&attributes_, 0);
         (void)posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
-        const int input =
+        return giveStreams();
+    }
+
+    // The program has no other descriptors: what this process was given, a password perhaps, is not
+    // for it. Where there is no standard error, what it says goes nowhere, and is no failure of it.
+    int giveStreams() noexcept {
+        int error =
             posix_spawn_file_actions_addopen(&files_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-        return input != 0 ? input
-                          : posix_spawn_file_actions_adddup2(&files_, STDERR_FILENO, STDOUT_FILENO);
+        if (error == 0 && !canWrite(STDERR_FILENO)) {
+            error =
+                posix_spawn_file_actions_addopen(&files_, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+        }
+        if (error == 0) {
+            error = posix_spawn_file_actions_adddup2(&files_, STDERR_FILENO, STDOUT_FILENO);
+        }
+        return error != 0 ? error
+                          : posix_spawn_file_actions_addclosefrom_np(&files_, STDERR_FILENO + 1);
     }
 
     posix_spawn_file_actions_t files_{};

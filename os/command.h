@@ -18,7 +18,8 @@ struct CommandEnd {
 
 // Runs a program, found by PATH, with its arguments; `words` has the program first. It has the
 // environment and the umask that this process was started with, reads nothing, and writes to this
-// process's standard error, so that the standard output stays what the caller makes it.
+// process's standard error, so that the standard output stays what the caller makes it; nowhere if
+// that is closed. All other descriptors are closed in it.
 //
 // It has `seconds`; then it is killed with all that it has started in its process group, which is
 // one of its own. What has left that group, as daemons do, stays, and is not waited for. A signal

@@ -354,6 +354,18 @@ class ReloadTest(DeployTest):
         self.assertTrue(run.document["reloaded"])  # "said" is not in the document
         self.assertEqual(b"said\n", run.err)
 
+    def test_program_gets_no_password_by_a_descriptor(self):
+        self.write("password", support.PASSWORD)
+        self.deploy(*BUNDLE, "--password-fd", "9", "--shell", "--reload",
+                    "ls /proc/$$/fd | grep -cx 9 >open; true", password=None,
+                    prefix=("sh", "-c", 'exec 9<password; exec "$@"', "sh"))
+        self.assertEqual("0\n", (self.folder / "open").read_text())
+
+    def test_program_that_speaks_without_a_standard_error(self):
+        self.write("hook.sh", "echo out && echo error >&2 && touch loaded\n")
+        self.deploy(*BUNDLE, "--reload", HOOK, prefix=("sh", "-c", 'exec 2>&-; exec "$@"', "sh"))
+        self.assertTrue((self.folder / "loaded").exists())
+
 
 class PresentTest(DeployTest):
     """A single file is replaced without --force only if deploy may have written it."""

@@ -67,6 +67,25 @@ TEST(CommandTest, WordsAreTheProgramsOwn) {
     EXPECT_EQ(0, os::runCommand({"test", "$HOME", "!=", "*"}, kLong).exitCode);
 }
 
+TEST(CommandTest, ItHasTheStandardStreamsOnly) {
+    const os::File ours = os::openFile("/dev/null", O_RDONLY);
+    const os::File given(::fcntl(ours.get(), F_DUPFD, 50));  // not closed by exec()
+    ASSERT_LE(50, given.get());
+    EXPECT_EQ(0, shell("test ! -e /proc/$$/fd/" + std::to_string(given.get())).exitCode);
+    EXPECT_LE(0, ::fcntl(given.get(), F_GETFD));
+}
+
+TEST(CommandTest, ItCanWriteWithoutAStandardError) {
+    EXPECT_EQ(
+        0, inChild([] {
+            ::close(STDERR_FILENO);
+            if (shell("echo out && echo error >&2").exitCode != 0 || !os::occupyStandardStreams()) {
+                return 1;
+            }
+            return shell("echo out && echo error >&2").exitCode;
+        }));
+}
+
 TEST(CommandTest, WhatCannotBeStartedSaysWhy) {
     const support::TempWorkingDir folder;
     support::writeFile("text", "no program");
