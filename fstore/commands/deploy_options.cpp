@@ -1,6 +1,7 @@
 #include "fstore/commands/deploy_options.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <string_view>
 #include <utility>
 
@@ -26,8 +27,25 @@ Selector selectorOf(const std::string& text) {
     return *uri.selector;
 }
 
+// The absolute path, of several spellings of it the shortest: a file that is named twice is one. A
+// "." at the end stays, which names a folder, and so does "..", which means what links make of it.
+std::string plainPath(const std::string& path) {
+    const std::string given = absolutePath(path);
+    std::string plain;
+    for (std::size_t at = 0; at != std::string::npos;) {
+        const std::size_t next = given.find('/', at + 1);
+        const std::string step = given.substr(at, next - at);
+        const bool isLast = next == std::string::npos;
+        if (isLast || (step != "/" && step != "/.")) {
+            plain += step;
+        }
+        at = next;
+    }
+    return plain;
+}
+
 std::optional<std::string> absolute(const std::optional<std::string>& path) {
-    return path ? std::optional(absolutePath(*path)) : std::nullopt;
+    return path ? std::optional(plainPath(*path)) : std::nullopt;
 }
 
 // The program and its arguments, which blanks divide.
@@ -72,7 +90,7 @@ void addDeployOptions(Command& command, DeployOptions* target) {
 }
 
 DeployRules rulesOf(const DeployOptions& options) {
-    return {selectorOf(options.selector), absolutePath(options.chain), absolute(options.ref),
+    return {selectorOf(options.selector), plainPath(options.chain), absolute(options.ref),
             absolute(options.key), options.isPrivate};
 }
 

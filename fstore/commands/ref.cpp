@@ -1,6 +1,7 @@
 // fstore ref: a file that stands for a record where a program wants a key or certificate.
 #include <memory>
 #include <string>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -26,10 +27,25 @@ RecordUri uriOf(const std::string& text) {
     return text.starts_with(kScheme) ? parseUri(text) : RecordUri{text, std::nullopt};
 }
 
+// A reference is taken for what it names by programs that load keys, certificates and CRLs.
+void warnOfOthers(Kind kind, const RecordUri& uri, Output& output) {
+    if (kind == Kind::kRequest || kind == Kind::kRaw) {
+        output.warn(
+            fmt::format("{} is no key, certificate or CRL but of kind {}; no program can load it "
+                        "by this reference",
+                        uri.path, nameOf(kind)));
+    }
+}
+
+struct Checked {
+    RecordUri uri;
+    Kind kind;
+};
+
 // The record whose address is given in full, so that the reference does not become ambiguous with
 // the next import; a selector stays as it is. Throws what meaningOf() throws: a reference to
 // nothing would show in a server's log only.
-RecordUri checkedUri(Database& database, const std::string& text) {
+Checked checkedUri(Database& database, const std::string& text) {
     RecordUri uri = uriOf(text);
     const Meaning meaning = meaningOf(database, uri);
     if (meaning.isFolder) {
@@ -38,13 +54,15 @@ RecordUri checkedUri(Database& database, const std::string& text) {
     if (!uri.selector) {
         uri.path = meaning.records.front().address.print();
     }
-    return uri;
+    return {std::move(uri), meaning.records.front().kind};
 }
 
 Status run(const Options& options, Context& context) {
     OutputFile file(options.file, options.force);
-    const RecordUri uri = withSecrets(context.database, Access::kRead,
-                                      [&] { return checkedUri(context.database, options.record); });
+    const auto [uri, kind] = withSecrets(context.database, Access::kRead, [&] {
+        return checkedUri(context.database, options.record);
+    });
+    warnOfOthers(kind, uri, context.output);
     const std::string text = referenceOf(uri);
     const bool inDocument = context.output.json() && file.isStandardOutput();
     Json json = {{"uri", printUri(uri)}};

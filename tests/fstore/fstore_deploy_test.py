@@ -426,6 +426,15 @@ class UsageTest(DeployTest):
                      ("--chain", "a/", "--ref", "a/")):
             self.fails(4, "invalid", "deploy", HOST, *args)
 
+    def test_one_file_in_two_spellings_is_one(self):
+        for name in "./www.pem", ".//./www.pem", self.folder / "www.pem", f"{self.folder}//www.pem":
+            run = self.deploy("--chain", "www.pem", "--ref", name, "--json")
+            self.assertEqual([str(self.folder / "www.pem")], run.document["files"])
+        self.deploy("--chain", "./www/chain.pem", "--ref", "www//key.ref")
+        self.assertEqual("old", self.deployed(FOLDER))
+        self.fails(4, "invalid", "deploy", HOST, "--chain", "other/.", "--ref", "other/.")
+        self.fails(2, "usage", "deploy", HOST, "--chain", "a", "--ref", "b", "--key", "./b")
+
     def test_options_that_mean_nothing(self):
         for args in (("--chain", "a"), ("--ref", "a"),
                      ("--chain", "a", "--ref", "b", "--key", "b"),
@@ -434,6 +443,23 @@ class UsageTest(DeployTest):
             self.fails(2, "usage", "deploy", HOST, *args)
         self.fails(2, "usage", "deploy", f"fstore:///?for={HOST}&type=key", *BUNDLE)
         self.fails(4, "invalid", "deploy", "no host", *BUNDLE)
+
+
+class RefTest(DeployTest):
+    def test_reference_that_no_program_can_load(self):
+        openssl("req", "-new", "-key", self.folder / "old.key", "-subj", "/CN=asks",
+                "-out", self.folder / "asks.pem")
+        self.run_tool("import", "asks.pem")
+        self.write("bytes", "some bytes")
+        self.run_tool("put", "keys/raw", "bytes")
+        others = [record for record in self.records() if "raw" in record or "asks" in record]
+        self.assertEqual(2, len(others))
+        for record in others:
+            run = self.run_tool("ref", record)
+            self.assertIn(f"{record} is no key, certificate or CRL", run.message)
+            self.assertIn(b"BEGIN FSTORE URI", run.out)
+        for record in set(self.records()) - set(others):
+            self.assertEqual("", self.run_tool("ref", record).message)
 
 
 class HostileTest(DeployTest):
