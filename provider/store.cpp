@@ -8,6 +8,7 @@
 #include <openssl/core_names.h>
 #include <openssl/params.h>
 #include <openssl/store.h>
+#include <strings.h>
 
 #include "provider/hand_on.h"
 #include "provider/provider.h"
@@ -176,7 +177,7 @@ Store& storeOf(void* context) {
 }
 
 void* openWith(Provider& provider, const char* uri, const OSSL_PARAM* parameters) {
-    if (!std::string_view(uri).starts_with(kScheme)) {
+    if (strncasecmp(uri, kScheme.data(), kScheme.size()) != 0) {
         return nullptr;  // another loader's
     }
     return reporting(provider.core(), static_cast<void*>(nullptr), [&]() -> void* {

@@ -14,8 +14,7 @@ namespace {
 
 // A host, or the URI that asks for it.
 Selector selectorOf(const std::string& text) {
-    constexpr std::string_view kScheme = "fstore:";
-    if (!text.starts_with(kScheme)) {
+    if (!isUri(text)) {
         return {hostNameOf(text), Selector::Type::kPair, {}};
     }
     const RecordUri uri = parseUri(text);

@@ -23,8 +23,7 @@ struct Options {
 };
 
 RecordUri uriOf(const std::string& text) {
-    constexpr std::string_view kScheme = "fstore:";
-    return text.starts_with(kScheme) ? parseUri(text) : RecordUri{text, std::nullopt};
+    return isUri(text) ? parseUri(text) : RecordUri{text, std::nullopt};
 }
 
 // A reference is taken for what it names by programs that load keys, certificates and CRLs.

@@ -29,8 +29,8 @@ Cover coverOf(std::string_view altName, std::string_view host) {
     if (altName.starts_with(kIp)) {
         return altName.substr(kIp.size()) == host ? Cover::kExact : Cover::kNone;
     }
-    if (!altName.starts_with(kDns)) {
-        return Cover::kNone;
+    if (!altName.starts_with(kDns) || isIpAddress(std::string(host))) {
+        return Cover::kNone;  // a DNS name that looks like an address is none
     }
     std::string name(altName.substr(kDns.size()));
     std::ranges::transform(name, name.begin(), [](char c) {

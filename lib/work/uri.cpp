@@ -14,7 +14,7 @@
 namespace fstore {
 namespace {
 
-constexpr std::string_view kHead = "fstore:///";
+constexpr std::string_view kScheme = "fstore:", kHead = "fstore:///";
 constexpr std::string_view kForm =
     "it looks like fstore:///folder/name or fstore:///?for=www.example.com";
 constexpr std::size_t kMostHostName = 253, kMostLabel = 63;
@@ -154,13 +154,22 @@ std::optional<std::string> asIpAddress(const std::string& text) {
     return std::nullopt;
 }
 
+char small(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
 }  // namespace
+
+bool isUri(std::string_view text) {
+    return text.size() >= kScheme.size() &&
+           std::ranges::equal(text.substr(0, kScheme.size()), kScheme, {}, small);
+}
 
 RecordUri parseUri(std::string_view text) {
     if (text.size() > kMostUri) {
         fail(text, "it is longer than 4096 bytes");
     }
-    if (!text.starts_with(kHead)) {
+    if (!isUri(text) || !text.substr(kScheme.size()).starts_with(kHead.substr(kScheme.size()))) {
         fail(text, kForm);
     }
     std::string_view rest = text.substr(kHead.size());
@@ -191,13 +200,15 @@ std::string printUri(const RecordUri& uri) {
 
 std::string hostNameOf(std::string_view text) {
     constexpr std::string_view kWildcard = "*.";
+    const std::string_view given = text;
+    if (text.ends_with('.')) {
+        text.remove_suffix(1);
+    }
     std::string name(text.substr(0, kMostHostName + 1));
     if (auto address = asIpAddress(name)) {
         return *address;
     }
-    std::ranges::transform(name, name.begin(), [](char c) {
-        return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
-    });
+    std::ranges::transform(name, name.begin(), small);
     const std::string_view behind =
         std::string_view(name).substr(name.starts_with(kWildcard) ? kWildcard.size() : 0);
     if (!isHostName(behind)) {
@@ -205,9 +216,13 @@ std::string hostNameOf(std::string_view text) {
                       fmt::format("\"{}\" is not the name of a host: letters, digits, \"-\", \"_\" "
                                   "and \".\", or an IP address; other letters are written as in "
                                   "xn--bcher-kva.example",
-                                  printable(name)));
+                                  printable(std::string(given.substr(0, kMostHostName + 1)))));
     }
     return name;
+}
+
+bool isIpAddress(const std::string& host) {
+    return asIpAddress(host).has_value();
 }
 
 }  // namespace fstore

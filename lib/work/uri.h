@@ -41,6 +41,9 @@ struct RecordUri {
 // No URI may be longer.
 inline constexpr std::size_t kMostUri = 4096;
 
+// Whether the text begins as such a URI does, in small letters or capitals.
+bool isUri(std::string_view text);
+
 // Throws kInvalid for anything but such a URI, and says why.
 RecordUri parseUri(std::string_view text);
 
@@ -48,8 +51,12 @@ RecordUri parseUri(std::string_view text);
 std::string printUri(const RecordUri& uri);
 
 // A host's name in small letters, or an IP address in its usual form. A name may begin with "*.",
-// and then means the wildcard itself. Throws kInvalid for what cannot be either.
+// and then means the wildcard itself; a final dot says nothing and is left out. Throws kInvalid for
+// what cannot be either.
 std::string hostNameOf(std::string_view text);
+
+// Whether what hostNameOf() returned is an address.
+bool isIpAddress(const std::string& host);
 
 }  // namespace fstore
 

@@ -38,7 +38,8 @@ class UriTest(ProviderTest):
     def test_pair_is_a_certificate_to_who_wants_one(self):
         uri = "fstore:///?for=ed.example.com"
         self.assertEqual(b"subject=CN = ed\n", self.openssl("x509", "-in", uri, "-noout", "-subject"))
-        self.openssl("pkey", "-in", uri, "-noout")
+        for form in uri, uri.replace("fstore", "FSTORE"):
+            self.openssl("pkey", "-in", form, "-noout")
 
     def test_chain_has_the_issuers(self):
         listed = self.openssl("storeutl", "-noout", "-certs",

@@ -235,6 +235,11 @@ TEST_F(SelectTest, AddressesOfHostsAreNames) {
     EXPECT_EQ("addresses", chosen("for=2001:DB8:0:0::1"));
 }
 
+TEST_F(SelectTest, DnsNameThatLooksLikeAnAddressIsNone) {
+    certificate("names", {.altNames = "DNS:10.9.9.9,DNS:*.9.9.9"});
+    EXPECT_EQ("no certificate for 10.9.9.9 in the database", chosen("for=10.9.9.9"));
+}
+
 TEST_F(SelectTest, CommonNameDoesNotCount) {
     certificate("old", {.subject = kHost});
     EXPECT_EQ("no certificate for www.example.com in the database", chosen());

@@ -48,6 +48,20 @@ TEST(UriTest, NamesAreInTheirUsualForm) {
     EXPECT_EQ("a_b.xn--bcher-kva.example", hostNameOf("a_b.xn--bcher-kva.example"));
 }
 
+TEST(UriTest, FinalDotIsLeftOut) {
+    EXPECT_EQ("www.example.com", hostNameOf("www.example.com."));
+    EXPECT_EQ("192.0.2.1", hostNameOf("192.0.2.1."));
+    EXPECT_EQ("www.example.com", parseUri("fstore:///?for=www.example.com.").selector->name);
+    EXPECT_THROW((void)hostNameOf("."), Failure);
+}
+
+TEST(UriTest, SchemeMayHaveCapitals) {
+    EXPECT_EQ("keys/A", parseUri("FStore:///keys/A").path);
+    EXPECT_TRUE(isUri("FSTORE:///?for=a"));
+    EXPECT_FALSE(isUri("fstore"));
+    EXPECT_FALSE(isUri("other:///a"));
+}
+
 TEST(UriTest, WhatIsPrintedIsReadAgain) {
     for (const char* const text :
          {"fstore:///", "fstore:///keys/a%20%25b", "fstore:///certificates/",
@@ -72,7 +86,7 @@ INSTANTIATE_TEST_SUITE_P(
     Texts, RefusedUriTest,
     testing::Values(Refused{"", "looks like"}, Refused{"file:///a", "looks like"},
                     Refused{"fstore:a/b", "looks like"}, Refused{"fstore://host/a", "looks like"},
-                    Refused{"FSTORE:///a", "looks like"}, Refused{"fstore:///a b", "%20"},
+                    Refused{"FSTORE:/a", "looks like"}, Refused{"fstore:///a b", "%20"},
                     Refused{"fstore:///a#b", "%20"}, Refused{"fstore:///a?for=b", "%20"},
                     Refused{"fstore:///a\nb", "%20"}, Refused{"fstore:///\xC3\xA9", "%20"},
                     Refused{"fstore:///a%2Fb", "%2F"}, Refused{"fstore:///a%00", "%00"},
@@ -85,7 +99,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Refused{"fstore:///?for=", "not the name of a host"},
                     Refused{"fstore:///?for=a..b", "not the name of a host"},
                     Refused{"fstore:///?for=-a", "not the name of a host"},
-                    Refused{"fstore:///?for=a.", "not the name of a host"},
+                    Refused{"fstore:///?for=a..", "\"a..\" is not the name of a host"},
                     Refused{"fstore:///?for=*", "not the name of a host"},
                     Refused{"fstore:///?for=a.*.b", "not the name of a host"},
                     Refused{"fstore:///?for=b%C3%BCcher.example", "xn--"}));
