@@ -1,9 +1,12 @@
 #include "fstore/commands/common_options.h"
 
 #include <limits>
+#include <string>
 
 #include <fmt/format.h>
 
+#include "lib/base/error.h"
+#include "lib/base/files.h"
 #include "lib/database/slots.h"
 #include "lib/records/catalogue.h"
 #include "lib/work/select.h"
@@ -61,6 +64,21 @@ Address chosen(Database& database, const RecordChoice& choice) {
         database.observer().warn(warning);
     }
     return mainOf(selected, selector.type).address;
+}
+
+void warnWithoutDatabase(const Globals& globals, Output& output) {
+    const std::string folder = absolutePath(globals.folder);
+    bool isThere = false;
+    try {
+        isThere = exists(folder + "/db") || exists(folder + "/old_db");
+    } catch (const Failure&) {
+        return;  // whoever runs what is written may look into the folder
+    }
+    if (!isThere) {
+        output.warn(fmt::format(
+            "there is no database in {} yet; `fstore init` makes one, --dir names another folder",
+            folder));
+    }
 }
 
 void addCost(Command& command, unsigned int* target) {

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "fstore/commands/commands.h"
+#include "fstore/commands/common_options.h"
 #include "fstore/terminal/json.h"
 #include "lib/base/files.h"
 
@@ -57,6 +58,7 @@ std::string configuration(const Globals& globals) {
 }
 
 Status run(Context& context) {
+    warnWithoutDatabase(context.globals, context.output);
     const std::string text = configuration(context.globals);
     if (context.output.json()) {
         context.output.document({{"text", text}});

@@ -13,6 +13,7 @@
 #include "fstore/commands/deploy_options.h"
 #include "fstore/terminal/json.h"
 #include "lib/base/files.h"
+#include "lib/base/switched_files.h"
 #include "os/links.h"
 
 namespace fstore {
@@ -57,7 +58,7 @@ std::vector<std::string> fstoreOf(const Globals& globals) {
 std::vector<std::string> argumentsOf(const DeployOptions& options) {
     (void)reloadOf(options);  // what it refuses, the hook should not find out
     const DeployRules rules = rulesOf(options);
-    (void)namesOf(rules);
+    SwitchedFiles::check(namesOf(rules));
     std::vector<std::string> words{options.selector, "--chain", rules.chain};
     for (const auto& [name, value] : {std::pair("--ref", rules.ref), std::pair("--key", rules.key),
                                       std::pair("--reload", options.reload)}) {
@@ -88,6 +89,7 @@ std::vector<std::string> choiceOf(const DeployOptions& options) {
 }
 
 Status run(const Options& options, Context& context) {
+    warnWithoutDatabase(context.globals, context.output);
     const std::string text =
         renewHook({options.client, fstoreOf(context.globals), argumentsOf(options.deploy),
                    options.emptyKey ? choiceOf(options.deploy) : std::vector<std::string>{}});

@@ -273,6 +273,12 @@ SwitchedFiles::SwitchedFiles(const std::vector<std::string>& names, double lockS
     removeLeftovers();
 }
 
+void SwitchedFiles::check(const std::vector<std::string>& names) {
+    const SwitchedFiles place(inRealFolder(placeOf(names)), names.size() > 1);
+    place.refuseOther();
+    place.refuseFurther(names);
+}
+
 SwitchedFiles::~SwitchedFiles() {
     if (lock_) {
         (void)os::remove(inState(kLock).c_str());

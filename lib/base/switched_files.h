@@ -44,6 +44,8 @@ public:
     //                 other files besides; or somebody else can rename it or one above it
     //   kAlreadyOpen  another process is at it
     SwitchedFiles(const std::vector<std::string>& names, double lockSeconds);
+    // The same but for waiting: refuses the names, and changes nothing.
+    static void check(const std::vector<std::string>& names);
     SwitchedFiles(const SwitchedFiles&) = delete;
     SwitchedFiles& operator=(const SwitchedFiles&) = delete;
     ~SwitchedFiles();

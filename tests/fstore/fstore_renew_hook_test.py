@@ -173,6 +173,24 @@ class HookTest(FstoreTest):
             self.fails(2, "usage", "renew-hook", *args)
         self.fails(4, "invalid", "renew-hook", "certbot", "no host", *PLACE)
 
+    def test_refuses_files_that_deploy_would_refuse(self):
+        (self.folder / "mine").mkdir()
+        (self.folder / "mine/file").write_text("")
+        for places in (("--chain", "a/chain.pem", "--ref", "b/key.ref"),
+                       ("--chain", "mine/chain.pem", "--ref", "mine/key.ref"),
+                       ("--chain", "mine", "--ref", "mine")):
+            command = (HOST, *places)
+            message = self.fails(4, "invalid", "deploy", *command)
+            self.assertEqual(message, self.fails(4, "invalid", "renew-hook", "certbot", *command))
+        self.assertEqual(["mine"], [name for name in os.listdir(self.folder) if "mine" in name])
+
+    def test_folder_without_database_is_warned_about(self):
+        self.assertEqual("", self.run_tool("renew-hook", "certbot", HOST, *PLACE).message)
+        for command in ("renew-hook", "certbot", HOST, *PLACE), ("openssl-conf",):
+            run = self.run_tool("-D", self.elsewhere, *command)
+            self.assertIn(f"there is no database in {self.elsewhere} yet", run.message)
+            self.assertIn(str(self.elsewhere), run.text)
+
     def test_existing_file_needs_force(self):
         self.hook("certbot")
         self.fails(4, "invalid", "renew-hook", "certbot", HOST, *PLACE, "-o", "certbot.hook")
