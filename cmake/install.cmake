@@ -30,6 +30,10 @@ install(TARGETS filestore_c EXPORT filestore
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT dev)
 install(TARGETS provider
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/ossl-modules COMPONENT provider)
+# Programs that load the provider do not know the prefix; below /usr the system's linker finds it.
+if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set_target_properties(provider PROPERTIES INSTALL_RPATH "$ORIGIN/..")
+endif()
 target_include_directories(filestore_c INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 set_target_properties(filestore_c PROPERTIES EXPORT_NAME c)
 

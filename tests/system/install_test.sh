@@ -32,6 +32,10 @@ if grep -rlF "$work/first" "$prefix"; then
     fail "a file names the folder that it was installed into"
 fi
 
+step "the provider finds its library"
+ldd "$libdir/ossl-modules/fstore.so" | grep -qF "libfilestore.so.1 => $libdir/" ||
+    fail "fstore.so does not find libfilestore.so.1"
+
 step "the installed program works"
 mkdir "$work/db"
 cd "$work/db"
