@@ -10,6 +10,7 @@
 #include "lib/database/slots.h"
 #include "lib/records/catalogue.h"
 #include "lib/work/select.h"
+#include "os/links.h"
 
 namespace fstore {
 namespace {
@@ -64,6 +65,15 @@ Address chosen(Database& database, const RecordChoice& choice) {
         database.observer().warn(warning);
     }
     return mainOf(selected, selector.type).address;
+}
+
+std::string thisProgram() {
+    constexpr const char* kSelf = "/proc/self/exe";
+    auto path = os::readLink(kSelf);
+    if (!path) {
+        failWithErrno("read the link", kSelf);
+    }
+    return *std::move(path);
 }
 
 void warnWithoutDatabase(const Globals& globals, Output& output) {

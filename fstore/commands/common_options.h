@@ -38,6 +38,9 @@ Address chosen(Database& database, const RecordChoice& choice);
 void addCost(Command& command, unsigned int* target);
 void addCost(Command& command, std::optional<int>* target);
 
+// The path of this very program.
+std::string thisProgram();
+
 // For what is written down for later, and may come before the database.
 void warnWithoutDatabase(const Globals& globals, Output& output);
 

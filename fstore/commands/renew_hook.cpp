@@ -14,7 +14,6 @@
 #include "fstore/terminal/json.h"
 #include "lib/base/files.h"
 #include "lib/base/switched_files.h"
-#include "os/links.h"
 
 namespace fstore {
 namespace {
@@ -27,17 +26,8 @@ struct Options {
     bool force = false;
 };
 
-// Programs that renew run with a PATH of their own.
-std::string thisProgram() {
-    constexpr const char* kSelf = "/proc/self/exe";
-    auto path = os::readLink(kSelf);
-    if (!path) {
-        failWithErrno("read the link", kSelf);
-    }
-    return *std::move(path);
-}
-
 std::vector<std::string> fstoreOf(const Globals& globals) {
+    // Programs that renew run with a PATH of their own.
     std::vector<std::string> words{thisProgram(), "--quiet", "--no-input", "--dir",
                                    absolutePath(globals.folder)};
     const PasswordOptions& password = globals.secret.password;

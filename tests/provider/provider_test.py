@@ -420,7 +420,7 @@ class PlaceTest(ProviderTest):
         path = self.add_key_file()
         text = self.run_tool("openssl-conf", "--key-file", path, password=None).text
         self.assertIn(f"key-file = {path}\n", text)
-        self.write("openssl.cnf", text.replace("[fstore_sect]", f"[fstore_sect]\nmodule = {PROVIDER}"))
+        self.write("openssl.cnf", text)
         self.openssl("pkey", "-noout", "-in", self.KEY)
 
     def test_wrong_key_file_fails_and_nothing_else_is_tried(self):
@@ -428,9 +428,21 @@ class PlaceTest(ProviderTest):
         said = self.refused("pkey", "-noout", "-in", self.KEY, env={"FSTORE_PASSWORD": support.PASSWORD})
         self.assertIn("unlocking the database", said)
 
+    def test_printed_configuration_without_provider_is_warned_about(self):
+        folder = plain("version", "-m").decode().split('"')[1]
+        (self.folder / "away").mkdir()
+        tool = shutil.copy(support.PROGRAM, self.folder / "away")
+        run = subprocess.run([tool, "openssl-conf"], cwd=self.folder, capture_output=True,
+                             check=True, timeout=60)
+        self.assertNotIn(b"module =", run.stdout)
+        self.assertNotEqual(os.path.exists(f"{folder}/fstore.so"),
+                            f"fstore.so, is not in {folder}".encode() in run.stderr)
+
     def test_printed_configuration_works(self):
-        text = self.run_tool("openssl-conf", "--password-file", "password").text
-        self.write("openssl.cnf", text.replace("[fstore_sect]", f"[fstore_sect]\nmodule = {PROVIDER}"))
+        run = self.run_tool("openssl-conf", "--password-file", "password")
+        self.assertEqual("", run.message)
+        self.assertIn(f"module = {PROVIDER}\n", run.text)
+        self.write("openssl.cnf", run.text)
         self.openssl("pkey", "-noout", "-in", self.KEY)
 
 
