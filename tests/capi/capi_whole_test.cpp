@@ -112,6 +112,22 @@ protected:
         return kinds;
     }
 
+    // The call, cancelled after its first step, its second, and so on, until it ends by itself.
+    template <class Call>
+    void cancelAtEachStep(Call call) {
+        Heard heard;
+        const filestore_callbacks callbacks = heard.callbacks();
+        filestore_status status = FILESTORE_INTERRUPTED;
+        for (heard.stopAfter = 1; status == FILESTORE_INTERRUPTED; ++heard.stopAfter) {
+            SCOPED_TRACE(heard.stopAfter);
+            ASSERT_LT(heard.stopAfter, 1000);
+            heard.steps = 0;
+            status = call(&callbacks);
+        }
+        EXPECT_EQ(FILESTORE_OK, status) << error_.message;
+        EXPECT_GT(heard.stopAfter, 2) << "it was never cancelled";
+    }
+
     TempDir folder_;
     Db db_ = openWith(folder_.path(), kPassword, FILESTORE_CREATE);
     filestore_error error_ = FILESTORE_ERROR_INIT;
@@ -348,18 +364,11 @@ TEST_F(CapiWholeTest, AChangeCancelledAtAnyStepLeavesOneOfThePasswords) {
 
 TEST_F(CapiWholeTest, ABackupCancelledAtAnyStepLeavesNoFile) {
     put(db_, "keys/a", std::string(2 << 20, 'a'));
-    Heard heard;
-    const filestore_callbacks callbacks = heard.callbacks();
     const auto before = support::tree(folder_.path());
-    filestore_status status = FILESTORE_INTERRUPTED;
-    for (heard.stopAfter = 1; status == FILESTORE_INTERRUPTED; ++heard.stopAfter) {
-        ASSERT_LT(heard.stopAfter, 1000);
-        heard.steps = 0;
+    cancelAtEachStep([&](const filestore_callbacks* callbacks) {
         EXPECT_EQ(before, support::tree(folder_.path()));
-        status = filestore_backup(db_.get(), (folder_ / "all").c_str(), 0, &callbacks, &error_);
-    }
-    EXPECT_EQ(FILESTORE_OK, status) << error_.message;
-    EXPECT_GT(heard.stopAfter, 10);
+        return filestore_backup(db_.get(), (folder_ / "all").c_str(), 0, callbacks, &error_);
+    });
     EXPECT_TRUE(std::filesystem::exists(folder_ / "all"));
 }
 
@@ -369,35 +378,21 @@ TEST_F(CapiWholeTest, ARestoreCancelledAtAnyStepChangesNothing) {
     const std::string file = outside / "all";
     must(filestore_backup(db_.get(), file.c_str(), 0, nullptr, &error_), error_);
     put(db_, "keys/b", "later");
-    Heard heard;
-    const filestore_callbacks callbacks = heard.callbacks();
     const auto before = support::tree(folder_.path());
-    filestore_status status = FILESTORE_INTERRUPTED;
-    for (heard.stopAfter = 1; status == FILESTORE_INTERRUPTED; ++heard.stopAfter) {
-        ASSERT_LT(heard.stopAfter, 1000);
-        heard.steps = 0;
+    cancelAtEachStep([&](const filestore_callbacks* callbacks) {
         EXPECT_EQ(before, support::tree(folder_.path()));
-        status = filestore_restore(db_.get(), file.c_str(), FILESTORE_REPLACE, &callbacks, &error_);
-    }
-    EXPECT_EQ(FILESTORE_OK, status) << error_.message;
-    EXPECT_GT(heard.stopAfter, 10);
+        return filestore_restore(db_.get(), file.c_str(), FILESTORE_REPLACE, callbacks, &error_);
+    });
     unlock(db_, kPassword);
     EXPECT_EQ(FILESTORE_MISSING, statusOfGet(db_, "keys/b"));
 }
 
 TEST_F(CapiWholeTest, AnImportCancelledAtAnyStepHasWholeRecords) {
-    Heard heard;
-    const filestore_callbacks callbacks = heard.callbacks();
-    filestore_status status = FILESTORE_INTERRUPTED;
-    for (heard.stopAfter = 1; status == FILESTORE_INTERRUPTED; ++heard.stopAfter) {
-        ASSERT_LT(heard.stopAfter, 1000);
-        heard.steps = 0;
-        status = filestore_import(db_.get(), kPem.data(), kPem.size(), nullptr, nullptr, &callbacks,
-                                  &error_);
+    cancelAtEachStep([&](const filestore_callbacks* callbacks) {
         EXPECT_THAT(check(FILESTORE_CHECK_DEEP, FILESTORE_OK), IsEmpty());
-    }
-    EXPECT_EQ(FILESTORE_OK, status) << error_.message;
-    EXPECT_GT(heard.stopAfter, 2);
+        return filestore_import(db_.get(), kPem.data(), kPem.size(), nullptr, nullptr, callbacks,
+                                &error_);
+    });
     EXPECT_EQ(2u, namesOf(find(nullptr)).size());
 }
 
