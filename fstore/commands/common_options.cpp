@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "format/layout.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/database/slots.h"
@@ -80,7 +81,8 @@ void warnWithoutDatabase(const Globals& globals, Output& output) {
     const std::string folder = absolutePath(globals.folder);
     bool isThere = false;
     try {
-        isThere = exists(folder + "/db") || exists(folder + "/old_db");
+        isThere =
+            exists(joined(folder, layout::kLive)) || exists(joined(folder, layout::kPrevious));
     } catch (const Failure&) {
         return;  // whoever runs what is written may look into the folder
     }

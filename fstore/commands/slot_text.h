@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "fstore/terminal/json.h"
+#include "fstore/terminal/output.h"
 #include "fstore/terminal/table.h"
 #include "lib/database/unlock_text.h"
 
@@ -18,10 +19,10 @@ std::string describe(const UnlockSlot& slot);
 // Several, with commas.
 std::string describe(const std::vector<UnlockSlot>& slots);
 
-// The slot of this number, which is one of them.
 // That a secret which opens no slot any more still opens copies from before.
 void noteOldCopies(Output& output);
 
+// The slot of this number, which is one of them.
 const UnlockSlot& slotOf(const std::vector<UnlockSlot>& slots, unsigned int n);
 
 // Number, kind, label, date and cost, a line each; `opened` is marked.
