@@ -90,7 +90,8 @@ class Outcome:
 
     def __init__(self, name: str, *arguments: Any) -> None:
         self._error = _abi.Error()
-        self.status: int = _abi.call[name](*arguments, ctypes.byref(self._error))
+        with _inside:
+            self.status: int = _abi.call[name](*arguments, ctypes.byref(self._error))
 
     def failure(self) -> Error:
         path = text_out(self._error.path)
@@ -152,7 +153,7 @@ class Watch:
 
     def run(self, name: str, *arguments: Any) -> Outcome:
         """Calls the function with these arguments, the callbacks and the error object."""
-        with _called(self) as heard:
+        with _inside, _called(self) as heard:
             callbacks = ctypes.byref(self.callbacks) if heard else None
             outcome = interruptible(lambda: Outcome(name, *arguments, callbacks), self.cancel)
         if self._failure is not None:
@@ -176,6 +177,43 @@ _changed = threading.Condition()
 _ending = False
 
 
+class _Inside:
+    """While a call lasts. Once the interpreter ends, no other thread begins one.
+
+    What libraries have for the whole process is given back at its end, OpenSSL's tables among it,
+    while daemon threads run on. So the end waits for those that are in a call, too.
+    """
+
+    def __init__(self) -> None:
+        self._threads = 0
+        self._own = threading.local()
+
+    def __enter__(self) -> None:
+        depth = getattr(self._own, "depth", 0)
+        with _changed:
+            begins = depth or not _ending or threading.current_thread() is threading.main_thread()
+            self._threads += 1 if begins and not depth else 0
+        if not begins:
+            threading.Event().wait()  # for the end of the process
+        self._own.depth = depth + 1
+
+    def __exit__(self, *failure: object) -> None:
+        self._own.depth -= 1
+        if not self._own.depth:
+            with _changed:
+                self._threads -= 1
+                _changed.notify_all()
+
+    def is_empty(self) -> bool:
+        return self._threads <= 0
+
+    def forget(self) -> None:
+        self._threads = 0
+
+
+_inside = _Inside()
+
+
 @contextlib.contextmanager
 def _called(watch: Watch) -> Iterator[bool]:
     """While the call of this watch lasts; whether it may call back."""
@@ -197,7 +235,7 @@ def _end_calls() -> None:
         _ending = True
         for watch in _under_way:
             watch.cancel()
-        _changed.wait_for(lambda: not _under_way, _SECONDS_TO_END)
+        _changed.wait_for(lambda: not _under_way and _inside.is_empty(), _SECONDS_TO_END)
 
 
 def _forget_calls() -> None:
@@ -205,6 +243,7 @@ def _forget_calls() -> None:
     global _changed
     _changed = threading.Condition()
     _under_way.clear()
+    _inside.forget()
 
 
 os.register_at_fork(after_in_child=_forget_calls)
