@@ -13,6 +13,8 @@
 #include "lib/base/files.h"
 #include "lib/base/time.h"
 #include "lib/database/protection.h"
+#include "lib/records/catalogue.h"
+#include "lib/records/record_head.h"
 
 namespace fstore {
 namespace {
@@ -43,17 +45,31 @@ void inspectCopies(const Protection& protection, std::vector<Finding>& findings)
     }
 }
 
+// What cannot be read is told elsewhere.
+bool hasEncrypted() {
+    Unread unread;
+    return std::ranges::any_of(allRecords(&unread), [](const Address& address) {
+        try {
+            return RecordHead::read(address).hasSecrets();
+        } catch (const MemoryFailure&) {
+            throw;
+        } catch (const Failure&) {
+            return false;
+        }
+    });
+}
+
 // A database that no tool of ours made has no slots, either.
 void inspectWithoutSlots(const Protection& protection, Database& database) {
     if (!protection.record.sets.empty()) {
         return;
     }
     if (!protection.hasPassword()) {
-        try {
-            database.requireNoPassword();
-        } catch (const Failure& failure) {
+        if (hasEncrypted()) {
             database.observer().warn(
-                failure.what());  // which records it makes unreadable, --deep says
+                "the database has no password, and records are encrypted: if it had one, the "
+                "record "
+                "./key and the slots are lost, and a backup has them");
         }
         return;
     }

@@ -335,7 +335,7 @@ void Database::openWith(Unlocked unlocked) {
         observer_.note("the record ./key was lost, and has been written again");
         learn(recover(store_));
     } else if (!protection_.hasPassword()) {
-        fstore::requireNoPassword(store_);
+        requireNoPassword(store_);
     }
     store_.open(std::move(unlocked.p));
     opened_ = protection_.inForce.key();

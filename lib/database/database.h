@@ -103,9 +103,6 @@ public:
     // The P that it was opened with, for another Database of this place; while it is open.
     const SecretText& p() const noexcept { return store_.p(); }
 
-    // Of a database without a password: throws kNoDigest when records are encrypted all the same.
-    void requireNoPassword() { fstore::requireNoPassword(store_); }
-
     // As it is now; also entered with kFiles.
     Protection examineProtection() { return settledProtection(store_); }
 
