@@ -26,32 +26,22 @@
 #include "os/files.h"
 #include "store/context_objects.h"
 #include "store/file_store.h"
+#include "store/fresh_number.h"
 
 namespace {
 
 // Never stored: names that are taken are found by looking.
 std::atomic<unsigned int> static_num{1};
 
-struct FreshName {
-    std::string name;
-    os::Presence taken;  // by a file; kPresent also when nobody looked
-};
-
-FreshName nextFreshName(const char* folder, const char* suffix) {
-    constexpr int kMostAttempts = 100000;
-    std::string path;
-    for (int attempt = 1;; ++attempt) {
-        std::string name = uniqueName(static_num.fetch_add(1, std::memory_order_relaxed));
-        if (attempt == kMostAttempts) {
-            return {std::move(name), os::Presence::kPresent};
+NumberLook lookIn(const char* folder, const char* suffix) {
+    return [folder, suffix](unsigned int number) {
+        std::string path = uniqueName(number);
+        if (folder != nullptr) {
+            path = joinPath(folder, path);
         }
-        path = folder == nullptr ? name : joinPath(folder, name);
         path += suffix == nullptr ? "" : suffix;
-        const os::Presence taken = os::presence(path.c_str());
-        if (taken != os::Presence::kPresent) {
-            return {std::move(name), taken};  // where one cannot be examined, none can
-        }
-    }
+        return os::presence(path.c_str());
+    };
 }
 
 // Renames, also over something that cannot be replaced but deleted.
@@ -87,14 +77,15 @@ std::string marked(const std::string& name, std::string_view marker) {
 // will put back there. Empty when that cannot be told.
 std::string freshRecordName(const std::string& folder) {
     for (;;) {
-        FreshName fresh = nextFreshName(folder.c_str(), kDscSuffix.data());
+        FreshNumber fresh = takeFarAhead(static_num, lookIn(folder.c_str(), kDscSuffix.data()));
+        std::string name = uniqueName(fresh.number);
         if (fresh.taken == os::Presence::kAbsent) {
-            const std::string descriptor = joinPath(folder, descriptorName(fresh.name));
+            const std::string descriptor = joinPath(folder, descriptorName(name));
             fresh.taken = os::presence(marked(descriptor, kOldMarker).c_str());
         }
         switch (fresh.taken) {
             case os::Presence::kAbsent:
-                return std::move(fresh.name);
+                return name;
             case os::Presence::kUnknown:
                 return {};
             case os::Presence::kPresent:
@@ -168,7 +159,8 @@ bool finish(os::File file, FileStore::Sync sync) {
 }  // namespace
 
 std::string getUniqueName(const char* folder, const char* suffix) {
-    return nextFreshName(folder, suffix).name;
+    constexpr unsigned int kMostAttempts = 100000;
+    return uniqueName(takeInOrder(static_num, lookIn(folder, suffix), kMostAttempts).number);
 }
 
 int syncClose(std::FILE* stream) {
@@ -300,7 +292,8 @@ Status FileStore::createBodyFile(NewFiles& files) {
         return kIo;
     }
     do {
-        files.bodyName = getUniqueName(folderName.c_str(), nullptr);
+        files.bodyName =
+            uniqueName(takeFarAhead(static_num, lookIn(folderName.c_str(), nullptr)).number);
         const std::string path = joinPath(folderName, files.bodyName);
         files.bodyPath.emplace(path);
         files.body = os::openFile(path.c_str(), O_WRONLY | O_CREAT | O_EXCL);

@@ -141,25 +141,57 @@ TEST_F(TakenNamesTest, TheLastOneIsGivenUntested) {
     EXPECT_EQ(behind, getUniqueName(TestStore::kFolder, nullptr));
 }
 
-TEST_F(TakenNamesTest, NoBodyIsOverwritten) {
-    ASSERT_EQ(kOk, TestStore::save("a", plain("mine")));
-    EXPECT_EQ("mine body", readFile(store.path(behind)));
-    EXPECT_EQ("another's", readFile(store.path(last)));
+// The file system says of all names that they are taken. What is then given untested is a file with
+// another's bytes.
+class AllNamesTakenTest : public RecordDiskTest {
+protected:
+    static constexpr unsigned int kInOrder = 64;  // before it looks further ahead
+    static constexpr int kLooks = kInOrder + 32;  // before one is given untested
+
+    explicit AllNamesTakenTest(const char* suffix = "") {
+        writeFile(store.path(given + suffix), "another's");
+    }
+
+    const unsigned int first = numberOf(nextName());
+    const std::string given = nameOf(first + kInOrder);
+};
+
+TEST_F(AllNamesTakenTest, NoBodyIsOverwritten) {
+    {
+        const fault::TakenNames taken(2 * kLooks);
+        ASSERT_EQ(kOk, TestStore::save("a", plain("mine")));
+    }
+    EXPECT_EQ("mine body", readFile(store.path(nameOf(first + 2 * kInOrder + 1))));
+    EXPECT_EQ("another's", readFile(store.path(given)));
     EXPECT_EQ(plain("mine"), TestStore::load("a"));
 }
 
-class TakenRecordNamesTest : public TakenNamesTest {
+class AllRecordNamesTakenTest : public AllNamesTakenTest {
 protected:
-    TakenRecordNamesTest() : TakenNamesTest(".dsc") {}
+    AllRecordNamesTakenTest() : AllNamesTakenTest(".dsc") {}
 };
 
-TEST_F(TakenRecordNamesTest, NoDescriptorIsOverwritten) {
+// A descriptor is not created exclusively, so nothing untested is good enough for one.
+TEST_F(AllRecordNamesTakenTest, NoDescriptorIsOverwritten) {
+    const fault::TakenNames taken(2 * kLooks);
     aFileStore record = TestStore::record();
     fill(record, bodiless("mine"));
     ASSERT_EQ(kOk, record.write());
-    EXPECT_EQ(behind, record.getName());
-    EXPECT_EQ("another's", readFile(store.path(last + ".dsc")));
-    EXPECT_EQ(bodiless("mine"), TestStore::load(behind));
+    EXPECT_NE(given, record.getName());
+    EXPECT_EQ("another's", readFile(store.path(given + ".dsc")));
+    EXPECT_EQ(bodiless("mine"), TestStore::load(record.getName()));
+}
+
+TEST_F(RecordDiskTest, ManyBodiesAreNotLookedAtOneByOne) {
+    constexpr unsigned int kBodies = 2000;
+    const unsigned int first = numberOf(nextName());
+    for (unsigned int n = 0; n < kBodies; ++n) {
+        writeFile(store.path(nameOf(first + n)), "");
+    }
+    const long before = fault::callCount({fault::Call::kAccess});
+    ASSERT_EQ(kOk, TestStore::save("a", plain("mine")));
+    EXPECT_LE(fault::callCount({fault::Call::kAccess}) - before, 200);
+    EXPECT_EQ("mine body", readFile(store.path(nameOf(first + kBodies))));
 }
 
 // Writing.
