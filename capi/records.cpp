@@ -1,4 +1,5 @@
 // Records: read, made, changed, written, removed and renamed.
+#include <array>
 #include <string>
 #include <utility>
 
@@ -20,7 +21,6 @@
 using capi::bytesOf;
 using capi::requireFlags;
 using capi::requireText;
-using fstore::Access;
 using fstore::Address;
 using fstore::AttributeChange;
 using fstore::Record;
@@ -136,7 +136,7 @@ filestore_status filestore_get(filestore_db* db, const char* address, uint32_t f
         const std::string text = requireText(address, "the address is null");
         capi::Lease lease(capi::handleOf(db), nullptr);
         *record = new filestore_record(fstore::readNamed(
-            lease.database(), text, [&] { return readCopy(lease.database(), text, flags); }));
+            lease.database(), {&text, 1}, [&] { return readCopy(lease.database(), text, flags); }));
         return FILESTORE_OK;
     });
 }
@@ -269,8 +269,10 @@ filestore_status filestore_put(filestore_db* db, filestore_record* record, uint3
         handle.requireWritable();
         const RecordChange change = changeOf(*record, flags);
         capi::Lease lease(handle, nullptr);
-        RecordCopy written = withSecrets(lease.database(), Access::kChange, [&] {
-            return RecordCopy(changeRecord(lease.database(), record->copy.address(), change));
+        const Address& place = record->copy.address();
+        const std::array named{fstore::AddressText::of(place)};
+        RecordCopy written = changeNamed(lease.database(), named, [&] {
+            return RecordCopy(changeRecord(lease.database(), place, change));
         });
         record->copy = std::move(written);
         record->isNew = record->bodyIsSet = false;
@@ -286,7 +288,9 @@ filestore_status filestore_remove(filestore_db* db, const char* address, filesto
         capi::Handle& handle = capi::handleOf(db);
         handle.requireWritable();
         capi::Lease lease(handle, nullptr);
-        const fstore::Hold hold = lease.database().enter(Access::kChange);
+        const auto named = fstore::namesIn({&text, 1});
+        const fstore::Hold hold =
+            lease.database().enter(accessToChange(named), fstore::Need::kRecords, named);
         for (const fstore::Removal& removal : fstore::removeRecords(fstore::resolveAll({text}))) {
             if (removal.failure) {
                 throw fstore::Failure(*removal.failure);
@@ -308,9 +312,9 @@ filestore_status filestore_rename(filestore_db* db, const char* from, const char
         capi::Handle& handle = capi::handleOf(db);
         handle.requireWritable();
         capi::Lease lease(handle, nullptr);
-        const fstore::Renaming done = withSecrets(lease.database(), Access::kChange, [&] {
-            return renameRecord(lease.database(), text, place);
-        });
+        const auto named = fstore::namesForRenaming(text, place);
+        const fstore::Renaming done = changeNamed(
+            lease.database(), named, [&] { return renameRecord(lease.database(), text, place); });
         if (done.bodyKept) {
             lease.observer().warn(fmt::format("renamed {}; its body file stays: it {}",
                                               done.from.print(), *done.bodyKept));

@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr unsigned int kInOrder = 64;
+constexpr unsigned int kInOrder = 32;
 
 FreshNumber untested(std::atomic<unsigned int>& counter) {
     return {counter.fetch_add(1, std::memory_order_relaxed), os::Presence::kPresent};

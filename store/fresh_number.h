@@ -21,7 +21,7 @@ using NumberLook = std::function<os::Presence(unsigned int)>;
 FreshNumber takeInOrder(std::atomic<unsigned int>& counter, const NumberLook& look,
                         unsigned int most);
 
-// The same for a folder that may hold millions, in at most 130 looks: 64 in order; then further
+// The same for a folder that may hold millions, in at most 100 looks: 32 in order; then further
 // and further ahead, until one is free; then halfway, to a free one that follows one that is taken.
 // So after 1 to n without a gap it gives n + 1. Among gaps it may pass over some that are free.
 // Untested is what it gives when all are taken, or when another thread takes numbers meanwhile:

@@ -36,7 +36,7 @@ void report(const Renaming& renaming, const Address& to, Output& output) {
 Status run(const Options& options, Context& context) {
     const Address to = parseNewAddress(options.to);
     refuseInternal(to);
-    return withSecrets(context.database, Access::kChange, [&] {
+    return changeNamed(context.database, namesForRenaming(options.from, to), [&] {
         report(renameRecord(context.database, options.from, to), to, context.output);
         return kOk;
     });

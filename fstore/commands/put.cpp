@@ -2,6 +2,7 @@
 #include "lib/work/put.h"
 
 #include <algorithm>
+#include <array>
 #include <memory>
 
 #include <fmt/format.h>
@@ -52,7 +53,8 @@ Status runPut(const PutOptions& options, Context& context) {
         }
         return kOk;
     };
-    return withSecrets(context.database, Access::kChange, store, needFor(!plain));
+    const std::array named{AddressText::of(address)};
+    return changeNamed(context.database, named, store, needFor(!plain));
 }
 
 bool isForTerminals(std::span<const unsigned char> body) {
@@ -68,8 +70,8 @@ Status runGet(const GetOptions& options, Context& context) {
     if (!inDocument) {
         file.emplace(options.file, options.force);
     }
-    const Record record = withSecrets(context.database, Access::kRead,
-                                      [&] { return readBody(context.database, options.address); });
+    const Record record = readNamed(context.database, {&options.address, 1},
+                                    [&] { return readBody(context.database, options.address); });
     Json json = toJson(infoOf(record));
     if (inDocument) {
         json["body"]["bytes"] = toHex(record.body());

@@ -67,10 +67,11 @@ Status report(const std::vector<Removal>& removals, Output& output) {
 Status run(const Options& options, Context& context) {
     if (!options.force) {
         // Others may read while the user thinks.
-        const Hold hold = context.database.enter(Access::kRead);
-        confirmKeys(resolveAll(options.addresses), context.globals);
+        readNamed(context.database, options.addresses,
+                  [&] { confirmKeys(resolveAll(options.addresses), context.globals); });
     }
-    const Hold hold = context.database.enter(Access::kChange);
+    const std::vector<AddressText> named = namesIn(options.addresses);
+    const Hold hold = context.database.enter(accessToChange(named), Need::kRecords, named);
     return report(removeRecords(resolveAll(options.addresses)), context.output);
 }
 

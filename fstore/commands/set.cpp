@@ -39,7 +39,7 @@ Status runSet(const SetOptions& options, Context& context) {
     for (const std::string& text : options.assignments) {
         assignments.push_back(Assignment::parse(text, context.standardInput));
     }
-    return withSecrets(context.database, Access::kChange, [&] {
+    return changeNamed(context.database, namesIn({&options.address, 1}), [&] {
         Record record = readForChange(context.database, options.address, options.encrypt);
         for (const Assignment& assignment : assignments) {
             assignment.applyTo(record, options.encrypt);
@@ -69,7 +69,7 @@ Status runUnset(const UnsetOptions& options, Context& context) {
     for (const std::string& text : options.ids) {
         ids.push_back(parseEditableId(text));
     }
-    return withSecrets(context.database, Access::kChange, [&] {
+    return changeNamed(context.database, namesIn({&options.address, 1}), [&] {
         Record record = readForChange(context.database, options.address, /*getsSecret=*/false);
         removeAttributes(record, ids, options.ids);
         BodyOwners owners;

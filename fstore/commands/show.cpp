@@ -101,7 +101,12 @@ Status run(const Options& options, Context& context) {
         json["attributes"] = attributesToJson(record);
         context.output.document({{"records", Json::array({json})}});
     };
-    withSecrets(context.database, Access::kRead, show, needFor(options.unlock));
+    const Need need = needFor(options.unlock);
+    if (options.choice.address) {
+        readNamed(context.database, {&*options.choice.address, 1}, show, need);
+    } else {
+        withSecrets(context.database, Access::kRead, show, need);
+    }
     return kOk;
 }
 

@@ -22,7 +22,19 @@ namespace fstore {
 namespace {
 
 os::LockKind kindFor(Access access) {
-    return access == Access::kChange ? os::LockKind::kExclusive : os::LockKind::kShared;
+    return isChange(access) ? os::LockKind::kExclusive : os::LockKind::kShared;
+}
+
+// What is known of the password is all that it is for.
+Access readingInsteadOf(Access access) {
+    switch (access) {
+        case Access::kChange:
+            return Access::kRead;
+        case Access::kChangeNamed:
+            return Access::kReadNamed;
+        default:
+            return access;
+    }
 }
 
 }  // namespace
@@ -30,7 +42,8 @@ os::LockKind kindFor(Access access) {
 Database::Database(Place place, Observer& observer, KeySource* keys)
     : place_(std::move(place)), observer_(observer), keys_(keys), lock_(place_), store_(place_) {}
 
-Hold Database::enter(Access access, Need need) {
+Hold Database::enter(Access access, Need need, std::span<const AddressText> named) {
+    named_.assign(named.begin(), named.end());
     if (need == Need::kFolder || need == Need::kDatabase) {
         lock_.makeAndOpen();
     } else {
@@ -47,7 +60,7 @@ Hold Database::enter(Access access, Need need) {
         case Need::kFiles:
             lock_.take(kindFor(access));
             requireDatabase();
-            if (access == Access::kChange) {
+            if (isChange(access)) {
                 refuseFiles();
             }
             break;
@@ -60,9 +73,9 @@ Hold Database::enter(Access access, Need need) {
         case Need::kRecords:
             enterRecords(access);
             warnOfLostKey();
-            if (access == Access::kChange && protection_.isKeyLost()) {
+            if (isChange(access) && protection_.isKeyLost()) {
                 enterSecrets(access);
-            } else if (access == Access::kChange && protection_.isUnfinished()) {
+            } else if (isChange(access) && protection_.isUnfinished()) {
                 observer_.warn(
                     "the last change of the password was interrupted; finishing or undoing it "
                     "first");
@@ -210,6 +223,9 @@ void Database::enterRecords(Access access) {
         case Access::kChange:
             enterExclusive();
             break;
+        case Access::kChangeNamed:
+            enterExclusiveNamed();
+            break;
     }
 }
 
@@ -242,7 +258,7 @@ void Database::enterNamed() {
         return;
     }
     requireDatabase();
-    if (needsRecoveryOfPassword()) {
+    if (!folderState().live || needsRecoveryOfPassword()) {
         enterShared();
         return;
     }
@@ -258,11 +274,18 @@ void Database::enterExclusive() {
     learn(recover(store_));
 }
 
+void Database::enterExclusiveNamed() {
+    lock_.take(os::LockKind::kExclusive);
+    requireDatabase();
+    refuseFiles();
+    learn(recoverNamed(store_, named_));
+}
+
 // Whoever opens the database can do what a change of the password left to do.
 void Database::enterSecrets(Access access) {
     open(access);
     // A reader has nothing to do with a change that did not happen.
-    if (!protection_.isUnfinished() || (protection_.isUndone() && access != Access::kChange)) {
+    if (!protection_.isUnfinished() || (protection_.isUndone() && !isChange(access))) {
         return;
     }
     open(Access::kChange);  // another process may have had its turn before the lock was ours
@@ -299,7 +322,7 @@ void Database::undoChange() {
 // in force afterwards. Who opens the database without its record "key" writes that record.
 void Database::open(Access access) {
     const bool asksFirst = !store_.isOpen() && (keys_ == nullptr || keys_->asks());
-    enterRecords(asksFirst && access == Access::kChange ? Access::kRead : access);
+    enterRecords(asksFirst ? readingInsteadOf(access) : access);
     while (!store_.isOpen()) {
         const Access needed = protection_.isKeyLost() ? Access::kChange : access;
         const std::optional<Digest> asked = protection_.inForce.key();
@@ -312,12 +335,11 @@ void Database::open(Access access) {
         if (!wasKnown || needed != access) {
             enterRecords(needed);
         }
-        if (protection_.inForce.key() == asked &&
-            (needed == Access::kChange || !protection_.isKeyLost())) {
+        if (protection_.inForce.key() == asked && (isChange(needed) || !protection_.isKeyLost())) {
             openWith(std::move(*unlocked));
         }
     }
-    if (access == Access::kChange) {
+    if (isChange(access)) {
         if (protection_.isKeyLost()) {  // it was lost since the database was opened
             openWith({store_.p(), openedBy_});
         }
@@ -383,6 +405,17 @@ void Database::learn(Protection protection) {
     if (store_.isOpen() && (protection_.inForce.key() != opened_ || !isOpenerThere())) {
         store_.close();
     }
+}
+
+std::vector<AddressText> namesIn(std::span<const std::string> texts) {
+    std::vector<AddressText> named;
+    for (const std::string& text : texts) {
+        named.push_back(parseAddress(text));
+        if (named.back().form == AddressText::Form::kDigest) {
+            return {};
+        }
+    }
+    return named;
 }
 
 }  // namespace fstore

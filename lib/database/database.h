@@ -17,8 +17,10 @@
 
 #include <exception>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "lib/base/observer.h"
 #include "lib/database/folder_lock.h"
@@ -40,7 +42,13 @@ namespace fstore {
 //     record that is not there may stand aside: who misses one enters again, with kRead. See
 //     readNamed().
 // kChange: no other process may do anything.
-enum class Access { kRead, kReadNamed, kChange };
+// kChangeNamed: as kChange, for the records that enter() is told by name, and for no others. Those
+//     are put back where a crash has left them aside; see changeNamed().
+enum class Access { kRead, kReadNamed, kChange, kChangeNamed };
+
+constexpr bool isChange(Access access) {
+    return access == Access::kChange || access == Access::kChangeNamed;
+}
 
 // What an operation needs of the database that it enters.
 enum class Need {
@@ -74,15 +82,16 @@ public:
     // The one way in; no other Hold of it lives. While it lives, relative paths of the thread
     // begin at the database's folder, so callers open their own files before.
     //
-    // kFolder and kDatabase need kChange. If a change of the password was interrupted in its
-    // last steps, or the record "key" is lost, kChange needs the password for kRecords, too:
-    // nothing may change before that change is finished, and that record is there again.
+    // kFolder and kDatabase need kChange; `named` is for kChangeNamed. If a change of the password
+    // was interrupted in its last steps, or the record "key" is lost, kChange needs the password
+    // for kRecords, too: nothing may change before that change is finished, and that record is
+    // there again.
     //
     //   kMissing      there is no database, or no such folder
     //   kAlreadyOpen  another process holds the lock for longer than place().lockSeconds
     //   kWrongPassword, and what Observer::password() throws
     //   kNoDigest, kMalformed   the records of the password are damaged
-    Hold enter(Access access, Need need = Need::kRecords);
+    Hold enter(Access access, Need need = Need::kRecords, std::span<const AddressText> named = {});
 
     const Place& place() const noexcept { return place_; }
     Observer& observer() noexcept { return observer_; }
@@ -156,6 +165,7 @@ private:
     void enterShared();
     void enterNamed();
     void enterExclusive();
+    void enterExclusiveNamed();
     void enterSecrets(Access access);
     void open(Access access);
     Unlocked obtainP();
@@ -177,8 +187,9 @@ private:
     unsigned int openedBy_ = 0;
     std::optional<UnlockSlot> opener_;  // of that number, as it was then; none for 0
     bool warnedOfKey_ = false;
-    std::optional<Stamp> learned_;  // that of the folder that protection_ was read from
-    std::string knownFolder_;       // directly in that folder, and no link; empty for none
+    std::vector<AddressText> named_;  // what the last one who entered was about
+    std::optional<Stamp> learned_;    // that of the folder that protection_ was read from
+    std::string knownFolder_;         // directly in that folder, and no link; empty for none
 };
 
 // Runs step() in the database, entered as `need` says. If the step asks for secrets
@@ -186,31 +197,48 @@ private:
 // other processes had their turn while the user was asked for the password. So a step asks
 // before it changes or reports anything.
 template <class Step>
-auto withSecrets(Database& database, Access access, Step step, Need need = Need::kRecords) {
+auto withSecrets(Database& database, Access access, Step step, Need need = Need::kRecords,
+                 std::span<const AddressText> named = {}) {
     try {
-        const Hold hold = database.enter(access, need);
+        const Hold hold = database.enter(access, need, named);
         return step();
     } catch (const SecretsNeeded&) {
     }
-    const Hold hold = database.enter(access, Need::kSecrets);
+    const Hold hold = database.enter(access, Need::kSecrets, named);
     return step();
 }
 
-// The same for reading the record that the user's words stand for, by step(). When they name its
-// place, no other record is looked at; unless it is not there, since a crash may have moved it
-// aside.
+// What the user's words name; nothing when one of them is a digest, which only a look at all
+// records finds.
+std::vector<AddressText> namesIn(std::span<const std::string> texts);
+
+// The same for reading the records that the user's words stand for, by step(). When they name them,
+// no others are looked at; unless one is not there, since a crash may have moved it aside.
 template <class Step>
-auto readNamed(Database& database, std::string_view text, Step step) {
-    if (parseAddress(text).form == AddressText::Form::kPlace) {
+auto readNamed(Database& database, std::span<const std::string> texts, Step step,
+               Need need = Need::kRecords) {
+    if (!namesIn(texts).empty()) {
         try {
-            return withSecrets(database, Access::kReadNamed, step);
+            return withSecrets(database, Access::kReadNamed, step, need);
         } catch (const Failure& failure) {
             if (failure.status() != kMissing) {
                 throw;
             }
         }
     }
-    return withSecrets(database, Access::kRead, step);
+    return withSecrets(database, Access::kRead, step, need);
+}
+
+// How to enter for changing what is named so: all of it when nothing is.
+inline Access accessToChange(std::span<const AddressText> named) {
+    return named.empty() ? Access::kChange : Access::kChangeNamed;
+}
+
+// withSecrets() for changing the records that are named so, by step(), which looks at no others.
+template <class Step>
+auto changeNamed(Database& database, std::span<const AddressText> named, Step step,
+                 Need need = Need::kRecords) {
+    return withSecrets(database, accessToChange(named), step, need, named);
 }
 
 }  // namespace fstore

@@ -20,6 +20,9 @@
 namespace fstore {
 namespace {
 
+constexpr std::array kPasswordRecords{layout::kKeyRecord, layout::kKdfRecord,
+                                      layout::kKdfCopyRecord};
+
 // The descriptors that stand moved aside alone, as a write that was broken off between its two
 // renames leaves them: reading would put them back.
 std::vector<std::string> loneSavedOf(const std::string& folder,
@@ -35,6 +38,18 @@ std::vector<std::string> loneSavedOf(const std::string& folder,
     return found;
 }
 
+// Whether a write that was broken off between its two renames has left this record so.
+bool isMovedAside(const Address& address) {
+    const std::string path = descriptorPath(address);
+    return !exists(path) && isA(os::EntryType::kFile, path + std::string(kOldMarker));
+}
+
+void putBackIfAside(const Address& address) {
+    if (isMovedAside(address)) {
+        putBack(descriptorPath(address) + std::string(kOldMarker));
+    }
+}
+
 std::vector<std::string> allLoneSaved() {
     std::vector<std::string> found;
     Unread beyondRepair;  // the command that follows meets them, too
@@ -46,6 +61,15 @@ std::vector<std::string> allLoneSaved() {
     return found;
 }
 
+void recoverFolders(StoreService& store) {
+    store.makeFolders();
+    dropCopy();
+}
+
+Protection withBothCopies(const Protection& protection) {
+    return repairCopy(protection, /*opened=*/false) ? readProtection() : protection;
+}
+
 }  // namespace
 
 // Readers ignore an unfinished copy.
@@ -54,12 +78,9 @@ bool needsRecovery() {
 }
 
 bool needsRecoveryOfPassword() {
-    return std::ranges::any_of(
-        std::array{layout::kKeyRecord, layout::kKdfRecord, layout::kKdfCopyRecord},
-        [](const char* name) {
-            const std::string path = descriptorPath({"", name});
-            return !exists(path) && exists(path + std::string(kOldMarker));
-        });
+    return std::ranges::any_of(kPasswordRecords, [](const char* name) {
+        return isMovedAside({"", name});
+    });
 }
 
 void putBack(const std::string& saved) {
@@ -74,8 +95,7 @@ void putBack(const std::string& saved) {
 }
 
 void recoverFiles(StoreService& store) {
-    store.makeFolders();
-    dropCopy();
+    recoverFolders(store);
     std::ranges::for_each(allLoneSaved(), putBack);
 }
 
@@ -90,7 +110,25 @@ Protection recover(StoreService& store) {
     if (protection.isUndone() && !protection.hasPassword()) {
         return dropUndoneSet(protection);
     }
-    return repairCopy(protection, /*opened=*/false) ? readProtection() : protection;
+    return withBothCopies(protection);
+}
+
+// Whether a record is there is asked right afterwards. One that stands aside must be back by then:
+// else a new one would be made beside it, whose first write removes the old one with its label and
+// body.
+Protection recoverNamed(StoreService& store, std::span<const AddressText> named) {
+    recoverFolders(store);
+    for (const char* const name : kPasswordRecords) {
+        putBackIfAside({"", name});
+    }
+    for (const AddressText& text : named) {
+        std::ranges::for_each(placesOf(text), putBackIfAside);
+    }
+    const Protection protection = readProtection();
+    if (protection.isKeyLost() || protection.isUnfinished()) {
+        return recover(store);
+    }
+    return withBothCopies(protection);
 }
 
 }  // namespace fstore

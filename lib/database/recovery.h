@@ -5,10 +5,12 @@
 #ifndef LIB_DATABASE_RECOVERY_H
 #define LIB_DATABASE_RECOVERY_H
 
+#include <span>
 #include <string>
 
 #include "lib/database/protection.h"
 #include "lib/database/store_service.h"
+#include "lib/records/address.h"
 
 namespace fstore {
 
@@ -33,6 +35,11 @@ void recoverFiles(StoreService& store);
 // "key", which tells them apart, may be an old one, and the other set the only one that opens
 // the records. See dropUndoneSet().
 Protection recover(StoreService& store);
+
+// The same for who looks at no records but these, so that the size of the database makes no
+// difference: what a crash has left of others stays for whoever looks at them. Where the password
+// is not as it should be, the same without exception.
+Protection recoverNamed(StoreService& store, std::span<const AddressText> named);
 
 // Drops the set of a change that has not happened, and will not. The caller knows that the records
 // are encrypted with the P of the other one.

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "format/layout.h"
 
@@ -40,6 +41,8 @@ struct AddressText {
     Form form = Form::kPlace;
     Address place;
     std::string digest;
+
+    static AddressText of(Address place) { return {Form::kPlace, std::move(place), {}}; }
 };
 
 // Throws kInvalid for what cannot be the address of a record.

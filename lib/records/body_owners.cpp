@@ -1,6 +1,9 @@
 #include "lib/records/body_owners.h"
 
 #include <algorithm>
+#include <set>
+#include <string_view>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -18,6 +21,32 @@ bool isOf(std::string_view file, std::string_view descriptor) {
            (file.size() == descriptor.size() || file.substr(descriptor.size()).starts_with(".$"));
 }
 
+// What a write or a removal that died has left under another marker is nobody's record, and often
+// half of a descriptor.
+bool isOfARecord(std::string_view file) {
+    const std::string_view marker = markerOf(file);
+    return marker == kDscSuffix || marker == kOldMarker;
+}
+
+// The bodies that the record's own descriptors name.
+std::set<std::string> bodiesOf(const Address& address) {
+    std::set<std::string> bodies;
+    for (const std::string_view marker : {std::string_view(), kOldMarker}) {
+        const std::string path = descriptorPath(address).append(marker);
+        if (!isA(os::EntryType::kFile, path)) {
+            continue;
+        }
+        try {
+            if (auto body = bodyNameOf(readDescriptor(path))) {
+                bodies.insert(std::move(*body));
+            }
+        } catch (const Failure&) {
+            // names none that the store could read either
+        }
+    }
+    return bodies;
+}
+
 }  // namespace
 
 std::optional<std::string> BodyOwners::doubtAbout(const Address& address) {
@@ -25,22 +54,20 @@ std::optional<std::string> BodyOwners::doubtAbout(const Address& address) {
     if (!exists(descriptorPath(address))) {
         return std::nullopt;
     }
-    const Folder& folder = folderOf(address.folder);
     const auto isOther = [&](const std::string& file) { return !isOf(file, descriptor); };
-    bool hasBody = false;
-    for (const auto& [body, files] : folder.namedBy) {
-        if (std::ranges::all_of(files, isOther)) {
-            continue;
-        }
-        hasBody = true;
-        if (const auto other = std::ranges::find_if(files, isOther); other != files.end()) {
+    std::optional<std::string> unreadable;
+    for (const std::string& body : bodiesOf(address)) {
+        const BodyNames::Answer answer = askFor(address.folder, body);
+        const auto other = std::ranges::find_if(answer.namedBy, isOther);
+        if (other != answer.namedBy.end()) {
             return fmt::format("is also named by {}", *other);
         }
+        const auto unread = std::ranges::find_if(answer.unreadable, isOther);
+        if (unread != answer.unreadable.end()) {
+            unreadable = fmt::format("may be that of {}, which cannot be read", *unread);
+        }
     }
-    const auto other = std::ranges::find_if(folder.unreadable, isOther);
-    return hasBody && other != folder.unreadable.end()
-               ? std::optional(fmt::format("may be that of {}, which cannot be read", *other))
-               : std::nullopt;
+    return unreadable;
 }
 
 void BodyOwners::requireOwn(const Address& address) {
@@ -55,6 +82,18 @@ void BodyOwners::requireOwn(const Address& address) {
     }
 }
 
+BodyNames::Answer BodyOwners::askFor(const std::string& folder, const std::string& body) {
+    if (known_ != nullptr) {
+        if (auto answer = known_->ask(folder, body)) {
+            return std::move(*answer);
+        }
+    }
+    const Folder& read = folderOf(folder);
+    const auto named = read.namedBy.find(body);
+    return {named != read.namedBy.end() ? named->second : std::vector<std::string>(),
+            read.unreadable};
+}
+
 const BodyOwners::Folder& BodyOwners::folderOf(const std::string& folder) {
     const auto [entry, isNew] = folders_.try_emplace(folder);
     if (!isNew) {
@@ -62,7 +101,7 @@ const BodyOwners::Folder& BodyOwners::folderOf(const std::string& folder) {
     }
     const std::string path = folderPath(folder);
     for (const FolderEntry& file : readFolder(path)) {
-        if (file.type != FolderEntry::Type::kFile || markerOf(file.name).empty()) {
+        if (file.type != FolderEntry::Type::kFile || !isOfARecord(file.name)) {
             continue;
         }
         try {

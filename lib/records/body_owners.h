@@ -18,8 +18,30 @@
 
 namespace fstore {
 
+// Who may know the descriptors that name a body without reading a folder.
+class BodyNames {
+public:
+    // By the names of their files; also those that stand aside, but no leftovers of writes and
+    // removals, which are nobody's records.
+    struct Answer {
+        std::vector<std::string> namedBy;
+        std::vector<std::string> unreadable;  // may name it as well
+    };
+
+    BodyNames() = default;
+    BodyNames(const BodyNames&) = delete;
+    BodyNames& operator=(const BodyNames&) = delete;
+    virtual ~BodyNames() = default;
+
+    // None when that is not known, as the folder was changed since: then it is read.
+    virtual std::optional<Answer> ask(const std::string& folder, const std::string& body) = 0;
+};
+
 class BodyOwners {
 public:
+    // Asks `known` first, if that is not null.
+    explicit BodyOwners(BodyNames* known = nullptr) : known_(known) {}
+
     // Why the body of this record may be another's, as a sentence about it: "is named by b.dsc
     // too". None when it is the record's own, or when there is no such record or no body.
     std::optional<std::string> doubtAbout(const Address& address);
@@ -28,14 +50,16 @@ public:
     void requireOwn(const Address& address);
 
 private:
-    // What a folder's descriptors say, whatever marker they have.
+    // What a folder's descriptors say, also those that stand aside.
     struct Folder {
         std::map<std::string, std::vector<std::string>> namedBy;  // body: descriptors
         std::vector<std::string> unreadable;                      // descriptors
     };
 
+    BodyNames::Answer askFor(const std::string& folder, const std::string& body);
     const Folder& folderOf(const std::string& folder);
 
+    BodyNames* const known_;
     std::map<std::string, Folder> folders_;
 };
 

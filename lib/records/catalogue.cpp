@@ -16,18 +16,6 @@
 namespace fstore {
 namespace {
 
-// Whether each step of the way is a folder, and not a link to one.
-bool isFolder(const std::string& folder) {
-    std::size_t end = 0;
-    while (end != std::string::npos) {
-        end = folder.find('/', end + 1);
-        if (!isA(os::EntryType::kFolder, folderPath(folder.substr(0, end)))) {
-            return false;
-        }
-    }
-    return true;
-}
-
 // What read() finds; nothing when it fails and that is noted.
 template <class Read>
 auto noting(Unread* unread, Read read) -> decltype(read()) {
@@ -65,18 +53,25 @@ void visitFoldersFrom(const std::string& folder, const FolderVisitor& visit, Unr
     }
 }
 
-std::vector<Address> candidates(const AddressText& text) {
+bool isThereOrAside(const Address& address) {
+    const std::string path = descriptorPath(address);
+    return isA(os::EntryType::kFile, path) ||
+           isA(os::EntryType::kFile, path + std::string(kOldMarker));
+}
+
+std::vector<Address> recordsOfName(const AddressText& text) {
+    std::vector<Address> found = placesOf(text);
+    std::erase_if(
+        found, [](const Address& place) { return place.isInternal() || !isThereOrAside(place); });
+    return found;
+}
+
+std::vector<Address> recordsOfDigest(const std::string& digest) {
     std::vector<Address> found;
     Unread elsewhere;  // what cannot be read is not what is meant; ls and check tell about it
     for (const Address& address : allRecords(&elsewhere)) {
-        if (text.form == AddressText::Form::kBare) {
-            if (address.name == text.place.name) {
-                found.push_back(address);
-            }
-            continue;
-        }
         try {
-            if (infoOf(RecordHead::read(address)).sha256.starts_with(text.digest)) {
+            if (infoOf(RecordHead::read(address)).sha256.starts_with(digest)) {
                 found.push_back(address);
             }
         } catch (const Failure&) {
@@ -87,6 +82,18 @@ std::vector<Address> candidates(const AddressText& text) {
 }
 
 }  // namespace
+
+// Each step of the way is one.
+bool isFolder(const std::string& folder) {
+    std::size_t end = 0;
+    while (end != std::string::npos) {
+        end = folder.find('/', end + 1);
+        if (!isA(os::EntryType::kFolder, folderPath(folder.substr(0, end)))) {
+            return false;
+        }
+    }
+    return true;
+}
 
 void requireFolder(const std::string& folder) {
     if (!isFolder(folder)) {
@@ -130,6 +137,19 @@ std::vector<Address> allRecords(Unread* unread) {
     return found;
 }
 
+std::vector<Address> placesOf(const AddressText& text) {
+    std::vector<Address> places;
+    if (text.form == AddressText::Form::kPlace && isFolder(text.place.folder)) {
+        places.push_back(text.place);
+    } else if (text.form == AddressText::Form::kBare) {
+        Unread elsewhere;  // what cannot be read is not what is meant; ls and check tell about it
+        for (std::string& folder : allFolders(&elsewhere)) {
+            places.push_back({std::move(folder), text.place.name});
+        }
+    }
+    return places;
+}
+
 Address resolve(std::string_view text) {
     Address address = resolveToRead(text);
     if (!Record::isThere(address)) {
@@ -146,7 +166,9 @@ Address resolveToRead(std::string_view text) {
         }
         return wanted.place;
     }
-    const std::vector<Address> found = candidates(wanted);
+    const std::vector<Address> found = wanted.form == AddressText::Form::kBare
+                                           ? recordsOfName(wanted)
+                                           : recordsOfDigest(wanted.digest);
     if (found.empty()) {
         throw noRecord(text);
     }

@@ -15,6 +15,9 @@
 
 namespace fstore {
 
+// Whether the folder is there, as a folder and not as a link to one.
+bool isFolder(const std::string& folder);
+
 // Throws kMissing unless the folder is there, as a folder and not as a link to one.
 void requireFolder(const std::string& folder);
 
@@ -37,12 +40,17 @@ std::vector<Address> recordsIn(const std::string& folder);
 // All records but the internal ones, by folder and name.
 std::vector<Address> allRecords(Unread* unread = nullptr);
 
+// Where the record may be that the user's words name, in the folders that are there: for a bare
+// name one place in each folder, for a digest none. Looks at no record.
+std::vector<Address> placesOf(const AddressText& text);
+
 // The record that the user's words stand for. Throws kMissing for none and kInvalid
 // when there are several.
 Address resolve(std::string_view text);
 
 // The same for who reads the record next, by Record::read() or RecordHead::read(): when they name
-// its place, whether it is there is left to that.
+// its place, whether it is there is left to that. By a bare name also one is meant that a crash has
+// left moved aside.
 Address resolveToRead(std::string_view text);
 
 }  // namespace fstore

@@ -37,6 +37,14 @@ Record readToMove(Database& database, const std::string& text) {
 
 }  // namespace
 
+std::vector<AddressText> namesForRenaming(const std::string& text, const Address& to) {
+    std::vector<AddressText> named = namesIn({&text, 1});
+    if (!named.empty()) {
+        named.push_back(AddressText::of(to));
+    }
+    return named;
+}
+
 Renaming renameRecord(Database& database, const std::string& text, const Address& to) {
     refuseInternal(to);
     requireFree(to);  // before anybody is asked for a password

@@ -6,11 +6,15 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "lib/database/database.h"
 #include "lib/records/address.h"
 
 namespace fstore {
+
+// The places that renameRecord() looks at, to enter by; none when only a look at all records tells.
+std::vector<AddressText> namesForRenaming(const std::string& text, const Address& to);
 
 struct Renaming {
     Address from;

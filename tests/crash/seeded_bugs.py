@@ -71,7 +71,7 @@ BUGS = (
         "    if (publish(files, sync) != kOk) {\n        return kIo;\n    }\n"),
     Bug("body_of_another_overwritten", RECORD,
         "O_WRONLY | O_CREAT | O_EXCL);", "O_WRONLY | O_CREAT | O_TRUNC);",
-        also=(("if (taken != os::Presence::kPresent) {", "if (attempt > 0) {"),)),
+        also=(("return os::presence(path.c_str());", "return os::Presence::kAbsent;"),)),
     Bug("failed_body_write_ignored", RECORD,
         "return files.body && writeBytes(files.body, bytes) ? kOk : kIo;",
         "(void)(files.body && writeBytes(files.body, bytes));\n    return kOk;", CALLS),

@@ -191,6 +191,12 @@ BUGS = (
     Bug("kept_old_database_deleted", CHANGE,
         "    if (unfinished.keepOld || !isPreviousOf", "    if (!isPreviousOf",
         plain("passwd_keep_old")),
+    Bug("named_record_not_put_back_before_it_is_asked_for", RECOVERY,
+        "        std::ranges::for_each(placesOf(text), putBackIfAside);\n", "        (void)text;\n",
+        power("put_over")),
+    Bug("named_record_put_back_over_a_newer_one", RECOVERY,
+        "    return !exists(path) && isA(", "    return isA(",
+        "named_test", also=(("    if (exists(descriptor)) {\n        return;\n    }\n", ""),)),
     # What opens the database.
     Bug("slots_acknowledged_after_the_first_copy", PROTECTION,
         "        write(second);\n", "        (void)second;\n", power("key_add_file"),

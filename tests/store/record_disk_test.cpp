@@ -145,7 +145,7 @@ TEST_F(TakenNamesTest, TheLastOneIsGivenUntested) {
 // another's bytes.
 class AllNamesTakenTest : public RecordDiskTest {
 protected:
-    static constexpr unsigned int kInOrder = 64;  // before it looks further ahead
+    static constexpr unsigned int kInOrder = 32;  // before it looks further ahead
     static constexpr int kLooks = kInOrder + 32;  // before one is given untested
 
     explicit AllNamesTakenTest(const char* suffix = "") {
@@ -190,7 +190,7 @@ TEST_F(RecordDiskTest, ManyBodiesAreNotLookedAtOneByOne) {
     }
     const long before = fault::callCount({fault::Call::kAccess});
     ASSERT_EQ(kOk, TestStore::save("a", plain("mine")));
-    EXPECT_LE(fault::callCount({fault::Call::kAccess}) - before, 200);
+    EXPECT_LE(fault::callCount({fault::Call::kAccess}) - before, 100);
     EXPECT_EQ("mine body", readFile(store.path(nameOf(first + kBodies))));
 }
 

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <unordered_set>
 
+#include "cmn/status.h"
 #include "tests/crash/figures.h"
 
 namespace crash {
@@ -179,6 +180,9 @@ std::string ToolPowerLoss::outcomeOf(const Tree& tree, Model model, Acknowledged
         random_() % effort_.recoveries == 0) {
         wrong = breakRecovery(tree, calls, model, acknowledged);
     }
+    if (wrong.empty() && recording_.workload.goesOnByName) {
+        wrong = goOnByName(tree, acknowledged);
+    }
     if (wrong.empty() && (acknowledged == Acknowledged::kYes || random_() % effort_.damages == 0)) {
         wrong = damageOneFile(tree, acknowledged);
     }
@@ -206,6 +210,31 @@ std::string ToolPowerLoss::breakRecovery(const Tree& tree, const std::vector<fau
     }
     count("tool: crash states within recovery", static_cast<long>(seen.size()) - 1);
     return first;
+}
+
+// What comes next looks at the records that it names alone, and so does its recovery.
+std::string ToolPowerLoss::goOnByName(const Tree& tree, Acknowledged acknowledged) {
+    const auto& rounds = namedRounds();
+    const bool all = random_() % effort_.rounds == 0;
+    const std::size_t one = random_() % rounds.size();
+    for (std::size_t i = 0; i < rounds.size(); ++i) {
+        if (!all && i != one) {
+            continue;
+        }
+        stand(tree);
+        std::string wrong;
+        for (const Command& command : rounds[i]) {
+            if (const Ran ran = run(command); ran.code != 0 && ran.code != kMissing) {
+                wrong += "  " + describe(command) + ": " + ran.said + '\n';
+            }
+        }
+        count("tool: crash states gone on with by name");
+        wrong += recoverAndJudge(recording_, acknowledged);
+        if (!wrong.empty()) {
+            return "  after " + describe(rounds[i].front()) + ":\n" + wrong;
+        }
+    }
+    return {};
 }
 
 // One of the files that the password needs is lost, and with it nothing.

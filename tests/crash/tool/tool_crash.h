@@ -41,6 +41,8 @@ public:
     struct Effort {
         // Of the trees that the recovery changes, every so manyeth has its recovery broken off.
         std::size_t recoveries;
+        // Of the trees that are gone on with by name, every so manyeth is by each round.
+        std::size_t rounds;
         // Of the trees before the command was acknowledged, every so manyeth has each file of the
         // password damaged; the others all have.
         std::size_t damages;
@@ -57,6 +59,7 @@ private:
     std::string outcomeOf(const Tree& tree, Model model, Acknowledged acknowledged);
     std::string breakRecovery(const Tree& tree, const std::vector<fault::Event>& calls, Model model,
                               Acknowledged acknowledged);
+    std::string goOnByName(const Tree& tree, Acknowledged acknowledged);
     std::string damageOneFile(const Tree& tree, Acknowledged acknowledged);
     std::string judgeDamaged(Acknowledged acknowledged);
 

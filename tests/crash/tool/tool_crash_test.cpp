@@ -14,8 +14,8 @@ namespace {
 
 constexpr Limits kEveryday{16, 4, 1, 1};
 constexpr Limits kTorture{256, 16, 3, 2};
-constexpr ToolPowerLoss::Effort kEverydayEffort{50, 200};
-constexpr ToolPowerLoss::Effort kTortureEffort{4, 8};
+constexpr ToolPowerLoss::Effort kEverydayEffort{50, 50, 200};
+constexpr ToolPowerLoss::Effort kTortureEffort{4, 1, 8};
 
 class ToolCrashTest : public testing::TestWithParam<ToolWorkload> {
 protected:

@@ -175,7 +175,7 @@ TEST_F(ToolOracleTest, ACommandThatSyncsNothingIsFound) {
             return event.call == fault::Call::kFsync || event.call == fault::Call::kSyncfs;
         });
         std::mt19937 random{1};
-        ToolPowerLoss loss(recording, {16, 4, 4, 1}, {1000, 1000}, random);
+        ToolPowerLoss loss(recording, {16, 4, 4, 1}, {1000, 1000, 1000}, random);
         EXPECT_NE("", loss.findViolation(Model::kOrdered));
     }
 }

@@ -327,31 +327,43 @@ std::vector<ToolWorkload> recordWorkloads() {
             {.name = "put_new",
              .command = {{"put", "settings/n", "input"}},
              .start = makeDatabase,
-             .result = {.records = 4}},
+             .result = {.records = 4},
+             .goesOnByName = true},
             {.name = "put_new_plain",
              .command = {{"put", "settings/n", "input", "--plain-body"}},
              .start = makeDatabase,
-             .result = {.records = 4}},
+             .result = {.records = 4},
+             .goesOnByName = true},
             {.name = "put_over",
              .command = {{"put", "settings/a", "input"}},
              .start = makeDatabase,
-             .result = {.records = 3}},
+             .result = {.records = 3},
+             .goesOnByName = true},
             {.name = "set",
              .command = {{"set", "keys/k", "label=x"}},
              .start = makeDatabase,
-             .result = {.records = 3}},
+             .result = {.records = 3},
+             .goesOnByName = true},
             {.name = "set_encrypted",
              .command = {{"set", "keys/k", "0x8001=y", "--encrypt"}},
              .start = makeDatabase,
-             .result = {.records = 3}},
+             .result = {.records = 3},
+             .goesOnByName = true},
             {.name = "rm",
              .command = {{"rm", "settings/a"}},
              .start = makeDatabase,
-             .result = {.records = 2}},
+             .result = {.records = 2},
+             .goesOnByName = true},
             {.name = "rm_two",
              .command = {{"rm", "settings/a", "lsps/plain"}},
              .start = makeDatabase,
-             .result = {.records = 1}},
+             .result = {.records = 1},
+             .goesOnByName = true},
+            {.name = "mv",
+             .command = {{"mv", "settings/a", "lsps/b"}},
+             .start = makeDatabase,
+             .result = {.records = 3},
+             .goesOnByName = true},
             {.name = "import",
              .command = {{"import", "leaf_pem", "ed25519_key", "request_pem", "crl_pem"}},
              .start = makeWithImports,
@@ -441,7 +453,8 @@ std::vector<ToolWorkload> recordWorkloads() {
             {.name = "get_moved_aside",
              .command = {{"get", "settings/a", "-o", "out"}},
              .start = makeMovedAside,
-             .result = {.keepsRecords = true}},
+             .result = {.keepsRecords = true},
+             .goesOnByName = true},
             {.name = "export",
              .command = {{"export", "keys/key-53b5a681", "--plain", "-o", "out"}},
              .start = makeWithImportedKey,
@@ -456,6 +469,17 @@ const std::vector<ToolWorkload>& toolWorkloads() {
         std::ranges::move(slotWorkloads(), std::back_inserter(both));
         return both;
     }();
+    return all;
+}
+
+const std::vector<std::vector<Command>>& namedRounds() {
+    static const std::vector<std::vector<Command>> all{
+        {{{"set", "settings/a", "0x9000=x"}}, {{"unset", "settings/a", "0x9000"}}},
+        {{{"set", "a", "0x9000=x"}}, {{"unset", "a", "0x9000"}}},
+        {{{"set", "keys/k", "0x9000=x", "--encrypt"}}, {{"unset", "keys/k", "0x9000"}}},
+        {{{"set", "lsps/plain", "0x9000=x"}}, {{"unset", "lsps/plain", "0x9000"}}},
+        {{{"mv", "keys/k", "settings/k"}}, {{"mv", "settings/k", "keys/k"}}},
+        {{{"put", "settings/other", "input"}}, {{"rm", "settings/other"}}}};
     return all;
 }
 

@@ -30,6 +30,7 @@ struct ToolWorkload {
     bool purges = false;
     std::vector<std::string> bytes = {};
     Result result = {};
+    bool goesOnByName = false;  // namedRounds() are tried in what it leaves
 };
 
 inline void PrintTo(const ToolWorkload& workload, std::ostream* out) {
@@ -37,6 +38,10 @@ inline void PrintTo(const ToolWorkload& workload, std::ostream* out) {
 }
 
 const std::vector<ToolWorkload>& toolWorkloads();
+
+// Commands that name their records, in sequences that leave a database as it was. A record that is
+// gone makes those about it fail with kMissing.
+const std::vector<std::vector<Command>>& namedRounds();
 
 }  // namespace crash
 

@@ -1,0 +1,97 @@
+#!/usr/bin/env python3
+"""What a command costs beside many records: those about one record look at no others.
+
+Beside 2,000 every day, and beside 100,000 with FSTORE_LONG=1.
+"""
+import re
+
+import support
+
+MANY = 100_000 if support.LONG else 2_000
+FEW = 10
+MORE_CALLS = 60  # at most, beside many
+
+
+class OneRecordTest(support.InitialisedTest):
+    """The system calls of a command, beside few records and beside many."""
+
+    @classmethod
+    def fill(cls, folder):
+        for number in range(2):
+            run = support.fstore("-D", folder, "put", f"certificates/remote/mine{number}", "-",
+                                 "--plain-body", stdin=b"body")
+            assert run.code == 0, run.message
+        run = support.fstore("-D", folder, "put", "settings/secret", "-", stdin=b"a secret")
+        assert run.code == 0, run.message
+
+    def fill_up(self, have, count):
+        """Gives the folder so many records with a body each, whose names follow one another."""
+        remote = self.folder / "db/certificates/remote"
+        for number in range(have, count):
+            (remote / f"host{number}.dsc").write_text(f"10000003 00000000 {number + 3:08x}\n")
+            (remote / f"{number + 3:08x}").write_text("body")
+
+    def calls(self, *args, stdin=b""):
+        """Each call, by its name and its arguments."""
+        trace = self.folder / "trace"
+        run = support.fstore("-D", self.folder, *args, stdin=stdin,
+                             prefix=["strace", "-f", "-qq", "-e", "signal=none", "-o", trace])
+        self.assertEqual(0, run.code, run.message)
+        made = [line.split(maxsplit=1)[1] for line in trace.read_text().splitlines()]
+        trace.unlink()
+        return made
+
+    def compare(self, use):
+        """use() beside few and beside many; gives the calls beside many."""
+        self.fill_up(0, FEW)
+        few = use(0)
+        self.fill_up(FEW, MANY)
+        many = use(1)
+        for name, calls in many.items():
+            with self.subTest(name=name):
+                self.assertLessEqual(len(calls), len(few[name]) + MORE_CALLS)
+        return many
+
+    def listings(self, calls):
+        return [call for call in calls if call.startswith("getdents")]
+
+    def test_what_names_its_record_lists_nothing(self):
+        remote = "certificates/remote"
+        many = self.compare(lambda turn: {
+            "show": self.calls("show", f"{remote}/mine0"),
+            "get": self.calls("get", f"{remote}/mine0"),
+            "show --unlock": self.calls("show", "-u", "settings/secret"),
+            "get, encrypted": self.calls("get", "settings/secret"),
+            "put": self.calls("put", f"{remote}/new{turn}", "-", "--plain-body", stdin=b"x"),
+            "put, encrypted": self.calls("put", f"{remote}/safe{turn}", "-", stdin=b"x"),
+            "put elsewhere": self.calls("put", f"settings/new{turn}", "-", stdin=b"x"),
+        })
+        for name, calls in many.items():
+            with self.subTest(name=name):
+                self.assertEqual([], self.listings(calls))
+        self.assertEqual(b"x", self.body(f"{remote}/safe1"))
+
+    def change(self, turn):
+        self.put("settings/a", b"old")
+        return {"put over": self.calls("put", "settings/a", "-", stdin=b"new"),
+                "set": self.calls("set", "settings/a", f"label={turn}"),
+                "unset": self.calls("unset", "settings/a", "label"),
+                "mv": self.calls("mv", "settings/a", "settings/b"),
+                "rm": self.calls("rm", "settings/b")}
+
+    def test_what_changes_a_record_looks_into_no_other_folder(self):
+        for name, calls in self.compare(self.change).items():
+            with self.subTest(name=name):
+                self.assertEqual([], [call for call in calls if "certificates/remote/" in call])
+                self.assertLessEqual(len(self.listings(calls)), 2, "one folder, to its end")
+
+    def test_a_bare_name_opens_no_other_descriptor(self):
+        self.fill_up(0, MANY)
+        for command in (["show", "mine1"], ["get", "mine1"], ["show", "secret"]):
+            opened = [call for call in self.calls(*command)
+                      if re.match(r'openat\(.*\.dsc"', call) and "/db/k" not in call]
+            self.assertLessEqual(len(opened), 3, command)
+
+
+if __name__ == "__main__":
+    support.main()
