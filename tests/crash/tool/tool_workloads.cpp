@@ -56,7 +56,7 @@ void makeDatabase() {
     static Tree made;
     fromTemplate(made, [] {
         must({"init", "--cost", "14"});
-        put("settings/a", "old");
+        put("settings/a", "old", {"--label", "mine"});
         put("keys/k", "the key");
         put("lsps/plain", "plain", {"--plain-body"});
         writeFile("input", "new");

@@ -164,6 +164,14 @@ TEST_F(NamedTest, ARecordThatStandsAsideIsMoved) {
     EXPECT_EQ(2U, filesIn("db/settings"));
 }
 
+// As a write leaves it that dies after its second rename.
+TEST_F(NamedTest, ASavedDescriptorBesideTheNewOneIsNotPutBack) {
+    label("settings/a", "new");
+    std::ofstream(pathOf(kHere) + ".$o$") << "00000004 00000001 an older one\n";
+    put(kHere, "newer");
+    EXPECT_EQ("new: newer", read("settings/a"));
+}
+
 TEST_F(NamedTest, OthersWaitForWhoLooksAtThem) {
     moveAside(kOther);
     put(kHere, "new");
