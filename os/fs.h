@@ -44,6 +44,8 @@ int startWriteback(int fd) noexcept;
 [[nodiscard]] int remove(const char* path) noexcept;  // a file or an empty folder
 [[nodiscard]] int mkdir(const char* path, mode_t mode) noexcept;
 [[nodiscard]] int rmdir(const char* path) noexcept;
+[[nodiscard]] int utimens(const char* path,
+                          const timespec times[2]) noexcept;  // not of a link's target
 [[nodiscard]] char* realpath(const char* path, char* resolved) noexcept;
 
 // Directory streams.

@@ -72,6 +72,10 @@ int os::rmdir(const char* path) noexcept {
     return ::unlinkat(baseFolder(), path, AT_REMOVEDIR);
 }
 
+int os::utimens(const char* path, const timespec times[2]) noexcept {
+    return ::utimensat(baseFolder(), path, times, AT_SYMLINK_NOFOLLOW);
+}
+
 char* os::realpath(const char* path, char* resolved) noexcept {
     return realpathAtBase(path, resolved);
 }

@@ -17,7 +17,7 @@ import sys
 BELOW_CLIENT = {"api", "cmn", "os"}
 BELOW_STORE = {"client", "format"} | BELOW_CLIENT
 RECORDS = {"lib/base"} | BELOW_STORE
-DATABASE = {"lib/records", "host"} | RECORDS
+DATABASE = {"lib/records", "lib/index", "host"} | RECORDS
 LIBRARY = {"lib/database", "lib/pki", "lib/archive", "lib/work"} | DATABASE
 MAY_INCLUDE = {
     "os": set(),
@@ -32,6 +32,7 @@ MAY_INCLUDE = {
     "modules": {"client", "ossl"} | BELOW_CLIENT,
     "lib/base": {"cmn", "os"},
     "lib/records": RECORDS,
+    "lib/index": {"lib/records"} | RECORDS,
     "lib/database": {"ossl"} | DATABASE,
     "lib/pki": {"lib/records", "ossl"} | RECORDS,
     "lib/archive": {"lib/database"} | DATABASE,
@@ -56,6 +57,7 @@ FILE_SYSTEM = re.compile(r"(dirent|unistd|sys/stat)\.h")
 PROCESS = re.compile(r"csignal|(signal|termios|sys/(file|ioctl|prctl|resource))\.h")
 THREADS = re.compile(r"pthread\.h")
 STREAMS = re.compile(r"filesystem|fstream")
+SQLITE = re.compile(r"sqlite3\.h")
 OPENSSL = re.compile(r"openssl/.*")
 PARSER = re.compile(r"CLI/.*")
 ONLY_IN = [
@@ -64,6 +66,7 @@ ONLY_IN = [
     (THREADS, {"os", "cmn"}, "locks come from os/handles.h or cmn/"),
     (STREAMS, {"bench"}, "file-system calls go through os/"),
     (OPENSSL, {"ossl", "modules", "lib", "provider", "bench"}, "ciphers are reached through modules"),
+    (SQLITE, {"lib/index/sql.cpp", "bench"}, "SQLite is reached through lib/index/sql.h"),
     (PARSER, {"fstore/commands/cli.cpp"}, "the command line is declared with command.h"),
 ]
 

@@ -9,7 +9,7 @@
 set -eu
 cd "$(dirname "$0")/.."
 build=${1:-build/release}
-packages=openssl,libfmt9,curl,python3-minimal,nginx-light,haproxy,apache2,lighttpd,lighttpd-mod-openssl
+packages=openssl,libfmt9,libsqlite3-0,curl,python3-minimal,nginx-light,haproxy,apache2,lighttpd,lighttpd-mod-openssl
 packages+=,stunnel4,mosquitto,redis-server,postgresql-15,socat,openvpn,php8.2-cli,ruby3.1,openssh-client
 packages+=,certbot,python3-cffi-backend,dehydrated,pebble,systemd
 

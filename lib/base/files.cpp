@@ -108,12 +108,11 @@ bool isStreamAt(const std::string& path, const std::string& name, bool replace) 
 }
 
 // The entries of the folder at `path`, which messages call `name`.
-std::vector<FolderEntry> entriesOf(const char* path, const std::string& name) {
+void visitEntriesOf(const char* path, const std::string& name, const EntryUser& use) {
     const os::Dir folder = os::openFolder(path);
     if (!folder) {
         failWithErrno("read the folder", name);
     }
-    std::vector<FolderEntry> entries;
     while (const dirent* const entry = os::nextEntry(folder.get())) {
         const std::string inside = entry->d_name;
         if (inside == "." || inside == "..") {
@@ -127,13 +126,18 @@ std::vector<FolderEntry> entriesOf(const char* path, const std::string& name) {
             failWithErrno("examine", joined(name, inside));
         }
         using Type = FolderEntry::Type;
-        entries.push_back({inside, type == os::EntryType::kFolder ? Type::kFolder
-                                   : type == os::EntryType::kFile ? Type::kFile
-                                                                  : Type::kOther});
+        use({inside, type == os::EntryType::kFolder ? Type::kFolder
+                     : type == os::EntryType::kFile ? Type::kFile
+                                                    : Type::kOther});
     }
     if (errno != 0) {
         failWithErrno("read the folder", name);
     }
+}
+
+std::vector<FolderEntry> entriesOf(const char* path, const std::string& name) {
+    std::vector<FolderEntry> entries;
+    visitEntriesOf(path, name, [&](FolderEntry entry) { entries.push_back(std::move(entry)); });
     return entries;
 }
 
@@ -345,6 +349,10 @@ std::string realPath(const std::string& path) {
 
 std::string joined(const std::string& folder, const std::string& name) {
     return folder + "/" + name;
+}
+
+void visitEntries(const std::string& path, const EntryUser& use) {
+    visitEntriesOf(path.c_str(), path, use);
 }
 
 std::vector<FolderEntry> readFolder(const std::string& path) {

@@ -103,6 +103,10 @@ struct FolderEntry {
 std::vector<FolderEntry> listFolder(const std::string& path);
 std::vector<FolderEntry> readFolder(const std::string& path);  // in no order
 
+// Calls use(entry) for each of them, in no order: of millions, none is kept.
+using EntryUser = std::function<void(FolderEntry)>;
+void visitEntries(const std::string& path, const EntryUser& use);
+
 struct RegularFile {
     os::File file;
     std::uint64_t size;

@@ -35,9 +35,9 @@ bool has(const AnyRecord& record, unsigned int id) {
     return false;
 }
 
-// Whether the record has, or ought to have, a time of expiry, and it cannot be read now.
+// lacksExpiry() of either.
 template <class AnyRecord>
-bool lacksExpiry(const AnyRecord& record, bool isUnread, const RecordInfo& info) {
+bool isUndated(const AnyRecord& record, bool isUnread, const RecordInfo& info) {
     if (info.notAfter) {
         return false;
     }
@@ -57,6 +57,10 @@ bool lacksExpiry(const AnyRecord& record, bool isUnread, const RecordInfo& info)
 }
 
 }  // namespace
+
+bool lacksExpiry(const RecordHead& head, const RecordInfo& info) {
+    return isUndated(head, head.hasSecrets(), info);
+}
 
 bool isAlgorithm(const std::string& pattern, std::string_view algorithm) {
     return matchesGlob(pattern, algorithm) || matchesGlob(pattern + "-*", algorithm);
@@ -159,14 +163,21 @@ bool Filter::matches(const RecordHead& head, const RecordInfo& info) const {
 
 bool Filter::mayMatch(const Record& record, const RecordInfo& info) const {
     const bool isUnread = record.hasSecrets() && !record.isReadable();
-    return asksForExpiry() && lacksExpiry(record, isUnread, info) &&
+    return asksForExpiry() && isUndated(record, isUnread, info) &&
            (isUnread || (matchesInfo(info) && matchesAttributes(record)));
 }
 
 bool Filter::mayMatch(const RecordHead& head, const RecordInfo& info) const {
     const bool isUnread = head.hasSecrets();
-    return asksForExpiry() && lacksExpiry(head, isUnread, info) &&
+    return asksForExpiry() && isUndated(head, isUnread, info) &&
            (isUnread || (matchesInfo(info) && matchesAttributes(head)));
+}
+
+std::optional<std::int64_t> Filter::latestExpiry() const {
+    if (!filters_.expired) {
+        return expiresBefore_;
+    }
+    return std::min(now_ - 1, expiresBefore_.value_or(now_));
 }
 
 bool Filter::matchesExpiry(const RecordInfo& info) const {

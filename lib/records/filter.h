@@ -30,6 +30,9 @@ struct Filters {
 // Whether a key's algorithm is one of the pattern's: "RSA" means "RSA-2048" as well.
 bool isAlgorithm(const std::string& pattern, std::string_view algorithm);
 
+// Whether the record has, or ought to have, a time of expiry, and it cannot be read now.
+bool lacksExpiry(const RecordHead& head, const RecordInfo& info);
+
 class Filter {
 public:
     // Throws kUsage for a period, number or attribute that cannot be read. `now` is
@@ -44,6 +47,16 @@ public:
     bool matches(const Record& record, const RecordInfo& info) const;
     bool matches(const RecordHead& head, const RecordInfo& info) const;
 
+    // Whether a record of this description may match, for who does not know its attributes: false
+    // only of those that matches() refuses.
+    bool admits(const RecordInfo& info) const { return matchesExpiry(info) && matchesInfo(info); }
+
+    bool asksForExpiry() const noexcept { return filters_.expired || expiresBefore_; }
+    // The latest time of expiry that it takes; none for any, and for records without one.
+    std::optional<std::int64_t> latestExpiry() const;
+    // The digits that the digest begins with; empty for any digest.
+    const std::string& digest() const noexcept { return sha256_; }
+
     // Whether the record might match if more of it could be read: expiry is asked for, and its own
     // is encrypted or unreadable. Never of keys, requests and other bytes, which do not expire.
     bool mayMatch(const Record& record, const RecordInfo& info) const;
@@ -55,7 +68,6 @@ private:
         std::optional<std::string> value;
     };
 
-    bool asksForExpiry() const noexcept { return filters_.expired || expiresBefore_; }
     bool matchesInfo(const RecordInfo& info) const;
     bool matchesExpiry(const RecordInfo& info) const;
     bool matchesNames(const RecordInfo& info) const;

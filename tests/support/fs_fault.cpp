@@ -268,9 +268,9 @@ void forget(std::vector<Pointer>& list, Pointer one) {
 
 const char* nameOf(Call call) {
     static constexpr std::array<const char*, kCallKinds> kNames{
-        "open",           "close",   "read",    "write",    "fstat",  "fsync", "syncfs",
-        "startWriteback", "access",  "lstat",   "rename",   "remove", "mkdir", "rmdir",
-        "realpath",       "opendir", "readdir", "closedir", "flock"};
+        "open",           "close",   "read",    "write",    "fstat",  "fsync",  "syncfs",
+        "startWriteback", "access",  "lstat",   "rename",   "remove", "mkdir",  "rmdir",
+        "realpath",       "opendir", "readdir", "closedir", "flock",  "utimens"};
     return kNames[index(call)];
 }
 
@@ -297,6 +297,7 @@ const std::vector<int>& errnosOf(Call call) {
         {EINTR, EIO, ENOMEM, EOVERFLOW},                                    // readdir
         {EINTR, EIO},                                                       // closedir
         {EINTR, EIO, ENOLCK, ENOTSUP, EWOULDBLOCK},                         // flock
+        {EACCES, EIO, ELOOP, ENAMETOOLONG, ENOMEM, EPERM, EROFS},           // utimens
     }};
     return kErrnos[index(call)];
 }
@@ -532,6 +533,12 @@ int os::mkdir(const char* path, mode_t mode) noexcept {
 int os::rmdir(const char* path) noexcept {
     Step step(Call::kRmdir, path);
     return step.done(step.fails() ? -1 : ::unlinkat(os::baseFolder(), path, AT_REMOVEDIR));
+}
+
+int os::utimens(const char* path, const timespec times[2]) noexcept {
+    Step step(Call::kUtimens, path);
+    return step.done(
+        step.fails() ? -1 : ::utimensat(os::baseFolder(), path, times, AT_SYMLINK_NOFOLLOW));
 }
 
 char* os::realpath(const char* path, char* resolved) noexcept {

@@ -39,9 +39,10 @@ enum class Call {
     kOpendir,
     kReaddir,
     kClosedir,
-    kFlock
+    kFlock,
+    kUtimens
 };
-inline constexpr int kCallKinds = static_cast<int>(Call::kFlock) + 1;
+inline constexpr int kCallKinds = static_cast<int>(Call::kUtimens) + 1;
 
 const char* nameOf(Call call);  // as in os/fs.h
 

@@ -86,6 +86,7 @@ TEST(FailingCallTest, StrikesTheCallsOfAllThreads) {
 void callEverything(const std::string& base) {
     char buffer[4096];
     struct stat status {};
+    const timespec times[2] = {{0, UTIME_OMIT}, {1, 2}};
     const std::string file = base + "/file";
     const std::string other = base + "/other";
     const std::string folder = base + "/folder";
@@ -99,6 +100,7 @@ void callEverything(const std::string& base) {
     (void)os::flock(fd, LOCK_EX | LOCK_NB);
     (void)os::access(file.c_str(), F_OK);
     (void)os::lstat(file.c_str(), &status);
+    (void)os::utimens(file.c_str(), times);
     (void)os::rename(file.c_str(), other.c_str());
     (void)os::remove(other.c_str());
     (void)os::mkdir(folder.c_str(), 0700);

@@ -1,0 +1,583 @@
+#include "lib/index/record_index.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <iterator>
+#include <tuple>
+#include <utility>
+
+#include "format/record_name.h"
+#include "lib/base/digits.h"
+#include "lib/base/error.h"
+#include "lib/base/files.h"
+#include "lib/records/catalogue.h"
+#include "lib/records/descriptor.h"
+#include "os/files.h"
+#include "os/fs.h"
+#include "os/process.h"
+
+namespace fstore {
+namespace {
+
+// Rows that are written at once.
+constexpr std::size_t kAtOnce = 10'000;
+
+// What SQLite keeps beside its file, and the name under which the file is made.
+constexpr const char* kBeside[] = {"-wal", "-shm", "-journal"};
+constexpr const char* kNew = "-new";
+
+// The least text of bytes whose hexadecimal digits begin with these.
+std::string leastWith(std::string digits) {
+    if (digits.size() % 2 != 0) {
+        digits += '0';
+    }
+    const auto bytes = fromHex(digits);
+    return bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
+}
+
+// The digits that follow those of their number; empty after the last ones.
+std::string nextDigits(std::string digits) {
+    while (!digits.empty() && digits.back() == 'f') {
+        digits.pop_back();
+    }
+    if (!digits.empty()) {
+        digits.back() = digits.back() == '9' ? 'a' : static_cast<char>(digits.back() + 1);
+    }
+    return digits;
+}
+
+std::string parentOf(const std::string& folder) {
+    const std::size_t slash = folder.rfind('/');
+    return slash == std::string::npos ? std::string() : folder.substr(0, slash);
+}
+
+bool isIn(const std::string& folder, const std::string& outer) {
+    return outer.empty() || folder == outer || folder.starts_with(outer + "/");
+}
+
+// The names of a folder's bodies. There may be a million, and nearly all are numbers.
+class BodyFiles {
+public:
+    void add(const std::string& name) {
+        if (isUniqueName(name)) {
+            numbers_.push_back(numberOf(name));
+        } else {
+            others_.insert(name);
+        }
+    }
+    void sort() { std::ranges::sort(numbers_); }
+    bool has(const std::string& name) const {
+        return isUniqueName(name) ? std::ranges::binary_search(numbers_, numberOf(name))
+                                  : others_.contains(name);
+    }
+
+private:
+    static std::uint32_t numberOf(const std::string& name) {
+        constexpr int kHexadecimal = 16;
+        std::uint32_t number = 0;
+        std::from_chars(name.data(), name.data() + name.size(), number, kHexadecimal);
+        return number;
+    }
+
+    std::vector<std::uint32_t> numbers_;
+    std::set<std::string> others_;
+};
+
+}  // namespace
+
+// What is in a folder, as far as rows depend on it.
+struct RecordIndex::Listing {
+    std::vector<std::string> descriptors, folders;
+    BodyFiles bodies;
+
+    static Listing of(const std::string& path) {
+        Listing listing;
+        visitEntries(path, [&](FolderEntry entry) {
+            if (entry.type == FolderEntry::Type::kFolder) {
+                listing.folders.push_back(std::move(entry.name));
+            } else if (entry.type == FolderEntry::Type::kFile) {
+                if (markerOf(entry.name).empty()) {
+                    listing.bodies.add(entry.name);
+                } else {
+                    listing.descriptors.push_back(std::move(entry.name));
+                }
+            }
+        });
+        std::ranges::sort(listing.descriptors);
+        listing.bodies.sort();
+        return listing;
+    }
+};
+
+RecordIndex::~RecordIndex() {
+    (void)guarded([this] { settle(); });
+}
+
+// The order of allRecords(): a folder comes before those in it, and these before its neighbours.
+bool RecordIndex::isBefore(const std::string& a, const std::string& b) {
+    return std::ranges::lexicographical_compare(a, b, [](char x, char y) {
+        const auto rank = [](char c) { return c == '/' ? 0 : static_cast<unsigned char>(c) + 1; };
+        return rank(x) < rank(y);
+    });
+}
+
+template <class Step>
+bool RecordIndex::guarded(Step step) noexcept {
+    if (isOff_) {
+        return false;
+    }
+    try {
+        const os::QuietWrites quiet;
+        step();
+        return true;
+    } catch (const SqlFailure& failure) {
+        giveUp(failure);
+    } catch (const std::exception&) {
+        // A folder or a descriptor that cannot be examined: whoever looks at the records meets it,
+        // as it meets a want of memory.
+        close();
+        isOff_ = true;
+    }
+    return false;
+}
+
+template <class Ask>
+auto RecordIndex::answer(Ask ask) -> std::optional<decltype(ask())> {
+    std::optional<decltype(ask())> found;
+    if (!guarded([&] {
+            if (open()) {
+                settle();
+                found = ask();
+            }
+        })) {
+        found.reset();
+    }
+    return found;
+}
+
+bool RecordIndex::open() {
+    if (tables_) {
+        return true;
+    }
+    struct stat status {};
+    if (setup_.file.empty() || os::lstat(setup_.file.c_str(), &status) != 0) {
+        return false;
+    }
+    const auto place = FolderStamp::of(".");
+    constexpr mode_t kOthers = S_IRWXG | S_IRWXO;
+    if (!place || !S_ISREG(status.st_mode) || !os::isOwn(status) || status.st_nlink != 1 ||
+        (status.st_mode & kOthers) != 0) {
+        isOff_ = true;  // somebody else may write it
+        return false;
+    }
+    tables_ = std::make_unique<IndexTables>(setup_.file, *place);
+    for (IndexFolder& folder : tables_->folders()) {
+        std::string path = folder.path;
+        folders_.try_emplace(std::move(path)).first->second = {std::move(folder), false, {}};
+    }
+    return true;
+}
+
+// Under another name first: a file of ours that SQLite has open must not be opened a second time,
+// as closing it would end SQLite's locks.
+void RecordIndex::makeFile() const {
+    const std::string made = setup_.file + kNew;
+    (void)os::remove(made.c_str());
+    {
+        const os::File file =
+            os::openFile(made.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kReadableByOwner);
+        if (!file || !os::setPermissions(file, kReadableByOwner)) {
+            return;
+        }
+    }
+    if (os::renameNew(made.c_str(), setup_.file.c_str()) != 0) {
+        (void)os::remove(made.c_str());
+    }
+}
+
+void RecordIndex::close() noexcept {
+    tables_.reset();
+    folders_.clear();
+}
+
+// Other readers may have it open. So only who is alone removes it: others leave it, and look at the
+// records.
+void RecordIndex::giveUp(const SqlFailure& failure) noexcept {
+    close();
+    isOff_ = true;
+    if ((failure.isDamage() && setup_.exclusive) || (failure.isFull() && wasMade_)) {
+        (void)remove(setup_.file);
+    }
+}
+
+bool RecordIndex::remove(const std::string& file) noexcept {
+    bool done = true;
+    const auto drop = [&](const std::string& name) {
+        done = (os::remove(name.c_str()) == 0 || errno == ENOENT) && done;
+    };
+    drop(file);
+    for (const char* const suffix : kBeside) {
+        drop(file + suffix);
+    }
+    drop(file + kNew);
+    return done;
+}
+
+void RecordIndex::offer(std::size_t descriptors) {
+    if (descriptors <= setup_.worth || setup_.file.empty()) {
+        return;
+    }
+    (void)guarded([&] {
+        if (!exists(setup_.file)) {
+            makeFile();
+            wasMade_ = true;
+        }
+    });
+}
+
+bool RecordIndex::hasItsStamp(const Folder& folder) {
+    return folder.stamp && FolderStamp::of(folderPath(folder.path)) == folder.stamp;
+}
+
+bool RecordIndex::isFreshNow(Folder& folder) {
+    folder.isFresh = folder.isFresh || hasItsStamp(folder);
+    return folder.isFresh;
+}
+
+RecordIndex::Folder& RecordIndex::folderAt(const std::string& path) {
+    const auto [entry, isNew] = folders_.try_emplace(path);
+    if (isNew) {
+        IndexTables::Change change(*tables_);
+        entry->second = {tables_->addFolder(path), false, {}};
+        change.commit();
+    }
+    return entry->second;
+}
+
+// The folders directly in it, as the index knows them.
+std::vector<std::string> RecordIndex::insideOf(const std::string& path) const {
+    std::vector<std::string> inside;
+    for (auto each = folders_.upper_bound(path); each != folders_.end() && isIn(each->first, path);
+         ++each) {
+        if (parentOf(each->first) == path) {
+            inside.push_back(each->first);
+        }
+    }
+    return inside;
+}
+
+// A folder that is as it was has the folders in it that it had.
+void RecordIndex::refresh() {
+    std::vector<std::string> toDo{std::string()};
+    while (!toDo.empty()) {
+        const std::string path = std::move(toDo.back());
+        toDo.pop_back();
+        Folder& folder = folderAt(path);
+        if (!isFreshNow(folder)) {
+            refresh(folder);
+        }
+        std::ranges::move(insideOf(path), std::back_inserter(toDo));
+    }
+}
+
+// With those in it.
+void RecordIndex::forget(const std::string& path) {
+    IndexTables::Change change(*tables_);
+    auto each = folders_.lower_bound(path);
+    while (each != folders_.end() && isIn(each->first, path)) {
+        tables_->removeFolder(each->second.id);
+        each = folders_.erase(each);
+    }
+    change.commit();
+}
+
+// The stamp is taken before the folder is read, so that a change in between shows.
+void RecordIndex::refresh(Folder& folder) {
+    const std::string path = folderPath(folder.path);
+    std::optional<FolderStamp> stamp;
+    if (setup_.exclusive) {
+        stamp = FolderStamp::set(path);
+    }
+    if (!stamp) {
+        stamp = FolderStamp::of(path);
+        if (stamp && !stamp->isSettled()) {
+            stamp.reset();
+        }
+    }
+    const Listing listing = Listing::of(path);
+    std::vector<std::int64_t> gone;
+    std::vector<std::string> changed;
+    compare(folder, listing, gone, changed);
+
+    IndexTables::Change change(*tables_);
+    tables_->setStamp(folder.id, std::nullopt);
+    for (const std::int64_t id : gone) {
+        tables_->removeFile(id);
+    }
+    std::size_t written = 0;
+    for (const std::string& file : changed) {
+        tables_->put(folder.id, readIndexRow(folder.path, file));
+        if (++written % kAtOnce == 0) {
+            change.commitAndContinue();
+        }
+    }
+    tables_->setStamp(folder.id, stamp);
+    change.commit();
+    folder.stamp = stamp;
+    folder.isFresh = true;
+    follow(folder, listing);
+}
+
+// The folders in it that are new, and those that are gone.
+void RecordIndex::follow(const Folder& folder, const Listing& listing) {
+    std::set<std::string> there;
+    for (const std::string& name : listing.folders) {
+        const std::string path = folder.path.empty() ? name : joined(folder.path, name);
+        (void)folderAt(path);
+        there.insert(path);
+    }
+    for (const std::string& inside : insideOf(folder.path)) {
+        if (!there.contains(inside)) {
+            forget(inside);
+        }
+    }
+}
+
+// Both are in the order of names. A row holds while its descriptor is the same file, and the body
+// that this names is there.
+void RecordIndex::compare(const Folder& folder, const Listing& listing,
+                          std::vector<std::int64_t>& gone, std::vector<std::string>& changed) {
+    auto next = listing.descriptors.begin();
+    const auto end = listing.descriptors.end();
+    tables_->visitFiles(folder.id, [&](const IndexedFile& known) {
+        const auto from = next;
+        next = std::lower_bound(next, end, known.file);
+        changed.insert(changed.end(), from, next);
+        if (next == end || *next != known.file) {
+            gone.push_back(known.id);
+            return;
+        }
+        const auto stamp = FileStamp::of(joined(folderPath(folder.path), known.file));
+        const bool holds = !known.mustLook && stamp == known.stamp &&
+                           (known.body.empty() || listing.bodies.has(known.body));
+        if (!holds) {
+            changed.push_back(known.file);
+        }
+        ++next;
+    });
+    changed.insert(changed.end(), next, end);
+}
+
+std::vector<Address> RecordIndex::sorted(Hits hits) const {
+    std::map<std::int64_t, std::pair<std::size_t, const std::string*>> places;
+    for (const auto& [path, folder] : folders_) {
+        const std::size_t rank = places.size();
+        places[folder.id] = {rank, &path};
+    }
+    const auto rankOf = [&](const auto& hit) {
+        const auto found = places.find(hit.first);
+        return found == places.end() ? places.size() : found->second.first;
+    };
+    std::ranges::sort(hits, [&](const auto& a, const auto& b) {
+        return a.first == b.first ? a.second < b.second : rankOf(a) < rankOf(b);
+    });
+    hits.erase(std::unique(hits.begin(), hits.end()), hits.end());
+    std::vector<Address> addresses;
+    addresses.reserve(hits.size());
+    for (auto& [folder, name] : hits) {
+        if (const auto place = places.find(folder); place != places.end()) {
+            addresses.push_back({*place->second.second, std::move(name)});
+        }
+    }
+    return addresses;
+}
+
+std::optional<std::vector<Address>> RecordIndex::ask(const std::function<void(Hits&)>& collect) {
+    return answer([&] {
+        refresh();
+        Hits hits;
+        collect(hits);
+        return sorted(std::move(hits));
+    });
+}
+
+std::optional<std::vector<Address>> RecordIndex::withDigest(std::string_view digits) {
+    const std::string from = leastWith(std::string(digits));
+    const std::string end = leastWith(nextDigits(std::string(digits)));
+    return ask([&](Hits& hits) {
+        tables_->visitDigests(from, end, [&](IndexHit hit) {
+            if (hit.info.sha256.starts_with(digits)) {
+                hits.emplace_back(hit.folder, std::move(hit.name));
+            }
+        });
+    });
+}
+
+std::optional<std::vector<Address>> RecordIndex::withObject(Kind kind, std::string_view sha256) {
+    const std::string from = leastWith(std::string(sha256));
+    return ask([&](Hits& hits) {
+        tables_->visitDigests(from, from + '\0', [&](IndexHit hit) {
+            if (hit.info.sha256 == sha256 && hit.info.kind == kind) {
+                hits.emplace_back(hit.folder, std::move(hit.name));
+            }
+        });
+    });
+}
+
+std::optional<std::vector<Address>> RecordIndex::keysWith(std::string_view keySha256) {
+    return ask([&](Hits& hits) {
+        tables_->visitKeys(leastWith(std::string(keySha256)), [&](IndexHit hit) {
+            if (hit.info.kind == Kind::kKey) {
+                hits.emplace_back(hit.folder, std::move(hit.name));
+            }
+        });
+    });
+}
+
+std::optional<std::set<std::string>> RecordIndex::keys() {
+    return answer([&] {
+        refresh();
+        return tables_->keys();
+    });
+}
+
+std::optional<std::vector<Address>> RecordIndex::matching(const Filter& filter,
+                                                          const std::string& folder,
+                                                          bool unlocked) {
+    return ask([&](Hits& hits) {
+        std::set<std::int64_t> within;
+        for (const auto& [path, known] : folders_) {
+            if (isIn(path, folder)) {
+                within.insert(known.id);
+            }
+        }
+        const auto take = [&](IndexHit& hit) {
+            if (within.contains(hit.folder)) {
+                hits.emplace_back(hit.folder, std::move(hit.name));
+            }
+        };
+        const auto takeIfAdmitted = [&](IndexHit hit) {
+            if (filter.admits(hit.info)) {
+                take(hit);
+            }
+        };
+        if (!filter.digest().empty()) {
+            tables_->visitDigests(leastWith(filter.digest()),
+                                  leastWith(nextDigits(filter.digest())), takeIfAdmitted);
+        } else {
+            tables_->visitRecords(filter.latestExpiry(), takeIfAdmitted);
+        }
+        tables_->visitLooks(look::kAlways | (unlocked ? look::kUnlocked : 0) |
+                                (filter.asksForExpiry() ? look::kUndated : 0),
+                            [&](IndexHit hit) { take(hit); });
+    });
+}
+
+std::optional<std::vector<Address>> RecordIndex::unsure(bool unlocked) {
+    return ask([&](Hits& hits) {
+        tables_->visitLooks(look::kAlways | (unlocked ? look::kUnlocked : 0), [&](IndexHit hit) {
+            hits.emplace_back(hit.folder, std::move(hit.name));
+        });
+    });
+}
+
+std::optional<std::vector<std::string>> RecordIndex::folders() {
+    auto found = answer([&] {
+        std::vector<std::string> paths;
+        for (auto& [path, folder] : folders_) {
+            if (!isFreshNow(folder)) {
+                return std::vector<std::string>();
+            }
+            paths.push_back(path);
+        }
+        return paths;
+    });
+    return found && !found->empty() ? std::move(found) : std::nullopt;  // "db" itself is always one
+}
+
+std::optional<IndexedNames> RecordIndex::namesOf(const std::string& folder,
+                                                 const std::string& body) {
+    return answer([&] {
+        Folder& known = folderAt(folder);
+        if (!isFreshNow(known)) {
+            refresh(known);
+        }
+        return tables_->namesOf(known.id, body);
+    });
+}
+
+// The stamp goes first, from the file: whatever happens then, the folder is read again.
+void RecordIndex::willChange(const Address& address) noexcept {
+    (void)guarded([&] {
+        if (!open()) {
+            return;
+        }
+        const auto found = folders_.find(address.folder);
+        if (found == folders_.end()) {
+            return;
+        }
+        Folder& folder = found->second;
+        if (!hasItsStamp(folder)) {
+            lose(folder);  // somebody does not care for the lock
+            return;
+        }
+        if (folder.changing.empty()) {
+            IndexTables::Change change(*tables_);
+            tables_->setStamp(folder.id, std::nullopt);
+            change.commit();
+        }
+        folder.changing.insert(address.name);
+    });
+}
+
+void RecordIndex::changed(const Address& address) noexcept {
+    (void)guarded([&] {
+        const auto found = folders_.find(address.folder);
+        if (found != folders_.end() && found->second.changing.contains(address.name)) {
+            found->second.stamp = FolderStamp::set(folderPath(address.folder));
+        }
+    });
+}
+
+void RecordIndex::lose(Folder& folder) {
+    folder.changing.clear();
+    folder.stamp.reset();
+    folder.isFresh = false;
+}
+
+void RecordIndex::settle() {
+    for (auto& [path, folder] : folders_) {
+        if (!folder.changing.empty()) {
+            settle(folder);
+        }
+    }
+}
+
+// Of a change that failed nobody has set the time.
+void RecordIndex::settle(Folder& folder) {
+    if (!hasItsStamp(folder)) {
+        lose(folder);
+        return;
+    }
+    const std::set<std::string> names = std::exchange(folder.changing, {});
+    IndexTables::Change change(*tables_);
+    for (const std::string& name : names) {
+        const std::string descriptor = descriptorName(name);
+        for (const std::string_view marker :
+             {std::string_view(), kNewMarker, kOldMarker, kDeletedMarker}) {
+            const std::string file = descriptor + std::string(marker);
+            if (isA(os::EntryType::kFile, joined(folderPath(folder.path), file))) {
+                tables_->put(folder.id, readIndexRow(folder.path, file));
+            } else {
+                tables_->removeFile(folder.id, file);
+            }
+        }
+    }
+    tables_->setStamp(folder.id, folder.stamp);
+    change.commit();
+}
+
+}  // namespace fstore
