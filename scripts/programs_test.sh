@@ -1,69 +1,16 @@
 #!/bin/bash
-# Runs real programs with keys of an encrypted database, by way of the OpenSSL provider. They come
-# from the distribution's packages, into a root of their own that is removed at the end, so that
-# nothing of them is installed on this machine. Needs root and the sources that apt is configured
-# with, and fails without them. The root as the packages made it is kept in build/programs; remove it
-# there to have newer packages.
+# Runs real programs with keys of an encrypted database, by way of the OpenSSL provider, in a root of
+# their own (scripts/programs_root.sh).
 #
 #     scripts/programs_test.sh [BUILD]    a build folder, by default build/release
 set -eu
 cd "$(dirname "$0")/.."
 build=${1:-build/release}
-packages=openssl,libfmt9,libsqlite3-0,curl,python3-minimal,nginx-light,haproxy,apache2,lighttpd,lighttpd-mod-openssl
-packages+=,stunnel4,mosquitto,redis-server,postgresql-15,socat,openvpn,php8.2-cli,ruby3.1,openssh-client
-packages+=,certbot,python3-cffi-backend,dehydrated,pebble,systemd
+# shellcheck source=scripts/programs_root.sh
+. scripts/programs_root.sh
 
-if [ "$(id -u)" -ne 0 ] || ! command -v debootstrap >/dev/null; then
-    echo "$0: needs root, and debootstrap, which scripts/install_deps.sh --full installs" >&2
-    exit 1
-fi
-suite=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
-kept=build/programs/root-$(sha256sum <<<"$suite $packages" | cut -c 1-16).tar
-root=$(mktemp -d /var/tmp/filestore-programs.XXXXXX)
-trap 'rm -rf "$root"' EXIT
-
-# In a name space of its own, so that no mount outlives a failure, and on an overlay that never syncs:
-# dpkg asks for that after each file, which took half of the time.
-in_overlay() {
-    mkdir "$root/lower" "$root/work"
-    # shellcheck disable=SC2016  # for the inner shell
-    unshare --mount --kill-child sh -euc '
-        mount -t overlay -o "volatile,lowerdir=$1/lower,upperdir=$1/made,workdir=$1/work" overlay \
-            "$1/made" || echo "no overlay here, so each file is synced"
-        shift
-        exec "$@"' sh "$root" "$@"
-}
-
-# A root with the packages, in $kept; downloads that were broken off are not made again.
-make_root() {
-    local mirror
-    mirror=$(apt-get indextargets --format "\$(SITE)" "Created-By: Packages" "Component: main" |
-        grep -v security | head -n 1)
-    mkdir -p build/programs/packages "$root/made"
-    in_overlay debootstrap --variant=minbase --cache-dir="$PWD/build/programs/packages" \
-        --include="$packages" "$suite" "$root/made" "$mirror" >"$root/log" 2>&1 || {
-        tail -n 5 "$root/log"
-        echo "$0: no root could be made of the packages of $suite; without a network, or packages," \
-            "leave this out with --without-programs of ./test --full" >&2
-        exit 1
-    }
-    tar -C "$root/made" -cf "$kept.new" .
-    mv "$kept.new" "$kept"
-    rm -rf "$root/made" "$root/work" build/programs/packages
-}
-
-echo "== a root with $packages"
-[ -e "$kept" ] || make_root
-tar -C "$root" -xpf "$kept"
-echo "== after $SECONDS s: the programs"
-for component in tool modules library provider; do
-    cmake --install "$build" --prefix "$root/usr" --component "$component" >/dev/null
-done
-modules=$(chroot "$root" openssl version -m | cut -d '"' -f 2)
-mv "$root"/usr/lib/ossl-modules/fstore.so "$root$modules"
 mkdir "$root/programs"
 cp -r tests/programs/* "$root/programs"
-chroot "$root" ldconfig
 
 # Whatever a program leaves running ends with the namespace.
 unshare --mount --pid --fork --kill-child --mount-proc="$root/proc" \

@@ -11,6 +11,9 @@
 //     CALL_TRAP_NO_LOCK=1    flock() succeeds and locks nothing
 //     CALL_TRAP_SCRYPT=FILE  each derivation with scrypt adds a byte to FILE
 //     CALL_TRAP_PAUSE=N      each opening of a descriptor file takes N milliseconds longer
+//     CALL_TRAP_STOP=NAME:N  the process stops in front of its Nth call of this function, as by
+//                            SIGSTOP; for the functions below that change the disk by a name or a
+//                            sync, and for flock
 //
 // Calls that only look are not counted: in front of one, the disk is as in front of the
 // next call that changes it.
@@ -76,9 +79,23 @@ Fate nextCall(Room room) {
     return Fate::kGoOn;
 }
 
+void stopAt(std::string_view name) {
+    static const char* const wanted = std::getenv("CALL_TRAP_STOP");
+    static std::atomic<long> turns{0};
+    if (wanted == nullptr) {
+        return;
+    }
+    const std::string_view text = wanted;
+    const std::size_t colon = text.find(':');
+    if (text.substr(0, colon) == name && ++turns == std::atol(wanted + colon + 1)) {
+        (void)raise(SIGSTOP);
+    }
+}
+
 // The call of the function `name`, unless its turn has come.
 template <class Result, class... Args>
 Result pass(Room room, const char* name, Args... args) {
+    stopAt(name);
     switch (nextCall(room)) {
         case Fate::kDie:
             die();
@@ -210,6 +227,7 @@ void* EVP_KDF_fetch(void* library, const char* algorithm, const char* properties
 }
 
 int flock(int fd, int operation) noexcept {
+    stopAt("flock");
     static const bool locks = setting("CALL_TRAP_NO_LOCK") == 0;
     return locks ? next<int(int, int)>("flock")(fd, operation) : 0;
 }

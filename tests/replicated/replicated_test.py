@@ -1,0 +1,288 @@
+#!/usr/bin/env python3
+"""Two hosts share a database on a replicated volume, while links are cut and servers and hosts die."""
+
+import itertools
+import os
+import signal
+import subprocess
+import threading
+import time
+import unittest
+
+import support
+from support import CALL_TRAP, CHEAP, PASSWORD
+from volume import OPTIONS, Volume, wait_until
+
+NEW = "another one"
+FAILED = 9
+BUSY = 33
+MISSING = 50
+RECORDS = 25
+# While a link is cut, its host's calls hang, and the other host waits for what it had locked.
+CUT = 60
+# In front of the question whether the lock is still held, which comes after the record's file is synced.
+STOPS = {"set": "fsync:1", "put": "fsync:1", "rm": "flock:3", "passwd": "syncfs:1"}
+
+volume = None  # one for all tests: it takes longer to start than most of them
+
+
+def setUpModule():
+    global volume  # pylint: disable=global-statement
+    volume = Volume()
+
+
+class ReplicatedTest(unittest.TestCase):
+    """Each test has a database of its own."""
+
+    maxDiff = None
+    numbers = itertools.count(1)
+
+    def setUp(self):
+        self.one, self.two = volume.hosts
+        self.folder = self.new_database()
+
+    def new_database(self):
+        folder = f"/volume/{next(self.numbers)}"
+        self.ok(self.one, "init", *CHEAP, folder=folder)
+        return folder
+
+    def start(self, host, *args, folder=None, **more):
+        return support.start("-D", folder or self.folder, *args, prefix=host.inside(), **more)
+
+    def run_on(self, host, *args, stdin=b"", **more):
+        return support.finish(self.start(host, *args, **more), stdin)
+
+    def ok(self, host, *args, **more):
+        run = self.run_on(host, *args, **more)
+        self.assertEqual(0, run.code, f"fstore {args}\n{run.out!r}\n{run.message}")
+        return run
+
+    def put(self, host, address, contents, **more):
+        self.ok(host, "put", address, "-", stdin=contents, **more)
+
+    def fill(self, **more):
+        for number in range(RECORDS):
+            self.put(self.one, f"settings/{number}", b"%d" % number, **more)
+
+    def passwd(self, host, **more):
+        return self.start(host, "passwd", *CHEAP, env={"FSTORE_NEW_PASSWORD": NEW}, **more)
+
+    def is_copying(self, host, folder=None):
+        return subprocess.run(host.inside("test", "-e", f"{folder or self.folder}/new_db/settings"),
+                              check=False).returncode == 0
+
+    def assert_sound(self, host, **more):
+        document = self.ok(host, "check", "--deep", "--json", **more).document
+        self.assertEqual([], document["findings"])
+
+    def assert_all_there(self, host, **more):
+        self.assert_sound(host, **more)
+        for number in range(RECORDS):
+            self.assertEqual(b"%d" % number, self.ok(host, "get", f"settings/{number}", **more).out)
+
+    def password_in_force(self, host):
+        return PASSWORD if self.run_on(host, "get", "settings/0").code == 0 else NEW
+
+    def write_on_both(self, each, watch):
+        """Both hosts write records at once; `watch` sees how many there are."""
+        written = []
+        failures = []
+
+        def write(host):
+            for number in range(each):
+                run = self.run_on(host, "--lock-timeout", "60", "put", f"settings/{host.name}-{number}", "-",
+                                  stdin=host.name.encode())
+                (written if run.code == 0 else failures).append((host, number, run))
+                watch(len(written))
+
+        threads = [threading.Thread(target=write, args=(host,)) for host in volume.hosts]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        self.assertEqual([], failures)
+        for host in volume.hosts:
+            listed = {record["address"] for record in self.ok(host, "ls", "--json").document["records"]}
+            self.assertEqual({f"settings/{writer.name}-{number}" for writer, number, _ in written}, listed)
+        self.assert_sound(self.two)
+
+
+class LivingTest(ReplicatedTest):
+    """Nothing fails; two hosts work side by side."""
+
+    def test_the_other_host_waits_while_one_changes_the_password(self):
+        self.fill()
+        change = self.passwd(self.one)
+        wait_until("the change copies the records", lambda: self.is_copying(self.one))
+        other = self.run_on(self.two, "--lock-timeout", "0", "put", "settings/x", "-", stdin=b"x")
+        self.assertEqual(BUSY, other.code, other.message)
+        self.assertIn("another process", other.message)
+        reader = self.run_on(self.two, "--lock-timeout", "0", "get", "settings/1")
+        self.assertEqual(BUSY, reader.code, reader.message)
+        self.assertEqual(0, support.finish(change).code)
+        self.put(self.two, "settings/x", b"x", password=NEW)
+        self.assert_all_there(self.two, password=NEW)
+
+    def test_info_tells_which_host_writes(self):
+        self.fill()
+        change = self.passwd(self.one)
+        wait_until("the change copies the records", lambda: self.is_copying(self.one))
+        told = self.ok(self.two, "info", "--json").document["lock"]
+        self.assertEqual(change.pid, told["holder"]["pid"])
+        self.assertEqual(os.uname().nodename, told["holder"]["host"])
+        self.assertEqual(0, support.finish(change).code)
+
+    def test_a_removed_record_is_not_read_on_the_other_host(self):
+        for number in range(20):
+            self.put(self.one, "settings/revoked", b"%d" % number)
+            self.assertEqual(b"%d" % number, self.ok(self.two, "get", "settings/revoked").out)
+            self.ok(self.one, "rm", "settings/revoked")
+            self.assertEqual(MISSING, self.run_on(self.two, "get", "settings/revoked").code)
+            self.assertEqual([], self.ok(self.two, "ls", "--json").document["records"])
+
+    def test_what_is_written_at_once_on_both_is_all_there(self):
+        self.write_on_both(15, lambda written: None)
+
+
+class DyingTest(ReplicatedTest):
+    """Servers and hosts die."""
+
+    def tearDown(self):
+        volume.start_bricks()
+
+    def test_a_brick_dies_and_is_healed(self):
+        third = volume.servers[2]
+        dies = threading.Event()
+        lives = threading.Event()
+
+        def watch(count):
+            if count > 10 and not dies.is_set():
+                dies.set()
+                third.kill_brick()
+            elif count > 25 and not lives.is_set():
+                lives.set()
+                volume.servers[0].gluster("volume", "start", "v", "force")
+
+        self.write_on_both(20, watch)
+        self.assertTrue(dies.is_set() and lives.is_set())
+        volume.start_bricks()
+        first, *others = [server.files_below(self.folder) for server in volume.servers]
+        self.assertEqual([first, first], others)
+
+    def test_without_a_majority_nothing_is_written_and_nothing_is_read(self):
+        self.fill()
+        for server in volume.servers[1:]:
+            server.kill_brick()
+        began = time.monotonic()
+        for host in volume.hosts:
+            for words in [("put", "settings/x", "-"), ("rm", "settings/1"), ("get", "settings/1")]:
+                run = self.run_on(host, *words, stdin=b"x")
+                self.assertEqual(FAILED, run.code, f"{words}: {run.message}")
+                self.assertIn("ransport endpoint is not connected", run.message)
+        self.assertLess(time.monotonic() - began, CUT)
+        volume.start_bricks()
+        self.assert_all_there(self.two)
+        self.assertEqual(MISSING, self.run_on(self.two, "get", "settings/x").code)
+
+    def test_a_host_dies_while_it_changes_the_password(self):
+        self.fill()
+        for delay in (0.0, 0.2, 0.5):
+            with self.subTest(delay=delay):
+                old = self.password_in_force(self.two)
+                new = NEW if old == PASSWORD else PASSWORD
+                change = self.start(self.one, "passwd", *CHEAP, password=old,
+                                    env={"FSTORE_NEW_PASSWORD": new})
+                wait_until("the change copies the records", lambda: self.is_copying(self.two))
+                time.sleep(delay)
+                self.one.kill_client()
+                support.finish(change)
+                found = self.password_in_force(self.two)
+                self.assertIn(found, (old, new))
+                self.assert_all_there(self.two, password=found)
+                self.one.mount()
+
+
+class CutTest(ReplicatedTest):
+    """The link of a host is cut while it writes, and comes back."""
+
+    def tearDown(self):
+        self.one.mend()
+        volume.set(OPTIONS)
+
+    def stopped(self, at, *args, folder, **more):
+        """The command on host one, which stops in front of a call."""
+        process = self.start(self.one, *args, folder=folder,
+                             env={"LD_PRELOAD": CALL_TRAP, "CALL_TRAP_STOP": at, **more})
+        process.stdin.write(b"of host one")
+        process.stdin.close()
+        process.stdin = None
+        wait_until(f"{args} stops", lambda: state_of(process.pid) == "T")
+        return process
+
+    def write_on_two(self, folder, deadline):
+        """The same record on host two, which has to wait until the lock of host one is lost."""
+        while True:
+            run = self.run_on(self.two, "--lock-timeout", "5", "set", "settings/a", "label=of host two",
+                              folder=folder)
+            if run.code == 0 or time.monotonic() > deadline:
+                self.assertEqual(0, run.code, run.message)
+                return
+
+    def test_who_was_cut_off_writes_nothing_more(self):
+        """Also where the volume gives the old descriptor back, so that only the token tells."""
+        for strict in ("on", "off"):
+            with self.subTest(strict_locks=strict):
+                volume.set({"client.strict-locks": strict})
+                self.cut_off_writers()
+
+    def cut_off_writers(self):
+        commands = {
+            "set": (("set", "settings/a", "label=of host one"), {}),
+            "rm": (("rm", "settings/a"), {}),
+            "put": (("put", "settings/a", "-"), {}),
+            "passwd": (("passwd", *CHEAP), {"FSTORE_NEW_PASSWORD": NEW}),
+        }
+        stale = {}
+        for name, (args, env) in commands.items():
+            folder = self.new_database()
+            self.put(self.one, "settings/a", b"old", folder=folder)
+            stale[name] = (folder, self.stopped(STOPS[name], *args, folder=folder, **env))
+        self.one.cut()
+        deadline = time.monotonic() + CUT
+        for folder, _ in stale.values():
+            self.write_on_two(folder, deadline)
+        self.one.mend()
+        wait_until("host one has the volume again",
+                   lambda: self.run_on(self.one, "get", "settings/a").code == MISSING)
+        for name, (folder, process) in stale.items():
+            with self.subTest(command=name):
+                os.kill(process.pid, signal.SIGCONT)
+                run = support.finish(process, None)
+                self.assertEqual(FAILED, run.code, run.message)
+                self.assertIn("the lock was lost", run.message)
+                self.assertIn("nothing more was written", run.message)
+                shown = self.ok(self.two, "show", "settings/a", "--json", folder=folder).document
+                self.assertEqual("of host two", shown["label"])
+                self.assertEqual(b"old", self.ok(self.two, "get", "settings/a", folder=folder).out)
+                self.assert_sound(self.two, folder=folder)
+
+    def test_the_link_is_cut_while_the_password_is_changed(self):
+        self.fill()
+        change = self.passwd(self.one)
+        wait_until("the change copies the records", lambda: self.is_copying(self.one))
+        self.one.cut()
+        self.ok(self.two, "--lock-timeout", str(CUT), "put", "settings/x", "-", stdin=b"x")
+        self.one.mend()
+        self.assertEqual(FAILED, support.finish(change).code)
+        self.assertEqual(b"x", self.ok(self.two, "get", "settings/x").out)
+        self.assert_all_there(self.two)
+
+
+def state_of(pid):
+    """The letter that the system has for what the process does."""
+    with open(f"/proc/{pid}/stat", encoding="ascii") as file:
+        return file.read().rsplit(")", 1)[1].split()[0]
+
+
+if __name__ == "__main__":
+    support.main()
