@@ -10,6 +10,7 @@
 #include "fstore/commands/record_json.h"
 #include "lib/base/files.h"
 #include "lib/base/time.h"
+#include "lib/database/settle.h"
 #include "lib/work/object_record.h"
 
 namespace fstore {
@@ -19,6 +20,8 @@ struct Options {
     CheckOptions check;
     std::optional<std::string> undo;
     std::optional<std::string> purge;
+    std::optional<std::string> settle;
+    std::optional<Keep> keep;
 };
 
 void print(const CheckReport& report, Output& output) {
@@ -137,11 +140,31 @@ Status runPurge(const std::string& name, Context& context) {
     return kOk;
 }
 
-// Each of the three is a command of its own.
+Status runSettle(const std::string& path, Keep keep, Context& context) {
+    const Settled settled = settle(context.database, path, keep);
+    context.output.note(
+        settled.lost.empty()
+            ? fmt::format("{} is {} now", path, settled.kept)
+            : fmt::format("kept one state of {}; the other is in {}, and `fstore check --undo {}` "
+                          "puts it back",
+                          settled.kept, joined(layout::kLost, settled.lost), settled.lost));
+    context.output.document(
+        {{"settled", jsonText(settled.kept)},
+         {"lost", settled.lost.empty() ? Json() : Json(joined(layout::kLost, settled.lost))}});
+    return kOk;
+}
+
+// Each of them is a command of its own.
 void refuseTogether(const Options& options) {
     const bool checks = options.check.deep || options.check.repair;
-    if (options.undo.has_value() + options.purge.has_value() + checks > 1) {
-        throw Failure(kUsage, "--undo and --purge go alone: they neither check nor repair");
+    if (options.undo.has_value() + options.purge.has_value() + options.settle.has_value() + checks >
+        1) {
+        throw Failure(kUsage,
+                      "--undo, --purge and --settle go alone: they neither check nor repair");
+    }
+    if (options.settle.has_value() != options.keep.has_value()) {
+        throw Failure(kUsage,
+                      "--settle FILE needs --keep ours or --keep theirs, and --keep needs it");
     }
 }
 
@@ -149,6 +172,9 @@ Status run(const Options& options, Context& context) {
     refuseTogether(options);
     if (options.undo) {
         return runUndo(*options.undo, context);
+    }
+    if (options.settle) {
+        return runSettle(*options.settle, *options.keep, context);
     }
     return options.purge ? runPurge(*options.purge, context) : runCheck(options.check, context);
 }
@@ -166,6 +192,11 @@ void addCheck(Cli& cli) {
     command.option("--undo", "TIME", &options->undo,
                    "Put back what the repair of this time moved away");
     command.option("--purge", "TIME", &options->purge, "Delete what it moved away");
+    command.option("--settle", "FILE", &options->settle,
+                   "Settle the conflict that is reported for this file");
+    command.option("--keep", "STATE",
+                   Choice(&options->keep, {{"ours", Keep::kOurs}, {"theirs", Keep::kTheirs}}),
+                   "With --settle: keep what the record is (ours), or what came (theirs)");
 }
 
 }  // namespace fstore

@@ -21,6 +21,8 @@ const char* nameOf(FindingKind kind) {
             return "unfinished-copy";
         case FindingKind::kMissingFolder:
             return "missing-folder";
+        case FindingKind::kConflict:
+            return "conflict";
         case FindingKind::kDamaged:
             return "damaged";
         case FindingKind::kContradicted:

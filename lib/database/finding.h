@@ -20,6 +20,8 @@ struct Finding {
         kUnlockCopy,        // one of the two copies of the slots is lost or older
         kUnlockConflict,    // they contradict each other
         kKeyRecord,         // "key" is lost: the password and the records tell what it held
+        // Reported, and left to the user:
+        kConflict,  // a conflict copy, or a descriptor with the marks of a merge
         // Reported, and never touched:
         kDamaged,       // a record that cannot be read, or that cannot be what was written
         kContradicted,  // an attribute that says something else than the object in the body

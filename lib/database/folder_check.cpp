@@ -11,6 +11,7 @@
 #include "format/body_reference.h"
 #include "format/dsc_text.h"
 #include "format/record_name.h"
+#include "lib/base/conflict_copy.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/base/sha256.h"
@@ -23,6 +24,9 @@ namespace {
 using FindingKind = Finding::Kind;
 using Repair = Finding::Repair;
 
+constexpr const char* kHowToSettle =
+    "`fstore check --settle` of it with --keep ours or --keep theirs keeps one of the two";
+
 // A file that can name a body: a descriptor under its own name, or with a marker behind it.
 struct Namer {
     std::string file;
@@ -32,6 +36,7 @@ struct Namer {
     std::string fault;                // why its text is not what the store wrote; or empty
     bool isDenied = false;            // the user may not read it, and it may be sound
     bool isObstructed = false;        // something that is no file stands where it belongs
+    bool isMerge = false;             // it has two states in it
     Repair repair = Repair::kNone;
     bool stays = true;
 
@@ -96,6 +101,9 @@ public:
                 examineStaying(namer);
             }
         }
+        for (Namer& copy : copies_) {
+            examineCopy(copy);
+        }
         for (Namer& namer : namers_) {
             if (!namer.stays) {
                 examineLeaving(namer);
@@ -115,6 +123,8 @@ private:
             const std::string_view marker = markerOf(entry.name);
             if (entry.type == FolderEntry::Type::kOther) {
                 add(FindingKind::kUnknownFile, entry.name, "is neither a file nor a folder");
+            } else if (stateBeside(entry.name)) {
+                copies_.emplace_back(entry.name, markerOf(*stateBeside(entry.name)));
             } else if (!marker.empty()) {
                 namers_.emplace_back(entry.name, marker);
             } else {
@@ -130,7 +140,10 @@ private:
             const std::vector<DescriptorLine> lines = parseDescriptor(text);
             namer.body = bodyNameOf(lines);
             namer.fault = faultOf(text, lines);
-            if (!namer.body) {
+            if (const auto sides = mergeSidesOf(text)) {
+                noteMentions(lines, namer);
+                namer.isMerge = true;
+            } else if (!namer.body) {
                 noteMentions(lines, namer);
             }
         } catch (const Failure& failure) {
@@ -193,6 +206,26 @@ private:
         }
     }
 
+    // A conflict copy is never a record, but somebody may decide that it has the better state: what
+    // it names stays.
+    void examineCopy(Namer& copy) {
+        const std::string rival = *stateBeside(copy.file);
+        addDoubtful(FindingKind::kConflict, copy.file,
+                    exists(joined(path_, rival))
+                        ? fmt::format("is a second state of {}; {}", rival, kHowToSettle)
+                        : fmt::format("is a second state of {}, which is not there; {}", rival,
+                                      kHowToSettle));
+        if (copy.marker.empty()) {
+            return;
+        }
+        examineText(copy);
+        mentioned_.insert(copy.mentioned.begin(), copy.mentioned.end());
+        (copy.isDenied ? isPartlyUnread_ : isInDoubt_) |= !copy.isSound();
+        if (copy.body) {
+            owners_.emplace(*copy.body, copy.file);
+        }
+    }
+
     // The record, if the store can read it, and the digest of its body file.
     struct Readable {
         RecordHead head;
@@ -245,7 +278,15 @@ private:
         }
         std::optional<Failure> reason;
         const std::optional<Readable> record = read(namer, reason);
-        if (namer.body && !isBodyName(*namer.body)) {
+        if (namer.isMerge) {
+            isInDoubt_ = true;
+            for (const std::string& body : namer.mentioned) {
+                owners_.emplace(body, namer.file);
+            }
+            addDoubtful(
+                FindingKind::kConflict, namer.file,
+                fmt::format("has two states in it, with the marks of a merge; {}", kHowToSettle));
+        } else if (namer.body && !isBodyName(*namer.body)) {
             damaged(namer, fmt::format("names {} as its body file, and no body can have that name",
                                        *namer.body));
         } else if (namer.body && !bodies_.contains(*namer.body)) {
@@ -352,6 +393,7 @@ private:
     std::string path_;
     std::vector<Finding>& findings_;
     std::vector<Namer> namers_;
+    std::vector<Namer> copies_;                  // conflict copies; the marker is their rival's
     std::set<std::string> bodies_;               // what a descriptor could name, whatever its name
     std::map<std::string, std::string> owners_;  // body: the first file that stays and names it
     std::map<std::string, Repair> leaving_;      // body: what becomes of the files that name it

@@ -33,6 +33,16 @@ void requireCopyable() {
                                           path),
                               path);
             }
+            if (stateBeside(entry.name)) {
+                const std::string path = joined(folderPath(folder), entry.name);
+                throw Failure(
+                    kFound,
+                    fmt::format("the password was not changed: {} is a conflict copy, "
+                                "which would stay behind with the old key; `fstore check` "
+                                "lists such copies, --settle keeps one of the two",
+                                path),
+                    path);
+            }
             // The store would take any name with this end for a saved descriptor's.
             if (hasMarker(entry.name, kOldMarker) && markerOf(entry.name).empty()) {
                 const std::string path = joined(folderPath(folder), entry.name);

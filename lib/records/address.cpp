@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "format/record_name.h"
+#include "lib/base/conflict_copy.h"
 #include "lib/base/digits.h"
 #include "lib/base/error.h"
 #include "lib/base/printable.h"
@@ -29,6 +30,9 @@ void checkName(std::string_view text, std::string_view name) {
     }
     if (name.size() > kLongestName) {
         fail(text, "the name is longer than 247 bytes");
+    }
+    if (rivalOf(descriptorName(name))) {
+        fail(text, "it is the name of a conflict copy, which `fstore check` lists");
     }
 }
 

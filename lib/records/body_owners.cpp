@@ -101,7 +101,8 @@ const BodyOwners::Folder& BodyOwners::folderOf(const std::string& folder) {
     }
     const std::string path = folderPath(folder);
     for (const FolderEntry& file : readFolder(path)) {
-        if (file.type != FolderEntry::Type::kFile || !isOfARecord(file.name)) {
+        const std::string named = stateBeside(file.name).value_or(file.name);
+        if (file.type != FolderEntry::Type::kFile || !isOfARecord(named)) {
             continue;
         }
         try {

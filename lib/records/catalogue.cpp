@@ -8,6 +8,7 @@
 
 #include "format/record_name.h"
 #include "lib/base/error.h"
+#include "lib/records/descriptor.h"
 #include "lib/records/record.h"
 #include "lib/records/record_head.h"
 #include "lib/records/record_info.h"
@@ -117,7 +118,8 @@ void visitFolders(const FolderVisitor& visit, Unread* unread) {
 std::vector<Address> recordsIn(const std::string& folder) {
     std::vector<Address> found;
     for (const FolderEntry& entry : readFolder(folderPath(folder))) {
-        if (entry.type == FolderEntry::Type::kFile && hasMarker(entry.name, kDscSuffix)) {
+        if (entry.type == FolderEntry::Type::kFile && hasMarker(entry.name, kDscSuffix) &&
+            !stateBeside(entry.name)) {
             found.push_back({folder, std::string(withoutMarker(entry.name, kDscSuffix))});
         }
     }

@@ -9,6 +9,7 @@
 #include "format/body_reference.h"
 #include "format/dsc_text.h"
 #include "format/record_name.h"
+#include "lib/base/conflict_copy.h"
 #include "lib/base/files.h"
 #include "os/files.h"
 
@@ -75,6 +76,11 @@ std::string_view markerOf(std::string_view file) {
         }
     }
     return hasMarker(file, kDscSuffix) ? kDscSuffix : std::string_view();
+}
+
+std::optional<std::string> stateBeside(std::string_view file) {
+    auto rival = rivalOf(file);
+    return rival && (!markerOf(*rival).empty() || isUniqueName(*rival)) ? rival : std::nullopt;
 }
 
 std::vector<DescriptorLine> parseDescriptor(std::string_view text) {

@@ -51,6 +51,10 @@ struct DescriptorLine {
 // was none.
 std::string_view markerOf(std::string_view file);
 
+// The descriptor, with or without a marker, or the body that this file is a conflict copy of
+// (lib/base/conflict_copy.h). None for any other file.
+std::optional<std::string> stateBeside(std::string_view file);
+
 std::vector<DescriptorLine> parseDescriptor(std::string_view text);
 
 // A descriptor of this size, which is more than kMostDescriptor.

@@ -67,6 +67,178 @@ class SwappedBodiesTest(TwoRecordsTest):
         self.assertEqual(b"of c", self.run_tool("get", "settings/c").out)
 
 
+class ConflictTest(TwoRecordsTest):
+    """Second states of a file, as synchronisers and merges leave them."""
+
+    NAMES = ["a.sync-conflict-20261123-101500-ABCDEFG.dsc", "a.dsc.sync-conflict-20261123-101500-ABCDEFG",
+             "a (conflicted copy 2026-11-23).dsc", "a (Alice's conflicted copy 2026-11-23 101500).dsc",
+             "a.dsc.orig"]
+
+    def setUp(self):
+        super().setUp()
+        self.theirs = self.second_state()
+
+    def second_state(self):
+        """The descriptor of another state of the record, with a body of its own."""
+        ours = (self.settings / "a.dsc").read_bytes()
+        body = self.body_of("a")
+        kept = body.read_bytes()
+        self.put("settings/a", b"theirs", "--label", "theirs")
+        theirs = (self.settings / "a.dsc").read_bytes()
+        body.write_bytes(kept)
+        (self.settings / "a.dsc").write_bytes(ours)
+        return theirs
+
+    def leave(self, name, contents=None):
+        (self.settings / name).write_bytes(self.theirs if contents is None else contents)
+        return f"./db/settings/{name}"
+
+    def test_a_copy_is_never_a_record(self):
+        for name in self.NAMES:
+            with self.subTest(name=name):
+                path = self.leave(name)
+                before = self.files()
+                self.assertEqual(["settings/a", "settings/b"], self.records())
+                address = "settings/" + name.removesuffix(".dsc")
+                for args in [("get", address), ("show", address), ("rm", address)]:
+                    self.run_tool(*args, code=50 if name.endswith(".orig") else 4)
+                run = self.run_tool("check", code=3)
+                self.assertIn(f"conflict: {path} is a second state of a.dsc", run.text)
+                self.assertEqual({f"settings/{name}": "conflict"}, self.findings(code=3))
+                self.assertEqual({f"settings/{name}": "conflict"}, self.findings("--deep", code=3))
+                self.run_tool("check", "--repair", code=3)
+                self.assertEqual(before, {path: contents for path, contents in self.files().items()
+                                          if not path.startswith("db.lost")})
+                (self.settings / name).unlink()
+
+    def test_no_new_record_gets_the_name_of_one(self):
+        for name in ["a.sync-conflict-1", "a (conflicted copy 1)"]:
+            message = self.fails(4, "invalid", "put", f"settings/{name}", "-", stdin=b"x")
+            self.assertIn("conflict copy", message)
+            self.fails(4, "invalid", "mv", "settings/a", f"settings/{name}")
+        self.put("settings/x.orig", b"x")  # its file ends in ".dsc"
+        self.assertIn("settings/x.orig", self.records())
+
+    def test_one_keeps_the_body_that_it_names(self):
+        for name in self.NAMES:
+            path = self.leave(name)
+            self.run_tool("check", "--repair", code=3)
+            self.run_tool("check", "--settle", path, "--keep", "theirs")
+            self.assertEqual(b"theirs", self.body("settings/a"))
+            self.assertIn("theirs", self.run_tool("show", "settings/a").text)
+            self.assert_sound_but_lost()
+            self.restore()
+
+    def assert_sound_but_lost(self):
+        document = self.run_tool("check", "--deep", "--json").document
+        self.assertEqual([], document["findings"])
+
+    def restore(self):
+        for entry in [self.folder / "db", self.folder / "db.lost"]:
+            shutil.rmtree(entry, ignore_errors=True)
+        shutil.copytree(self._template / "db", self.folder / "db")
+        self.theirs = self.second_state()
+
+    def test_ours_stays_and_theirs_can_be_put_back(self):
+        path = self.leave(self.NAMES[0])
+        before = self.files()
+        settled = self.run_tool("check", "--settle", path, "--keep", "ours", "--json").document
+        self.assertEqual("./db/settings/a.dsc", settled["settled"])
+        self.assertEqual(b"body of a", self.body("settings/a"))
+        self.assert_sound_but_lost()
+        self.run_tool("check", "--undo", settled["lost"].removeprefix("./db.lost/"))
+        self.assertEqual(before, self.files())
+
+    def test_theirs_takes_the_place_and_ours_can_be_put_back(self):
+        path = self.leave(self.NAMES[0])
+        settled = self.run_tool("check", "--settle", path, "--keep", "theirs", "--json").document
+        self.assertEqual(b"theirs", self.body("settings/a"))
+        self.assert_sound_but_lost()
+        self.run_tool("check", "--undo", settled["lost"].removeprefix("./db.lost/"))
+        (copy,) = (name for name, kind in self.findings(code=3).items() if kind == "conflict")
+        self.run_tool("check", "--settle", copy, "--keep", "theirs")
+        self.assertEqual(b"body of a", self.body("settings/a"))
+        self.assert_sound_but_lost()
+
+    def test_a_record_of_which_only_the_copy_is_left(self):
+        path = self.leave(self.NAMES[0])
+        self.run_tool("rm", "settings/a")
+        self.assertEqual(["settings/b"], self.records())
+        self.assertIn("which is not there", self.run_tool("check", code=3).text)
+        self.fails(50, "missing", "check", "--settle", path, "--keep", "ours")
+        self.run_tool("check", "--settle", path, "--keep", "theirs")
+        self.assertEqual(b"theirs", self.body("settings/a"))
+
+    def test_a_body_in_conflict(self):
+        body = self.body_of("a")
+        copy = body.with_name(body.name + ".sync-conflict-20261123-101500-ABCDEFG")
+        body.rename(copy)
+        body.write_bytes(b"something else")
+        self.assertEqual("conflict", self.findings(code=3)[f"settings/{copy.name}"])
+        self.run_tool("check", "--settle", f"settings/{copy.name}", "--keep", "theirs")
+        self.assertEqual(b"body of a", self.body("settings/a"))
+
+    def test_a_state_that_cannot_be_read_is_not_taken(self):
+        for contents in [b"", b"no descriptor\n", b"10000003 00000000 0000beef\n"]:
+            path = self.leave(self.NAMES[0], contents)
+            before = self.files()
+            self.assertIn("nothing was changed",
+                          self.fails(3, "found", "check", "--settle", path, "--keep", "theirs"))
+            self.assertEqual(before, self.files())
+
+    def merge(self):
+        ours = (self.settings / "a.dsc").read_bytes()
+        self.leave("a.dsc", b"<<<<<<< HEAD\n" + ours + b"=======\n" + self.theirs + b">>>>>>> other\n")
+
+    def test_the_marks_of_a_merge(self):
+        for keep, body in [("ours", b"body of a"), ("theirs", b"theirs")]:
+            with self.subTest(keep=keep):
+                self.merge()
+                before = self.files()
+                self.assertEqual({"settings/a.dsc": "conflict"}, self.findings(code=3))
+                self.run_tool("get", "settings/a", code=59)
+                self.run_tool("check", "--repair", code=3)
+                self.assertEqual(before, self.files())
+                self.run_tool("check", "--settle", "settings/a.dsc", "--keep", keep)
+                self.assertEqual(body, self.body("settings/a"))
+                self.run_tool("check", "--repair")
+                self.assert_sound_but_lost()
+                self.restore()
+
+    def test_marks_that_no_merge_leaves_are_damage(self):
+        ours = (self.settings / "a.dsc").read_bytes()
+        for text in [b"<<<<<<< HEAD\n" + ours, b"=======\n" + ours,
+                     b"<<<<<<< a\n" + ours + b">>>>>>> b\n=======\n"]:
+            self.leave("a.dsc", text)
+            self.assertEqual("damaged", self.findings(code=3)["settings/a.dsc"])
+            self.fails(4, "invalid", "check", "--settle", "settings/a.dsc", "--keep", "ours")
+
+    def test_the_password_is_not_changed_beside_a_copy(self):
+        path = self.leave("a.dsc.orig")
+        before = self.files()
+        message = self.fails(3, "found", "passwd", *support.CHEAP, env={"FSTORE_NEW_PASSWORD": "new"})
+        self.assertIn(path, message)
+        self.assertEqual(before, self.files())
+
+    def test_a_record_of_the_password_is_not_exchanged_alone(self):
+        copy = self.folder / "db/kdf.sync-conflict-20261123-101500-ABCDEFG.dsc"
+        shutil.copy(self.folder / "db/kdf.dsc", copy)
+        self.fails(4, "invalid", "check", "--settle", copy.name, "--keep", "theirs")
+        self.run_tool("check", "--settle", copy.name, "--keep", "ours")
+        self.assertNotIn("conflict", self.findings().values())
+
+    def test_what_is_not_in_conflict_or_not_there(self):
+        before = self.files()
+        self.fails(4, "invalid", "check", "--settle", "settings/a.dsc", "--keep", "theirs")
+        self.fails(50, "missing", "check", "--settle", "settings/x.dsc", "--keep", "theirs")
+        self.fails(50, "missing", "check", "--settle", "settings/..", "--keep", "theirs")
+        self.fails(4, "invalid", "check", "--settle", "../x.orig", "--keep", "theirs")
+        self.fails(2, "usage", "check", "--settle", "settings/a.dsc")
+        self.fails(2, "usage", "check", "--keep", "ours")
+        self.fails(2, "usage", "check", "--settle", "settings/a.dsc", "--keep", "ours", "--repair")
+        self.assertEqual(before, self.files())
+
+
 class CheckTest(TwoRecordsTest):
     def test_a_sound_database(self):
         self.assertEqual({}, self.findings())
@@ -418,7 +590,7 @@ class SharedBodyTest(TwoRecordsTest):
 
     def setUp(self):
         super().setUp()
-        self.copy = "a.sync-conflict-20261121-120000-ABCDEFG"
+        self.copy = "a copy"
         shutil.copy(self.settings / "a.dsc", self.settings / f"{self.copy}.dsc")
 
     def test_removing_one_keeps_the_other(self):
@@ -434,10 +606,10 @@ class SharedBodyTest(TwoRecordsTest):
             self.assertIn("is also named by a.dsc", run.message)
         self.assertEqual(b"body of a", self.body("settings/a"))
 
-    def test_whatever_a_synchroniser_calls_its_copy(self):
+    def test_whatever_the_copy_is_called(self):
         (self.settings / f"{self.copy}.dsc").unlink()
         body = self.body_of("a")
-        for name in ["a (conflicted copy 2026-11-21).dsc", "a.conflict.dsc", "a.orig.dsc",
+        for name in ["a - Copy.dsc", "a.conflict.dsc", "a.orig.dsc",
                      "A.dsc", "a.dsc.dsc"]:
             for removed in [name.removesuffix(".dsc"), "a"]:
                 with self.subTest(name=name, removed=removed):
@@ -453,7 +625,7 @@ class SharedBodyTest(TwoRecordsTest):
 
     def test_what_is_no_descriptor_is_no_record(self):
         (self.settings / f"{self.copy}.dsc").unlink()
-        names = ["a.dsc.orig", "a.orig", "a.dsc~", "a.dsc (conflicted copy 2026-11-21)"]
+        names = ["a.dsc.bak", "a.orig", "a.dsc~", "a (conflicted copy 2026-11-21)"]
         for name in names:
             shutil.copy(self.settings / "a.dsc", self.settings / name)
         self.assertEqual(["settings/a", "settings/b"], self.records())
@@ -473,6 +645,22 @@ class SharedBodyTest(TwoRecordsTest):
                           f"./db/settings/{body.name}": "unreadable"}, found)
         rival.chmod(0o600)
         self.assertEqual(b"body of a", self.body(f"settings/{self.copy}"))
+
+    def test_a_conflict_copy_keeps_its_body(self):
+        body = self.body_of("a")
+        for name in ["a.sync-conflict-20261121-120000-ABCDEFG.dsc", "a.dsc.orig"]:
+            with self.subTest(name=name):
+                (self.settings / f"{self.copy}.dsc").replace(self.settings / name)
+                for command in (["put", "settings/a", "-"], ["set", "settings/a", "label=x"]):
+                    run = self.run_tool(*command, stdin=b"new", code=59)
+                    self.assertIn(f"is also named by {name}", run.message)
+                run = self.run_tool("rm", "settings/a")
+                self.assertIn(f"its body file stays: it is also named by {name}", run.message)
+                self.run_tool("check", "--repair", code=3)
+                self.assertTrue(body.exists())
+                self.run_tool("check", "--settle", f"settings/{name}", "--keep", "theirs")
+                self.assertEqual(b"body of a", self.body("settings/a"))
+                shutil.copy(self.settings / "a.dsc", self.settings / f"{self.copy}.dsc")
 
     def test_a_record_beside_an_unreadable_one_keeps_its_body(self):
         (self.settings / f"{self.copy}.dsc").write_text("nonsense\n")

@@ -198,6 +198,7 @@ class DyingTest(ReplicatedTest):
                 support.finish(change)
                 found = self.password_in_force(self.two)
                 self.assertIn(found, (old, new))
+                self.put(self.two, "settings/x", b"x", password=found)  # who writes next, cleans up
                 self.assert_all_there(self.two, password=found)
                 self.one.mount()
 
