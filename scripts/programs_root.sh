@@ -1,4 +1,5 @@
 #!/bin/bash
+# shellcheck disable=SC2154  # $build is of the script that sources this
 # For scripts that source it: a root of its own with packages of the distribution, and with fstore of a
 # build, so that nothing of them is installed on this machine. Needs root and the sources that apt is
 # configured with, and ends the script without them. The root as the packages made it is kept in

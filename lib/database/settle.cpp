@@ -1,7 +1,6 @@
 #include "lib/database/settle.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>

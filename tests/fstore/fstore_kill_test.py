@@ -103,6 +103,61 @@ class MovedAside(Repair):
         (folder / "db").rename(folder / "old_db")
 
 
+class SettleOurs(Workload):
+    """Of two states one is kept; whatever dies, the record is in one of them."""
+
+    args = ("check", "--settle", "lsps/plain.dsc.orig", "--keep", "ours")
+    bodies = {**Workload.bodies, "lsps/plain": {b"plain", b"theirs"}}
+    kept = b"plain"
+
+    def prepare(self, folder):
+        lsps = folder / "db/lsps"
+        before = {path: path.read_bytes() for path in lsps.iterdir()}
+        run = support.fstore("-D", folder, "put", "lsps/plain", "-", "--plain-body", stdin=b"theirs")
+        assert run.code == 0, run
+        (lsps / "plain.dsc").rename(lsps / "plain.dsc.orig")
+        for path, contents in before.items():
+            path.write_bytes(contents)
+
+    def verify(self, folder):
+        shown = support.fstore("-D", folder, "get", "lsps/plain")
+        assert shown.out in self.bodies["lsps/plain"], shown
+        for _ in range(3):  # the states that are left, also one that the run has put aside
+            run = support.fstore("-D", folder, "check", "--json")
+            left = [one["path"] for one in run.document["findings"] if one["kind"] == "conflict"]
+            if not left:
+                break
+            keep = "theirs" if support.fstore("-D", folder, "get", "lsps/plain").out != self.kept \
+                else "ours"
+            run = support.fstore("-D", folder, "check", "--settle", left[0], "--keep", keep)
+            assert run.code == 0, run
+        super().verify(folder)
+        assert support.fstore("-D", folder, "get", "lsps/plain").out == self.kept
+
+
+class SettleTheirs(SettleOurs):
+    args = ("check", "--settle", "lsps/plain.dsc.orig", "--keep", "theirs")
+    kept = b"theirs"
+
+
+class SettleMerge(SettleTheirs):
+    args = ("check", "--settle", "lsps/plain.dsc", "--keep", "theirs")
+
+    def prepare(self, folder):
+        super().prepare(folder)
+        ours, theirs = folder / "db/lsps/plain.dsc", folder / "db/lsps/plain.dsc.orig"
+        ours.write_bytes(b"<<<<<<< HEAD\n" + ours.read_bytes() + b"=======\n" +
+                         theirs.read_bytes() + b">>>>>>> other\n")
+        theirs.unlink()
+
+    def verify(self, folder):
+        # Until it is settled, nobody can say which state the record has.
+        if support.fstore("-D", folder, "get", "lsps/plain").code == 59:
+            run = support.fstore("-D", folder, *self.args)
+            assert run.code == 0, run
+        super().verify(folder)
+
+
 class CommandsTest(KillTest):
     def test_put_with_faults(self):
         self.fail_everywhere(Put)
@@ -134,6 +189,15 @@ class CommandsTest(KillTest):
     def test_repair_of_a_database_moved_aside_with_faults(self):
         self.fail_everywhere(MovedAside)
 
+    def test_settle_ours_with_faults(self):
+        self.fail_everywhere(SettleOurs)
+
+    def test_settle_theirs_with_faults(self):
+        self.fail_everywhere(SettleTheirs)
+
+    def test_settle_a_merge_with_faults(self):
+        self.fail_everywhere(SettleMerge)
+
     def test_put(self):
         self.kill_everywhere(Put)
 
@@ -163,6 +227,15 @@ class CommandsTest(KillTest):
 
     def test_repair_of_a_database_moved_aside(self):
         self.kill_everywhere(MovedAside)
+
+    def test_settle_ours(self):
+        self.kill_everywhere(SettleOurs)
+
+    def test_settle_theirs(self):
+        self.kill_everywhere(SettleTheirs)
+
+    def test_settle_a_merge(self):
+        self.kill_everywhere(SettleMerge)
 
 
 if __name__ == "__main__":
