@@ -8,7 +8,7 @@
 #     . scripts/programs_root.sh    as a script in the project's folder, with $build as the build folder
 #
 # Afterwards $root is its folder, which is removed when the script ends.
-packages=openssl,libfmt9,curl,python3-minimal,nginx-light,haproxy,apache2,lighttpd,lighttpd-mod-openssl
+packages=openssl,libfmt9,libsqlite3-0,curl,python3-minimal,nginx-light,haproxy,apache2,lighttpd,lighttpd-mod-openssl
 packages+=,stunnel4,mosquitto,redis-server,postgresql-15,socat,openvpn,php8.2-cli,ruby3.1,openssh-client
 packages+=,certbot,python3-cffi-backend,dehydrated,pebble,systemd
 packages+=,glusterfs-server,glusterfs-client,iproute2,procps,python3,restic,borgbackup,rsync,git
