@@ -173,7 +173,7 @@ ArchiveTotals verifyArchive(const os::File& file, const std::string& name, const
 std::uint64_t sizeOfTree(const std::string& folder) {
     std::uint64_t bytes = 0;
     try {
-        for (const FolderEntry& entry : listFolder(folder)) {
+        visitEntries(folder, [&](const FolderEntry& entry) {
             const std::string name = joined(folder, entry.name);
             struct stat status {};
             if (entry.type == FolderEntry::Type::kFolder) {
@@ -181,7 +181,7 @@ std::uint64_t sizeOfTree(const std::string& folder) {
             } else if (os::lstat(name.c_str(), &status) == 0) {
                 bytes += static_cast<std::uint64_t>(status.st_size);
             }
-        }
+        });
     } catch (const MemoryFailure&) {
         throw;
     } catch (const Failure&) {

@@ -14,6 +14,7 @@
 
 #include "lib/base/digits.h"
 #include "lib/base/error.h"
+#include "lib/base/name_list.h"
 #include "os/base.h"
 #include "os/files.h"
 #include "os/fs.h"
@@ -135,12 +136,6 @@ void visitEntriesOf(const char* path, const std::string& name, const EntryUser& 
     }
 }
 
-std::vector<FolderEntry> entriesOf(const char* path, const std::string& name) {
-    std::vector<FolderEntry> entries;
-    visitEntriesOf(path, name, [&](FolderEntry entry) { entries.push_back(std::move(entry)); });
-    return entries;
-}
-
 // In the functions below `path` begins at the thread's os::Base, and `name` is for messages.
 
 void removeEntry(const char* path, const std::string& name) {
@@ -164,14 +159,23 @@ void emptyFolder(const char* path, const std::string& name) {
         failWithErrno("read the folder", name);
     }
     const os::Base inside(folder.get());
-    for (const FolderEntry& entry : entriesOf(".", name)) {
-        const std::string shown = joined(name, entry.name);
+    NameList files;
+    std::vector<std::string> folders;
+    visitEntriesOf(".", name, [&](const FolderEntry& entry) {
         if (entry.type == FolderEntry::Type::kFolder) {
-            emptyFolder(entry.name.c_str(), shown);
-            removeFolder(entry.name.c_str(), shown);
+            folders.push_back(entry.name);
         } else {
-            removeEntry(entry.name.c_str(), shown);
+            files.add(entry.name);
         }
+    });
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        const std::string file(files[i]);
+        removeEntry(file.c_str(), joined(name, file));
+    }
+    for (const std::string& each : folders) {
+        const std::string shown = joined(name, each);
+        emptyFolder(each.c_str(), shown);
+        removeFolder(each.c_str(), shown);
     }
 }
 
@@ -356,7 +360,9 @@ void visitEntries(const std::string& path, const EntryUser& use) {
 }
 
 std::vector<FolderEntry> readFolder(const std::string& path) {
-    return entriesOf(path.c_str(), path);
+    std::vector<FolderEntry> entries;
+    visitEntries(path, [&](FolderEntry entry) { entries.push_back(std::move(entry)); });
+    return entries;
 }
 
 std::vector<FolderEntry> listFolder(const std::string& path) {

@@ -48,15 +48,19 @@ void inspectCopies(const Protection& protection, std::vector<Finding>& findings)
 // What cannot be read is told elsewhere.
 bool hasEncrypted() {
     Unread unread;
-    return std::ranges::any_of(allRecords(&unread), [](const Address& address) {
+    bool isOne = false;
+    const auto look = [&](const Address& address) {
         try {
-            return RecordHead::read(address).hasSecrets();
+            isOne = RecordHead::read(address).hasSecrets();
         } catch (const MemoryFailure&) {
             throw;
         } catch (const Failure&) {
-            return false;
+            isOne = false;
         }
-    });
+        return !isOne;
+    };
+    visitRecords(look, &unread);
+    return isOne;
 }
 
 // A database that no tool of ours made has no slots, either.
@@ -81,7 +85,7 @@ void inspectWithoutSlots(const Protection& protection, Database& database) {
 
 // What the records of the password say, besides what stands in the folders.
 std::vector<Finding> inspectAll(Database& database) {
-    std::vector<Finding> findings = inspect();
+    std::vector<Finding> findings = inspect(database.observer());
     if (!findings.empty() && findings.front().kind == Finding::Kind::kMovedAside) {
         return findings;  // there is nothing to read yet
     }

@@ -113,10 +113,10 @@ void readOne(const RecordHead& head, Bodies bodies, const Examiner* examiner, De
 DeepReport readEverything(Observer& observer, const std::string& what, Bodies bodies,
                           const Examiner* examiner) {
     DeepReport report;
-    const std::vector<Address> addresses = allRecords(&report.unread);
-    Progress progress(observer, what, addresses.size());
+    Unread elsewhere;  // told when they are read
+    Progress progress(observer, what, countRecords(&elsewhere));
     Fingerprint fingerprint;
-    for (const Address& address : addresses) {
+    const auto look = [&](const Address& address) {
         ++report.records;
         try {
             readOne(RecordHead::read(address), bodies, examiner, report, fingerprint);
@@ -126,7 +126,9 @@ DeepReport readEverything(Observer& observer, const std::string& what, Bodies bo
             report.damaged.push_back({address, failure});
         }
         progress.step();
-    }
+        return true;
+    };
+    visitRecords(look, &report.unread);
     report.fingerprint = fingerprint.finish();
     return report;
 }

@@ -1,10 +1,13 @@
 #include "lib/database/folder_check.h"
 
 #include <algorithm>
+#include <charconv>
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <set>
 #include <string_view>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -14,6 +17,7 @@
 #include "lib/base/conflict_copy.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
+#include "lib/base/name_list.h"
 #include "lib/base/sha256.h"
 #include "lib/records/descriptor.h"
 #include "lib/records/record_head.h"
@@ -83,57 +87,174 @@ Sha256Digest digestOf(const std::string& path) {
     return digest.finish();
 }
 
+// The files of a folder that are no descriptors, and which descriptor names each. Those that have
+// the names of bodies are numbers here: there may be millions.
+class Bodies {
+public:
+    static constexpr std::uint32_t kNobody = 0xFFFFFFFF;
+
+    void add(const std::string& name) {
+        if (isUniqueName(name)) {
+            numbers_.push_back(numberOf(name));
+        } else {
+            others_.emplace(name, kNobody);
+        }
+    }
+
+    void sort() {
+        std::ranges::sort(numbers_);
+        owners_.assign(numbers_.size(), kNobody);
+    }
+
+    bool contains(const std::string& name) const {
+        return isUniqueName(name) ? std::ranges::binary_search(numbers_, numberOf(name))
+                                  : others_.contains(name);
+    }
+
+    // Who names the body, also one that is not there: to be set once.
+    std::uint32_t& ownerOf(const std::string& name) {
+        if (isUniqueName(name)) {
+            const auto found = std::ranges::lower_bound(numbers_, numberOf(name));
+            if (found != numbers_.end() && *found == numberOf(name)) {
+                return owners_[static_cast<std::size_t>(found - numbers_.begin())];
+            }
+        } else if (const auto found = others_.find(name); found != others_.end()) {
+            return found->second;
+        }
+        return missing_.try_emplace(name, kNobody).first->second;
+    }
+
+    // Calls use(name) for those that nobody names, by name.
+    template <class Use>
+    void forEachUnowned(Use use) const {
+        auto other = others_.begin();
+        const auto useOthersBefore = [&](const std::string* name) {
+            for (; other != others_.end() && (name == nullptr || other->first < *name); ++other) {
+                if (other->second == kNobody) {
+                    use(other->first);
+                }
+            }
+        };
+        for (std::size_t i = 0; i < numbers_.size(); ++i) {
+            if (owners_[i] == kNobody) {
+                const std::string name = uniqueName(numbers_[i]);
+                useOthersBefore(&name);
+                use(name);
+            }
+        }
+        useOthersBefore(nullptr);
+    }
+
+private:
+    static std::uint32_t numberOf(const std::string& name) {
+        std::uint32_t number = 0;
+        (void)std::from_chars(name.data(), name.data() + name.size(), number, 16);  // it is one
+        return number;
+    }
+
+    std::vector<std::uint32_t> numbers_;
+    std::vector<std::uint32_t> owners_;             // beside them
+    std::map<std::string, std::uint32_t> others_;   // with their owners
+    std::map<std::string, std::uint32_t> missing_;  // the same of what is not there
+};
+
+// There may be millions of descriptors, so each is read when its turn comes, and only its name is
+// kept. Those with a marker are few.
 class FolderCheck {
 public:
-    FolderCheck(std::string folder, std::vector<Finding>& findings)
-        : folder_(std::move(folder)), path_(folderPath(folder_)), findings_(findings) {}
+    FolderCheck(std::string folder, std::vector<Finding>& findings, const FileDone& done)
+        : folder_(std::move(folder)),
+          path_(folderPath(folder_)),
+          findings_(findings),
+          done_(done) {}
 
     void run() {
         list();
-        for (Namer& namer : namers_) {
+        for (Namer& namer : marked_) {
             examineText(namer);
         }
-        for (Namer& namer : namers_) {
+        for (Namer& namer : marked_) {
             decide(namer);
         }
-        for (Namer& namer : namers_) {
-            if (namer.stays) {
-                examineStaying(namer);
-            }
+        examineAllThatStay();
+        for (std::size_t i = 0; i < copies_.size(); ++i) {
+            examineCopy(copies_[i], descriptors_.size() + marked_.size() + i);
         }
-        for (Namer& copy : copies_) {
-            examineCopy(copy);
-        }
-        for (Namer& namer : namers_) {
+        for (const Namer& namer : marked_) {
             if (!namer.stays) {
                 examineLeaving(namer);
             }
         }
-        for (const std::string& body : bodies_) {
-            examineBody(body);
-        }
+        bodies_.forEachUnowned([this](const std::string& body) { examineBody(body); });
     }
 
 private:
     void list() {
-        for (const FolderEntry& entry : listFolder(path_)) {
+        NameList unknown;
+        visitEntries(path_, [&](const FolderEntry& entry) {
             if (entry.type == FolderEntry::Type::kFolder) {
-                continue;
+                return;
             }
             const std::string_view marker = markerOf(entry.name);
             if (entry.type == FolderEntry::Type::kOther) {
-                add(FindingKind::kUnknownFile, entry.name, "is neither a file nor a folder");
-            } else if (stateBeside(entry.name)) {
-                copies_.emplace_back(entry.name, markerOf(*stateBeside(entry.name)));
+                unknown.add(entry.name);
+            } else if (const auto rival = stateBeside(entry.name)) {
+                copies_.emplace_back(entry.name, markerOf(*rival));
+            } else if (marker == kDscSuffix) {
+                descriptors_.add(entry.name);
             } else if (!marker.empty()) {
-                namers_.emplace_back(entry.name, marker);
+                marked_.emplace_back(entry.name, marker);
             } else {
-                bodies_.insert(entry.name);
+                bodies_.add(entry.name);
             }
+        });
+        descriptors_.sort();
+        std::ranges::sort(marked_, {}, &Namer::file);
+        std::ranges::sort(copies_, {}, &Namer::file);
+        bodies_.sort();
+        unknown.sort();
+        for (std::size_t i = 0; i < unknown.size(); ++i) {
+            add(FindingKind::kUnknownFile, std::string(unknown[i]),
+                "is neither a file nor a folder");
         }
     }
 
-    void examineText(Namer& namer) {
+    // By name.
+    void examineAllThatStay() {
+        std::size_t next = 0;  // of marked_
+        const auto examineMarkedBefore = [&](std::string_view file) {
+            for (; next < marked_.size() && (file.empty() || marked_[next].file < file); ++next) {
+                if (marked_[next].stays) {
+                    examineStaying(marked_[next], numberOfMarked(marked_[next]));
+                }
+            }
+        };
+        for (std::size_t i = 0; i < descriptors_.size(); ++i) {
+            Namer namer(std::string(descriptors_[i]), kDscSuffix);
+            examineMarkedBefore(namer.file);
+            examineText(namer);
+            examineStaying(namer, i);
+            if (done_) {
+                done_();
+            }
+        }
+        examineMarkedBefore({});
+    }
+
+    // For Bodies: descriptors, then those with a marker, then copies.
+    std::size_t numberOfMarked(const Namer& marked) const {
+        return descriptors_.size() + static_cast<std::size_t>(&marked - marked_.data());
+    }
+    std::string nameOfNumber(std::size_t number) const {
+        if (number < descriptors_.size()) {
+            return std::string(descriptors_[number]);
+        }
+        number -= descriptors_.size();
+        return number < marked_.size() ? marked_[number].file
+                                       : copies_[number - marked_.size()].file;
+    }
+
+    void examineText(Namer& namer) const {
         try {
             const SecretBytes bytes = readDescriptorBytes(joined(path_, namer.file));
             const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
@@ -170,17 +291,8 @@ private:
         }
     }
 
-    // They are in the order of their names, and there may be very many.
-    const Namer* find(std::string_view file) const {
-        const auto found = std::ranges::lower_bound(namers_, file, {}, &Namer::file);
-        return found == namers_.end() || found->file != file ? nullptr : &*found;
-    }
-
     // What becomes of the file, as far as its name and its own text say.
     void decide(Namer& namer) {
-        if (namer.marker == kDscSuffix) {
-            return;
-        }
         namer.stays = false;
         namer.repair = Repair::kMoveAway;
         if (namer.marker == kDeletedMarker && namer.isSound()) {
@@ -192,14 +304,13 @@ private:
     }
 
     void decideSaved(Namer& namer) {
-        const std::string_view place = withoutMarker(namer.file, kOldMarker);
-        const Namer* const current = find(place);
-        if (current == nullptr) {
+        const std::string place(withoutMarker(namer.file, kOldMarker));
+        if (!descriptors_.find(place)) {
             namer.stays = true;
-            const bool isFree = !exists(joined(path_, std::string(place)));
+            const bool isFree = !exists(joined(path_, place));
             namer.repair = isFree ? Repair::kPutBack : Repair::kNone;
             namer.isObstructed = !isFree;
-        } else if (!isReadable(*current)) {
+        } else if (!isReadable(place)) {
             namer.stays = true;
         } else if (namer.isSound()) {
             namer.repair = Repair::kDelete;  // the replacement was acknowledged
@@ -208,7 +319,7 @@ private:
 
     // A conflict copy is never a record, but somebody may decide that it has the better state: what
     // it names stays.
-    void examineCopy(Namer& copy) {
+    void examineCopy(Namer& copy, std::size_t number) {
         const std::string rival = *stateBeside(copy.file);
         addDoubtful(FindingKind::kConflict, copy.file,
                     exists(joined(path_, rival))
@@ -222,7 +333,7 @@ private:
         mentioned_.insert(copy.mentioned.begin(), copy.mentioned.end());
         (copy.isDenied ? isPartlyUnread_ : isInDoubt_) |= !copy.isSound();
         if (copy.body) {
-            owners_.emplace(*copy.body, copy.file);
+            own(*copy.body, number);
         }
     }
 
@@ -243,15 +354,18 @@ private:
         }
     }
 
-    bool isReadable(const Namer& current) const {
+    bool isReadable(const std::string& descriptor) const {
+        Namer current(descriptor, kDscSuffix);
+        examineText(current);
         std::optional<Failure> ignored;
         return current.isSound() && read(current, ignored);
     }
 
-    void examineStaying(Namer& namer) {
+    // `number` is that of the file for nameOfNumber().
+    void examineStaying(const Namer& namer, std::size_t number) {
         mentioned_.insert(namer.mentioned.begin(), namer.mentioned.end());
         if (namer.marker == kDscSuffix) {
-            examineDescriptor(namer);
+            examineDescriptor(namer, number);
         } else if (namer.repair == Repair::kPutBack) {
             add(FindingKind::kSavedDescriptor, namer.file,
                 "is the old state of an interrupted write", namer.repair);
@@ -265,12 +379,17 @@ private:
             addDoubtful(FindingKind::kSavedDescriptor, namer.file,
                         "is the old state of a record that is damaged now");
         }
-        if (namer.body && !owners_.emplace(*namer.body, namer.file).second) {
-            damaged(namer, fmt::format("names the same body file as {}", owners_[*namer.body]));
+        if (!namer.body) {
+            return;
+        }
+        if (std::uint32_t& owner = bodies_.ownerOf(*namer.body); owner == Bodies::kNobody) {
+            owner = static_cast<std::uint32_t>(number);
+        } else {
+            damaged(namer, fmt::format("names the same body file as {}", nameOfNumber(owner)));
         }
     }
 
-    void examineDescriptor(const Namer& namer) {
+    void examineDescriptor(const Namer& namer, std::size_t number) {
         if (namer.isDenied) {
             isPartlyUnread_ = true;
             add(FindingKind::kUnreadable, namer.file, namer.fault);
@@ -281,7 +400,7 @@ private:
         if (namer.isMerge) {
             isInDoubt_ = true;
             for (const std::string& body : namer.mentioned) {
-                owners_.emplace(body, namer.file);
+                own(body, number);
             }
             addDoubtful(
                 FindingKind::kConflict, namer.file,
@@ -332,17 +451,15 @@ private:
         if (namer.isDenied || (isPartlyUnread_ && !isInDoubt_)) {
             add(FindingKind::kUnreadable, namer.file,
                 std::string(message) + ", and stays until all of the folder can be read");
-            if (namer.body) {
-                owners_.emplace(*namer.body, namer.file);
-            }
+            ownBodyOf(namer);
             isPartlyUnread_ = true;
             return;
         }
-        if (isInDoubt_ && namer.body && !owners_.contains(*namer.body)) {
+        if (isInDoubt_ && namer.body && !isOwned(*namer.body)) {
             // Its body may be that of the damaged record, and would have no name any more.
             addDoubtful(kind, namer.file,
                         std::string(message) + ", and stays while a record here is damaged");
-            owners_.emplace(*namer.body, namer.file);
+            ownBodyOf(namer);
             return;
         }
         add(kind, namer.file, message, namer.repair);
@@ -354,10 +471,23 @@ private:
         }
     }
 
-    void examineBody(const std::string& body) {
-        if (owners_.contains(body)) {
-            return;
+    bool isOwned(const std::string& body) { return bodies_.ownerOf(body) != Bodies::kNobody; }
+
+    // Unless it is another's.
+    void own(const std::string& body, std::size_t number) {
+        if (!isOwned(body)) {
+            bodies_.ownerOf(body) = static_cast<std::uint32_t>(number);
         }
+    }
+
+    // A leftover that stays keeps its body.
+    void ownBodyOf(const Namer& leftover) {
+        if (leftover.body) {
+            own(*leftover.body, numberOfMarked(leftover));
+        }
+    }
+
+    void examineBody(const std::string& body) {
         if (const auto found = leaving_.find(body); found != leaving_.end()) {
             add(FindingKind::kUnnamedBody, body, "is the body of a leftover", found->second);
         } else if (!isUniqueName(body)) {
@@ -392,20 +522,21 @@ private:
     std::string folder_;
     std::string path_;
     std::vector<Finding>& findings_;
-    std::vector<Namer> namers_;
-    std::vector<Namer> copies_;                  // conflict copies; the marker is their rival's
-    std::set<std::string> bodies_;               // what a descriptor could name, whatever its name
-    std::map<std::string, std::string> owners_;  // body: the first file that stays and names it
-    std::map<std::string, Repair> leaving_;      // body: what becomes of the files that name it
-    std::set<std::string> mentioned_;            // bodies, by files that stay
-    bool isInDoubt_ = false;       // a descriptor that stays may name a body that is not in owners_
+    const FileDone& done_;
+    NameList descriptors_;
+    std::vector<Namer> marked_;              // by name
+    std::vector<Namer> copies_;              // conflict copies; the marker is their rival's
+    Bodies bodies_;                          // what a descriptor could name, whatever its name
+    std::map<std::string, Repair> leaving_;  // body: what becomes of the files that name it
+    std::set<std::string> mentioned_;        // bodies, by files that stay
+    bool isInDoubt_ = false;       // a descriptor that stays may name a body that has no owner
     bool isPartlyUnread_ = false;  // so may one that the user may not read
 };
 
 }  // namespace
 
-void checkFolder(const std::string& folder, std::vector<Finding>& findings) {
-    FolderCheck(folder, findings).run();
+void checkFolder(const std::string& folder, std::vector<Finding>& findings, const FileDone& done) {
+    FolderCheck(folder, findings, done).run();
 }
 
 }  // namespace fstore

@@ -6,6 +6,7 @@
 #ifndef LIB_DATABASE_FOLDER_CHECK_H
 #define LIB_DATABASE_FOLDER_CHECK_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,7 +16,11 @@ namespace fstore {
 
 // Appends what is found in the folder, a name as allFolders() gives it. Reads every record,
 // decrypts nothing and changes nothing.
-void checkFolder(const std::string& folder, std::vector<Finding>& findings);
+//
+// Calls done() after each descriptor, if there is one; what it throws ends the work.
+using FileDone = std::function<void()>;
+void checkFolder(const std::string& folder, std::vector<Finding>& findings,
+                 const FileDone& done = {});
 
 }  // namespace fstore
 

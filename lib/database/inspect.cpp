@@ -95,7 +95,7 @@ void repairOne(const Finding& finding) {
 
 }  // namespace
 
-std::vector<Finding> inspect() {
+std::vector<Finding> inspect(Observer& observer) {
     const FolderState folders = folderState();
     if (!folders.live) {
         return {{FindingKind::kMovedAside, layout::kPrevious,
@@ -119,8 +119,11 @@ std::vector<Finding> inspect() {
                             "restore; delete it when you no longer need it"});
     }
     Unread unread;
-    for (const std::string& folder : allFolders(&unread)) {
-        checkFolder(folder, findings);
+    const std::vector<std::string> all = allFolders(&unread);
+    Unread elsewhere;
+    Progress progress(observer, "Checking", countRecords(&elsewhere));
+    for (const std::string& folder : all) {
+        checkFolder(folder, findings, [&] { progress.step(); });
     }
     for (const Failure& failure : unread) {
         findings.push_back({FindingKind::kDamaged, failure.path(),

@@ -8,14 +8,16 @@
 #include <string>
 #include <vector>
 
+#include "lib/base/observer.h"
 #include "lib/database/finding.h"
 #include "lib/database/slots.h"
 
 namespace fstore {
 
 // What is found below the current folder. Reads every record, decrypts nothing and
-// changes nothing. No other process changes anything meanwhile.
-std::vector<Finding> inspect();
+// changes nothing; each is a step of the observer's work. No other process changes anything
+// meanwhile. Throws kInterrupted.
+std::vector<Finding> inspect(Observer& observer);
 
 // Repairs what one inspection found, but for what concerns the slots: moves away first, and deletes
 // last. Returns the name of the folder in "./db.lost" that got something, made for `time` and for

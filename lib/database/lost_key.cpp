@@ -83,24 +83,19 @@ Word wordOfSlots(const SecretText& p) {
 
 Evidence examine(StoreService& store, std::span<const SecretText> keys, bool byAll) {
     Evidence evidence{.fit = Evidence::Fit::kNothingEncrypted};
-    for (const Address& address : allRecords()) {
+    visitRecords([&](const Address& address) {
         const std::optional<std::size_t> key = keyOf(store, address, keys);
         if (!key) {
-            continue;
+            return true;
         }
         if (*key == keys.size()) {
             evidence.fit = Evidence::Fit::kNone;
-            if (byAll) {
-                return evidence;
-            }
-            continue;
+            return !byAll;
         }
         const bool contradicts = evidence.fit == Evidence::Fit::kOne && evidence.index != *key;
         evidence = {.fit = contradicts ? Evidence::Fit::kNone : Evidence::Fit::kOne, .index = *key};
-        if (!byAll || contradicts) {
-            return evidence;
-        }
-    }
+        return byAll && !contradicts;
+    });
     return evidence;
 }
 

@@ -2,6 +2,7 @@
 
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -23,36 +24,32 @@ namespace {
 // The store copies what it finds: a pipe or a dangling link would fail it, without a
 // word which, and any other link would become the file that it leads to.
 void requireCopyable() {
-    visitFolders([](const std::string& folder, const std::vector<FolderEntry>& entries) {
-        for (const FolderEntry& entry : entries) {
-            if (entry.type == FolderEntry::Type::kOther) {
-                const std::string path = joined(folderPath(folder), entry.name);
-                throw Failure(kInvalid,
-                              fmt::format("{} is neither a file nor a folder, and cannot be copied "
-                                          "with the database; move it elsewhere first",
-                                          path),
-                              path);
-            }
-            if (stateBeside(entry.name)) {
-                const std::string path = joined(folderPath(folder), entry.name);
-                throw Failure(
-                    kFound,
-                    fmt::format("the password was not changed: {} is a conflict copy, "
-                                "which would stay behind with the old key; `fstore check` "
-                                "lists such copies, --settle keeps one of the two",
-                                path),
-                    path);
-            }
-            // The store would take any name with this end for a saved descriptor's.
-            if (hasMarker(entry.name, kOldMarker) && markerOf(entry.name).empty()) {
-                const std::string path = joined(folderPath(folder), entry.name);
-                throw Failure(
-                    kInvalid,
-                    fmt::format("{} is an unknown file whose name ends as that of a saved "
-                                "descriptor; move it elsewhere first",
-                                path),
-                    path);
-            }
+    visitAllEntries([](const std::string& folder, const FolderEntry& entry) {
+        if (entry.type == FolderEntry::Type::kOther) {
+            const std::string path = joined(folderPath(folder), entry.name);
+            throw Failure(kInvalid,
+                          fmt::format("{} is neither a file nor a folder, and cannot be copied "
+                                      "with the database; move it elsewhere first",
+                                      path),
+                          path);
+        }
+        if (stateBeside(entry.name)) {
+            const std::string path = joined(folderPath(folder), entry.name);
+            throw Failure(kFound,
+                          fmt::format("the password was not changed: {} is a conflict copy, "
+                                      "which would stay behind with the old key; `fstore check` "
+                                      "lists such copies, --settle keeps one of the two",
+                                      path),
+                          path);
+        }
+        // The store would take any name with this end for a saved descriptor's.
+        if (hasMarker(entry.name, kOldMarker) && markerOf(entry.name).empty()) {
+            const std::string path = joined(folderPath(folder), entry.name);
+            throw Failure(kInvalid,
+                          fmt::format("{} is an unknown file whose name ends as that of a saved "
+                                      "descriptor; move it elsewhere first",
+                                      path),
+                          path);
         }
     });
 }
@@ -95,15 +92,19 @@ DeepReport readSound(Observer& observer, const char* what) {
 // without the old password.
 // NOLINTNEXTLINE(misc-no-recursion): as deep as folders are
 void requireNamesOf(const std::string& old, const std::string& live) {
-    for (const FolderEntry& entry : listFolder(old)) {
+    std::vector<std::string> folders;
+    visitEntries(old, [&](const FolderEntry& entry) {
         const std::string name = joined(live, entry.name);
         const bool isFolder = entry.type == FolderEntry::Type::kFolder;
         if ((isFolder || entry.name.ends_with(kDscSuffix)) && !exists(name)) {
             throw Failure(kMissing, fmt::format("{} is missing", name), name);
         }
         if (isFolder) {
-            requireNamesOf(joined(old, entry.name), name);
+            folders.push_back(entry.name);
         }
+    });
+    for (const std::string& each : folders) {
+        requireNamesOf(joined(old, each), joined(live, each));
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -23,21 +22,6 @@ namespace {
 constexpr std::array kPasswordRecords{layout::kKeyRecord, layout::kKdfRecord,
                                       layout::kKdfCopyRecord};
 
-// The descriptors that stand moved aside alone, as a write that was broken off between its two
-// renames leaves them: reading would put them back.
-std::vector<std::string> loneSavedOf(const std::string& folder,
-                                     const std::vector<FolderEntry>& entries) {
-    std::vector<std::string> found;
-    for (const FolderEntry& entry : entries) {
-        const std::string path = joined(folderPath(folder), entry.name);
-        if (entry.type == FolderEntry::Type::kFile && markerOf(entry.name) == kOldMarker &&
-            !exists(std::string(withoutMarker(path, kOldMarker)))) {
-            found.push_back(path);
-        }
-    }
-    return found;
-}
-
 // Whether a write that was broken off between its two renames has left this record so.
 bool isMovedAside(const Address& address) {
     const std::string path = descriptorPath(address);
@@ -50,12 +34,20 @@ void putBackIfAside(const Address& address) {
     }
 }
 
+// The descriptors that stand moved aside alone, as a write that was broken off between its two
+// renames leaves them: reading would put them back.
 std::vector<std::string> allLoneSaved() {
     std::vector<std::string> found;
     Unread beyondRepair;  // the command that follows meets them, too
-    visitFolders(
-        [&](const std::string& folder, const std::vector<FolderEntry>& entries) {
-            std::ranges::move(loneSavedOf(folder, entries), std::back_inserter(found));
+    visitAllEntries(
+        [&](const std::string& folder, const FolderEntry& entry) {
+            if (entry.type != FolderEntry::Type::kFile || markerOf(entry.name) != kOldMarker) {
+                return;
+            }
+            const std::string path = joined(folderPath(folder), entry.name);
+            if (!exists(std::string(withoutMarker(path, kOldMarker)))) {
+                found.push_back(path);
+            }
         },
         &beyondRepair);
     return found;

@@ -1,6 +1,7 @@
 #include "lib/records/body_owners.h"
 
 #include <algorithm>
+#include <functional>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -26,6 +27,11 @@ bool isOf(std::string_view file, std::string_view descriptor) {
 bool isOfARecord(std::string_view file) {
     const std::string_view marker = markerOf(file);
     return marker == kDscSuffix || marker == kOldMarker;
+}
+
+// Two names with the same are taken for one, which keeps a body too many and loses none.
+std::uint64_t hashOf(const std::string& body) {
+    return std::hash<std::string>()(body);
 }
 
 // The bodies that the record's own descriptors name.
@@ -89,9 +95,14 @@ BodyNames::Answer BodyOwners::askFor(const std::string& folder, const std::strin
         }
     }
     const Folder& read = folderOf(folder);
-    const auto named = read.namedBy.find(body);
-    return {named != read.namedBy.end() ? named->second : std::vector<std::string>(),
-            read.unreadable};
+    BodyNames::Answer answer{{}, read.unreadable};
+    const std::uint64_t hash = hashOf(body);
+    for (std::size_t i = 0; i < read.named.size(); ++i) {
+        if (read.named[i] == hash) {
+            answer.namedBy.emplace_back(read.files[i]);
+        }
+    }
+    return answer;
 }
 
 const BodyOwners::Folder& BodyOwners::folderOf(const std::string& folder) {
@@ -100,22 +111,23 @@ const BodyOwners::Folder& BodyOwners::folderOf(const std::string& folder) {
         return entry->second;
     }
     const std::string path = folderPath(folder);
-    for (const FolderEntry& file : readFolder(path)) {
+    visitEntries(path, [&read = entry->second, &path](const FolderEntry& file) {
         const std::string named = stateBeside(file.name).value_or(file.name);
         if (file.type != FolderEntry::Type::kFile || !isOfARecord(named)) {
-            continue;
+            return;
         }
         try {
             const std::vector<DescriptorLine> lines = readDescriptor(joined(path, file.name));
             if (const auto body = bodyNameOf(lines)) {
-                entry->second.namedBy[*body].push_back(file.name);
+                read.files.add(file.name);
+                read.named.push_back(hashOf(*body));
             } else if (lines.empty() || !isSound(lines)) {
-                entry->second.unreadable.push_back(file.name);
+                read.unreadable.push_back(file.name);
             }
         } catch (const Failure&) {
-            entry->second.unreadable.push_back(file.name);
+            read.unreadable.push_back(file.name);
         }
-    }
+    });
     return entry->second;
 }
 

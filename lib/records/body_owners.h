@@ -9,11 +9,13 @@
 #ifndef LIB_RECORDS_BODY_OWNERS_H
 #define LIB_RECORDS_BODY_OWNERS_H
 
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "lib/base/name_list.h"
 #include "lib/records/address.h"
 
 namespace fstore {
@@ -50,10 +52,11 @@ public:
     void requireOwn(const Address& address);
 
 private:
-    // What a folder's descriptors say, also those that stand aside.
+    // What a folder's descriptors say, also those that stand aside. There may be millions.
     struct Folder {
-        std::map<std::string, std::vector<std::string>> namedBy;  // body: descriptors
-        std::vector<std::string> unreadable;                      // descriptors
+        NameList files;                    // that name a body
+        std::vector<std::uint64_t> named;  // beside them: its hash
+        std::vector<std::string> unreadable;
     };
 
     BodyNames::Answer askFor(const std::string& folder, const std::string& body);

@@ -32,26 +32,32 @@ auto noting(Unread* unread, Read read) -> decltype(read()) {
 }
 
 // NOLINTNEXTLINE(misc-no-recursion): as deep as folders are
-void visitFoldersFrom(const std::string& folder, const FolderVisitor& visit, Unread* unread) {
+void visitFrom(const std::string& folder, const EntryVisitor& visit, Unread* unread,
+               std::vector<std::string>& seen) {
     std::vector<std::string> inside;
-    {
-        // Nobody can do without that of "db" itself.
-        const auto entries = noting(folder.empty() ? nullptr : unread,
-                                    [&] { return std::optional(readFolder(folderPath(folder))); });
-        if (!entries) {
-            return;
-        }
-        visit(folder, *entries);
-        for (const FolderEntry& entry : *entries) {
+    const auto look = [&] {
+        visitEntries(folderPath(folder), [&](const FolderEntry& entry) {
+            visit(folder, entry);
             if (entry.type == FolderEntry::Type::kFolder) {
                 inside.push_back(folder.empty() ? entry.name : joined(folder, entry.name));
             }
-        }
+        });
+        return true;
+    };
+    // Nobody can do without that of "db" itself.
+    if (!noting(folder.empty() ? nullptr : unread, look)) {
+        return;
     }
+    seen.push_back(folder);
     std::sort(inside.begin(), inside.end());
     for (const std::string& each : inside) {
-        visitFoldersFrom(each, visit, unread);
+        visitFrom(each, visit, unread, seen);
     }
+}
+
+bool isRecord(const FolderEntry& entry) {
+    return entry.type == FolderEntry::Type::kFile && hasMarker(entry.name, kDscSuffix) &&
+           !stateBeside(entry.name);
 }
 
 bool isThereOrAside(const Address& address) {
@@ -70,7 +76,7 @@ std::vector<Address> recordsOfName(const AddressText& text) {
 std::vector<Address> recordsOfDigest(const std::string& digest) {
     std::vector<Address> found;
     Unread elsewhere;  // what cannot be read is not what is meant; ls and check tell about it
-    for (const Address& address : allRecords(&elsewhere)) {
+    const auto look = [&](const Address& address) {
         try {
             if (infoOf(RecordHead::read(address)).sha256.starts_with(digest)) {
                 found.push_back(address);
@@ -78,7 +84,9 @@ std::vector<Address> recordsOfDigest(const std::string& digest) {
         } catch (const Failure&) {
             // a damaged record has no digest; ls and check tell about it
         }
-    }
+        return true;
+    };
+    visitRecords(look, &elsewhere);
     return found;
 }
 
@@ -105,37 +113,70 @@ void requireFolder(const std::string& folder) {
 
 std::vector<std::string> allFolders(Unread* unread) {
     std::vector<std::string> folders;
-    visitFolders([&](const std::string& folder,
-                     const std::vector<FolderEntry>&) { folders.push_back(folder); },
-                 unread);
+    visitFrom(
+        "", [](const std::string&, const FolderEntry&) {}, unread, folders);
     return folders;
 }
 
-void visitFolders(const FolderVisitor& visit, Unread* unread) {
-    visitFoldersFrom("", visit, unread);
+void visitAllEntries(const EntryVisitor& visit, Unread* unread) {
+    std::vector<std::string> seen;
+    visitFrom("", visit, unread, seen);
+}
+
+NameList recordNamesIn(const std::string& folder) {
+    NameList names;
+    visitEntries(folderPath(folder), [&](const FolderEntry& entry) {
+        if (isRecord(entry)) {
+            names.add(withoutMarker(entry.name, kDscSuffix));
+        }
+    });
+    names.sort();
+    return names;
 }
 
 std::vector<Address> recordsIn(const std::string& folder) {
+    const NameList names = recordNamesIn(folder);
     std::vector<Address> found;
-    for (const FolderEntry& entry : readFolder(folderPath(folder))) {
-        if (entry.type == FolderEntry::Type::kFile && hasMarker(entry.name, kDscSuffix) &&
-            !stateBeside(entry.name)) {
-            found.push_back({folder, std::string(withoutMarker(entry.name, kDscSuffix))});
+    found.reserve(names.size());
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        found.push_back({folder, std::string(names[i])});
+    }
+    return found;
+}
+
+void visitRecords(const RecordVisitor& visit, Unread* unread) {
+    for (const std::string& folder : allFolders(unread)) {
+        const NameList names = noting(unread, [&] { return recordNamesIn(folder); });
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            const Address address{folder, std::string(names[i])};
+            if (!address.isInternal() && !visit(address)) {
+                return;
+            }
         }
     }
-    std::sort(found.begin(), found.end());
-    return found;
+}
+
+std::uint64_t countRecords(Unread* unread) {
+    std::uint64_t count = 0;
+    visitAllEntries(
+        [&](const std::string& folder, const FolderEntry& entry) {
+            if (isRecord(entry) &&
+                !Address{folder, std::string(withoutMarker(entry.name, kDscSuffix))}.isInternal()) {
+                ++count;
+            }
+        },
+        unread);
+    return count;
 }
 
 std::vector<Address> allRecords(Unread* unread) {
     std::vector<Address> found;
-    for (const std::string& folder : allFolders(unread)) {
-        for (Address& address : noting(unread, [&] { return recordsIn(folder); })) {
-            if (!address.isInternal()) {
-                found.push_back(std::move(address));
-            }
-        }
-    }
+    visitRecords(
+        [&](const Address& address) {
+            found.push_back(address);
+            return true;
+        },
+        unread);
     return found;
 }
 

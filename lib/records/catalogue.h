@@ -4,6 +4,7 @@
 #ifndef LIB_RECORDS_CATALOGUE_H
 #define LIB_RECORDS_CATALOGUE_H
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -11,6 +12,7 @@
 
 #include "lib/base/error.h"
 #include "lib/base/files.h"
+#include "lib/base/name_list.h"
 #include "lib/records/address.h"
 
 namespace fstore {
@@ -29,15 +31,26 @@ using Unread = std::vector<Failure>;
 // itself, as the empty text.
 std::vector<std::string> allFolders(Unread* unread = nullptr);
 
-// Calls visit(folder, what is in it, in no order) for each of them.
-using FolderVisitor = std::function<void(const std::string&, const std::vector<FolderEntry>&)>;
-void visitFolders(const FolderVisitor& visit, Unread* unread = nullptr);
+// Calls visit(folder, entry) for all that is in each of them, in no order.
+using EntryVisitor = std::function<void(const std::string&, const FolderEntry&)>;
+void visitAllEntries(const EntryVisitor& visit, Unread* unread = nullptr);
 
-// The records of a folder that allFolders() has found, by name. What a crash left behind must have
-// been repaired.
+// The names of the records of a folder that allFolders() has found, sorted. What a crash left
+// behind must have been repaired.
+NameList recordNamesIn(const std::string& folder);
+
+// The same records.
 std::vector<Address> recordsIn(const std::string& folder);
 
-// All records but the internal ones, by folder and name.
+// Calls visit(address) for all records but the internal ones, by folder and name, until it returns
+// false. Takes memory for the names of one folder at a time.
+using RecordVisitor = std::function<bool(const Address&)>;
+void visitRecords(const RecordVisitor& visit, Unread* unread = nullptr);
+
+// How many those are.
+std::uint64_t countRecords(Unread* unread = nullptr);
+
+// All of them at once.
 std::vector<Address> allRecords(Unread* unread = nullptr);
 
 // Where the record may be that the user's words name, in the folders that are there: for a bare

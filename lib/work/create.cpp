@@ -29,7 +29,7 @@ bool lacksPassword(const Database& database) {
     if (protection.hasPassword()) {
         return false;
     }
-    const std::size_t records = allRecords().size();
+    const std::size_t records = countRecords();
     refuseUnless(
         records == 0, database.place(),
         fmt::format("holds {} records and has no password; set one with `fstore passwd`", records));

@@ -118,12 +118,10 @@ BUGS = (
     # What a crash has left.
     Bug("saved_descriptor_put_back_over_the_new", RECOVERY,
         "    if (exists(descriptor)) {\n        return;\n    }\n", "", power("put_over"),
-        also=(("markerOf(entry.name) == kOldMarker &&\n"
-               "            !exists(std::string(withoutMarker(path, kOldMarker)))) {",
-               "markerOf(entry.name) == kOldMarker) {"),)),
+        also=(("            if (!exists(std::string(withoutMarker(path, kOldMarker)))) {",
+               "            if (!path.empty()) {"),)),
     Bug("body_deleted_that_is_still_named", FOLDER_CHECK,
-        "        if (owners_.contains(body)) {\n            return;\n        }\n",
-        "", plain("check_repair")),
+        "            if (owners_[i] == kNobody) {\n", "            {\n", plain("check_repair")),
     Bug("body_moved_that_a_damaged_record_may_name", FOLDER_CHECK,
         "        } else if (isInDoubt_ || mentioned_.contains(body)) {",
         "        } else if (body.empty()) {", "damage_test"),

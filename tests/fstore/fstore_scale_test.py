@@ -3,6 +3,8 @@
 
 Beside 2,000 every day, and beside 100,000 with FSTORE_LONG=1.
 """
+import itertools
+import os
 import re
 
 import support
@@ -12,8 +14,8 @@ FEW = 10
 MORE_CALLS = 60  # at most, beside many
 
 
-class OneRecordTest(support.InitialisedTest):
-    """The system calls of a command, beside few records and beside many."""
+class ScaleTest(support.InitialisedTest):
+    """A database that can be given many records."""
 
     @classmethod
     def fill(cls, folder):
@@ -27,9 +29,15 @@ class OneRecordTest(support.InitialisedTest):
     def fill_up(self, have, count):
         """Gives the folder so many records with a body each, whose names follow one another."""
         remote = self.folder / "db/certificates/remote"
-        for number in range(have, count):
-            (remote / f"host{number}.dsc").write_text(f"10000003 00000000 {number + 3:08x}\n")
-            (remote / f"{number + 3:08x}").write_text("body")
+        taken = set(os.listdir(remote))
+        free = (name for name in map("{:08x}".format, itertools.count(1)) if name not in taken)
+        for number, body in zip(range(have, count), free):
+            (remote / f"host{number}.dsc").write_text(f"10000003 00000000 {body}\n")
+            (remote / body).write_text("body")
+
+
+class OneRecordTest(ScaleTest):
+    """The system calls of a command, beside few records and beside many."""
 
     def calls(self, *args, stdin=b""):
         """Each call, by its name and its arguments."""
@@ -91,6 +99,34 @@ class OneRecordTest(support.InitialisedTest):
             opened = [call for call in self.calls(*command)
                       if re.match(r'openat\(.*\.dsc"', call) and "/db/k" not in call]
             self.assertLessEqual(len(opened), 3, command)
+
+
+class AllRecordsTest(ScaleTest):
+    """The memory of a command that looks at all records."""
+
+    NAMES = 64  # bytes for a record and its body, twice what their names take
+    NOISE = 3 << 20
+
+    def memory(self, *args):
+        """The most that it had at once, in bytes."""
+        process = support.start(*args, cwd=self.folder)
+        with process.stdin, process.stdout, process.stderr:
+            process.stdin.close()
+            process.stdout.read()
+            _, status, usage = os.wait4(process.pid, 0)
+        process.returncode = os.waitstatus_to_exitcode(status)
+        self.assertEqual(0, process.returncode, args)
+        return usage.ru_maxrss << 10
+
+    def test_only_names_are_kept(self):
+        label = ("set", "certificates/remote/mine0", "label=x")
+        commands = [("check", "-q"), ("check", "-q", "--deep"), label]
+        self.fill_up(0, FEW)
+        few = [self.memory(*command) for command in commands]
+        self.fill_up(FEW, MANY)
+        for command, before in zip(commands, few):
+            with self.subTest(command=command):
+                self.assertLess(self.memory(*command), before + self.NOISE + MANY * self.NAMES)
 
 
 if __name__ == "__main__":

@@ -364,10 +364,10 @@ TEST_F(DatabaseTest, ARepairIsANoteFirstAndInTheReport) {
     Database database({}, observer);
     const CheckReport report = checkDatabase(database, {.repair = true});
     EXPECT_THAT(observer.heard,
-                ElementsAre("note: ./db/crm is missing, and will be created",
+                ElementsAre("Checking", "note: ./db/crm is missing, and will be created",
                             "note: ./db/settings/a.dsc.$n$ is a leftover of an interrupted "
                             "write, and will be moved to ./db.lost",
-                            testing::HasSubstr("--undo")));
+                            testing::HasSubstr("--undo"), "Checking"));
     EXPECT_EQ(1u, report.lost.size());
     EXPECT_EQ(2u, report.repaired.size());
     EXPECT_TRUE(report.findings.empty());
