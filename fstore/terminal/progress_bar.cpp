@@ -1,6 +1,7 @@
 #include "fstore/terminal/progress_bar.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 #include <fmt/format.h>
@@ -15,6 +16,7 @@ constexpr int kStderr = 2;
 constexpr auto kPatience = std::chrono::milliseconds(500);
 constexpr auto kPeriod = std::chrono::milliseconds(100);
 constexpr std::uint64_t kBarColumns = 30;
+constexpr std::int64_t kMinute = 60;
 
 }  // namespace
 
@@ -22,7 +24,8 @@ ProgressBar::ProgressBar(std::string what, std::uint64_t steps, bool shown)
     : what_(std::move(what)),
       steps_(std::max<std::uint64_t>(steps, 1)),
       shown_(shown && os::isTerminal(kStderr)),
-      nextDraw_(Clock::now() + kPatience) {}
+      began_(Clock::now()),
+      nextDraw_(began_ + kPatience) {}
 
 ProgressBar::~ProgressBar() {
     if (drawn_) {
@@ -49,9 +52,24 @@ void ProgressBar::draw(std::uint64_t done, Clock::time_point at) {
     drawn_ = true;
     const std::uint64_t filled = done * kBarColumns / steps_;
     fmt::memory_buffer line;  // has room for this without asking for memory
-    fmt::format_to(std::back_inserter(line), "\r{} [{:#<{}}{:.<{}}] {:3}%\033[K", what_, "", filled,
-                   "", kBarColumns - filled, done * 100 / steps_);
+    fmt::format_to(std::back_inserter(line), "\r{} [{:#<{}}{:.<{}}] {:3}%", what_, "", filled, "",
+                   kBarColumns - filled, done * 100 / steps_);
+    if (const std::int64_t seconds = left(done, at).count(); seconds >= kMinute) {
+        fmt::format_to(std::back_inserter(line), ", {} min left",
+                       (seconds + kMinute - 1) / kMinute);
+    } else if (seconds > 0) {
+        fmt::format_to(std::back_inserter(line), ", {} s left", seconds);
+    }
+    fmt::format_to(std::back_inserter(line), "\033[K");
     (void)os::writeAll(kStderr, line.data(), line.size());  // a bar that cannot be drawn is no loss
+}
+
+// As if what is left took as long as what is done.
+std::chrono::seconds ProgressBar::left(std::uint64_t done, Clock::time_point at) const noexcept {
+    const std::chrono::duration<double> elapsed = at - began_;
+    const double seconds =
+        elapsed.count() * static_cast<double>(steps_ - done) / static_cast<double>(done);
+    return std::chrono::seconds(static_cast<std::int64_t>(std::ceil(seconds)));
 }
 
 }  // namespace fstore

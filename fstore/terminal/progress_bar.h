@@ -25,6 +25,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
     void draw(std::uint64_t done, Clock::time_point at);
+    std::chrono::seconds left(std::uint64_t done, Clock::time_point at) const noexcept;
 
     std::string what_;
     std::uint64_t steps_;
@@ -32,6 +33,7 @@ private:
     std::atomic<std::uint64_t> done_{0};
     std::mutex drawing_;  // guards what follows; a thread that finds it locked draws nothing
     bool drawn_ = false;
+    const Clock::time_point began_;
     Clock::time_point nextDraw_;
 };
 

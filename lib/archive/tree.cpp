@@ -5,12 +5,14 @@
 #include <climits>
 #include <cstdint>
 #include <map>
+#include <string>
 #include <utility>
 
 #include <fmt/format.h>
 
 #include "lib/base/error.h"
 #include "lib/base/files.h"
+#include "lib/base/name_list.h"
 #include "os/files.h"
 #include "os/fs.h"
 #include "os/process.h"
@@ -83,10 +85,37 @@ bool isTooDeep(const std::string& path) {
     return path.size() >= PATH_MAX;
 }
 
+// What is in a folder, by name. Nearly all of it are files, of which there may be millions.
+class Contents {
+public:
+    explicit Contents(const std::string& folder) {
+        visitEntries(folder, [this](const FolderEntry& entry) {
+            names_.add(entry.name);
+            if (entry.type != FolderEntry::Type::kFile) {
+                others_.emplace(entry.name, entry.type);
+            }
+        });
+        names_.sort();
+    }
+
+    std::size_t size() const noexcept { return names_.size(); }
+    FolderEntry operator[](std::size_t index) const {
+        std::string name(names_[index]);
+        const auto other = others_.find(name);
+        return {std::move(name), other != others_.end() ? other->second : FolderEntry::Type::kFile};
+    }
+
+private:
+    NameList names_;
+    std::map<std::string, FolderEntry::Type> others_;
+};
+
 // NOLINTNEXTLINE(misc-no-recursion): as deep as folders are
 void TreeWriter::add(const std::string& folder, const std::string& path) {
     addFolder(folder, path);
-    for (const FolderEntry& entry : listFolder(folder)) {
+    const Contents contents(folder);
+    for (std::size_t i = 0; i < contents.size(); ++i) {
+        const FolderEntry entry = contents[i];
         const std::string name = joined(folder, entry.name);
         const std::string inside = joined(path, entry.name);
         if (isTooDeep(name)) {

@@ -156,7 +156,7 @@ class ProgressTest(InitialisedTest):
                             env={"LD_PRELOAD": support.CALL_TRAP, "CALL_TRAP_PAUSE": "100"})
         self.addCleanup(terminal.close)
         self.assertEqual(0, terminal.wait(), terminal.seen)
-        self.assertRegex(terminal.seen, r"Checking \[#*\.*\] +\d+%")
+        self.assertRegex(terminal.seen, r"Checking \[#*\.*\] +\d+%, \d+ s left\x1b")
         self.assertIn("\r\x1b[K", terminal.seen)
 
     def test_re_encryption_counts_each_secret(self):
