@@ -41,6 +41,17 @@ CMN_EXPORT Status filestore_contextEnter(unsigned int context, unsigned int* bef
 //   kEnd  the thread was never there; it stays where it is
 CMN_EXPORT Status filestore_contextLeave(unsigned int before);
 
+// From now on the store calls ask(argument) right before each rename and each removal by which a
+// change of the context's database becomes visible, in the thread that makes the change, which is
+// inside. Another answer than kOk stops it: the operation fails with kIo, and from then on neither
+// renames nor removes anything, not even what it has made itself. For programs whose lock on the
+// database can be lost while they work. `ask` takes no part in the store; null ends the asking.
+// Nobody is inside meanwhile.
+//   kEnd          there is no such context
+//   kAlreadyOpen  a thread is inside; nothing has changed
+CMN_EXPORT Status filestore_contextWatch(unsigned int context, Status (*ask)(void* argument),
+                                         void* argument);
+
 // Closes the database, which takes the key from its ciphers, and ends the context. Records
 // and lists of it that are still held can be let go of, and nothing else.
 //   kEnd          there is no such context

@@ -39,6 +39,8 @@ filestore_status describeException(filestore_error* error) noexcept {
         return describe(error, failure);
     } catch (const fstore::MemoryFailure& failure) {
         return describe(error, failure.failure());
+    } catch (const fstore::LockLost& lost) {
+        return describe(error, lost.failure());
     } catch (const std::bad_alloc&) {
         return describe(error, FILESTORE_NO_MEMORY, "out of memory", {});
     } catch (const std::exception& other) {

@@ -46,7 +46,8 @@
  *
  * Locks. The database is locked only while a function runs that reads or changes it: shared for
  * reading, exclusively for changes. A function that waits longer than the lock_seconds of the
- * handle answers FILESTORE_BUSY and has done nothing.
+ * handle answers FILESTORE_BUSY and has done nothing. Where several hosts share the file system, a
+ * function whose host has lost the lock meanwhile answers FILESTORE_IO, and writes nothing more.
  *
  * Crashes and cancelling. Whatever happens during a call, power loss included, each record is in
  * its old or in its new state afterwards, and what the call had reported as done stays done. A long

@@ -19,6 +19,9 @@ inline constexpr const char* kLive = "./db";
 inline constexpr const char* kCopy = "./new_db";      // being made; nobody reads it
 inline constexpr const char* kPrevious = "./old_db";  // from before a change of the password
 
+// The file beside them whose lock keeps other processes out; never removed nor renamed.
+inline constexpr const char* kLockFile = "./db.lock";
+
 // What repairs moved out of the live folder.
 inline constexpr const char* kLost = "./db.lost";
 

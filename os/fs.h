@@ -10,6 +10,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/vfs.h>
 
 #include <cstddef>
 
@@ -25,7 +26,9 @@ namespace os {
 [[nodiscard]] int close(int fd) noexcept;
 [[nodiscard]] ssize_t read(int fd, void* data, std::size_t size) noexcept;
 [[nodiscard]] ssize_t write(int fd, const void* data, std::size_t size) noexcept;
+[[nodiscard]] ssize_t pwrite(int fd, const void* data, std::size_t size, off_t at) noexcept;
 [[nodiscard]] int fstat(int fd, struct stat* status) noexcept;
+[[nodiscard]] int fstatfs(int fd, struct statfs* status) noexcept;
 
 // Durability. startWriteback() begins to write a file's dirty pages and does
 // not wait (sync_file_range); it promises nothing and is only a hint.

@@ -24,6 +24,14 @@ ssize_t os::write(int fd, const void* data, std::size_t size) noexcept {
     return ::write(fd, data, size);
 }
 
+ssize_t os::pwrite(int fd, const void* data, std::size_t size, off_t at) noexcept {
+    return ::pwrite(fd, data, size, at);
+}
+
+int os::fstatfs(int fd, struct statfs* status) noexcept {
+    return ::fstatfs(fd, status);
+}
+
 int os::fstat(int fd, struct stat* status) noexcept {
     return ::fstat(fd, status);
 }

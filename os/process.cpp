@@ -196,10 +196,13 @@ Locked lockFile(const File& file, LockKind kind, double seconds) noexcept {
                          std::chrono::duration<double>(std::min(seconds, kForever)));
     const int operation = (kind == LockKind::kShared ? LOCK_SH : LOCK_EX) | LOCK_NB;
     for (;;) {
-        if (::flock(file.get(), operation) == 0) {
+        if (os::flock(file.get(), operation) == 0) {
             return Locked::kYes;
         }
-        if (errno != EWOULDBLOCK && errno != EINTR) {
+        if (errno == EINTR) {
+            continue;  // nobody has said yet whether another process has it
+        }
+        if (errno != EWOULDBLOCK) {
             return Locked::kFailed;
         }
         // The system's own wait has no limit but a signal; asking again has one.
@@ -214,12 +217,33 @@ bool setPermissions(const File& file, mode_t mode) noexcept {
     return ::fchmod(file.get(), mode) == 0;
 }
 
+bool giveTo(const File& file, uid_t user, gid_t group) noexcept {
+    return ::fchown(file.get(), user, group) == 0;
+}
+
+bool isRoot() noexcept {
+    return ::geteuid() == 0;
+}
+
+std::string hostName() {
+    char name[HOST_NAME_MAX + 1] = {};
+    return ::gethostname(name, sizeof name - 1) == 0 ? name : std::string();
+}
+
+long processId() noexcept {
+    return ::getpid();
+}
+
+std::string programName() {
+    return program_invocation_short_name != nullptr ? program_invocation_short_name : "";
+}
+
 bool isOwn(const struct stat& status) noexcept {
     return status.st_uid == ::geteuid();
 }
 
 bool unlockFile(const File& file) noexcept {
-    return ::flock(file.get(), LOCK_UN) == 0;
+    return os::flock(file.get(), LOCK_UN) == 0;
 }
 
 }  // namespace os

@@ -46,6 +46,17 @@ void killOnSignal(pid_t group) noexcept;
 // Whether a file belongs to the user whose rights this process has.
 [[nodiscard]] bool isOwn(const struct stat& status) noexcept;
 
+// Gives an open file to a user and a group; -1 leaves one as it is.
+[[nodiscard]] bool giveTo(const File& file, uid_t user, gid_t group) noexcept;
+
+// Whether this process has the rights of the superuser.
+[[nodiscard]] bool isRoot() noexcept;
+
+// What others know this process by; a name is empty when the system does not say.
+[[nodiscard]] std::string hostName();
+[[nodiscard]] long processId() noexcept;
+[[nodiscard]] std::string programName();
+
 // The umask that the program was started with, whatever keepSecrets() has made of it. Any thread
 // may ask: it is not set for the purpose, but read where the system shows it, and if that cannot be
 // read, it is 077.

@@ -133,6 +133,19 @@ Status filestore_contextLeave(unsigned int before) {
     return kOk;
 }
 
+Status filestore_contextWatch(unsigned int context, Status (*ask)(void* argument), void* argument) {
+    const CMN_Locked locked(lock);
+    const auto found = contexts.find(context);
+    if (found == contexts.end() || found->second->ended) {
+        return kEnd;
+    }
+    if (found->second->inside != 0) {
+        return kAlreadyOpen;
+    }
+    found->second->watch(ask, argument);
+    return kOk;
+}
+
 Status filestore_contextDelete(unsigned int context) {
     std::unique_ptr<OpenContext> last;
     {

@@ -2,6 +2,7 @@
 #include "format/layout.h"
 #include "os/files.h"
 #include "service/s_filestore_mm.h"
+#include "store/context.h"
 
 namespace {
 
@@ -33,7 +34,7 @@ bool makeRoot() {
     }
     switch (os::presence(kPrevious)) {
         case os::Presence::kPresent:
-            (void)os::rename(kPrevious, kLive);
+            (void)watched::rename(kPrevious, kLive);
             return isThere(kLive);
         case os::Presence::kUnknown:
             return false;

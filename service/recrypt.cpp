@@ -14,6 +14,7 @@
 #include "os/files.h"
 #include "service/password_digest.h"
 #include "service/s_filestore_mm.h"
+#include "store/context.h"
 #include "store/file_store.h"
 #include "store/filefunc.h"
 
@@ -236,7 +237,7 @@ private:
         if (state_.ownEncoder().setKey(newKey_) != kOk || !removeIfThere(kPrevious)) {
             return kIo;
         }
-        if (os::rename(kLive, kPrevious) != 0 || os::rename(kCopy, kLive) != 0) {
+        if (watched::rename(kLive, kPrevious) != 0 || watched::rename(kCopy, kLive) != 0) {
             return kIo;
         }
         const bool durable = os::syncFolder(".");

@@ -6,6 +6,7 @@
 #ifndef STORE_CONTEXT_H
 #define STORE_CONTEXT_H
 
+#include "cmn/status.h"
 #include "os/handles.h"
 
 struct Context {
@@ -23,9 +24,34 @@ struct Context {
     // Enters another one, or with null the process's folder; returns the one before.
     static Context* exchange(Context* next) noexcept;
 
+    // Whether this thread may make a change visible, as whoever watches its context says: asked
+    // right before each rename and removal. Without one nothing is asked. When it may not, errno
+    // is EIO.
+    static bool mayChange() noexcept;
+
+    // From now on mayChange() asks this; null: nobody.
+    void watch(Status (*question)(void*), void* subject) noexcept {
+        ask = question;
+        argument = subject;
+    }
+
     const unsigned int id;
     const int folder;
     pthread_rwlock_t lock = PTHREAD_RWLOCK_INITIALIZER;  // of its record files
+
+private:
+    Status (*ask)(void* argument) = nullptr;
+    void* argument = nullptr;
 };
+
+// The calls of os/fs.h by which a change becomes visible. When the thread may not make it, they
+// fail like the calls themselves.
+namespace watched {
+
+[[nodiscard]] int rename(const char* from, const char* to) noexcept;
+int remove(const char* path) noexcept;
+int rmdir(const char* path) noexcept;
+
+}  // namespace watched
 
 #endif  // STORE_CONTEXT_H

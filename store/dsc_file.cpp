@@ -6,6 +6,7 @@
 
 #include "cmn/no_throw.h"
 #include "os/files.h"
+#include "store/context.h"
 #include "store/file_store.h"
 #include "store/record_file.h"
 
@@ -88,6 +89,9 @@ Status FileStore::writeDscFile(const char* path, const char* bodyFileName, os::F
         return status;
     }
     if (!os::writeAll(opened.get(), text.data(), text.size())) {
+        if (!Context::mayChange()) {
+            unfinished.commit();  // it may be another's by now
+        }
         return kIo;
     }
     unfinished.commit();

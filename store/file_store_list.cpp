@@ -7,6 +7,7 @@
 #include "cmn/no_throw.h"
 #include "format/record_name.h"
 #include "os/files.h"
+#include "store/context.h"
 #include "store/context_objects.h"
 #include "store/file_store.h"
 #include "store/rw_locker.h"
@@ -140,7 +141,8 @@ Status renameOLDFile(const char* folder, std::vector<std::string>& names) {
             continue;
         }
         std::string restored(withoutMarker(name, kOldMarker));
-        if (os::rename(joinPath(folder, name).c_str(), joinPath(folder, restored).c_str()) != 0) {
+        if (watched::rename(joinPath(folder, name).c_str(), joinPath(folder, restored).c_str()) !=
+            0) {
             return kIo;
         }
         name = std::move(restored);

@@ -9,6 +9,7 @@
 
 #include "cmn/no_throw.h"
 #include "os/files.h"
+#include "store/context.h"
 
 namespace {
 
@@ -132,9 +133,9 @@ void clearTree(std::string& path) {
         const Below entry(path, entries.getName());
         if (entries.isFolder() != 0) {
             clearTree(path);
-            (void)os::rmdir(path.c_str());
+            (void)watched::rmdir(path.c_str());
         } else {
-            (void)os::remove(path.c_str());
+            (void)watched::remove(path.c_str());
         }
     }
 }
@@ -239,7 +240,7 @@ void clearFolder(const char* path) {
         std::string folder = withoutEndSlashes(path);
         const os::EntryType kind = os::entryTypeOf(folder.c_str());
         if (kind == os::EntryType::kLink) {
-            (void)os::remove(folder.c_str());
+            (void)watched::remove(folder.c_str());
         } else if (kind == os::EntryType::kFolder) {
             clearTree(folder);
         }
@@ -252,7 +253,7 @@ Status removeFolder(const char* path) {
         return kInvalid;
     }
     clearFolder(path);
-    (void)os::rmdir(path);  // the look that follows tells whether it has worked
+    (void)watched::rmdir(path);  // the look that follows tells whether it has worked
     return isGone(path) ? kOk : kIo;
 }
 

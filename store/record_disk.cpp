@@ -24,6 +24,7 @@
 #include "client/s_filestoreC.h"
 #include "cmn/no_throw.h"
 #include "os/files.h"
+#include "store/context.h"
 #include "store/context_objects.h"
 #include "store/file_store.h"
 #include "store/fresh_number.h"
@@ -46,11 +47,11 @@ NumberLook lookIn(const char* folder, const char* suffix) {
 
 // Renames, also over something that cannot be replaced but deleted.
 bool moveAside(const std::string& from, const std::string& to) {
-    if (os::rename(from.c_str(), to.c_str()) == 0) {
+    if (watched::rename(from.c_str(), to.c_str()) == 0) {
         return true;
     }
-    (void)os::remove(to.c_str());  // whether that helped, the second rename tells
-    return os::rename(from.c_str(), to.c_str()) == 0;
+    (void)watched::remove(to.c_str());  // whether that helped, the second rename tells
+    return watched::rename(from.c_str(), to.c_str()) == 0;
 }
 
 // Gives a descriptor that is to go the name of the saved one. A saved descriptor that
@@ -58,7 +59,7 @@ bool moveAside(const std::string& from, const std::string& to) {
 // replaced by it: whichever of the two names reaches the disk leads to the same state,
 // and no older one comes back (I4). Without a descriptor the saved one is the record.
 bool moveOverSaved(const std::string& descriptor, const std::string& saved) {
-    if (os::rename(descriptor.c_str(), saved.c_str()) == 0 || errno == ENOENT) {
+    if (watched::rename(descriptor.c_str(), saved.c_str()) == 0 || errno == ENOENT) {
         return true;
     }
     return os::presence(descriptor.c_str()) == os::Presence::kPresent &&
@@ -66,7 +67,7 @@ bool moveOverSaved(const std::string& descriptor, const std::string& saved) {
 }
 
 bool deleteFile(const std::string& path) {
-    return os::remove(path.c_str()) == 0;
+    return watched::remove(path.c_str()) == 0;
 }
 
 std::string marked(const std::string& name, std::string_view marker) {
@@ -130,7 +131,7 @@ bool learnBody(const std::string& folder, const std::string& descriptor, const s
 
 void removeBody(const std::string& path) {
     if (!path.empty()) {
-        (void)os::remove(path.c_str());  // a body that stays is an orphan, not an error
+        (void)watched::remove(path.c_str());  // a body that stays is an orphan, not an error
     }
 }
 
@@ -185,8 +186,8 @@ Status tryCorrectName(const char* folder, const char* fileName) {
             return kIo;
         }
         const bool done = hasCurrent == os::Presence::kPresent
-                              ? os::remove(saved.c_str()) == 0
-                              : os::rename(saved.c_str(), current.c_str()) == 0;
+                              ? watched::remove(saved.c_str()) == 0
+                              : watched::rename(saved.c_str(), current.c_str()) == 0;
         if (!done && errno != ENOENT) {
             return kIo;
         }
@@ -195,8 +196,23 @@ Status tryCorrectName(const char* folder, const char* fileName) {
 }
 
 // What a write has made so far. Files that are not in place when it ends in failure
-// are removed.
+// are removed; where nothing may be changed any more, they stay: others may have made
+// theirs under these names since.
 struct CMN_HIDDEN FileStore::NewFiles {
+    NewFiles() = default;
+    NewFiles(const NewFiles&) = delete;
+    NewFiles& operator=(const NewFiles&) = delete;
+    ~NewFiles() {
+        if (!isInPlace && !Context::mayChange()) {
+            for (auto* const path : {&bodyPath, &newDescriptor}) {
+                if (*path) {
+                    (*path)->commit();
+                }
+            }
+        }
+    }
+
+    bool isInPlace = false;
     std::string bodyName;  // empty: the record has no body
     std::optional<os::TempPath> bodyPath;
     os::File body;
@@ -265,6 +281,9 @@ Status FileStore::writeNewFiles(NewFiles& files, Sync sync) {
     files.descriptor = joinPath(folderName, files.fileName);
     files.saved = marked(files.descriptor, kOldMarker);
     const std::string path = marked(files.descriptor, kNewMarker);
+    if (!Context::mayChange()) {
+        return kIo;  // who has the lock now makes its own under this name
+    }
     os::File descriptor;
     if (const Status status = writeDscFile(path.c_str(), files.bodyName.c_str(), descriptor);
         status != kOk) {
@@ -315,10 +334,10 @@ Status FileStore::publish(NewFiles& files, Sync sync) {
     if (replaces && !moveAside(files.descriptor, files.saved)) {
         return kIo;
     }
-    if (os::rename(files.newDescriptor->c_str(), files.descriptor.c_str()) != 0) {
+    if (watched::rename(files.newDescriptor->c_str(), files.descriptor.c_str()) != 0) {
         if (replaces) {
             // Should this fail too, every reader does it.
-            (void)os::rename(files.saved.c_str(), files.descriptor.c_str());
+            (void)watched::rename(files.saved.c_str(), files.descriptor.c_str());
         }
         return kIo;
     }
@@ -330,6 +349,7 @@ Status FileStore::publish(NewFiles& files, Sync sync) {
     if (files.bodyPath) {
         files.bodyPath->commit();
     }
+    files.isInPlace = true;
     return kOk;
 }
 
@@ -337,8 +357,9 @@ Status FileStore::publish(NewFiles& files, Sync sync) {
 // they are gone from there, the new body stays: better an orphan than a record
 // without its body (I3).
 void FileStore::undoPublish(NewFiles& files, bool replaced) {
-    const bool undone = replaced ? os::rename(files.saved.c_str(), files.descriptor.c_str()) == 0
-                                 : deleteFile(files.descriptor);
+    const bool undone = replaced
+                            ? watched::rename(files.saved.c_str(), files.descriptor.c_str()) == 0
+                            : deleteFile(files.descriptor);
     if (files.bodyPath && !(undone && os::syncFolder(folderName.c_str()))) {
         files.bodyPath->commit();
     }
@@ -443,11 +464,11 @@ Status FileStore::removeFiles() {
         return kIo;
     }
     if (!moveAside(saved, deleted)) {
-        (void)os::rename(saved.c_str(), path.c_str());
+        (void)watched::rename(saved.c_str(), path.c_str());
         return kIo;
     }
     if (!os::syncFolder(folderName.c_str())) {
-        (void)os::rename(deleted.c_str(), path.c_str());
+        (void)watched::rename(deleted.c_str(), path.c_str());
         return kIo;
     }
     (void)deleteFile(deleted);  // one that stays is nobody's record

@@ -40,6 +40,9 @@ int guarded(Output& output, Body body) {
     } catch (const MemoryFailure& memory) {
         output.fail(memory.failure());
         return memory.failure().exitCode();
+    } catch (const LockLost& lost) {
+        output.fail(lost.failure());
+        return lost.failure().exitCode();
     } catch (const std::bad_alloc&) {
         output.fail(Failure(kNoMemory, "out of memory"));
         return static_cast<int>(kNoMemory);
@@ -198,6 +201,8 @@ void Cli::addGlobals() {
         .option("--lock-timeout", "SECONDS", Number{&globals_.lockSeconds, 0, kMostLockSeconds},
                 "Seconds to wait for another process")
         .showsDefault = true;
+    program_.flag("--require-shared-lock", &globals_.requireSharedLock,
+                  "Work only where the lock holds between hosts");
 }
 
 Command& Cli::add(std::string name, std::string description, Run run) {
@@ -232,7 +237,9 @@ int Cli::run(const Command& command) {
         StandardInput standardInput;
         SecretSource secret(globals_.secret, globals_.noInput, output, standardInput);
         TerminalObserver observer(output);
-        const Place place{globals_.folder, globals_.lockSeconds};
+        const Place place{.folder = globals_.folder,
+                          .lockSeconds = globals_.lockSeconds,
+                          .requireSharedLock = globals_.requireSharedLock};
         UserKeys keys(secret, place, observer);
         Database database(place, observer, &keys);
         Context context{globals_, output, standardInput, secret, database};

@@ -16,6 +16,7 @@ struct Globals {
     SecretOptions secret;
     bool noInput = false;  // never ask on the terminal
     double lockSeconds = kLockSeconds;
+    bool requireSharedLock = false;  // as in Place
     Output::Settings output;
 };
 

@@ -1,4 +1,6 @@
 // fstore info: the state of the database.
+#include <optional>
+
 #include <fmt/format.h>
 
 #include "format/layout.h"
@@ -6,6 +8,7 @@
 #include "fstore/commands/slot_text.h"
 #include "fstore/terminal/json.h"
 #include "lib/base/files.h"
+#include "lib/base/time.h"
 #include "lib/database/folders.h"
 #include "lib/database/lost.h"
 #include "lib/records/catalogue.h"
@@ -74,6 +77,28 @@ Json toJson(const Protection& protection) {
     return json;
 }
 
+const char* nameOf(LockReach reach) {
+    switch (reach) {
+        case LockReach::kHost:
+            return "host";
+        case LockReach::kHosts:
+            return "hosts";
+        case LockReach::kUnsure:
+            break;
+    }
+    return "unsure";
+}
+
+// Only what is not as on the disk of one host; what is unsure there is a warning for.
+void printLock(const FolderLock& lock, Output& output) {
+    if (!lock.fileFault().empty()) {
+        output.line(fmt::format("lock       of the folder alone, as {} cannot be used: {}",
+                                layout::kLockFile, lock.fileFault()));
+    } else if (lock.fileSystem().reach == LockReach::kHosts) {
+        output.line(fmt::format("lock       holds between hosts ({})", lock.fileSystem().name));
+    }
+}
+
 Json namesOf(const std::vector<LostFolder>& lost) {
     Json names = Json::array();
     for (const LostFolder& each : lost) {
@@ -88,8 +113,23 @@ std::string pathOf(const Place& place) {
     return !real.empty() ? real : absolutePath(joined(place.folder, layout::kLiveName));
 }
 
-Status run(Context& context) {
-    const Hold hold = context.database.enter(Access::kRead);
+// A database that another process changes: who that is, and nothing of what is in it.
+Status reportWriter(Context& context, const LockHolder& writer) {
+    const std::string path =
+        absolutePath(joined(context.database.place().folder, layout::kLiveName));
+    Output& output = context.output;
+    output.line(fmt::format("database   {}", path));
+    output.line(fmt::format("busy       {}, {}", writer.program, writer.describe()));
+    output.document({{"database", jsonText(path)},
+                     {"writer",
+                      {{"program", jsonText(writer.program)},
+                       {"pid", writer.pid},
+                       {"host", jsonText(writer.host)},
+                       {"since", printTime(writer.since)}}}});
+    return kAlreadyOpen;
+}
+
+Status report(Context& context) {
     const Protection& protection = context.database.protection();
     const bool hasOld = folderState().previous;
     Json folders = Json::array();
@@ -126,6 +166,8 @@ Status run(Context& context) {
     for (const LostFolder& each : lost) {
         output.line(fmt::format("moved away {}", describe(each)));
     }
+    const FolderLock& lock = context.database.lock();
+    printLock(lock, output);
     output.line(fmt::format("records    {}", records));
     output.table(table);
     for (const Failure& failure : unread) {
@@ -136,9 +178,27 @@ Status run(Context& context) {
                      {"oldDatabase", hasOld},
                      {"kept", Json::array(kept)},
                      {"lost", namesOf(lost)},
+                     {"lock",
+                      {{"file", lock.fileFault().empty()},
+                       {"fileSystem", jsonText(lock.fileSystem().name)},
+                       {"reach", nameOf(lock.fileSystem().reach)}}},
                      {"records", records},
                      {"folders", folders}});
     return unread.empty() ? kOk : kPartial;
+}
+
+Status run(Context& context) {
+    try {
+        const Hold hold = context.database.enter(Access::kRead);
+        return report(context);
+    } catch (const Failure& failure) {
+        const std::optional<LockHolder> writer =
+            failure.status() == kAlreadyOpen ? context.database.lock().writer() : std::nullopt;
+        if (!writer) {
+            throw;
+        }
+        return reportWriter(context, *writer);
+    }
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 
 #include <fmt/format.h>
 
+#include "lib/base/held_lock.h"
+
 namespace fstore {
 namespace {
 
@@ -62,6 +64,23 @@ int exitCodeOf(Status status) {
     return static_cast<int>(find(status) != nullptr ? status : kForeign);
 }
 
+void requireLock() {
+    HeldLock* const lock = heldLock();
+    if (lock == nullptr) {
+        return;
+    }
+    if (const std::string& why = lock->whyLost(); !why.empty()) {
+        throw LockLost(why);
+    }
+}
+
+void requireNoLoss() {
+    const HeldLock* const lock = heldLock();
+    if (lock != nullptr && !lock->knownLoss().empty()) {
+        throw LockLost(lock->knownLoss());
+    }
+}
+
 void failWithStatus(Status status, const std::string& message, const std::string& path) {
     if (status == kNoMemory) {
         throw MemoryFailure(message, path);
@@ -73,6 +92,7 @@ void check(Status status, const std::string& what, const std::string& path) {
     if (status == kOk) {
         return;
     }
+    requireNoLoss();
     if (!isOfStore(status)) {
         failWithStatus(kForeign, fmt::format("{}: another module reported status {}", what, status),
                        path);

@@ -7,6 +7,7 @@
 #define LIB_BASE_ERROR_H
 
 #include <cstddef>
+#include <exception>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -88,11 +89,35 @@ private:
     Failure failure_;
 };
 
+// The database's lock was lost while it was worked on, so that others may be at work there. Not a
+// Failure: code that undoes, cleans up or goes on after a failure must do nothing after this.
+class LockLost : public std::exception {
+public:
+    explicit LockLost(const std::string& reason)
+        // NOLINTNEXTLINE(bugprone-throw-keyword-missing): a member, and thrown with the object
+        : failure_(kIo, "the lock was lost (" + reason + "); nothing more was written") {}
+
+    const char* what() const noexcept override { return failure_.what(); }
+    // What the border to the user reports.
+    const Failure& failure() const noexcept { return failure_; }
+
+private:
+    Failure failure_;
+};
+
+// Asks the lock that this thread works under (held_lock.h), if there is one: to be called right
+// before each rename and removal that shows a change. Throws LockLost.
+void requireLock();
+
+// Throws LockLost when the lock is known to be lost: after a call that has refused to go on.
+void requireNoLoss();
+
 // Throws a MemoryFailure for kNoMemory and a Failure for any other status.
 [[noreturn]] void failWithStatus(Status status, const std::string& message,
                                  const std::string& path = {});
 
-// Fails with "<what>: <what the status means>" unless `status` is kOk.
+// Fails with "<what>: <what the status means>" unless `status` is kOk; with LockLost if that is
+// the reason.
 void check(Status status, const std::string& what, const std::string& path = {});
 
 // Fails with kIo, or kMissing or kNoMemory when errno says so, and the system's reason:

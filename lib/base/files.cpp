@@ -139,12 +139,14 @@ void visitEntriesOf(const char* path, const std::string& name, const EntryUser& 
 // In the functions below `path` begins at the thread's os::Base, and `name` is for messages.
 
 void removeEntry(const char* path, const std::string& name) {
+    requireLock();
     if (os::remove(path) != 0 && errno != ENOENT) {
         failWithErrno("remove", name);
     }
 }
 
 void removeFolder(const char* path, const std::string& name) {
+    requireLock();
     if (os::rmdir(path) != 0 && errno != ENOENT) {
         failWithErrno("remove", name);
     }

@@ -40,7 +40,11 @@ Access readingInsteadOf(Access access) {
 }  // namespace
 
 Database::Database(Place place, Observer& observer, KeySource* keys)
-    : place_(std::move(place)), observer_(observer), keys_(keys), lock_(place_), store_(place_) {}
+    : place_(std::move(place)),
+      observer_(observer),
+      keys_(keys),
+      lock_(place_, &observer),
+      store_(place_) {}
 
 Hold Database::enter(Access access, Need need, std::span<const AddressText> named) {
     named_.assign(named.begin(), named.end());
@@ -49,7 +53,7 @@ Hold Database::enter(Access access, Need need, std::span<const AddressText> name
     } else {
         lock_.open();
     }
-    store_.start(lock_.folder());
+    store_.start(lock_.folder(), lock_);
     Hold hold(lock_, store_.context());  // also when what follows throws
     switch (need) {
         case Need::kFolder:

@@ -95,6 +95,7 @@ public:
 
     const Place& place() const noexcept { return place_; }
     Observer& observer() noexcept { return observer_; }
+    const FolderLock& lock() const noexcept { return lock_; }
 
     // While a Hold lives:
 

@@ -17,6 +17,7 @@ using layout::kLive;
 using layout::kPrevious;
 
 void rename(const std::string& from, const std::string& to) {
+    requireLock();
     if (os::rename(from.c_str(), to.c_str()) != 0) {
         failWithErrno(fmt::format("rename {} to", from), to);
     }
@@ -102,8 +103,10 @@ std::string exchangeForCopy(const std::string& time) {
     (void)keepPrevious(time);
     // While there is no "./db", "./old_db" is what the next start puts back.
     rename(kLive, kPrevious);
+    requireLock();
     if (os::rename(kCopy, kLive) != 0) {
         const int reason = errno;
+        requireLock();
         (void)os::rename(kPrevious, kLive);  // if this fails too, the next start does it
         errno = reason;
         failWithErrno("create the database of", kCopy);

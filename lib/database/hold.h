@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "lib/base/held_lock.h"
 #include "lib/database/folder_lock.h"
 #include "lib/database/inside.h"
 
@@ -14,7 +15,9 @@ namespace fstore {
 class [[nodiscard]] Hold {
 public:
     Hold(FolderLock& lock, const StoreContext& context)
-        : lock_(&lock), inside_(std::make_unique<Inside>(context)) {}
+        : lock_(&lock),
+          inside_(std::make_unique<Inside>(context)),
+          under_(std::make_unique<UnderLock>(&lock)) {}
     Hold(Hold&&) noexcept = default;
     Hold& operator=(Hold&&) = delete;
     ~Hold() = default;
@@ -25,6 +28,7 @@ private:
     };
     std::unique_ptr<FolderLock, Release> lock_;
     std::unique_ptr<Inside> inside_;
+    std::unique_ptr<UnderLock> under_;
 };
 
 }  // namespace fstore

@@ -6,9 +6,18 @@
 
 namespace fstore {
 
-StoreContext::StoreContext(std::shared_ptr<StoreModules> modules, int folder)
+namespace {
+
+Status mayChange(void* lock) noexcept {
+    return static_cast<HeldLock*>(lock)->whyLost().empty() ? kOk : kIo;
+}
+
+}  // namespace
+
+StoreContext::StoreContext(std::shared_ptr<StoreModules> modules, int folder, HeldLock& lock)
     : modules_(std::move(modules)), folder_(folder) {
     check(modules_->contexts().make(folder, &id_), "cannot prepare the store for a database");
+    (void)modules_->contexts().watch(id_, &mayChange, &lock);  // it is there, and nobody inside
 }
 
 StoreContext::~StoreContext() {

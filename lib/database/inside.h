@@ -7,6 +7,7 @@
 
 #include <memory>
 
+#include "lib/base/held_lock.h"
 #include "lib/database/store_modules.h"
 #include "os/base.h"
 
@@ -15,8 +16,9 @@ namespace fstore {
 // The database of one folder, as the store knows it (api/filestore_context.h).
 class StoreContext {
 public:
-    // `folder` stays open for as long as this lives. Throws.
-    StoreContext(std::shared_ptr<StoreModules> modules, int folder);
+    // `folder` stays open for as long as this lives, and before the store makes a change visible
+    // it asks the lock, which lives as long. Throws.
+    StoreContext(std::shared_ptr<StoreModules> modules, int folder, HeldLock& lock);
     StoreContext(const StoreContext&) = delete;
     StoreContext& operator=(const StoreContext&) = delete;
     ~StoreContext();  // closes the database

@@ -50,6 +50,7 @@ void removeFiles(const std::vector<Finding>& findings, bool bodies) {
             (finding.kind == FindingKind::kUnnamedBody) != bodies) {
             continue;
         }
+        requireLock();
         if (os::remove(finding.path.c_str()) != 0) {
             failWithErrno("remove", finding.path);
         }

@@ -129,6 +129,7 @@ std::string makeFolderFor(std::int64_t time) {
 }
 
 void renameFile(const std::string& from, const std::string& to) {
+    requireLock();
     if (os::rename(from.c_str(), to.c_str()) != 0) {
         failWithErrno(fmt::format("move {} to", from), to);
     }
@@ -200,13 +201,17 @@ void removeIfDone(const std::string& folder, const LostPlan& plan) {
         }
     }
     for (const std::string& path : inside) {
+        requireLock();
         (void)os::rmdir(below(folder, path).c_str());  // one that is not empty stays
     }
+    requireLock();
     if (os::remove(joined(folder, std::string(kPlanName)).c_str()) != 0) {
         failWithErrno("remove", joined(folder, std::string(kPlanName)));
     }
+    requireLock();
     (void)os::rmdir(folder.c_str());
     syncFolder(layout::kLost);
+    requireLock();
     if (os::rmdir(layout::kLost) == 0) {
         syncFolder(".");
     }
@@ -346,6 +351,7 @@ void purgeLost(const std::string& name) {
     const std::string folder = requireLostFolder(name);
     removeTree(folder);
     syncFolder(layout::kLost);
+    requireLock();
     if (os::rmdir(layout::kLost) == 0) {
         syncFolder(".");
     }

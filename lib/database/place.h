@@ -12,6 +12,8 @@ struct Place {
     // The folder, open; it stays open for as long as the place is used. The text is then for
     // messages only. Negative where the text says which folder it is.
     int descriptor = -1;
+    // Whether to work only where the lock surely holds between hosts.
+    bool requireSharedLock = false;
 
     // The folder in words for messages.
     std::string describe() const { return folder == "." ? "this folder" : folder; }

@@ -80,6 +80,7 @@ void putBack(const std::string& saved) {
     if (exists(descriptor)) {
         return;
     }
+    requireLock();
     if (os::rename(saved.c_str(), descriptor.c_str()) != 0) {
         failWithErrno("rename", saved);
     }

@@ -161,6 +161,7 @@ std::string replaceBy(const StoredFile& place, const std::string& source) {
     const std::string second =
         makeCopy(place, [&](const auto& write) { readInPieces(place.path(), write); });
     syncFolder(folderPath(place.folder));
+    requireLock();
     if (os::rename(place.pathOf(source).c_str(), place.path().c_str()) != 0) {
         failWithErrno("rename", place.pathOf(source));
     }
@@ -186,6 +187,7 @@ Settled settleCopy(const StoredFile& copy, const std::string& rival, Keep keep) 
     if (isThere) {
         return {place.path(), replaceBy(place, copy.file)};
     }
+    requireLock();
     if (os::renameNew(copy.path().c_str(), place.path().c_str()) != 0) {
         failWithErrno("rename", copy.path());
     }

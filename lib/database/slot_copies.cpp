@@ -193,6 +193,7 @@ void writeCopyBeside(const char* root, const char* name, const UnlockRecord& rec
 
 void removeSavedCopy(const char* name) {
     const std::string saved = descriptorPath(addressOf(name)) + std::string(kOldMarker);
+    requireLock();
     (void)os::remove(saved.c_str());
 }
 

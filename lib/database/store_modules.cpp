@@ -71,6 +71,7 @@ StoreModules::StoreModules(bool own, const std::string& folder) {
     find(manager, "filestore_contextMake", contexts_.make);
     find(manager, "filestore_contextEnter", contexts_.enter);
     find(manager, "filestore_contextLeave", contexts_.leave);
+    find(manager, "filestore_contextWatch", contexts_.watch);
     find(manager, "filestore_contextDelete", contexts_.end);
 }
 

@@ -33,6 +33,7 @@ public:
         decltype(&filestore_contextMake) make = nullptr;
         decltype(&filestore_contextEnter) enter = nullptr;
         decltype(&filestore_contextLeave) leave = nullptr;
+        decltype(&filestore_contextWatch) watch = nullptr;
         decltype(&filestore_contextDelete) end = nullptr;
     };
     const Contexts& contexts() const noexcept { return contexts_; }

@@ -30,9 +30,9 @@ void requireFolderOrNone(const char* path) {
 
 StoreService::StoreService(const Place& place) : place_(place) {}
 
-void StoreService::start(const os::File& folder) {
+void StoreService::start(const os::File& folder, HeldLock& lock) {
     if (!context_) {
-        context_ = std::make_unique<StoreContext>(StoreModules::get(), folder.get());
+        context_ = std::make_unique<StoreContext>(StoreModules::get(), folder.get(), lock);
     }
 }
 
@@ -66,6 +66,7 @@ void StoreService::makeFolders() {
     }
     // The store goes on after a folder that it could not make, so errno tells of another.
     if (service_.prepareDBFolders() != kOk) {
+        requireNoLoss();
         throw Failure(kIo,
                       fmt::format("cannot create the folders of the database in {} (disk full? "
                                   "no permission?)",
@@ -78,6 +79,7 @@ void StoreService::makeFolders() {
 Status StoreService::recrypt(const SecretText& p, Observer& observer) {
     const CountingService::Counting counting(observer);
     const Status status = service_.recrypt(p_.c_str(), p.c_str());
+    requireNoLoss();
     return counting.wasCancelled() ? kInterrupted : status;
 }
 

@@ -8,6 +8,7 @@
 #include <span>
 
 #include "client/s_filestoreC.h"
+#include "lib/base/held_lock.h"
 #include "lib/base/observer.h"
 #include "lib/base/secret.h"
 #include "lib/database/inside.h"
@@ -24,8 +25,9 @@ public:
     ~StoreService() = default;  // closes the database
 
     // Loads the modules, and makes the store's context for the database in `folder`, which
-    // stays open; to be called first. Later calls do nothing. Throws kNoObject.
-    void start(const os::File& folder);
+    // stays open, and which is changed under `lock`; to be called first. Later calls do nothing.
+    // Throws kNoObject.
+    void start(const os::File& folder, HeldLock& lock);
 
     // Where operations of this database are inside. After start().
     const StoreContext& context() const noexcept { return *context_; }

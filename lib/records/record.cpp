@@ -394,6 +394,7 @@ void Record::removeDescriptors() const {
         if (!exists(each)) {
             continue;
         }
+        requireLock();
         if (os::remove(each.c_str()) != 0) {
             failWithErrno("remove", each);
         }

@@ -10,14 +10,19 @@ import sys
 
 from seeding import Bug, main
 
-EVERY_DAY = ("exported_file_not_synced", "old_slot_dropped_before_the_old_folder",
+EVERY_DAY = ("token_not_compared", "exported_file_not_synced",
+             "old_slot_dropped_before_the_old_folder",
              "body_deleted_that_is_still_named", "one_attribute_not_compared",
              "oracle_passes_over_lost_bytes")
 
 # Beside each fault stands the test that must see it; no other is asked.
 OTHERS = ()
 
+ERROR = "lib/base/error.cpp"
 FILES = "lib/base/files.cpp"
+FOLDER_LOCK = "lib/database/folder_lock.cpp"
+LOCK_FILE = "lib/database/lock_file.cpp"
+INSIDE = "lib/database/inside.cpp"
 FOLDERS = "lib/database/folders.cpp"
 RECOVERY = "lib/database/recovery.cpp"
 CHANGE = "lib/database/password_change.cpp"
@@ -44,7 +49,48 @@ def plain(workload):
     return f"tool_crash_test:*DoesWhatItIsFor/{workload}"
 
 
+def lost(test):
+    return f"lost_lock_test:*{test}"
+
+
+def locking(test):
+    return f"fstore_locking_test.py:LockFileTest.{test}"
+
+
 BUGS = (
+    # The lock.
+    Bug("token_not_compared", FOLDER_LOCK,
+        "    return holder->token == token_ ? std::string()",
+        "    return !holder->token.empty() ? std::string()",
+        lost("OnlyTheTokenSavesWhatTheOtherHostHasWritten/rm")),
+    Bug("lock_not_taken_again", FOLDER_LOCK,
+        "    switch (os::lockFile(file_.file(), os::LockKind::kExclusive, 0)) {",
+        "    switch (os::Locked::kYes) {", lost("ALockThatTheSystemRefusesIsLost/rm")),
+    Bug("lock_file_not_signed", FOLDER_LOCK,
+        "            if (writes && token_.empty()) {", "            if (!writes) {",
+        locking("test_a_writer_says_who_it_is")),
+    Bug("unsigned_lock_between_hosts", FOLDER_LOCK,
+        "    if (!file_.write(holder) && asks()) {", "    if (!file_.write(holder) && token_ == \"x\") {",
+        lost("ALockThatCannotBeSignedIsNoneBetweenHosts/rm")),
+    Bug("replaced_lock_file_believed", FOLDER_LOCK,
+        "        if (file_.isCurrent()) {", "        if (file_.file()) {",
+        locking("test_one_that_was_replaced_is_no_lock")),
+    Bug("folder_not_locked", FOLDER_LOCK,
+        "        wait(What::kFolder, kind);", "        (void)kind;",
+        "fstore_locking_test.py:LockTest.test_another_writer_keeps_everybody_out"),
+    Bug("link_taken_for_a_lock_file", LOCK_FILE,
+        "constexpr int kFlags = O_NOFOLLOW |", "constexpr int kFlags =",
+        locking("test_what_is_not_a_file_is_no_lock")),
+    Bug("store_does_not_ask", INSIDE,
+        "whyLost().empty() ? kOk : kIo", "knownLoss().empty() ? kOk : kIo",
+        lost("LooksRightBeforeEachStepThatShows/put_over")),
+    Bug("library_does_not_ask", ERROR,
+        "    if (const std::string& why = lock->whyLost(); !why.empty()) {",
+        "    if (const std::string& why = lock->knownLoss(); !why.empty()) {",
+        lost("LooksRightBeforeEachStepThatShows/restore_replace")),
+    Bug("goes_on_after_a_lost_lock", FOLDER_LOCK,
+        "            lost_ = askWhyLost();", "            (void)askWhyLost();",
+        lost("OnlyTheTokenSavesWhatTheOtherHostHasWritten/put_over")),
     # Files that the user names.
     Bug("exported_file_not_synced", FILES,
         "    if (!os::closeDurably(std::move(file_))) {",
@@ -107,8 +153,8 @@ BUGS = (
         "        rename(kCopy, kLive);\n        syncHere();",
         "        rename(kCopy, kLive);", power("restore")),
     Bug("live_database_deleted_before_the_exchange", FOLDERS,
-        "    rename(kLive, kPrevious);\n    if (os::rename",
-        "    removeTree(kLive);\n    if (os::rename", plain("restore_replace")),
+        "    rename(kLive, kPrevious);\n    requireLock();",
+        "    removeTree(kLive);\n    requireLock();", plain("restore_replace")),
     Bug("copy_put_in_place_first", FOLDERS,
         "    (void)keepPrevious(time);\n    // While",
         "    removeTree(kPrevious);\n    // While", plain("restore_replace_with_foreign_old")),

@@ -80,6 +80,7 @@ protected:
                 EXPECT_EQ(0, again.code) << again.output;
                 EXPECT_EQ(describe(repaired), describe(readCurrentFolder())) << again.output;
                 std::filesystem::remove_all("db.lost");  // the oracle knows the store alone
+                std::filesystem::remove("db.lock");
                 EXPECT_EQ("",
                           judge(recover(recording.question), recording.allowedAfter(state.made)))
                     << repair.output;

@@ -136,6 +136,21 @@ bool isOnDisk(int fd) {
     return fd > 2 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
 }
 
+template <class Offset>
+ssize_t writeAt(const char* name, int fd, const void* data, size_t size, Offset at) {
+    auto* const real = next<ssize_t(int, const void*, size_t, Offset)>(name);
+    switch (nextCall(Room::kTaken)) {
+        case Fate::kDie:
+            (void)real(fd, data, size / 2, at);
+            die();
+        case Fate::kFail:
+            return -1;
+        case Fate::kGoOn:
+            break;
+    }
+    return real(fd, data, size, at);
+}
+
 void countScrypt() {
     const char* const path = std::getenv("CALL_TRAP_SCRYPT");
     std::FILE* const file = path == nullptr ? nullptr : std::fopen(path, "a");
@@ -191,6 +206,14 @@ ssize_t write(int fd, const void* data, size_t size) {
             break;
     }
     return real(fd, data, size);
+}
+
+// NOLINTNEXTLINE(bugprone-easily-swappable-parameters): as the system has them
+ssize_t pwrite(int fd, const void* data, size_t size, off_t at) {
+    return writeAt<off_t>("pwrite", fd, data, size, at);
+}
+ssize_t pwrite64(int fd, const void* data, size_t size, off64_t at) {
+    return writeAt<off64_t>("pwrite64", fd, data, size, at);
 }
 
 int fsync(int fd) {

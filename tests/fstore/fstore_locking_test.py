@@ -3,6 +3,8 @@
 
 import fcntl
 import os
+import stat
+import tarfile
 import threading
 import time
 
@@ -46,9 +48,197 @@ class LockTest(InitialisedTest):
         self.run_tool("ls")
         timer.join()
 
-    def test_leaves_nothing_behind(self):
+    def test_leaves_only_the_lock_file_behind(self):
         self.run_tool("ls")
-        self.assertEqual(["db"], [path.name for path in self.folder.iterdir()])
+        self.assertEqual(["db", "db.lock"], sorted(path.name for path in self.folder.iterdir()))
+
+
+LINE_SIZE = 256
+HOLDER = f"{'5e' * 16} 4711 2026-11-23T02:58:25Z far.example mv"
+
+
+def line_of(holder):
+    """The line of one who holds the lock, as it stands in the file."""
+    return holder.ljust(LINE_SIZE - 1).encode() + b"\n"
+
+
+class LockFileTest(InitialisedTest):
+    """db.lock, whose lock is also known to other hosts."""
+
+    @classmethod
+    def fill(cls, folder):
+        run = support.fstore("-D", folder, "put", "settings/a", "-", "--plain-body", stdin=b"x")
+        assert run.code == 0, run.message
+
+    def setUp(self):
+        super().setUp()
+        self.lock = self.folder / "db.lock"
+
+    def hold(self, kind, line=b""):
+        """Locks the file alone, as a writer on another host does."""
+        fd = os.open(self.lock, os.O_RDWR)
+        os.ftruncate(fd, 0)
+        os.write(fd, line)
+        fcntl.flock(fd, kind)
+        self.addCleanup(os.close, fd)
+        return fd
+
+    def test_init_makes_it_for_the_owner_alone(self):
+        self.assertEqual(0o600, stat.S_IMODE(self.lock.stat().st_mode))
+        self.assertTrue(stat.S_ISREG(self.lock.stat().st_mode))
+
+    def test_a_writer_says_who_it_is(self):
+        before = self.lock.read_bytes()
+        self.run_tool("set", "a", "label=x")
+        line = self.lock.read_bytes()
+        self.assertEqual(LINE_SIZE, len(line))
+        token, pid, since, host, program = line.decode().split()
+        self.assertRegex(token, "^[0-9a-f]{32}$")
+        self.assertNotEqual(before.split()[0].decode(), token)
+        self.assertGreater(int(pid), 1)
+        self.assertRegex(since, r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
+        self.assertEqual((os.uname().nodename, "fstore"), (host, program))
+
+    def test_whoever_has_it_keeps_everybody_out(self):
+        self.hold(fcntl.LOCK_EX)
+        for args in [("ls",), ("info",), ("check",), ("get", "a"), ("rm", "a"),
+                     ("set", "a", "label=x"), ("init",)]:
+            self.fails(33, "busy", "--lock-timeout", "0", *args)
+
+    def test_readers_share_it_and_keep_writers_out(self):
+        self.hold(fcntl.LOCK_SH)
+        for args in [("ls",), ("info",), ("check",), ("get", "a"), ("show", "a"), ("dump", "a")]:
+            self.run_tool("--lock-timeout", "0", *args)
+        self.fails(33, "busy", "--lock-timeout", "0", "rm", "a")
+
+    def test_a_reader_asks_for_both_locks_and_a_writer_for_both(self):
+        for args in [("ls",), ("set", "a", "label=x")]:
+            for name in [".", "db.lock"]:
+                fd = os.open(self.folder / name, os.O_RDONLY)
+                fcntl.flock(fd, fcntl.LOCK_EX)
+                self.fails(33, "busy", "--lock-timeout", "0", *args)
+                os.close(fd)
+            self.run_tool("--lock-timeout", "0", *args)
+
+    def test_tells_who_holds_it(self):
+        self.hold(fcntl.LOCK_EX, line_of(HOLDER))
+        message = self.fails(33, "busy", "--lock-timeout", "0", "rm", "a")
+        self.assertIn("(4711 on far.example, since 2026-11-23T02:58:25Z)", message)
+        run = self.run_tool("--lock-timeout", "0", "info", code=33)
+        self.assertIn("mv, 4711 on far.example, since 2026-11-23T02:58:25Z", run.text)
+        run = self.run_tool("--lock-timeout", "0", "--json", "info", code=33)
+        self.assertEqual({"program": "mv", "pid": 4711, "host": "far.example",
+                          "since": "2026-11-23T02:58:25Z"}, run.document["writer"])
+
+    def test_tells_nobody_by_a_line_that_is_not_one(self):
+        for line in [b"", b"\n", line_of(HOLDER)[:100], line_of(HOLDER.replace("5e", "5g")),
+                     line_of(HOLDER.replace("4711", "47x1")),
+                     line_of(HOLDER.replace("2026", "x")), line_of(HOLDER.replace(" mv", "")),
+                     line_of(HOLDER.replace("far", "f\x1b[31mr"))]:
+            fd = self.hold(fcntl.LOCK_EX, line)
+            message = self.fails(33, "busy", "--lock-timeout", "0", "rm", "a")
+            self.assertNotIn(" on ", message)
+            fcntl.flock(fd, fcntl.LOCK_UN)
+
+    def test_readers_are_not_taken_for_the_last_writer(self):
+        self.run_tool("set", "a", "label=x")
+        fd = os.open(self.lock, os.O_RDONLY)
+        fcntl.flock(fd, fcntl.LOCK_SH)
+        self.addCleanup(os.close, fd)
+        message = self.fails(33, "busy", "--lock-timeout", "0", "rm", "a")
+        self.assertNotIn(" on ", message)
+
+    def test_says_once_whom_it_waits_for(self):
+        fd = self.hold(fcntl.LOCK_EX,
+                       line_of(HOLDER))
+        timer = threading.Timer(2, lambda: fcntl.flock(fd, fcntl.LOCK_UN))
+        timer.start()
+        run = self.run_tool("ls")
+        timer.join()
+        told = "waiting for another process (4711 on far.example, since 2026-11-23T02:58:25Z)"
+        self.assertEqual(1, run.message.count("waiting"))
+        self.assertIn(told, run.message)
+
+    def test_a_short_wait_is_not_worth_a_word(self):
+        fd = self.hold(fcntl.LOCK_EX)
+        timer = threading.Timer(0.3, lambda: fcntl.flock(fd, fcntl.LOCK_UN))
+        timer.start()
+        run = self.run_tool("ls")
+        timer.join()
+        self.assertNotIn("waiting", run.message)
+
+    def test_a_database_without_one_gets_it_from_whoever_comes_first(self):
+        for args in [("ls",), ("set", "a", "label=x")]:
+            self.lock.unlink()
+            self.run_tool(*args)
+            self.assertEqual(0o600, stat.S_IMODE(self.lock.stat().st_mode))
+
+    def test_it_serves_those_whom_the_database_serves(self):
+        self.lock.unlink()
+        (self.folder / "db").chmod(0o770)
+        self.run_tool("set", "a", "label=x")
+        self.assertEqual(0o660, stat.S_IMODE(self.lock.stat().st_mode))
+
+    def test_no_database_no_file(self):
+        (self.folder / "empty").mkdir()
+        for args in [("ls",), ("set", "a", "label=x")]:
+            self.run_tool("-D", "empty", *args, code=50)
+            self.assertEqual([], list((self.folder / "empty").iterdir()))
+
+    def test_what_is_not_a_file_is_no_lock(self):
+        def link():
+            self.lock.symlink_to("elsewhere")
+
+        def link_to_file():
+            (self.folder / "elsewhere").write_bytes(b"kept")
+            self.lock.symlink_to("elsewhere")
+
+        for make in [link, link_to_file, self.lock.mkdir, lambda: os.mkfifo(self.lock)]:
+            self.lock.unlink(missing_ok=True)
+            make()
+            for args in [("ls",), ("get", "a"), ("set", "a", "label=x"), ("rm", "a")]:
+                message = self.fails(4, "invalid", *args)
+                self.assertIn("db.lock", message)
+            if self.lock.is_dir() and not self.lock.is_symlink():
+                self.lock.rmdir()
+        self.assertEqual(b"kept", (self.folder / "elsewhere").read_bytes())
+
+    def test_one_that_was_replaced_is_no_lock(self):
+        """Whoever waited for the old file starts again with the new one."""
+        fd = self.hold(fcntl.LOCK_EX)
+        other = os.open(self.folder / "other", os.O_RDWR | os.O_CREAT, 0o600)
+        self.addCleanup(os.close, other)
+        fcntl.flock(other, fcntl.LOCK_EX)
+
+        def swap():
+            os.rename(self.folder / "other", self.lock)
+            fcntl.flock(fd, fcntl.LOCK_UN)
+
+        timer = threading.Timer(0.3, swap)
+        timer.start()
+        self.fails(33, "busy", "--lock-timeout", "1", "ls")
+        timer.join()
+        fcntl.flock(other, fcntl.LOCK_UN)
+        self.run_tool("set", "a", "label=x")
+
+    def test_it_is_in_no_backup_and_no_finding(self):
+        self.run_tool("backup", "a.tar")
+        with tarfile.open(self.folder / "a.tar") as archive:
+            self.assertEqual([], [name for name in archive.getnames() if "lock" in name])
+        self.assertNotIn("lock", self.run_tool("check").text)
+
+    def test_a_reader_without_the_right_locks_the_folder_alone(self):
+        self.lock.chmod(0)
+        bound = {"prefix": support.BOUND}
+        self.run_tool("ls", **bound)
+        self.assertIn("lock       of the folder alone", self.run_tool("info", **bound).text)
+        document = self.run_tool("info", "--json", **bound).document
+        self.assertEqual((False, "host"), (document["lock"]["file"], document["lock"]["reach"]))
+        message = self.run_tool("--require-shared-lock", "ls", code=2, **bound).message
+        self.assertIn("db.lock", message)
+        self.assertIn("db.lock", self.fails(9, "io", "set", "a", "label=x", **bound))
+        self.lock.chmod(0o600)
+        self.assertTrue(self.run_tool("info", "--json").document["lock"]["file"])
 
 
 class ReaderRepairTest(InitialisedTest):

@@ -33,8 +33,10 @@ class FolderTest(FstoreTest):
                     self.run_tool("-D", base + name, "check", "--deep")
                     self.assert_only(real)
                     for path in self.folder.iterdir():
-                        (path.unlink if path.is_symlink() else lambda each=path:
-                         shutil.rmtree(each))()
+                        if path.is_dir() and not path.is_symlink():
+                            shutil.rmtree(path)
+                        else:
+                            path.unlink()
 
     def test_init_from_within(self):
         (self.folder / "one/two").mkdir(parents=True)

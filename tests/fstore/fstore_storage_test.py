@@ -41,7 +41,7 @@ class FullDiskTest(StorageTest):
             with self.subTest(args=args):
                 self.assertRegex(self.fails_with_io(*args, env={**TRAP, "CALL_TRAP_FULL": 1}),
                                  "full|No space left")
-                self.assertEqual(["db"], os.listdir(self.folder))
+                self.assertEqual(["db", "db.lock"], sorted(os.listdir(self.folder)))
         self.assert_unchanged()
 
     def test_no_room_for_a_new_database(self):

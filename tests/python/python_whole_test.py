@@ -190,7 +190,7 @@ class WholeTest(StoreTest):
                         "another", cost=CHEAP, progress=lambda *step: steps.append(step),
                         cancelled=lambda: len(steps) > after)
                 self.assertEqual([PASSWORD], self.opened_by(PASSWORD, "another"))
-                self.assertEqual(["db"], sorted(os.listdir(self.folder)))
+                self.assertEqual(["db", "db.lock"], sorted(os.listdir(self.folder)))
 
     def test_cancel_by_an_event(self):
         stop = threading.Event()

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -236,6 +237,98 @@ TEST(ContextsTest, LockOfOneDatabaseIsNoneOfAnother) {
         EXPECT_EQ(kOk, CMN_FILESTORE_S.recrypt("", "next"));
     });
     other.join();
+}
+
+// Who answers what a test wants, and counts.
+struct Watcher {
+    static Status ask(void* self) {
+        auto& watcher = *static_cast<Watcher*>(self);
+        return ++watcher.asked > watcher.allowed ? kIo : kOk;
+    }
+
+    int allowed = 0;
+    int asked = 0;
+};
+
+// Each way in which a change becomes visible, stopped at each question: what was there is there,
+// and the files of the change stay.
+TEST(ContextsTest, WhoWatchesAContextStopsItsChanges) {
+    const TestStore store("secret");
+    const struct {
+        const char* name;
+        std::function<Status()> change;
+    } rows[] = {
+        {"a new record", [] { return TestStore::save("new", kSecret); }},
+        {"over a record",
+         [] {
+             return TestStore::save("a", {{{1, 7, "4444", false}}, "b", false});
+         }},
+        {"a removal", [] { return TestStore::record("a").remove(); }},
+        {"another password", [] { return CMN_FILESTORE_S.recrypt("", "next"); }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        bool isDone = false;
+        for (int allowed = 0; !isDone; ++allowed) {
+            fs::remove_all("beside");
+            const Beside beside("beside");
+            {
+                const Inside inside(beside.id());
+                Inside::prepareAndOpen("");
+                ASSERT_EQ(kOk, TestStore::save("a", kSecret));
+            }
+            Watcher watcher{.allowed = allowed};
+            ASSERT_EQ(kOk, filestore_contextWatch(beside.id(), &Watcher::ask, &watcher));
+            const Inside inside(beside.id());
+            const auto before = support::tree("beside");
+            const Status status = row.change();
+            isDone = watcher.asked <= allowed;
+            if (isDone) {
+                EXPECT_EQ(kOk, status);
+            }
+            if (allowed == 0) {
+                EXPECT_EQ(kIo, status);
+                for (const auto& [path, bytes] : before) {
+                    EXPECT_EQ(bytes, support::tree("beside")[path]) << path;
+                }
+            }
+        }
+    }
+}
+
+TEST(ContextsTest, AContextIsWatchedWhileNobodyIsInside) {
+    const TestStore store("secret");
+    const Beside beside("beside");
+    Watcher watcher;
+    EXPECT_EQ(kEnd, filestore_contextWatch(0xFFFFFFFF, &Watcher::ask, &watcher));
+    {
+        const Inside inside(beside.id());
+        Inside::prepareAndOpen("");
+        EXPECT_EQ(kAlreadyOpen, filestore_contextWatch(beside.id(), &Watcher::ask, &watcher));
+        EXPECT_EQ(kOk, TestStore::save("a", kSecret));
+    }
+    ASSERT_EQ(kOk, filestore_contextWatch(beside.id(), &Watcher::ask, &watcher));
+    {
+        const Inside inside(beside.id());
+        EXPECT_EQ(kIo, TestStore::save("a", kSecret));
+        EXPECT_EQ(kSecret, TestStore::load("a"));
+    }
+    EXPECT_LT(0, watcher.asked);
+    const int asked = watcher.asked;
+    ASSERT_EQ(kOk, filestore_contextWatch(beside.id(), nullptr, nullptr));
+    const Inside inside(beside.id());
+    EXPECT_EQ(kOk, TestStore::save("a", kSecret));
+    EXPECT_EQ(asked, watcher.asked);
+}
+
+// The process's folder has nobody who could watch it.
+TEST(ContextsTest, WhoWatchesAContextIsAskedForNoOther) {
+    const TestStore store("secret");
+    const Beside beside("beside");
+    Watcher watcher;
+    ASSERT_EQ(kOk, filestore_contextWatch(beside.id(), &Watcher::ask, &watcher));
+    EXPECT_EQ(kOk, TestStore::save("a", kSecret));
+    EXPECT_EQ(0, watcher.asked);
 }
 
 TEST(ContextsTest, NoMemoryMakesNone) {

@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <iterator>
 #include <mutex>
+#include <optional>
 #include <system_error>
 #include <unordered_map>
 #include <utility>
@@ -43,6 +44,7 @@ struct Verdict {
     std::size_t size = 0;  // bytes that a read or write may move
     bool untyped = false;
     bool found = false;
+    std::optional<std::uint32_t> magic;
     bool struck = false;
 };
 
@@ -128,6 +130,12 @@ private:
                 break;
             case Trouble::Kind::kFind:
                 verdict.found = true;
+                break;
+            case Trouble::Kind::kMeanwhile:
+                trouble.act();
+                break;
+            case Trouble::Kind::kMagic:
+                verdict.magic = static_cast<std::uint32_t>(trouble.atMost_);
                 break;
         }
     }
@@ -268,9 +276,9 @@ void forget(std::vector<Pointer>& list, Pointer one) {
 
 const char* nameOf(Call call) {
     static constexpr std::array<const char*, kCallKinds> kNames{
-        "open",           "close",   "read",    "write",    "fstat",  "fsync",  "syncfs",
-        "startWriteback", "access",  "lstat",   "rename",   "remove", "mkdir",  "rmdir",
-        "realpath",       "opendir", "readdir", "closedir", "flock",  "utimens"};
+        "open",           "close",   "read",    "write",    "fstat",  "fsync",   "syncfs",
+        "startWriteback", "access",  "lstat",   "rename",   "remove", "mkdir",   "rmdir",
+        "realpath",       "opendir", "readdir", "closedir", "flock",  "utimens", "fstatfs"};
     return kNames[index(call)];
 }
 
@@ -298,6 +306,7 @@ const std::vector<int>& errnosOf(Call call) {
         {EINTR, EIO},                                                       // closedir
         {EINTR, EIO, ENOLCK, ENOTSUP, EWOULDBLOCK},                         // flock
         {EACCES, EIO, ELOOP, ENAMETOOLONG, ENOMEM, EPERM, EROFS},           // utimens
+        {EINTR, EIO, ENOMEM, ENOSYS, EOVERFLOW},                            // fstatfs
     }};
     return kErrnos[index(call)];
 }
@@ -466,6 +475,25 @@ ssize_t os::write(int fd, const void* data, std::size_t size) noexcept {
         step.event.offset = ::lseek(fd, 0, SEEK_CUR) - stored;
     }
     return step.done(stored);
+}
+
+ssize_t os::pwrite(int fd, const void* data, std::size_t size, off_t at) noexcept {
+    Step step(Call::kWrite, fd, size);
+    const ssize_t stored = step.fails() ? -1 : ::pwrite(fd, data, step.verdict.size, at);
+    if (stored > 0) {
+        step.event.data.assign(static_cast<const char*>(data), static_cast<std::size_t>(stored));
+        step.event.offset = at;
+    }
+    return step.done(stored);
+}
+
+int os::fstatfs(int fd, struct statfs* status) noexcept {
+    Step step(Call::kFstatfs, fd);
+    const int result = step.fails() ? -1 : ::fstatfs(fd, status);
+    if (result == 0 && step.verdict.magic) {
+        status->f_type = static_cast<decltype(status->f_type)>(*step.verdict.magic);
+    }
+    return step.done(result);
 }
 
 int os::fstat(int fd, struct stat* status) noexcept {

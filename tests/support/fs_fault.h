@@ -16,6 +16,7 @@
 #include <functional>
 #include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace fault {
@@ -24,7 +25,7 @@ enum class Call {
     kOpen,
     kClose,
     kRead,
-    kWrite,
+    kWrite,  // pwrite() as well
     kFstat,
     kFsync,
     kSyncfs,
@@ -40,9 +41,10 @@ enum class Call {
     kReaddir,
     kClosedir,
     kFlock,
-    kUtimens
+    kUtimens,
+    kFstatfs
 };
-inline constexpr int kCallKinds = static_cast<int>(Call::kUtimens) + 1;
+inline constexpr int kCallKinds = static_cast<int>(Call::kFstatfs) + 1;
 
 const char* nameOf(Call call);  // as in os/fs.h
 
@@ -97,10 +99,12 @@ public:
     bool lift();       // ends the trouble; true when it has struck
 
 protected:
-    enum class Kind { kFail, kShort, kDie, kUntype, kFind };
+    enum class Kind { kFail, kShort, kDie, kUntype, kFind, kMagic, kMeanwhile };
 
     Trouble(Kind kind, int nth, Mode mode, Calls calls, int error, std::size_t atMost);
-    ~Trouble();
+    virtual ~Trouble();
+
+    virtual void act() const {}  // of kMeanwhile
 
 private:
     friend class Seam;
@@ -152,6 +156,25 @@ class TakenNames : public Trouble {
 public:
     explicit TakenNames(int count)
         : Trouble(Kind::kFind, count, Mode::kFromThenOn, {Call::kAccess}, 0, 0) {}
+};
+
+// In front of the call, somebody else does `what`, by calls of the system's own.
+class Meanwhile : public Trouble {
+public:
+    Meanwhile(int nth, std::function<void()> what, Calls calls = Calls::all())
+        : Trouble(Kind::kMeanwhile, nth, Mode::kOnce, calls, 0, 0), what_(std::move(what)) {}
+
+private:
+    void act() const override { what_(); }
+
+    const std::function<void()> what_;
+};
+
+// Every folder is on a file system of this kind (statfs's f_type).
+class FileSystemOf : public Trouble {
+public:
+    explicit FileSystemOf(std::uint32_t magic)
+        : Trouble(Kind::kMagic, 1, Mode::kFromThenOn, {Call::kFstatfs}, 0, magic) {}
 };
 
 inline constexpr int kDeath = 77;

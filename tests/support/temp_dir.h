@@ -83,8 +83,8 @@ inline std::string readFile(const std::string& path) {
 }
 
 // Everything below `root`: relative path to content. A folder reads "<folder>",
-// a symbolic link "-> target", what else there may be "<special>". The map of a
-// root that does not exist is empty.
+// a symbolic link "-> target", what else there may be "<special>"; without a database's lock
+// file, which says who locked last. The map of a root that does not exist is empty.
 inline std::map<std::string, std::string> tree(const std::string& root) {
     namespace fs = std::filesystem;
     std::map<std::string, std::string> entries;
@@ -92,6 +92,9 @@ inline std::map<std::string, std::string> tree(const std::string& root) {
         return entries;
     }
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root)) {
+        if (entry.path().filename() == "db.lock") {
+            continue;
+        }
         std::string& content = entries[entry.path().lexically_relative(root).string()];
         if (entry.is_symlink()) {
             content = "-> " + fs::read_symlink(entry.path()).string();

@@ -25,6 +25,7 @@ PLAIN = {
     "filestore_contextMake",
     "filestore_contextEnter",
     "filestore_contextLeave",
+    "filestore_contextWatch",
     "filestore_contextDelete",
     "rk5_MD5Init",
     "rk5_MD5Update",

@@ -10,6 +10,7 @@
 
 #include "cmn/status.h"
 #include "tests/crash/figures.h"
+#include "tests/crash/tool/tool_state.h"
 
 namespace crash {
 namespace {
@@ -73,11 +74,12 @@ std::vector<std::pair<std::string, std::optional<std::string>>> damagesOf(
 
 }  // namespace
 
+// A power loss may leave any or no lock file, which nothing that is recovered depends on.
 std::vector<fault::Event> inThisFolder(const std::vector<fault::Event>& events) {
     std::vector<fault::Event> inside;
     std::copy_if(events.begin(), events.end(), std::back_inserter(inside), [](const auto& event) {
         return fault::kLastingCalls.has(event.call) && event.path != "?" &&
-               !event.path.starts_with('/');
+               !event.path.starts_with('/') && !isLockFile(event.path);
     });
     return inside;
 }

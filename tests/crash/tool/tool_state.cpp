@@ -4,7 +4,9 @@
 #include <filesystem>
 #include <regex>
 #include <sstream>
+#include <string_view>
 
+#include "format/layout.h"
 #include "lib/base/error.h"
 #include "lib/base/key_file.h"
 #include "lib/base/recovery_key.h"
@@ -352,6 +354,11 @@ void judgeKept(const ToolState& seen, const Promise& promise, Repaired repaired,
 
 }  // namespace
 
+bool isLockFile(const std::string& path) {
+    return path.substr(path.rfind('/') + 1) ==
+           std::string_view(layout::kLockFile).substr(std::string_view("./").size());
+}
+
 ToolState look(const std::string& folder) {
     ToolState state;
     const Secrets secrets = secretsIn(readCurrentFolder());
@@ -374,7 +381,7 @@ ToolState look(const std::string& folder) {
                 state.lost[withoutTime(rest)] = node.bytes;
             }
         } else if (!(isInside && (first == "db" || first == "new_db" || first == "old_db")) &&
-                   !node.folder && !isDraft(path)) {
+                   !node.folder && !isDraft(path) && !isLockFile(path)) {
             state.files[path] = lastingIn(node.bytes);
         }
     }

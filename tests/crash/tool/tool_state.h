@@ -36,6 +36,9 @@ struct ToolState {
     bool operator==(const ToolState&) const = default;
 };
 
+// Whether a path is that of a database's lock file, which holds nothing of the database.
+bool isLockFile(const std::string& path);
+
 // Reads everything by the library, which first repairs what a crash left, as it does for each
 // command. `folder` holds "db", below the current folder.
 ToolState look(const std::string& folder);
