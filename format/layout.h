@@ -25,6 +25,10 @@ inline constexpr const char* kLockFile = "./db.lock";
 // What repairs moved out of the live folder.
 inline constexpr const char* kLost = "./db.lost";
 
+// What is derived from the live folder, and may be lost: lib/index. Names that begin with it and a
+// "-" are SQLite's.
+inline constexpr const char* kIndex = "./db.index";
+
 // The live folder in the words of users and of backups.
 inline constexpr const char* kLiveName = "db";
 

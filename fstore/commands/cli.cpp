@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <sstream>
@@ -13,6 +14,7 @@
 
 #include "fstore/commands/common_options.h"
 #include "fstore/terminal/observer.h"
+#include "lib/base/files.h"
 
 namespace fstore {
 namespace {
@@ -170,6 +172,16 @@ void declare(CLI::App& app, const Cli& cli) {
     }
 }
 
+// As other programs have it; none where these variables may be somebody else's.
+std::string cacheFolder() {
+    const char* const cache = ::secure_getenv("XDG_CACHE_HOME");
+    if (cache != nullptr && cache[0] == '/') {
+        return joined(cache, "fstore");
+    }
+    const char* const home = ::secure_getenv("HOME");
+    return home != nullptr && home[0] == '/' ? joined(home, ".cache/fstore") : std::string();
+}
+
 }  // namespace
 
 Cli::Cli()
@@ -239,7 +251,8 @@ int Cli::run(const Command& command) {
         TerminalObserver observer(output);
         const Place place{.folder = globals_.folder,
                           .lockSeconds = globals_.lockSeconds,
-                          .requireSharedLock = globals_.requireSharedLock};
+                          .requireSharedLock = globals_.requireSharedLock,
+                          .cache = cacheFolder()};
         UserKeys keys(secret, place, observer);
         Database database(place, observer, &keys);
         Context context{globals_, output, standardInput, secret, database};

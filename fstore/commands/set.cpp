@@ -7,6 +7,7 @@
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
+#include "lib/records/lookup.h"
 #include "lib/records/record.h"
 #include "lib/records/record_info.h"
 #include "lib/work/change.h"
@@ -44,7 +45,7 @@ Status runSet(const SetOptions& options, Context& context) {
         for (const Assignment& assignment : assignments) {
             assignment.applyTo(record, options.encrypt);
         }
-        BodyOwners owners;
+        BodyOwners owners(Lookup::current());
         record.write(owners);
         tell(record.address(), context.output);
         return kOk;
@@ -72,7 +73,7 @@ Status runUnset(const UnsetOptions& options, Context& context) {
     return changeNamed(context.database, namesIn({&options.address, 1}), [&] {
         Record record = readForChange(context.database, options.address, /*getsSecret=*/false);
         removeAttributes(record, ids, options.ids);
-        BodyOwners owners;
+        BodyOwners owners(Lookup::current());
         record.write(owners);
         tell(record.address(), context.output);
         return kOk;

@@ -13,6 +13,7 @@
 #include "lib/base/files.h"
 #include "lib/base/time.h"
 #include "lib/database/protection.h"
+#include "lib/index/index_place.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/record_head.h"
 
@@ -142,6 +143,7 @@ bool repairOnce(CheckReport& report, Database& database) {
     std::vector<Finding> found;
     {
         const Hold hold = database.enter(Access::kChange, Need::kFiles);
+        removeIndex(database.place().cache);  // it is made again when it is worth it
         report.findings = inspectAll(database);
         std::ranges::copy_if(report.findings, std::back_inserter(found), &Finding::isRepairable);
         for (const Finding& finding : found) {

@@ -14,6 +14,7 @@
 #include "lib/database/recovery.h"
 #include "lib/database/unlock.h"
 #include "lib/database/unlock_box.h"
+#include "lib/index/index_place.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/descriptor.h"
 #include "os/files.h"
@@ -89,6 +90,10 @@ Hold Database::enter(Access access, Need need, std::span<const AddressText> name
         case Need::kSecrets:
             enterSecrets(access);
             break;
+    }
+    if (need == Need::kRecords || need == Need::kSecrets) {
+        hold.know({[this] { return indexFile(place_.cache); }, isChange(access), place_.worthIndex,
+                   [this](const std::string& file) { return makeFoldersFor(file, place_.cache); }});
     }
     return hold;
 }

@@ -2,7 +2,10 @@
 #ifndef LIB_DATABASE_PLACE_H
 #define LIB_DATABASE_PLACE_H
 
+#include <cstddef>
 #include <string>
+
+#include "lib/index/index_place.h"
 
 namespace fstore {
 
@@ -14,6 +17,11 @@ struct Place {
     int descriptor = -1;
     // Whether to work only where the lock surely holds between hosts.
     bool requireSharedLock = false;
+    // An absolute path: a folder of the caller for what can be made again, and need not be there.
+    // Empty for none.
+    std::string cache = {};
+    // With more descriptors than this a database gets an index (lib/index).
+    std::size_t worthIndex = kWorthAnIndex;
 
     // The folder in words for messages.
     std::string describe() const { return folder == "." ? "this folder" : folder; }

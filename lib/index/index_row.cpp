@@ -44,13 +44,13 @@ void addRecord(IndexRow& row, const Address& address) {
         addBody(row, descriptorPath(address));
     }
     if (head.hasSecrets()) {
-        row.look |= look::kUnlocked;
+        row.look |= Look::kUnlocked;
     }
     if (lacksExpiry(head, row.info)) {
-        row.look |= look::kUndated;
+        row.look |= Look::kUndated;
     }
     if (std::ranges::any_of(row.info.altNames, hasLine)) {
-        row.look |= look::kAlways;
+        row.look |= Look::kAlways;
     }
 }
 
@@ -61,7 +61,7 @@ IndexRow readIndexRow(const std::string& folder, const std::string& file) {
     IndexRow row;
     row.file = file;
     row.stamp = lastingStamp(path);
-    if (markerOf(file) != kDscSuffix) {
+    if (markerOf(file) != kDscSuffix || stateBeside(file)) {
         addBody(row, path);
         return row;
     }
@@ -70,7 +70,7 @@ IndexRow readIndexRow(const std::string& folder, const std::string& file) {
     try {
         addRecord(row, address);
     } catch (const Failure&) {
-        row.look = look::kAlways;
+        row.look = Look::kAlways;
         row.info = {};
         addBody(row, path);
     }

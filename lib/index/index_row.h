@@ -13,12 +13,12 @@
 namespace fstore {
 
 // Why a record has to be looked at itself, as bits.
-namespace look {
-inline constexpr unsigned int kAlways = 1;    // damaged, or not to be kept in a row
-inline constexpr unsigned int kUnlocked = 2;  // has encrypted parts: when the database is open
-inline constexpr unsigned int kUndated = 4;   // when expiry is asked for: lacksExpiry()
-inline constexpr unsigned int kAll = 7;
-}  // namespace look
+struct Look {
+    static constexpr unsigned int kAlways = 1;    // damaged, or not to be kept in a row
+    static constexpr unsigned int kUnlocked = 2;  // has encrypted parts: when the database is open
+    static constexpr unsigned int kUndated = 4;   // when expiry is asked for: lacksExpiry()
+    static constexpr unsigned int kAll = 7;
+};
 
 struct IndexRow {
     std::string file;  // the descriptor's, with its marker

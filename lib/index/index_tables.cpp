@@ -7,6 +7,7 @@
 
 #include "format/record_name.h"
 #include "lib/base/digits.h"
+#include "lib/records/descriptor.h"
 
 namespace fstore {
 namespace {
@@ -98,6 +99,8 @@ IndexTables::IndexTables(const std::string& file, const FolderStamp& folder) : s
     // A loss of power may take what was written last, which leaves an older state of the index, and
     // that is as good as none: it knows that folders have changed since.
     sql_.run("PRAGMA synchronous = NORMAL; PRAGMA cache_size = -16384; PRAGMA temp_store = MEMORY");
+    // Who opens the file reads the whole log.
+    sql_.run("PRAGMA wal_autocheckpoint = 100; PRAGMA journal_size_limit = 1048576");
 }
 
 void IndexTables::make(const FolderStamp& folder) {
@@ -148,6 +151,10 @@ void IndexTables::Change::commitAndContinue() {
     open_ = true;
 }
 
+void IndexTables::emptyLog() {
+    sql_.run("PRAGMA wal_checkpoint(TRUNCATE)");
+}
+
 std::vector<IndexFolder> IndexTables::folders() {
     std::vector<IndexFolder> found;
     SqlStatement rows(sql_, "SELECT id, path, device, inode, modified, changed FROM folder");
@@ -192,7 +199,7 @@ void IndexTables::visitFiles(std::int64_t folder, const std::function<void(Index
         const auto look = static_cast<unsigned int>(rows.number(7));
         use({rows.number(0), rows.bytes(1), rows.bytes(2),
              FileStamp{rows.number(3), rows.number(4), rows.number(5), rows.number(6)},
-             (look & look::kAlways) != 0});
+             (look & Look::kAlways) != 0});
     }
 }
 
@@ -252,7 +259,7 @@ void IndexTables::visitRecords(std::optional<std::int64_t> latest, const HitUser
 
 void IndexTables::visitLooks(unsigned int reasons, const HitUser& use) {
     std::string list;
-    for (unsigned int look = 1; look <= look::kAll; ++look) {
+    for (unsigned int look = 1; look <= Look::kAll; ++look) {
         if ((look & reasons) != 0) {
             list += (list.empty() ? "" : ",") + std::to_string(look);
         }
@@ -272,11 +279,14 @@ std::set<std::string> IndexTables::keys() {
     return keys;
 }
 
-IndexedNames IndexTables::namesOf(std::int64_t folder, const std::string& body) {
+BodyNames::Answer IndexTables::namesOf(std::int64_t folder, const std::string& body) {
     const auto filesOf = [](SqlStatement& rows) {
         std::vector<std::string> files;
         while (rows.step()) {
-            files.push_back(rows.bytes(0));
+            std::string file = rows.bytes(0);
+            if (isOfARecord(stateBeside(file).value_or(file))) {
+                files.push_back(std::move(file));
+            }
         }
         return files;
     };

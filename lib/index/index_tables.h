@@ -16,6 +16,7 @@
 #include "lib/index/index_row.h"
 #include "lib/index/sql.h"
 #include "lib/index/stamps.h"
+#include "lib/records/body_owners.h"
 #include "lib/records/record_info.h"
 
 namespace fstore {
@@ -31,7 +32,7 @@ struct IndexedFile {
     std::int64_t id = 0;
     std::string file, body;
     FileStamp stamp;
-    bool mustLook = false;  // look::kAlways
+    bool mustLook = false;  // Look::kAlways
 };
 
 // A record that a question found, and as much of it as was asked for.
@@ -40,11 +41,6 @@ struct IndexHit {
     std::string name;
     unsigned int look = 0;
     RecordInfo info;
-};
-
-// The descriptors that name a body, and those that may name any, by the names of their files.
-struct IndexedNames {
-    std::vector<std::string> namedBy, unreadable;
 };
 
 class IndexTables {
@@ -68,6 +64,9 @@ public:
         Sql& sql_;
         bool open_ = true;
     };
+
+    // After many changes: else everybody who opens the file reads them again.
+    void emptyLog();
 
     std::vector<IndexFolder> folders();
     IndexFolder addFolder(const std::string& path);
@@ -93,7 +92,8 @@ public:
     // The digests of the public keys of all private ones.
     std::set<std::string> keys();
 
-    IndexedNames namesOf(std::int64_t folder, const std::string& body);
+    // What BodyNames answers.
+    BodyNames::Answer namesOf(std::int64_t folder, const std::string& body);
 
 private:
     void open(const FolderStamp& folder);

@@ -25,8 +25,7 @@ namespace {
 // Rows that are written at once.
 constexpr std::size_t kAtOnce = 10'000;
 
-// What SQLite keeps beside its file, and the name under which the file is made.
-constexpr const char* kBeside[] = {"-wal", "-shm", "-journal"};
+// Under which the file is made.
 constexpr const char* kNew = "-new";
 
 // The least text of bytes whose hexadecimal digits begin with these.
@@ -95,14 +94,14 @@ struct RecordIndex::Listing {
 
     static Listing of(const std::string& path) {
         Listing listing;
-        visitEntries(path, [&](FolderEntry entry) {
+        visitEntries(path, [&](const FolderEntry& entry) {
             if (entry.type == FolderEntry::Type::kFolder) {
-                listing.folders.push_back(std::move(entry.name));
+                listing.folders.push_back(entry.name);
             } else if (entry.type == FolderEntry::Type::kFile) {
-                if (markerOf(entry.name).empty()) {
+                if (markerOf(stateBeside(entry.name).value_or(entry.name)).empty()) {
                     listing.bodies.add(entry.name);
                 } else {
-                    listing.descriptors.push_back(std::move(entry.name));
+                    listing.descriptors.push_back(entry.name);
                 }
             }
         });
@@ -113,7 +112,9 @@ struct RecordIndex::Listing {
 };
 
 RecordIndex::~RecordIndex() {
-    (void)guarded([this] { settle(); });
+    if (tables_) {
+        (void)guarded([this] { settle(); });
+    }
 }
 
 // The order of allRecords(): a folder comes before those in it, and these before its neighbours.
@@ -130,6 +131,9 @@ bool RecordIndex::guarded(Step step) noexcept {
         return false;
     }
     try {
+        if (!isThere()) {
+            return false;
+        }
         const os::QuietWrites quiet;
         step();
         return true;
@@ -158,12 +162,23 @@ auto RecordIndex::answer(Ask ask) -> std::optional<decltype(ask())> {
     return found;
 }
 
+const std::string& RecordIndex::file() {
+    if (!file_) {
+        file_ = setup_.file ? setup_.file() : std::string();
+    }
+    return *file_;
+}
+
+bool RecordIndex::isThere() {
+    return tables_ || (!file().empty() && exists(file()));
+}
+
 bool RecordIndex::open() {
     if (tables_) {
         return true;
     }
     struct stat status {};
-    if (setup_.file.empty() || os::lstat(setup_.file.c_str(), &status) != 0) {
+    if (os::lstat(file().c_str(), &status) != 0) {
         return false;
     }
     const auto place = FolderStamp::of(".");
@@ -173,7 +188,7 @@ bool RecordIndex::open() {
         isOff_ = true;  // somebody else may write it
         return false;
     }
-    tables_ = std::make_unique<IndexTables>(setup_.file, *place);
+    tables_ = std::make_unique<IndexTables>(file(), *place);
     for (IndexFolder& folder : tables_->folders()) {
         std::string path = folder.path;
         folders_.try_emplace(std::move(path)).first->second = {std::move(folder), false, {}};
@@ -183,8 +198,8 @@ bool RecordIndex::open() {
 
 // Under another name first: a file of ours that SQLite has open must not be opened a second time,
 // as closing it would end SQLite's locks.
-void RecordIndex::makeFile() const {
-    const std::string made = setup_.file + kNew;
+void RecordIndex::makeFile() {
+    const std::string made = file() + kNew;
     (void)os::remove(made.c_str());
     {
         const os::File file =
@@ -193,7 +208,7 @@ void RecordIndex::makeFile() const {
             return;
         }
     }
-    if (os::renameNew(made.c_str(), setup_.file.c_str()) != 0) {
+    if (os::renameNew(made.c_str(), file().c_str()) != 0) {
         (void)os::remove(made.c_str());
     }
 }
@@ -209,33 +224,24 @@ void RecordIndex::giveUp(const SqlFailure& failure) noexcept {
     close();
     isOff_ = true;
     if ((failure.isDamage() && setup_.exclusive) || (failure.isFull() && wasMade_)) {
-        (void)remove(setup_.file);
+        (void)removeIndexAt(*file_);
     }
 }
 
-bool RecordIndex::remove(const std::string& file) noexcept {
-    bool done = true;
-    const auto drop = [&](const std::string& name) {
-        done = (os::remove(name.c_str()) == 0 || errno == ENOENT) && done;
-    };
-    drop(file);
-    for (const char* const suffix : kBeside) {
-        drop(file + suffix);
+bool RecordIndex::offer(std::size_t descriptors) {
+    if (isOff_ || descriptors <= setup_.worth) {
+        return false;
     }
-    drop(file + kNew);
-    return done;
-}
-
-void RecordIndex::offer(std::size_t descriptors) {
-    if (descriptors <= setup_.worth || setup_.file.empty()) {
-        return;
-    }
-    (void)guarded([&] {
-        if (!exists(setup_.file)) {
+    try {
+        if (!file().empty() && !exists(file()) &&
+            (!setup_.makeFolders || setup_.makeFolders(file()))) {
             makeFile();
             wasMade_ = true;
         }
-    });
+    } catch (const std::exception&) {
+        isOff_ = true;  // the records are looked at, as they are without an index
+    }
+    return wasMade_ && !isOff_;
 }
 
 bool RecordIndex::hasItsStamp(const Folder& folder) {
@@ -326,6 +332,10 @@ void RecordIndex::refresh(Folder& folder) {
     }
     tables_->setStamp(folder.id, stamp);
     change.commit();
+    constexpr std::size_t kMany = 100;
+    if (changed.size() + gone.size() > kMany) {
+        tables_->emptyLog();
+    }
     folder.stamp = stamp;
     folder.isFresh = true;
     follow(folder, listing);
@@ -395,19 +405,19 @@ std::vector<Address> RecordIndex::sorted(Hits hits) const {
     return addresses;
 }
 
-std::optional<std::vector<Address>> RecordIndex::ask(const std::function<void(Hits&)>& collect) {
+Lookup::Addresses RecordIndex::collect(const std::function<void(Hits&)>& find) {
     return answer([&] {
         refresh();
         Hits hits;
-        collect(hits);
+        find(hits);
         return sorted(std::move(hits));
     });
 }
 
-std::optional<std::vector<Address>> RecordIndex::withDigest(std::string_view digits) {
+Lookup::Addresses RecordIndex::withDigest(std::string_view digits) {
     const std::string from = leastWith(std::string(digits));
     const std::string end = leastWith(nextDigits(std::string(digits)));
-    return ask([&](Hits& hits) {
+    return collect([&](Hits& hits) {
         tables_->visitDigests(from, end, [&](IndexHit hit) {
             if (hit.info.sha256.starts_with(digits)) {
                 hits.emplace_back(hit.folder, std::move(hit.name));
@@ -416,9 +426,9 @@ std::optional<std::vector<Address>> RecordIndex::withDigest(std::string_view dig
     });
 }
 
-std::optional<std::vector<Address>> RecordIndex::withObject(Kind kind, std::string_view sha256) {
+Lookup::Addresses RecordIndex::withObject(Kind kind, std::string_view sha256) {
     const std::string from = leastWith(std::string(sha256));
-    return ask([&](Hits& hits) {
+    return collect([&](Hits& hits) {
         tables_->visitDigests(from, from + '\0', [&](IndexHit hit) {
             if (hit.info.sha256 == sha256 && hit.info.kind == kind) {
                 hits.emplace_back(hit.folder, std::move(hit.name));
@@ -427,8 +437,8 @@ std::optional<std::vector<Address>> RecordIndex::withObject(Kind kind, std::stri
     });
 }
 
-std::optional<std::vector<Address>> RecordIndex::keysWith(std::string_view keySha256) {
-    return ask([&](Hits& hits) {
+Lookup::Addresses RecordIndex::keysWith(std::string_view keySha256) {
+    return collect([&](Hits& hits) {
         tables_->visitKeys(leastWith(std::string(keySha256)), [&](IndexHit hit) {
             if (hit.info.kind == Kind::kKey) {
                 hits.emplace_back(hit.folder, std::move(hit.name));
@@ -444,10 +454,9 @@ std::optional<std::set<std::string>> RecordIndex::keys() {
     });
 }
 
-std::optional<std::vector<Address>> RecordIndex::matching(const Filter& filter,
-                                                          const std::string& folder,
-                                                          bool unlocked) {
-    return ask([&](Hits& hits) {
+Lookup::Addresses RecordIndex::matching(const Filter& filter, const std::string& folder,
+                                        bool unlocked) {
+    return collect([&](Hits& hits) {
         std::set<std::int64_t> within;
         for (const auto& [path, known] : folders_) {
             if (isIn(path, folder)) {
@@ -470,15 +479,15 @@ std::optional<std::vector<Address>> RecordIndex::matching(const Filter& filter,
         } else {
             tables_->visitRecords(filter.latestExpiry(), takeIfAdmitted);
         }
-        tables_->visitLooks(look::kAlways | (unlocked ? look::kUnlocked : 0) |
-                                (filter.asksForExpiry() ? look::kUndated : 0),
+        tables_->visitLooks(Look::kAlways | (unlocked ? Look::kUnlocked : 0) |
+                                (filter.asksForExpiry() ? Look::kUndated : 0),
                             [&](IndexHit hit) { take(hit); });
     });
 }
 
-std::optional<std::vector<Address>> RecordIndex::unsure(bool unlocked) {
-    return ask([&](Hits& hits) {
-        tables_->visitLooks(look::kAlways | (unlocked ? look::kUnlocked : 0), [&](IndexHit hit) {
+Lookup::Addresses RecordIndex::unsure(bool unlocked) {
+    return collect([&](Hits& hits) {
+        tables_->visitLooks(Look::kAlways | (unlocked ? Look::kUnlocked : 0), [&](IndexHit hit) {
             hits.emplace_back(hit.folder, std::move(hit.name));
         });
     });
@@ -498,8 +507,8 @@ std::optional<std::vector<std::string>> RecordIndex::folders() {
     return found && !found->empty() ? std::move(found) : std::nullopt;  // "db" itself is always one
 }
 
-std::optional<IndexedNames> RecordIndex::namesOf(const std::string& folder,
-                                                 const std::string& body) {
+std::optional<BodyNames::Answer> RecordIndex::ask(const std::string& folder,
+                                                  const std::string& body) {
     return answer([&] {
         Folder& known = folderAt(folder);
         if (!isFreshNow(known)) {

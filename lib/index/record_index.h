@@ -28,71 +28,51 @@
 #include <utility>
 #include <vector>
 
+#include "lib/index/index_place.h"
 #include "lib/index/index_tables.h"
 #include "lib/index/stamps.h"
 #include "lib/records/address.h"
 #include "lib/records/attributes.h"
 #include "lib/records/filter.h"
+#include "lib/records/lookup.h"
 
 namespace fstore {
 
-// From so many descriptors on an index is made. Below, looking at all of them takes no longer than
-// opening it.
-inline constexpr std::size_t kWorthAnIndex = 10'000;
-
 struct IndexSetup {
-    std::string file;        // an absolute path without links; empty for no index
+    // The absolute path of the file, without links; empty for no index. Asked for once.
+    std::function<std::string()> file;
     bool exclusive = false;  // nobody else is in the database
     std::size_t worth = kWorthAnIndex;
+    // Asked for before the file is made: whether its folder is there.
+    std::function<bool(const std::string&)> makeFolders = {};
 };
 
-class RecordIndex {
+class RecordIndex : public Lookup {
 public:
     explicit RecordIndex(IndexSetup setup) : setup_(std::move(setup)) {}
     RecordIndex(const RecordIndex&) = delete;
     RecordIndex& operator=(const RecordIndex&) = delete;
-    ~RecordIndex();  // adds what was changed
+    ~RecordIndex() override;  // adds what was changed
 
-    // Makes the index if there is none and a database with so many descriptors is worth it. For who
-    // has met them.
-    void offer(std::size_t descriptors);
+    // Makes the index if there is none and so many descriptors are worth it.
+    bool offer(std::size_t descriptors) override;
 
-    // Questions. None: it is not known, and the records have to be looked at. Otherwise every
-    // record that is meant is among the answers, in the order of allRecords(); who needs to know
-    // more reads it.
+    Addresses withDigest(std::string_view digits) override;
+    Addresses withObject(Kind kind, std::string_view sha256) override;
+    Addresses keysWith(std::string_view keySha256) override;
+    std::optional<std::set<std::string>> keys() override;
+    Addresses matching(const Filter& filter, const std::string& folder, bool unlocked) override;
+    Addresses unsure(bool unlocked) override;
 
-    // The records with a plain digest that begins with these lower-case hexadecimal digits.
-    std::optional<std::vector<Address>> withDigest(std::string_view digits);
+    // None as soon as one folder has changed.
+    std::optional<std::vector<std::string>> folders() override;
 
-    // The same of a kind and a whole digest, and of keys by that of the public key.
-    std::optional<std::vector<Address>> withObject(Kind kind, std::string_view sha256);
-    std::optional<std::vector<Address>> keysWith(std::string_view keySha256);
-    // The keys' digests (RecordInfo::keySha256), of those that have one in plain form.
-    std::optional<std::set<std::string>> keys();
+    // Reads no other folder than this one.
+    std::optional<Answer> ask(const std::string& folder, const std::string& body) override;
 
-    // What may match, in this folder and those in it; with `unlocked` also what has encrypted
-    // parts.
-    std::optional<std::vector<Address>> matching(const Filter& filter, const std::string& folder,
-                                                 bool unlocked);
-
-    // The records that no other question finds: damaged ones, and, with `unlocked`, those with
-    // encrypted parts.
-    std::optional<std::vector<Address>> unsure(bool unlocked);
-
-    // As allFolders(). Reads no folder: none as soon as one has changed.
-    std::optional<std::vector<std::string>> folders();
-
-    // Whose body this is. Reads no other folder than this one.
-    std::optional<IndexedNames> namesOf(const std::string& folder, const std::string& body);
-
-    // Around each change of a record by the holder of the lock, who has it exclusively: afterwards
-    // the folder is still known. Whatever else is changed is found out by the folder's time.
-    void willChange(const Address& address) noexcept;
-    void changed(const Address& address) noexcept;
-
-    // Removes the index of this name and what is beside it. Nobody else is in the database. False
-    // when it could not be removed.
-    static bool remove(const std::string& file) noexcept;
+    // The folder stays known. Whatever else is changed is found out by the folder's time.
+    void willChange(const Address& address) noexcept override;
+    void changed(const Address& address) noexcept override;
 
 private:
     struct Folder : IndexFolder {
@@ -107,8 +87,10 @@ private:
     auto answer(Ask ask) -> std::optional<decltype(ask())>;
     template <class Step>
     bool guarded(Step step) noexcept;
+    const std::string& file();
+    bool isThere();
     bool open();
-    void makeFile() const;
+    void makeFile();
     void close() noexcept;
     void giveUp(const SqlFailure& failure) noexcept;
 
@@ -127,11 +109,12 @@ private:
     void settle(Folder& folder);
 
     std::vector<Address> sorted(Hits hits) const;
-    std::optional<std::vector<Address>> ask(const std::function<void(Hits&)>& collect);
+    Addresses collect(const std::function<void(Hits&)>& find);
 
     static bool isBefore(const std::string& a, const std::string& b);
 
     const IndexSetup setup_;
+    std::optional<std::string> file_;
     std::unique_ptr<IndexTables> tables_;
     Folders folders_{&isBefore};
     bool isOff_ = false;

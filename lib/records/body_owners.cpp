@@ -22,13 +22,6 @@ bool isOf(std::string_view file, std::string_view descriptor) {
            (file.size() == descriptor.size() || file.substr(descriptor.size()).starts_with(".$"));
 }
 
-// What a write or a removal that died has left under another marker is nobody's record, and often
-// half of a descriptor.
-bool isOfARecord(std::string_view file) {
-    const std::string_view marker = markerOf(file);
-    return marker == kDscSuffix || marker == kOldMarker;
-}
-
 // Two names with the same are taken for one, which keeps a body too many and loses none.
 std::uint64_t hashOf(const std::string& body) {
     return std::hash<std::string>()(body);

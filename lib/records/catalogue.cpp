@@ -9,6 +9,7 @@
 #include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/records/descriptor.h"
+#include "lib/records/lookup.h"
 #include "lib/records/record.h"
 #include "lib/records/record_head.h"
 #include "lib/records/record_info.h"
@@ -76,7 +77,8 @@ std::vector<Address> recordsOfName(const AddressText& text) {
 std::vector<Address> recordsOfDigest(const std::string& digest) {
     std::vector<Address> found;
     Unread elsewhere;  // what cannot be read is not what is meant; ls and check tell about it
-    const auto look = [&](const Address& address) {
+    const auto ask = [&](Lookup& lookup) { return lookup.withDigest(digest); };
+    for (const Address& address : knownOrAll(ask, [&] { return allRecords(&elsewhere); })) {
         try {
             if (infoOf(RecordHead::read(address)).sha256.starts_with(digest)) {
                 found.push_back(address);
@@ -84,9 +86,7 @@ std::vector<Address> recordsOfDigest(const std::string& digest) {
         } catch (const Failure&) {
             // a damaged record has no digest; ls and check tell about it
         }
-        return true;
-    };
-    visitRecords(look, &elsewhere);
+    }
     return found;
 }
 
@@ -169,6 +169,12 @@ std::uint64_t countRecords(Unread* unread) {
     return count;
 }
 
+std::vector<std::string> knownFolders(Unread* unread) {
+    Lookup* const lookup = Lookup::current();
+    auto known = lookup != nullptr ? lookup->folders() : std::nullopt;
+    return known ? std::move(*known) : allFolders(unread);
+}
+
 std::vector<Address> allRecords(Unread* unread) {
     std::vector<Address> found;
     visitRecords(
@@ -186,7 +192,7 @@ std::vector<Address> placesOf(const AddressText& text) {
         places.push_back(text.place);
     } else if (text.form == AddressText::Form::kBare) {
         Unread elsewhere;  // what cannot be read is not what is meant; ls and check tell about it
-        for (std::string& folder : allFolders(&elsewhere)) {
+        for (std::string& folder : knownFolders(&elsewhere)) {
             places.push_back({std::move(folder), text.place.name});
         }
     }

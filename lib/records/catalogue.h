@@ -35,6 +35,9 @@ std::vector<std::string> allFolders(Unread* unread = nullptr);
 using EntryVisitor = std::function<void(const std::string&, const FolderEntry&)>;
 void visitAllEntries(const EntryVisitor& visit, Unread* unread = nullptr);
 
+// As allFolders(), without reading a folder where all are known (lib/records/lookup.h).
+std::vector<std::string> knownFolders(Unread* unread = nullptr);
+
 // The names of the records of a folder that allFolders() has found, sorted. What a crash left
 // behind must have been repaired.
 NameList recordNamesIn(const std::string& folder);

@@ -83,6 +83,11 @@ std::optional<std::string> stateBeside(std::string_view file) {
     return rival && (!markerOf(*rival).empty() || isUniqueName(*rival)) ? rival : std::nullopt;
 }
 
+bool isOfARecord(std::string_view file) {
+    const std::string_view marker = markerOf(file);
+    return marker == kDscSuffix || marker == kOldMarker;
+}
+
 std::vector<DescriptorLine> parseDescriptor(std::string_view text) {
     return parseInPlace({text.begin(), text.end()});
 }

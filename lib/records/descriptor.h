@@ -55,6 +55,11 @@ std::string_view markerOf(std::string_view file);
 // (lib/base/conflict_copy.h). None for any other file.
 std::optional<std::string> stateBeside(std::string_view file);
 
+// Whether a file of this name is a record's descriptor, or stands aside for one. What a write or a
+// removal that died has left under another marker is nobody's record, and often half of a
+// descriptor.
+bool isOfARecord(std::string_view file);
+
 std::vector<DescriptorLine> parseDescriptor(std::string_view text);
 
 // A descriptor of this size, which is more than kMostDescriptor.

@@ -173,6 +173,12 @@ bool Filter::mayMatch(const RecordHead& head, const RecordInfo& info) const {
            (isUnread || (matchesInfo(info) && matchesAttributes(head)));
 }
 
+bool Filter::takesAll() const {
+    return !asksForExpiry() && !needsKeys() && !filters_.subject && !filters_.issuer &&
+           !filters_.altName && !filters_.serial && !filters_.sha256 && !filters_.algorithm &&
+           attributes_.empty();
+}
+
 std::optional<std::int64_t> Filter::latestExpiry() const {
     if (!filters_.expired) {
         return expiresBefore_;

@@ -47,6 +47,9 @@ public:
     bool matches(const Record& record, const RecordInfo& info) const;
     bool matches(const RecordHead& head, const RecordInfo& info) const;
 
+    // Whether no condition was given.
+    bool takesAll() const;
+
     // Whether a record of this description may match, for who does not know its attributes: false
     // only of those that matches() refuses.
     bool admits(const RecordInfo& info) const { return matchesExpiry(info) && matchesInfo(info); }

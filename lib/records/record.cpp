@@ -10,6 +10,7 @@
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/records/descriptor.h"
+#include "lib/records/lookup.h"
 #include "os/files.h"
 #include "os/fs.h"
 
@@ -353,6 +354,7 @@ void Record::requireReadable() const {
 
 void Record::write() {
     requireReadable();
+    const RecordChangeNotice notice(address_);
     check(changing().write(), fmt::format("cannot write {}", address_.print()), address_.print());
     if (hasSecrets()) {
         verifyWritten();
@@ -378,6 +380,7 @@ void Record::write(BodyOwners& owners) {
 
 std::optional<std::string> Record::remove(BodyOwners& owners) {
     std::optional<std::string> doubt = owners.doubtAbout(address_);
+    const RecordChangeNotice notice(address_);
     if (doubt) {
         removeDescriptors();
     } else {

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "lib/base/time.h"
+#include "lib/records/lookup.h"
 #include "lib/records/record.h"
 #include "lib/records/record_head.h"
 
@@ -24,7 +25,7 @@ std::vector<Address> addressesOf(const std::optional<std::string>& within, Unrea
     }
     const std::string folder = parseFolder(*within);
     std::vector<Address> found;
-    for (const std::string& each : allFolders(&unread)) {
+    for (const std::string& each : knownFolders(&unread)) {
         if (folder.empty() || each == folder || each.starts_with(folder + "/")) {
             const auto inside = recordsIn(each);
             found.insert(found.end(), inside.begin(), inside.end());
@@ -32,6 +33,20 @@ std::vector<Address> addressesOf(const std::optional<std::string>& within, Unrea
     }
     requireFolder(folder);
     return found;
+}
+
+// Those of them that may pass, where that is known.
+std::vector<Address> candidatesOf(const FindRules& rules, const Filter& filter, Unread& unread) {
+    const auto all = [&] { return addressesOf(rules.folder, unread); };
+    const std::string folder = rules.folder ? parseFolder(*rules.folder) : std::string();
+    // With the folder of "db" itself its internal records are listed, which nobody looks up.
+    const bool hasInternal = rules.folder && folder.empty();
+    if (filter.takesAll() || hasInternal) {
+        return all();
+    }
+    requireFolder(folder);
+    return knownOrAll(
+        [&](Lookup& lookup) { return lookup.matching(filter, folder, rules.secrets); }, all);
 }
 
 using Addresses = std::span<const Address>;
@@ -78,11 +93,21 @@ void lookAt(const Address& address, bool unlocked, Use use) {
     }
 }
 
-// The digests of all keys, in whatever folder.
+// The digests of all keys, in whatever folder. Of those that are known only the ones are read whose
+// digest is encrypted.
 std::set<std::string> keysOf(Database& database, bool unlocked) {
     std::set<std::string> keys;
     Unread elsewhere;  // reported when it is listed
-    auto parts = readSideBySide(database, allRecords(&elsewhere), [unlocked](Addresses addresses) {
+    const auto ask = [&](Lookup& lookup) -> Lookup::Addresses {
+        auto known = lookup.keys();
+        if (!known) {
+            return std::nullopt;
+        }
+        keys = std::move(*known);
+        return lookup.unsure(unlocked);
+    };
+    const auto toRead = knownOrAll(ask, [&] { return allRecords(&elsewhere); });
+    auto parts = readSideBySide(database, toRead, [unlocked](Addresses addresses) {
         std::set<std::string> found;
         for (const Address& address : addresses) {
             try {
@@ -156,7 +181,7 @@ Listing findRecords(Database& database, const FindRules& rules) {
     const auto read = [&filter, unlocked](Addresses addresses) {
         return readPart(addresses, filter, unlocked);
     };
-    auto parts = readSideBySide(database, addressesOf(rules.folder, listing.unread), read);
+    auto parts = readSideBySide(database, candidatesOf(rules, filter, listing.unread), read);
     for (Listing& part : parts) {
         std::ranges::move(part.records, std::back_inserter(listing.records));
         std::ranges::move(part.damaged, std::back_inserter(listing.damaged));

@@ -12,6 +12,7 @@
 #include "lib/base/time.h"
 #include "lib/pki/text.h"
 #include "lib/records/catalogue.h"
+#include "lib/records/lookup.h"
 #include "lib/records/record.h"
 #include "lib/records/record_head.h"
 #include "lib/records/record_info.h"
@@ -30,6 +31,32 @@ const PkiObject* onlyKey(const std::vector<const PkiObject*>& objects) {
         return nullptr;
     }
     return *std::ranges::find_if(objects, isKey);
+}
+
+// The records that may be one of the objects, or have the key of one; also those that cannot be
+// read, for what is said about them.
+Lookup::Addresses meantBy(const std::vector<const PkiObject*>& objects, Lookup& lookup,
+                          bool isOpen) {
+    std::set<Address> seen;
+    std::vector<Address> meant;
+    const auto add = [&](Lookup::Addresses found) {
+        for (Address& address : found ? *found : std::vector<Address>()) {
+            if (seen.insert(address).second) {
+                meant.push_back(std::move(address));
+            }
+        }
+        return found.has_value();
+    };
+    for (const PkiObject* const object : objects) {
+        if (!add(lookup.withObject(object->kind, toHex(object->sha256))) ||
+            !add(lookup.keysWith(toHex(object->keySha256)))) {
+            return std::nullopt;
+        }
+    }
+    if (!add(lookup.unsure(isOpen))) {
+        return std::nullopt;
+    }
+    return meant;
 }
 
 }  // namespace
@@ -85,24 +112,29 @@ Importer::Importer(Database& database, ImportRules rules,
         }
     }
     Unread unread;
-    for (const Address& address : allRecords(&unread)) {
-        try {
-            const RecordHead head = RecordHead::read(address);
-            if (database_.isOpen() && head.hasSecrets()) {
-                Record record = readUnasked(head);
-                record.decrypt();
-                (void)index(infoOf(record));
-            } else {
-                (void)index(infoOf(head));
-            }
-        } catch (const TooLarge& failure) {
-            database_.observer().warn(failure.what());
-        } catch (const Failure&) {
-            // a damaged record is none of the objects; ls and check tell about it
-        }
+    const auto ask = [&](Lookup& lookup) { return meantBy(objects, lookup, database_.isOpen()); };
+    for (const Address& address : knownOrAll(ask, [&] { return allRecords(&unread); })) {
+        learn(address);
     }
     for (const Failure& failure : unread) {
         database_.observer().warn(failure.what());
+    }
+}
+
+void Importer::learn(const Address& address) {
+    try {
+        const RecordHead head = RecordHead::read(address);
+        if (database_.isOpen() && head.hasSecrets()) {
+            Record record = readUnasked(head);
+            record.decrypt();
+            (void)index(infoOf(record));
+        } else {
+            (void)index(infoOf(head));
+        }
+    } catch (const TooLarge& failure) {
+        database_.observer().warn(failure.what());
+    } catch (const Failure&) {
+        // a damaged record is none of the objects; ls and check tell about it
     }
 }
 

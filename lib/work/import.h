@@ -15,6 +15,7 @@
 
 #include "lib/database/database.h"
 #include "lib/pki/decode.h"
+#include "lib/records/lookup.h"
 #include "lib/records/record.h"
 #include "lib/records/record_info.h"
 
@@ -45,8 +46,8 @@ Hold enterForImport(Database& database, const ImportRules& rules,
 
 class Importer {
 public:
-    // Reads all records. `objects` are those that will be imported, in any order; throws
-    // kInvalid if the one name in the rules does not suit them.
+    // Reads the records that may be one of them or have their key. `objects` are those that will be
+    // imported, in any order; throws kInvalid if the one name in the rules does not suit them.
     Importer(Database& database, ImportRules rules, const std::vector<const PkiObject*>& objects);
 
     enum class Outcome {
@@ -67,6 +68,8 @@ public:
 private:
     using Identity = std::pair<Kind, std::string>;  // the digest in hexadecimal digits
 
+    // Reads a record that is there.
+    void learn(const Address& address);
     // Adds the record of this description to the index, and returns it.
     RecordInfo index(RecordInfo info);
     bool hasKey(const PkiObject& object) const;
@@ -78,7 +81,7 @@ private:
 
     Database& database_;
     ImportRules rules_;
-    BodyOwners owners_;
+    BodyOwners owners_{Lookup::current()};
     std::map<Identity, std::vector<Address>> present_;
     std::set<std::string> keys_;  // digests of public keys whose private keys we have
     std::string named_;           // digest of the public key of what gets the one name

@@ -9,6 +9,7 @@
 #include "lib/base/sha256.h"
 #include "lib/base/time.h"
 #include "lib/records/catalogue.h"
+#include "lib/records/lookup.h"
 #include "lib/records/record.h"
 #include "lib/records/record_info.h"
 #include "lib/work/change.h"
@@ -139,7 +140,7 @@ void putBody(Database& database, const Address& address, SecretBytes& bytes,
         record.setText(attr::kLabel, rules.label);
     }
     bytes = SecretBytes();
-    BodyOwners owners;
+    BodyOwners owners(Lookup::current());
     record.write(owners);
 }
 
@@ -200,7 +201,7 @@ Record changeRecord(Database& database, const Address& address, const RecordChan
     for (const AttributeChange& attribute : change.attributes) {
         attribute.applyTo(record);
     }
-    BodyOwners owners;
+    BodyOwners owners(Lookup::current());
     record.write(owners);
     return record;
 }

@@ -6,6 +6,7 @@
 #include "format/layout.h"
 #include "lib/records/body_owners.h"
 #include "lib/records/catalogue.h"
+#include "lib/records/lookup.h"
 #include "lib/records/record.h"
 #include "lib/records/record_head.h"
 #include "lib/records/record_info.h"
@@ -39,7 +40,7 @@ bool isKey(const Address& address) {
 std::vector<Removal> removeRecords(const std::vector<Address>& addresses) {
     std::vector<Removal> removals;
     removals.reserve(addresses.size());
-    BodyOwners owners;
+    BodyOwners owners(Lookup::current());
     for (const Address& address : addresses) {
         Removal& removal = removals.emplace_back(Removal{address, {}, {}});
         try {

@@ -7,6 +7,7 @@
 #include "lib/database/deep_read.h"
 #include "lib/database/slot_copies.h"
 #include "lib/records/catalogue.h"
+#include "lib/records/lookup.h"
 #include "lib/records/record.h"
 #include "lib/work/change.h"
 
@@ -51,7 +52,7 @@ Renaming renameRecord(Database& database, const std::string& text, const Address
     Record record = readToMove(database, text);
     checkBody(record);
     record.copyTo(to).write();
-    BodyOwners owners;
+    BodyOwners owners(Lookup::current());
     return {record.address(), record.remove(owners)};
 }
 

@@ -97,7 +97,9 @@ protected:
         }
     }
 
-    IndexSetup setup(bool exclusive = true) const { return {folder_ / "db.index", exclusive, 0}; }
+    IndexSetup setup(bool exclusive = true) const {
+        return {[file = folder_ / "db.index"] { return file; }, exclusive, 0};
+    }
     std::unique_ptr<RecordIndex> opened(bool exclusive = true) const {
         auto index = std::make_unique<RecordIndex>(setup(exclusive));
         index->offer(1);
@@ -162,10 +164,11 @@ std::pair<Addresses, Addresses> sift(const Addresses& candidates, const Filter& 
     return found;
 }
 
-IndexedNames namesByReading(const std::string& folder, const std::string& body) {
-    IndexedNames names;
+BodyNames::Answer namesByReading(const std::string& folder, const std::string& body) {
+    BodyNames::Answer names;
     for (const FolderEntry& entry : listFolder(folderPath(folder))) {
-        if (entry.type != FolderEntry::Type::kFile || markerOf(entry.name).empty()) {
+        if (entry.type != FolderEntry::Type::kFile ||
+            !isOfARecord(stateBeside(entry.name).value_or(entry.name))) {
             continue;
         }
         const auto lines = readDescriptor(joined(folderPath(folder), entry.name));
@@ -247,8 +250,8 @@ void expectScan(RecordIndex& index, bool mayRefuse = false) {
     }
     for (const std::string& folder : allFolders()) {
         for (const char* const body : {"00000001", "00000002", "0000000a"}) {
-            const IndexedNames wanted = namesByReading(folder, body);
-            if (const auto names = index.namesOf(folder, body); names || !mayRefuse) {
+            const BodyNames::Answer wanted = namesByReading(folder, body);
+            if (const auto names = index.ask(folder, body); names || !mayRefuse) {
                 ASSERT_TRUE(names);
                 EXPECT_THAT(names->namedBy, testing::UnorderedElementsAreArray(wanted.namedBy));
                 EXPECT_THAT(names->unreadable,
@@ -260,7 +263,7 @@ void expectScan(RecordIndex& index, bool mayRefuse = false) {
 
 TEST_F(RecordIndexTest, IsMadeOnlyForManyRecords) {
     put({"keys", "a"}, {.sha256 = "aa"});
-    RecordIndex index({folder_ / "db.index", true, 10});
+    RecordIndex index({[this] { return folder_ / "db.index"; }, true, 10});
     index.offer(10);
     EXPECT_FALSE(index.withDigest("a"));
     EXPECT_FALSE(fs::exists("db.index"));
@@ -655,10 +658,10 @@ TEST_F(BadIndexTest, OfAnotherDatabase) {
         const support::WorkingDir other("other");
         fs::create_directories("db/keys");
         fs::copy_file("../db.index", "db.index");
-        RecordIndex index({folder_ / "other/db.index", true, 0});
+        RecordIndex index({[this] { return folder_ / "other/db.index"; }, true, 0});
         index.offer(1);
         expectScan(index, true);
-        RecordIndex again({folder_ / "other/db.index", true, 0});
+        RecordIndex again({[this] { return folder_ / "other/db.index"; }, true, 0});
         again.offer(1);
         EXPECT_THAT(*again.withDigest("a"), IsEmpty());
     }
@@ -679,7 +682,7 @@ TEST_F(BadIndexTest, ThatOthersMayWriteOrThatIsALink) {
 TEST_F(BadIndexTest, DeletedWhileOpen) {
     const auto index = opened();
     ASSERT_TRUE(index->withDigest("a"));
-    ASSERT_TRUE(RecordIndex::remove(folder_ / "db.index"));
+    ASSERT_TRUE(removeIndexAt(folder_ / "db.index"));
     index->willChange({"keys", "new"});
     put({"keys", "new"}, {.sha256 = "aa"});
     expectScan(*index, true);
@@ -719,12 +722,12 @@ TEST_F(BadIndexTest, FullDisk) {
         EXPECT_EQ(0, support::inChild([&] {
                       const rlimit limit{size, size};
                       ::setrlimit(RLIMIT_FSIZE, &limit);
-                      RecordIndex::remove(folder_ / "db.index");
+                      removeIndexAt(folder_ / "db.index");
                       expectScan(*opened(), true);
                       return testing::Test::HasFailure() ? 1 : 0;
                   }));
         expectScan(*opened());
-        RecordIndex::remove(folder_ / "db.index");
+        removeIndexAt(folder_ / "db.index");
     }
 }
 
