@@ -13,6 +13,7 @@
 #include "lib/base/digits.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
+#include "lib/base/held_lock.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/descriptor.h"
 #include "os/files.h"
@@ -55,6 +56,13 @@ std::string parentOf(const std::string& folder) {
 
 bool isIn(const std::string& folder, const std::string& outer) {
     return outer.empty() || folder == outer || folder.starts_with(outer + "/");
+}
+
+// Who has lost the lock writes nothing more.
+std::optional<FolderStamp> stampOf(const std::string& folder) {
+    const HeldLock* const lock = heldLock();
+    const bool isLost = lock != nullptr && !lock->knownLoss().empty();
+    return isLost ? std::nullopt : FolderStamp::set(folder);
 }
 
 // The names of a folder's bodies. There may be a million, and nearly all are numbers.
@@ -305,7 +313,7 @@ void RecordIndex::refresh(Folder& folder) {
     const std::string path = folderPath(folder.path);
     std::optional<FolderStamp> stamp;
     if (setup_.exclusive) {
-        stamp = FolderStamp::set(path);
+        stamp = stampOf(path);
     }
     if (!stamp) {
         stamp = FolderStamp::of(path);
@@ -546,7 +554,7 @@ void RecordIndex::changed(const Address& address) noexcept {
     (void)guarded([&] {
         const auto found = folders_.find(address.folder);
         if (found != folders_.end() && found->second.changing.contains(address.name)) {
-            found->second.stamp = FolderStamp::set(folderPath(address.folder));
+            found->second.stamp = stampOf(folderPath(address.folder));
         }
     });
 }

@@ -1,0 +1,143 @@
+#!/usr/bin/env python3
+"""The index of a large database: when there is one, and that it answers as a look at all records."""
+
+import hashlib
+import os
+import shutil
+import stat
+import tempfile
+
+import pki
+import support
+from support import InitialisedTest
+
+MANY = 10_001
+
+
+def digest(number):
+    return hashlib.sha256(b"%d" % number).hexdigest()
+
+
+def descriptor(number):
+    """A certificate's, as an import writes it, without a body."""
+    return (f"00000001 00000101 00000001\n"
+            f"00000004 00000103 CN=host{number}.example.com\n"
+            f"00000004 00000107 20{26 + number % 50}-01-01T00:00:00Z\n"
+            f"00000002 00000109 {digest(number)}\n")
+
+
+class LargeTest(InitialisedTest):
+    @classmethod
+    def fill(cls, folder):
+        remote = folder / "db/certificates/remote"
+        for number in range(MANY):
+            (remote / f"r{number}.dsc").write_text(descriptor(number))
+
+    QUESTIONS = (["ls", "--subject", "*host77.*"], ["ls", "--expired"], ["ls", "--expires-within", "2y"],
+                 ["ls", "--sha256", digest(5)[:3]], ["ls", "--has-key"], ["ls", "--attr", "label=x"],
+                 ["ls", "certificates/local", "--subject", "*"],
+                 ["show", f"sha256:{digest(9)[:16]}"], ["show", "r12"], ["show", "nobody"])
+
+    def setUp(self):
+        super().setUp()
+        self.index = self.folder / "db.index"
+
+    def answers(self, **more):
+        runs = [support.fstore("--json", *question, cwd=self.folder, **more)
+                for question in self.QUESTIONS]
+        return [(run.code, run.out, run.err) for run in runs]
+
+    def without_index(self):
+        """What a copy of the database answers, whose index cannot be made."""
+        with tempfile.TemporaryDirectory(prefix="fstore-copy-") as copy:
+            shutil.copytree(self.folder / "db", f"{copy}/db")
+            os.mkdir(f"{copy}/db.index")
+            runs = [support.fstore("--json", *question, cwd=copy) for question in self.QUESTIONS]
+        return [(run.code, run.out, run.err) for run in runs]
+
+    def test_answers_as_a_look_at_all_records(self):
+        self.run_tool("show", "r1")
+        self.assertFalse(self.index.exists(), "a name needs none")
+        expected = self.without_index()
+        self.assertEqual(expected, self.answers())
+        self.assertEqual(0o600, stat.S_IMODE(self.index.stat().st_mode))
+        self.assertEqual(expected, self.answers())
+        self.run_tool("set", "certificates/remote/r3", "label=x")
+        self.run_tool("rm", "--force", "certificates/remote/r9")
+        (self.folder / "db/certificates/remote/r77.dsc").rename(self.folder / "db/keys/moved.dsc")
+        expected = self.without_index()
+        self.assertEqual(expected, self.answers())
+        self.assertEqual(expected, self.answers())
+
+    def test_an_import_knows_what_is_there(self):
+        leaf, key = pki.files() / "leaf.pem", pki.files() / "rsa.key"
+        outcomes = []
+        for file in (leaf, leaf, key, leaf):
+            document = self.run_tool("--json", "import", file).document
+            outcomes += [record["outcome"] for record in document["records"]]
+        self.assertTrue(self.index.exists())
+        shutil.copytree(self.folder / "db", self.folder / "small/db")
+        small = self.folder / "small"
+        for path in (small / "db/certificates/remote").glob("r*.dsc"):
+            path.unlink()
+        wanted = []
+        for address in self.run_tool("-D", small, "ls", "--json").document["records"]:
+            self.run_tool("-D", small, "rm", "--force", address["address"])
+        for file in (leaf, leaf, key, leaf):
+            document = self.run_tool("-D", small, "--json", "import", file).document
+            wanted += [record["outcome"] for record in document["records"]]
+        self.assertEqual(wanted, outcomes)
+        self.assertFalse((small / "db.index").exists(), "few records need none")
+
+    def test_is_no_part_of_the_database(self):
+        self.answers()
+        self.assertTrue(self.index.exists())
+        self.assertEqual([], self.run_tool("check", "--json").document["findings"])
+        archive = self.folder / "backup"
+        self.run_tool("backup", archive)
+        self.assertNotIn(b"db.index", archive.read_bytes())
+        self.run_tool("check", "--repair")
+        self.assertEqual([], list(self.folder.glob("db.index*")))
+
+    def test_a_bad_one_is_as_none(self):
+        expected = self.answers()
+        for name, contents in (("garbage", b"g" * 99_999), ("empty", b""),
+                               ("cut", self.index.read_bytes()[:50_000])):
+            with self.subTest(name):
+                self.index.write_bytes(contents)
+                self.index.chmod(0o600)
+                self.assertEqual(expected, self.answers())
+                self.run_tool("set", "certificates/remote/r3", "0x8001=x")
+                self.assertEqual(expected, self.answers())
+
+    def test_has_no_secret_in_it(self):
+        self.put("keys/hidden", b"the secret of it")
+        self.run_tool("set", "keys/hidden", "--encrypt", "0x8001=a hidden note")
+        self.answers()
+        kept = b"".join(path.read_bytes() for path in self.folder.glob("db.index*"))
+        self.assertIn(b"host77", kept)
+        for secret in (b"the secret of it", b"a hidden note",
+                       hashlib.sha256(b"the secret of it").digest()):
+            self.assertNotIn(secret, kept)
+
+    def test_is_in_the_cache_where_the_folder_is_not_ours_to_write(self):
+        expected = self.answers()
+        for path in self.folder.glob("db.index*"):
+            path.unlink()
+        cache = self.folder / "cache"
+        cache.mkdir()
+        if os.geteuid() == 0:
+            os.chown(self.folder, 65534, -1)
+        else:
+            self.folder.chmod(0o500)
+            self.addCleanup(self.folder.chmod, 0o700)
+        self.assertEqual(expected, self.answers(env={"XDG_CACHE_HOME": cache}))
+        self.assertEqual([], list(self.folder.glob("db.index*")))
+        (index,) = cache.glob("fstore/*.index")
+        self.assertRegex(index.name, r"\A[0-9a-f]{64}\.index\Z")
+        self.assertEqual(0o700, stat.S_IMODE(index.parent.stat().st_mode))
+        self.assertEqual(expected, self.answers(env={"XDG_CACHE_HOME": cache}))
+
+
+if __name__ == "__main__":
+    support.main()
