@@ -11,7 +11,7 @@
 packages=openssl,libfmt9,libsqlite3-0,curl,python3-minimal,nginx-light,haproxy,apache2,lighttpd,lighttpd-mod-openssl
 packages+=,stunnel4,mosquitto,redis-server,postgresql-15,socat,openvpn,php8.2-cli,ruby3.1,openssh-client
 packages+=,certbot,python3-cffi-backend,dehydrated,pebble,systemd
-packages+=,glusterfs-server,glusterfs-client,iproute2,procps,python3,restic,borgbackup,rsync,git
+packages+=,glusterfs-server,glusterfs-client,iproute2,procps,python3,restic,borgbackup,rclone,rsync,git
 
 if [ "$(id -u)" -ne 0 ] || ! command -v debootstrap >/dev/null; then
     echo "$0: needs root, and debootstrap, which scripts/install_deps.sh --full installs" >&2

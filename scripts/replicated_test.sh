@@ -17,7 +17,7 @@ fi
 . scripts/programs_root.sh
 
 mkdir "$root/replicated"
-cp tests/replicated/* tests/fstore/support.py "$build/lib/call_trap.so" "$root/replicated"
+cp tests/replicated/* tests/fstore/support.py docs/several-hosts.md "$build/lib/call_trap.so" "$root/replicated"
 
 # Whatever is left running, mounted or linked ends with the namespaces. The root becomes the only one,
 # since nsenter, by which a test enters a host, goes to the root of a namespace. The shell stays: it is

@@ -3,15 +3,19 @@
 
 import itertools
 import os
+import pathlib
+import re
+import shutil
 import signal
 import subprocess
+import tempfile
 import threading
 import time
 import unittest
 
 import support
 from support import CALL_TRAP, CHEAP, PASSWORD
-from volume import OPTIONS, Volume, wait_until
+from volume import HOSTS, OPTIONS, Volume, address, wait_until
 
 NEW = "another one"
 FAILED = 9
@@ -277,6 +281,130 @@ class CutTest(ReplicatedTest):
         self.assertEqual(FAILED, support.finish(change).code)
         self.assertEqual(b"x", self.ok(self.two, "get", "settings/x").out)
         self.assert_all_there(self.two)
+
+
+class ReplicaTest(ReplicatedTest):
+    """The blocks of docs/several-hosts.md, as they stand there."""
+
+    def setUp(self):
+        super().setUp()
+        self.fill()
+        self.here = pathlib.Path(tempfile.mkdtemp(prefix="replica-"))
+        self.addCleanup(shutil.rmtree, self.here)
+        self.replica = self.here / "replica"
+        self.replica.mkdir()
+
+    @staticmethod
+    def blocks(heading):
+        """The blocks of the section, each a script for sh."""
+        text = pathlib.Path(__file__).with_name("several-hosts.md").read_text(encoding="utf-8")
+        section = re.split(r"^#+ ", text.split(f"\n### {heading}\n", 1)[1], flags=re.M)[0]
+        found = re.findall(r"^```sh\n(.*?)^```$", section, flags=re.M | re.S)
+        assert found, heading
+        return found
+
+    def sh(self, host, script, **env):
+        run = subprocess.run(host.inside("env", "--chdir", self.here, "sh", "-euc", script), check=False,
+                             capture_output=True, text=True,
+                             env=support.environment(KEYS=self.folder, REPLICA=self.replica, **env))
+        self.assertEqual(0, run.returncode, f"{script}\n{run.stdout}{run.stderr}")
+        return run.stdout
+
+    def test_a_conflict(self):
+        copy = f"{self.folder}/db/settings/1.sync-conflict-20261123-101500-ABCDEFG.dsc"
+        (script,) = self.blocks("Synchronisers")
+        self.sh(self.one, f'cp "$KEYS/db/settings/1.dsc" {copy}')
+        self.assertEqual(3, self.run_on(self.two, "check").code)
+        self.sh(self.one, script, CONFLICT="settings/" + copy.rsplit("/", 1)[1])
+        self.assert_all_there(self.two)
+
+    def test_publishing_to_a_store_and_restoring_under_a_server(self):
+        publish, follow = self.blocks("Publishing")
+        store = "http://" + address(HOSTS[0]) + ":8080"
+        (self.here / "store").mkdir()
+        served = subprocess.Popen(self.one.inside("rclone", "serve", "webdav", self.here / "store",
+                                                  "--addr", ":8080"), stderr=subprocess.DEVNULL)
+        self.addCleanup(served.wait)
+        self.addCleanup(served.terminate)
+        wait_until("the store answers", lambda: subprocess.run(
+            self.two.inside("curl", "-sf", store), capture_output=True, check=False).returncode == 0)
+        store = f":webdav,url='{store}':"
+        subjects = []
+        server = None
+        for name in ("first", "second"):
+            self.import_pair(name)
+            self.sh(self.one, publish, STORE=store)
+            self.sh(self.two, follow, STORE=store)
+            self.assert_all_there(self.two, folder=self.replica)
+            server = server or self.serve()
+            subjects.append(self.subject_served())
+        self.assertEqual(["CN = first", "CN = first"], subjects)  # what it has loaded stays
+        server.terminate()
+        server.wait()
+        self.serve()
+        self.assertEqual("CN = second", self.subject_served())
+        kept = [entry.name for entry in self.replica.iterdir() if entry.name.startswith("db-")]
+        self.assertEqual(1, len(kept), kept)
+
+    def import_pair(self, name):
+        """A certificate and its key, of which the newer one serves the host."""
+        self.sh(self.one, f"openssl req -x509 -newkey ed25519 -nodes -subj /CN={name} -days 9 "
+                          "-addext subjectAltName=DNS:www.example.com -keyout key.pem -out cert.pem")
+        time.sleep(1.1)  # dates have seconds
+        self.ok(self.one, "import", self.here / "key.pem", self.here / "cert.pem")
+
+    def serve(self):
+        """A TLS server on host two, with the key of the replica."""
+        password = self.here / "password"
+        password.write_text(PASSWORD, encoding="ascii")
+        conf = self.ok(self.two, "--password-file", password, "openssl-conf", folder=self.replica,
+                       password=None).text
+        (self.here / "openssl.cnf").write_text(conf, encoding="utf-8")
+        self.ok(self.two, "export", "--for", "www.example.com", "-f", "-o", self.here / "served.pem",
+                folder=self.replica)
+        server = subprocess.Popen(
+            self.two.inside("openssl", "s_server", "-quiet", "-accept", "4433", "-cert",
+                            self.here / "served.pem", "-key",
+                            "fstore:///?for=www.example.com&type=key"),
+            env=support.environment(OPENSSL_CONF=self.here / "openssl.cnf"), stdin=subprocess.DEVNULL)
+        self.addCleanup(server.wait)
+        self.addCleanup(server.terminate)
+        return server
+
+    def subject_served(self):
+        def told():
+            return subprocess.run(self.two.inside("openssl", "s_client", "-connect", "127.0.0.1:4433"),
+                                  stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False).stdout
+        wait_until("the server answers", lambda: "subject=" in told())
+        return re.search(r"subject=(.*)", told())[1]
+
+    def test_restic(self):
+        (script,) = self.blocks("restic and borg")[:1]
+        restic = {"RESTIC_REPOSITORY": self.here / "repository", "RESTIC_PASSWORD": "of restic", "HOME": self.here}
+        self.sh(self.one, "restic init", **restic)
+        self.sh(self.one, script, **restic)
+        self.assert_all_there(self.two, folder=self.replica)
+
+    def test_borg(self):
+        script = self.blocks("restic and borg")[1]
+        borg = {"BORG_REPO": self.here / "repository", "BORG_PASSPHRASE": "of borg", "HOME": self.here}
+        self.sh(self.one, "borg init -e repokey", **borg)
+        self.sh(self.one, script, **borg)
+        self.assert_all_there(self.two, folder=self.replica)
+
+    def test_rsync(self):
+        script = self.blocks("rsync and git")[0]
+        for _ in range(2):
+            self.sh(self.one, script)
+        self.assert_all_there(self.two, folder=self.replica)
+
+    def test_git(self):
+        script = self.blocks("rsync and git")[1]
+        self.sh(self.one, 'git -C "$KEYS" init -q; git config --global user.email a@b; git config --global '
+                          'user.name a; git config --global safe.directory "*"', HOME=self.here)
+        self.sh(self.one, script, HOME=self.here)
+        self.sh(self.one, 'git clone -q "$KEYS" clone', HOME=self.here)
+        self.assert_all_there(self.two, folder=self.here / "clone")
 
 
 def state_of(pid):

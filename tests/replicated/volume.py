@@ -124,6 +124,9 @@ class Host(Node):
         return subprocess.run(self.inside("mountpoint", "-q", "/volume"), check=False,
                               capture_output=True).returncode == 0
 
+    def reaches(self):
+        return subprocess.run(self.inside("ls", "/volume"), check=False, capture_output=True).returncode == 0
+
     def kill_client(self):
         """As a crash of the host: what it had mounted is gone, with all who used it."""
         self.program.kill()
@@ -159,6 +162,7 @@ class Volume:
         self.servers[0].gluster("volume", "start", "v", "force")
         wait_until("all bricks are served", lambda: all(server.brick() for server in self.servers))
         wait_until("the bricks are healed", self.is_healed, 60)
+        wait_until("the hosts reach the volume", lambda: all(host.reaches() for host in self.hosts))
 
     def is_healed(self):
         told = subprocess.run(self.servers[0].inside("gluster", "volume", "heal", "v", "info", "summary"),
