@@ -92,6 +92,9 @@ void check(Status status, const std::string& what, const std::string& path) {
     if (status == kOk) {
         return;
     }
+    if (status == kIo) {
+        requireLock();  // what was lost with the lock is no fault of the disk
+    }
     requireNoLoss();
     if (!isOfStore(status)) {
         failWithStatus(kForeign, fmt::format("{}: another module reported status {}", what, status),
@@ -105,6 +108,9 @@ void failWithErrno(const std::string& what, const std::string& path) {
     const Status status = reason == ENOENT || reason == ENOTDIR ? kMissing
                           : reason == ENOMEM                    ? kNoMemory
                                                                 : kIo;
+    if (status == kIo) {
+        requireLock();
+    }
     const std::string message =
         fmt::format("cannot {} {}: {}", what, path, std::generic_category().message(reason));
     // A process without free descriptors learns as little about a file as one without the right.

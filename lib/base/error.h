@@ -117,11 +117,11 @@ void requireNoLoss();
                                  const std::string& path = {});
 
 // Fails with "<what>: <what the status means>" unless `status` is kOk; with LockLost if that is
-// the reason.
+// the reason, which is asked for after kIo.
 void check(Status status, const std::string& what, const std::string& path = {});
 
 // Fails with kIo, or kMissing or kNoMemory when errno says so, and the system's reason:
-// "cannot <what> <path>: <reason>".
+// "cannot <what> <path>: <reason>". With LockLost instead of kIo if that is the reason.
 [[noreturn]] void failWithErrno(const std::string& what, const std::string& path);
 
 }  // namespace fstore

@@ -13,7 +13,7 @@
 //     CALL_TRAP_PAUSE=N      each opening of a descriptor file takes N milliseconds longer
 //     CALL_TRAP_STOP=NAME:N  the process stops in front of its Nth call of this function, as by
 //                            SIGSTOP; for the functions below that change the disk by a name or a
-//                            sync, and for flock
+//                            sync, and for "question": that takes a lock which it has already
 //
 // Calls that only look are not counted: in front of one, the disk is as in front of the
 // next call that changes it.
@@ -250,9 +250,18 @@ void* EVP_KDF_fetch(void* library, const char* algorithm, const char* properties
 }
 
 int flock(int fd, int operation) noexcept {
-    stopAt("flock");
+    static std::atomic<int> held{-1};  // one is enough: that of the lock file is the first
+    if (operation == (LOCK_EX | LOCK_NB) && held == fd) {
+        stopAt("question");
+    }
     static const bool locks = setting("CALL_TRAP_NO_LOCK") == 0;
-    return locks ? next<int(int, int)>("flock")(fd, operation) : 0;
+    const int result = locks ? next<int(int, int)>("flock")(fd, operation) : 0;
+    if (result == 0 && (operation & LOCK_EX) != 0 && held == -1) {
+        held = fd;
+    } else if ((operation & LOCK_UN) != 0 && held == fd) {
+        held = -1;
+    }
+    return result;
 }
 
 }  // extern "C"

@@ -23,8 +23,9 @@ BUSY = 33
 MISSING = 50
 # While a link is cut, its host's calls hang, and the other host waits for what it had locked.
 CUT = 60
-# In front of the question whether the lock is still held, which comes after the record's file is synced.
-STOPS = {"set": "fsync:1", "put": "fsync:1", "rm": "flock:3", "passwd": "syncfs:1"}
+# In front of the question whether the lock is still held, before the first rename of the record; of
+# the change of password when its copy is complete.
+STOPS = {"set": "question:2", "put": "question:2", "rm": "question:1", "passwd": "syncfs:1"}
 
 volume = None  # one for all tests: it takes longer to start than most of them
 
@@ -131,9 +132,10 @@ class LivingTest(ReplicatedTest):
         self.fill()
         change = self.passwd(self.one)
         wait_until("the change copies the records", lambda: self.is_copying(self.one))
-        told = self.ok(self.two, "info", "--json").document["lock"]
-        self.assertEqual(change.pid, told["holder"]["pid"])
-        self.assertEqual(os.uname().nodename, told["holder"]["host"])
+        told = self.run_on(self.two, "--lock-timeout", "0", "info", "--json")
+        self.assertEqual(BUSY, told.code, told.message)
+        self.assertEqual(change.pid, told.document["writer"]["pid"])
+        self.assertEqual(os.uname().nodename, told.document["writer"]["host"])
         self.assertEqual(0, support.finish(change).code)
 
     def test_a_removed_record_is_not_read_on_the_other_host(self):
@@ -267,7 +269,7 @@ class CutTest(ReplicatedTest):
                 self.assertIn("the lock was lost", run.message)
                 self.assertIn("nothing more was written", run.message)
                 shown = self.ok(self.two, "show", "settings/a", "--json", folder=folder).document
-                self.assertEqual("of host two", shown["label"])
+                self.assertEqual("of host two", shown["records"][0]["label"])
                 self.assertEqual(b"old", self.ok(self.two, "get", "settings/a", folder=folder).out)
                 self.assert_sound(self.two, folder=folder)
 

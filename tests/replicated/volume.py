@@ -159,12 +159,15 @@ class Volume:
 
     def start_bricks(self):
         """Those that are dead, until all are served and nothing waits to be healed."""
+        if all(server.brick() for server in self.servers):
+            return
         self.servers[0].gluster("volume", "start", "v", "force")
         wait_until("all bricks are served", lambda: all(server.brick() for server in self.servers))
         wait_until("the bricks are healed", self.is_healed, 60)
         wait_until("the hosts reach the volume", lambda: all(host.reaches() for host in self.hosts))
 
     def is_healed(self):
+        subprocess.run(self.servers[0].inside("gluster", "volume", "heal", "v"), check=False, capture_output=True)
         told = subprocess.run(self.servers[0].inside("gluster", "volume", "heal", "v", "info", "summary"),
                               check=False, capture_output=True, text=True)
         counts = [line.split(":")[1].strip() for line in told.stdout.splitlines()
