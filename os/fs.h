@@ -29,6 +29,8 @@ namespace os {
 [[nodiscard]] ssize_t pwrite(int fd, const void* data, std::size_t size, off_t at) noexcept;
 [[nodiscard]] int fstat(int fd, struct stat* status) noexcept;
 [[nodiscard]] int fstatfs(int fd, struct statfs* status) noexcept;
+// What this host has cached of a file, and has written, is read anew (posix_fadvise).
+[[nodiscard]] int forgetPages(int fd) noexcept;
 
 // Durability. startWriteback() begins to write a file's dirty pages and does
 // not wait (sync_file_range); it promises nothing and is only a hint.

@@ -2,6 +2,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "os/base.h"
@@ -30,6 +31,11 @@ ssize_t os::pwrite(int fd, const void* data, std::size_t size, off_t at) noexcep
 
 int os::fstatfs(int fd, struct statfs* status) noexcept {
     return ::fstatfs(fd, status);
+}
+
+int os::forgetPages(int fd) noexcept {
+    errno = ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);  // length 0: to the end
+    return errno == 0 ? 0 : -1;
 }
 
 int os::fstat(int fd, struct stat* status) noexcept {

@@ -48,6 +48,25 @@ bool isToken(std::string_view text) {
     return text.size() == 2 * kTokenBytes && hexDigits(text) == text;
 }
 
+// What the lock file says, as it is stored. It is the only file that is written in place, and its
+// size is always the same: a host that was cut off for a while may still have its own line in
+// memory, and take that for the present one although another host has written since. So no cache
+// may answer, which O_DIRECT says to the file systems that know it; `mode` is that or 0. None with
+// errno.
+std::optional<std::string> readAsStored(int mode) {
+    constexpr std::size_t kPage = 4096;  // what O_DIRECT reads into is aligned, and whole
+    alignas(kPage) std::array<char, kPage> page;
+    const os::File file =
+        os::openFile(layout::kLockFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | mode);
+    if (!file || os::forgetPages(file.get()) != 0) {
+        return std::nullopt;
+    }
+    const ssize_t got = os::readSome(file.get(), page.data(), page.size());
+    return got < 0 ? std::nullopt
+                   : std::optional(std::string(
+                         page.data(), std::min(static_cast<std::size_t>(got), kHolderSize)));
+}
+
 }  // namespace
 
 LockHolder LockHolder::make() {
@@ -93,14 +112,16 @@ std::optional<LockHolder> parseHolder(std::string_view text) {
 }
 
 std::optional<LockHolder> readHolder() {
-    std::array<char, kHolderSize> text{};
-    const os::File file =
-        os::openFile(layout::kLockFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
-    if (!file || !os::readAll(file.get(), text.data(), text.size())) {
+    errno = 0;
+    auto text = readAsStored(O_DIRECT);
+    if (!text && errno == EINVAL) {
+        text = readAsStored(0);
+    }
+    if (!text) {
         return std::nullopt;
     }
     errno = 0;
-    return parseHolder({text.data(), text.size()});
+    return parseHolder(*text);
 }
 
 }  // namespace fstore

@@ -25,8 +25,8 @@ enum class Rule {
 
 struct System {
     std::uint32_t magic;
-    const char* name;
     Rule rule;
+    const char* name;
     std::array<std::string_view, 2> but = {};  // options that make locks local
 };
 
@@ -34,34 +34,34 @@ constexpr std::uint32_t kFuseMagic = 0x65735546;
 constexpr std::uint32_t kNfsMagic = 0x6969;
 
 constexpr System kSystems[] = {
-    {0xEF53, "ext4", Rule::kOneHost},
-    {0x58465342, "xfs", Rule::kOneHost},
-    {0x9123683E, "btrfs", Rule::kOneHost},
-    {0x01021994, "tmpfs", Rule::kOneHost},
-    {0x858458F6, "ramfs", Rule::kOneHost},
-    {0x794C7630, "overlay", Rule::kOneHost},
-    {0x2FC12FC1, "zfs", Rule::kOneHost},
-    {0xF2F52010, "f2fs", Rule::kOneHost},
-    {0xCA451A4E, "bcachefs", Rule::kOneHost},
-    {0x3153464A, "jfs", Rule::kOneHost},
-    {0x52654973, "reiserfs", Rule::kOneHost},
-    {0x3434, "nilfs2", Rule::kOneHost},
-    {0x24051905, "ubifs", Rule::kOneHost},
-    {0x4D44, "vfat", Rule::kOneHost},
-    {0x2011BAB0, "exfat", Rule::kOneHost},
-    {0x7366746E, "ntfs3", Rule::kOneHost},
-    {0x482B, "hfsplus", Rule::kOneHost},
-    {0x15013346, "udf", Rule::kOneHost},
-    {0x9660, "iso9660", Rule::kOneHost},
-    {0x73717368, "squashfs", Rule::kOneHost},
-    {0xE0F5E1E2, "erofs", Rule::kOneHost},
-    {0x00C36400, "ceph", Rule::kHosts},
-    {kNfsMagic, "nfs", Rule::kHostsUnless, {"local_lock=flock", "local_lock=all"}},
-    {0xFF534D42, "cifs", Rule::kHostsUnless, {"nobrl"}},
-    {0xFE534D42, "cifs", Rule::kHostsUnless, {"nobrl"}},
-    {0x01161970, "gfs2", Rule::kHostsUnless, {"localflocks"}},
-    {0x7461636F, "ocfs2", Rule::kHostsUnless, {"localflocks"}},
-    {kFuseMagic, "fuse", Rule::kFuse},
+    {0xEF53, Rule::kOneHost, "ext4"},
+    {0x58465342, Rule::kOneHost, "xfs"},
+    {0x9123683E, Rule::kOneHost, "btrfs"},
+    {0x01021994, Rule::kOneHost, "tmpfs"},
+    {0x858458F6, Rule::kOneHost, "ramfs"},
+    {0x794C7630, Rule::kOneHost, "overlay"},
+    {0x2FC12FC1, Rule::kOneHost, "zfs"},
+    {0xF2F52010, Rule::kOneHost, "f2fs"},
+    {0xCA451A4E, Rule::kOneHost, "bcachefs"},
+    {0x3153464A, Rule::kOneHost, "jfs"},
+    {0x52654973, Rule::kOneHost, "reiserfs"},
+    {0x3434, Rule::kOneHost, "nilfs2"},
+    {0x24051905, Rule::kOneHost, "ubifs"},
+    {0x4D44, Rule::kOneHost, "vfat"},
+    {0x2011BAB0, Rule::kOneHost, "exfat"},
+    {0x7366746E, Rule::kOneHost, "ntfs3"},
+    {0x482B, Rule::kOneHost, "hfsplus"},
+    {0x15013346, Rule::kOneHost, "udf"},
+    {0x9660, Rule::kOneHost, "iso9660"},
+    {0x73717368, Rule::kOneHost, "squashfs"},
+    {0xE0F5E1E2, Rule::kOneHost, "erofs"},
+    {0x00C36400, Rule::kHosts, "ceph"},
+    {kNfsMagic, Rule::kHostsUnless, "nfs", {"local_lock=flock", "local_lock=all"}},
+    {0xFF534D42, Rule::kHostsUnless, "cifs", {"nobrl"}},
+    {0xFE534D42, Rule::kHostsUnless, "cifs", {"nobrl"}},
+    {0x01161970, Rule::kHostsUnless, "gfs2", {"localflocks"}},
+    {0x7461636F, Rule::kHostsUnless, "ocfs2", {"localflocks"}},
+    {kFuseMagic, Rule::kFuse, "fuse"},
 };
 
 // The parts of a text that a character separates.

@@ -276,9 +276,10 @@ void forget(std::vector<Pointer>& list, Pointer one) {
 
 const char* nameOf(Call call) {
     static constexpr std::array<const char*, kCallKinds> kNames{
-        "open",           "close",   "read",    "write",    "fstat",  "fsync",   "syncfs",
-        "startWriteback", "access",  "lstat",   "rename",   "remove", "mkdir",   "rmdir",
-        "realpath",       "opendir", "readdir", "closedir", "flock",  "utimens", "fstatfs"};
+        "open",   "close",          "read",     "write",      "fstat",   "fsync",
+        "syncfs", "startWriteback", "access",   "lstat",      "rename",  "remove",
+        "mkdir",  "rmdir",          "realpath", "opendir",    "readdir", "closedir",
+        "flock",  "utimens",        "fstatfs",  "forgetPages"};
     return kNames[index(call)];
 }
 
@@ -307,6 +308,7 @@ const std::vector<int>& errnosOf(Call call) {
         {EINTR, EIO, ENOLCK, ENOTSUP, EWOULDBLOCK},                         // flock
         {EACCES, EIO, ELOOP, ENAMETOOLONG, ENOMEM, EPERM, EROFS},           // utimens
         {EINTR, EIO, ENOMEM, ENOSYS, EOVERFLOW},                            // fstatfs
+        {EBADF, EINVAL, ESPIPE},                                            // forgetPages
     }};
     return kErrnos[index(call)];
 }
@@ -499,6 +501,11 @@ int os::fstatfs(int fd, struct statfs* status) noexcept {
 int os::fstat(int fd, struct stat* status) noexcept {
     Step step(Call::kFstat, fd);
     return step.done(step.fails() ? -1 : ::fstat(fd, status));
+}
+
+int os::forgetPages(int fd) noexcept {
+    Step step(Call::kForgetPages, fd);
+    return step.done(step.fails() ? -1 : 0);
 }
 
 int os::fsync(int fd) noexcept {

@@ -42,9 +42,10 @@ enum class Call {
     kClosedir,
     kFlock,
     kUtimens,
-    kFstatfs
+    kFstatfs,
+    kForgetPages
 };
-inline constexpr int kCallKinds = static_cast<int>(Call::kFstatfs) + 1;
+inline constexpr int kCallKinds = static_cast<int>(Call::kForgetPages) + 1;
 
 const char* nameOf(Call call);  // as in os/fs.h
 

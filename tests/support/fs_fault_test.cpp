@@ -100,6 +100,7 @@ void callEverything(const std::string& base) {
     (void)os::flock(fd, LOCK_EX | LOCK_NB);
     struct statfs system {};
     (void)os::fstatfs(fd, &system);
+    (void)os::forgetPages(fd);
     (void)os::access(file.c_str(), F_OK);
     (void)os::lstat(file.c_str(), &status);
     (void)os::utimens(file.c_str(), times);
