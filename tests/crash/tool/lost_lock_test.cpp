@@ -65,6 +65,10 @@ bool isVisible(const Event& event, const ToolWorkload& workload) {
            event.error == 0 && isOf(event, workload) && !isLockFile(event.path);
 }
 
+// Is the lock still held, and was it ever since?
+constexpr std::array kQuestion{Call::kFlock, Call::kOpen, Call::kForgetPages, Call::kRead,
+                               Call::kClose};
+
 bool isLook(const Event& event) {
     return event.call == Call::kRead && isLockFile(event.path);
 }
@@ -136,11 +140,10 @@ TEST_P(LostLockTest, LooksRightBeforeEachStepThatShows) {
             continue;
         }
         ++shown;
-        ASSERT_GE(i, 4U);
-        const std::array expected{Call::kFlock, Call::kOpen, Call::kRead, Call::kClose};
-        for (std::size_t k = 0; k < expected.size(); ++k) {
-            const Event& event = events[i - expected.size() + k];
-            EXPECT_TRUE(event.call == expected[k] && isLockFile(event.path) && event.error == 0)
+        ASSERT_GE(i, kQuestion.size());
+        for (std::size_t k = 0; k < kQuestion.size(); ++k) {
+            const Event& event = events[i - kQuestion.size() + k];
+            EXPECT_TRUE(event.call == kQuestion[k] && isLockFile(event.path) && event.error == 0)
                 << fault::describe(event) << " before " << fault::describe(events[i]);
         }
     }
@@ -256,9 +259,9 @@ TEST_P(RivalTest, OnlyTheTokenSavesWhatTheOtherHostHasWritten) {
         1, [] {}, ran);
     const Rival rival = rivalOf(calls, GetParam());
     // In front of the question, whose lock still seems to be held.
-    ASSERT_EQ(Call::kFlock, calls[rival.at - 4].call);
+    ASSERT_EQ(Call::kFlock, calls[rival.at - kQuestion.size()].call);
     stand(recording.start);
-    EXPECT_EQ(kTheirs, runAgainst(rival.at - 4, rival.descriptor, ran)) << rival.descriptor;
+    EXPECT_EQ(kTheirs, runAgainst(rival.at - kQuestion.size(), rival.descriptor, ran)) << rival.descriptor;
     EXPECT_EQ(kIoCode, ran.code) << ran.said;
     EXPECT_THAT(ran.said, HasSubstr("the lock was lost"));
 }
@@ -335,7 +338,7 @@ TEST_P(ReachTest, ALockThatTheSystemRefusesIsLost) {
     const std::vector<Event> calls = runWith(
         1, [] {}, ran);
     const Rival rival = rivalOf(calls, GetParam());
-    ASSERT_EQ(Call::kFlock, calls[rival.at - 4].call);
+    ASSERT_EQ(Call::kFlock, calls[rival.at - kQuestion.size()].call);
     const auto nth =
         std::count_if(calls.begin(), calls.begin() + static_cast<std::ptrdiff_t>(rival.at),
                       [](const Event& event) { return event.call == Call::kFlock; });
