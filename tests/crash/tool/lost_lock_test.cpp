@@ -261,7 +261,8 @@ TEST_P(RivalTest, OnlyTheTokenSavesWhatTheOtherHostHasWritten) {
     // In front of the question, whose lock still seems to be held.
     ASSERT_EQ(Call::kFlock, calls[rival.at - kQuestion.size()].call);
     stand(recording.start);
-    EXPECT_EQ(kTheirs, runAgainst(rival.at - kQuestion.size(), rival.descriptor, ran)) << rival.descriptor;
+    EXPECT_EQ(kTheirs, runAgainst(rival.at - kQuestion.size(), rival.descriptor, ran))
+        << rival.descriptor;
     EXPECT_EQ(kIoCode, ran.code) << ran.said;
     EXPECT_THAT(ran.said, HasSubstr("the lock was lost"));
 }
