@@ -10,10 +10,12 @@
 #include <fmt/format.h>
 
 #include "format/layout.h"
+#include "format/record_name.h"
 #include "lib/base/digits.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/base/time.h"
+#include "lib/records/descriptor.h"
 #include "os/files.h"
 #include "os/fs.h"
 
@@ -165,6 +167,26 @@ void syncFolders(const std::set<std::string, std::less<>>& folders, const std::s
     }
     for (const std::string& folder : folders) {
         syncFolder(below(from, folder));
+    }
+}
+
+// Whether the descriptor names a body that waits beside it while another has its name by now: put
+// back alone, it would name the other.
+bool isBodyTaken(const std::string& folder, const std::string& descriptor) {
+    const std::string_view name =
+        std::string_view(descriptor)
+            .substr(parentOf(descriptor).empty() ? 0 : parentOf(descriptor).size() + 1);
+    if (markerOf(stateBeside(name).value_or(std::string(name))).empty()) {
+        return false;
+    }
+    try {
+        const auto body = bodyNameOf(readDescriptor(below(folder, descriptor)));
+        const std::string place(parentOf(descriptor));
+        return body && isBodyName(*body) &&
+               exists(below(folder, place.empty() ? *body : joined(place, *body))) &&
+               exists(below(kLive, place.empty() ? *body : joined(place, *body)));
+    } catch (const Failure&) {
+        return false;  // what cannot be read names none
     }
 }
 
@@ -333,7 +355,7 @@ UndoReport undoLost(const std::string& name, const std::optional<Digest>& key) {
         if (!exists(from)) {
             continue;  // an undoing before this one was broken off, or the moving was
         }
-        if (exists(to)) {
+        if (exists(to) || isBodyTaken(folder, file.path)) {
             report.taken.push_back(file.path);
             continue;
         }

@@ -11,16 +11,20 @@
 
 #include <fmt/format.h>
 
+#include "format/body_reference.h"
+#include "format/dsc_text.h"
 #include "format/layout.h"
 #include "format/record_name.h"
 #include "lib/base/conflict_copy.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
+#include "lib/base/sha256.h"
 #include "lib/base/time.h"
 #include "lib/database/finding.h"
 #include "lib/database/lost.h"
 #include "lib/database/protection.h"
 #include "lib/records/address.h"
+#include "lib/records/attributes.h"
 #include "lib/records/descriptor.h"
 #include "os/files.h"
 #include "os/fs.h"
@@ -64,19 +68,64 @@ StoredFile storedFile(const std::string& path) {
         path);
 }
 
+bool isDescriptor(std::string_view file) {
+    return markerOf(file) == kDscSuffix;
+}
+
+// The descriptor of another record that names the body.
+std::optional<std::string> otherRecordOf(const StoredFile& place, const std::string& body) {
+    for (const FolderEntry& entry : readFolder(folderPath(place.folder))) {
+        if (entry.type != FolderEntry::Type::kFile || entry.name == place.file ||
+            !isDescriptor(entry.name) || stateBeside(entry.name)) {
+            continue;
+        }
+        try {
+            if (bodyNameOf(readDescriptor(place.pathOf(entry.name))) == body) {
+                return entry.name;
+            }
+        } catch (const Failure&) {
+            continue;  // it names none that could be read
+        }
+    }
+    return std::nullopt;
+}
+
+// As far as it can be told without the key: a plain body is the one that its SHA-256 was taken of.
+bool isBodyAsSaid(const std::vector<DescriptorLine>& lines, const std::string& path) {
+    const auto digest = std::ranges::find_if(lines, [](const DescriptorLine& line) {
+        return line.form == DescriptorLine::Form::kAttribute && line.id == attr::kSha256 &&
+               line.type == kTypeBinary;
+    });
+    const DescriptorLine* const reference = findBodyReference(lines);
+    if (digest == lines.end() || (reference->type & kFlagEncrypted) != 0) {
+        return true;
+    }
+    Sha256 body;
+    readInPieces(path, [&](Bytes piece) { body.add(piece); });
+    return std::ranges::equal(bytesOf(digest->value), body.finish());
+}
+
 // That the store reads a descriptor of this text, in this folder.
 void requireSound(const StoredFile& place, const std::vector<DescriptorLine>& lines) {
     if (lines.empty() || !isSound(lines)) {
         failOnState(place.path(), "is damaged");
     }
     const auto body = bodyNameOf(lines);
-    if (body && !isA(os::EntryType::kFile, place.pathOf(*body))) {
+    if (!body) {
+        return;
+    }
+    if (!isA(os::EntryType::kFile, place.pathOf(*body))) {
         failOnState(place.path(), fmt::format("names the body file {}, which is missing", *body));
     }
-}
-
-bool isDescriptor(std::string_view file) {
-    return markerOf(file) == kDscSuffix;
+    // Two hosts give new bodies the same names, so by now the name may be another record's.
+    if (const auto other = otherRecordOf(place, *body)) {
+        failOnState(place.path(),
+                    fmt::format("names the body file {}, which is that of {}", *body, *other));
+    }
+    if (!isBodyAsSaid(lines, place.pathOf(*body))) {
+        failOnState(place.path(),
+                    fmt::format("names the body file {}, which does not match its SHA-256", *body));
+    }
 }
 
 // The files of the folder that name the body, or that cannot be read and may do so, but for

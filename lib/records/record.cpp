@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "format/record_name.h"
+#include "lib/base/conflict_copy.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/records/descriptor.h"
@@ -71,6 +72,25 @@ void requireModest(const Address& address) {
     }
     if (const auto size = static_cast<std::uint64_t>(status.st_size); size > kMostDescriptor) {
         throw tooLarge(path, size);
+    }
+}
+
+// Two states of a record go only one after the other: that somebody wants to be rid of one need not
+// mean both.
+void refuseMerge(const std::string& path) {
+    SecretBytes bytes;
+    try {
+        bytes = readDescriptorBytes(path);
+    } catch (const Failure&) {
+        return;  // what cannot be read, the store refuses or removes
+    }
+    if (mergeSidesOf({reinterpret_cast<const char*>(bytes.data()), bytes.size()})) {
+        throw Failure(kMalformed,
+                      fmt::format("{} has two states in it, with the marks of a merge", path),
+                      Advice{fmt::format("keep one first: `fstore check --settle {} --keep ours`, "
+                                         "or theirs",
+                                         path)},
+                      path);
     }
 }
 
@@ -379,6 +399,7 @@ void Record::write(BodyOwners& owners) {
 }
 
 std::optional<std::string> Record::remove(BodyOwners& owners) {
+    refuseMerge(descriptorPath(address_));
     std::optional<std::string> doubt = owners.doubtAbout(address_);
     const RecordChangeNotice notice(address_);
     if (doubt) {

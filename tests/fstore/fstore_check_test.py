@@ -186,6 +186,47 @@ class ConflictTest(TwoRecordsTest):
                           self.fails(3, "found", "check", "--settle", path, "--keep", "theirs"))
             self.assertEqual(before, self.files())
 
+    def test_a_state_whose_body_is_anothers_by_now_is_not_taken(self):
+        own = self.theirs.split(b"\n")[0].split(b" ")[2]
+        path = self.leave(self.NAMES[0],
+                          self.theirs.replace(own, self.body_of("b").name.encode()))
+        before = self.files()
+        message = self.fails(3, "found", "check", "--settle", path, "--keep", "theirs")
+        self.assertIn("which is that of b.dsc", message)
+        self.assertEqual(before, self.files())
+
+    def test_nor_one_whose_plain_body_is_not_as_it_says(self):
+        self.put("settings/p", b"plain", "--plain-body")
+        path = self.leave("p.dsc.orig", (self.settings / "p.dsc").read_bytes())
+        self.run_tool("rm", "settings/p")
+        body = (self.settings / "p.dsc.orig").read_text().split("\n")[0].split(" ")[2]
+        (self.settings / body).write_bytes(b"other")
+        self.assertIn("does not match its SHA-256",
+                      self.fails(3, "found", "check", "--settle", path, "--keep", "theirs"))
+        (self.settings / body).write_bytes(b"plain")
+        self.run_tool("check", "--settle", path, "--keep", "theirs")
+        self.assertEqual(b"plain", self.body("settings/p"))
+
+    def test_an_undo_puts_no_descriptor_back_without_its_body(self):
+        path = self.leave(self.NAMES[0])
+        body = self.body_of("a")
+        settled = self.run_tool("check", "--settle", path, "--keep", "theirs", "--json").document
+        self.assertFalse(body.exists())
+        body.write_bytes(b"of another record by now")
+        before = self.files()
+        name = settled["lost"].removeprefix("./db.lost/")
+        self.run_tool("check", "--undo", name, code=5)
+        self.assertEqual(before, self.files())
+        body.unlink()
+        self.run_tool("check", "--undo", name)
+
+    def test_the_two_states_of_a_merge_are_not_removed_as_one(self):
+        self.merge()
+        before = self.files()
+        message = self.run_tool("rm", "settings/a", code=59).message
+        self.assertIn("has two states in it", message)
+        self.assertEqual(before, self.files())
+
     def merge(self):
         ours = (self.settings / "a.dsc").read_bytes()
         self.leave("a.dsc", b"<<<<<<< HEAD\n" + ours + b"=======\n" + self.theirs + b">>>>>>> other\n")
