@@ -191,7 +191,8 @@ BUGS = (
         also=(("    syncFolders(changed, folder, kLive);\n",
                "    syncFolders(changed, folder, kLive);\n    writePlan(folder, plan);\n"),)),
     Bug("undo_overwrites_what_is_there", LOST,
-        "        if (exists(to)) {\n            report.taken.push_back(file.path);\n"
+        "        if (exists(to) || isBodyTaken(folder, file.path)) {\n"
+        "            report.taken.push_back(file.path);\n"
         "            continue;\n        }\n",
         "", "lost_test"),
     Bug("undo_not_synced", LOST,
