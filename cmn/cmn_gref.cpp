@@ -71,9 +71,12 @@ private:
 
 }  // namespace
 
+// Under the registry's lock up to the end: an object that is counted and not yet listed would
+// look as if nobody outside held it, and its module be unloaded under the thread in between.
 void CMN_GuardedRef::addReference(CMN_GRPHolder* holder) {
-    addToCount(1);
     Claim claim(*this);
+    const CMN_Entered registryWaits(countLock());
+    changeCount(1);
     const CMN_Entered entered(holderMutex);
     holders.push_front(holder);
     claim.keep();
@@ -106,16 +109,26 @@ void CMN_GuardedRef::renewReference(CMN_GRPHolder* holder) {
     addReference(holder);
 }
 
+// As addReference(), under the registry's lock, but for the end of the object: from then on it has
+// no reference, which walks wait for.
 int CMN_GuardedRef::remReference(CMN_GRPHolder* holder) {
+    int left = 0;
     {
-        const CMN_Entered entered(holderMutex);
-        sitem<CMN_GRPHolder>* const node = listed(holder);
-        if (node == nullptr) {
-            return references();
+        const CMN_Entered registryWaits(countLock());
+        {
+            const CMN_Entered entered(holderMutex);
+            sitem<CMN_GRPHolder>* const node = listed(holder);
+            if (node == nullptr) {
+                return references();
+            }
+            unlist(node);
         }
-        unlist(node);
+        left = changeCount(-1);
     }
-    return drop();
+    if (left == 0) {
+        delete this;
+    }
+    return left;
 }
 
 // The newest node that holds `holder`, or null. Most lists are short, and most of those

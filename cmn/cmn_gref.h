@@ -121,7 +121,7 @@ public:
     CMN_HIDDEN void renewReference(CMN_GRPHolder* holder);
 
     // Redirects to this object, oldest first, all holders of the object whose list
-    // this is. The caller holds that object's holder lock.
+    // this is. The caller holds that object's holder lock and, before it, its registry's.
     void updateHolders(HolderList& list) { redirectHolders(this, list); }
 
     // As updateHolders() of `to`; a null `to` detaches the holders. `spared`, which

@@ -5,9 +5,19 @@ alignas(64) CMN_BUILT_FIRST constinit CMN_RecursiveMutex CMN_Reference::RefMutex
 CMN_Reference::~CMN_Reference() = default;
 
 void CMN_Reference::addReference() {
-    addToCount(1);
+    const CMN_Entered entered(*mutex);
+    changeCount(1);
 }
 
+// The object goes outside of the mutex, so that its destructor may take it.
 int CMN_Reference::remReference() {
-    return drop();
+    int left = 0;
+    {
+        const CMN_Entered entered(*mutex);
+        left = changeCount(-1);
+    }
+    if (left == 0) {
+        delete this;
+    }
+    return left;
 }

@@ -39,20 +39,13 @@ public:
     int remReference();
 
 protected:
-    // addReference() and remReference() in line, for the framework's own use.
-    CMN_HIDDEN int addToCount(int by) {
-        const CMN_Entered entered(*mutex);
+    // The lock of the count, for what must be seen together with a change of it.
+    CMN_HIDDEN CMN_RecursiveMutex& countLock() const noexcept { return *mutex; }
+    // The caller owns that lock. Returns the new count.
+    CMN_HIDDEN int changeCount(int by) noexcept {
         const int now = references() + by;
         count.store(now, std::memory_order_relaxed);
         return now;
-    }
-    // The object goes outside of the mutex, so that its destructor may take it.
-    CMN_HIDDEN int drop() {
-        const int left = addToCount(-1);
-        if (left == 0) {
-            delete this;
-        }
-        return left;
     }
 
 private:

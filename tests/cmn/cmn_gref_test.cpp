@@ -357,6 +357,43 @@ TEST_F(GuardedRefTest, HolderListIsLockedAgainstOtherThreadsOnly) {
     EXPECT_THAT(holdersOf(object), ElementsAre(&others, &own));
 }
 
+// Who asks the registry whether an object is held sees the count and the list as one.
+TEST_F(GuardedRefTest, RegistryWaitsForWhoIsCountedAndNotYetListed) {
+    TestObject object;
+    TestHolder own(kOwn);
+    TestHolder others(kOther);
+    object.addReference(&own);
+    object.lockHolderList();
+    std::thread other([&] {
+        object.addReference(&others);
+        object.remReference(&others);
+    });
+    while (object.references() != 2) {
+        waitShortly();
+    }
+    EXPECT_FALSE(isFree(CMN_Reference::RefMutex));
+    object.unlockHolderList();
+    other.join();
+    EXPECT_TRUE(isFree(CMN_Reference::RefMutex));
+}
+
+TEST_F(GuardedRefTest, RegistryWaitsForWhoHasLeftTheListAndIsStillCounted) {
+    TestObject object;
+    TestHolder own(kOwn);
+    TestHolder others(kOther);
+    object.addReference(&own);
+    object.addReference(&others);
+    object.lockHolderList();
+    std::thread other([&] { object.remReference(&others); });
+    while (isFree(CMN_Reference::RefMutex)) {
+        waitShortly();
+    }
+    EXPECT_EQ(2, object.references());
+    object.unlockHolderList();
+    other.join();
+    EXPECT_EQ(1, object.references());
+}
+
 TEST_F(GuardedRefTest, UpdateHoldersRedirectsOldestFirst) {
     EventLog log;
     auto* const old = new TestObject("old", &log);
