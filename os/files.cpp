@@ -3,13 +3,10 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
-#include <iterator>
 #include <utility>
 
 namespace os {
@@ -146,28 +143,6 @@ bool syncFolder(const char* path) noexcept {
     }
     const bool synced = uninterrupted([&] { return os::fsync(folder.get()); }) == 0;
     return (synced || cannotSyncFolders(errno)) && folder.close();
-}
-
-bool isLocal(const char* folder) noexcept {
-    constexpr std::uint32_t kKinds[] = {
-        0xEF53,      // ext2, ext3, ext4
-        0x58465342,  // xfs
-        0x9123683E,  // btrfs
-        0x01021994,  // tmpfs
-        0x858458F6,  // ramfs
-        0x794C7630,  // overlayfs
-        0x2FC12FC1,  // zfs
-        0xF2F52010,  // f2fs
-        0xCA451A4E,  // bcachefs
-        0x3153464A,  // jfs
-        0x52654973,  // reiserfs
-        0x3434,      // nilfs2
-        0xF15F,      // ecryptfs
-    };
-    const File opened = openFile(folder, O_PATH | O_DIRECTORY);
-    struct statfs status {};
-    return opened && os::fstatfs(opened.get(), &status) == 0 &&
-           std::ranges::find(kKinds, static_cast<std::uint32_t>(status.f_type)) != std::end(kKinds);
 }
 
 Presence presence(const char* path) noexcept {

@@ -65,10 +65,6 @@ enum class Links {
 // true; a sync that it tried and that failed is false.
 [[nodiscard]] bool syncFolder(const char* path) noexcept;
 
-// Whether the folder is on a file system that no other host uses at the same time, by what kind of
-// file system it is: false of a kind that is not known.
-[[nodiscard]] bool isLocal(const char* folder) noexcept;
-
 enum class Presence {
     kPresent,
     kAbsent,  // the system says so: there is no such name

@@ -53,6 +53,15 @@ std::unique_ptr<OpenContext> countOut(OpenContext& context) CMN_REQUIRES(lock) {
     return std::move(contexts.extract(context.id).mapped());
 }
 
+// The context of this number, which nobody is inside. The caller holds the lock.
+Status findIdle(unsigned int id, Contexts::iterator& found) {
+    found = contexts.find(id);
+    if (found == contexts.end() || found->second->ended) {
+        return kEnd;
+    }
+    return found->second->inside == 0 ? kOk : kAlreadyOpen;
+}
+
 // Ends one of those that have not ended, and counts the caller in, so that it stays.
 OpenContext* endNext() noexcept {
     const CMN_Locked locked(lock);
@@ -135,27 +144,21 @@ Status filestore_contextLeave(unsigned int before) {
 
 Status filestore_contextWatch(unsigned int context, Status (*ask)(void* argument), void* argument) {
     const CMN_Locked locked(lock);
-    const auto found = contexts.find(context);
-    if (found == contexts.end() || found->second->ended) {
-        return kEnd;
+    Contexts::iterator found;
+    const Status status = findIdle(context, found);
+    if (status == kOk) {
+        found->second->watch(ask, argument);
     }
-    if (found->second->inside != 0) {
-        return kAlreadyOpen;
-    }
-    found->second->watch(ask, argument);
-    return kOk;
+    return status;
 }
 
 Status filestore_contextDelete(unsigned int context) {
     std::unique_ptr<OpenContext> last;
     {
         const CMN_Locked locked(lock);
-        const auto found = contexts.find(context);
-        if (found == contexts.end() || found->second->ended) {
-            return kEnd;
-        }
-        if (found->second->inside != 0) {
-            return kAlreadyOpen;
+        Contexts::iterator found;
+        if (const Status status = findIdle(context, found); status != kOk) {
+            return status;
         }
         last = std::move(found->second);
         contexts.erase(found);

@@ -14,10 +14,10 @@
 
 #include "lib/base/held_lock.h"
 #include "lib/base/observer.h"
+#include "lib/base/shared_lock.h"
 #include "lib/database/lock_file.h"
 #include "lib/database/lock_holder.h"
 #include "lib/database/place.h"
-#include "lib/database/shared_lock.h"
 #include "os/handles.h"
 #include "os/process.h"
 

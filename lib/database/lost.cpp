@@ -173,18 +173,15 @@ void syncFolders(const std::set<std::string, std::less<>>& folders, const std::s
 // Whether the descriptor names a body that waits beside it while another has its name by now: put
 // back alone, it would name the other.
 bool isBodyTaken(const std::string& folder, const std::string& descriptor) {
-    const std::string_view name =
-        std::string_view(descriptor)
-            .substr(parentOf(descriptor).empty() ? 0 : parentOf(descriptor).size() + 1);
-    if (markerOf(stateBeside(name).value_or(std::string(name))).empty()) {
+    const std::string name = descriptor.substr(descriptor.rfind('/') + 1);  // npos + 1 is 0
+    if (markerOf(stateBeside(name).value_or(name)).empty()) {
         return false;
     }
     try {
         const auto body = bodyNameOf(readDescriptor(below(folder, descriptor)));
-        const std::string place(parentOf(descriptor));
-        return body && isBodyName(*body) &&
-               exists(below(folder, place.empty() ? *body : joined(place, *body))) &&
-               exists(below(kLive, place.empty() ? *body : joined(place, *body)));
+        const std::string_view place = parentOf(descriptor);
+        return body && isBodyName(*body) && exists(joined(below(folder, place), *body)) &&
+               exists(joined(below(kLive, place), *body));
     } catch (const Failure&) {
         return false;  // what cannot be read names none
     }

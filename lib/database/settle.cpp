@@ -72,22 +72,38 @@ bool isDescriptor(std::string_view file) {
     return markerOf(file) == kDscSuffix;
 }
 
-// The descriptor of another record that names the body.
-std::optional<std::string> otherRecordOf(const StoredFile& place, const std::string& body) {
+// The files of the folder that name the body; with `perhaps` also those that cannot be read, and
+// may.
+std::vector<std::string> namersOf(const StoredFile& place, const std::string& body, bool perhaps) {
+    std::vector<std::string> found;
     for (const FolderEntry& entry : readFolder(folderPath(place.folder))) {
-        if (entry.type != FolderEntry::Type::kFile || entry.name == place.file ||
-            !isDescriptor(entry.name) || stateBeside(entry.name)) {
+        const std::string named = stateBeside(entry.name).value_or(entry.name);
+        if (entry.type != FolderEntry::Type::kFile || markerOf(named).empty()) {
             continue;
         }
         try {
-            if (bodyNameOf(readDescriptor(place.pathOf(entry.name))) == body) {
-                return entry.name;
+            const std::vector<DescriptorLine> lines = readDescriptor(place.pathOf(entry.name));
+            const auto other = bodyNameOf(lines);
+            const bool may = perhaps && (lines.empty() || !isSound(lines));
+            if (other ? *other == body : may) {
+                found.push_back(entry.name);
             }
         } catch (const Failure&) {
-            continue;  // it names none that could be read
+            if (perhaps) {
+                found.push_back(entry.name);
+            }
         }
     }
-    return std::nullopt;
+    return found;
+}
+
+// The descriptor of another record that names the body.
+std::optional<std::string> otherRecordOf(const StoredFile& place, const std::string& body) {
+    const std::vector<std::string> names = namersOf(place, body, /*perhaps=*/false);
+    const auto other = std::ranges::find_if(names, [&](const std::string& name) {
+        return name != place.file && isDescriptor(name) && !stateBeside(name);
+    });
+    return other != names.end() ? std::optional(*other) : std::nullopt;
 }
 
 // As far as it can be told without the key: a plain body is the one that its SHA-256 was taken of.
@@ -128,26 +144,9 @@ void requireSound(const StoredFile& place, const std::vector<DescriptorLine>& li
     }
 }
 
-// The files of the folder that name the body, or that cannot be read and may do so, but for
-// `except`.
 bool isNamedBesides(const StoredFile& place, const std::string& body, std::string_view except) {
-    for (const FolderEntry& entry : readFolder(folderPath(place.folder))) {
-        const std::string named = stateBeside(entry.name).value_or(entry.name);
-        if (entry.type != FolderEntry::Type::kFile || entry.name == except ||
-            markerOf(named).empty()) {
-            continue;
-        }
-        try {
-            const std::vector<DescriptorLine> lines = readDescriptor(place.pathOf(entry.name));
-            const auto other = bodyNameOf(lines);
-            if (other ? *other == body : lines.empty() || !isSound(lines)) {
-                return true;
-            }
-        } catch (const Failure&) {
-            return true;
-        }
-    }
-    return false;
+    return std::ranges::any_of(namersOf(place, body, /*perhaps=*/true),
+                               [&](const std::string& name) { return name != except; });
 }
 
 // The file, and, when it is a descriptor, the body that it alone names.

@@ -12,6 +12,7 @@
 #include "lib/base/digits.h"
 #include "lib/base/files.h"
 #include "lib/base/sha256.h"
+#include "lib/base/shared_lock.h"
 #include "os/files.h"
 #include "os/fs.h"
 #include "os/process.h"
@@ -33,12 +34,18 @@ std::string idOf(const std::string& path, const struct stat& status) {
     return toHex(digest.finish());
 }
 
-// The folder that is there, on the way to one that may not be.
+// Whether no other host uses the file system of the folder.
+bool isLocal(const char* folder) {
+    const os::File opened = os::openFile(folder, O_PATH | O_DIRECTORY);
+    return opened && fileSystemOf(opened).reach == LockReach::kHost;
+}
+
+// The same of the folder that is there, on the way to one that may not be.
 bool isOnThisHost(std::string path) {
     while (!path.empty() && !exists(path)) {
         path.erase(path.rfind('/'));
     }
-    return os::isLocal(path.empty() ? "/" : path.c_str());
+    return isLocal(path.empty() ? "/" : path.c_str());
 }
 
 }  // namespace
@@ -48,7 +55,7 @@ std::string indexFile(const std::string& cache) {
     if (os::lstat(".", &status) != 0) {
         return {};
     }
-    const bool isBeside = os::isOwn(status) && os::access(".", W_OK) == 0 && os::isLocal(".");
+    const bool isBeside = os::isOwn(status) && os::access(".", W_OK) == 0 && isLocal(".");
     if (!isBeside && cache.empty()) {
         return {};
     }

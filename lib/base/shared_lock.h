@@ -4,8 +4,8 @@
 // is known of each kind of file system, and of the options of its mount.
 //
 // Any thread may call any of these.
-#ifndef LIB_DATABASE_SHARED_LOCK_H
-#define LIB_DATABASE_SHARED_LOCK_H
+#ifndef LIB_BASE_SHARED_LOCK_H
+#define LIB_BASE_SHARED_LOCK_H
 
 #include <sys/types.h>
 
@@ -49,4 +49,4 @@ std::string warningOf(const FileSystem& system);
 
 }  // namespace fstore
 
-#endif  // LIB_DATABASE_SHARED_LOCK_H
+#endif  // LIB_BASE_SHARED_LOCK_H

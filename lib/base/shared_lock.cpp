@@ -1,4 +1,4 @@
-#include "lib/database/shared_lock.h"
+#include "lib/base/shared_lock.h"
 
 #include <fcntl.h>
 #include <sys/sysmacros.h>
@@ -52,6 +52,7 @@ constexpr System kSystems[] = {
     {0x7366746E, Rule::kOneHost, "ntfs3"},
     {0x482B, Rule::kOneHost, "hfsplus"},
     {0x15013346, Rule::kOneHost, "udf"},
+    {0xF15F, Rule::kOneHost, "ecryptfs"},
     {0x9660, Rule::kOneHost, "iso9660"},
     {0x73717368, Rule::kOneHost, "squashfs"},
     {0xE0F5E1E2, Rule::kOneHost, "erofs"},

@@ -1,5 +1,5 @@
 // Which file systems have locks that hold between hosts.
-#include "lib/database/shared_lock.h"
+#include "lib/base/shared_lock.h"
 
 #include <fcntl.h>
 #include <sys/sysmacros.h>
