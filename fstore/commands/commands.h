@@ -7,6 +7,8 @@
 namespace fstore {
 
 void addInit(Cli& cli);
+void addGenerate(Cli& cli);
+void addRequest(Cli& cli);
 void addImport(Cli& cli);
 void addLs(Cli& cli);
 void addShow(Cli& cli);
@@ -32,6 +34,8 @@ void addInfo(Cli& cli);
 
 inline void addCommands(Cli& cli) {
     addInit(cli);
+    addGenerate(cli);
+    addRequest(cli);
     addImport(cli);
     addLs(cli);
     addShow(cli);

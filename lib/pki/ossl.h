@@ -37,23 +37,33 @@ inline void freeText(void* text) {
 }
 
 using AuthorityKeyId = Owner<AUTHORITY_KEYID, AUTHORITY_KEYID_free>;
+using BitString = Owner<ASN1_BIT_STRING, ASN1_BIT_STRING_free>;
 using Bags = Owner<STACK_OF(PKCS12_SAFEBAG), freeBags>;
 using Bio = Owner<BIO, BIO_free_all>;
 using Certificate = Owner<X509, X509_free>;
 using Certificates = Owner<STACK_OF(X509), freeCertificates>;  // does not own what is in it
+using Constraints = Owner<BASIC_CONSTRAINTS, BASIC_CONSTRAINTS_free>;
 using Crl = Owner<X509_CRL, X509_CRL_free>;
 using Enumerated = Owner<ASN1_ENUMERATED, ASN1_ENUMERATED_free>;
+using Extension = Owner<X509_EXTENSION, X509_EXTENSION_free>;
 using Extensions = Owner<STACK_OF(X509_EXTENSION), freeExtensions>;
+using GeneralName = Owner<GENERAL_NAME, GENERAL_NAME_free>;
 using GeneralNames = Owner<GENERAL_NAMES, GENERAL_NAMES_free>;
+using Ia5String = Owner<ASN1_IA5STRING, ASN1_IA5STRING_free>;
+using Identifier = Owner<ASN1_OBJECT, ASN1_OBJECT_free>;
 using Integer = Owner<ASN1_INTEGER, ASN1_INTEGER_free>;
+using KeyContext = Owner<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
 using KeyInfo = Owner<PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free>;
 using KeyManagement = Owner<EVP_KEYMGMT, EVP_KEYMGMT_free>;
+using Name = Owner<X509_NAME, X509_NAME_free>;
+using Number = Owner<BIGNUM, BN_free>;
 using OctetString = Owner<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>;
 using Pbes1 = Owner<PBEPARAM, PBEPARAM_free>;
 using Pbes2 = Owner<PBE2PARAM, PBE2PARAM_free>;
 using Pbkdf2 = Owner<PBKDF2PARAM, PBKDF2PARAM_free>;
 using Pkcs12 = Owner<PKCS12, PKCS12_free>;
 using Pkey = Owner<EVP_PKEY, EVP_PKEY_free>;
+using Purposes = Owner<EXTENDED_KEY_USAGE, EXTENDED_KEY_USAGE_free>;
 using Request = Owner<X509_REQ, X509_REQ_free>;
 using Safes = Owner<STACK_OF(PKCS7), freeSafes>;
 using Scrypt = Owner<SCRYPT_PARAMS, SCRYPT_PARAMS_free>;

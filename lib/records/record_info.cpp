@@ -44,6 +44,8 @@ void addText(RecordInfo& info, unsigned int id, std::string_view text) {
             return setTime(info.notBefore);
         case attr::kNotAfter:
             return setTime(info.notAfter);
+        case attr::kImported:
+            return setTime(info.imported);
         case attr::kAltName:
             info.altNames.emplace_back(text);
             return;

@@ -23,7 +23,7 @@ struct RecordInfo {
     std::string label, subject, issuer, keyAlgorithm;
     std::vector<std::string> altNames;
     std::string serial, sha256, keySha256;  // hexadecimal digits
-    std::optional<std::int64_t> notBefore, notAfter;
+    std::optional<std::int64_t> notBefore, notAfter, imported;
     bool isCa = false;
     bool hasBody = false, bodyEncrypted = false;
     std::uint64_t bodySize = 0;  // as it is on disk

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""import, export, backup and restore die in front of each call: nothing is lost."""
+"""generate, import, export, backup and restore die in front of each call: nothing is lost."""
 
 import os
 import shutil
@@ -31,6 +31,41 @@ class Import(Workload):
         assert folders == ["certificates/local/Caf", "certificates/local/Example", "crls/Example",
                            "crm/asker", "keys/Caf", "keys/k", "keys/key", "lsps/plain",
                            "settings/a"], run
+
+
+class Generate(Workload):
+    """The key is there alone, or nothing is; `request` goes on with it."""
+
+    args = ("generate", "www", "--type", "ed25519", "--request", "--san", "www.example.com",
+            "--self-signed", "9")
+    made = {"keys/www", "certificates/local/www", "crm/www"}
+
+    def verify(self, folder):
+        super().verify(folder)
+        _, digests = self.listed(folder)
+        assert "keys/www" in digests or not self.made & set(digests), digests
+        if "keys/www" in digests:
+            run = support.fstore("-D", folder, "request", "www", "--san", "www.example.com")
+        else:
+            run = support.fstore("-D", folder, *self.args)
+        assert run.code == 0, run
+        pki.openssl("req", "-verify", "-noout", stdin=run.out)
+        super().verify(folder)
+
+
+class RequestAgain(Generate):
+    """The old request or the new one."""
+
+    args = ("request", "www", "--san", "new.example")
+
+    def prepare(self, folder):
+        run = support.fstore("-D", folder, *Generate.args)
+        assert run.code == 0, run
+
+    def verify(self, folder):
+        super().verify(folder)
+        _, digests = self.listed(folder)
+        assert self.made <= set(digests), digests
 
 
 class Move(Import):
@@ -138,6 +173,15 @@ class Restore(Workload):
 class PkiKillTest(KillTest):
     def test_import(self):
         self.kill_everywhere(Import)
+
+    def test_generate(self):
+        self.kill_everywhere(Generate)
+
+    def test_request(self):
+        self.kill_everywhere(RequestAgain)
+
+    def test_generate_with_faults(self):
+        self.fail_everywhere(Generate)
 
     def test_move(self):
         self.kill_everywhere(Move)

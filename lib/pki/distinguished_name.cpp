@@ -1,0 +1,175 @@
+#include "lib/pki/distinguished_name.h"
+
+#include <algorithm>
+#include <optional>
+#include <ranges>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
+#include <openssl/asn1.h>
+
+#include "lib/base/digits.h"
+#include "lib/base/error.h"
+#include "lib/base/printable.h"
+
+namespace fstore {
+namespace {
+
+struct Entry {
+    std::string type, value;
+    bool beginsPart = false;  // is not added to the part in front of it by "+"
+};
+
+[[noreturn]] void refuse(const std::string& why) {
+    throw Failure(kInvalid,
+                  fmt::format("the subject {}; it is like CN=www.example.com,O=Example", why));
+}
+
+class Reader {
+public:
+    explicit Reader(std::string_view text) : rest_(text) {}
+
+    // The parts in the order of the text.
+    std::vector<Entry> read() {
+        std::vector<Entry> entries;
+        bool beginsPart = true;
+        while (true) {
+            Entry& entry = entries.emplace_back();
+            entry.beginsPart = beginsPart;
+            entry.type = readType();
+            entry.value = readValue();
+            if (rest_.empty()) {
+                return entries;
+            }
+            beginsPart = rest_.front() == ',';
+            rest_.remove_prefix(1);
+        }
+    }
+
+private:
+    std::string readType() {
+        const std::size_t equals = rest_.find('=');
+        std::string_view type = rest_.substr(0, equals);
+        if (equals == std::string_view::npos || type.find_first_of(",+\\") != type.npos) {
+            refuse(fmt::format("has no \"=\" in \"{}\"", printable(clipped(type, kShown))));
+        }
+        rest_.remove_prefix(equals + 1);
+        type.remove_prefix(std::min(type.find_first_not_of(' '), type.size()));
+        return std::string(type.substr(0, type.find_last_not_of(' ') + 1));
+    }
+
+    // Up to the "," or "+" behind it. Blanks around it say nothing unless they are escaped.
+    std::string readValue() {
+        rest_.remove_prefix(std::min(rest_.find_first_not_of(' '), rest_.size()));
+        if (rest_.starts_with('#') || rest_.starts_with('"')) {
+            refuse(fmt::format("has a value that begins with {}, which needs a backslash before it",
+                               rest_.front()));
+        }
+        std::string value;
+        std::size_t kept = 0;  // up to the last character that is no blank
+        while (!rest_.empty() && rest_.front() != ',' && rest_.front() != '+') {
+            const bool isEscaped = rest_.front() == '\\';
+            value += readCharacter();
+            kept = isEscaped || value.back() != ' ' ? value.size() : kept;
+        }
+        value.resize(kept);
+        return value;
+    }
+
+    char readCharacter() {
+        constexpr std::string_view kSpecial = ",+\"\\<>;=# ";
+        const char first = rest_.front();
+        rest_.remove_prefix(1);
+        if (first != '\\') {
+            return first;
+        }
+        if (!rest_.empty() && kSpecial.find(rest_.front()) != kSpecial.npos) {
+            const char escaped = rest_.front();
+            rest_.remove_prefix(1);
+            return escaped;
+        }
+        const auto byte = fromHex(rest_.substr(0, 2));
+        if (!byte || byte->size() != 1) {
+            refuse("has a backslash before what needs none");
+        }
+        rest_.remove_prefix(2);
+        return static_cast<char>(byte->front());
+    }
+
+    static constexpr std::size_t kShown = 40;
+    std::string_view rest_;
+};
+
+// Of "CN", "cn", "commonName" and "2.5.4.3"; null for what is no part of names.
+const ASN1_OBJECT* typeOf(const std::string& text, ossl::Identifier& owner) {
+    std::string capitals = text;
+    std::ranges::transform(capitals, capitals.begin(), [](char c) {
+        return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+    });
+    for (const std::string& name : {text, capitals}) {
+        owner.reset(OBJ_txt2obj(name.c_str(), 0));
+        const int known = owner != nullptr ? OBJ_obj2nid(owner.get()) : NID_undef;
+        const bool isNumbers = !name.empty() && name[0] >= '0' && name[0] <= '9';
+        if (owner != nullptr && (isNumbers || ASN1_STRING_TABLE_get(known) != nullptr)) {
+            return owner.get();
+        }
+    }
+    return nullptr;
+}
+
+void requireText(const Entry& entry) {
+    const auto isControl = [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte < 0x20 || byte == 0x7F;
+    };
+    if (entry.value.empty()) {
+        refuse(fmt::format("has no value for {}", printable(entry.type)));
+    }
+    if (std::ranges::any_of(entry.value, isControl)) {
+        refuse(fmt::format("has a control character in the value of {}", printable(entry.type)));
+    }
+    if (!isUtf8(entry.value)) {
+        refuse(fmt::format("has a value of {} that is not UTF-8", printable(entry.type)));
+    }
+}
+
+void add(X509_NAME* name, const Entry& entry, bool beginsPart) {
+    ossl::Identifier owner;
+    const ASN1_OBJECT* const type = typeOf(entry.type, owner);
+    if (type == nullptr) {
+        refuse(fmt::format("has \"{}\", which is not a part of names", printable(entry.type)));
+    }
+    requireText(entry);
+    constexpr int kAtEnd = -1, kNewPart = 0, kSamePart = -1;
+    if (X509_NAME_add_entry_by_OBJ(
+            name, type, MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(entry.value.data()),
+            static_cast<int>(entry.value.size()), kAtEnd, beginsPart ? kNewPart : kSamePart) != 1) {
+        const char* const reason = ERR_reason_error_string(ERR_peek_last_error());
+        refuse(fmt::format("has a value that {} cannot have: {}", printable(entry.type),
+                           reason != nullptr ? reason : "OpenSSL refuses it"));
+    }
+}
+
+}  // namespace
+
+ossl::Name distinguishedName(std::string_view text) {
+    const ossl::QuietErrors quiet;
+    ossl::Name name(X509_NAME_new());
+    if (name == nullptr) {
+        failWithStatus(kNoMemory, "cannot make a name: out of memory");
+    }
+    if (text.empty()) {
+        return name;
+    }
+    // DER has the parts in the other order; the values of one stay together.
+    bool beginsPart = true;
+    for (const Entry& entry : Reader(text).read() | std::views::reverse) {
+        add(name.get(), entry, beginsPart);
+        beginsPart = entry.beginsPart;
+    }
+    return name;
+}
+
+}  // namespace fstore
