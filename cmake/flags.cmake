@@ -49,6 +49,11 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # The compiler collects its garbage first when it has 400 MB (by itself at 128 MB): most
     # sources are then done, a tenth sooner.
     target_compile_options(build_flags INTERFACE --param=ggc-min-heapsize=400000)
+    if(FILESTORE_UNITY)
+        # A source within a group is taken for a header, whose classes have no business with
+        # unnamed namespaces.
+        target_compile_options(build_flags INTERFACE -Wno-subobject-linkage)
+    endif()
 else()
     target_compile_options(build_flags INTERFACE -Wthread-safety)
 endif()

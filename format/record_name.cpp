@@ -7,7 +7,7 @@
 namespace {
 
 constexpr std::size_t kUniqueLength = 8;
-constexpr std::string_view kDigits = "0123456789abcdef";
+constexpr std::string_view kNameDigits = "0123456789abcdef";
 
 std::string concat(std::string_view first, std::string_view second, std::string_view third) {
     std::string all;
@@ -32,14 +32,14 @@ std::string_view withoutMarker(std::string_view name, std::string_view marker) {
 std::string uniqueName(unsigned int n) {
     std::string name(kUniqueLength, '0');
     for (std::size_t i = name.size(); i-- > 0; n >>= 4) {
-        name[i] = kDigits[n & 15];
+        name[i] = kNameDigits[n & 15];
     }
     return name;
 }
 
 bool isUniqueName(std::string_view name) {
     return name.size() == kUniqueLength &&
-           name.find_first_not_of(kDigits) == std::string_view::npos;
+           name.find_first_not_of(kNameDigits) == std::string_view::npos;
 }
 
 bool isPlainName(std::string_view name) {

@@ -12,7 +12,7 @@
 namespace fstore {
 namespace {
 
-constexpr int kStderr = 2;
+constexpr int kTerminal = 2;
 constexpr auto kPatience = std::chrono::milliseconds(500);
 constexpr auto kPeriod = std::chrono::milliseconds(100);
 constexpr std::uint64_t kBarColumns = 30;
@@ -23,14 +23,14 @@ constexpr std::int64_t kMinute = 60;
 ProgressBar::ProgressBar(std::string what, std::uint64_t steps, bool shown)
     : what_(std::move(what)),
       steps_(std::max<std::uint64_t>(steps, 1)),
-      shown_(shown && os::isTerminal(kStderr)),
+      shown_(shown && os::isTerminal(kTerminal)),
       began_(Clock::now()),
       nextDraw_(began_ + kPatience) {}
 
 ProgressBar::~ProgressBar() {
     if (drawn_) {
         const std::string clear = "\r\033[K";
-        (void)os::writeAll(kStderr, clear.data(), clear.size());  // as in draw()
+        (void)os::writeAll(kTerminal, clear.data(), clear.size());  // as in draw()
     }
 }
 
@@ -61,7 +61,8 @@ void ProgressBar::draw(std::uint64_t done, Clock::time_point at) {
         fmt::format_to(std::back_inserter(line), ", {} s left", seconds);
     }
     fmt::format_to(std::back_inserter(line), "\033[K");
-    (void)os::writeAll(kStderr, line.data(), line.size());  // a bar that cannot be drawn is no loss
+    (void)os::writeAll(kTerminal, line.data(),
+                       line.size());  // a bar that cannot be drawn is no loss
 }
 
 // As if what is left took as long as what is done.

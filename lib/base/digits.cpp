@@ -30,6 +30,13 @@ std::string toHex(std::span<const unsigned char> bytes) {
     return text;
 }
 
+void appendHex(SecretKey& text, std::span<const unsigned char> secret) {
+    for (const unsigned char byte : secret) {
+        text.push_back(static_cast<unsigned char>(kDigits[byte >> 4]));
+        text.push_back(static_cast<unsigned char>(kDigits[byte & 15]));
+    }
+}
+
 std::optional<std::vector<unsigned char>> fromHex(std::string_view text) {
     std::vector<unsigned char> bytes;
     for (std::size_t i = 0; i < text.size(); i += 2) {

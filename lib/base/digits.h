@@ -11,9 +11,14 @@
 #include <string_view>
 #include <vector>
 
+#include "lib/base/secret.h"
+
 namespace fstore {
 
 std::string toHex(std::span<const unsigned char> bytes);  // lower case
+
+// The same digits of a secret, appended in memory that is wiped; there should be room.
+void appendHex(SecretKey& text, std::span<const unsigned char> secret);
 
 // Pairs of digits of either case; none for anything else. ":" between pairs is
 // skipped, as other tools print it.

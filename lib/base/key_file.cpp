@@ -22,15 +22,6 @@ constexpr std::size_t kTextSize = kHead.size() + 2 * kKeyFileSize + 1 + 2 * kChe
 
 using Bytes = std::span<const unsigned char>;
 
-// The digits of the bytes; unlike toHex(), in memory that is wiped.
-void append(SecretKey& text, Bytes bytes) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    for (const unsigned char byte : bytes) {
-        text.push_back(static_cast<unsigned char>(kDigits[byte >> 4]));
-        text.push_back(static_cast<unsigned char>(kDigits[byte & 15]));
-    }
-}
-
 [[noreturn]] void failOther(const std::string& name) {
     throw Failure(kMalformed,
                   fmt::format("{} is not a key file of fstore: those are one line that begins with "
@@ -52,9 +43,9 @@ void append(SecretKey& text, Bytes bytes) {
 SecretText printKeyFile(std::span<const unsigned char, kKeyFileSize> key) {
     SecretKey text(kHead.begin(), kHead.end());
     text.reserve(kTextSize + 1);
-    append(text, key);
+    appendHex(text, key);
     text.push_back(':');
-    append(text, Bytes(sha256(key)).first(kCheckSize));
+    appendHex(text, Bytes(sha256(key)).first(kCheckSize));
     text.push_back('\n');
     return SecretText({reinterpret_cast<const char*>(text.data()), text.size()});
 }

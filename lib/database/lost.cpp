@@ -87,16 +87,12 @@ std::string below(const std::string& folder, std::string_view path) {
     return path.empty() ? folder : joined(folder, std::string(path));
 }
 
-bool isFolder(const std::string& path) {
-    return isA(os::EntryType::kFolder, path);
-}
-
 // Each step of the path below `top` is a folder by then, and none of them a link.
 void makeFolders(const std::string& top, std::string_view path) {
     for (std::size_t end = 0; end < path.size();) {
         end = std::min(path.find('/', end + 1), path.size());
         const std::string folder = below(top, path.substr(0, end));
-        if (isFolder(folder)) {
+        if (isA(os::EntryType::kFolder, folder)) {
             continue;
         }
         if (os::mkdir(folder.c_str(), S_IRWXU) != 0) {
@@ -107,7 +103,7 @@ void makeFolders(const std::string& top, std::string_view path) {
 }
 
 void makeTop() {
-    if (!isFolder(layout::kLost)) {
+    if (!isA(os::EntryType::kFolder, layout::kLost)) {
         if (os::mkdir(layout::kLost, S_IRWXU) != 0) {
             failWithErrno("create the folder", layout::kLost);
         }
@@ -199,7 +195,7 @@ std::optional<LostPlan> readPlan(const std::string& folder) {
 std::string requireLostFolder(const std::string& name) {
     std::string folder = joined(layout::kLost, name);
     if (name.find('/') != std::string::npos || name.starts_with('.') || name.empty() ||
-        !isFolder(layout::kLost) || !isFolder(folder)) {
+        !isA(os::EntryType::kFolder, layout::kLost) || !isA(os::EntryType::kFolder, folder)) {
         throw Failure(
             kMissing,
             fmt::format("there is no {}; `fstore check` lists what repairs moved away", folder),
@@ -315,7 +311,7 @@ std::string describe(const LostFolder& lost) {
 
 std::vector<LostFolder> lostFolders() {
     std::vector<LostFolder> found;
-    if (!isFolder(layout::kLost)) {
+    if (!isA(os::EntryType::kFolder, layout::kLost)) {
         return found;
     }
     for (const FolderEntry& entry : listFolder(layout::kLost)) {

@@ -22,7 +22,7 @@ constexpr std::string_view kLabel = "fstore-unlock-1";
 constexpr std::size_t kKeySize = 32;
 constexpr std::size_t kPSize = 32;
 constexpr std::size_t kTagSize = 16;
-constexpr std::string_view kDigits = "0123456789abcdef";
+constexpr std::string_view kLowerDigits = "0123456789abcdef";
 
 using CipherContext = ossl::Owner<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free>;
 
@@ -65,10 +65,7 @@ const unsigned char* bytesOf(const std::string& text) {
 SecretText digitsOf(std::span<const unsigned char> bytes) {
     SecretKey digits;
     digits.reserve(2 * bytes.size());
-    for (const unsigned char byte : bytes) {
-        digits.push_back(static_cast<unsigned char>(kDigits[byte >> 4]));
-        digits.push_back(static_cast<unsigned char>(kDigits[byte & 15]));
-    }
+    appendHex(digits, bytes);
     return SecretText({reinterpret_cast<const char*>(digits.data()), digits.size()});
 }
 
@@ -78,8 +75,8 @@ SecretKey bytesOfP(const SecretText& p) {
     }
     SecretKey bytes(kPSize);
     for (std::size_t i = 0; i < kPSize; ++i) {
-        bytes[i] = static_cast<unsigned char>(kDigits.find(p.view()[2 * i]) << 4 |
-                                              kDigits.find(p.view()[2 * i + 1]));
+        bytes[i] = static_cast<unsigned char>(kLowerDigits.find(p.view()[2 * i]) << 4 |
+                                              kLowerDigits.find(p.view()[2 * i + 1]));
     }
     return bytes;
 }
@@ -187,7 +184,8 @@ SecretText randomP() {
 }
 
 bool isWrappable(const SecretText& p) {
-    return p.size() == 2 * kPSize && p.view().find_first_not_of(kDigits) == std::string_view::npos;
+    return p.size() == 2 * kPSize &&
+           p.view().find_first_not_of(kLowerDigits) == std::string_view::npos;
 }
 
 bool fits(const SecretText& p, const Digest& key) {

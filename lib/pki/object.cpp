@@ -17,9 +17,9 @@
 namespace fstore {
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+using Octets = std::vector<unsigned char>;
 
-Bytes sha256Of(std::span<const unsigned char> bytes) {
+Octets sha256Of(std::span<const unsigned char> bytes) {
     const Sha256Digest digest = sha256(bytes);
     return {digest.begin(), digest.end()};
 }
@@ -39,7 +39,7 @@ public:
             add(id, std::move(value));
         }
     }
-    void bytes(unsigned int id, Bytes value) {
+    void bytes(unsigned int id, Octets value) {
         object_.described.insert(id);
         if (!value.empty()) {
             add(id, std::move(value));
@@ -49,7 +49,7 @@ public:
         object_.described.insert(id);
         if (value != nullptr) {
             const unsigned char* const data = ASN1_STRING_get0_data(value);
-            bytes(id, Bytes(data, data + ASN1_STRING_length(value)));
+            bytes(id, Octets(data, data + ASN1_STRING_length(value)));
         }
     }
     void names(const GENERAL_NAMES* names) {
@@ -82,7 +82,7 @@ private:
 };
 
 template <auto Encode, class T>
-Bytes digestOf(const T* object) {
+Octets digestOf(const T* object) {
     return sha256Of(ossl::encoded<Encode>(object));
 }
 

@@ -18,7 +18,7 @@
 namespace fstore {
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+using Octets = std::vector<unsigned char>;
 
 constexpr std::array kObjectKinds = {Kind::kCertificate, Kind::kCrl, Kind::kKey, Kind::kRequest};
 
@@ -34,7 +34,7 @@ std::span<const unsigned char> bytesOf(const PkiAttribute& attribute) {
     if (const auto* const text = std::get_if<std::string>(&attribute.value)) {
         return {reinterpret_cast<const unsigned char*>(text->data()), text->size()};
     }
-    return std::get<Bytes>(attribute.value);
+    return std::get<Octets>(attribute.value);
 }
 
 void add(Record& record, const PkiAttribute& attribute, bool encrypt) {
@@ -42,7 +42,7 @@ void add(Record& record, const PkiAttribute& attribute, bool encrypt) {
         if (!encrypt) {  // a number cannot be kept encrypted, and this one can be derived
             record.setNumber(attribute.id, *number);
         }
-    } else if (encrypt || std::holds_alternative<Bytes>(attribute.value)) {
+    } else if (encrypt || std::holds_alternative<Octets>(attribute.value)) {
         record.addBinary(attribute.id, bytesOf(attribute), encrypt);
     } else {
         record.addText(attribute.id, std::get<std::string>(attribute.value));

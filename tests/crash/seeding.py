@@ -58,6 +58,9 @@ class Build:
         self.folder = pathlib.Path(folder).resolve()
         with open(self.folder / "compile_commands.json", encoding="utf-8") as file:
             self.compiles = {entry["file"]: entry for entry in json.load(file)}
+        # A source is compiled by itself or in a group, which includes it.
+        self.groups = {source: entry for name, entry in self.compiles.items() if "/Unity/" in name
+                       for source in re.findall(r'#include "([^"]+)"', pathlib.Path(name).read_text("utf-8"))}
         self.links = {}
         self.sound = set()
 
@@ -72,9 +75,15 @@ class Build:
         """Compiles the faulty source; returns the folder, and the object's name in both."""
         folder = self.folder / "seeded" / bug.name
         folder.mkdir(parents=True, exist_ok=True)
-        source = folder / pathlib.Path(bug.file).name
-        source.write_text(with_bug(bug), encoding="utf-8")
-        entry = self.compiles[str(PROJECT / bug.file)]
+        source = faulty = folder / pathlib.Path(bug.file).name
+        faulty.write_text(with_bug(bug), encoding="utf-8")
+        sound = str(PROJECT / bug.file)
+        entry = self.compiles.get(sound)
+        if entry is None:
+            entry = self.groups[sound]
+            group = pathlib.Path(entry["file"]).read_text(encoding="utf-8")
+            source = folder / pathlib.Path(entry["file"]).name
+            source.write_text(group.replace(f'"{sound}"', f'"{faulty}"'), encoding="utf-8")
         before = re.search(r" -o (\S+)", entry["command"]).group(1)
         after = str(folder / (source.name + ".o"))
         command = entry["command"].replace(" -o " + before, " -o " + after)
