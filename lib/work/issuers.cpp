@@ -8,9 +8,47 @@
 #include "lib/base/error.h"
 #include "lib/pki/revocation.h"
 #include "lib/records/record.h"
+#include "lib/work/find.h"
 #include "lib/work/object_record.h"
 
 namespace fstore {
+namespace {
+
+// Whether what is looked at is kept encrypted, and was not decrypted.
+bool isHidden(const RecordInfo& info) {
+    switch (info.kind) {
+        case Kind::kCertificate:
+            return info.bodyEncrypted && (!info.notAfter || info.keySha256.empty());
+        case Kind::kKey:
+            return info.bodyEncrypted && info.keySha256.empty();
+        case Kind::kCrl:
+            return info.bodyEncrypted && info.issuer.empty();
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+Listing listWithSecrets(Database& database) {
+    FindRules rules;
+    Listing listing = findRecords(database, rules);
+    if (std::ranges::any_of(listing.records, isHidden)) {
+        database.needSecrets();
+        rules.secrets = true;
+        listing = findRecords(database, rules);
+    }
+    return listing;
+}
+
+std::vector<Failure> unreadOf(const Listing& listing) {
+    std::vector<Failure> failures;
+    for (const auto& [address, failure] : listing.damaged) {
+        failures.push_back(failure);
+    }
+    failures.insert(failures.end(), listing.unread.begin(), listing.unread.end());
+    return failures;
+}
 
 std::string folded(std::string_view name) {
     std::string text;
@@ -20,6 +58,27 @@ std::string folded(std::string_view name) {
         }
     }
     return text;
+}
+
+std::vector<RecordInfo> possibleIssuers(const RecordInfo& certificate,
+                                        const std::vector<RecordInfo>& records) {
+    std::vector<RecordInfo> found;
+    std::vector<std::string> wanted = {folded(certificate.issuer)}, seen;
+    while (!wanted.empty()) {
+        const std::string name = std::move(wanted.back());
+        wanted.pop_back();
+        if (std::ranges::find(seen, name) != seen.end()) {
+            continue;
+        }
+        seen.push_back(name);
+        for (const RecordInfo& info : records) {
+            if (info.kind == Kind::kCertificate && folded(info.subject) == name) {
+                found.push_back(info);
+                wanted.push_back(folded(info.issuer));
+            }
+        }
+    }
+    return found;
 }
 
 bool Revocations::revoke(const RecordInfo& certificate) {

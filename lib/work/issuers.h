@@ -15,11 +15,24 @@
 #include "lib/database/database.h"
 #include "lib/pki/chain.h"
 #include "lib/records/record_info.h"
+#include "lib/work/find.h"
 
 namespace fstore {
 
+// All records, decrypted where certificates, keys or CRLs do not show otherwise what they are. Asks
+// for secrets then.
+Listing listWithSecrets(Database& database);
+
+// What of it could not be read.
+std::vector<Failure> unreadOf(const Listing& listing);
+
 // A name for comparison: names that differ in nothing but capitals and blanks may be the same one.
 std::string folded(std::string_view name);
+
+// Of these records the certificates that may have issued it, directly or not, by their names: so
+// few of a large database are read.
+std::vector<RecordInfo> possibleIssuers(const RecordInfo& certificate,
+                                        const std::vector<RecordInfo>& records);
 
 // What the CRLs in the database revoke (lib/pki/revocation.h).
 class Revocations {

@@ -54,41 +54,6 @@ Cover coverOf(const RecordInfo& certificate, std::string_view host) {
     return best;
 }
 
-// Whether what selection looks at is kept encrypted, and was not decrypted.
-bool isHidden(const RecordInfo& info) {
-    switch (info.kind) {
-        case Kind::kCertificate:
-            return info.bodyEncrypted && (!info.notAfter || info.keySha256.empty());
-        case Kind::kKey:
-            return info.bodyEncrypted && info.keySha256.empty();
-        case Kind::kCrl:
-            return info.bodyEncrypted && info.issuer.empty();
-        default:
-            return false;
-    }
-}
-
-// All records, decrypted where the answer could be another one otherwise.
-Listing readAll(Database& database) {
-    FindRules rules;
-    Listing listing = findRecords(database, rules);
-    if (std::ranges::any_of(listing.records, isHidden)) {
-        database.needSecrets();
-        rules.secrets = true;
-        listing = findRecords(database, rules);
-    }
-    return listing;
-}
-
-std::vector<Failure> unreadOf(const Listing& listing) {
-    std::vector<Failure> failures;
-    for (const auto& [address, failure] : listing.damaged) {
-        failures.push_back(failure);
-    }
-    failures.insert(failures.end(), listing.unread.begin(), listing.unread.end());
-    return failures;
-}
-
 // Whether `a` comes before `b` in the order that the header says; the address decides between
 // copies of one certificate.
 bool isBefore(const RecordInfo& a, const RecordInfo& b, std::string_view host) {
@@ -152,27 +117,6 @@ struct Lacks {
     throw Failure(kMissing, what + (why.empty() ? " in the database" : " can be used" + why));
 }
 
-// The records that may have issued it, directly or not: so few of a large database are read.
-Infos possibleIssuers(const RecordInfo& certificate, const Infos& records) {
-    Infos found;
-    std::vector<std::string> wanted = {folded(certificate.issuer)}, seen;
-    while (!wanted.empty()) {
-        const std::string name = std::move(wanted.back());
-        wanted.pop_back();
-        if (std::ranges::find(seen, name) != seen.end()) {
-            continue;
-        }
-        seen.push_back(name);
-        for (const RecordInfo& info : records) {
-            if (info.kind == Kind::kCertificate && folded(info.subject) == name) {
-                found.push_back(info);
-                wanted.push_back(folded(info.issuer));
-            }
-        }
-    }
-    return found;
-}
-
 void addIssuers(Selected& selected, const Infos& records, Revocations& revocations,
                 Database& database) {
     Infos infos;
@@ -219,7 +163,7 @@ Meaning pathMeaning(Database& database, const std::string& path) {
 }  // namespace
 
 Selected select(Database& database, const Selector& selector) {
-    const Listing listing = readAll(database);
+    const Listing listing = listWithSecrets(database);
     const Infos& records = listing.records;
     const std::int64_t time = now();
     Lacks lacks;

@@ -1,0 +1,140 @@
+// fstore verify: whether certificates hold, and why not.
+#include "lib/work/verify.h"
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "fstore/commands/commands.h"
+#include "fstore/commands/common_options.h"
+#include "fstore/commands/record_json.h"
+#include "lib/base/time.h"
+
+namespace fstore {
+namespace {
+
+struct Options {
+    std::vector<std::string> addresses;
+    bool all = false;
+    std::optional<std::string> time;
+    VerifyRules rules;
+};
+
+// A time, or a day, which begins at midnight.
+std::int64_t timeOf(const std::string& text) {
+    auto time = parseTime(text);
+    if (!time) {
+        time = parseTime(text + "T00:00:00Z");
+    }
+    if (!time) {
+        throw Failure(kUsage, fmt::format("\"{}\" is not a time: that is like 2030-01-31 or "
+                                          "2030-01-31T23:59:59Z",
+                                          text));
+    }
+    return *time;
+}
+
+void refuseOptions(const Options& options) {
+    if (options.all == !options.addresses.empty()) {
+        throw Failure(kUsage, "name certificates by ADDRESS, or take all with --all");
+    }
+}
+
+std::string goodText(const Verified& verified) {
+    const std::string& root =
+        verified.issuers.empty() ? verified.info.subject : verified.issuers.back().subject;
+    return fmt::format("good until {}, by {}", verified.until ? printTime(*verified.until) : "?",
+                       verified.issuers.empty() ? "itself" : root);
+}
+
+void print(const Verification& verification, Output& output) {
+    for (const Verified& verified : verification.certificates) {
+        const bool isGood = verified.why.empty();
+        output.line(verified.info.address.print(), isGood ? Style::kPlain : Style::kRed,
+                    ": " + (isGood ? goodText(verified) : verified.why));
+    }
+}
+
+Json toJson(const Verified& verified) {
+    Json issuers = Json::array();
+    for (const RecordInfo& issuer : verified.issuers) {
+        issuers.push_back(jsonText(issuer.address.print()));
+    }
+    Json json = toJson(verified.info);
+    json["good"] = verified.why.empty();
+    if (!verified.why.empty()) {
+        json["reason"] = jsonText(verified.why);
+    }
+    if (verified.until) {
+        json["until"] = printTime(*verified.until);
+    }
+    json["issuers"] = std::move(issuers);
+    return json;
+}
+
+Json toDocument(const Verification& verification) {
+    Json records = Json::array();
+    for (const Verified& verified : verification.certificates) {
+        records.push_back(toJson(verified));
+    }
+    Json unread = Json::array();
+    for (const Failure& failure : verification.leftOut) {
+        unread.push_back({{"path", jsonText(failure.path())}, {"error", errorToJson(failure)}});
+    }
+    return {{"records", std::move(records)}, {"unread", std::move(unread)}};
+}
+
+Status statusOf(const Verification& verification) {
+    const bool isGood = std::ranges::all_of(
+        verification.certificates, [](const Verified& verified) { return verified.why.empty(); });
+    if (!isGood) {
+        return kFound;
+    }
+    return verification.leftOut.empty() ? kOk : kPartial;
+}
+
+Status run(const Options& options, Context& context) {
+    refuseOptions(options);
+    VerifyRules rules = options.rules;
+    if (options.time) {
+        rules.time = timeOf(*options.time);
+    }
+    const Verification verification = withSecrets(context.database, Access::kRead, [&] {
+        return verifyCertificates(context.database, options.addresses, rules);
+    });
+    for (const Failure& failure : verification.leftOut) {
+        context.output.warn(fmt::format("left out: {}", failure.what()));
+    }
+    print(verification, context.output);
+    context.output.document(toDocument(verification));
+    return statusOf(verification);
+}
+
+}  // namespace
+
+void addVerify(Cli& cli) {
+    using Purpose = VerifyRules::Purpose;
+    const auto options = std::make_shared<Options>();
+    Command& command = cli.add("verify", "Verify certificates with their issuers and CRLs",
+                               [options](Context& context) { return run(*options, context); });
+    command.argument("ADDRESS", &options->addresses, "FOLDER/NAME, a unique NAME, or sha256:PREFIX")
+        .required = false;
+    command.flag("--all", &options->all, "All certificates of the database");
+    command.flag("--crl", &options->rules.needsCrls,
+                 "Fail also without a CRL in force of each issuer");
+    command.option("--at", "TIME", &options->time,
+                   "At this time instead of now: 2030-01-31, 2030-01-31T23:59:59Z");
+    command.option("--purpose", "PURPOSE",
+                   Choice(&options->rules.purpose, {{"any", Purpose::kAny},
+                                                    {"server", Purpose::kServer},
+                                                    {"client", Purpose::kClient},
+                                                    {"email", Purpose::kEmail},
+                                                    {"timestamp", Purpose::kTimestamp}}),
+                   "server, client, email, timestamp, or any");
+}
+
+}  // namespace fstore

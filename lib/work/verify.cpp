@@ -1,0 +1,139 @@
+#include "lib/work/verify.h"
+
+#include <algorithm>
+#include <iterator>
+#include <set>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "lib/records/catalogue.h"
+#include "lib/records/record.h"
+#include "lib/work/issuers.h"
+#include "lib/work/object_record.h"
+
+namespace fstore {
+namespace {
+
+using Infos = std::vector<RecordInfo>;
+
+// A name alone is that of a certificate, if one alone has it: its key and request have it, too.
+Address resolveCertificate(const std::string& text, const Infos& certificates) {
+    const AddressText meant = parseAddress(text);
+    if (meant.form == AddressText::Form::kBare) {
+        const auto isCalled = [&](const RecordInfo& info) {
+            return info.address.name == meant.place.name;
+        };
+        if (std::ranges::count_if(certificates, isCalled) == 1) {
+            return std::ranges::find_if(certificates, isCalled)->address;
+        }
+    }
+    return resolve(text);
+}
+
+Infos meantBy(const std::vector<std::string>& texts, const Infos& certificates) {
+    if (texts.empty()) {
+        return certificates;
+    }
+    Infos meant;
+    for (const std::string& text : texts) {
+        const Address address = resolveCertificate(text, certificates);
+        const auto found = std::ranges::find(certificates, address, &RecordInfo::address);
+        if (found == certificates.end()) {
+            throw Failure(
+                kInvalid,
+                fmt::format("{} is not a certificate, or cannot be read as one", address.print()),
+                address.print());
+        }
+        meant.push_back(*found);
+    }
+    return meant;
+}
+
+Infos kindOf(Kind kind, const Infos& records) {
+    Infos found;
+    std::ranges::copy_if(records, std::back_inserter(found),
+                         [kind](const RecordInfo& info) { return info.kind == kind; });
+    return found;
+}
+
+// What the verification of these needs to see, each once.
+Infos issuersOf(const Infos& meant, const Infos& certificates) {
+    if (meant.size() == certificates.size()) {
+        return certificates;
+    }
+    std::set<Address> seen;
+    Infos all;
+    for (const RecordInfo& info : meant) {
+        Infos more = possibleIssuers(info, certificates);
+        more.push_back(info);  // a root is its own
+        for (RecordInfo& issuer : more) {
+            if (seen.insert(issuer.address).second) {
+                all.push_back(std::move(issuer));
+            }
+        }
+    }
+    return all;
+}
+
+Infos crlsOf(const Infos& certificates, const Infos& records) {
+    std::set<std::string> issuers;
+    for (const RecordInfo& info : certificates) {
+        issuers.insert(folded(info.issuer));
+    }
+    Infos crls = kindOf(Kind::kCrl, records);
+    std::erase_if(crls,
+                  [&](const RecordInfo& crl) { return !issuers.contains(folded(crl.issuer)); });
+    return crls;
+}
+
+// The bodies of the records that can be read; the others leave `infos`.
+std::vector<SecretBytes> bodiesOf(Database& database, Infos& infos, std::vector<Failure>& leftOut) {
+    std::vector<SecretBytes> bodies;
+    Infos readable;
+    for (RecordInfo& info : infos) {
+        try {
+            const Record record = readObject(database, info.address);
+            bodies.emplace_back(record.body().begin(), record.body().end());
+            readable.push_back(std::move(info));
+        } catch (const Failure& failure) {
+            leftOut.push_back(failure);
+        }
+    }
+    infos = std::move(readable);
+    return bodies;
+}
+
+}  // namespace
+
+Verification verifyCertificates(Database& database, const std::vector<std::string>& texts,
+                                const VerifyRules& rules) {
+    const Listing listing = listWithSecrets(database);
+    const Infos certificates = kindOf(Kind::kCertificate, listing.records);
+    const Infos meant = meantBy(texts, certificates);
+    Verification verification;
+    verification.leftOut = unreadOf(listing);
+    Infos issuers = issuersOf(meant, certificates);
+    Infos crls = crlsOf(issuers, listing.records);
+    const std::vector<SecretBytes> ders = bodiesOf(database, issuers, verification.leftOut);
+    const std::vector<SecretBytes> crlDers = bodiesOf(database, crls, verification.leftOut);
+    const ChainVerifier verifier(ders, crlDers, rules);
+    for (const RecordInfo& info : meant) {
+        const auto found = std::ranges::find(issuers, info.address, &RecordInfo::address);
+        Verified& verified = verification.certificates.emplace_back();
+        verified.info = info;
+        if (found == issuers.end()) {
+            verified.why = "its record is damaged or cannot be read";
+            continue;
+        }
+        Verdict verdict = verifier.verify(ders[static_cast<std::size_t>(found - issuers.begin())]);
+        verified.why = std::move(verdict.why);
+        verified.until = verdict.until;
+        for (const std::size_t issuer : verdict.chain) {
+            verified.issuers.push_back(issuers[issuer]);
+        }
+    }
+    return verification;
+}
+
+}  // namespace fstore

@@ -1,0 +1,76 @@
+"""A small certificate authority, made with openssl."""
+
+import datetime
+
+from pki import openssl
+
+CONFIG = """
+[ca]
+default_ca = here
+[here]
+dir = {folder}
+database = {folder}/index.txt
+serial = {folder}/serial
+crlnumber = {folder}/crlnumber
+new_certs_dir = {folder}
+default_md = sha256
+policy = any
+unique_subject = no
+copy_extensions = copyall
+default_crl_days = 30
+[any]
+commonName = optional
+organizationName = optional
+[leaf]
+authorityKeyIdentifier = keyid
+subjectKeyIdentifier = hash
+[issuer]
+basicConstraints = critical,CA:TRUE
+keyUsage = critical,keyCertSign,cRLSign
+subjectKeyIdentifier = hash
+"""
+
+
+def day(days):
+    """So many days from now, as openssl takes it."""
+    time = datetime.datetime.now(datetime.timezone.utc) + datetime.timedelta(days=days)
+    return time.strftime("%Y%m%d%H%M%SZ")
+
+
+class Authority:
+    """Signs requests and lists, in a folder of its own."""
+
+    def __init__(self, folder, name, issuer=None, begin=-100, end=1000):
+        self.folder = folder / name
+        self.folder.mkdir()
+        self.certificate = self.folder / "ca.pem"
+        for file, text in (("index.txt", ""), ("index.txt.attr", "unique_subject = no\n"),
+                           ("serial", "1000\n"), ("crlnumber", "01\n"),
+                           ("ca.cnf", CONFIG.format(folder=self.folder))):
+            (self.folder / file).write_text(text)
+        openssl("genpkey", "-algorithm", "ed25519", "-out", self.folder / "ca.key")
+        request = openssl("req", "-new", "-key", self.folder / "ca.key", "-subj", f"/CN={name}")
+        self.certificate.write_bytes((issuer or self).sign(
+            request, begin, end, "issuer", () if issuer else ("-selfsign",)))
+
+    def ca(self, *args, stdin=b""):
+        return openssl("ca", "-batch", "-notext", "-config", self.folder / "ca.cnf",
+                       "-keyfile", self.folder / "ca.key", *args, stdin=stdin)
+
+    def sign(self, request, begin=-10, end=90, kind="leaf", options=()):
+        """The certificate of a request, in PEM; its life in days from now."""
+        path = self.folder / "request.pem"
+        path.write_bytes(request)
+        own = () if "-selfsign" in options else ("-cert", self.certificate)
+        return self.ca("-in", path, "-startdate", day(begin), "-enddate", day(end),
+                       "-extensions", kind, *own, *options)
+
+    def revoke(self, certificate):
+        path = self.folder / "revoked.pem"
+        path.write_bytes(certificate)
+        self.ca("-cert", self.certificate, "-revoke", path)
+
+    def crl(self, begin=-1, end=30):
+        """The list of what was revoked."""
+        return self.ca("-cert", self.certificate, "-gencrl", "-crl_lastupdate", day(begin),
+                       "-crl_nextupdate", day(end))
