@@ -69,14 +69,41 @@ private:
     CMN_Reference* object_;
 };
 
+// Enters a mutex for a scope if that needs no waiting.
+class Tried {
+public:
+    explicit Tried(CMN_RecursiveMutex& mutex) CMN_NO_TSA
+        : entered_(mutex.tryenter() ? &mutex : nullptr) {}
+    Tried(const Tried&) = delete;
+    Tried& operator=(const Tried&) = delete;
+    ~Tried() CMN_NO_TSA {
+        if (entered_ != nullptr) {
+            entered_->exit();
+        }
+    }
+
+    bool isEntered() const noexcept { return entered_ != nullptr; }
+
+private:
+    CMN_RecursiveMutex* entered_;
+};
+
 }  // namespace
 
-// Under the registry's lock up to the end: an object that is counted and not yet listed would
-// look as if nobody outside held it, and its module be unloaded under the thread in between.
+// Counted and listed under the registry's lock: an object that is counted and not yet listed would
+// look as if nobody outside held it, and its module be unloaded under the thread in between. Only
+// when the list is in use it is waited for without that lock, which its user may want.
 void CMN_GuardedRef::addReference(CMN_GRPHolder* holder) {
     Claim claim(*this);
-    const CMN_Entered registryWaits(countLock());
-    changeCount(1);
+    {
+        const CMN_Entered registryWaits(countLock());
+        changeCount(1);
+        if (const Tried list(holderMutex); list.isEntered()) {
+            holders.push_front(holder);
+            claim.keep();
+            return;
+        }
+    }
     const CMN_Entered entered(holderMutex);
     holders.push_front(holder);
     claim.keep();
@@ -109,26 +136,47 @@ void CMN_GuardedRef::renewReference(CMN_GRPHolder* holder) {
     addReference(holder);
 }
 
-// As addReference(), under the registry's lock, but for the end of the object: from then on it has
-// no reference, which walks wait for.
+// As addReference(), but for the end of the object: from then on it has no reference, which walks
+// wait for.
 int CMN_GuardedRef::remReference(CMN_GRPHolder* holder) {
+    bool isCounted = false;
     int left = 0;
     {
         const CMN_Entered registryWaits(countLock());
-        {
-            const CMN_Entered entered(holderMutex);
-            sitem<CMN_GRPHolder>* const node = listed(holder);
-            if (node == nullptr) {
+        if (const Tried list(holderMutex); list.isEntered()) {
+            if (!takeOff(holder)) {
                 return references();
             }
-            unlist(node);
+            isCounted = true;
+            left = changeCount(-1);
         }
-        left = changeCount(-1);
+    }
+    if (!isCounted) {
+        return remReferenceInTurn(holder);
     }
     if (left == 0) {
         delete this;
     }
     return left;
+}
+
+int CMN_GuardedRef::remReferenceInTurn(CMN_GRPHolder* holder) {
+    {
+        const CMN_Entered entered(holderMutex);
+        if (!takeOff(holder)) {
+            return references();
+        }
+    }
+    return CMN_Reference::remReference();
+}
+
+// Takes the newest reference by `holder` off the list, if there is one.
+bool CMN_GuardedRef::takeOff(const CMN_GRPHolder* holder) {
+    sitem<CMN_GRPHolder>* const node = listed(holder);
+    if (node != nullptr) {
+        unlist(node);
+    }
+    return node != nullptr;
 }
 
 // The newest node that holds `holder`, or null. Most lists are short, and most of those

@@ -121,7 +121,7 @@ public:
     CMN_HIDDEN void renewReference(CMN_GRPHolder* holder);
 
     // Redirects to this object, oldest first, all holders of the object whose list
-    // this is. The caller holds that object's holder lock and, before it, its registry's.
+    // this is. The caller holds that object's holder lock.
     void updateHolders(HolderList& list) { redirectHolders(this, list); }
 
     // As updateHolders() of `to`; a null `to` detaches the holders. `spared`, which
@@ -138,6 +138,8 @@ protected:
 private:
     friend class CMN_ObjectManager;  // for the two links, and for holders that do not let go
 
+    CMN_HIDDEN int remReferenceInTurn(CMN_GRPHolder* holder);
+    CMN_HIDDEN bool takeOff(const CMN_GRPHolder* holder);
     CMN_HIDDEN sitem<CMN_GRPHolder>* listed(const CMN_GRPHolder* holder);
     CMN_HIDDEN void unlist(sitem<CMN_GRPHolder>* node);
 

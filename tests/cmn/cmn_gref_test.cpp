@@ -1,5 +1,6 @@
 #include "cmn/cmn_gref.h"
 
+#include <atomic>
 #include <memory>
 #include <thread>
 #include <type_traits>
@@ -357,41 +358,55 @@ TEST_F(GuardedRefTest, HolderListIsLockedAgainstOtherThreadsOnly) {
     EXPECT_THAT(holdersOf(object), ElementsAre(&others, &own));
 }
 
-// Who asks the registry whether an object is held sees the count and the list as one.
-TEST_F(GuardedRefTest, RegistryWaitsForWhoIsCountedAndNotYetListed) {
+// A host that asks who holds an object must not meet it between count and list.
+TEST_F(GuardedRefTest, CountAndListAgreeForWhoHasTheRegistry) {
+    constexpr int kLooks = 20'000;
+    TestObject object;
+    TestHolder own(kOwn);
+    object.addReference(&own);
+    std::atomic<bool> stop{false};
+    std::thread other([&] {
+        TestHolder others(kOther);
+        while (!stop) {
+            object.addReference(&others);
+            object.remReference(&others);
+        }
+    });
+    int differing = 0;
+    int shared = 0;
+    for (int i = 0; i < kLooks || shared == 0; ++i) {
+        const CMN_Entered registry(CMN_Reference::RefMutex);
+        const auto listed = static_cast<int>(holdersOf(object).size());
+        differing += listed == object.references() ? 0 : 1;
+        shared += listed == 2 ? 1 : 0;
+    }
+    stop = true;
+    other.join();
+    EXPECT_EQ(0, differing);
+    EXPECT_EQ(1, object.references());
+}
+
+// Whoever has a holder list may want the registry next: nobody waits for the list with it.
+TEST_F(GuardedRefTest, ListInUseIsWaitedForWithoutTheRegistry) {
     TestObject object;
     TestHolder own(kOwn);
     TestHolder others(kOther);
     object.addReference(&own);
     object.lockHolderList();
-    std::thread other([&] {
-        object.addReference(&others);
-        object.remReference(&others);
-    });
+    std::thread adding([&] { object.addReference(&others); });
     while (object.references() != 2) {
         waitShortly();
     }
-    EXPECT_FALSE(isFree(CMN_Reference::RefMutex));
-    object.unlockHolderList();
-    other.join();
-    EXPECT_TRUE(isFree(CMN_Reference::RefMutex));
-}
-
-TEST_F(GuardedRefTest, RegistryWaitsForWhoHasLeftTheListAndIsStillCounted) {
-    TestObject object;
-    TestHolder own(kOwn);
-    TestHolder others(kOther);
     object.addReference(&own);
-    object.addReference(&others);
-    object.lockHolderList();
-    std::thread other([&] { object.remReference(&others); });
-    while (isFree(CMN_Reference::RefMutex)) {
-        waitShortly();
-    }
-    EXPECT_EQ(2, object.references());
     object.unlockHolderList();
-    other.join();
+    adding.join();
+    object.lockHolderList();
+    std::thread leaving([&] { object.remReference(&others); });
+    EXPECT_EQ(2, object.remReference(&own));
+    object.unlockHolderList();
+    leaving.join();
     EXPECT_EQ(1, object.references());
+    EXPECT_THAT(holdersOf(object), ElementsAre(&own));
 }
 
 TEST_F(GuardedRefTest, UpdateHoldersRedirectsOldestFirst) {
