@@ -25,6 +25,7 @@ namespace os {
 [[nodiscard]] int open(const char* path, int flags, mode_t mode) noexcept;
 [[nodiscard]] int close(int fd) noexcept;
 [[nodiscard]] ssize_t read(int fd, void* data, std::size_t size) noexcept;
+[[nodiscard]] ssize_t pread(int fd, void* data, std::size_t size, off_t at) noexcept;
 [[nodiscard]] ssize_t write(int fd, const void* data, std::size_t size) noexcept;
 [[nodiscard]] ssize_t pwrite(int fd, const void* data, std::size_t size, off_t at) noexcept;
 [[nodiscard]] int fstat(int fd, struct stat* status) noexcept;

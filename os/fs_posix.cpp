@@ -21,6 +21,10 @@ ssize_t os::read(int fd, void* data, std::size_t size) noexcept {
     return ::read(fd, data, size);
 }
 
+ssize_t os::pread(int fd, void* data, std::size_t size, off_t at) noexcept {
+    return ::pread(fd, data, size, at);
+}
+
 ssize_t os::write(int fd, const void* data, std::size_t size) noexcept {
     return ::write(fd, data, size);
 }

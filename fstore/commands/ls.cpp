@@ -38,86 +38,125 @@ Cell expiryCell(const RecordInfo& info, std::int64_t at) {
     return {day};
 }
 
-void print(const Listing& listing, Output& output) {
-    Table table({{"ADDRESS", false},
-                 {"KIND", false},
-                 {"EXPIRES", false},
-                 {"KEY", false},
-                 {"SUBJECT", true},
-                 {"LABEL", true}});
-    const std::int64_t at = now();
-    for (const RecordInfo& info : listing.records) {
-        const bool secret = info.bodyEncrypted;
-        table.add({{info.address.print()},
-                   {nameOf(info.kind) + std::string(secret ? ", encrypted" : ""), Style::kDim},
-                   expiryCell(info, at),
-                   {info.keyAlgorithm},
-                   {info.subject},
-                   {info.label}});
-    }
-    for (const auto& [address, failure] : listing.damaged) {
-        const Cell what =
-            failure.isDenied() ? Cell{"unreadable", Style::kYellow} : Cell{"damaged", Style::kRed};
-        table.add({{address.print()}, what, {}, {}, {}, {}});
-    }
-    if (!table.empty()) {
-        output.table(table);
-    }
-    for (const auto& [address, failure] : listing.damaged) {
-        output.warn(failure.what());
-    }
-    for (const Failure& failure : listing.unread) {
-        output.warn(failure.what());
-    }
-}
+// The rows of the records come in their order, before those of the damaged ones.
+constexpr char kRecords = '0';
+constexpr char kDamaged = '1';
 
-Json toDocument(const Listing& listing) {
-    Json records = Json::array();
-    for (const RecordInfo& info : listing.records) {
-        records.push_back(toJson(info));
+// What is printed of the records, row by row.
+class Rows {
+public:
+    virtual ~Rows() = default;
+    virtual void add(const RecordInfo& info) = 0;
+    virtual void print(const Missed& missed, Output& output) = 0;
+};
+
+class TextRows : public Rows {
+public:
+    explicit TextRows(FindRules::Order order) : order_(order) {}
+
+    void add(const RecordInfo& info) override {
+        const bool secret = info.bodyEncrypted;
+        table_.add({{info.address.print()},
+                    {nameOf(info.kind) + std::string(secret ? ", encrypted" : ""), Style::kDim},
+                    expiryCell(info, at_),
+                    {info.keyAlgorithm},
+                    {info.subject},
+                    {info.label}},
+                   kRecords + orderKey(info, order_));
     }
-    for (const auto& [address, failure] : listing.damaged) {
-        records.push_back(failureToJson(address.print(), failure));
+
+    void print(const Missed& missed, Output& output) override {
+        for (const auto& [address, failure] : missed.damaged) {
+            const Cell what = failure.isDenied() ? Cell{"unreadable", Style::kYellow}
+                                                 : Cell{"damaged", Style::kRed};
+            table_.add({{address.print()}, what, {}, {}, {}, {}}, std::string(1, kDamaged));
+        }
+        if (!table_.empty()) {
+            output.table(table_);
+        }
+        for (const auto& [address, failure] : missed.damaged) {
+            output.warn(failure.what());
+        }
+        for (const Failure& failure : missed.unread) {
+            output.warn(failure.what());
+        }
     }
-    Json undated = Json::array();
-    for (const Address& address : listing.undated) {
-        undated.push_back(jsonText(address.print()));
+
+private:
+    const FindRules::Order order_;
+    const std::int64_t at_ = now();
+    Table table_{{{"ADDRESS", false},
+                  {"KIND", false},
+                  {"EXPIRES", false},
+                  {"KEY", false},
+                  {"SUBJECT", true},
+                  {"LABEL", true}}};
+};
+
+class JsonRows : public Rows {
+public:
+    explicit JsonRows(FindRules::Order order) : order_(order) {}
+
+    void add(const RecordInfo& info) override {
+        texts_.add(kRecords + orderKey(info, order_), toJson(info).print(Json::kLevelOfElements));
     }
-    Json unread = Json::array();
-    for (const Failure& failure : listing.unread) {
-        unread.push_back({{"path", jsonText(failure.path())}, {"error", errorToJson(failure)}});
+
+    void print(const Missed& missed, Output& output) override {
+        for (const auto& [address, failure] : missed.damaged) {
+            texts_.add(std::string(1, kDamaged),
+                       failureToJson(address.print(), failure).print(Json::kLevelOfElements));
+        }
+        Json undated = Json::array();
+        for (const Address& address : missed.undated) {
+            undated.push_back(jsonText(address.print()));
+        }
+        Json unread = Json::array();
+        for (const Failure& failure : missed.unread) {
+            unread.push_back({{"path", jsonText(failure.path())}, {"error", errorToJson(failure)}});
+        }
+        output.document(
+            {{"records", Json()}, {"undated", std::move(undated)}, {"unread", std::move(unread)}},
+            {"records", [this](const Json::TextUser& each) { texts_.visit(each); }});
     }
-    return {{"records", std::move(records)},
-            {"undated", std::move(undated)},
-            {"unread", std::move(unread)}};
-}
+
+private:
+    const FindRules::Order order_;
+    SortedTexts texts_;
+};
 
 // An alarm that could not look rings.
-Status statusOf(const Listing& listing, bool failOnMatch) {
-    const bool isEmpty = listing.records.empty() && listing.undated.empty() && listing.isComplete();
-    if ((failOnMatch && !isEmpty) || listing.hasDamage()) {
+Status statusOf(bool isListed, const Missed& missed, bool failOnMatch) {
+    const bool isEmpty = !isListed && missed.undated.empty() && missed.isComplete();
+    if ((failOnMatch && !isEmpty) || missed.hasDamage()) {
         return kFound;
     }
-    return listing.isComplete() ? kOk : kPartial;
+    return missed.isComplete() ? kOk : kPartial;
 }
 
 Status run(const Options& options, Context& context) {
     (void)Filter(options.rules.filters,
                  now());  // what cannot be read is told before anything is asked
     const Hold hold = context.database.enter(Access::kRead, needFor(options.rules.secrets));
-    const Listing listing = findRecords(context.database, options.rules);
+    const FindRules::Order order = options.rules.order;
+    std::unique_ptr<Rows> rows;
     if (context.output.json()) {
-        context.output.document(toDocument(listing));
+        rows = std::make_unique<JsonRows>(order);
     } else {
-        print(listing, context.output);
+        rows = std::make_unique<TextRows>(order);
     }
-    if (!listing.undated.empty()) {
+    bool isListed = false;
+    const Missed missed = visitFound(context.database, options.rules, [&](const RecordInfo& info) {
+        isListed = true;
+        rows->add(info);
+    });
+    rows->print(missed, context.output);
+    if (!missed.undated.empty()) {
         context.output.warn(fmt::format(
-            "when {} of the records expire could not be read{}", listing.undated.size(),
+            "when {} of the records expire could not be read{}", missed.undated.size(),
             context.database.isOpen() ? "; see `fstore check --deep`"
                                       : ", since it is encrypted: add --unlock, and the password"));
     }
-    return statusOf(listing, options.failOnMatch);
+    return statusOf(isListed, missed, options.failOnMatch);
 }
 
 }  // namespace

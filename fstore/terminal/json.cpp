@@ -44,6 +44,23 @@ void printLines(std::string& text, std::size_t depth, std::string_view brackets,
 
 // NOLINTEND(misc-no-recursion)
 
+// Prints all but the end, which it returns.
+std::string printElements(const Json::LongArray& array, const Json::TextUser& use) {
+    std::string text = "[";
+    array.visit([&](std::string_view element) {
+        breakLine(text, Json::kLevelOfElements);
+        use(text);
+        use(element);
+        text = ",";
+    });
+    if (text == "[") {
+        return "[]";
+    }
+    text.clear();
+    breakLine(text, Json::kLevelOfElements - 1);
+    return text + "]";
+}
+
 }  // namespace
 
 Json::Json(std::initializer_list<Member> members) : value_(Object(members)) {}
@@ -81,10 +98,30 @@ void Json::append(Json object) {
     std::ranges::move(std::get<Object>(object.value_), std::back_inserter(members));
 }
 
-std::string Json::print() const {
+std::string Json::print(std::size_t depth) const {
     std::string text;
-    printTo(text, 0);
+    printTo(text, depth);
     return text;
+}
+
+void Json::printWith(const LongArray& array, const TextUser& use) const {
+    std::string text = "{";
+    const Object& members = std::get<Object>(value_);
+    for (const Member& member : members) {
+        if (&member != &members.front()) {
+            text += ',';
+        }
+        breakLine(text, 1);
+        text += scalar(member.first) + ": ";
+        if (member.first == array.name) {
+            use(text);
+            text = printElements(array, use);
+        } else {
+            member.second.printTo(text, 1);
+        }
+    }
+    breakLine(text, 0);
+    use(text + "}");
 }
 
 // NOLINTBEGIN(misc-no-recursion): as above

@@ -12,6 +12,7 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <string_view>
@@ -48,9 +49,22 @@ public:
     // Adds the members of another object, none of which it has; only to an object.
     void append(Json object);
 
-    // In lines, indented by two blanks a level. What is not UTF-8 becomes the replacement
-    // character.
-    std::string print() const;
+    // In lines, indented by two blanks a level, inside of so many levels. What is not UTF-8 becomes
+    // the replacement character.
+    std::string print(std::size_t depth = 0) const;
+
+    // An array that nobody keeps as a whole: visit(each) calls each(element) for its elements,
+    // which are printed inside of kLevelOfElements.
+    using TextUser = std::function<void(std::string_view)>;
+    struct LongArray {
+        std::string_view name;
+        std::function<void(const TextUser& each)> visit;
+    };
+    static constexpr std::size_t kLevelOfElements = 2;
+
+    // As print(), of an object, in calls of use(text), with the array in place of its member of
+    // that name.
+    void printWith(const LongArray& array, const TextUser& use) const;
 
 private:
     using Array = std::vector<Json>;

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <system_error>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -43,36 +44,48 @@ Output::Output(const Settings& settings)
 
 void Output::line(std::string_view text) {
     if (!settings_.json) {
-        kept_ += printable(text) + "\n";
+        kept_.add(printable(text) + "\n");
     }
 }
 
 void Output::line(std::string_view head, Style style, std::string_view text) {
     if (!settings_.json) {
         const std::string shown = printable(head);
-        kept_ += colourOut_ ? styled(shown, style) : shown;
+        kept_.add(colourOut_ ? styled(shown, style) : shown);
         line(text);
     }
 }
 
 void Output::raw(std::string_view text) {
-    kept_ += text;
+    kept_.add(text);
 }
 
 void Output::table(const Table& table) {
     if (!settings_.json) {
-        kept_ += table.print(columns_, colourOut_);
+        table.print(columns_, colourOut_, [this](std::string_view line) { kept_.add(line); });
     }
 }
 
 void Output::document(Json document) {
-    if (!settings_.json) {
-        return;
+    if (settings_.json) {
+        kept_.add(completed(std::move(document)).print() + "\n");
     }
+}
+
+void Output::document(Json document, const Json::LongArray& array) {
+    if (settings_.json) {
+        completed(std::move(document)).printWith(array, [this](std::string_view text) {
+            kept_.add(text);
+        });
+        kept_.add("\n");
+    }
+}
+
+Json Output::completed(Json document) const {
     Json whole = {{"schema", kSchema}};
     whole.append(std::move(document));
     addWarnings(whole);
-    kept_ += whole.print() + "\n";
+    return whole;
 }
 
 void Output::addWarnings(Json& document) const {
@@ -103,11 +116,15 @@ void Output::warn(std::string_view text) {
 }
 
 void Output::flush(After after) {
-    if (os::writeAll(kStdout, kept_.data(), kept_.size())) {
-        kept_.clear();
+    const Spill kept = std::exchange(kept_, Spill());
+    Spill::Reader reader(kept);
+    std::string_view piece = reader.next();
+    while (!piece.empty() && os::writeAll(kStdout, piece.data(), piece.size())) {
+        piece = reader.next();
+    }
+    if (piece.empty()) {
         return;
     }
-    kept_.clear();
     if (errno == EPIPE) {
         throw Failure(kIo, "");  // who closed the pipe knows it
     }

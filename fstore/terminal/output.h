@@ -15,6 +15,7 @@
 #include "fstore/terminal/json.h"
 #include "fstore/terminal/table.h"
 #include "lib/base/error.h"
+#include "lib/base/spill.h"
 
 namespace fstore {
 
@@ -40,8 +41,10 @@ public:
     void line(std::string_view head, Style style, std::string_view text);  // with its head in style
     void raw(std::string_view text);                                       // as it is
     void table(const Table& table);
-    // One document with "schema" in front; once, and only with --json.
+    // One document with "schema" in front; once, and only with --json. The long array stands in
+    // place of its member of that name.
     void document(Json document);
+    void document(Json document, const Json::LongArray& array);
 
     // On stderr at once: what was done (not with -q), details (with -v only), and
     // what deserves attention.
@@ -59,12 +62,13 @@ public:
 private:
     void say(std::string_view text);
     void addWarnings(Json& document) const;
+    Json completed(Json document) const;
 
     Settings settings_;
     bool colourOut_;
     bool colourErr_;
     std::size_t columns_;  // of stdout; 0 when it is not a terminal
-    std::string kept_;
+    Spill kept_;
     std::vector<std::string> warnings_;
 };
 

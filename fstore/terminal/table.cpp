@@ -1,7 +1,7 @@
 #include "fstore/terminal/table.h"
 
 #include <algorithm>
-#include <numeric>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -31,8 +31,25 @@ const char* codeOf(Style style) {
     return "0";
 }
 
-void appendLine(std::string& page, const std::vector<Cell>& cells,
-                const std::vector<std::size_t>& widths, bool colour) {
+// A row as it is kept. A cell that is ready to be printed has no line feed.
+void appendCell(std::string& row, const Cell& cell) {
+    row += static_cast<char>(cell.style);
+    row += cell.text;
+    row += '\n';
+}
+
+std::vector<Cell> cellsOf(std::string_view row) {
+    std::vector<Cell> cells;
+    while (!row.empty()) {
+        const std::size_t end = row.find('\n');
+        cells.push_back({std::string(row.substr(1, end - 1)), static_cast<Style>(row.front())});
+        row.remove_prefix(end + 1);
+    }
+    return cells;
+}
+
+std::string lineOf(const std::vector<Cell>& cells, const std::vector<std::size_t>& widths,
+                   bool colour) {
     std::string line;
     std::size_t owed = 0;  // blanks up to the next column, left out at the end of a line
     for (std::size_t i = 0; i < cells.size(); ++i) {
@@ -47,7 +64,7 @@ void appendLine(std::string& page, const std::vector<Cell>& cells,
         }
         owed += widths[i] - columnsOf(text) + kGap;
     }
-    page += line + "\n";
+    return line + "\n";
 }
 
 }  // namespace
@@ -57,34 +74,31 @@ std::string styled(std::string_view text, Style style) {
                                   : fmt::format("\033[{}m{}\033[0m", codeOf(style), text);
 }
 
-void Table::add(std::vector<Cell> row) {
-    for (Cell& cell : row) {
-        cell.text = printable(cell.text);
+Table::Table(std::vector<Column> columns)
+    : columns_(std::move(columns)), widest_(columns_.size(), 0) {}
+
+void Table::add(const std::vector<Cell>& row, std::string_view key) {
+    std::string kept;
+    for (std::size_t i = 0; i < row.size(); ++i) {
+        const Cell cell{printable(row[i].text), row[i].style};
+        widest_[i] = std::max(widest_[i], columnsOf(cell.text));
+        appendCell(kept, cell);
     }
-    rows_.push_back(std::move(row));
+    rows_.add(key, kept);
 }
 
-std::string Table::print(std::size_t columns, bool colour) const {
+void Table::print(std::size_t columns, bool colour, const SortedTexts::User& use) const {
     const std::vector<std::size_t> fitting = widths(columns);
     std::vector<Cell> titles;
     for (const Column& column : columns_) {
         titles.push_back({column.title, Style::kBold});
     }
-    std::string page;
-    appendLine(page, titles, fitting, colour);
-    for (const auto& row : rows_) {
-        appendLine(page, row, fitting, colour);
-    }
-    return page;
+    use(lineOf(titles, fitting, colour));
+    rows_.visit([&](std::string_view row) { use(lineOf(cellsOf(row), fitting, colour)); });
 }
 
 std::vector<std::size_t> Table::widths(std::size_t columns) const {
-    std::vector<std::size_t> widths(columns_.size(), 0);
-    for (const auto& row : rows_) {
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            widths[i] = std::max(widths[i], columnsOf(row[i].text));
-        }
-    }
+    std::vector<std::size_t> widths = widest_;
     std::size_t total = 0;
     for (std::size_t i = 0; i < widths.size(); ++i) {
         if (widths[i] != 0) {

@@ -142,7 +142,7 @@ std::string Manifest::finish() {
 }
 
 void ArchiveWriter::addFolder(const ArchiveEntry& entry) {
-    text_ += manifest_.addFolder(entry);
+    text_.add(manifest_.addFolder(entry));
     put(headerOf(entry));
 }
 
@@ -168,13 +168,16 @@ void ArchiveWriter::endFile() {
         failOnPath(file_.path, "shrank while it was being read");
     }
     pad(file_.size);
-    text_ += manifest_.addFile(file_, digest_.finish());
+    text_.add(manifest_.addFile(file_, digest_.finish()));
 }
 
 ArchiveTotals ArchiveWriter::finish() {
-    text_ += manifest_.finish();
+    text_.add(manifest_.finish());
     put({tar::Type::kFile, kManifestMode, text_.size(), kManifestName});
-    sink_(bytesOf(text_));
+    Spill::Reader manifest(text_);
+    for (std::string_view piece = manifest.next(); !piece.empty(); piece = manifest.next()) {
+        sink_(bytesOf(piece));
+    }
     pad(text_.size());
     sink_(kZeros);
     sink_(kZeros);

@@ -27,6 +27,7 @@
 #include "format/layout.h"
 #include "lib/archive/tar_header.h"
 #include "lib/base/sha256.h"
+#include "lib/base/spill.h"
 
 namespace fstore {
 
@@ -100,7 +101,7 @@ private:
 
     Sink sink_;
     Manifest manifest_;
-    std::string text_;  // the manifest so far, some 150 bytes a file
+    Spill text_;  // the manifest so far, some 150 bytes a file
     ArchiveEntry file_;
     Sha256 digest_;
     std::uint64_t left_ = 0;  // bytes of the file that have not come

@@ -1,19 +1,29 @@
 #include "lib/base/name_list.h"
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 #include <stdexcept>
 
 namespace fstore {
 
 void NameList::add(std::string_view name) {
-    if (name.size() > std::numeric_limits<unsigned char>::max() ||
-        text_.size() > std::numeric_limits<std::uint32_t>::max()) {
-        throw std::length_error("names of files");
+    constexpr std::size_t kMostBlocks = (std::size_t{1} << 32) / kBlock;
+    if (name.size() > std::numeric_limits<unsigned char>::max()) {
+        throw std::length_error("the name of a file");
     }
-    begins_.push_back(static_cast<std::uint32_t>(text_.size()));
-    text_ += static_cast<char>(name.size());
-    text_ += name;
+    if (used_ + 1 + name.size() > kBlock) {
+        if (blocks_.size() == kMostBlocks) {
+            throw std::length_error("names of files");
+        }
+        blocks_.push_back(std::make_unique<char[]>(kBlock));
+        used_ = 0;
+    }
+    begins_.push_back(static_cast<std::uint32_t>((blocks_.size() - 1) * kBlock + used_));
+    char* const place = blocks_.back().get() + used_;
+    *place = static_cast<char>(name.size());
+    std::memcpy(place + 1, name.data(), name.size());
+    used_ += 1 + name.size();
 }
 
 void NameList::sort() {

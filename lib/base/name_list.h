@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,12 +30,17 @@ public:
     std::optional<std::size_t> find(std::string_view name) const;
 
 private:
-    // Each stands behind a byte that has its size.
+    // Each stands in one block, behind a byte that has its size. One text would be moved, and be
+    // there twice meanwhile, whenever it grows.
     std::string_view at(std::uint32_t begin) const noexcept {
-        return std::string_view(text_).substr(begin + 1, static_cast<unsigned char>(text_[begin]));
+        const char* const name = blocks_[begin / kBlock].get() + begin % kBlock;
+        return {name + 1, static_cast<unsigned char>(*name)};
     }
 
-    std::string text_;
+    static constexpr std::size_t kBlock = 1 << 16;
+
+    std::vector<std::unique_ptr<char[]>> blocks_;
+    std::size_t used_ = kBlock;  // of the last block
     std::vector<std::uint32_t> begins_;
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <iterator>
 #include <limits>
@@ -9,6 +10,9 @@
 #include <span>
 #include <thread>
 
+#include <fmt/format.h>
+
+#include "lib/base/name_list.h"
 #include "lib/base/time.h"
 #include "lib/records/lookup.h"
 #include "lib/records/record.h"
@@ -19,42 +23,107 @@ namespace {
 
 constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
 
-std::vector<Address> addressesOf(const std::optional<std::string>& within, Unread& unread) {
-    if (!within) {
-        return allRecords(&unread);
-    }
-    const std::string folder = parseFolder(*within);
-    std::vector<Address> found;
-    for (const std::string& each : knownFolders(&unread)) {
-        if (folder.empty() || each == folder || each.starts_with(folder + "/")) {
-            const auto inside = recordsIn(each);
-            found.insert(found.end(), inside.begin(), inside.end());
+using Addresses = std::span<const Address>;
+using PageUser = std::function<void(Addresses)>;
+
+// So many are read, and forgotten, before the next ones.
+constexpr std::size_t kPage = 4096;
+
+// Collects addresses, and uses them page by page.
+class Pages {
+public:
+    explicit Pages(const PageUser& use) : use_(use) { page_.reserve(kPage); }
+
+    void add(const Address& address) {
+        page_.push_back(address);
+        if (page_.size() == kPage) {
+            finish();
         }
     }
+    void finish() {
+        use_(page_);
+        page_.clear();
+    }
+
+private:
+    const PageUser& use_;
+    std::vector<Address> page_;
+};
+
+// Those that are in this folder and in the folders in it, which is there.
+std::vector<std::string> foldersIn(const std::string& folder, Unread& unread) {
+    std::vector<std::string> found = knownFolders(&unread);
+    std::erase_if(found, [&](const std::string& each) {
+        return !folder.empty() && each != folder && !each.starts_with(folder + "/");
+    });
     requireFolder(folder);
     return found;
 }
 
-// Those of them that may pass, where that is known.
-std::vector<Address> candidatesOf(const FindRules& rules, const Filter& filter, Unread& unread) {
-    const auto all = [&] { return addressesOf(rules.folder, unread); };
+void visitAll(const std::optional<std::string>& within, Unread& unread, const PageUser& use) {
+    Pages pages(use);
+    if (!within) {
+        const auto take = [&](const Address& address) {
+            pages.add(address);
+            return true;
+        };
+        visitRecords(take, &unread);
+    } else {
+        for (const std::string& folder : foldersIn(parseFolder(*within), unread)) {
+            const NameList names = recordNamesIn(folder);
+            for (std::size_t i = 0; i < names.size(); ++i) {
+                pages.add({folder, std::string(names[i])});
+            }
+        }
+    }
+    pages.finish();
+}
+
+std::size_t countAll(const std::optional<std::string>& within) {
+    std::size_t count = 0;
+    Unread unread;  // told when they are visited
+    visitAll(within, unread, [&](Addresses page) { count += page.size(); });
+    return count;
+}
+
+// What ask(lookup) answers, or all that there are.
+template <class Ask>
+void visitKnownOrAll(Ask ask, const std::optional<std::string>& within, Unread& unread,
+                     const PageUser& use) {
+    Lookup* const lookup = Lookup::current();
+    Lookup::Addresses known = lookup != nullptr ? ask(*lookup) : std::nullopt;
+    if (!known && lookup != nullptr && lookup->offer(countAll(within))) {
+        known = ask(*lookup);
+    }
+    if (!known) {
+        visitAll(within, unread, use);
+        return;
+    }
+    const Addresses all(*known);
+    for (std::size_t from = 0; from < all.size(); from += kPage) {
+        use(all.subspan(from, std::min(kPage, all.size() - from)));
+    }
+}
+
+// Those that may pass, where that is known.
+void visitCandidates(const FindRules& rules, const Filter& filter, Unread& unread,
+                     const PageUser& use) {
     const std::string folder = rules.folder ? parseFolder(*rules.folder) : std::string();
     // With the folder of "db" itself its internal records are listed, which nobody looks up.
     const bool hasInternal = rules.folder && folder.empty();
     if (filter.takesAll() || hasInternal) {
-        return all();
+        visitAll(rules.folder, unread, use);
+        return;
     }
     requireFolder(folder);
-    return knownOrAll(
-        [&](Lookup& lookup) { return lookup.matching(filter, folder, rules.secrets); }, all);
+    visitKnownOrAll([&](Lookup& lookup) { return lookup.matching(filter, folder, rules.secrets); },
+                    rules.folder, unread, use);
 }
-
-using Addresses = std::span<const Address>;
 
 // Reads a part of the addresses in each of some threads, by read(part); the results
 // in order. Most of the time goes into the system's opening of files.
 template <class Read>
-auto readSideBySide(const Database& database, const std::vector<Address>& addresses, Read read) {
+auto readSideBySide(const Database& database, Addresses addresses, Read read) {
     constexpr std::size_t kWorthAThread = 1000;
     constexpr std::size_t kMostThreads = 8;
     const std::size_t processors = std::thread::hardware_concurrency();
@@ -68,7 +137,7 @@ auto readSideBySide(const Database& database, const std::vector<Address>& addres
     for (std::size_t i = 0; i < parts; ++i) {
         const std::size_t from = addresses.size() * i / parts;
         const std::size_t to = addresses.size() * (i + 1) / parts;
-        const Addresses part(addresses.data() + from, to - from);
+        const Addresses part = addresses.subspan(from, to - from);
         // Where no thread can be had, by the one that asks for the result.
         running.push_back(std::async(std::launch::async | std::launch::deferred, readInside, part));
     }
@@ -106,8 +175,7 @@ std::set<std::string> keysOf(Database& database, bool unlocked) {
         keys = std::move(*known);
         return lookup.unsure(unlocked);
     };
-    const auto toRead = knownOrAll(ask, [&] { return allRecords(&elsewhere); });
-    auto parts = readSideBySide(database, toRead, [unlocked](Addresses addresses) {
+    const auto readPart = [unlocked](Addresses addresses) {
         std::set<std::string> found;
         for (const Address& address : addresses) {
             try {
@@ -121,28 +189,13 @@ std::set<std::string> keysOf(Database& database, bool unlocked) {
             }
         }
         return found;
-    });
-    for (auto& part : parts) {
-        keys.merge(part);
-    }
-    return keys;
-}
-
-void sort(std::vector<RecordInfo>& records, FindRules::Order order) {
-    const auto isBefore = [order](const auto& a, const auto& b) {
-        switch (order) {
-            case FindRules::Order::kExpiry:
-                return a.notAfter.value_or(kNever) < b.notAfter.value_or(kNever);
-            case FindRules::Order::kSubject:
-                return a.subject < b.subject;
-            case FindRules::Order::kName:
-                break;
-        }
-        return a.address < b.address;
     };
-    if (!std::is_sorted(records.begin(), records.end(), isBefore)) {  // by name it mostly is
-        std::stable_sort(records.begin(), records.end(), isBefore);
-    }
+    visitKnownOrAll(ask, std::nullopt, elsewhere, [&](Addresses page) {
+        for (auto& part : readSideBySide(database, page, readPart)) {
+            keys.merge(part);
+        }
+    });
+    return keys;
 }
 
 Listing readPart(Addresses addresses, const Filter& filter, bool unlocked) {
@@ -165,30 +218,66 @@ Listing readPart(Addresses addresses, const Filter& filter, bool unlocked) {
     return listing;
 }
 
+template <class Element>
+void append(std::vector<Element>& all, std::vector<Element>& part) {
+    std::ranges::move(part, std::back_inserter(all));
+}
+
+// The bytes of greater numbers are greater.
+std::string sortable(std::int64_t number) {
+    constexpr std::uint64_t kSign = std::uint64_t{1} << 63;
+    return fmt::format("{:016x}", static_cast<std::uint64_t>(number) ^ kSign);
+}
+
 }  // namespace
 
-bool Listing::hasDamage() const {
+bool Missed::hasDamage() const {
     return std::ranges::any_of(damaged, [](const auto& each) { return !each.second.isDenied(); });
 }
 
-Listing findRecords(Database& database, const FindRules& rules) {
+std::string orderKey(const RecordInfo& info, FindRules::Order order) {
+    switch (order) {
+        case FindRules::Order::kExpiry:
+            return sortable(info.notAfter.value_or(kNever));
+        case FindRules::Order::kSubject:
+            return info.subject;
+        case FindRules::Order::kName:
+            break;
+    }
+    return info.address.folder + '\0' + info.address.name;
+}
+
+Missed visitFound(Database& database, const FindRules& rules, const RecordUser& use) {
     const bool unlocked = rules.secrets;
     Filter filter(rules.filters, now());
     if (filter.needsKeys()) {
         filter.setKeys(keysOf(database, unlocked));
     }
-    Listing listing;
+    Missed missed;
     const auto read = [&filter, unlocked](Addresses addresses) {
         return readPart(addresses, filter, unlocked);
     };
-    auto parts = readSideBySide(database, candidatesOf(rules, filter, listing.unread), read);
-    for (Listing& part : parts) {
-        std::ranges::move(part.records, std::back_inserter(listing.records));
-        std::ranges::move(part.damaged, std::back_inserter(listing.damaged));
-        std::ranges::move(part.unread, std::back_inserter(listing.unread));
-        std::ranges::move(part.undated, std::back_inserter(listing.undated));
+    Unread tooLarge;
+    visitCandidates(rules, filter, missed.unread, [&](Addresses page) {
+        for (Listing& part : readSideBySide(database, page, read)) {
+            std::ranges::for_each(part.records, [&](RecordInfo& info) { use(std::move(info)); });
+            append(missed.damaged, part.damaged);
+            append(missed.undated, part.undated);
+            append(tooLarge, part.unread);
+        }
+    });
+    append(missed.unread, tooLarge);
+    return missed;
+}
+
+Listing findRecords(Database& database, const FindRules& rules) {
+    Listing listing;
+    static_cast<Missed&>(listing) = visitFound(
+        database, rules, [&](RecordInfo info) { listing.records.push_back(std::move(info)); });
+    const auto keyOf = [&](const RecordInfo& info) { return orderKey(info, rules.order); };
+    if (!std::ranges::is_sorted(listing.records, {}, keyOf)) {  // by name it mostly is
+        std::ranges::stable_sort(listing.records, {}, keyOf);
     }
-    sort(listing.records, rules.order);
     return listing;
 }
 

@@ -5,6 +5,7 @@
 #ifndef LIB_WORK_FIND_H
 #define LIB_WORK_FIND_H
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -28,10 +29,9 @@ struct FindRules {
     bool secrets = false;  // look at encrypted parts, too: the database is open
 };
 
-// What was found. Nothing that could not be looked at is left out: an answer without it would
-// be wrong where a record is missed.
-struct Listing {
-    std::vector<RecordInfo> records;                   // in the order of the rules
+// What could not be looked at, or not wholly. None of it is left out: an answer without it would be
+// wrong where a record is missed.
+struct Missed {
     std::vector<std::pair<Address, Failure>> damaged;  // or not allowed to be read
     std::vector<Address> undated;                      // Filter::mayMatch()
     Unread unread;  // folders, and records that are too large to be looked at
@@ -42,9 +42,23 @@ struct Listing {
     bool isComplete() const { return damaged.empty() && unread.empty(); }
 };
 
+struct Listing : Missed {
+    std::vector<RecordInfo> records;  // in the order of the rules
+};
+
+// Text whose bytes are in the order of the records.
+std::string orderKey(const RecordInfo& info, FindRules::Order order);
+
+// Calls use(info) for each record that is found, in no order. It takes memory for the names in one
+// folder, and for what was missed.
+//
 //   kUsage    a filter cannot be read: Filter's constructor
 //   kInvalid  the folder is not one of a database
 //   kMissing  there is no such folder
+using RecordUser = std::function<void(RecordInfo)>;
+Missed visitFound(Database& database, const FindRules& rules, const RecordUser& use);
+
+// All of them at once.
 Listing findRecords(Database& database, const FindRules& rules);
 
 }  // namespace fstore

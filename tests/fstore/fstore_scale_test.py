@@ -106,6 +106,7 @@ class AllRecordsTest(ScaleTest):
 
     NAMES = 64  # bytes for a record and its body, twice what their names take
     NOISE = 3 << 20
+    PRINTED = 12 << 20  # what is not in a temporary file
 
     def memory(self, *args):
         """The most that it had at once, in bytes."""
@@ -118,15 +119,22 @@ class AllRecordsTest(ScaleTest):
         self.assertEqual(0, process.returncode, args)
         return usage.ru_maxrss << 10
 
+    def compare(self, commands, few, many, noise):
+        self.fill_up(0, few)
+        before = [self.memory(*command) for command in commands]
+        self.fill_up(few, many)
+        for command, least in zip(commands, before):
+            with self.subTest(command=command):
+                self.assertLess(self.memory(*command), least + noise + many * self.NAMES)
+
     def test_only_names_are_kept(self):
         label = ("set", "certificates/remote/mine0", "label=x")
-        commands = [("check", "-q"), ("check", "-q", "--deep"), label]
-        self.fill_up(0, FEW)
-        few = [self.memory(*command) for command in commands]
-        self.fill_up(FEW, MANY)
-        for command, before in zip(commands, few):
-            with self.subTest(command=command):
-                self.assertLess(self.memory(*command), before + self.NOISE + MANY * self.NAMES)
+        self.compare([("check", "-q"), ("check", "-q", "--deep"), label], FEW, MANY, self.NOISE)
+
+    def test_what_is_printed_or_written_is_not_kept(self):
+        commands = [("ls",), ("--json", "ls"), ("ls", "--sort", "subject"), ("ls", "--sort", "expiry"),
+                    ("backup", "-")]
+        self.compare(commands, FEW, max(MANY, 40_000), self.PRINTED)
 
 
 if __name__ == "__main__":

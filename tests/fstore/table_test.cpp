@@ -1,6 +1,8 @@
 #include "fstore/terminal/table.h"
 
 #include <sstream>
+#include <string>
+#include <string_view>
 
 #include <gtest/gtest.h>
 
@@ -8,6 +10,12 @@
 
 namespace fstore {
 namespace {
+
+std::string printed(const Table& table, std::size_t columns, bool colour) {
+    std::string page;
+    table.print(columns, colour, [&](std::string_view line) { page += line; });
+    return page;
+}
 
 Table sample() {
     Table table({{"ADDRESS", false}, {"SUBJECT", true}, {"LABEL", true}});
@@ -21,11 +29,11 @@ TEST(TableTest, IsAsWideAsItsContents) {
         "ADDRESS                    SUBJECT                           LABEL\n"
         "certificates/local/server  CN=server,O=Example Organisation  web\n"
         "keys/a                                                       a label that is long\n",
-        sample().print(0, false));
+        printed(sample(), 0, false));
 }
 
 TEST(TableTest, CutsOnlyWhatMayBeCut) {
-    const std::string page = sample().print(60, false);
+    const std::string page = printed(sample(), 60, false);
     std::istringstream lines(page);
     for (std::string line; std::getline(lines, line);) {
         EXPECT_LE(columnsOf(line), 60u) << line;
@@ -35,25 +43,33 @@ TEST(TableTest, CutsOnlyWhatMayBeCut) {
 }
 
 TEST(TableTest, NeverCutsWhatMustStayWhole) {
-    EXPECT_NE(std::string::npos, sample().print(10, false).find("certificates/local/server"));
+    EXPECT_NE(std::string::npos, printed(sample(), 10, false).find("certificates/local/server"));
 }
 
 TEST(TableTest, LeavesOutWhatIsEmptyEverywhere) {
     Table table({{"ADDRESS", false}, {"SUBJECT", true}});
     table.add({{"keys/a"}, {}});
-    EXPECT_EQ("ADDRESS\nkeys/a\n", table.print(0, false));
+    EXPECT_EQ("ADDRESS\nkeys/a\n", printed(table, 0, false));
+}
+
+TEST(TableTest, SortsRowsByTheirKeys) {
+    Table table({{"A", false}});
+    table.add({{"last"}}, "2");
+    table.add({{"first"}}, "1");
+    table.add({{"second"}}, "1");
+    EXPECT_EQ("A\nfirst\nsecond\nlast\n", printed(table, 0, false));
 }
 
 TEST(TableTest, EscapesControlCharacters) {
     Table table({{"LABEL", true}});
     table.add({{"a\033[2Jb\nc"}});
-    EXPECT_EQ("LABEL\na\\x1b[2Jb\\x0ac\n", table.print(0, false));
+    EXPECT_EQ("LABEL\na\\x1b[2Jb\\x0ac\n", printed(table, 0, false));
 }
 
 TEST(TableTest, ColoursAreAroundTheTextAlone) {
     Table table({{"A", false}, {"B", false}});
     table.add({{"x", Style::kRed}, {"y"}});
-    EXPECT_EQ("\033[1mA\033[0m  \033[1mB\033[0m\n\033[31mx\033[0m  y\n", table.print(0, true));
+    EXPECT_EQ("\033[1mA\033[0m  \033[1mB\033[0m\n\033[31mx\033[0m  y\n", printed(table, 0, true));
 }
 
 }  // namespace

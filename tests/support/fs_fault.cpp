@@ -469,6 +469,11 @@ ssize_t os::read(int fd, void* data, std::size_t size) noexcept {
     return step.done(step.fails() ? -1 : ::read(fd, data, step.verdict.size));
 }
 
+ssize_t os::pread(int fd, void* data, std::size_t size, off_t at) noexcept {
+    Step step(Call::kRead, fd, size);
+    return step.done(step.fails() ? -1 : ::pread(fd, data, step.verdict.size, at));
+}
+
 ssize_t os::write(int fd, const void* data, std::size_t size) noexcept {
     Step step(Call::kWrite, fd, size);
     const ssize_t stored = step.fails() ? -1 : ::write(fd, data, step.verdict.size);

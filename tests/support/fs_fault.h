@@ -24,7 +24,7 @@ namespace fault {
 enum class Call {
     kOpen,
     kClose,
-    kRead,
+    kRead,   // pread() as well
     kWrite,  // pwrite() as well
     kFstat,
     kFsync,

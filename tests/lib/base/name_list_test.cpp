@@ -46,6 +46,24 @@ TEST(NameListTest, FindsWhatIsThere) {
     }
 }
 
+// A name is kept in one piece, wherever in the memory for many it comes to lie.
+TEST(NameListTest, KeepsManyNames) {
+    constexpr std::size_t kNames = 30'000;
+    const auto nameAt = [](std::size_t i) {
+        return std::string(i % 256, static_cast<char>('a' + i % 26)) + (i % 256 < 250 ? "." : "");
+    };
+    NameList list;
+    for (std::size_t i = 0; i < kNames; ++i) {
+        list.add(nameAt(i));
+    }
+    ASSERT_EQ(kNames, list.size());
+    for (std::size_t i = 0; i < kNames; ++i) {
+        ASSERT_EQ(nameAt(i), list[i]) << i;
+    }
+    list.sort();
+    EXPECT_TRUE(list.find(nameAt(77)));
+}
+
 TEST(NameListTest, TakesNamesOfFilesOnly) {
     NameList list;
     const std::string longest(255, 'x');
