@@ -1,8 +1,6 @@
 #include "lib/pki/distinguished_name.h"
 
 #include <algorithm>
-#include <optional>
-#include <ranges>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,30 +11,31 @@
 #include "lib/base/digits.h"
 #include "lib/base/error.h"
 #include "lib/base/printable.h"
+#include "lib/pki/made.h"
 
 namespace fstore {
 namespace {
 
-struct Entry {
+struct SubjectEntry {
     std::string type, value;
     bool beginsPart = false;  // is not added to the part in front of it by "+"
 };
 
-[[noreturn]] void refuse(const std::string& why) {
+[[noreturn]] void refuseSubject(const std::string& why) {
     throw Failure(kInvalid,
                   fmt::format("the subject {}; it is like CN=www.example.com,O=Example", why));
 }
 
-class Reader {
+class SubjectReader {
 public:
-    explicit Reader(std::string_view text) : rest_(text) {}
+    explicit SubjectReader(std::string_view text) : rest_(text) {}
 
     // The parts in the order of the text.
-    std::vector<Entry> read() {
-        std::vector<Entry> entries;
+    std::vector<SubjectEntry> read() {
+        std::vector<SubjectEntry> entries;
         bool beginsPart = true;
         while (true) {
-            Entry& entry = entries.emplace_back();
+            SubjectEntry& entry = entries.emplace_back();
             entry.beginsPart = beginsPart;
             entry.type = readType();
             entry.value = readValue();
@@ -52,8 +51,9 @@ private:
     std::string readType() {
         const std::size_t equals = rest_.find('=');
         std::string_view type = rest_.substr(0, equals);
-        if (equals == std::string_view::npos || type.find_first_of(",+\\") != type.npos) {
-            refuse(fmt::format("has no \"=\" in \"{}\"", printable(clipped(type, kShown))));
+        if (equals == std::string_view::npos ||
+            type.find_first_of(",+\\") != std::string_view::npos) {
+            refuseSubject(fmt::format("has no \"=\" in \"{}\"", printable(clipped(type, kShown))));
         }
         rest_.remove_prefix(equals + 1);
         type.remove_prefix(std::min(type.find_first_not_of(' '), type.size()));
@@ -64,8 +64,9 @@ private:
     std::string readValue() {
         rest_.remove_prefix(std::min(rest_.find_first_not_of(' '), rest_.size()));
         if (rest_.starts_with('#') || rest_.starts_with('"')) {
-            refuse(fmt::format("has a value that begins with {}, which needs a backslash before it",
-                               rest_.front()));
+            refuseSubject(
+                fmt::format("has a value that begins with {}, which needs a backslash before it",
+                            rest_.front()));
         }
         std::string value;
         std::size_t kept = 0;  // up to the last character that is no blank
@@ -85,14 +86,14 @@ private:
         if (first != '\\') {
             return first;
         }
-        if (!rest_.empty() && kSpecial.find(rest_.front()) != kSpecial.npos) {
+        if (!rest_.empty() && kSpecial.find(rest_.front()) != std::string_view::npos) {
             const char escaped = rest_.front();
             rest_.remove_prefix(1);
             return escaped;
         }
         const auto byte = fromHex(rest_.substr(0, 2));
         if (!byte || byte->size() != 1) {
-            refuse("has a backslash before what needs none");
+            refuseSubject("has a backslash before what needs none");
         }
         rest_.remove_prefix(2);
         return static_cast<char>(byte->front());
@@ -119,27 +120,29 @@ const ASN1_OBJECT* typeOf(const std::string& text, ossl::Identifier& owner) {
     return nullptr;
 }
 
-void requireText(const Entry& entry) {
+void requireText(const SubjectEntry& entry) {
     const auto isControl = [](char c) {
         const auto byte = static_cast<unsigned char>(c);
         return byte < 0x20 || byte == 0x7F;
     };
     if (entry.value.empty()) {
-        refuse(fmt::format("has no value for {}", printable(entry.type)));
+        refuseSubject(fmt::format("has no value for {}", printable(entry.type)));
     }
     if (std::ranges::any_of(entry.value, isControl)) {
-        refuse(fmt::format("has a control character in the value of {}", printable(entry.type)));
+        refuseSubject(
+            fmt::format("has a control character in the value of {}", printable(entry.type)));
     }
     if (!isUtf8(entry.value)) {
-        refuse(fmt::format("has a value of {} that is not UTF-8", printable(entry.type)));
+        refuseSubject(fmt::format("has a value of {} that is not UTF-8", printable(entry.type)));
     }
 }
 
-void add(X509_NAME* name, const Entry& entry, bool beginsPart) {
+void addEntry(X509_NAME* name, const SubjectEntry& entry, bool beginsPart) {
     ossl::Identifier owner;
     const ASN1_OBJECT* const type = typeOf(entry.type, owner);
     if (type == nullptr) {
-        refuse(fmt::format("has \"{}\", which is not a part of names", printable(entry.type)));
+        refuseSubject(
+            fmt::format("has \"{}\", which is not a part of names", printable(entry.type)));
     }
     requireText(entry);
     constexpr int kAtEnd = -1, kNewPart = 0, kSamePart = -1;
@@ -147,8 +150,8 @@ void add(X509_NAME* name, const Entry& entry, bool beginsPart) {
             name, type, MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(entry.value.data()),
             static_cast<int>(entry.value.size()), kAtEnd, beginsPart ? kNewPart : kSamePart) != 1) {
         const char* const reason = ERR_reason_error_string(ERR_peek_last_error());
-        refuse(fmt::format("has a value that {} cannot have: {}", printable(entry.type),
-                           reason != nullptr ? reason : "OpenSSL refuses it"));
+        refuseSubject(fmt::format("has a value that {} cannot have: {}", printable(entry.type),
+                                  reason != nullptr ? reason : "OpenSSL refuses it"));
     }
 }
 
@@ -156,18 +159,16 @@ void add(X509_NAME* name, const Entry& entry, bool beginsPart) {
 
 ossl::Name distinguishedName(std::string_view text) {
     const ossl::QuietErrors quiet;
-    ossl::Name name(X509_NAME_new());
-    if (name == nullptr) {
-        failWithStatus(kNoMemory, "cannot make a name: out of memory");
-    }
+    ossl::Name name = made(ossl::Name(X509_NAME_new()));
     if (text.empty()) {
         return name;
     }
     // DER has the parts in the other order; the values of one stay together.
     bool beginsPart = true;
-    for (const Entry& entry : Reader(text).read() | std::views::reverse) {
-        add(name.get(), entry, beginsPart);
-        beginsPart = entry.beginsPart;
+    const std::vector<SubjectEntry> entries = SubjectReader(text).read();
+    for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
+        addEntry(name.get(), *entry, beginsPart);
+        beginsPart = entry->beginsPart;
     }
     return name;
 }

@@ -28,7 +28,7 @@ std::string inCapitals(std::string_view text) {
     return result;
 }
 
-[[noreturn]] void refuse(std::string_view text) {
+[[noreturn]] void refuseType(std::string_view text) {
     throw Failure(kInvalid, fmt::format("\"{}\" is not a type of key: it is {}", text, kKeyTypes));
 }
 
@@ -42,7 +42,7 @@ unsigned int bitsOf(std::string_view digits, std::string_view text) {
     constexpr unsigned int kStep = 8;
     if (error != std::errc() || rest != end || bits < kLeastBits || bits > kMostBits ||
         bits % kStep != 0) {
-        refuse(text);
+        refuseType(text);
     }
     return bits;
 }
@@ -54,7 +54,7 @@ std::string groupOf(std::string_view name, std::string_view text) {
     const auto* const found = std::ranges::find_if(
         kGroups, [&](std::string_view group) { return inCapitals(group) == inCapitals(name); });
     if (found == kGroups.end()) {
-        refuse(text);
+        refuseType(text);
     }
     return std::string(*found);
 }
@@ -83,7 +83,7 @@ KeyType keyTypeOf(std::string_view text) {
     const bool hasDetail = colon != std::string_view::npos;
     const std::string_view detail = hasDetail ? text.substr(colon + 1) : std::string_view();
     if (hasDetail && detail.empty()) {
-        refuse(text);
+        refuseType(text);
     }
     if (family == "RSA") {
         return {family, bitsOf(detail, text), {}};
@@ -92,7 +92,7 @@ KeyType keyTypeOf(std::string_view text) {
         return {family, 0, groupOf(detail, text)};
     }
     if (hasDetail || (family != "ED25519" && family != "ED448")) {
-        refuse(text);
+        refuseType(text);
     }
     return {family, 0, {}};
 }

@@ -10,6 +10,7 @@
 #include "lib/base/error.h"
 #include "lib/base/printable.h"
 #include "lib/pki/distinguished_name.h"
+#include "lib/pki/made.h"
 #include "lib/pki/pkcs8.h"
 
 namespace fstore {
@@ -20,21 +21,15 @@ using Bytes = std::span<const unsigned char>;
 constexpr int kCritical = 1, kNotCritical = 0;
 
 // OpenSSL fails here for want of memory only.
-void require(bool isDone) {
+void requireMade(bool isDone) {
     if (!isDone) {
         failWithStatus(kNoMemory, "cannot make the request: out of memory");
     }
 }
 
-template <class Owned>
-Owned made(Owned owned) {
-    require(owned != nullptr);
-    return owned;
-}
-
-void add(STACK_OF(X509_EXTENSION) * to, int kind, int critical, void* value) {
+void addExtension(STACK_OF(X509_EXTENSION) * to, int kind, int critical, void* value) {
     ossl::Extension extension = made(ossl::Extension(X509V3_EXT_i2d(kind, critical, value)));
-    require(sk_X509_EXTENSION_push(to, extension.get()) > 0);
+    requireMade(sk_X509_EXTENSION_push(to, extension.get()) > 0);
     (void)extension.release();
 }
 
@@ -72,7 +67,7 @@ ossl::GeneralName altName(const std::string& text) {
         return name;
     }
     ossl::Ia5String string = made(ossl::Ia5String(ASN1_IA5STRING_new()));
-    require(ASN1_STRING_set(string.get(), value.data(), static_cast<int>(value.size())) == 1);
+    requireMade(ASN1_STRING_set(string.get(), value.data(), static_cast<int>(value.size())) == 1);
     GENERAL_NAME_set0_value(name.get(), kind->type, string.release());
     return name;
 }
@@ -85,10 +80,10 @@ void addAltNames(STACK_OF(X509_EXTENSION) * to, const std::vector<std::string>& 
     const ossl::GeneralNames names = made(ossl::GeneralNames(GENERAL_NAMES_new()));
     for (const std::string& text : texts) {
         ossl::GeneralName name = altName(text);
-        require(sk_GENERAL_NAME_push(names.get(), name.get()) > 0);
+        requireMade(sk_GENERAL_NAME_push(names.get(), name.get()) > 0);
         (void)name.release();
     }
-    add(to, NID_subject_alt_name, isOnlyName ? kCritical : kNotCritical, names.get());
+    addExtension(to, NID_subject_alt_name, isOnlyName ? kCritical : kNotCritical, names.get());
 }
 
 // In the order of their bits.
@@ -129,19 +124,20 @@ void addUsages(STACK_OF(X509_EXTENSION) * to, std::vector<std::string_view> word
         const auto* const usage = std::ranges::find(kKeyUsages, word);
         if (usage != kKeyUsages.end()) {
             const auto bit = static_cast<int>(usage - kKeyUsages.begin());
-            require(ASN1_BIT_STRING_set_bit(bits.get(), bit, 1) == 1);
+            requireMade(ASN1_BIT_STRING_set_bit(bits.get(), bit, 1) == 1);
             continue;
         }
         if (std::ranges::find(kPurposes, word) == kPurposes.end()) {
             refuseUsage(word);
         }
-        require(sk_ASN1_OBJECT_push(purposes.get(), OBJ_txt2obj(std::string(word).c_str(), 0)) > 0);
+        requireMade(sk_ASN1_OBJECT_push(purposes.get(), OBJ_txt2obj(std::string(word).c_str(), 0)) >
+                    0);
     }
     if (ASN1_STRING_length(bits.get()) > 0) {
-        add(to, NID_key_usage, kCritical, bits.get());
+        addExtension(to, NID_key_usage, kCritical, bits.get());
     }
     if (sk_ASN1_OBJECT_num(purposes.get()) > 0) {
-        add(to, NID_ext_key_usage, kNotCritical, purposes.get());
+        addExtension(to, NID_ext_key_usage, kNotCritical, purposes.get());
     }
 }
 
@@ -149,7 +145,7 @@ void addCa(STACK_OF(X509_EXTENSION) * to) {
     constexpr int kTrue = 0xFF;
     const ossl::Constraints constraints = made(ossl::Constraints(BASIC_CONSTRAINTS_new()));
     constraints->ca = kTrue;
-    add(to, NID_basic_constraints, kCritical, constraints.get());
+    addExtension(to, NID_basic_constraints, kCritical, constraints.get());
 }
 
 ossl::Pkey signingKey(Bytes pkcs8) {
@@ -185,7 +181,7 @@ void requireSigned(int size) {
 
 ossl::Integer randomSerial() {
     std::array<unsigned char, 16> bytes{};
-    require(RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) == 1);
+    requireMade(RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) == 1);
     bytes[0] = static_cast<unsigned char>((bytes[0] & 0x7F) | 0x40);  // positive, and 16 bytes
     const ossl::Number number =
         made(ossl::Number(BN_bin2bn(bytes.data(), static_cast<int>(bytes.size()), nullptr)));
@@ -196,11 +192,11 @@ ossl::Integer randomSerial() {
 void addKeyId(X509* certificate) {
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
     unsigned int size = 0;
-    require(X509_pubkey_digest(certificate, EVP_sha1(), digest.data(), &size) == 1);
+    requireMade(X509_pubkey_digest(certificate, EVP_sha1(), digest.data(), &size) == 1);
     const ossl::OctetString id = made(ossl::OctetString(ASN1_OCTET_STRING_new()));
-    require(ASN1_OCTET_STRING_set(id.get(), digest.data(), static_cast<int>(size)) == 1);
-    require(X509_add1_ext_i2d(certificate, NID_subject_key_identifier, id.get(), kNotCritical,
-                              X509V3_ADD_DEFAULT) == 1);
+    requireMade(ASN1_OCTET_STRING_set(id.get(), digest.data(), static_cast<int>(size)) == 1);
+    requireMade(X509_add1_ext_i2d(certificate, NID_subject_key_identifier, id.get(), kNotCritical,
+                                  X509V3_ADD_DEFAULT) == 1);
 }
 
 // What a new request has of an old one.
@@ -214,7 +210,7 @@ ossl::Extensions keptOf(const STACK_OF(X509_EXTENSION) * all) {
         const int kind = OBJ_obj2nid(X509_EXTENSION_get_object(each));
         if (std::ranges::find(kKept, kind) != kKept.end()) {
             ossl::Extension copy = made(ossl::Extension(X509_EXTENSION_dup(each)));
-            require(sk_X509_EXTENSION_push(kept.get(), copy.get()) > 0);
+            requireMade(sk_X509_EXTENSION_push(kept.get(), copy.get()) > 0);
             (void)copy.release();
         }
     }
@@ -274,11 +270,11 @@ SecretBytes RequestContent::request(Bytes pkcs8) const {
     const ossl::QuietErrors quiet;
     const ossl::Pkey key = signingKey(pkcs8);
     const ossl::Request request = made(ossl::Request(X509_REQ_new()));
-    require(X509_REQ_set_version(request.get(), X509_REQ_VERSION_1) == 1 &&
-            X509_REQ_set_subject_name(request.get(), subject_.get()) == 1 &&
-            X509_REQ_set_pubkey(request.get(), key.get()) == 1);
+    requireMade(X509_REQ_set_version(request.get(), X509_REQ_VERSION_1) == 1 &&
+                X509_REQ_set_subject_name(request.get(), subject_.get()) == 1 &&
+                X509_REQ_set_pubkey(request.get(), key.get()) == 1);
     if (sk_X509_EXTENSION_num(extensions_.get()) > 0) {
-        require(X509_REQ_add_extensions(request.get(), extensions_.get()) == 1);
+        requireMade(X509_REQ_add_extensions(request.get(), extensions_.get()) == 1);
     }
     requireSigned(X509_REQ_sign(request.get(), key.get(), digestFor(key.get())));
     return ossl::encoded<i2d_X509_REQ>(request.get());
@@ -290,15 +286,15 @@ SecretBytes RequestContent::selfSigned(Bytes pkcs8, unsigned int days) const {
     const ossl::Certificate certificate = made(ossl::Certificate(X509_new()));
     X509* const to = certificate.get();
     const ossl::Integer serial = randomSerial();
-    require(X509_set_version(to, X509_VERSION_3) == 1 &&
-            X509_set_serialNumber(to, serial.get()) == 1 &&
-            X509_set_subject_name(to, subject_.get()) == 1 &&
-            X509_set_issuer_name(to, subject_.get()) == 1 && X509_set_pubkey(to, key.get()) == 1);
-    require(X509_gmtime_adj(X509_getm_notBefore(to), 0) != nullptr &&
-            X509_time_adj_ex(X509_getm_notAfter(to), static_cast<int>(days), 0, nullptr) !=
-                nullptr);
+    requireMade(
+        X509_set_version(to, X509_VERSION_3) == 1 && X509_set_serialNumber(to, serial.get()) == 1 &&
+        X509_set_subject_name(to, subject_.get()) == 1 &&
+        X509_set_issuer_name(to, subject_.get()) == 1 && X509_set_pubkey(to, key.get()) == 1);
+    requireMade(X509_gmtime_adj(X509_getm_notBefore(to), 0) != nullptr &&
+                X509_time_adj_ex(X509_getm_notAfter(to), static_cast<int>(days), 0, nullptr) !=
+                    nullptr);
     for (int i = 0; i < sk_X509_EXTENSION_num(extensions_.get()); ++i) {
-        require(X509_add_ext(to, sk_X509_EXTENSION_value(extensions_.get(), i), -1) == 1);
+        requireMade(X509_add_ext(to, sk_X509_EXTENSION_value(extensions_.get(), i), -1) == 1);
     }
     addKeyId(to);
     requireSigned(X509_sign(to, key.get(), digestFor(key.get())));

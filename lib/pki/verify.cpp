@@ -7,6 +7,7 @@
 #include <openssl/x509_vfy.h>
 
 #include "lib/base/error.h"
+#include "lib/pki/made.h"
 #include "lib/pki/ossl.h"
 #include "lib/pki/revocation.h"
 #include "lib/pki/text.h"
@@ -17,14 +18,6 @@ namespace {
 using Bytes = std::span<const unsigned char>;
 using Store = ossl::Owner<X509_STORE, X509_STORE_free>;
 using Verifying = ossl::Owner<X509_STORE_CTX, X509_STORE_CTX_free>;
-
-template <class Owned>
-Owned made(Owned owned) {
-    if (owned == nullptr) {
-        failWithStatus(kNoMemory, "cannot verify a certificate: out of memory");
-    }
-    return owned;
-}
 
 int purposeOf(VerifyRules::Purpose purpose) {
     switch (purpose) {
