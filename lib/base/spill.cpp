@@ -21,8 +21,8 @@
 namespace fstore {
 namespace {
 
-constexpr std::size_t kKey = 32;
-constexpr std::size_t kBlock = 16;
+constexpr std::size_t kCipherKey = 32;
+constexpr std::size_t kCipherBlock = 16;
 constexpr mode_t kForOwner = 0600;
 
 os::File openUnnamed() {
@@ -45,7 +45,7 @@ public:
         auto made = std::make_unique<File>();
         made->file_ = openUnnamed();
         const bool isGood = made->file_ && made->cipher_ != nullptr &&
-                            RAND_priv_bytes(made->key_.data(), static_cast<int>(kKey)) == 1;
+                            RAND_priv_bytes(made->key_.data(), static_cast<int>(kCipherKey)) == 1;
         return isGood ? std::move(made) : nullptr;
     }
 
@@ -91,8 +91,8 @@ private:
 
     // Both ways.
     std::string crypt(std::size_t index, const std::string& text) {
-        std::array<unsigned char, kBlock> counter{};
-        std::uint64_t block = std::uint64_t{index} * (kPiece / kBlock);
+        std::array<unsigned char, kCipherBlock> counter{};
+        std::uint64_t block = std::uint64_t{index} * (kPiece / kCipherBlock);
         for (auto byte = counter.rbegin(); block != 0; ++byte, block >>= 8) {
             *byte = static_cast<unsigned char>(block);
         }
@@ -111,7 +111,7 @@ private:
     }
 
     os::File file_;
-    std::array<unsigned char, kKey> key_{};
+    std::array<unsigned char, kCipherKey> key_{};
     ossl::Owner<EVP_CIPHER, EVP_CIPHER_free> cipher_{
         EVP_CIPHER_fetch(nullptr, "AES-256-CTR", nullptr)};
     ossl::Owner<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free> context_{EVP_CIPHER_CTX_new()};
