@@ -7,6 +7,7 @@
 
 #include <span>
 #include <string>
+#include <vector>
 
 #include "client/s_filestoreC.h"
 #include "cmn/no_throw.h"
@@ -17,6 +18,7 @@
 #include "store/context.h"
 #include "store/file_store.h"
 #include "store/filefunc.h"
+#include "store/record_names.h"
 
 namespace {
 
@@ -92,21 +94,14 @@ bool makeDurable(const char* folder) {
     return opened && os::syncfs(opened.get()) == 0;
 }
 
-}  // namespace
-
+// Calls use(folder) for the folder and all in it, each before those in it.
+//
 // As deep as folders are: a path cannot grow for ever.
-// NOLINTNEXTLINE(misc-no-recursion,bugprone-reserved-identifier)
-Status _getFullStoreList(const char* folder, aFileStoreList& list) {
-    aFileStoreList found;
-    (void)aFileStoreListExt(found).setLockType(RWLocker::kNoLock);
-    if (const Status status = found.readFromFolder(folder); status != kOk) {
+template <class Use>
+// NOLINTNEXTLINE(misc-no-recursion)
+Status visitFolders(const char* folder, Use& use) {
+    if (const Status status = use(folder); status != kOk) {
         return status;
-    }
-    for (aFileStore record = found.getFirst(); record.target() != nullptr;
-         record = found.getNext()) {
-        if (const Status status = list.pushBack(record); status != kOk) {
-            return status;
-        }
     }
     FileList entries;
     if (const Status status = entries.setRootFolder(folder); status != kOk) {
@@ -118,12 +113,33 @@ Status _getFullStoreList(const char* folder, aFileStoreList& list) {
         if (entries.isFolder() == 0 || entry == "." || entry == "..") {
             continue;
         }
-        if (const Status status = _getFullStoreList(joinPath(folder, entry).c_str(), list);
+        if (const Status status = visitFolders(joinPath(folder, entry).c_str(), use);
             status != kOk) {
             return status;
         }
     }
     return listing == kEnd ? kOk : listing;
+}
+
+}  // namespace
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+Status _getFullStoreList(const char* folder, aFileStoreList& list) {
+    auto append = [&list](const char* each) {
+        aFileStoreList found;
+        (void)aFileStoreListExt(found).setLockType(RWLocker::kNoLock);
+        if (const Status status = found.readFromFolder(each); status != kOk) {
+            return status;
+        }
+        for (aFileStore record = found.getFirst(); record.target() != nullptr;
+             record = found.getNext()) {
+            if (const Status status = list.pushBack(record); status != kOk) {
+                return status;
+            }
+        }
+        return kOk;
+    };
+    return visitFolders(folder, append);
 }
 
 class CMN_HIDDEN FileStoreSrv::Recryption {
@@ -169,21 +185,44 @@ private:
         return status;
     }
 
-    // Takes each record off the list, and so out of memory, when it is done.
+    // All names are there before the first record changes: a folder that cannot be listed fails
+    // alone. The records are made one by one, as there may be more than memory can hold.
     Status convertRecords() {
-        aFileStoreList records;
-        (void)aFileStoreListExt(records).setLockType(RWLocker::kNoLock);
-        if (const Status status = _getFullStoreList(kCopy, records); status != kOk) {
+        struct Folder {
+            std::string path;
+            RecordNames names;
+        };
+        std::vector<Folder> folders;
+        auto list = [&folders](const char* path) {
+            return folders.emplace_back(Folder{path, {}}).names.readFrom(path);
+        };
+        if (const Status status = visitFolders(kCopy, list); status != kOk) {
             return status;
         }
-        for (aFileStore handle = records.getFirst(); handle.target() != nullptr;
-             handle = records.getFirst()) {
-            if (const Status status = convertRecord(ownRecord(handle)); status != kOk) {
-                return status;
+        for (Folder& folder : folders) {
+            while (!folder.names.empty()) {
+                const Status status = convertFile(folder.path, folder.names.takeFirst());
+                if (status != kOk) {
+                    return status;
+                }
             }
-            (void)records.removeCurrent();
         }
         return kOk;
+    }
+
+    Status convertFile(const std::string& folder, const std::string& name) {
+        const aFileStore handle;
+        if (handle.target() == nullptr) {
+            return kNoObject;
+        }
+        FileStore& record = ownRecord(handle);
+        if (const Status status = record.setFolderName(folder.c_str()); status != kOk) {
+            return status;
+        }
+        if (const Status status = record.setFileName(name.c_str()); status != kOk) {
+            return status;
+        }
+        return convertRecord(record);
     }
 
     // A record that does not decrypt with the old key was not encrypted with it; it

@@ -1,15 +1,12 @@
 #include "store/file_store_list.h"
 
-#include <cerrno>
 #include <utility>
 
 #include "client/s_filestoreC.h"
 #include "cmn/no_throw.h"
-#include "format/record_name.h"
-#include "os/files.h"
-#include "store/context.h"
 #include "store/context_objects.h"
 #include "store/file_store.h"
+#include "store/record_names.h"
 #include "store/rw_locker.h"
 
 FileStoreList::FileStoreList() : TFileStoreList(0) {}
@@ -100,59 +97,6 @@ Status FileStoreList::setLockType(int newType) {
     return kOk;
 }
 
-namespace {
-
-bool concernsRecord(const char* name) {
-    return hasMarker(name, kDscSuffix) || hasMarker(name, kOldMarker);
-}
-
-// The names of the folder's regular files that tell of a record, in its order.
-Status getFileNameList(const char* folder, std::vector<std::string>& names) {
-    if (folder == nullptr) {
-        return kInvalid;
-    }
-    const os::Dir dir = os::openFolder(folder);
-    if (!dir) {
-        return kIo;
-    }
-    while (const dirent* const entry = os::nextEntry(dir.get())) {
-        if (!concernsRecord(entry->d_name)) {
-            continue;  // a body, most often
-        }
-        os::EntryType kind = os::entryType(*entry);
-        if (kind == os::EntryType::kUnknown) {
-            kind = os::entryTypeOf(joinPath(folder, entry->d_name).c_str());
-        }
-        if (kind == os::EntryType::kUnknown && errno != ENOENT) {
-            return kIo;  // it may be a record; one that is gone since is none
-        }
-        if (kind == os::EntryType::kFile) {
-            names.emplace_back(entry->d_name);
-        }
-    }
-    return errno == 0 ? kOk : kIo;  // a listing that breaks off is not a short folder
-}
-
-// Puts back every descriptor that is still known by its saved name, as the only one.
-Status renameOLDFile(const char* folder, std::vector<std::string>& names) {
-    bool renamed = false;
-    for (std::string& name : names) {
-        if (!hasMarker(name, kOldMarker)) {
-            continue;
-        }
-        std::string restored(withoutMarker(name, kOldMarker));
-        if (watched::rename(joinPath(folder, name).c_str(), joinPath(folder, restored).c_str()) !=
-            0) {
-            return kIo;
-        }
-        name = std::move(restored);
-        renamed = true;
-    }
-    return !renamed || os::syncFolder(folder) ? kOk : kIo;
-}
-
-}  // namespace
-
 // What the service makes of this module's records, without asking it for each. A new
 // record gets its names before it gets its holder, the element. Until then the framework
 // leaves it alone and nobody else knows it, so that it is called without a guard, and no
@@ -181,14 +125,10 @@ Status FileStoreList::readFromFolder(const char* folder) {
     }
     // Elements take no use of the service; this handle keeps it while they are made.
     const aFileStore none = noRecord();
-    std::vector<std::string> names;
+    RecordNames names;
     {
         const os::WriteLock locked(RWLocker::lockFor(lockType));
-        if (const Status status = getFileNameList(folder, names); status != kOk) {
-            return status;
-        }
-        correctFileNameList(names);
-        if (const Status status = renameOLDFile(folder, names); status != kOk) {
+        if (const Status status = names.readFrom(folder); status != kOk) {
             return status;
         }
     }
@@ -197,8 +137,8 @@ Status FileStoreList::readFromFolder(const char* folder) {
     if (!names.empty() && FileStoreSrvC.service() == nullptr) {
         return kNoObject;  // without the service there are no records
     }
-    for (std::string& name : names) {
-        if (const Status status = append(none, folder, std::move(name)); status != kOk) {
+    while (!names.empty()) {
+        if (const Status status = append(none, folder, names.takeFirst()); status != kOk) {
             return status;
         }
     }

@@ -27,6 +27,7 @@ RECORD = "store/record_disk.cpp"
 DSC = "store/dsc_file.cpp"
 BODY = "store/body_file.cpp"
 LIST = "store/file_store_list.cpp"
+NAMES = "store/record_names.cpp"
 RECRYPT = "service/recrypt.cpp"
 FOLDERS = "service/db_folders.cpp"
 FILES = "os/files.cpp"
@@ -133,13 +134,12 @@ BUGS = (
     Bug("scan_puts_back_over_the_new", "format/record_name.cpp",
         "            return descriptors.contains(withoutMarker(name, kOldMarker));",
         "            return descriptors.contains(\"\");"),
-    Bug("scan_does_not_repair", LIST,
-        "        if (!hasMarker(name, kOldMarker)) {",
-        "        if (hasMarker(name, kOldMarker) || !hasMarker(name, kOldMarker)) {"),
-    Bug("unreadable_folder_taken_for_empty", LIST,
+    Bug("scan_does_not_repair", NAMES,
+        "    dropPlaced(saved);\n    if", "    saved.clear();\n    if"),
+    Bug("unreadable_folder_taken_for_empty", NAMES,
         "    if (!dir) {\n        return kIo;",
         "    if (!dir) {\n        return kOk;", CALLS),
-    Bug("listing_that_breaks_off_taken_for_whole", LIST,
+    Bug("listing_that_breaks_off_taken_for_whole", NAMES,
         "return errno == 0 ? kOk : kIo;  // a listing",
         "return kOk;  // a listing", CALLS),
     Bug("scan_takes_no_lock", LIST,

@@ -110,7 +110,8 @@ class AllRecordsTest(ScaleTest):
 
     def memory(self, *args):
         """The most that it had at once, in bytes."""
-        process = support.start(*args, cwd=self.folder)
+        process = support.start(*args, cwd=self.folder,
+                                env={"FSTORE_NEW_PASSWORD": support.PASSWORD})
         with process.stdin, process.stdout, process.stderr:
             process.stdin.close()
             process.stdout.read()
@@ -135,6 +136,9 @@ class AllRecordsTest(ScaleTest):
         commands = [("ls",), ("--json", "ls"), ("ls", "--sort", "subject"), ("ls", "--sort", "expiry"),
                     ("backup", "-")]
         self.compare(commands, FEW, max(MANY, 40_000), self.PRINTED)
+
+    def test_records_are_encrypted_anew_one_by_one(self):
+        self.compare([("passwd", "--rotate", *support.CHEAP)], FEW, max(MANY, 15_000), self.NOISE)
 
 
 if __name__ == "__main__":
