@@ -13,8 +13,12 @@
 #include <fmt/format.h>
 
 #include "fstore/commands/common_options.h"
+#include "fstore/commands/misuse.h"
 #include "fstore/terminal/observer.h"
 #include "lib/base/files.h"
+#include "lib/base/printable.h"
+#include "lib/records/catalogue.h"
+#include "lib/records/record.h"
 
 namespace fstore {
 namespace {
@@ -69,8 +73,19 @@ CLI::Validator within(double least, double most) {
         const char* const end = text.data() + text.size();
         const auto [rest, error] = std::from_chars(text.data(), end, value);
         const bool good = error == std::errc() && rest == end && value >= least && value <= most;
-        return good ? std::string()
-                    : fmt::format("Value {} not in range {} to {}", text, least, most);
+        return good
+                   ? std::string()
+                   : fmt::format("\"{}\" is no number from {} to {}", printable(text), least, most);
+    };
+    return CLI::Validator(refuse, "");
+}
+
+// Refuses what is none of the names.
+CLI::Validator oneOf(const std::vector<std::string>& names) {
+    const auto refuse = [&names](const std::string& text) {
+        return std::ranges::find(names, text) != names.end()
+                   ? std::string()
+                   : fmt::format("\"{}\" is not {}", printable(text), listOf(names));
     };
     return CLI::Validator(refuse, "");
 }
@@ -103,7 +118,7 @@ public:
             .add_option_function<std::string>(
                 names_, [&choice](const std::string& name) { choice.take(name); },
                 option_.description)
-            ->check(CLI::IsMember(choice.names).description(""));
+            ->check(oneOf(choice.names));
     }
 
 private:
@@ -151,12 +166,54 @@ void declare(CLI::App& app, const Command& command) {
     added.require_subcommand(command.subcommands().empty() ? 0 : 1);
 }
 
-// The command whose name was given last: "add" of "key add".
-// NOLINTNEXTLINE(misc-no-recursion): as above
-const Command& commandOf(const CLI::App& app, const std::deque<Command>& commands) {
-    const CLI::App& given = *app.get_subcommands().front();
-    const Command& found = *std::ranges::find(commands, given.get_name(), &Command::name);
-    return found.subcommands().empty() ? found : commandOf(given, found.subcommands());
+// "key" and "add", when these were given.
+CommandPath pathOf(const CLI::App& app, const Cli& cli) {
+    CommandPath path;
+    const std::deque<Command>* commands = &cli.commands();
+    for (const CLI::App* given = &app; !given->get_subcommands().empty();) {
+        given = given->get_subcommands().front();
+        path.push_back(&*std::ranges::find(*commands, given->get_name(), &Command::name));
+        commands = &path.back()->subcommands();
+    }
+    return path;
+}
+
+// What stands in front of `end` in the parser's words.
+std::string before(const char* end, const std::string& words) {
+    return words.substr(0, words.find(end));
+}
+
+// The parser's findings in the user's words. It has taken what it knows of the line; the rest is
+// what remains.
+std::string wordsOf(const CLI::ParseError& error, const CLI::App& app, const Cli& cli) {
+    const CommandPath path = pathOf(app, cli);
+    const auto& commands = path.empty() ? cli.commands() : path.back()->subcommands();
+    const std::vector<std::string> rest = app.remaining(true);
+    if (!rest.empty() && error.get_name() != "ArgumentMismatch") {
+        const std::string& word = rest.front();
+        if (word.starts_with('-')) {
+            return unknownOption(path, cli.program(), word);
+        }
+        return commands.empty() ? surplusArgument(path, word)
+                                : unknownCommand(path, commands, word);
+    }
+    if (error.get_name() == "RequiredError") {
+        return commands.empty() ? missingArgument(path, before(" is required", error.what()))
+                                : missingCommand(path, commands);
+    }
+    if (error.get_name() == "ArgumentMismatch") {
+        return missingValue(path, cli.program(), before(":", error.what()));
+    }
+    const std::string words = error.what();
+    const std::string excludes = " excludes ";
+    if (error.get_name() == "ExcludesError" && words.find(excludes) != std::string::npos) {
+        const std::string one = before(excludes.c_str(), words);
+        const std::string other = words.substr(one.size() + excludes.size());
+        // The parser meets them in no order.
+        return otherMisuse(path, fmt::format("{} and {} do not go together", std::min(one, other),
+                                             std::max(one, other)));
+    }
+    return otherMisuse(path, words);
 }
 
 // The parser of all that `cli` declares.
@@ -170,6 +227,21 @@ void declare(CLI::App& app, const Cli& cli) {
     for (const Command& command : cli.commands()) {
         declare(app, command);
     }
+}
+
+// The same with the record that may have been meant, if one has a name like that.
+Failure withNearest(const NoRecord& missing, Database& database) {
+    std::string nearest;
+    try {
+        const Hold hold = database.enter(Access::kRead);
+        nearest = nearestRecord(missing.path());
+    } catch (const std::exception&) {  // what the command met first is told
+        return missing;
+    }
+    return nearest.empty()
+               ? Failure(missing)
+               : Failure(kMissing, std::string(missing.withoutAdvice()),
+                         Advice{fmt::format("did you mean {}?", nearest)}, missing.path());
 }
 
 // As other programs have it; none where these variables may be somebody else's.
@@ -237,10 +309,26 @@ int Cli::execute(int argc, const char* const* argv) {
                 return static_cast<int>(kOk);
             });
         }
-        output.fail(Failure(kUsage, fmt::format("{}; see `fstore --help`", error.what())));
+        output.fail(Failure(kUsage, wordsOf(error, app, *this)));
         return static_cast<int>(kUsage);
     }
-    return run(commandOf(app, commands_));
+    return run(*pathOf(app, *this).back());
+}
+
+std::string Cli::help(std::vector<std::string> words) const {
+    CLI::App app(program_.description(), program_.name());
+    declare(app, *this);
+    words.emplace_back("--help");
+    std::ranges::reverse(words);  // as the parser takes them
+    try {
+        app.parse(std::move(words));
+    } catch (const CLI::ParseError& error) {
+        const bool isAnswered = error.get_exit_code() == 0 && app.remaining(true).empty();
+        if (!isAnswered) {
+            throw Failure(kUsage, wordsOf(error, app, *this));
+        }
+    }
+    return app.help();
 }
 
 int Cli::run(const Command& command) {
@@ -258,7 +346,11 @@ int Cli::run(const Command& command) {
         Context context{globals_, output, standardInput, secret, database};
         int code = static_cast<int>(kOk);
         try {
-            code = exitCodeOf(command.run()(context));
+            try {
+                code = exitCodeOf(command.run()(context));
+            } catch (const NoRecord& missing) {
+                throw withNearest(missing, database);
+            }
         } catch (const std::exception&) {
             if (!output.json()) {
                 output.flush(Output::After::kFailure);  // what was found before the failure

@@ -14,6 +14,7 @@
 
 #include <deque>
 #include <string>
+#include <vector>
 
 #include "fstore/commands/command.h"
 #include "fstore/commands/globals.h"
@@ -44,6 +45,10 @@ public:
 
     // Runs the command that the arguments name, and reports its failure; the exit code.
     int execute(int argc, const char* const* argv);
+
+    // What --help prints of the program, or of the command that the words name. Throws kUsage for
+    // words that name none.
+    std::string help(std::vector<std::string> words) const;
 
     // The program's own options, and its commands.
     const Command& program() const noexcept { return program_; }

@@ -36,6 +36,13 @@ Option& Command::add(Option::Target target, std::string description) {
     return option;
 }
 
+const Option* Command::find(const std::string& name) const {
+    const auto found = std::ranges::find_if(options_, [&](const Option& option) {
+        return option.isArgument() ? option.type == name : option.isCalled(name);
+    });
+    return found != options_.end() ? &*found : nullptr;
+}
+
 Command& Command::subcommand(std::string name, std::string description, Run run) {
     return subcommands_.emplace_back(std::move(name), std::move(description), std::move(run));
 }

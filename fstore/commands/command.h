@@ -110,6 +110,8 @@ public:
     // In the order of the help.
     const std::deque<Option>& options() const noexcept { return options_; }
     const std::deque<Command>& subcommands() const noexcept { return subcommands_; }
+    // "--output" or "-o", or the name of an argument; null for none.
+    const Option* find(const std::string& name) const;
 
 private:
     Option& add(Option::Target target, std::string description);

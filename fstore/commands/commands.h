@@ -32,6 +32,7 @@ void addRestore(Cli& cli);
 void addCompletion(Cli& cli);
 void addDump(Cli& cli);
 void addInfo(Cli& cli);
+void addHelp(Cli& cli);
 
 inline void addCommands(Cli& cli) {
     addInit(cli);
@@ -60,6 +61,7 @@ inline void addCommands(Cli& cli) {
     addCompletion(cli);
     addDump(cli);
     addInfo(cli);
+    addHelp(cli);
 }
 
 }  // namespace fstore

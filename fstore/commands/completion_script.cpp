@@ -30,15 +30,9 @@ struct Line {
     std::optional<std::string> folder;  // of --dir
 };
 
-const Option* optionOf(const Command& command, const std::string& name) {
-    const auto called = [&](const Option& option) { return option.isCalled(name); };
-    const auto found = std::ranges::find_if(command.options(), called);
-    return found != command.options().end() ? &*found : nullptr;
-}
-
 const Option* optionOf(const Cli& cli, const Command* command, const std::string& name) {
-    const Option* const own = command != nullptr ? optionOf(*command, name) : nullptr;
-    return own != nullptr ? own : optionOf(cli.program(), name);
+    const Option* const own = command != nullptr ? command->find(name) : nullptr;
+    return own != nullptr ? own : cli.program().find(name);
 }
 
 // The commands of which one comes next; none when arguments do.

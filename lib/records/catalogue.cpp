@@ -8,6 +8,7 @@
 
 #include "format/record_name.h"
 #include "lib/base/error.h"
+#include "lib/base/nearest.h"
 #include "lib/records/descriptor.h"
 #include "lib/records/lookup.h"
 #include "lib/records/record.h"
@@ -202,7 +203,7 @@ std::vector<Address> placesOf(const AddressText& text) {
 Address resolve(std::string_view text) {
     Address address = resolveToRead(text);
     if (!Record::isThere(address)) {
-        throw noRecord(address.print());
+        throw NoRecord(address.print());
     }
     return address;
 }
@@ -211,7 +212,7 @@ Address resolveToRead(std::string_view text) {
     const AddressText wanted = parseAddress(text);
     if (wanted.form == AddressText::Form::kPlace) {
         if (!isFolder(wanted.place.folder)) {
-            throw noRecord(wanted.place.print());
+            throw NoRecord(wanted.place.print());
         }
         return wanted.place;
     }
@@ -219,7 +220,7 @@ Address resolveToRead(std::string_view text) {
                                            ? recordsOfName(wanted)
                                            : recordsOfDigest(wanted.digest);
     if (found.empty()) {
-        throw noRecord(text);
+        throw NoRecord(text);
     }
     if (found.size() > 1) {
         std::string names;
@@ -230,6 +231,32 @@ Address resolveToRead(std::string_view text) {
                       std::string(text));
     }
     return found[0];
+}
+
+std::string nearestRecord(std::string_view address) {
+    const AddressText wanted = parseAddress(address);
+    if (wanted.form == AddressText::Form::kPlace && isFolder(wanted.place.folder)) {
+        Nearest nearest(wanted.place.name);
+        for (const Address& record : recordsIn(wanted.place.folder)) {
+            nearest.offer(record.name);
+        }
+        return nearest.found().empty() ? "" : Address{wanted.place.folder, nearest.found()}.print();
+    }
+    const bool isBare = wanted.form == AddressText::Form::kBare;
+    Nearest nearest(isBare ? wanted.place.name : wanted.place.print());
+    std::string last, found;
+    Unread elsewhere;  // as in placesOf()
+    visitRecords(
+        [&](const Address& record) {
+            nearest.offer(isBare ? record.name : record.print());
+            if (nearest.found() != last) {
+                last = nearest.found();
+                found = record.print();
+            }
+            return true;
+        },
+        &elsewhere);
+    return wanted.form == AddressText::Form::kDigest ? "" : found;
 }
 
 }  // namespace fstore

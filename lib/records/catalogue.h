@@ -69,6 +69,10 @@ Address resolve(std::string_view text);
 // left moved aside.
 Address resolveToRead(std::string_view text);
 
+// The record whose address is the nearest to one that nothing has; empty when none is near. Reads
+// the folder that it names, or all.
+std::string nearestRecord(std::string_view address);
+
 }  // namespace fstore
 
 #endif  // LIB_RECORDS_CATALOGUE_H

@@ -68,7 +68,7 @@ void requireModest(const Address& address) {
         failWithErrno("examine", path);
     }
     if (!S_ISREG(status.st_mode)) {
-        throw noRecord(address.print());
+        throw NoRecord(address.print());
     }
     if (const auto size = static_cast<std::uint64_t>(status.st_size); size > kMostDescriptor) {
         throw tooLarge(path, size);
@@ -431,7 +431,7 @@ void checkRead(Status status, const Address& address) {
         return;
     }
     if (status == kMissing && !exists(descriptorPath(address))) {
-        throw noRecord(address.print());
+        throw NoRecord(address.print());
     }
     if (status == kMissing || status == kIo) {
         requireFilesOf(address, status);
@@ -450,9 +450,8 @@ Failure noService() {
     return {kNoObject, "the store's modules cannot create a record"};
 }
 
-Failure noRecord(std::string_view address) {
-    return Failure(kMissing, fmt::format("there is no record {}; `fstore ls` lists all", address),
-                   std::string(address));
-}
+NoRecord::NoRecord(std::string_view address)
+    : Failure(kMissing, fmt::format("there is no record {}", address),
+              Advice{"`fstore ls` lists all"}, std::string(address)) {}
 
 }  // namespace fstore

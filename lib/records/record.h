@@ -156,9 +156,14 @@ private:
 // Throws what is wrong with a record unless `status`, that of reading it, is kOk.
 void checkRead(Status status, const Address& address);
 
-// What is thrown where the modules give no object, and for an address without a record.
+// What is thrown where the modules give no object.
 Failure noService();
-Failure noRecord(std::string_view address);
+
+// There is no record of this address, which path() is, in the user's words.
+class NoRecord : public Failure {
+public:
+    explicit NoRecord(std::string_view address);
+};
 
 }  // namespace fstore
 

@@ -15,7 +15,7 @@ namespace fstore {
 RecordHead RecordHead::read(const Address& address) {
     const std::string path = descriptorPath(address);
     if (!exists(path)) {
-        throw noRecord(address.print());
+        throw NoRecord(address.print());
     }
     RecordHead head(address);
     std::vector<DescriptorLine> lines = readDescriptor(path);

@@ -113,7 +113,7 @@ void refuseChange(const Address& address, const RecordChange& change) {
                       address.print());
     }
     if (change.presence == RecordChange::Presence::kThere && !isThere) {
-        throw noRecord(address.print());
+        throw NoRecord(address.print());
     }
 }
 

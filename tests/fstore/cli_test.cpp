@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "fstore/commands/commands.h"
 #include "fstore/commands/completion_script.h"
 
 namespace fstore {
@@ -190,16 +191,66 @@ TEST_F(OptionTest, WrongLinesAreRefused) {
     for (const auto& line : lines) {
         EXPECT_EQ(2, run(line)) << testing::PrintToString(line);
         EXPECT_EQ("", out_);
-        EXPECT_NE(std::string::npos, err_.find("`fstore --help`")) << err_;
+        EXPECT_NE(std::string::npos, err_.find(" --help`")) << err_;
     }
     EXPECT_FALSE(ran_);
 }
 
+TEST_F(OptionTest, ErrorsSayWhatIsWrongAndWhatWasMeant) {
+    const struct {
+        std::vector<const char*> line;
+        const char* words;
+    } rows[] = {
+        {{}, "name a command, such as \"fstore ls\"; see `fstore --help`"},
+        {{"prob"}, "there is no command \"fstore prob\"; did you mean \"probe\"?; see"},
+        {{"-q", "frobnicate", "a"},
+         "there is no command \"fstore frobnicate\"; see `fstore --help`"},
+        {{"scret"}, "there is no command \"fstore scret\"; see"},  // that one is hidden
+        {{"a\nb"}, "there is no command \"fstore a\\x0ab\"; see"},
+        {{"probe"}, "\"fstore probe\" needs ADDRESS (What to look at); see `fstore probe --help`"},
+        {{"probe", "a", "--forse"},
+         "\"fstore probe\" has no option --forse; did you mean \"--force\"?"},
+        {{"probe", "a", "--jsno"},
+         "\"fstore probe\" has no option --jsno; did you mean \"--json\"?"},
+        {{"probe", "a", "--cots=3"},
+         "\"fstore probe\" has no option --cots; did you mean \"--cost\"?"},
+        {{"--frobnicate"}, "\"fstore\" has no option --frobnicate; see `fstore --help`"},
+        {{"probe", "a", "--output"}, "--output needs a value: --output FILE; see `fstore probe"},
+        {{"probe", "a", "--dir"}, "--dir needs a value: --dir DIR; see"},
+        {{"secret", "word"}, "\"word\" is one argument too many for \"fstore secret\"; see"},
+        {{"probe", "a", "-f", "--still"},
+         "--force and --still do not go together; see `fstore probe"},
+        {{"help", "prob"}, "there is no command \"fstore prob\"; did you mean \"probe\"?"},
+    };
+    addHelp(cli_);
+    for (const auto& row : rows) {
+        EXPECT_EQ(2, run(row.line)) << row.words;
+        EXPECT_EQ(0u, err_.find("fstore: error: " + std::string(row.words))) << row.words << "\n"
+                                                                             << err_;
+    }
+}
+
+TEST_F(OptionTest, HelpAndVersionAreCommandsToo) {
+    addHelp(cli_);
+    EXPECT_EQ(0, run({"-q", "help"})) << err_;
+    for (const char* const part : {"fstore [OPTIONS]", "  probe ", "  version "}) {
+        EXPECT_NE(std::string::npos, out_.find(part)) << out_;
+    }
+    EXPECT_EQ(0, run({"probe", "--help"}));
+    const std::string ofProbe = out_;
+    EXPECT_EQ(0, run({"help", "probe"})) << err_;
+    EXPECT_EQ(ofProbe, out_);
+    EXPECT_EQ(0, run({"--version"}));
+    const std::string version = out_;
+    EXPECT_EQ(0, run({"version"}));
+    EXPECT_EQ(version, out_);
+}
+
 TEST_F(OptionTest, ErrorsNameBoundsAndChoices) {
     EXPECT_EQ(2, run({"probe", "a", "--cost", "13"}));
-    EXPECT_NE(std::string::npos, err_.find("--cost: Value 13 not in range 14 to 22")) << err_;
+    EXPECT_NE(std::string::npos, err_.find("--cost: \"13\" is no number from 14 to 22")) << err_;
     EXPECT_EQ(2, run({"probe", "a", "--paint", "green"}));
-    EXPECT_NE(std::string::npos, err_.find("--paint: green not in {red,blue}")) << err_;
+    EXPECT_NE(std::string::npos, err_.find("--paint: \"green\" is not red or blue")) << err_;
 }
 
 TEST_F(OptionTest, EnvironmentComesAfterTheLine) {

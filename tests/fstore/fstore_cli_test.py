@@ -20,7 +20,7 @@ class UsageTest(FstoreTest):
             with self.subTest(args=args):
                 run = self.run_tool(*args, code=2)
                 self.assertEqual(b"", run.out)
-                self.assertIn("fstore --help", run.message)
+                self.assertIn(" --help`", run.message)
 
     def test_usage_errors_are_json_when_asked_for(self):
         self.fails(2, "usage", "nonsense")

@@ -153,6 +153,12 @@ class AddressTest(InitialisedTest):
             self.assertIn(f"there is no record {address}; `fstore ls` lists all",
                           self.fails(50, "missing", "show", address))
 
+    def test_of_nothing_names_the_nearest(self):
+        for address, nearest in [("settings/bath", "settings/both"), ("setings/a", "settings/a"),
+                                 ("bothh", "keys/both")]:
+            self.assertIn(f"there is no record {address}; did you mean {nearest}?",
+                          self.fails(50, "missing", "show", address))
+
     def test_that_leads_elsewhere_is_refused(self):
         for address in ["../a", "settings/../../a", "settings/", "sha256:xyz", ""]:
             self.fails(4, "invalid", "show", address)
