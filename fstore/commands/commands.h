@@ -22,6 +22,7 @@ void addSet(Cli& cli);
 void addUnset(Cli& cli);
 void addMv(Cli& cli);
 void addRm(Cli& cli);
+void addPrune(Cli& cli);
 void addPut(Cli& cli);
 void addGet(Cli& cli);
 void addKey(Cli& cli);
@@ -51,6 +52,7 @@ inline void addCommands(Cli& cli) {
     addUnset(cli);
     addMv(cli);
     addRm(cli);
+    addPrune(cli);
     addPut(cli);
     addGet(cli);
     addKey(cli);

@@ -1,6 +1,9 @@
 // fstore ls: the records of the database or of one folder, with their expiry.
 #include <algorithm>
+#include <limits>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -11,6 +14,8 @@
 #include "lib/records/filter.h"
 #include "lib/records/record_info.h"
 #include "lib/work/find.h"
+#include "lib/work/key_states.h"
+#include "lib/work/successors.h"
 
 namespace fstore {
 namespace {
@@ -21,22 +26,111 @@ constexpr std::int64_t kSoon = 30 * kDay;
 struct Options {
     FindRules rules;
     bool failOnMatch = false;
+    bool all = false;  // also what is superseded, of filters by expiry
+
+    bool asksForExpiry() const {
+        return rules.filters.expired || rules.filters.expiresWithin.has_value();
+    }
+    // Nothing but everything.
+    bool isPlain() const { return !rules.folder && Filter(rules.filters, now()).takesAll(); }
 };
 
-Cell expiryCell(const RecordInfo& info, std::int64_t at) {
-    if (!info.notAfter) {
-        return {};
+// How the records of the listing belong together.
+class Belongings {
+public:
+    Belongings(const Options& options, Database& database) : showsDays_(options.asksForExpiry()) {
+        // Who has more than this has other means; the listing itself takes no memory.
+        constexpr std::size_t kMost = 10'000;
+        if (options.asksForExpiry()) {
+            successors_ = Successors::among(ownRecords(database, options.rules.secrets,
+                                                       std::numeric_limits<std::size_t>::max()),
+                                            time_);
+        } else if (options.isPlain()) {
+            own_ = ownRecords(database, options.rules.secrets, kMost);
+            successors_ = Successors::among(own_, time_);
+            keys_ = KeyStates(own_);
+        }
     }
-    const std::string day = printTime(*info.notAfter).substr(0, 10);
-    const std::int64_t left = *info.notAfter - at;
-    if (left < 0) {
-        return {day + " expired", Style::kRed};
+
+    const RecordInfo* successorOf(const RecordInfo& info) const { return successors_.find(info); }
+
+    Cell expiryCell(const RecordInfo& info) const {
+        const KeyState* const state = keys_.find(info);
+        if (info.kind == Kind::kKey) {
+            return state != nullptr ? keyCell(*state) : Cell{};
+        }
+        if (info.kind == Kind::kRequest) {
+            return state != nullptr && isOpen(info, *state)
+                       ? Cell{"open since " + dayOf(*info.imported)}
+                       : Cell{};
+        }
+        if (info.notAfter && successorOf(info) != nullptr) {
+            return {dayOf(*info.notAfter) + " superseded", Style::kDim};
+        }
+        return info.notAfter ? timeCell(*info.notAfter) : Cell{};
     }
-    if (left < kSoon) {
-        return {fmt::format("{} in {} d", day, left / kDay), Style::kYellow};
+
+    Json json(const RecordInfo& info) const {
+        Json json = toJson(info);
+        if (showsDays_ && info.notAfter) {
+            json["daysLeft"] = std::max<std::int64_t>(*info.notAfter - time_, 0) / kDay;
+        }
+        if (const RecordInfo* const successor = successorOf(info)) {
+            json["supersededBy"] = jsonText(successor->address.print());
+        }
+        const KeyState* const state = keys_.find(info);
+        if (state != nullptr && info.kind == Kind::kKey) {
+            if (state->certificate != nullptr) {
+                json["certificate"] = jsonText(state->certificate->address.print());
+            }
+            if (state->isOpen) {
+                json["request"] = jsonText(state->request->address.print());
+            }
+        } else if (state != nullptr && info.kind == Kind::kRequest) {
+            json["open"] = isOpen(info, *state);
+        }
+        return json;
     }
-    return {day};
-}
+
+private:
+    static std::string dayOf(std::int64_t time) {
+        constexpr std::size_t kLength = 10;
+        return printTime(time).substr(0, kLength);
+    }
+
+    static bool isOpen(const RecordInfo& request, const KeyState& state) {
+        return state.isOpen && state.request->address == request.address;
+    }
+
+    Cell timeCell(std::int64_t notAfter) const {
+        const std::string day = dayOf(notAfter);
+        const std::int64_t left = notAfter - time_;
+        if (left < 0) {
+            return {day + " expired", Style::kRed};
+        }
+        if (left < kSoon || showsDays_) {
+            return {fmt::format("{} in {} d", day, left / kDay),
+                    left < kSoon ? Style::kYellow : Style::kPlain};
+        }
+        return {day};
+    }
+
+    // When its certificate ends, and since when one is asked for.
+    Cell keyCell(const KeyState& state) const {
+        Cell cell = state.certificate != nullptr ? timeCell(*state.certificate->notAfter) : Cell{};
+        if (state.isOpen) {
+            cell.text += fmt::format("{}requested {}", cell.text.empty() ? "" : ", ",
+                                     dayOf(*state.request->imported));
+        }
+        return cell;
+    }
+
+    const bool showsDays_;
+    const std::int64_t time_ = now();
+    std::vector<RecordInfo> own_;
+    Successors successors_;
+    KeyStates keys_;
+};
 
 // The rows of the records come in their order, before those of the damaged ones.
 constexpr char kRecords = '0';
@@ -47,25 +141,27 @@ class Rows {
 public:
     virtual ~Rows() = default;
     virtual void add(const RecordInfo& info) = 0;
-    virtual void print(const Missed& missed, Output& output) = 0;
+    // `leftOut` records were left out because they are superseded.
+    virtual void print(const Missed& missed, std::size_t leftOut, Output& output) = 0;
 };
 
 class TextRows : public Rows {
 public:
-    explicit TextRows(FindRules::Order order) : order_(order) {}
+    TextRows(FindRules::Order order, const Belongings& belongings)
+        : order_(order), belongings_(belongings) {}
 
     void add(const RecordInfo& info) override {
         const bool secret = info.bodyEncrypted;
         table_.add({{info.address.print()},
                     {nameOf(info.kind) + std::string(secret ? ", encrypted" : ""), Style::kDim},
-                    expiryCell(info, at_),
+                    belongings_.expiryCell(info),
                     {info.keyAlgorithm},
                     {info.subject},
                     {info.label}},
                    kRecords + orderKey(info, order_));
     }
 
-    void print(const Missed& missed, Output& output) override {
+    void print(const Missed& missed, std::size_t leftOut, Output& output) override {
         for (const auto& [address, failure] : missed.damaged) {
             const Cell what = failure.isDenied() ? Cell{"unreadable", Style::kYellow}
                                                  : Cell{"damaged", Style::kRed};
@@ -80,11 +176,15 @@ public:
         for (const Failure& failure : missed.unread) {
             output.warn(failure.what());
         }
+        if (leftOut != 0) {
+            output.note(fmt::format("superseded by newer ones and left out: {}; --all lists them",
+                                    leftOut));
+        }
     }
 
 private:
     const FindRules::Order order_;
-    const std::int64_t at_ = now();
+    const Belongings& belongings_;
     Table table_{{{"ADDRESS", false},
                   {"KIND", false},
                   {"EXPIRES", false},
@@ -95,13 +195,15 @@ private:
 
 class JsonRows : public Rows {
 public:
-    explicit JsonRows(FindRules::Order order) : order_(order) {}
+    JsonRows(FindRules::Order order, const Belongings& belongings)
+        : order_(order), belongings_(belongings) {}
 
     void add(const RecordInfo& info) override {
-        texts_.add(kRecords + orderKey(info, order_), toJson(info).print(Json::kLevelOfElements));
+        texts_.add(kRecords + orderKey(info, order_),
+                   belongings_.json(info).print(Json::kLevelOfElements));
     }
 
-    void print(const Missed& missed, Output& output) override {
+    void print(const Missed& missed, std::size_t leftOut, Output& output) override {
         for (const auto& [address, failure] : missed.damaged) {
             texts_.add(std::string(1, kDamaged),
                        failureToJson(address.print(), failure).print(Json::kLevelOfElements));
@@ -114,13 +216,16 @@ public:
         for (const Failure& failure : missed.unread) {
             unread.push_back({{"path", jsonText(failure.path())}, {"error", errorToJson(failure)}});
         }
-        output.document(
-            {{"records", Json()}, {"undated", std::move(undated)}, {"unread", std::move(unread)}},
-            {"records", [this](const Json::TextUser& each) { texts_.visit(each); }});
+        output.document({{"records", Json()},
+                         {"undated", std::move(undated)},
+                         {"superseded", leftOut},
+                         {"unread", std::move(unread)}},
+                        {"records", [this](const Json::TextUser& each) { texts_.visit(each); }});
     }
 
 private:
     const FindRules::Order order_;
+    const Belongings& belongings_;
     SortedTexts texts_;
 };
 
@@ -138,18 +243,25 @@ Status run(const Options& options, Context& context) {
                  now());  // what cannot be read is told before anything is asked
     const Hold hold = context.database.enter(Access::kRead, needFor(options.rules.secrets));
     const FindRules::Order order = options.rules.order;
+    const Belongings belongings(options, context.database);
     std::unique_ptr<Rows> rows;
     if (context.output.json()) {
-        rows = std::make_unique<JsonRows>(order);
+        rows = std::make_unique<JsonRows>(order, belongings);
     } else {
-        rows = std::make_unique<TextRows>(order);
+        rows = std::make_unique<TextRows>(order, belongings);
     }
     bool isListed = false;
+    std::size_t leftOut = 0;
+    const bool leavesOut = options.asksForExpiry() && !options.all;
     const Missed missed = visitFound(context.database, options.rules, [&](const RecordInfo& info) {
+        if (leavesOut && belongings.successorOf(info) != nullptr) {
+            ++leftOut;  // nobody waits for it
+            return;
+        }
         isListed = true;
         rows->add(info);
     });
-    rows->print(missed, context.output);
+    rows->print(missed, leftOut, context.output);
     if (!missed.undated.empty()) {
         context.output.warn(fmt::format(
             "when {} of the records expire could not be read{}", missed.undated.size(),
@@ -173,6 +285,8 @@ void addLs(Cli& cli) {
                                                   {"subject", FindRules::Order::kSubject}}),
                    "By name, expiry or subject");
     command.flag("--fail", &options->failOnMatch, "Exit with 3 if a record is listed, for cron");
+    command.flag("--all", &options->all,
+                 "Of what expires, also what a newer certificate or CRL supersedes");
     command.flag("-u,--unlock", &options->rules.secrets,
                  "Take the password, and look at encrypted parts too");
     addFilters(command, options->rules.filters);

@@ -226,10 +226,13 @@ bool Filter::matchesKey(const RecordInfo& info) const {
     if (!needsKeys()) {
         return true;
     }
+    if (filters_.own && info.kind != Kind::kCertificate) {
+        return info.kind == Kind::kKey || info.kind == Kind::kRequest || info.kind == Kind::kCrl;
+    }
     if (info.kind != Kind::kCertificate && info.kind != Kind::kRequest) {
         return false;
     }
-    return (!info.keySha256.empty() && keys_.contains(info.keySha256)) == filters_.hasKey;
+    return (!info.keySha256.empty() && keys_.contains(info.keySha256)) == !filters_.noKey;
 }
 
 }  // namespace fstore

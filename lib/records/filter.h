@@ -25,6 +25,9 @@ struct Filters {
     bool hasKey = false;
     bool noKey = false;
     std::vector<std::string> attributes;  // "ID" or "ID=VALUE"
+    // Keys, requests, CRLs, and of certificates those whose key is in the database: what is one's
+    // own, in a database that has many of others.
+    bool own = false;
 };
 
 // Whether a key's algorithm is one of the pattern's: "RSA" means "RSA-2048" as well.
@@ -40,7 +43,7 @@ public:
     Filter(const Filters& filters, std::int64_t now);
 
     // Whether matches() needs to know the keys of the database.
-    bool needsKeys() const noexcept { return filters_.hasKey || filters_.noKey; }
+    bool needsKeys() const noexcept { return filters_.hasKey || filters_.noKey || filters_.own; }
     // The digests (RecordInfo::keySha256) of the keys that the database has.
     void setKeys(std::set<std::string> keys) { keys_ = std::move(keys); }
 

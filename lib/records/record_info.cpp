@@ -67,6 +67,8 @@ void addBytes(RecordInfo& info, unsigned int id, std::span<const unsigned char> 
             return set(info.sha256);
         case attr::kKeySha256:
             return set(info.keySha256);
+        case attr::kAuthorityKeyId:
+            return set(info.authorityKeyId);
         default:
             return addText(info, id, asText(bytes));  // so a text is kept encrypted
     }

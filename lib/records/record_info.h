@@ -22,7 +22,7 @@ struct RecordInfo {
     Kind kind = Kind::kUnknown;
     std::string label, subject, issuer, keyAlgorithm;
     std::vector<std::string> altNames;
-    std::string serial, sha256, keySha256;  // hexadecimal digits
+    std::string serial, sha256, keySha256, authorityKeyId;  // hexadecimal digits
     std::optional<std::int64_t> notBefore, notAfter, imported;
     bool isCa = false;
     bool hasBody = false, bodyEncrypted = false;

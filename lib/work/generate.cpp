@@ -59,6 +59,7 @@ void refuseTaken(const std::string& name) {
 
 std::vector<const PkiObject*> pointersTo(const std::vector<PkiObject>& objects) {
     std::vector<const PkiObject*> pointers;
+    pointers.reserve(objects.size());
     for (const PkiObject& object : objects) {
         pointers.push_back(&object);
     }
@@ -202,14 +203,13 @@ Generated generate(Database& database, const GenerateRules& rules) {
 }
 
 Generated requestFor(Database& database, const std::string& key,
-                     const std::optional<RequestText>& text) {
-    std::optional<RequestContent> content;
-    if (text) {
-        content.emplace(withKinds(*text));
+                     const std::optional<RequestText>& content) {
+    std::optional<RequestContent> asked;
+    if (content) {
+        asked.emplace(withKinds(*content));
     }
     const Signed made = withSecrets(
-        database, Access::kRead, [&] { return signRequest(database, key, content); },
-        Need::kSecrets);
+        database, Access::kRead, [&] { return signRequest(database, key, asked); }, Need::kSecrets);
     const ImportRules rules{
         .name = made.key.address.name, .label = made.key.label, .replace = true};
     const Hold hold = enterForImport(database, rules, {&made.request});
@@ -218,7 +218,7 @@ Generated requestFor(Database& database, const std::string& key,
     Generated generated;
     generated.records.push_back(importer.import(made.request, {}));
     generated.request = made.request.der;
-    generated.namesNoHost = text && !text->isCa && made.namesNoHost;
+    generated.namesNoHost = content && !content->isCa && made.namesNoHost;
     return generated;
 }
 

@@ -50,6 +50,11 @@ std::vector<Failure> unreadOf(const Listing& listing) {
     return failures;
 }
 
+bool isInForce(const RecordInfo& certificate, std::int64_t time) {
+    return certificate.notBefore && certificate.notAfter && *certificate.notBefore <= time &&
+           time <= *certificate.notAfter;
+}
+
 std::string folded(std::string_view name) {
     std::string text;
     for (const char c : name) {

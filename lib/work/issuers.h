@@ -5,6 +5,7 @@
 #ifndef LIB_WORK_ISSUERS_H
 #define LIB_WORK_ISSUERS_H
 
+#include <cstdint>
 #include <set>
 #include <span>
 #include <string>
@@ -25,6 +26,9 @@ Listing listWithSecrets(Database& database);
 
 // What of it could not be read.
 std::vector<Failure> unreadOf(const Listing& listing);
+
+// Whether its record says that it is in force at this time.
+bool isInForce(const RecordInfo& certificate, std::int64_t time);
 
 // A name for comparison: names that differ in nothing but capitals and blanks may be the same one.
 std::string folded(std::string_view name);

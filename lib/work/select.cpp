@@ -62,11 +62,6 @@ bool isBefore(const RecordInfo& a, const RecordInfo& b, std::string_view host) {
            std::tie(coverOfA, a.notBefore, a.notAfter, b.sha256, b.address);
 }
 
-bool isInForce(const RecordInfo& certificate, std::int64_t time) {
-    return certificate.notBefore && certificate.notAfter && *certificate.notBefore <= time &&
-           time <= *certificate.notAfter;
-}
-
 // The certificates for the host, the best first.
 Infos coveringIn(const Infos& records, const Selector& selector) {
     Infos covering;

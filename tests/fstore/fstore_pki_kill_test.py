@@ -1,11 +1,15 @@
 #!/usr/bin/env python3
 """generate, import, export, backup and restore die in front of each call: nothing is lost."""
 
+import atexit
 import os
+import pathlib
 import shutil
+import tempfile
 
 import pki
 import support
+from authority import Authority
 from kill import KillTest, Workload
 
 
@@ -66,6 +70,33 @@ class RequestAgain(Generate):
         super().verify(folder)
         _, digests = self.listed(folder)
         assert self.made <= set(digests), digests
+
+
+class Prune(Workload):
+    """What was renewed and has expired is there or gone; everything else is there."""
+
+    args = ("prune", "--yes")
+
+    def __init__(self, template):
+        super().__init__(template)
+        place = pathlib.Path(tempfile.mkdtemp(prefix="fstore-authority-"))
+        atexit.register(shutil.rmtree, place)
+        authority = Authority(place, "Root")
+        self.lists = [("older", authority.crl(-40, -2)), ("old", authority.crl(-20, -1)),
+                      ("new", authority.crl(-1, 30))]
+
+    def prepare(self, folder):
+        for name, crl in self.lists:
+            run = support.fstore("-D", folder, "import", "-", "--name", name, stdin=crl)
+            assert run.code == 0, run
+
+    def verify(self, folder):
+        super().verify(folder)
+        run = support.fstore("-D", folder, *self.args)
+        assert run.code == 0, run
+        super().verify(folder)
+        _, digests = self.listed(folder)
+        assert [name for name in digests if name.startswith("crls/")] == ["crls/new"], digests
 
 
 class Move(Import):
@@ -182,6 +213,9 @@ class PkiKillTest(KillTest):
 
     def test_generate_with_faults(self):
         self.fail_everywhere(Generate)
+
+    def test_prune(self):
+        self.kill_everywhere(Prune)
 
     def test_move(self):
         self.kill_everywhere(Move)

@@ -1,0 +1,207 @@
+#!/usr/bin/env python3
+"""Renewals: what is superseded, what ls says of keys and alarms, what prune removes."""
+
+import datetime
+import pathlib
+
+import support
+from authority import Authority
+from pki import openssl
+from support import InitialisedTest
+
+HOST = "www.example.com"
+
+
+def today(days=0):
+    return (datetime.datetime.now(datetime.timezone.utc)
+            + datetime.timedelta(days=days)).strftime("%Y-%m-%d")
+
+
+class RenewalTest(InitialisedTest):
+    """An authority, and two keys whose requests it has signed or will."""
+
+    @classmethod
+    def fill(cls, folder):
+        cls.authority = Authority(folder, "Root")
+        cls.requests = {}
+        for name, sans in ("a", (HOST,)), ("b", (HOST, "b.example.com")):
+            words = [word for san in sans for word in ("--san", san)]
+            run = support.fstore("-D", folder, "generate", name, "--request", *words)
+            assert run.code == 0, run.message
+            cls.requests[name] = run.out
+            run = support.fstore("-D", folder, "rm", f"crm/{name}")
+            assert run.code == 0, run.message
+
+    def add(self, contents, name):
+        """Imports it under this name; its address."""
+        run = self.run_tool("import", "-", "--name", name, "--json", stdin=contents)
+        return run.document["records"][0]["address"]
+
+    def certify(self, key, begin, end, name):
+        return self.add(self.authority.sign(self.requests[key], begin, end), name)
+
+    def alarm(self, *options, code=0):
+        """What rings within 30 days, and how many others do not."""
+        run = self.run_tool("ls", "--expires-within", "30d", "--json", *options, code=code)
+        return ([record["address"] for record in run.document["records"]],
+                run.document["superseded"])
+
+
+class SupersededTest(RenewalTest):
+    def test_alarm_leaves_out_what_was_renewed(self):
+        old = self.certify("a", -80, 10.5, "old")
+        self.assertEqual(([old], 0), self.alarm("--fail", code=3))
+        self.certify("b", -1, 89, "new")
+        self.assertEqual(([], 1), self.alarm("--fail"))
+        self.assertEqual(([old], 0), self.alarm("--all", "--fail", code=3))
+        run = self.run_tool("ls", "--expires-within", "30d")
+        self.assertEqual("fstore: superseded by newer ones and left out: 1; --all lists them\n",
+                         run.message)
+        self.assertNotIn("old", run.text)
+
+    def test_marks_and_days(self):
+        self.certify("a", -80, 10.5, "old")
+        new = self.certify("a", -1, 89.5, "new")
+        self.assertRegex(self.run_tool("ls").text,
+                         rf"certificates/local/old .*{today(10.5)} superseded")
+        listed = {record["address"]: record for record in
+                  self.run_tool("ls", "--json", "--expires-within", "1y", "--all").document["records"]}
+        self.assertEqual((new, 10), (listed["certificates/local/old"]["supersededBy"],
+                                    listed["certificates/local/old"]["daysLeft"]))
+        self.assertNotIn("supersededBy", listed[new])
+        self.assertRegex(self.run_tool("ls", "--expires-within", "1y").text,
+                         rf"{today(89.5)} in 89 d")
+
+    def test_what_does_not_supersede(self):
+        old = self.certify("b", -80, 10.5, "old")
+        rows = [("has fewer names", "a", -1, 89), ("is not in force yet", "b", 1, 89),
+                ("has expired", "b", -20, -1), ("began before", "b", -90, 89)]
+        for number, (reason, key, begin, end) in enumerate(rows):
+            with self.subTest(reason):
+                address = self.certify(key, begin, end, f"other{number}")
+                self.assertIn(old, self.alarm()[0])
+                self.run_tool("rm", address)
+        with self.subTest("has no key here"):
+            request = openssl("req", "-new", "-newkey", "ed25519", "-nodes", "-keyout", "/dev/null",
+                              "-subj", "/CN=x", "-addext",
+                              f"subjectAltName=DNS:{HOST},DNS:b.example.com")
+            self.add(self.authority.sign(request, -1, 89), "foreign")
+            self.assertIn(old, self.alarm()[0])
+        self.certify("b", -1, 89, "new")
+        self.assertEqual(([], 1), self.alarm())
+
+    def test_issuer_plays_no_part(self):
+        self.certify("a", -80, 10.5, "old")
+        (self.folder / "other").mkdir()
+        self.add(Authority(self.folder / "other", "Other").sign(self.requests["a"], -1, 89), "new")
+        self.assertEqual(([], 1), self.alarm())
+
+    def test_crl(self):
+        old = self.add(self.authority.crl(-20, 10), "old")
+        self.assertEqual(([old], 0), self.alarm())
+        (self.folder / "other").mkdir()
+        self.add(Authority(self.folder / "other", "Other").crl(-1, 60), "foreign")
+        self.assertEqual(([old], 0), self.alarm())
+        self.add(self.authority.crl(-1, 60), "new")
+        self.assertEqual(([], 1), self.alarm())
+
+    def test_encrypted_ones_are_seen_when_unlocked(self):
+        old = self.certify("a", -80, 10.5, "old")
+        self.run_tool("import", "-", "--name", "new", "--encrypt",
+                      stdin=self.authority.sign(self.requests["a"], -1, 89))
+        self.assertEqual([old], self.alarm()[0])
+        self.assertEqual(([], 1), self.alarm("--unlock"))
+
+
+class PruneTest(RenewalTest):
+    def pruned(self, *options):
+        return [record["address"] for record in
+                self.run_tool("prune", *options, "--json").document["records"]]
+
+    def test_lists_and_removes_what_expired_and_was_renewed(self):
+        gone = [self.certify("a", -90, -2, "old"), self.add(self.authority.crl(-40, -2), "older")]
+        kept = [self.certify("a", -80, 10.5, "last"),  # superseded, and in force still
+                self.certify("b", -80, -2, "alone"),  # expired, and never renewed
+                self.certify("a", -1, 89, "new"), self.add(self.authority.crl(-1, 30), "newer")]
+        before = self.files()
+        self.assertEqual(gone, self.pruned())
+        self.assertRegex(self.run_tool("prune").message, "2 can be removed; --yes does it")
+        self.assertEqual(before, self.files())
+        run = self.run_tool("prune", "--yes")
+        self.assertEqual("".join(f"fstore: removed {address}\n" for address in gone), run.message)
+        self.assertEqual(sorted([*kept, "keys/a", "keys/b"]), self.records())
+        self.assertEqual([], self.pruned("--yes"))
+        self.assert_sound()
+
+    def test_forged_list_takes_no_place(self):
+        self.add(self.authority.certificate.read_bytes(), "root")
+        self.add(self.authority.crl(-40, -2), "older")
+        (self.folder / "false").mkdir()
+        forger = Authority(self.folder / "false", "Root")
+        self.add(forger.crl(-1, 30), "forged")
+        self.assertEqual([], self.pruned())
+        self.add(self.authority.crl(-3, 30), "newer")
+        self.run_tool("rm", "crls/forged")
+        self.assertEqual(["crls/older"], self.pruned())
+
+    def test_needs_no_password_and_keeps_keys(self):
+        self.certify("a", -90, -2, "old")
+        self.certify("b", -1, 89, "new")
+        self.run_tool("prune", "--yes", password=None)
+        self.assertEqual(["certificates/local/new", "keys/a", "keys/b"], self.records())
+
+
+class CircleTest(RenewalTest):
+    """generate, sign, import, deploy, renew, prune."""
+
+    def expires(self, name):
+        """What the list says of the expiry of the record."""
+        for line in self.run_tool("ls").text.splitlines():
+            if line.startswith(f"{name} "):
+                columns = [column for column in line.split("  ") if column]
+                return columns[2].strip()
+        raise AssertionError(name)
+
+    def test_key_request_and_certificate_are_one_thing(self):
+        request = self.run_tool("generate", "www", "--request", "--san", HOST).out
+        self.assertEqual(f"requested {today()}", self.expires("keys/www"))
+        self.assertEqual(f"open since {today()}", self.expires("crm/www"))
+        first = self.add(self.authority.sign(request, -80, 10.5), "www")
+        self.assertEqual("certificates/local/www", first)
+        self.assertRegex(self.expires("keys/www"), rf"\A{today(10.5)} in 10 d\Z")
+        listed = {record["address"]: record for record in
+                  self.run_tool("ls", "--json").document["records"]}
+        self.assertEqual(first, listed["keys/www"]["certificate"])
+        self.assertFalse(listed["crm/www"]["open"])
+        self.run_tool("deploy", HOST, "--chain", "www.pem", "--ref", "www.pem")
+        self.run_tool("verify", first, code=3)  # whose root is not here yet
+        self.add(self.authority.certificate.read_bytes(), "root")
+        self.run_tool("verify", first)
+        # The renewal, with another key.
+        request = self.run_tool("generate", "www2", "--request", "--san", HOST).out
+        second = self.add(self.authority.sign(request, -1, 89), "www2")
+        self.assertEqual(([], 1), self.alarm("--fail"))
+        run = self.run_tool("deploy", HOST, "--chain", "www.pem", "--ref", "www.pem")
+        self.assertIn(f"deployed {second}", run.message)
+        self.assertEqual([], self.run_tool("prune", "--json").document["records"])
+        self.assert_sound()
+
+    def test_request_is_open_again_after_a_renewal_began(self):
+        request = self.run_tool("generate", "www", "--request", "--san", HOST).out
+        self.add(self.authority.sign(request, -80, 10.5), "www")
+        # As if a day had gone by.
+        descriptor = pathlib.Path(self.folder / "db/certificates/local/www.dsc")
+        lines = [f"00000004 00000111 {today(-1)}T00:00:00Z" if " 00000111 " in line else line
+                 for line in descriptor.read_text().splitlines()]
+        descriptor.write_text("\n".join(lines) + "\n")
+        self.run_tool("request", "www")
+        self.assertEqual(f"{today(10.5)} in 10 d, requested {today()}", self.expires("keys/www"))
+
+    def test_own_signature_is_no_answer(self):
+        self.run_tool("generate", "own", "--request", "--self-signed", 40, "--san", HOST,
+                      "-o", "own.csr")
+        self.assertEqual(f"{today(40)}, requested {today()}", self.expires("keys/own"))
+
+
+if __name__ == "__main__":
+    support.main()
