@@ -12,6 +12,7 @@ void addRequest(Cli& cli);
 void addImport(Cli& cli);
 void addLs(Cli& cli);
 void addShow(Cli& cli);
+void addTree(Cli& cli);
 void addVerify(Cli& cli);
 void addExport(Cli& cli);
 void addRef(Cli& cli);
@@ -42,6 +43,7 @@ inline void addCommands(Cli& cli) {
     addImport(cli);
     addLs(cli);
     addShow(cli);
+    addTree(cli);
     addVerify(cli);
     addExport(cli);
     addRef(cli);

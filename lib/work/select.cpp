@@ -185,6 +185,10 @@ Selected select(Database& database, const Selector& selector) {
     failWithout(selector, lacks, listing.damaged.size() + listing.unread.size());
 }
 
+bool covers(const RecordInfo& certificate, const std::string& host) {
+    return coverOf(certificate, host) != Cover::kNone;
+}
+
 const RecordInfo& mainOf(const Selected& selected, Selector::Type type) {
     return type == Selector::Type::kKey ? selected.key : selected.certificate;
 }

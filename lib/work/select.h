@@ -40,6 +40,9 @@ struct Selected {
 //   kMalformed  the certificate, or a CRL that may revoke it, is damaged
 Selected select(Database& database, const Selector& selector);
 
+// Whether one of the certificate's names covers the host, which hostNameOf() has returned.
+bool covers(const RecordInfo& certificate, const std::string& host);
+
 // The record that serves the host: the key for kKey, the certificate for every other type.
 const RecordInfo& mainOf(const Selected& selected, Selector::Type type);
 

@@ -1,0 +1,164 @@
+// fstore tree: certificates under their issuers.
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "fstore/commands/commands.h"
+#include "fstore/commands/record_json.h"
+#include "lib/base/time.h"
+#include "lib/work/forest.h"
+#include "lib/work/uri.h"
+
+namespace fstore {
+namespace {
+
+constexpr std::int64_t kDay = 24 * std::int64_t{60} * 60;
+
+struct Options {
+    std::optional<std::string> host;
+};
+
+std::string dayOf(const std::optional<std::int64_t>& time) {
+    constexpr std::size_t kLength = 10;
+    return time ? printTime(*time).substr(0, kLength) : "?";
+}
+
+std::string titleOf(const RecordInfo& info) {
+    if (!info.subject.empty()) {
+        return info.subject;
+    }
+    return info.altNames.empty() ? "without a name" : info.altNames.front();
+}
+
+// "until 2030-01-31", and what is odd about it.
+std::string stateOf(const Branch& branch, std::int64_t time) {
+    const RecordInfo& info = branch.info;
+    std::string state = "until " + dayOf(info.notAfter);
+    if (info.notAfter && *info.notAfter < time) {
+        state = "expired " + dayOf(info.notAfter);
+    } else if (info.notBefore && *info.notBefore > time) {
+        state = "from " + dayOf(info.notBefore);
+    }
+    if (branch.isSuperseded) {
+        state += ", superseded";
+    }
+    if (branch.key) {
+        state += ", key " + branch.key->print();
+    }
+    return state;
+}
+
+// Whether another one of the same issuer follows.
+bool hasNext(const Forest& forest, std::size_t index) {
+    const Branch& branch = forest.branches[index];
+    for (std::size_t i = index + 1; i < forest.branches.size(); ++i) {
+        if (forest.branches[i].depth <= branch.depth) {
+            return forest.branches[i].depth == branch.depth;
+        }
+    }
+    return false;
+}
+
+class Drawing {
+public:
+    Drawing(const Forest& forest, Output& output) : forest_(forest), output_(output) {}
+
+    void draw() {
+        for (std::size_t i = 0; i < forest_.branches.size(); ++i) {
+            drawBranch(i);
+        }
+        if (forest_.first) {
+            const RecordInfo& info = forest_.branches[*forest_.first].info;
+            output_.note(fmt::format("the first to end is {}, in {} days", info.address.print(),
+                                     (*info.notAfter - time_) / kDay));
+        }
+    }
+
+private:
+    void drawBranch(std::size_t index) {
+        const Branch& branch = forest_.branches[index];
+        if (branch.depth == 0 && !branch.isRoot) {
+            output_.line(fmt::format("{} (not in the database)", branch.info.issuer));
+        }
+        // A lost one hangs below the line of its issuer, and all below it one step further.
+        const bool isLost = branch.depth == 0 ? !branch.isRoot : isBelowLost_;
+        isBelowLost_ = isLost;
+        const std::size_t depth = branch.depth + (isLost ? 1 : 0);
+        const bool goesOn = branch.depth != 0 && hasNext(forest_, index);
+        lines_.resize(depth);
+        std::string head;
+        for (std::size_t i = 0; i + 1 < depth; ++i) {
+            head += lines_[i] ? "│  " : "   ";
+        }
+        if (depth != 0) {
+            head += goesOn ? "├─ " : "└─ ";
+            lines_.back() = goesOn;
+        }
+        output_.line(fmt::format("{}{}  {}  {}", head, titleOf(branch.info),
+                                 branch.info.address.print(), stateOf(branch, time_)));
+    }
+
+    const Forest& forest_;
+    Output& output_;
+    const std::int64_t time_ = now();
+    std::vector<bool> lines_;  // at which depths a line goes on
+    bool isBelowLost_ = false;
+};
+
+Json toJson(const Branch& branch, const Forest& forest) {
+    Json json = toJson(branch.info);
+    json["depth"] = branch.depth;
+    json["root"] = branch.isRoot;
+    json["superseded"] = branch.isSuperseded;
+    if (branch.issuer) {
+        json["issuerAddress"] = jsonText(forest.branches[*branch.issuer].info.address.print());
+    } else if (!branch.isRoot) {
+        json["missing"] = jsonText(branch.info.issuer);
+    }
+    if (branch.key) {
+        json["key"] = jsonText(branch.key->print());
+    }
+    return json;
+}
+
+Json toDocument(const Forest& forest) {
+    Json records = Json::array();
+    for (const Branch& branch : forest.branches) {
+        records.push_back(toJson(branch, forest));
+    }
+    Json document = {{"records", std::move(records)}};
+    if (forest.first) {
+        document["first"] = jsonText(forest.branches[*forest.first].info.address.print());
+    }
+    return document;
+}
+
+Status run(const Options& options, Context& context) {
+    const std::optional<std::string> host =
+        options.host ? std::optional(hostNameOf(*options.host)) : std::nullopt;
+    const Forest forest = withSecrets(context.database, Access::kRead,
+                                      [&] { return forestOf(context.database, host); });
+    for (const Failure& failure : forest.leftOut) {
+        context.output.warn(fmt::format("left out: {}", failure.what()));
+    }
+    if (host && forest.branches.empty()) {
+        throw Failure(kMissing, fmt::format("no certificate for {} in the database", *host));
+    }
+    Drawing(forest, context.output).draw();
+    context.output.document(toDocument(forest));
+    return forest.leftOut.empty() ? kOk : kPartial;
+}
+
+}  // namespace
+
+void addTree(Cli& cli) {
+    const auto options = std::make_shared<Options>();
+    Command& command = cli.add("tree", "Show certificates under their issuers",
+                               [options](Context& context) { return run(*options, context); });
+    command.option("--for", "HOST", &options->host, "Only what is for this host, and its issuers");
+}
+
+}  // namespace fstore

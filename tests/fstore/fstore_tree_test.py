@@ -1,0 +1,107 @@
+#!/usr/bin/env python3
+"""tree: certificates under their issuers, and what is missing."""
+
+import datetime
+
+import support
+from authority import Authority
+from support import InitialisedTest
+
+
+def day(days):
+    return (datetime.datetime.now(datetime.timezone.utc)
+            + datetime.timedelta(days=days)).strftime("%Y-%m-%d")
+
+
+class TreeTest(InitialisedTest):
+    @classmethod
+    def fill(cls, folder):
+        cls.root = Authority(folder, "Root")
+        cls.sub = Authority(folder, "Sub", cls.root, end=500.5)
+        cls.requests = {}
+        for name in "a", "b":
+            run = support.fstore("-D", folder, "generate", name, "--request", "--subject",
+                                 f"CN={name}", "--san", f"{name}.example.com", "-o", "/dev/stdout")
+            assert run.code == 0, run.message
+            cls.requests[name] = run.out
+            run = support.fstore("-D", folder, "rm", f"crm/{name}")
+            assert run.code == 0, run.message
+
+    def add(self, contents, name):
+        self.run_tool("import", "-", "--name", name, stdin=contents)
+
+    def add_all(self):
+        self.add(self.root.certificate.read_bytes(), "root")
+        self.add(self.sub.certificate.read_bytes(), "sub")
+        self.add(self.sub.sign(self.requests["a"], -5, 50.5), "old")
+        self.add(self.sub.sign(self.requests["a"], -1, 90.5), "new")
+        self.add(self.root.sign(self.requests["b"], -5, 70.5), "b")
+
+    def lines(self, *options):
+        return self.run_tool("tree", *options).text.splitlines()
+
+    def test_draws_what_issued_what(self):
+        self.add_all()
+        root = [f"CN=Root  certificates/remote/root  until {day(1000)}"]
+        leaf = [f"└─ CN=b  certificates/local/b  until {day(70.5)}, key keys/b"]
+
+        def below(line, bar):
+            return [f"{line} CN=Sub  certificates/remote/sub  until {day(500.5)}",
+                    f"{bar}  ├─ CN=a  certificates/local/old  until {day(50.5)}, superseded, "
+                    "key keys/a",
+                    f"{bar}  └─ CN=a  certificates/local/new  until {day(90.5)}, key keys/a"]
+
+        self.assertEqual(root + below("├─", "│") + leaf, self.lines())
+        self.assertEqual("fstore: the first to end is certificates/local/b, in 70 days\n",
+                         self.run_tool("tree").message)
+        self.assertEqual(root + below("└─", " "), self.lines("--for", "a.example.com"))
+
+    def test_names_what_is_missing(self):
+        self.add(self.sub.certificate.read_bytes(), "sub")
+        self.add(self.sub.sign(self.requests["a"], -1, 90.5), "a")
+        self.assertEqual([
+            "CN=Root (not in the database)",
+            f"└─ CN=Sub  certificates/remote/sub  until {day(500.5)}",
+            f"   └─ CN=a  certificates/local/a  until {day(90.5)}, key keys/a"], self.lines())
+        records = self.run_tool("tree", "--json").document["records"]
+        self.assertEqual(["CN=Root", None], [record.get("missing") for record in records])
+        self.assertEqual("certificates/remote/sub", records[1]["issuerAddress"])
+
+    def test_other_certificate_of_the_issuers_name_is_not_above(self):
+        (self.folder / "false").mkdir()
+        self.add(Authority(self.folder / "false", "Root").certificate.read_bytes(), "false")
+        self.add(self.root.sign(self.requests["b"], -5, 70.5), "b")
+        self.assertIn("CN=Root (not in the database)", self.lines())
+        records = self.run_tool("tree", "--json").document["records"]
+        self.assertEqual({0}, {record["depth"] for record in records})
+
+    def test_document(self):
+        self.add_all()
+        document = self.run_tool("tree", "--json").document
+        self.assertEqual("certificates/local/b", document["first"])
+        self.assertEqual({"root": (0, True, None), "b": (1, False, "keys/b"), "sub": (1, False, None),
+                          "old": (2, False, "keys/a"), "new": (2, False, "keys/a")},
+                         {record["address"].rsplit("/", 1)[1]:
+                          (record["depth"], record["root"], record.get("key"))
+                          for record in document["records"]})
+
+    def test_host_without_a_certificate(self):
+        self.add_all()
+        self.assertIn("no certificate for c.example.com",
+                      self.fails(50, "missing", "tree", "--for", "c.example.com"))
+        self.fails(4, "invalid", "tree", "--for", "a b")
+        self.assertEqual(b"", self.run_tool("tree", "-D", self.empty()).out)
+
+    def empty(self):
+        """A database without certificates."""
+        folder = self.folder / "empty"
+        self.run_tool("-D", folder, "init", *support.CHEAP)
+        return folder
+
+    def test_needs_no_password(self):
+        self.add_all()
+        self.run_tool("tree", password=None)
+
+
+if __name__ == "__main__":
+    support.main()
