@@ -92,10 +92,14 @@ Hold Database::enter(Access access, Need need, std::span<const AddressText> name
             break;
     }
     if (need == Need::kRecords || need == Need::kSecrets) {
-        hold.know({[this] { return indexFile(place_.cache); }, isChange(access), place_.worthIndex,
-                   [this](const std::string& file) { return makeFoldersFor(file, place_.cache); }});
+        hold.know(indexSetup(isChange(access)));
     }
     return hold;
+}
+
+IndexSetup Database::indexSetup(bool exclusive) const {
+    return {[this] { return indexFile(place_.cache); }, exclusive, place_.worthIndex,
+            [this](const std::string& file) { return makeFoldersFor(file, place_.cache); }};
 }
 
 void Database::needSecrets() {
@@ -245,7 +249,7 @@ void Database::enterShared() {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         lock_.take(os::LockKind::kShared);
         requireDatabase();
-        if (!needsRecovery()) {
+        if (!needsRecovery(indexSetup(/*exclusive=*/false))) {
             learn(settledProtection(store_));
             return;
         }
@@ -280,14 +284,14 @@ void Database::enterExclusive() {
     lock_.take(os::LockKind::kExclusive);
     requireDatabase();
     refuseFiles();
-    learn(recover(store_));
+    learn(recover(store_, indexSetup(/*exclusive=*/true)));
 }
 
 void Database::enterExclusiveNamed() {
     lock_.take(os::LockKind::kExclusive);
     requireDatabase();
     refuseFiles();
-    learn(recoverNamed(store_, named_));
+    learn(recoverNamed(store_, named_, indexSetup(/*exclusive=*/true)));
 }
 
 // Whoever opens the database can do what a change of the password left to do.

@@ -163,6 +163,7 @@ private:
     void refuseOther() const;
     void refuseFiles() const;
     void enterRecords(Access access);
+    IndexSetup indexSetup(bool exclusive) const;
     void enterShared();
     void enterNamed();
     void enterExclusive();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "format/layout.h"
@@ -34,22 +35,29 @@ void putBackIfAside(const Address& address) {
     }
 }
 
-// The descriptors that stand moved aside alone, as a write that was broken off between its two
-// renames leaves them: reading would put them back.
-std::vector<std::string> allLoneSaved() {
+std::vector<std::string> listSaved() {
     std::vector<std::string> found;
     Unread beyondRepair;  // the command that follows meets them, too
     visitAllEntries(
         [&](const std::string& folder, const FolderEntry& entry) {
-            if (entry.type != FolderEntry::Type::kFile || markerOf(entry.name) != kOldMarker) {
-                return;
-            }
-            const std::string path = joined(folderPath(folder), entry.name);
-            if (!exists(std::string(withoutMarker(path, kOldMarker)))) {
-                found.push_back(path);
+            if (entry.type == FolderEntry::Type::kFile && markerOf(entry.name) == kOldMarker) {
+                found.push_back(joined(folderPath(folder), entry.name));
             }
         },
         &beyondRepair);
+    return found;
+}
+
+// The descriptors that stand moved aside alone, as a write that was broken off between its two
+// renames leaves them: reading would put them back.
+//
+// What the index says holds for this look only: what is put back changes a folder.
+std::vector<std::string> allLoneSaved(const IndexSetup& index) {
+    auto saved = RecordIndex(index).saved();
+    std::vector<std::string> found = saved ? std::move(*saved) : listSaved();
+    std::erase_if(found, [](const std::string& path) {
+        return exists(std::string(withoutMarker(path, kOldMarker)));
+    });
     return found;
 }
 
@@ -65,8 +73,8 @@ Protection withBothCopies(const Protection& protection) {
 }  // namespace
 
 // Readers ignore an unfinished copy.
-bool needsRecovery() {
-    return !folderState().live || !allLoneSaved().empty();
+bool needsRecovery(const IndexSetup& index) {
+    return !folderState().live || !allLoneSaved(index).empty();
 }
 
 bool needsRecoveryOfPassword() {
@@ -87,9 +95,9 @@ void putBack(const std::string& saved) {
     syncFolder(descriptor.substr(0, descriptor.rfind('/')));
 }
 
-void recoverFiles(StoreService& store) {
+void recoverFiles(StoreService& store, const IndexSetup& index) {
     recoverFolders(store);
-    std::ranges::for_each(allLoneSaved(), putBack);
+    std::ranges::for_each(allLoneSaved(index), putBack);
 }
 
 Protection dropUndoneSet(const Protection& undone) {
@@ -97,8 +105,8 @@ Protection dropUndoneSet(const Protection& undone) {
     return readProtection();
 }
 
-Protection recover(StoreService& store) {
-    recoverFiles(store);
+Protection recover(StoreService& store, const IndexSetup& index) {
+    recoverFiles(store, index);
     Protection protection = settledProtection(store);
     if (protection.isUndone() && !protection.hasPassword()) {
         return dropUndoneSet(protection);
@@ -109,7 +117,8 @@ Protection recover(StoreService& store) {
 // Whether a record is there is asked right afterwards. One that stands aside must be back by then:
 // else a new one would be made beside it, whose first write removes the old one with its label and
 // body.
-Protection recoverNamed(StoreService& store, std::span<const AddressText> named) {
+Protection recoverNamed(StoreService& store, std::span<const AddressText> named,
+                        const IndexSetup& index) {
     recoverFolders(store);
     for (const char* const name : kPasswordRecords) {
         putBackIfAside({"", name});
@@ -119,7 +128,7 @@ Protection recoverNamed(StoreService& store, std::span<const AddressText> named)
     }
     const Protection protection = readProtection();
     if (protection.isKeyLost() || protection.isUnfinished()) {
-        return recover(store);
+        return recover(store, index);
     }
     return withBothCopies(protection);
 }

@@ -13,7 +13,7 @@ namespace fstore {
 namespace {
 
 constexpr std::int64_t kApplication = 0x46534958;  // "FSIX"
-constexpr std::int64_t kVersion = 1;
+constexpr std::int64_t kVersion = 2;
 
 // As columns of text have an order and a comparison of their own, all that is no number is bytes.
 constexpr const char* kTables = R"(
@@ -32,6 +32,7 @@ constexpr const char* kTables = R"(
     CREATE INDEX by_end ON file(ends) WHERE ends IS NOT NULL;
     CREATE INDEX by_look ON file(look) WHERE look <> 0;
     CREATE INDEX by_doubt ON file(folder) WHERE bodyunknown <> 0;
+    CREATE INDEX by_rest ON file(folder) WHERE record = 0;
 )";
 
 // The columns of a hit.
@@ -277,6 +278,13 @@ std::set<std::string> IndexTables::keys() {
         keys.insert(hexOf(rows.bytes(0)));
     }
     return keys;
+}
+
+void IndexTables::visitRest(const std::function<void(std::int64_t, std::string)>& use) {
+    SqlStatement rows(sql_, "SELECT folder, file FROM file WHERE record = 0");
+    while (rows.step()) {
+        use(rows.number(0), rows.bytes(1));
+    }
 }
 
 BodyNames::Answer IndexTables::namesOf(std::int64_t folder, const std::string& body) {

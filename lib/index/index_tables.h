@@ -89,6 +89,9 @@ public:
     // Records that have one of these reasons to be looked at.
     void visitLooks(unsigned int reasons, const HitUser& use);
 
+    // The folders and files of what is no record, as leftovers of writes are.
+    void visitRest(const std::function<void(std::int64_t, std::string)>& use);
+
     // The digests of the public keys of all private ones.
     std::set<std::string> keys();
 

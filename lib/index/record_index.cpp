@@ -106,7 +106,8 @@ struct RecordIndex::Listing {
             if (entry.type == FolderEntry::Type::kFolder) {
                 listing.folders.push_back(entry.name);
             } else if (entry.type == FolderEntry::Type::kFile) {
-                if (markerOf(stateBeside(entry.name).value_or(entry.name)).empty()) {
+                if (markerOf(entry.name).empty() &&
+                    markerOf(stateBeside(entry.name).value_or(entry.name)).empty()) {
                     listing.bodies.add(entry.name);
                 } else {
                     listing.descriptors.push_back(entry.name);
@@ -261,6 +262,12 @@ bool RecordIndex::isFreshNow(Folder& folder) {
     return folder.isFresh;
 }
 
+// One that was only begun knows no folder, not even "db" itself.
+bool RecordIndex::areAllFreshNow() {
+    return !folders_.empty() &&
+           std::ranges::all_of(folders_, [](auto& each) { return isFreshNow(each.second); });
+}
+
 RecordIndex::Folder& RecordIndex::folderAt(const std::string& path) {
     const auto [entry, isNew] = folders_.try_emplace(path);
     if (isNew) {
@@ -325,6 +332,7 @@ void RecordIndex::refresh(Folder& folder) {
     std::vector<std::int64_t> gone;
     std::vector<std::string> changed;
     compare(folder, listing, gone, changed);
+    follow(folder, listing);
 
     IndexTables::Change change(*tables_);
     tables_->setStamp(folder.id, std::nullopt);
@@ -346,10 +354,10 @@ void RecordIndex::refresh(Folder& folder) {
     }
     folder.stamp = stamp;
     folder.isFresh = true;
-    follow(folder, listing);
 }
 
-// The folders in it that are new, and those that are gone.
+// The folders in it that are new, and those that are gone. Before it has its stamp: a fresh folder
+// has the folders in it that the file knows, also when this process dies in between.
 void RecordIndex::follow(const Folder& folder, const Listing& listing) {
     std::set<std::string> there;
     for (const std::string& name : listing.folders) {
@@ -502,17 +510,37 @@ Lookup::Addresses RecordIndex::unsure(bool unlocked) {
 }
 
 std::optional<std::vector<std::string>> RecordIndex::folders() {
-    auto found = answer([&] {
+    const auto found = answer([&]() -> std::optional<std::vector<std::string>> {
+        if (!areAllFreshNow()) {
+            return std::nullopt;
+        }
         std::vector<std::string> paths;
-        for (auto& [path, folder] : folders_) {
-            if (!isFreshNow(folder)) {
-                return std::vector<std::string>();
-            }
+        for (const auto& [path, folder] : folders_) {
             paths.push_back(path);
         }
         return paths;
     });
-    return found && !found->empty() ? std::move(found) : std::nullopt;  // "db" itself is always one
+    return found ? *found : std::nullopt;
+}
+
+std::optional<std::vector<std::string>> RecordIndex::saved() {
+    const auto found = answer([&]() -> std::optional<std::vector<std::string>> {
+        if (!areAllFreshNow()) {
+            return std::nullopt;
+        }
+        std::map<std::int64_t, std::string> paths;
+        for (const auto& [path, folder] : folders_) {
+            paths[folder.id] = folderPath(path);
+        }
+        std::vector<std::string> files;
+        tables_->visitRest([&](std::int64_t folder, const std::string& file) {
+            if (markerOf(file) == kOldMarker) {
+                files.push_back(joined(paths.at(folder), file));
+            }
+        });
+        return files;
+    });
+    return found ? *found : std::nullopt;
 }
 
 std::optional<BodyNames::Answer> RecordIndex::ask(const std::string& folder,

@@ -67,6 +67,11 @@ public:
     // None as soon as one folder has changed.
     std::optional<std::vector<std::string>> folders() override;
 
+    // The paths of the descriptors that stand moved aside, "./db/a.dsc.$o$", with those whose place
+    // is taken. None as soon as one folder has changed: that nothing was created, renamed or
+    // removed in any shows that these are still all.
+    std::optional<std::vector<std::string>> saved();
+
     // Reads no other folder than this one.
     std::optional<Answer> ask(const std::string& folder, const std::string& body) override;
 
@@ -96,6 +101,7 @@ private:
 
     static bool isFreshNow(Folder& folder);
     static bool hasItsStamp(const Folder& folder);
+    bool areAllFreshNow();
     void refresh();
     void refresh(Folder& folder);
     Folder& folderAt(const std::string& path);

@@ -164,8 +164,8 @@ BUGS = (
     # What a crash has left.
     Bug("saved_descriptor_put_back_over_the_new", RECOVERY,
         "    if (exists(descriptor)) {\n        return;\n    }\n", "", power("put_over"),
-        also=(("            if (!exists(std::string(withoutMarker(path, kOldMarker)))) {",
-               "            if (!path.empty()) {"),)),
+        also=(("        return exists(std::string(withoutMarker(path, kOldMarker)));",
+               "        return path.empty();"),)),
     Bug("body_deleted_that_is_still_named", FOLDER_CHECK,
         "            if (owners_[i] == kNobody) {\n", "            {\n", plain("check_repair")),
     Bug("body_moved_that_a_damaged_record_may_name", FOLDER_CHECK,

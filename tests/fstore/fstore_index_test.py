@@ -89,6 +89,65 @@ class LargeTest(InitialisedTest):
         self.assertEqual(wanted, outcomes)
         self.assertFalse((small / "db.index").exists(), "few records need none")
 
+    def made(self):
+        """Has the index made by a command that may set the times of folders."""
+        self.run_tool("import", pki.files() / "rsa.key")
+        self.assertTrue(self.index.exists())
+
+    def listings(self, *args):
+        """The folders that a command lists."""
+        trace = self.folder / "trace"
+        run = support.fstore("-D", self.folder, *args, prefix=[
+            "strace", "-f", "-y", "-qq", "-e", "trace=getdents64", "-o", trace])
+        self.assertEqual(0, run.code, run.message)
+        return [line for line in trace.read_text().splitlines() if "/db" in line]
+
+    def test_beside_it_nothing_is_listed(self):
+        self.made()
+        leaf = pki.files() / "leaf.pem"
+        for command in (["import", leaf], ["import", leaf], ["ls", "--expired"],
+                        ["ls", "--sha256", digest(5)], ["show", "r12"],
+                        ["show", f"sha256:{digest(9)[:16]}"]):
+            with self.subTest(command=command):
+                self.assertEqual([], self.listings(*command))
+
+    def test_what_a_crash_left_is_put_back(self):
+        self.put("certificates/remote/other", b"x", "--plain-body")
+        self.made()
+        descriptor_of_r3 = self.folder / "db/certificates/remote/r3.dsc"
+        aside = descriptor_of_r3.with_name("r3.dsc.$o$")
+        for is_known in (False, True):
+            with self.subTest(is_known=is_known):
+                descriptor_of_r3.rename(aside)
+                if is_known:  # this asks for all bodies of the folder, and repairs no other record
+                    self.run_tool("set", "certificates/remote/other", "label=x")
+                    self.assertTrue(aside.exists())
+                    self.assertFalse(descriptor_of_r3.exists())
+                document = self.run_tool("ls", "--sha256", digest(3), "--json").document
+                self.assertEqual(["certificates/remote/r3"],
+                                 [record["address"] for record in document["records"]])
+                self.assertFalse(aside.exists())
+                self.run_tool("import", pki.files() / "rsa.key")
+
+    def test_killed_at_each_call_of_a_write(self):
+        self.made()
+        command = ("set", "certificates/remote/r3", "label={}")
+        calls = self.folder / "calls"
+        self.run_tool(*command[:2], "label=0", env={"LD_PRELOAD": support.CALL_TRAP,
+                                                    "CALL_TRAP_COUNT": calls})
+        count = int(calls.read_text())
+        self.assertGreater(count, 5)
+        before = "0"
+        for call in range(1, count + 1):
+            with self.subTest(call=call):
+                support.fstore("-D", self.folder, *command[:2], f"label={call}",
+                               env={"LD_PRELOAD": support.CALL_TRAP, "CALL_TRAP_DIE": call})
+                document = self.run_tool("ls", "--sha256", digest(3), "--json").document
+                (record,) = document["records"]
+                self.assertIn(record["label"], (before, str(call)))
+                before = record["label"]
+        self.assertEqual(self.without_index(), self.answers())
+
     def test_is_no_part_of_the_database(self):
         self.answers()
         self.assertTrue(self.index.exists())

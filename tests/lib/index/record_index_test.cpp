@@ -42,6 +42,8 @@ using support::TempWorkingDir;
 using support::writeFile;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Optional;
+using testing::UnorderedElementsAre;
 
 constexpr std::int64_t kNow = 1'800'000'000;
 
@@ -112,6 +114,14 @@ protected:
             writeFile(joined(folderPath(address.folder), said.body), "body");
         }
         publish(address, textOf(said));
+    }
+
+    // In the index, as another program.
+    static void run(const char* statements) {
+        sqlite3* file = nullptr;
+        ASSERT_EQ(SQLITE_OK, sqlite3_open("db.index", &file));
+        ASSERT_EQ(SQLITE_OK, sqlite3_exec(file, statements, nullptr, nullptr, nullptr));
+        sqlite3_close(file);
     }
 
     TempWorkingDir folder_;
@@ -372,6 +382,41 @@ TEST_F(RecordIndexTest, AWriterLeavesTheFolderKnownAndOthersDoNot) {
     EXPECT_TRUE(isFresh());
 }
 
+// What a crash has left is known as long as nothing has changed since.
+TEST_F(RecordIndexTest, WhatStandsAsideIsKnownWhileNothingHasChanged) {
+    put({"keys", "a"}, {.sha256 = "aa"});
+    put({"certificates/local", "b"}, {.sha256 = "bb"});
+    fs::rename("db/certificates/local/b.dsc", "db/certificates/local/b.dsc.$o$");
+    fs::copy("db/keys/a.dsc", "db/keys/a.dsc.$o$");
+    EXPECT_FALSE(opened()->saved()) << "one that was only begun";
+    { ASSERT_TRUE(opened()->keys()); }
+    EXPECT_THAT(
+        opened(false)->saved(),
+        Optional(UnorderedElementsAre("./db/certificates/local/b.dsc.$o$", "./db/keys/a.dsc.$o$")));
+    awaitTick();
+    fs::rename("db/certificates/local/b.dsc.$o$", "db/certificates/local/b.dsc");
+    EXPECT_FALSE(opened()->saved());
+    { ASSERT_TRUE(opened()->keys()); }
+    EXPECT_THAT(opened(false)->saved(), Optional(ElementsAre("./db/keys/a.dsc.$o$")));
+    fs::create_directory("db/settings/new");
+    EXPECT_FALSE(opened()->saved());
+}
+
+// Whoever takes a folder for known knows those in it: the file has them first.
+TEST_F(RecordIndexTest, AFolderIsNotKnownBeforeThoseInIt) {
+    { ASSERT_TRUE(opened()->keys()); }
+    fs::create_directory("db/settings/new");
+    writeFile("db/settings/new/aside.dsc.$o$", textOf({}));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2100));  // a reader believes times then
+    run("CREATE UNIQUE INDEX stop ON folder(path IS NOT NULL) "    // so the new one is refused
+        "WHERE path = CAST('settings' AS BLOB) OR path = CAST('settings/new' AS BLOB)");
+    EXPECT_FALSE(opened(false)->keys());
+    run("DROP INDEX stop");
+    EXPECT_FALSE(opened(false)->saved());
+    { ASSERT_TRUE(opened()->keys()); }
+    EXPECT_THAT(opened(false)->saved(), Optional(ElementsAre("./db/settings/new/aside.dsc.$o$")));
+}
+
 // A writer that dies at any point of its work leaves a folder that is read again.
 TEST_F(RecordIndexTest, AWriterThatDiedLeavesNoWrongAnswer) {
     put({"keys", "a"}, {.sha256 = "aa"});
@@ -592,13 +637,6 @@ protected:
         EXPECT_EQ(SQLITE_OK, sqlite3_open("db.index", &file));
         EXPECT_EQ(SQLITE_OK,
                   sqlite3_exec(file, "PRAGMA wal_checkpoint(TRUNCATE)", nullptr, nullptr, nullptr));
-        sqlite3_close(file);
-    }
-
-    void run(const char* statements) {
-        sqlite3* file = nullptr;
-        ASSERT_EQ(SQLITE_OK, sqlite3_open("db.index", &file));
-        ASSERT_EQ(SQLITE_OK, sqlite3_exec(file, statements, nullptr, nullptr, nullptr));
         sqlite3_close(file);
     }
 
