@@ -18,9 +18,9 @@ build="g++ g++-12-multilib cmake ninja-build"
 # Libraries of the OpenSSL modules, the library, the command-line tool and its manual page.
 libraries="libssl-dev libsqlite3-dev libcli11-dev nlohmann-json3-dev libfmt-dev scdoc"
 # googletest has the sources, built for 32 bits; the others its native libraries.
-# openssl and certtool, of gnutls-bin, are what import is compared with.
-testing="googletest libgtest-dev libgmock-dev libbenchmark-dev openssl python3 git strace
-pkg-config gnutls-bin valgrind"
+# openssl, ssh-keygen and certtool, of gnutls-bin, are what import is compared with.
+testing="googletest libgtest-dev libgmock-dev libbenchmark-dev openssl openssh-client python3 git
+strace pkg-config gnutls-bin valgrind"
 full="lintian dpkg-dev shellcheck mypy zsh fish clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev
 llvm-14 gcovr abigail-tools debootstrap enscript ghostscript"
 bench="libsqlcipher-dev liblmdb-dev e2fsprogs"

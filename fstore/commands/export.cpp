@@ -28,7 +28,7 @@ struct Options {
 };
 
 Json describe(const Selection& selection, const Options& options, bool encrypted) {
-    constexpr const char* kNames[] = {"pem", "der", "p12"};
+    constexpr const char* kNames[] = {"pem", "der", "p12", "p7"};
     return {{"records", Json::array({toJson(selection.info)})},
             {"format", kNames[static_cast<int>(options.rules.format)]},
             {"key", selection.key.has_value()},
@@ -91,9 +91,11 @@ void addExport(Cli& cli) {
     addRecordChoice(command, &options->record);
     addOutput(command, &options->file);
     command.option("--format", "FORMAT",
-                   Choice(&options->rules.format,
-                          {{"pem", Format::kPem}, {"der", Format::kDer}, {"p12", Format::kPkcs12}}),
-                   "pem, der or p12 (PKCS#12)");
+                   Choice(&options->rules.format, {{"pem", Format::kPem},
+                                                   {"der", Format::kDer},
+                                                   {"p12", Format::kPkcs12},
+                                                   {"p7", Format::kPkcs7}}),
+                   "pem, der, p12 (PKCS#12) or p7 (PKCS#7)");
     command.flag("--chain", &options->rules.chain, "Add the certificate's issuers, up to the root");
     command.flag("--plain", &options->rules.plain, "Do not encrypt a key or PKCS#12");
     addForce(command, &options->force);

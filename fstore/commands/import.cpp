@@ -189,9 +189,10 @@ void addImport(Cli& cli) {
     const auto options = std::make_shared<Options>();
     Command& command = cli.add("import", "Import certificates, keys, CRLs and requests",
                                [options](Context& context) { return run(*options, context); });
-    command.argument("FILE", &options->files,
-                     "PEM with any number of them, DER or PKCS#12, up to 64 MiB; \"-\" is the "
-                     "standard input");
+    command.argument(
+        "FILE", &options->files,
+        "PEM with any number of them, DER, PKCS#7 or PKCS#12, up to 64 MiB; \"-\" is the "
+        "standard input");
     command.option("--to", "FOLDER", &options->folder, "Folder for all of them");
     command.option("--name", "NAME", &options->rules.name,
                    "Name of one object, or of one key and what belongs to it");

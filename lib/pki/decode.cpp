@@ -9,10 +9,12 @@
 #include <fmt/format.h>
 
 #include "lib/pki/der.h"
+#include "lib/pki/openssh.h"
 #include "lib/pki/ossl.h"
 #include "lib/pki/password.h"
 #include "lib/pki/pem.h"
 #include "lib/pki/pkcs12.h"
+#include "lib/pki/pkcs7.h"
 #include "lib/pki/secret_key.h"
 
 namespace fstore {
@@ -101,6 +103,9 @@ std::optional<std::vector<PkiPart>> partsOfBinary(Bytes bytes, FilePassword& pas
     if (auto parts = partsOfPkcs12(bytes, password)) {
         return parts;
     }
+    if (auto parts = partsOfPkcs7(bytes)) {
+        return parts;
+    }
     if (auto key = keyFromEncrypted(bytes, password)) {
         return single(keyObject(std::move(key)));
     }
@@ -131,6 +136,9 @@ std::optional<PkiObject> objectOfType(const std::string& type, PemContent& conte
     }
     if (type == "ENCRYPTED PRIVATE KEY") {
         return keyObject(keyFromEncrypted(content.der, password));
+    }
+    if (type == "OPENSSH PRIVATE KEY") {
+        return readPkiObject(Kind::kKey, keyFromOpenSsh(content.der, label));
     }
     if (isKeyType(type) && isEncrypted(content)) {
         return readPkiObject(Kind::kKey, keyFromHeader(std::move(content), password));
@@ -248,14 +256,22 @@ Failure strangeness(Bytes bytes) {
     if (asText(bytes).starts_with("\xFF\xFE") || asText(bytes).starts_with("\xFE\xFF")) {
         return {kMalformed, "the file is text in UTF-16; convert it to UTF-8 first"};
     }
+    if (asText(bytes).starts_with("\xFE\xED\xFE\xED") ||
+        asText(bytes).starts_with("\xCE\xCE\xCE\xCE")) {
+        return {kMalformed,
+                "a Java keystore; `keytool -importkeystore -srckeystore FILE -destkeystore "
+                "FILE.p12 -deststoretype PKCS12` makes a PKCS#12 file of it"};
+    }
     const auto end = endOfSequence(bytes);
     if (end == bytes.size() && bytes.size() > kMostPkcs12) {
         return {kMalformed,
                 "DER, but not a CRL, or a damaged one; it is too large for anything else"};
     }
     if (end == bytes.size()) {
-        return {kMalformed,
-                "DER, but not a certificate, CRL, key, request or PKCS#12 file, or a damaged one"};
+        return {
+            kMalformed,
+            "DER, but not a certificate, CRL, key, request, PKCS#7 or PKCS#12 file, or a damaged "
+            "one"};
     }
     if (end && *end > bytes.size()) {
         return {kMalformed, fmt::format("the file is truncated to {} of {} bytes, or is not DER",
@@ -268,20 +284,39 @@ Failure strangeness(Bytes bytes) {
     return {kMalformed, "the file is neither PEM nor DER"};
 }
 
+// The objects in DER at the front, one behind the other, taken off the bytes.
+std::vector<PkiPart> takeBinary(Bytes& rest, FilePassword& password) {
+    std::vector<PkiPart> parts;
+    while (parts.size() < kMostParts) {
+        const auto end = endOfSequence(rest);
+        if (!end || *end > rest.size()) {
+            break;
+        }
+        const Bytes object = rest.first(static_cast<std::size_t>(*end));
+        try {
+            auto found = partsOfBinary(object, password);
+            if (!found) {
+                break;
+            }
+            std::ranges::move(*found, std::back_inserter(parts));
+        } catch (const Failure& failure) {
+            parts.push_back(only(failure));
+        }
+        rest = rest.subspan(object.size());
+    }
+    return parts;
+}
+
 // DER, PEM, or both as programs that append to a file make it.
 std::vector<PkiPart> partsOfFile(Bytes bytes, FilePassword& password) {
-    const auto end = endOfSequence(bytes);
-    std::vector<PkiPart> parts;
-    if (end && *end <= bytes.size()) {
-        auto found = partsOfBinary(bytes.first(static_cast<std::size_t>(*end)), password);
-        if (found && *end == bytes.size()) {
-            return std::move(*found);
-        }
-        parts = found ? std::move(*found) : std::vector<PkiPart>();
+    Bytes rest = bytes;
+    std::vector<PkiPart> parts = takeBinary(rest, password);
+    if (rest.empty() && !parts.empty()) {
+        return parts;
     }
     std::vector<PkiPart> blocks = partsOfText(bytes, password);
     if (blocks.empty()) {
-        blocks.push_back(only(parts.empty() ? strangeness(bytes) : excessive(bytes.size() - *end)));
+        blocks.push_back(only(parts.empty() ? strangeness(bytes) : excessive(rest.size())));
     }
     std::ranges::move(blocks, std::back_inserter(parts));
     return parts;

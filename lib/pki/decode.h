@@ -1,5 +1,5 @@
 // The certificates, CRLs, private keys and requests in a file: PEM with any number of
-// them, one in DER, or PKCS#12, told apart by content.
+// them, some in DER, PKCS#7 or PKCS#12, OpenSSH keys, told apart by content.
 //
 // Each part of a file succeeds or fails by itself. Nothing is passed over without a
 // word but what stands outside of PEM blocks. Hostile input costs memory in proportion

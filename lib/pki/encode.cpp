@@ -1,6 +1,7 @@
 #include "lib/pki/encode.h"
 
 #include "lib/base/error.h"
+#include "lib/pki/made.h"
 #include "lib/pki/ossl.h"
 
 namespace fstore {
@@ -101,6 +102,31 @@ SecretBytes pkcs12Of(const Pkcs12Content& content, const SecretText* password) {
     SecretBytes der = ossl::encoded<i2d_PKCS12>(file.get());
     if (der.empty()) {
         throw Failure(kIo, "cannot create the PKCS#12 file: OpenSSL failed");
+    }
+    return der;
+}
+
+SecretBytes pkcs7Of(const std::vector<Bytes>& certificates, const std::vector<Bytes>& crls) {
+    const ossl::QuietErrors quiet;
+    const ossl::Pkcs7 file = made(ossl::Pkcs7(PKCS7_new()));
+    bool isDone = PKCS7_set_type(file.get(), NID_pkcs7_signed) == 1 &&
+                  PKCS7_content_new(file.get(), NID_pkcs7_data) == 1;
+    // What it signs is absent, and not empty.
+    isDone = isDone && PKCS7_set_detached(file.get(), 1) == 1;
+    for (const Bytes der : certificates) {
+        const ossl::Certificate certificate = certificateOf(der);
+        isDone = isDone && PKCS7_add_certificate(file.get(), certificate.get()) == 1;
+    }
+    for (const Bytes der : crls) {
+        const auto crl = ossl::decodeWhole<ossl::Crl, d2i_X509_CRL>(der);
+        if (crl == nullptr) {
+            throw Failure(kMalformed, "the stored CRL is damaged");
+        }
+        isDone = isDone && PKCS7_add_crl(file.get(), crl.get()) == 1;
+    }
+    SecretBytes der = isDone ? ossl::encoded<i2d_PKCS7>(file.get()) : SecretBytes();
+    if (der.empty()) {
+        throw Failure(kIo, "cannot create the PKCS#7 file: OpenSSL failed");
     }
     return der;
 }

@@ -36,6 +36,10 @@ struct Pkcs12Content {
 // authenticated.
 SecretBytes pkcs12Of(const Pkcs12Content& content, const SecretText* password);
 
+// A PKCS#7 file of certificates and CRLs, which nothing signs.
+SecretBytes pkcs7Of(const std::vector<std::span<const unsigned char>>& certificates,
+                    const std::vector<std::span<const unsigned char>>& crls);
+
 }  // namespace fstore
 
 #endif  // LIB_PKI_ENCODE_H

@@ -61,6 +61,7 @@ using OctetString = Owner<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>;
 using Pbes1 = Owner<PBEPARAM, PBEPARAM_free>;
 using Pbes2 = Owner<PBE2PARAM, PBE2PARAM_free>;
 using Pbkdf2 = Owner<PBKDF2PARAM, PBKDF2PARAM_free>;
+using Pkcs7 = Owner<PKCS7, PKCS7_free>;
 using Pkcs12 = Owner<PKCS12, PKCS12_free>;
 using Pkey = Owner<EVP_PKEY, EVP_PKEY_free>;
 using Purposes = Owner<EXTENDED_KEY_USAGE, EXTENDED_KEY_USAGE_free>;

@@ -49,7 +49,24 @@ public:
         return opened;
     }
 
+    // The same for a key that stands alone: of several in a file each may have the empty password
+    // or the user's. The empty one is tried if that takes little time.
+    template <class Attempt>
+    auto findForKey(std::uint64_t rounds, Attempt attempt) {
+        if (rounds <= leftForEmpty_) {
+            leftForEmpty_ -= rounds;
+            if (auto opened = attempt("", 0)) {
+                return opened;
+            }
+        }
+        const SecretText& password = get(rounds);
+        return attempt(password.c_str(), static_cast<int>(password.size()));
+    }
+
 private:
+    // A second of work, and more than the keys of cautious programs take.
+    static constexpr std::uint64_t kMostForEmpty = 1'000'000;
+
     enum class Known { kNothing, kAbsent, kEmpty, kUsers };
 
     void spend(std::uint64_t rounds);
@@ -57,6 +74,7 @@ private:
     const InputPassword& ask_;
     Known known_ = Known::kNothing;
     std::uint64_t left_ = kMostIterations;
+    std::uint64_t leftForEmpty_ = kMostForEmpty;
 };
 
 }  // namespace fstore

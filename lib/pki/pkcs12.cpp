@@ -5,9 +5,9 @@
 #include <utility>
 
 #include <fmt/format.h>
-#include <openssl/provider.h>
 
 #include "lib/base/error.h"
+#include "lib/pki/old_ciphers.h"
 #include "lib/pki/ossl.h"
 #include "lib/pki/pkcs8.h"
 #include "lib/pki/secret_key.h"
@@ -15,13 +15,53 @@
 namespace fstore {
 namespace {
 
-// The ciphers that OpenSSL has set aside: files of older programs are encrypted with
-// RC2. Where that part of it is not installed, such files fail to open.
-using OldCiphers = ossl::Owner<OSSL_PROVIDER, OSSL_PROVIDER_unload>;
+void appendUtf8(std::string& text, char32_t character) {
+    const auto add = [&text](char32_t byte) { text += static_cast<char>(byte); };
+    const auto addRest = [&](int shift) { add(0x80 | ((character >> shift) & 0x3F)); };
+    if (character < 0x80) {
+        add(character);
+    } else if (character < 0x800) {
+        add(0xC0 | (character >> 6));
+        addRest(0);
+    } else if (character < 0x10000) {
+        add(0xE0 | (character >> 12));
+        addRest(6);
+        addRest(0);
+    } else {
+        add(0xF0 | (character >> 18));
+        addRest(12);
+        addRest(6);
+        addRest(0);
+    }
+}
 
-OldCiphers loadOldCiphers() {
-    constexpr int kBesideTheUsual = 1;
-    return OldCiphers(OSSL_PROVIDER_try_load(nullptr, "legacy", kBesideTheUsual));
+// The name of an entry, which is in UTF-16; OpenSSL 3.0 loses one that ends beyond U+0800.
+std::string labelOf(const PKCS12_SAFEBAG* bag) {
+    constexpr char32_t kHigh = 0xD800, kLow = 0xDC00, kBeyond = 0xE000, kUnknown = 0xFFFD;
+    const ASN1_TYPE* const name = PKCS12_SAFEBAG_get0_attr(bag, NID_friendlyName);
+    if (name == nullptr || name->type != V_ASN1_BMPSTRING) {
+        return {};
+    }
+    const unsigned char* const bytes = ASN1_STRING_get0_data(name->value.bmpstring);
+    const int count = ASN1_STRING_length(name->value.bmpstring) / 2;
+    const auto unitAt = [&](int i) -> char32_t {
+        return i < count ? static_cast<char32_t>(bytes[2 * i] << 8 | bytes[2 * i + 1]) : 0;
+    };
+    std::string text;
+    for (int i = 0; i < count; ++i) {
+        char32_t character = unitAt(i);
+        const char32_t next = unitAt(i + 1);
+        if (character >= kHigh && character < kLow && next >= kLow && next < kBeyond) {
+            character = 0x10000 + ((character - kHigh) << 10) + (next - kLow);
+            ++i;
+        } else if (character >= kHigh && character < kBeyond) {
+            character = kUnknown;
+        }
+        if (character != 0 || i + 1 < count) {  // some programs end it with a NUL
+            appendUtf8(text, character);
+        }
+    }
+    return text;
 }
 
 SecretBytes keyOf(const PKCS8_PRIV_KEY_INFO* info) {
@@ -65,11 +105,10 @@ PkiObject objectOf(const PKCS12_SAFEBAG* bag, FilePassword& password) {
 }
 
 PkiPart partOf(PKCS12_SAFEBAG* bag, FilePassword& password) {
-    const ossl::Text label(PKCS12_get_friendlyname(bag));
     try {
-        return {0, label != nullptr ? label.get() : "", objectOf(bag, password)};
+        return {0, labelOf(bag), objectOf(bag, password)};
     } catch (const Failure& failure) {
-        return {0, label != nullptr ? label.get() : "", failure};
+        return {0, labelOf(bag), failure};
     }
 }
 
@@ -136,7 +175,7 @@ std::optional<std::vector<PkiPart>> partsOfPkcs12(std::span<const unsigned char>
     if (file == nullptr) {
         return std::nullopt;
     }
-    const OldCiphers oldCiphers = loadOldCiphers();
+    const OldCiphers oldCiphers;
     checkMac(*file, password);
     const ossl::Safes safes(PKCS12_unpack_authsafes(file.get()));
     if (safes == nullptr) {

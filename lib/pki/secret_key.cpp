@@ -1,7 +1,12 @@
 #include "lib/pki/secret_key.h"
 
+#include <string>
+
+#include <fmt/format.h>
+
 #include "lib/base/error.h"
 #include "lib/pki/der.h"
+#include "lib/pki/old_ciphers.h"
 #include "lib/pki/ossl.h"
 #include "lib/pki/pkcs8.h"
 
@@ -47,9 +52,16 @@ std::optional<SecretBytes> keyFromEncrypted(std::span<const unsigned char> der,
     }
     const X509_ALGOR* algorithm = nullptr;
     X509_SIG_get0(encrypted.get(), &algorithm, nullptr);
-    const SecretText& text = password.get(roundsOf(*algorithm));
-    const ossl::KeyInfo info(
-        PKCS8_decrypt(encrypted.get(), text.c_str(), static_cast<int>(text.size())));
+    const OldCiphers oldCiphers;
+    if (const std::string cipher = missingCipherOf(*algorithm); !cipher.empty()) {
+        throw Failure(kMalformed,
+                      fmt::format("the key is encrypted with {}, which this OpenSSL does not have: "
+                                  "its legacy provider is not installed",
+                                  cipher));
+    }
+    const auto info = password.findForKey(roundsOf(*algorithm), [&](const char* text, int length) {
+        return ossl::KeyInfo(PKCS8_decrypt(encrypted.get(), text, length));
+    });
     if (info == nullptr) {
         throw Failure(kWrongPassword, "wrong password for this key");
     }

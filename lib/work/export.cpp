@@ -110,6 +110,13 @@ void refuseUnlessExportable(const RecordInfo& info, const ExportRules& rules) {
                         info.address.print(), nameOf(info.kind)),
             info.address.print());
     }
+    if (rules.format == ExportRules::Format::kPkcs7 &&
+        (info.kind == Kind::kKey || info.kind == Kind::kRequest)) {
+        throw Failure(kInvalid,
+                      fmt::format("{} is a {}; PKCS#7 has certificates and CRLs only",
+                                  info.address.print(), nameOf(info.kind)),
+                      info.address.print());
+    }
     const bool alone = info.kind == Kind::kCrl || info.kind == Kind::kRequest;
     if (alone && (rules.chain || rules.format == ExportRules::Format::kPkcs12)) {
         throw Failure(kInvalid,
@@ -156,11 +163,19 @@ SecretBytes encodePkcs12(const Selection& selection, const SecretText* password)
     return pkcs12Of(content, password);
 }
 
+SecretBytes encodePkcs7(const Selection& selection) {
+    std::vector<std::span<const unsigned char>> crls;
+    if (!selection.other.empty()) {
+        crls.emplace_back(selection.other);
+    }
+    return pkcs7Of({selection.certificates.begin(), selection.certificates.end()}, crls);
+}
+
 }  // namespace
 
 void refuseRules(const ExportRules& rules) {
     if (rules.chain && rules.format == ExportRules::Format::kDer) {
-        throw Failure(kUsage, "a chain is written as PEM or PKCS#12: DER is one object");
+        throw Failure(kUsage, "a chain is written as PEM, PKCS#7 or PKCS#12: DER is one object");
     }
 }
 
@@ -227,6 +242,8 @@ SecretBytes encode(const Selection& selection, const ExportRules& rules,
             return encodePem(selection, password);
         case ExportRules::Format::kDer:
             return encodeDer(selection, password);
+        case ExportRules::Format::kPkcs7:
+            return encodePkcs7(selection);
         case ExportRules::Format::kPkcs12:
             break;
     }

@@ -24,7 +24,7 @@
 namespace fstore {
 
 struct ExportRules {
-    enum class Format { kPem, kDer, kPkcs12 };
+    enum class Format { kPem, kDer, kPkcs12, kPkcs7 };
 
     Format format = Format::kPem;
     bool chain = false;  // with the certificate's issuers, up to the root
