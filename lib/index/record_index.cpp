@@ -14,6 +14,7 @@
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/base/held_lock.h"
+#include "lib/base/name_list.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/descriptor.h"
 #include "os/files.h"
@@ -97,7 +98,8 @@ private:
 
 // What is in a folder, as far as rows depend on it.
 struct RecordIndex::Listing {
-    std::vector<std::string> descriptors, folders;
+    NameList descriptors;
+    std::vector<std::string> folders;
     BodyFiles bodies;
 
     static Listing of(const std::string& path) {
@@ -110,11 +112,11 @@ struct RecordIndex::Listing {
                     markerOf(stateBeside(entry.name).value_or(entry.name)).empty()) {
                     listing.bodies.add(entry.name);
                 } else {
-                    listing.descriptors.push_back(entry.name);
+                    listing.descriptors.add(entry.name);
                 }
             }
         });
-        std::ranges::sort(listing.descriptors);
+        listing.descriptors.sort();
         listing.bodies.sort();
         return listing;
     }
@@ -330,7 +332,7 @@ void RecordIndex::refresh(Folder& folder) {
     }
     const Listing listing = Listing::of(path);
     std::vector<std::int64_t> gone;
-    std::vector<std::string> changed;
+    std::vector<std::uint32_t> changed;
     compare(folder, listing, gone, changed);
     follow(folder, listing);
 
@@ -340,7 +342,8 @@ void RecordIndex::refresh(Folder& folder) {
         tables_->removeFile(id);
     }
     std::size_t written = 0;
-    for (const std::string& file : changed) {
+    for (const std::uint32_t descriptor : changed) {
+        const std::string file(listing.descriptors[descriptor]);
         tables_->put(folder.id, readIndexRow(folder.path, file));
         if (++written % kAtOnce == 0) {
             change.commitAndContinue();
@@ -375,14 +378,14 @@ void RecordIndex::follow(const Folder& folder, const Listing& listing) {
 // Both are in the order of names. A row holds while its descriptor is the same file, and the body
 // that this names is there.
 void RecordIndex::compare(const Folder& folder, const Listing& listing,
-                          std::vector<std::int64_t>& gone, std::vector<std::string>& changed) {
-    auto next = listing.descriptors.begin();
-    const auto end = listing.descriptors.end();
+                          std::vector<std::int64_t>& gone, std::vector<std::uint32_t>& changed) {
+    const NameList& names = listing.descriptors;
+    std::uint32_t next = 0;
     tables_->visitFiles(folder.id, [&](const IndexedFile& known) {
-        const auto from = next;
-        next = std::lower_bound(next, end, known.file);
-        changed.insert(changed.end(), from, next);
-        if (next == end || *next != known.file) {
+        while (next < names.size() && names[next] < known.file) {
+            changed.push_back(next++);
+        }
+        if (next == names.size() || names[next] != known.file) {
             gone.push_back(known.id);
             return;
         }
@@ -390,11 +393,13 @@ void RecordIndex::compare(const Folder& folder, const Listing& listing,
         const bool holds = !known.mustLook && stamp == known.stamp &&
                            (known.body.empty() || listing.bodies.has(known.body));
         if (!holds) {
-            changed.push_back(known.file);
+            changed.push_back(next);
         }
         ++next;
     });
-    changed.insert(changed.end(), next, end);
+    while (next < names.size()) {
+        changed.push_back(next++);
+    }
 }
 
 std::vector<Address> RecordIndex::sorted(Hits hits) const {

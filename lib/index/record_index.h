@@ -106,8 +106,9 @@ private:
     void refresh(Folder& folder);
     Folder& folderAt(const std::string& path);
     std::vector<std::string> insideOf(const std::string& path) const;
+    // By their places in the listing's descriptors: those without a row that holds.
     void compare(const Folder& folder, const Listing& listing, std::vector<std::int64_t>& gone,
-                 std::vector<std::string>& changed);
+                 std::vector<std::uint32_t>& changed);
     void follow(const Folder& folder, const Listing& listing);
     void forget(const std::string& path);
     static void lose(Folder& folder);
