@@ -1,5 +1,6 @@
 #include "lib/pki/pkcs12.h"
 
+#include <cstddef>
 #include <deque>
 #include <string>
 #include <utility>
@@ -45,7 +46,8 @@ std::string labelOf(const PKCS12_SAFEBAG* bag) {
     const unsigned char* const bytes = ASN1_STRING_get0_data(name->value.bmpstring);
     const int count = ASN1_STRING_length(name->value.bmpstring) / 2;
     const auto unitAt = [&](int i) -> char32_t {
-        return i < count ? static_cast<char32_t>(bytes[2 * i] << 8 | bytes[2 * i + 1]) : 0;
+        const unsigned char* const unit = bytes + 2 * static_cast<std::size_t>(i);
+        return i < count ? static_cast<char32_t>(unit[0] << 8 | unit[1]) : 0;
     };
     std::string text;
     for (int i = 0; i < count; ++i) {
