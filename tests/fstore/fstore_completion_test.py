@@ -61,9 +61,9 @@ class AnswerTest(CompletionTest):
         self.assertNotIn("--chain", self.words("--"))
 
     def test_values(self):
-        self.assertEqual(["pem", "p12"], self.words("export", "--format", "p"))
-        self.assertEqual(["--format=pem", "--format=p12"], self.words("export", "--format=p"))
-        self.assertEqual(["pem", "p12"], self.words("export", "--format", "=", "p"))
+        self.assertEqual(["pem", "p12", "p7"], self.words("export", "--format", "p"))
+        self.assertEqual(["--format=pem", "--format=p12", "--format=p7"], self.words("export", "--format=p"))
+        self.assertEqual(["pem", "p12", "p7"], self.words("export", "--format", "=", "p"))
         self.assertEqual(["pem", "der", "p12"], self.words("export", "--format", "="))
         self.assertEqual(["always"], self.words("--color", "al"))
         self.assertEqual(["name", "expiry", "subject"], self.words("ls", "--sort", ""))
@@ -160,7 +160,7 @@ class BashTest(ShellTest):
         self.assertEqual(["export"], self.bash("ex"))
         self.assertEqual(["keys/first", "lsps/only", "settings/first", "settings/second\\ one"],
                          self.bash("show", ""))
-        self.assertEqual(["pem", "p12"], self.bash("export", "--format", "p"))
+        self.assertEqual(["pem", "p12", "p7"], self.bash("export", "--format", "p"))
         self.write("file one", "")
         self.assertEqual(["file one"], self.bash("import", "fi"))
         self.assertEqual(["db"], self.bash("-D", ""))
@@ -191,7 +191,7 @@ if shutil.which("zsh"):
             self.assertEqual(["export"], self.zsh("ex"))
             self.assertEqual(["keys/first", "lsps/only", "settings/first", "settings/second one"],
                              self.zsh("show", ""))
-            self.assertEqual(["--format=pem", "--format=p12"], self.zsh("export", "--format=p"))
+            self.assertEqual(["--format=pem", "--format=p12", "--format=p7"], self.zsh("export", "--format=p"))
             self.assertEqual(["files "], self.zsh("import", "fi"))
             self.assertEqual(["files -/"], self.zsh("-D", ""))
 
