@@ -64,7 +64,7 @@ class AnswerTest(CompletionTest):
         self.assertEqual(["pem", "p12", "p7"], self.words("export", "--format", "p"))
         self.assertEqual(["--format=pem", "--format=p12", "--format=p7"], self.words("export", "--format=p"))
         self.assertEqual(["pem", "p12", "p7"], self.words("export", "--format", "=", "p"))
-        self.assertEqual(["pem", "der", "p12"], self.words("export", "--format", "="))
+        self.assertEqual(["pem", "der", "p12", "p7"], self.words("export", "--format", "="))
         self.assertEqual(["always"], self.words("--color", "al"))
         self.assertEqual(["name", "expiry", "subject"], self.words("ls", "--sort", ""))
         self.assertEqual(["bash", "zsh", "fish"], self.words("completion", ""))
