@@ -19,6 +19,7 @@
 #include "lib/base/printable.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/record.h"
+#include "lib/work/meant.h"
 
 namespace fstore {
 namespace {
@@ -90,6 +91,33 @@ CLI::Validator oneOf(const std::vector<std::string>& names) {
     return CLI::Validator(refuse, "");
 }
 
+// The parser takes "[a,b]" for two words. So a word like that gets one more character at its end,
+// which is taken away again before anybody sees the word.
+constexpr char kMark = '\x1f';
+
+std::string marked(std::string word) {
+    if (word.starts_with('[') && (word.ends_with(']') || word.ends_with(kMark))) {
+        word += kMark;
+    }
+    return word;
+}
+
+std::string unmark(std::string& word) {
+    if (word.starts_with('[') && word.ends_with(kMark)) {
+        word.pop_back();
+    }
+    return {};  // as of a validator: there is nothing wrong with it
+}
+
+// The line without the program's name, last word first, as the parser takes it.
+std::vector<std::string> wordsOf(int argc, const char* const* argv) {
+    std::vector<std::string> words;
+    for (int i = argc - 1; i > 0; --i) {
+        words.push_back(marked(argv[i]));
+    }
+    return words;
+}
+
 // Declares one option to the parser, by what it sets.
 class Declaration {
 public:
@@ -107,7 +135,8 @@ public:
     }
     template <class T>
     CLI::Option* operator()(T* target) const {
-        return app_.add_option(names_, *target, option_.description);
+        return app_.add_option(names_, *target, option_.description)
+            ->transform(CLI::Validator(unmark, ""));
     }
     CLI::Option* operator()(const Number& number) const {
         CLI::Option* const added = std::visit(*this, number.target);
@@ -188,7 +217,8 @@ std::string before(const char* end, const std::string& words) {
 std::string wordsOf(const CLI::ParseError& error, const CLI::App& app, const Cli& cli) {
     const CommandPath path = pathOf(app, cli);
     const auto& commands = path.empty() ? cli.commands() : path.back()->subcommands();
-    const std::vector<std::string> rest = app.remaining(true);
+    std::vector<std::string> rest = app.remaining(true);
+    std::ranges::for_each(rest, unmark);
     if (!rest.empty() && error.get_name() != "ArgumentMismatch") {
         const std::string& word = rest.front();
         if (word.starts_with('-')) {
@@ -244,6 +274,35 @@ Failure withNearest(const NoRecord& missing, Database& database) {
                          Advice{fmt::format("did you mean {}?", nearest)}, missing.path());
 }
 
+// The address of the record that is meant by what is the address of none; empty when there is no
+// such record, or when it is not this text that was looked for.
+std::string meantBy(const std::string& text, const NoRecord& missing, Database& database) {
+    if (text.empty() ||
+        (text != missing.path() && parseAddress(text).place.print() != missing.path())) {
+        return {};
+    }
+    const Hold hold = database.enter(Access::kRead);
+    const auto meant = meantRecord(database, text);
+    return meant ? meant->print() : std::string();
+}
+
+// The commands that only read take less than an address, too.
+Status runMeant(const Command& command, Context& context) {
+    const std::string text = command.meant();
+    std::string meant;
+    try {
+        return command.run()(context);
+    } catch (const NoRecord& missing) {
+        meant = meantBy(text, missing, context.database);
+        if (meant.empty()) {
+            throw withNearest(missing, context.database);
+        }
+    }
+    context.output.note(fmt::format("{} is taken to mean {}", printable(text), meant));
+    command.takeMeant(meant);
+    return command.run()(context);
+}
+
 // As other programs have it; none where these variables may be somebody else's.
 std::string cacheFolder() {
     const char* const cache = ::secure_getenv("XDG_CACHE_HOME");
@@ -297,7 +356,7 @@ int Cli::execute(int argc, const char* const* argv) {
     CLI::App app(program_.description(), program_.name());
     declare(app, *this);
     try {
-        app.parse(argc, argv);
+        app.parse(wordsOf(argc, argv));
     } catch (const CLI::ParseError& error) {
         Output output({.json = asksForJson(argc, argv)});
         if (error.get_exit_code() == 0) {  // --help or --version
@@ -346,11 +405,7 @@ int Cli::run(const Command& command) {
         Context context{globals_, output, standardInput, secret, database};
         int code = static_cast<int>(kOk);
         try {
-            try {
-                code = exitCodeOf(command.run()(context));
-            } catch (const NoRecord& missing) {
-                throw withNearest(missing, database);
-            }
+            code = exitCodeOf(runMeant(command, context));
         } catch (const std::exception&) {
             if (!output.json()) {
                 output.flush(Output::After::kFailure);  // what was found before the failure

@@ -100,6 +100,16 @@ public:
     Command& subcommand(std::string name, std::string description, Run run);
     // Under which the help lists what is declared from here on; none at first.
     void startGroup(std::string title) { group_ = std::move(title); }
+    // Where it names one record to read, which may be meant by less than its address: where there
+    // is none of this address, it is run again with that of the record that is meant.
+    void readsMeant(std::string* target) {
+        meant_ = {[target] { return *target; },
+                  [target](std::string address) { *target = std::move(address); }};
+    }
+    void readsMeant(std::optional<std::string>* target) {
+        meant_ = {[target] { return target->value_or(""); },
+                  [target](std::string address) { *target = std::move(address); }};
+    }
     // Keeps it out of help and completion.
     void hide() { hidden_ = true; }
 
@@ -107,6 +117,9 @@ public:
     const std::string& description() const noexcept { return description_; }
     const Run& run() const noexcept { return run_; }
     bool isHidden() const noexcept { return hidden_; }
+    // What was said of that record, or nothing; and its way in.
+    std::string meant() const { return meant_.text ? meant_.text() : std::string(); }
+    void takeMeant(std::string address) const { meant_.take(std::move(address)); }
     // In the order of the help.
     const std::deque<Option>& options() const noexcept { return options_; }
     const std::deque<Command>& subcommands() const noexcept { return subcommands_; }
@@ -118,6 +131,10 @@ private:
 
     std::string name_, description_;
     Run run_;
+    struct {
+        std::function<std::string()> text;
+        std::function<void(std::string)> take;
+    } meant_;
     bool hidden_ = false;
     std::string group_;
     std::deque<Option> options_;

@@ -19,11 +19,18 @@ namespace {
 constexpr const char* kAddress = "ADDRESS";
 constexpr const char* kCost = "Cost of a guess at the password: 14 to 20, each step doubles it";
 constexpr const char* kAddressText = "FOLDER/NAME, a unique NAME, or sha256:PREFIX";
+constexpr const char* kMeantText =
+    "FOLDER/NAME, a unique NAME, label, beginning or pattern, or sha256:PREFIX";
 
 }  // namespace
 
 void addAddress(Command& command, std::string* target) {
     command.argument(kAddress, target, kAddressText);
+}
+
+void addAddressToRead(Command& command, std::string* target) {
+    command.argument(kAddress, target, kMeantText);
+    command.readsMeant(target);
 }
 
 void addAddresses(Command& command, std::vector<std::string>* target) {
@@ -32,7 +39,8 @@ void addAddresses(Command& command, std::vector<std::string>* target) {
 
 void addRecordChoice(Command& command, RecordChoice* target) {
     using Type = Selector::Type;
-    command.argument(kAddress, &target->address, kAddressText).required = false;
+    command.argument(kAddress, &target->address, kMeantText).required = false;
+    command.readsMeant(&target->address);
     command.option("--for", "HOST", &target->host,
                    "Instead of ADDRESS: what serves this host now, by its certificate in force");
     command.option("--type", "TYPE",

@@ -17,6 +17,8 @@ namespace fstore {
 
 // ADDRESS: one record that is there, or some.
 void addAddress(Command& command, std::string* target);
+// The same for a command that only reads it: Command::readsMeant().
+void addAddressToRead(Command& command, std::string* target);
 void addAddresses(Command& command, std::vector<std::string>* target);
 
 // A record by its address, or by the name of the host that it serves.

@@ -73,7 +73,7 @@ void addDump(Cli& cli) {
     const auto options = std::make_shared<Options>();
     Command& command = cli.add("dump", "Print a record's descriptor as it is on disk",
                                [options](Context& context) { return run(*options, context); });
-    addAddress(command, &options->address);
+    addAddressToRead(command, &options->address);
     command.flag("--raw", &options->raw, "Print the lines alone, without explanation");
 }
 

@@ -28,6 +28,7 @@ struct PutOptions {
     std::string address;
     std::string file;
     PutRules rules;
+    bool force = false;
 };
 
 struct GetOptions {
@@ -36,14 +37,26 @@ struct GetOptions {
     bool force = false;
 };
 
+// Others have their turn while the user thinks: what is replaced is what is there then.
+void confirmReplacing(const Address& address, const Globals& globals) {
+    if (!confirm(fmt::format("Replace the body of {}?", address.print()), globals.noInput)) {
+        throw Failure(kInvalid,
+                      fmt::format("{} exists and you did not confirm that it is replaced; nothing "
+                                  "was changed (--force does not ask)",
+                                  address.print()),
+                      address.print());
+    }
+}
+
 Status runPut(const PutOptions& options, Context& context) {
     const Address address = parseNewAddress(options.address);
     refuseInternal(address);  // before the input is waited for
     context.standardInput.claimIfNamed(options.file, "the body");
     SecretBytes bytes = InputFile(options.file).readAll(Record::kMostBody);
-    const bool plain = options.rules.plain;
-    const auto store = [&, size = bytes.size()] {
-        putBody(context.database, address, bytes, options.rules);
+    PutRules rules = options.rules;
+    rules.isNew = !options.force;
+    const auto store = [&, size = bytes.size(), plain = rules.plain] {
+        putBody(context.database, address, bytes, rules);
         context.output.note(fmt::format("stored {}: {} bytes{}", address.print(), size,
                                         plain ? "" : ", encrypted"));
         if (context.output.json()) {
@@ -54,7 +67,16 @@ Status runPut(const PutOptions& options, Context& context) {
         return kOk;
     };
     const std::array named{AddressText::of(address)};
-    return changeNamed(context.database, named, store, needFor(!plain));
+    const auto change = [&] {
+        return changeNamed(context.database, named, store, needFor(!rules.plain));
+    };
+    try {
+        return change();
+    } catch (const RecordExists&) {
+        confirmReplacing(address, context.globals);
+    }
+    rules.isNew = false;
+    return change();
 }
 
 bool isForTerminals(std::span<const unsigned char> body) {
@@ -101,13 +123,14 @@ void addPut(Cli& cli) {
     command.argument("FILE", &options->file, "The file; \"-\" is the standard input");
     command.option("--label", "TEXT", &options->rules.label, "Text to find it by");
     command.flag("--plain-body", &options->rules.plain, "Do not encrypt it; needs no password");
+    command.flag("-f,--force", &options->force, "Replace the body of a record without asking");
 }
 
 void addGet(Cli& cli) {
     const auto options = std::make_shared<GetOptions>();
     Command& command = cli.add("get", "Write a record's body to a file",
                                [options](Context& context) { return runGet(*options, context); });
-    addAddress(command, &options->address);
+    addAddressToRead(command, &options->address);
     addOutput(command, &options->file);
     addForce(command, &options->force);
 }

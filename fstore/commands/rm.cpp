@@ -7,6 +7,7 @@
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
+#include "lib/work/meant.h"
 #include "lib/work/remove.h"
 
 namespace fstore {
@@ -64,15 +65,42 @@ Status report(const std::vector<Removal>& removals, Output& output) {
     return std::ranges::any_of(removals, failed) ? kPartial : kOk;
 }
 
-Status run(const Options& options, Context& context) {
-    if (!options.force) {
-        // Others may read while the user thinks.
-        readNamed(context.database, options.addresses,
-                  [&] { confirmKeys(resolveAll(options.addresses), context.globals); });
+// Also those who remove nothing but what matches shall have seen what that is.
+void confirmAll(const std::vector<std::string>& addresses, Context& context) {
+    for (const Address& address : resolveAll(addresses)) {
+        context.output.note(fmt::format("{}{}", address.print(), isKey(address) ? ", a key" : ""));
     }
-    const std::vector<AddressText> named = namesIn(options.addresses);
+    const std::string question = addresses.size() == 1
+                                     ? std::string("Remove this record?")
+                                     : fmt::format("Remove these {} records?", addresses.size());
+    if (!confirm(question, context.globals.noInput)) {
+        throw Failure(kUsage, "you did not confirm; nothing was removed (--force does not ask)");
+    }
+}
+
+// The records to remove, when patterns stand for some. Others may read while the user thinks.
+std::vector<std::string> matching(const Options& options, Context& context) {
+    const Hold hold = context.database.enter(Access::kRead);
+    std::vector<std::string> addresses = withoutPatterns(options.addresses);
+    if (!options.force && addresses != options.addresses) {
+        confirmAll(addresses, context);
+    } else if (!options.force) {
+        confirmKeys(resolveAll(addresses), context.globals);
+    }
+    return addresses;
+}
+
+Status run(const Options& options, Context& context) {
+    std::vector<std::string> addresses = options.addresses;
+    if (std::ranges::any_of(addresses, isPattern)) {
+        addresses = matching(options, context);
+    } else if (!options.force) {
+        readNamed(context.database, addresses,
+                  [&] { confirmKeys(resolveAll(addresses), context.globals); });
+    }
+    const std::vector<AddressText> named = namesIn(addresses);
     const Hold hold = context.database.enter(accessToChange(named), Need::kRecords, named);
-    return report(removeRecords(resolveAll(options.addresses)), context.output);
+    return report(removeRecords(resolveAll(addresses)), context.output);
 }
 
 }  // namespace
@@ -82,7 +110,8 @@ void addRm(Cli& cli) {
     Command& command = cli.add("rm", "Remove records",
                                [options](Context& context) { return run(*options, context); });
     addAddresses(command, &options->addresses);
-    command.flag("-f,--force", &options->force, "Do not ask before a key is removed");
+    command.flag("-f,--force", &options->force,
+                 "Do not ask before a key, or what matches a pattern, is removed");
 }
 
 }  // namespace fstore

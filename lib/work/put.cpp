@@ -109,8 +109,7 @@ void refuseChange(const Address& address, const RecordChange& change) {
     }
     const bool isThere = Record::isThere(address);
     if (change.presence == RecordChange::Presence::kNew && isThere) {
-        throw Failure(kInvalid, fmt::format("there is a record {} already", address.print()),
-                      address.print());
+        throw RecordExists(address);
     }
     if (change.presence == RecordChange::Presence::kThere && !isThere) {
         throw NoRecord(address.print());
@@ -128,9 +127,17 @@ Record recordFor(Database& database, const Address& address, const RecordChange&
 
 }  // namespace
 
+RecordExists::RecordExists(const Address& address)
+    : Failure(kInvalid, fmt::format("there is a record {} already", address.print()),
+              address.print()) {}
+
 void putBody(Database& database, const Address& address, SecretBytes& bytes,
              const PutRules& rules) {
     refuseRules(address, bytes, rules);
+    if (rules.isNew && Record::isThere(address)) {
+        requireRaw(Record::read(address));  // before anybody is asked whether to replace it
+        throw RecordExists(address);
+    }
     if (!rules.plain) {
         database.requireSecrecy();
     }

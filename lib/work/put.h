@@ -11,6 +11,7 @@
 
 #include "cmn/secret_bytes.h"
 #include "format/dsc_text.h"
+#include "lib/base/error.h"
 #include "lib/database/database.h"
 #include "lib/records/address.h"
 #include "lib/records/record.h"
@@ -20,6 +21,13 @@ namespace fstore {
 struct PutRules {
     std::string label;   // empty for the one that the record has
     bool plain = false;  // body and digest are not encrypted
+    bool isNew = false;  // RecordExists when there is such a record
+};
+
+// There is a record where a new one was to be made.
+class RecordExists : public Failure {
+public:
+    explicit RecordExists(const Address& address);
 };
 
 // Gives the record of this address these bytes as its body, with their digest and the time. What
@@ -28,7 +36,8 @@ struct PutRules {
 // A step of withSecrets(), entered as needFor(!rules.plain) says: asks for secrets if the present
 // record has some. Wipes `bytes` before it writes, which is one copy less in memory.
 //
-//   kInvalid    the record is a certificate, a key or the like, or one that refuseInternal()
+//   kInvalid    RecordExists; or the record is a certificate, a key or the like, or one that
+//   refuseInternal()
 //               refuses; or nothing would be stored in plain form, which no record can hold
 //   kMissing    the database has no such folder
 //   kNotOpen    the bytes are secret, and the database cannot keep secrets
@@ -56,7 +65,7 @@ struct AttributeChange {
 struct RecordChange {
     enum class Presence {
         kEither,
-        kNew,   // kInvalid when there is such a record
+        kNew,   // RecordExists when there is such a record
         kThere  // kMissing when there is none
     };
 

@@ -171,6 +171,19 @@ TEST_F(OptionTest, EachKindIsSet) {
     EXPECT_TRUE(said_.force);
 }
 
+// The parser's library would make lists of them.
+TEST_F(OptionTest, BracketsAreCharactersLikeOthers) {
+    EXPECT_EQ(0,
+              run({"probe", "[a,b]", "[x]", "[", "[]", "[y]\x1f", "--mark", "[m,n]", "-o", "[o]"}))
+        << err_;
+    EXPECT_EQ("[a,b]", said_.address);
+    EXPECT_EQ((std::vector<std::string>{"[x]", "[", "[]", "[y]\x1f"}), said_.words);
+    EXPECT_EQ((std::vector<std::string>{"[m,n]"}), said_.marks);
+    EXPECT_EQ("[o]", said_.file);
+    EXPECT_EQ(2, run({"[x]"}));
+    EXPECT_NE(std::string::npos, err_.find("\"fstore [x]\";")) << err_;
+}
+
 TEST_F(OptionTest, WrongLinesAreRefused) {
     const std::vector<const char*> lines[] = {
         {"probe"},

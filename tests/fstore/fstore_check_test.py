@@ -113,7 +113,7 @@ class ConflictTest(TwoRecordsTest):
 
     def test_no_new_record_gets_the_name_of_one(self):
         for name in ["a.sync-conflict-1", "a (conflicted copy 1)"]:
-            message = self.fails(4, "invalid", "put", f"settings/{name}", "-", stdin=b"x")
+            message = self.fails(4, "invalid", "put", "-f", f"settings/{name}", "-", stdin=b"x")
             self.assertIn("conflict copy", message)
             self.fails(4, "invalid", "mv", "settings/a", f"settings/{name}")
         self.put("settings/x.orig", b"x")  # its file ends in ".dsc"
@@ -641,7 +641,7 @@ class SharedBodyTest(TwoRecordsTest):
         self.assert_sound()
 
     def test_overwriting_one_is_refused(self):
-        for command in (["put", f"settings/{self.copy}", "-"],
+        for command in (["put", "-f", f"settings/{self.copy}", "-"],
                         ["set", f"settings/{self.copy}", "label=x"]):
             run = self.run_tool(*command, stdin=b"new", code=59)
             self.assertIn("is also named by a.dsc", run.message)
@@ -692,7 +692,7 @@ class SharedBodyTest(TwoRecordsTest):
         for name in ["a.sync-conflict-20261121-120000-ABCDEFG.dsc", "a.dsc.orig"]:
             with self.subTest(name=name):
                 (self.settings / f"{self.copy}.dsc").replace(self.settings / name)
-                for command in (["put", "settings/a", "-"], ["set", "settings/a", "label=x"]):
+                for command in (["put", "-f", "settings/a", "-"], ["set", "settings/a", "label=x"]):
                     run = self.run_tool(*command, stdin=b"new", code=59)
                     self.assertIn(f"is also named by {name}", run.message)
                 run = self.run_tool("rm", "settings/a")
@@ -726,7 +726,7 @@ class LinkTest(TwoRecordsTest):
 
     def test_a_link_in_the_place_of_a_copy(self):
         for name in ["new_db", "old_db"]:
-            for command in (["put", "settings/c", "-"], ["check", "--repair"],
+            for command in (["put", "-f", "settings/c", "-"], ["check", "--repair"],
                             ["passwd", *support.CHEAP]):
                 with self.subTest(name=name, command=command):
                     (self.folder / name).symlink_to("outside")

@@ -67,7 +67,7 @@ class GlobalOptionsTest(InitialisedTest):
         self.assertFalse((self.folder / "empty" / "db").exists())
 
     def test_quiet_tells_of_failures_only(self):
-        run = self.run_tool("-q", "put", "settings/a", "-", stdin=b"x")
+        run = self.run_tool("-q", "put", "-f", "settings/a", "-", stdin=b"x")
         self.assertEqual((b"", b""), (run.out, run.err))
         self.assertNotEqual(b"", self.run_tool("-q", "get", "nothing", code=50).err)
 

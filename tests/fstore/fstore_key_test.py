@@ -24,7 +24,7 @@ GROUP = "(?:[0-9A-HJKMNP-TV-Z]{5}-)"
 class RawTest(InitialisedTest):
     @classmethod
     def fill(cls, folder):
-        run = support.fstore("-D", folder, "put", "settings/a", "-", stdin=b"body")
+        run = support.fstore("-D", folder, "put", "-f", "settings/a", "-", stdin=b"body")
         assert run.code == 0, run.message
 
     def digest(self):
@@ -107,7 +107,7 @@ class SlotsCase(InitialisedTest):
 
     @classmethod
     def fill(cls, folder):
-        run = support.fstore("-D", folder, "put", "settings/a", "-", stdin=b"body")
+        run = support.fstore("-D", folder, "put", "-f", "settings/a", "-", stdin=b"body")
         assert run.code == 0, run.message
 
     def setUp(self):
@@ -191,7 +191,7 @@ class SlotsTest(SlotsCase):
         self.run_tool("-D", other, "init", *CHEAP)
         self.run_tool("-D", other, "key", "add", "--key-file", path)
         self.assertEqual(contents, path.read_text())
-        self.run_tool("-D", other, "put", "settings/b", "-", "--key-file", path, password=None,
+        self.run_tool("-D", other, "put", "-f", "settings/b", "-", "--key-file", path, password=None,
                       stdin=b"x")
 
     def test_a_credential_of_a_service(self):
@@ -613,7 +613,7 @@ class CostTest(SlotsCase):
 
     def test_only_a_password_is_derived_from(self):
         path, key = self.add_key_file(), self.add_recovery()
-        for args in [("get", "a"), ("put", "settings/b", "-"), ("check", "--deep"),
+        for args in [("get", "a"), ("put", "-f", "settings/b", "-"), ("check", "--deep"),
                      ("key", "test"), ("key", "ls"), ("key", "raw", "-q", "--fd", "1")]:
             self.assertEqual(1, self.derivations(*args), args)
             self.assertEqual(0, self.derivations(*args, "--key-file", path, password=None), args)

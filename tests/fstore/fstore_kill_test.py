@@ -15,7 +15,7 @@ class Put(Workload):
 
 
 class PutOver(Workload):
-    args = ("put", "settings/a", "-")
+    args = ("put", "-f", "settings/a", "-")
     stdin = b"new"
     bodies = {**Workload.bodies, "settings/a": {b"old", b"new"}}
 
@@ -113,7 +113,7 @@ class SettleOurs(Workload):
     def prepare(self, folder):
         lsps = folder / "db/lsps"
         before = {path: path.read_bytes() for path in lsps.iterdir()}
-        run = support.fstore("-D", folder, "put", "lsps/plain", "-", "--plain-body", stdin=b"theirs")
+        run = support.fstore("-D", folder, "put", "-f", "lsps/plain", "-", "--plain-body", stdin=b"theirs")
         assert run.code == 0, run
         (lsps / "plain.dsc").rename(lsps / "plain.dsc.orig")
         for path, contents in before.items():

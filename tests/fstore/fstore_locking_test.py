@@ -15,7 +15,7 @@ from support import InitialisedTest
 class LockTest(InitialisedTest):
     @classmethod
     def fill(cls, folder):
-        run = support.fstore("-D", folder, "put", "settings/a", "-", "--plain-body", stdin=b"x")
+        run = support.fstore("-D", folder, "put", "-f", "settings/a", "-", "--plain-body", stdin=b"x")
         assert run.code == 0, run.message
 
     def hold(self, kind):
@@ -67,7 +67,7 @@ class LockFileTest(InitialisedTest):
 
     @classmethod
     def fill(cls, folder):
-        run = support.fstore("-D", folder, "put", "settings/a", "-", "--plain-body", stdin=b"x")
+        run = support.fstore("-D", folder, "put", "-f", "settings/a", "-", "--plain-body", stdin=b"x")
         assert run.code == 0, run.message
 
     def setUp(self):
@@ -244,7 +244,7 @@ class LockFileTest(InitialisedTest):
 class ReaderRepairTest(InitialisedTest):
     @classmethod
     def fill(cls, folder):
-        run = support.fstore("-D", folder, "put", "settings/a", "-", stdin=b"x")
+        run = support.fstore("-D", folder, "put", "-f", "settings/a", "-", stdin=b"x")
         assert run.code == 0, run.message
 
     def test_a_lone_saved_descriptor(self):

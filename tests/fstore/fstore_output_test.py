@@ -70,7 +70,7 @@ class OutputTest(InitialisedTest):
     def test_every_document_has_its_schema(self):
         self.put("settings/a", b"x")
         for args in [("ls",), ("show", "a"), ("get", "a"), ("dump", "a"), ("info",), ("check",),
-                     ("set", "a", "label=x"), ("unset", "a", "label"), ("put", "settings/a", "-"),
+                     ("set", "a", "label=x"), ("unset", "a", "label"), ("put", "-f", "settings/a", "-"),
                      ("rm", "a"), ("init",), ("passwd", *support.CHEAP)]:
             document = self.run_tool("--json", *args, stdin=b"x",
                                      env={"FSTORE_NEW_PASSWORD": "new"}).document
@@ -128,7 +128,7 @@ class OutputTest(InitialisedTest):
 
     def test_a_closed_input_is_not_an_empty_one(self):
         self.put("settings/a", b"body")
-        for args in [("put", "settings/a", "-"), ("put", "settings/new", "-"), ("import", "-")]:
+        for args in [("put", "-f", "settings/a", "-"), ("put", "settings/new", "-"), ("import", "-")]:
             run = self.run_closed("<&-", *args)
             self.assertEqual(9, run.returncode, run)
             self.assertIn(b"Bad file descriptor", run.stderr)

@@ -19,7 +19,7 @@ SLOT = re.compile(r"ln=(\d+) r=(\d+) p=(\d+) salt=([0-9a-f]{64}) wrap=aead key=(
 class SourceTest(InitialisedTest):
     @classmethod
     def fill(cls, folder):
-        run = support.fstore("-D", folder, "put", "settings/a", "-", stdin=b"body")
+        run = support.fstore("-D", folder, "put", "-f", "settings/a", "-", stdin=b"body")
         assert run.code == 0, run.message
 
     def opens(self, *args, code=0, **more):
@@ -59,7 +59,7 @@ class SourceTest(InitialisedTest):
                      ("--password-fd", 0, "--key-file", file)]:
             self.opens(*pair, code=2, stdin=PASSWORD.encode())
         run = self.run_tool("passwd", "--new-password-file", file, "--new-password-fd", 0, code=2)
-        self.assertIn("excludes", run.message)
+        self.assertIn("do not go together", run.message)
 
     def test_one_line_feed_is_dropped(self):
         self.opens("--password-file", self.private("pw", PASSWORD + "\n"))
@@ -112,7 +112,7 @@ class SourceTest(InitialisedTest):
 class TerminalTest(InitialisedTest):
     @classmethod
     def fill(cls, folder):
-        run = support.fstore("-D", folder, "put", "settings/a", "-", stdin=b"body")
+        run = support.fstore("-D", folder, "put", "-f", "settings/a", "-", stdin=b"body")
         assert run.code == 0, run.message
 
     def terminal(self, *args, **more):
@@ -310,7 +310,7 @@ class OldLineTest(InitialisedTest):
         text = self.kdf().read_text()
         for bad in ["ln=13", "ln=23", "ln=40"]:
             self.kdf().write_text(text.replace("ln=14", bad))
-            self.fails(59, "malformed", "put", "settings/a", "-")
+            self.fails(59, "malformed", "put", "-f", "settings/a", "-")
         self.kdf().write_text(text.replace("r=8", "r=33"))
         self.fails(59, "malformed", "ls")
         self.kdf().write_text(text * 3)
@@ -321,7 +321,7 @@ class OldLineTest(InitialisedTest):
         for cost, reason in [("ln=22 r=32 p=1", "16384 MiB"), ("ln=22 r=9 p=1", "4608 MiB"),
                              ("ln=22 r=8 p=2", "work"), ("ln=20 r=32 p=2", "work")]:
             self.kdf().write_text(text.replace("ln=14 r=8 p=1", cost))
-            for args in [("put", "settings/a", "-"), ("passwd",), ("ls",)]:
+            for args in [("put", "-f", "settings/a", "-"), ("passwd",), ("ls",)]:
                 message = self.fails(59, "malformed", *args, memory=1 << 30,
                                      env={"FSTORE_NEW_PASSWORD": "new"})
                 self.assertIn(reason, message)
@@ -333,7 +333,7 @@ class OldLineTest(InitialisedTest):
     def test_memory_that_cannot_be_had(self):
         text = self.kdf().read_text().replace("ln=14", "ln=22")  # 4 GiB
         self.kdf().write_text(text)
-        self.assertIn("MiB", self.fails(1, "no-memory", "put", "settings/a", "-",
+        self.assertIn("MiB", self.fails(1, "no-memory", "put", "-f", "settings/a", "-",
                                         memory=2 << 30))
 
     def test_opens_and_gets_a_copy_of_its_line(self):
@@ -394,7 +394,7 @@ class ProtectionTest(InitialisedTest):
         before = key.read_bytes()
         damages = [None, b"", b"00000002 00000001 00\n", b"\0" * len(before),
                    re.sub(rb"[0-9a-f]{32}", b"0" * 32, before)]
-        commands = [("put", "settings/a", "-"), ("init",), ("get", "secret"),
+        commands = [("put", "-f", "settings/a", "-"), ("init",), ("get", "secret"),
                     ("check", "--repair"), ("set", "secret", "label=x"),
                     ("passwd", *CHEAP)]
         for damage in damages:
@@ -432,7 +432,7 @@ class ProtectionTest(InitialisedTest):
         self.forget_slots()
         key = self.folder / "db/key.dsc"
         key.write_text(f"00000002 00000001 {hashlib.md5(b'plain').hexdigest()}\n")
-        run = self.run_tool("put", "settings/a", "-", stdin=b"x", password="plain")
+        run = self.run_tool("put", "-f", "settings/a", "-", stdin=b"x", password="plain")
         self.assertIn("fstore passwd", run.message)
         self.assertIn("passwd", self.fails(4, "invalid", "init", password="plain"))
         self.run_tool("passwd", *CHEAP, password="plain", env={"FSTORE_NEW_PASSWORD": "new"})
@@ -443,7 +443,7 @@ class ProtectionTest(InitialisedTest):
     def test_a_database_without_password_keeps_no_secrets(self):
         self.forget_slots()
         (self.folder / "db/key.dsc").unlink()
-        self.assertIn("init", self.fails(14, "not-open", "put", "settings/a", "-", password=None))
+        self.assertIn("init", self.fails(14, "not-open", "put", "-f", "settings/a", "-", password=None))
         self.put("settings/a", b"plain", "--plain-body", password=None)
         self.fails(14, "not-open", "set", "a", "--encrypt", "0x8001=x", password=None)
         run = self.run_tool("passwd", *CHEAP, password=None, env={"FSTORE_NEW_PASSWORD": "new"})
@@ -570,7 +570,7 @@ class SecrecyTest(InitialisedTest):
 
     @classmethod
     def fill(cls, folder):
-        run = support.fstore("-D", folder, "put", "settings/a", "-", stdin=b"body")
+        run = support.fstore("-D", folder, "put", "-f", "settings/a", "-", stdin=b"body")
         assert run.code == 0, run.message
 
     def waiting(self, *args, **more):

@@ -92,7 +92,7 @@ class FileTest(InitialisedTest):
         word = ("--password-file", "password")
         subprocess.run(["openssl", "genpkey", "-algorithm", "ed25519", "-out",
                         self.elsewhere / "key.pem"], check=True, capture_output=True)
-        self.from_elsewhere("put", "settings/a", "in", *word, password=None)
+        self.from_elsewhere("put", "-f", "settings/a", "in", *word, password=None)
         self.from_elsewhere("set", "settings/a", "0x8001=@in")
         self.from_elsewhere("get", "settings/a", "-o", "got", *word, password=None)
         self.from_elsewhere("get", "settings/a", "-o", "got", "-f",
@@ -116,7 +116,7 @@ class OutputTest(InitialisedTest):
 
     @classmethod
     def fill(cls, folder):
-        run = support.fstore("-D", folder, "put", "settings/a", "-", stdin=b"body")
+        run = support.fstore("-D", folder, "put", "-f", "settings/a", "-", stdin=b"body")
         assert run.code == 0, run.message
         subprocess.run(["openssl", "genpkey", "-algorithm", "ed25519", "-out",
                         folder / "key.pem"], check=True, capture_output=True)
@@ -226,12 +226,12 @@ class CodeTest(InitialisedTest):
                                   "[algorithms]\ndefault_properties = colour=none\n")
         (self.folder / "elsewhere").mkdir()
         for name in ["openssl.cnf", "./openssl.cnf"]:
-            for args in [("-D", "..", "put", "settings/a", "-"), ("-D", "..", "check", "--deep")]:
+            for args in [("-D", "..", "put", "-f", "settings/a", "-"), ("-D", "..", "check", "--deep")]:
                 run = support.fstore(*args, cwd=self.folder / "elsewhere", stdin=b"x",
                                      env={"OPENSSL_CONF": name})
                 self.assertEqual(0, run.code, run.message)
             # Here it is the user who says so.
-            self.assertNotEqual(0, support.fstore("put", "settings/a", "-", cwd=self.folder,
+            self.assertNotEqual(0, support.fstore("put", "-f", "settings/a", "-", cwd=self.folder,
                                                   env={"OPENSSL_CONF": name}).code)
 
 

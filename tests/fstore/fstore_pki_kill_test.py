@@ -172,7 +172,7 @@ class Restore(Workload):
         assert run.code == 0, run
 
     def prepare(self, folder):
-        run = support.fstore("-D", folder, "put", "settings/a", "-", stdin=b"changed since")
+        run = support.fstore("-D", folder, "put", "-f", "settings/a", "-", stdin=b"changed since")
         assert run.code == 0, run
 
     @staticmethod

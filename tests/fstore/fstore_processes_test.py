@@ -60,7 +60,7 @@ class Worker(threading.Thread):
     def put(self):
         address, body = self.own(), self.body()
         plain = ["--plain-body"] if self.random.random() < 0.3 else []
-        run = self.tool("put", address, "-", *plain, stdin=body)
+        run = self.tool("put", "-f", address, "-", *plain, stdin=body)
         self.expect(run, run.code == 0, f"put {address}")
         self.known[address] = body
 
@@ -95,7 +95,7 @@ class Worker(threading.Thread):
         self.expect(run, run.code == 0 and run.document["findings"] == [], "check")
 
     def put_shared(self):
-        run = self.tool("put", self.random.choice(SHARED), "-", stdin=b"shared " + self.body())
+        run = self.tool("put", "-f", self.random.choice(SHARED), "-", stdin=b"shared " + self.body())
         self.expect(run, run.code == 0, "put shared")
 
     def get_shared(self):

@@ -86,7 +86,7 @@ class Program(threading.Thread):
         def needs_password(world):
             old = world.database.find(address)
             return not plain or (old is not None and old.encrypted)
-        return (("put", address, "-", *(["--plain-body"] if plain else [])), body,
+        return (("put", "-f", address, "-", *(["--plain-body"] if plain else [])), body,
                 lambda password: Step(f"put {address} {digest[:8]}",
                                       guarded(password, store, needs_password)))
 

@@ -8,6 +8,7 @@ import shutil
 
 import pki
 import support
+from terminal import Terminal
 from support import LONG, SANITIZED, FstoreTest, InitialisedTest
 
 
@@ -50,9 +51,26 @@ class BodyTest(InitialisedTest):
         self.assertFalse(any(b"two" == contents for contents in self.files().values()))
         self.assert_sound()
 
+    def test_a_body_is_not_replaced_unasked(self):
+        self.put("settings/a", b"precious")
+        self.assertIn("--force", self.fails(4, "invalid", "put", "settings/a", "-", stdin=b"other"))
+        self.fails(4, "invalid", "put", "--plain-body", "settings/a", "-", stdin=b"other",
+                   password=None)
+        for answer, code, body in [("n\n", 4, b"precious"), ("\n", 4, b"precious"),
+                                   ("y\n", 0, b"typed over")]:
+            path = self.write("in", b"typed over")
+            terminal = Terminal(["-D", self.folder, "put", "settings/a", path],
+                                password=support.PASSWORD)
+            self.addCleanup(terminal.close)
+            terminal.expect("Replace the body of settings/a? [y/N] ")
+            terminal.type(answer)
+            self.assertEqual(code, terminal.wait(), terminal.seen)
+            self.assertEqual(body, self.body("a"))
+        self.assert_sound()
+
     def test_of_a_file(self):
         path = self.write("in", b"from a file")
-        self.run_tool("put", "settings/a", path)
+        self.run_tool("put", "-f", "settings/a", path)
         self.assertEqual(b"from a file", self.body("a"))
         run = support.fstore("-D", self.folder, "put", "settings/b", path, cwd="/")
         self.assertEqual(0, run.code, run.message)
@@ -60,22 +78,22 @@ class BodyTest(InitialisedTest):
     def test_file_is_named_from_where_the_user_is(self):
         (self.folder / "elsewhere").mkdir()
         self.write("elsewhere/in", b"relative")
-        run = support.fstore("-D", "..", "put", "settings/a", "in", cwd=self.folder / "elsewhere")
+        run = support.fstore("-D", "..", "put", "-f", "settings/a", "in", cwd=self.folder / "elsewhere")
         self.assertEqual(0, run.code, run.message)
         run = support.fstore("-D", "..", "get", "a", "-o", "out", cwd=self.folder / "elsewhere")
         self.assertEqual(0, run.code, run.message)
         self.assertEqual(b"relative", (self.folder / "elsewhere" / "out").read_bytes())
 
     def test_missing_input_is_told_before_anything_happens(self):
-        self.assertIn("nowhere", self.fails(50, "missing", "put", "settings/a", "nowhere",
+        self.assertIn("nowhere", self.fails(50, "missing", "put", "-f", "settings/a", "nowhere",
                                             password=None))
-        self.assertIn("directory", self.fails(9, "io", "put", "settings/a", "."))
+        self.assertIn("directory", self.fails(9, "io", "put", "-f", "settings/a", "."))
 
     def test_more_than_the_format_holds_is_refused_unread(self):
         path = self.folder / "huge"
         with path.open("wb") as file:
             file.truncate(1 << 32)
-        self.assertIn("4294967231", self.fails(4, "invalid", "put", "settings/a", path))
+        self.assertIn("4294967231", self.fails(4, "invalid", "put", "-f", "settings/a", path))
         self.assertEqual([], self.records())
 
     def test_unknown_folder_is_missing(self):
@@ -99,7 +117,7 @@ class BodyTest(InitialisedTest):
 class OutputFileTest(InitialisedTest):
     @classmethod
     def fill(cls, folder):
-        run = support.fstore("-D", folder, "put", "settings/a", "-", stdin=b"body")
+        run = support.fstore("-D", folder, "put", "-f", "settings/a", "-", stdin=b"body")
         assert run.code == 0, run.message
 
     def test_is_written_for_its_owner_only(self):
@@ -158,6 +176,26 @@ class AddressTest(InitialisedTest):
                                  ("bothh", "keys/both")]:
             self.assertIn(f"there is no record {address}; did you mean {nearest}?",
                           self.fails(50, "missing", "show", address))
+
+    def test_by_less_when_one_alone_is_meant(self):
+        self.run_tool("set", "settings/a", "label=The first [of all]")
+        for text, meant in [("The first [of all]", "settings/a"), ("settings/bo", "settings/both"),
+                            ("settings/*oth", "settings/both"), ("keys/b", "keys/both"),
+                            ("s*/[a-b]", "settings/a"), ("db/settings/bot", "settings/both")]:
+            for command in ["get", "show", "dump"]:
+                run = self.run_tool(command, text)
+                self.assertIn(f"is taken to mean {meant}", run.message, (command, text))
+            self.assertEqual(meant.encode(), self.run_tool("-q", "get", text).out)
+        message = self.fails(4, "invalid", "get", "*oth")
+        self.assertIn("it may be keys/both, settings/both", message)
+        self.assertIn("ambiguous", self.fails(4, "invalid", "show", "b"))
+        for text in ["sha256:00", "settings/A*", "x*", "ey"]:
+            self.fails(50, "missing", "show", text)
+
+    def test_by_less_writes_nothing(self):
+        for args in [("set", "settings/bo", "label=x"), ("unset", "settings/bo", "label"),
+                     ("rm", "settings/bo"), ("mv", "settings/bo", "settings/c")]:
+            self.assertIn("did you mean settings/both?", self.fails(50, "missing", *args))
 
     def test_that_leads_elsewhere_is_refused(self):
         for address in ["../a", "settings/../../a", "settings/", "sha256:xyz", ""]:
@@ -301,6 +339,29 @@ class RemovalTest(InitialisedTest):
         self.assertEqual(3, len(self.records()))
         self.run_tool("rm", "--force", "a", "k")
         self.assertEqual(["settings/b"], self.records())
+
+    def test_what_matches_a_pattern_is_asked_for(self):
+        for pattern in ["settings/*", "[ab]", "?", "*/[!c-z]"]:
+            message = self.fails(2, "usage", "rm", pattern)
+            self.assertIn("nothing was removed", message)
+        run = self.run_tool("rm", "settings/*", code=2)
+        self.assertIn("settings/a\nfstore: settings/b\n", run.message)
+        self.assertEqual(3, len(self.records()))
+        self.run_tool("rm", "-f", "settings/[a]", "k*")
+        self.assertEqual(["settings/b"], self.records())
+        self.run_tool("rm", "-f", "*")
+        self.assertEqual([], self.records())
+        self.assert_sound()  # the records of the store itself are there
+
+    def test_a_pattern_that_matches_nothing_removes_nothing(self):
+        for patterns in [("settings/*", "x*"), ("s*",), ("settings/A*",), ("*/*/*",)]:
+            self.fails(50, "missing", "rm", "-f", *patterns)
+        self.assertEqual(3, len(self.records()))
+
+    def test_a_record_that_looks_like_a_pattern_is_itself(self):
+        self.put("settings/[a]", b"x")
+        self.run_tool("rm", "settings/[a]")
+        self.assertEqual(["keys/k", "settings/a", "settings/b"], self.records())
 
     def test_some_done_and_some_not(self):
         # The second removal fails at its first call, and at its second attempt.
@@ -528,7 +589,7 @@ class ListingTest(InitialisedTest):
 class DumpTest(InitialisedTest):
     @classmethod
     def fill(cls, folder):
-        run = support.fstore("-D", folder, "put", "settings/a", "-", "--label", "mine", stdin=b"x")
+        run = support.fstore("-D", folder, "put", "-f", "settings/a", "-", "--label", "mine", stdin=b"x")
         assert run.code == 0, run.message
 
     def test_raw_is_the_file(self):
@@ -591,7 +652,7 @@ class LargeTest(InitialisedTest):
             self.put("settings/a", b"body")
             path = self.write("large", bytes(256 << 20))
             before = self.files()
-            self.assertRegex(self.fails(1, "no-memory", "put", "settings/a", path,
+            self.assertRegex(self.fails(1, "no-memory", "put", "-f", "settings/a", path,
                                         memory=self.BESIDE), "memory")
             self.assertEqual(before, self.files())
 

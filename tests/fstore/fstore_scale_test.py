@@ -81,7 +81,7 @@ class OneRecordTest(ScaleTest):
 
     def change(self, turn):
         self.put("settings/a", b"old")
-        return {"put over": self.calls("put", "settings/a", "-", stdin=b"new"),
+        return {"put over": self.calls("put", "-f", "settings/a", "-", stdin=b"new"),
                 "set": self.calls("set", "settings/a", f"label={turn}"),
                 "unset": self.calls("unset", "settings/a", "label"),
                 "mv": self.calls("mv", "settings/a", "settings/b"),

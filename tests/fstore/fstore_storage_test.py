@@ -12,14 +12,14 @@ import support
 from support import CHEAP, InitialisedTest
 
 TRAP = {"LD_PRELOAD": support.CALL_TRAP}
-WRITES = [("put", "settings/a", "-"), ("put", "settings/new", "-"), ("set", "a", "label=x"),
+WRITES = [("put", "-f", "settings/a", "-"), ("put", "settings/new", "-"), ("set", "a", "label=x"),
           ("set", "a", "--encrypt", "0x8001=x"), ("passwd", *CHEAP)]
 
 
 class StorageTest(InitialisedTest):
     @classmethod
     def fill(cls, folder):
-        run = support.fstore("-D", folder, "put", "settings/a", "-", stdin=b"body")
+        run = support.fstore("-D", folder, "put", "-f", "settings/a", "-", stdin=b"body")
         assert run.code == 0, run.message
 
     def assert_unchanged(self):
@@ -57,7 +57,7 @@ class FullDiskTest(StorageTest):
     def test_files_that_may_not_grow(self):
         large = self.write("large", os.urandom(100_000))
         before = sorted(os.listdir(self.folder))
-        for args in [("put", "settings/new", "large"), ("put", "settings/a", "large"),
+        for args in [("put", "settings/new", "large"), ("put", "-f", "settings/a", "large"),
                      ("backup", "out")]:
             with self.subTest(args=args):
                 self.fails(9, "io", *args, prefix=["prlimit", "--fsize=8192"])
@@ -167,7 +167,7 @@ class DamageTest(StorageTest):
                 self.assertEqual(f"cannot open ./{path.relative_to(self.folder)}: "
                                  "Permission denied", message)
                 for args in [("passwd", *CHEAP), ("set", "settings/a", "label=x"),
-                             ("put", "settings/a", "-")]:
+                             ("put", "-f", "settings/a", "-")]:
                     message = self.fails(9, "io", *args, prefix=support.BOUND,
                                          env={"FSTORE_NEW_PASSWORD": "new"})
                     self.assertIn(f"{path.name}: Permission denied", message)

@@ -94,7 +94,7 @@ class KillTest(unittest.TestCase):
         cls.template = pathlib.Path(tempfile.mkdtemp(prefix="fstore-template-"))
         cls.addClassCleanup(shutil.rmtree, cls.template)
         for args, stdin in [(("init", *CHEAP), b""),
-                            (("put", "settings/a", "-"), b"old"),
+                            (("put", "-f", "settings/a", "-"), b"old"),
                             (("put", "keys/k", "-"), b"key"),
                             (("put", "lsps/plain", "-", "--plain-body"), b"plain")]:
             run = support.fstore("-D", cls.template, *args, stdin=stdin)

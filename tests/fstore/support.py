@@ -151,7 +151,7 @@ class FstoreTest(unittest.TestCase):
         self.run_tool("init", *CHEAP)
 
     def put(self, address, contents, *options, **more):
-        self.run_tool("put", *options, address, "-", stdin=contents, **more)
+        self.run_tool("put", "-f", *options, address, "-", stdin=contents, **more)
 
     def body(self, address, **more):
         return self.run_tool("get", address, **more).out

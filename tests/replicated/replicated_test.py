@@ -63,7 +63,7 @@ class ReplicatedTest(unittest.TestCase):
         return run
 
     def put(self, host, address, contents, **more):
-        self.ok(host, "put", address, "-", stdin=contents, **more)
+        self.ok(host, "put", "-f", address, "-", stdin=contents, **more)
 
     def fill(self, **more):
         for number in range(self.records):
@@ -246,7 +246,7 @@ class CutTest(ReplicatedTest):
         commands = {
             "set": (("set", "settings/a", "label=of host one"), {}),
             "rm": (("rm", "settings/a"), {}),
-            "put": (("put", "settings/a", "-"), {}),
+            "put": (("put", "-f", "settings/a", "-"), {}),
             "passwd": (("passwd", *CHEAP), {"FSTORE_NEW_PASSWORD": NEW}),
         }
         stale = {}

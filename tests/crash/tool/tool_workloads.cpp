@@ -335,7 +335,7 @@ std::vector<ToolWorkload> recordWorkloads() {
              .result = {.records = 4},
              .goesOnByName = true},
             {.name = "put_over",
-             .command = {{"put", "settings/a", "input"}},
+             .command = {{"put", "-f", "settings/a", "input"}},
              .start = makeDatabase,
              .result = {.records = 3},
              .goesOnByName = true},

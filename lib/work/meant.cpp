@@ -1,0 +1,126 @@
+#include "lib/work/meant.h"
+
+#include <utility>
+
+#include <fmt/format.h>
+#include <fnmatch.h>
+
+#include "lib/base/error.h"
+#include "lib/records/catalogue.h"
+#include "lib/records/record.h"
+#include "lib/work/find.h"
+
+namespace fstore {
+namespace {
+
+constexpr std::size_t kMostNamed = 10;
+
+bool isBare(const AddressText& text) {
+    return text.form == AddressText::Form::kBare;
+}
+
+template <class Test>
+std::vector<Address> recordsThat(Test test) {
+    std::vector<Address> found;
+    Unread elsewhere;  // what cannot be read is not what is meant; ls and check tell about it
+    visitRecords(
+        [&](const Address& record) {
+            if (test(record)) {
+                found.push_back(record);
+            }
+            return true;
+        },
+        &elsewhere);
+    return found;
+}
+
+std::vector<Address> recordsLabelled(Database& database, std::string_view label) {
+    std::string pattern = "label=";
+    for (const char c : label) {
+        pattern += isPattern({&c, 1}) || c == '\\' ? std::string{'\\', c} : std::string{c};
+    }
+    FindRules rules;
+    rules.filters.attributes.push_back(std::move(pattern));
+    std::vector<Address> found;
+    for (RecordInfo& info : findRecords(database, rules).records) {
+        if (info.label == label) {
+            found.push_back(std::move(info.address));
+        }
+    }
+    return found;
+}
+
+std::vector<Address> recordsBeginning(const AddressText& wanted) {
+    const std::string beginning = isBare(wanted) ? wanted.place.name : wanted.place.print();
+    return recordsThat([&](const Address& record) {
+        return (isBare(wanted) ? record.name : record.print()).starts_with(beginning);
+    });
+}
+
+[[noreturn]] void failAmbiguous(std::string_view text, const std::vector<Address>& found) {
+    std::string names;
+    for (std::size_t i = 0; i < found.size() && i < kMostNamed; ++i) {
+        names += (i == 0 ? "" : ", ") + found[i].print();
+    }
+    if (found.size() > kMostNamed) {
+        names += fmt::format(" or one of {} others", found.size() - kMostNamed);
+    }
+    throw Failure(kInvalid, fmt::format("{} is ambiguous; it may be {}", text, names),
+                  std::string(text));
+}
+
+}  // namespace
+
+bool isPattern(std::string_view text) {
+    return text.find_first_of("*?[") != std::string_view::npos;
+}
+
+std::vector<Address> recordsMatching(std::string_view pattern) {
+    const AddressText wanted = parseAddress(pattern);
+    const std::string compared = isBare(wanted) ? wanted.place.name : wanted.place.print();
+    return recordsThat([&](const Address& record) {
+        const std::string text = isBare(wanted) ? record.name : record.print();
+        return fnmatch(compared.c_str(), text.c_str(), FNM_PATHNAME) == 0;
+    });
+}
+
+std::optional<Address> meantRecord(Database& database, std::string_view text) {
+    const AddressText wanted = parseAddress(text);
+    std::vector<Address> found;
+    if (wanted.form == AddressText::Form::kDigest) {
+        return std::nullopt;
+    }
+    found = recordsLabelled(database, text);
+    if (found.empty()) {
+        found = isPattern(text) ? recordsMatching(text) : recordsBeginning(wanted);
+    }
+    if (found.size() > 1) {
+        failAmbiguous(text, found);
+    }
+    return found.empty() ? std::nullopt : std::optional(found[0]);
+}
+
+std::vector<std::string> withoutPatterns(const std::vector<std::string>& texts) {
+    std::vector<std::string> found;
+    for (const std::string& text : texts) {
+        if (!isPattern(text)) {
+            found.push_back(text);
+            continue;
+        }
+        const AddressText wanted = parseAddress(text);
+        if (wanted.form == AddressText::Form::kPlace && Record::isThere(wanted.place)) {
+            found.push_back(text);
+            continue;
+        }
+        const std::vector<Address> matching = recordsMatching(text);
+        if (matching.empty()) {
+            throw NoRecord(text);
+        }
+        for (const Address& record : matching) {
+            found.push_back(record.print());
+        }
+    }
+    return found;
+}
+
+}  // namespace fstore
