@@ -242,10 +242,11 @@ void IndexTables::visit(SqlStatement& statement, const HitUser& use) {
 }
 
 void IndexTables::visitDigests(std::string_view from, std::string_view end, const HitUser& use) {
+    // With an OR for the end all that is behind it would be read.
+    const bool hasEnd = !end.empty();
     SqlStatement rows(
-        sql_, fmt::format("{} sha256 >= ? AND ({} OR sha256 < ?)", kHit, end.empty() ? "1" : "0")
-                  .c_str());
-    visit(rows.with(from, end), use);
+        sql_, fmt::format("{} sha256 >= ?{}", kHit, hasEnd ? " AND sha256 < ?" : "").c_str());
+    visit(hasEnd ? rows.with(from, end) : rows.with(from), use);
 }
 
 void IndexTables::visitKeys(std::string_view keySha256, const HitUser& use) {
