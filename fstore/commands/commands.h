@@ -22,6 +22,8 @@ void addOpensslConf(Cli& cli);
 void addSet(Cli& cli);
 void addUnset(Cli& cli);
 void addMv(Cli& cli);
+void addCp(Cli& cli);
+void addMkdir(Cli& cli);
 void addRm(Cli& cli);
 void addPrune(Cli& cli);
 void addPut(Cli& cli);
@@ -53,6 +55,8 @@ inline void addCommands(Cli& cli) {
     addSet(cli);
     addUnset(cli);
     addMv(cli);
+    addCp(cli);
+    addMkdir(cli);
     addRm(cli);
     addPrune(cli);
     addPut(cli);

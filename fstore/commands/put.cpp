@@ -23,11 +23,13 @@ namespace fstore {
 namespace {
 
 constexpr int kStdout = 1;
+constexpr double kMostRandom = 1 << 20;
 
 struct PutOptions {
     std::string address;
     std::string file;
     PutRules rules;
+    std::optional<int> random;
     bool force = false;
 };
 
@@ -48,11 +50,19 @@ void confirmReplacing(const Address& address, const Globals& globals) {
     }
 }
 
+SecretBytes readInput(const std::string& file, Context& context) {
+    context.standardInput.claimIfNamed(file, "the body");
+    return InputFile(file).readAll(Record::kMostBody);
+}
+
 Status runPut(const PutOptions& options, Context& context) {
     const Address address = parseNewAddress(options.address);
     refuseInternal(address);  // before the input is waited for
-    context.standardInput.claimIfNamed(options.file, "the body");
-    SecretBytes bytes = InputFile(options.file).readAll(Record::kMostBody);
+    if (options.file.empty() == !options.random) {
+        throw Failure(kUsage, "name the file to store, or say how many bytes with --random");
+    }
+    SecretBytes bytes = options.random ? randomBytes(static_cast<std::size_t>(*options.random))
+                                       : readInput(options.file, context);
     PutRules rules = options.rules;
     rules.isNew = !options.force;
     const auto store = [&, size = bytes.size(), plain = rules.plain] {
@@ -120,7 +130,10 @@ void addPut(Cli& cli) {
                                [options](Context& context) { return runPut(*options, context); });
     command.argument("ADDRESS", &options->address,
                      "FOLDER/NAME of a new record or of one to replace");
-    command.argument("FILE", &options->file, "The file; \"-\" is the standard input");
+    command.argument("FILE", &options->file, "The file; \"-\" is the standard input").required =
+        false;
+    command.option("--random", "N", Number{&options->random, 1, kMostRandom},
+                   "Instead of a file: N random bytes");
     command.option("--label", "TEXT", &options->rules.label, "Text to find it by");
     command.flag("--plain-body", &options->rules.plain, "Do not encrypt it; needs no password");
     command.flag("-f,--force", &options->force, "Replace the body of a record without asking");

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include <fmt/format.h>
+#include <openssl/rand.h>
 
 #include "lib/base/error.h"
 #include "lib/base/sha256.h"
@@ -130,6 +131,14 @@ Record recordFor(Database& database, const Address& address, const RecordChange&
 RecordExists::RecordExists(const Address& address)
     : Failure(kInvalid, fmt::format("there is a record {} already", address.print()),
               address.print()) {}
+
+SecretBytes randomBytes(std::size_t size) {
+    SecretBytes bytes(size);
+    if (RAND_bytes(bytes.data(), static_cast<int>(size)) != 1) {
+        throw Failure(kIo, "cannot make random bytes: OpenSSL has no random numbers");
+    }
+    return bytes;
+}
 
 void putBody(Database& database, const Address& address, SecretBytes& bytes,
              const PutRules& rules) {

@@ -4,6 +4,7 @@
 #ifndef LIB_WORK_PUT_H
 #define LIB_WORK_PUT_H
 
+#include <cstddef>
 #include <optional>
 #include <span>
 #include <string>
@@ -29,6 +30,9 @@ class RecordExists : public Failure {
 public:
     explicit RecordExists(const Address& address);
 };
+
+// Drawn by OpenSSL.
+SecretBytes randomBytes(std::size_t size);
 
 // Gives the record of this address these bytes as its body, with their digest and the time. What
 // is not there is created as a record of kind kRaw; what is there keeps its other attributes.

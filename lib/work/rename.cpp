@@ -56,4 +56,13 @@ Renaming renameRecord(Database& database, const std::string& text, const Address
     return {record.address(), record.remove(owners)};
 }
 
+Address copyRecord(Database& database, const std::string& text, const Address& to) {
+    refuseInternal(to);
+    requireFree(to);
+    const Record record = readForChange(database, text, /*getsSecret=*/false);
+    checkBody(record);
+    record.copyTo(to).write();
+    return record.address();
+}
+
 }  // namespace fstore

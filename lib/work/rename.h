@@ -1,4 +1,4 @@
-// Another place for a record.
+// Another place for a record, or a second one.
 //
 // For one thread, in a database that is entered for changes. Failures throw.
 #ifndef LIB_WORK_RENAME_H
@@ -35,6 +35,10 @@ struct Renaming {
 //   kMalformed  the body is not the one whose digest the record has: a damaged record stays
 //               where it is, for `fstore check`
 Renaming renameRecord(Database& database, const std::string& text, const Address& to);
+
+// Makes a record of the same attributes and body at the new place, as renameRecord(), and leaves
+// the old one. The address of that.
+Address copyRecord(Database& database, const std::string& text, const Address& to);
 
 }  // namespace fstore
 

@@ -48,6 +48,15 @@ class Move(Workload):
         assert "settings/a" not in digests and digests["crm/moved"], digests
 
 
+class Copy(Workload):
+    args = ("cp", "settings/a", "crm/copied")
+    bodies = {**Workload.bodies, "crm/copied": {b"old", None}}
+
+
+class MakeFolders(Workload):
+    args = ("mkdir", "-p", "settings/one/two")
+
+
 class Change(Workload):
     args = ("passwd", *CHEAP)
     env = {"FSTORE_NEW_PASSWORD": NEW}
@@ -209,6 +218,12 @@ class CommandsTest(KillTest):
 
     def test_rm(self):
         self.kill_everywhere(Remove)
+
+    def test_cp(self):
+        self.kill_everywhere(Copy)
+
+    def test_mkdir(self):
+        self.kill_everywhere(MakeFolders)
 
     def test_mv(self):
         self.kill_everywhere(Move)

@@ -68,6 +68,18 @@ class BodyTest(InitialisedTest):
             self.assertEqual(body, self.body("a"))
         self.assert_sound()
 
+    def test_of_random_bytes(self):
+        bodies = set()
+        for name in "abc":
+            self.run_tool("put", f"settings/{name}", "--random", "32")
+            bodies.add(self.body(name))
+        self.assertEqual([32] * 3, [len(body) for body in bodies])
+        self.assertFalse(any(body in contents for contents in self.files().values()
+                             for body in bodies))
+        for args in [(), ("-", "--random", "32"), ("--random", "0"), ("--random", "1048577")]:
+            self.fails(2, "usage", "put", "settings/d", *args)
+        self.assertEqual(3, len(self.records()))
+
     def test_of_a_file(self):
         path = self.write("in", b"from a file")
         self.run_tool("put", "-f", "settings/a", path)
@@ -381,6 +393,80 @@ class RemovalTest(InitialisedTest):
         (self.folder / "db/settings/a.dsc").write_text("nonsense\n")
         self.run_tool("rm", "settings/a")
         self.assertNotIn("settings/a", self.records())
+
+
+class CopyTest(InitialisedTest):
+    @classmethod
+    def fill(cls, folder):
+        for args in [("settings/a",), ("settings/b", "--plain-body")]:
+            run = support.fstore("-D", folder, "put", *args, "-", stdin=b"of " + args[0].encode())
+            assert run.code == 0, run.message
+        run = support.fstore("-D", folder, "set", "a", "label=mine", "0x8001=x", "--encrypt")
+        assert run.code == 0, run.message
+
+    def test_has_everything_of_its_own(self):
+        document = self.run_tool("--json", "cp", "a", "keys/second").document
+        self.assertEqual("settings/a", document["from"])
+        self.assertEqual("keys/second", document["records"][0]["address"])
+        shown = [self.run_tool("show", "-u", "--json", address).document["records"][0]["attributes"]
+                 for address in ("settings/a", "keys/second")]
+        self.assertEqual(*shown)
+        self.run_tool("rm", "settings/a")
+        self.assertEqual(b"of settings/a", self.body("second"))
+        self.assert_sound()
+
+    def test_of_a_plain_record_needs_no_password(self):
+        self.run_tool("cp", "b", "lsps/b", password=None)
+        self.assertEqual(b"of settings/b", self.body("lsps/b", password=None))
+        self.fails(2, "usage", "cp", "a", "lsps/a", password=None)
+
+    def test_replaces_nothing(self):
+        self.assertIn("already exists", self.fails(4, "invalid", "cp", "a", "settings/b"))
+        self.fails(4, "invalid", "cp", "a", "./kdf")
+        self.fails(4, "invalid", "cp", "./key", "settings/key")
+        self.fails(50, "missing", "cp", "a", "nowhere/a")
+        self.assertIn("did you mean settings/a?",
+                      self.fails(50, "missing", "cp", "setings/a", "settings/c"))
+        self.assertEqual(["settings/a", "settings/b"], self.records())
+
+
+class FolderTest(InitialisedTest):
+    def test_holds_records(self):
+        self.run_tool("mkdir", "settings/web", "own", password=None)
+        for folder in ["settings/web", "own"]:
+            self.put(f"{folder}/a", b"x")
+        self.assertEqual(["own/a", "settings/web/a"], self.records())
+        self.assert_sound()
+        self.run_tool("passwd", *support.CHEAP, env={"FSTORE_NEW_PASSWORD": "changed"})
+        self.assertEqual(b"x", self.body("own/a", password="changed"))
+
+    def test_needs_the_one_above_it(self):
+        self.fails(50, "missing", "mkdir", "a/b/c")
+        self.run_tool("mkdir", "-p", "a/b/c")
+        self.assertIn("already", self.fails(4, "invalid", "mkdir", "a/b/c"))
+        self.run_tool("mkdir", "-p", "a/b/c", "db/a/./b//d/")
+        self.assertTrue((self.folder / "db/a/b/d").is_dir())
+
+    def test_is_for_those_who_may_use_the_one_above(self):
+        (self.folder / "db/settings").chmod(0o2770)
+        self.run_tool("mkdir", "settings/shared", "own")
+        self.assertEqual(0o2770, (self.folder / "db/settings/shared").stat().st_mode & 0o7777)
+        self.assertEqual((self.folder / "db").stat().st_mode, (self.folder / "db/own").stat().st_mode)
+
+    def test_names_that_are_refused(self):
+        before = sorted(os.listdir(self.folder / "db"))
+        for name in ["", ".", "db", "../a", "a\nb", "x.dsc", "0000abcd", "settings/y.dsc", "a" * 300]:
+            run = support.fstore("mkdir", name, cwd=self.folder)
+            self.assertIn(run.code, (4, 9), name)
+        self.put("settings/a", b"x")
+        self.run_tool("mkdir", "settings/a")  # a record of that name is another file
+        self.assertEqual(b"x", self.body("settings/a"))
+        (self.folder / "elsewhere").mkdir()
+        os.symlink("../elsewhere", self.folder / "db/linked")
+        for args in [("linked/a",), ("-p", "linked/a"), ("linked",)]:
+            self.assertNotEqual(0, support.fstore("mkdir", *args, cwd=self.folder).code)
+        self.assertEqual([], os.listdir(self.folder / "elsewhere"))
+        self.assertEqual(sorted([*before, "linked"]), sorted(os.listdir(self.folder / "db")))
 
 
 class RenamingTest(InitialisedTest):
