@@ -167,7 +167,10 @@ enum filestore_open_flag {
     FILESTORE_CREATE = 1,
     /* Functions that change the database answer FILESTORE_INVALID. What a crash left behind is
      * repaired by whoever comes first, also by a reader. */
-    FILESTORE_READ_ONLY = 2
+    FILESTORE_READ_ONLY = 2,
+    /* Work only where the lock of the database surely holds between hosts: functions answer
+     * FILESTORE_USAGE elsewhere, instead of a warning. */
+    FILESTORE_REQUIRE_SHARED_LOCK = 4
 };
 
 typedef struct filestore_open_options {
@@ -178,9 +181,10 @@ typedef struct filestore_open_options {
     double lock_seconds; /* how long a function waits for others; 0 tries once */
     uint32_t cost; /* of a guess of the password that creates a database: scrypt's N is 2 to it,
                       from 14 to 20; 0 for the usual one */
-    const char* caches; /* a folder, of the user's alone, for files that make a later call faster
-                           and may be deleted at any time; NULL for none. This version writes no
-                           such files, and only asks that the folder exists */
+    const char* caches; /* a folder, of the user's alone and on a disk of this host, for files that
+                           make a later call faster and may be deleted at any time: the index of a
+                           database of over 10,000 records that cannot have it beside itself. NULL
+                           for none */
     const filestore_callbacks* callbacks; /* of functions that take none; copied; may be NULL */
     const char* modules; /* the folder of the store's modules, by an absolute path; NULL: where
                             they are installed. Those that the process loads first stay: later

@@ -23,6 +23,15 @@ void keepModules(const char* folder) {
     (void)kept;
 }
 
+// Where it is from any folder, as the process may be in another one later.
+std::string cacheAt(const char* folder) {
+    std::string path = fstore::realPath(folder);
+    if (path.empty() || !fstore::isA(os::EntryType::kFolder, path)) {
+        throw fstore::Failure(kMissing, fmt::format("there is no folder {}", folder), folder);
+    }
+    return path;
+}
+
 fstore::Place placeOf(const char* path, const filestore_open_options& options) {
     require(path != nullptr || options.descriptor >= 0,
             "neither a path nor a descriptor was given");
@@ -33,6 +42,10 @@ fstore::Place placeOf(const char* path, const filestore_open_options& options) {
         path != nullptr ? path : fmt::format("the folder of descriptor {}", options.descriptor);
     place.descriptor = path != nullptr ? -1 : options.descriptor;
     place.lockSeconds = options.lock_seconds;
+    place.requireSharedLock = (options.flags & FILESTORE_REQUIRE_SHARED_LOCK) != 0;
+    if (options.caches != nullptr) {
+        place.cache = cacheAt(options.caches);
+    }
     return place;
 }
 
@@ -94,14 +107,10 @@ Handle::Handle(const char* path, const filestore_open_options& options)
       named_(placeOf(path, options)),
       folder_(named_),
       place_(named_) {
-    require((options.flags & ~std::uint32_t{FILESTORE_CREATE | FILESTORE_READ_ONLY}) == 0,
-            "unknown flags");
+    constexpr std::uint32_t kKnown =
+        FILESTORE_CREATE | FILESTORE_READ_ONLY | FILESTORE_REQUIRE_SHARED_LOCK;
+    require((options.flags & ~kKnown) == 0, "unknown flags");
     require(!(creates_ && readOnly_), "a database cannot be created for reading only");
-    if (options.caches != nullptr &&
-        !fstore::isA(os::EntryType::kFolder, std::string(options.caches))) {
-        throw fstore::Failure(kMissing, fmt::format("there is no folder {}", options.caches),
-                              options.caches);
-    }
     keepModules(options.modules);
     if (creates_) {
         folder_.makeAndOpen();

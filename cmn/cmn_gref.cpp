@@ -69,25 +69,6 @@ private:
     CMN_Reference* object_;
 };
 
-// Enters a mutex for a scope if that needs no waiting.
-class Tried {
-public:
-    explicit Tried(CMN_RecursiveMutex& mutex) CMN_NO_TSA
-        : entered_(mutex.tryenter() ? &mutex : nullptr) {}
-    Tried(const Tried&) = delete;
-    Tried& operator=(const Tried&) = delete;
-    ~Tried() CMN_NO_TSA {
-        if (entered_ != nullptr) {
-            entered_->exit();
-        }
-    }
-
-    bool isEntered() const noexcept { return entered_ != nullptr; }
-
-private:
-    CMN_RecursiveMutex* entered_;
-};
-
 }  // namespace
 
 // Counted and listed under the registry's lock: an object that is counted and not yet listed would
@@ -98,7 +79,7 @@ void CMN_GuardedRef::addReference(CMN_GRPHolder* holder) {
     {
         const CMN_Entered registryWaits(countLock());
         changeCount(1);
-        if (const Tried list(holderMutex); list.isEntered()) {
+        if (const CMN_EnteredIfFree list(holderMutex); list.isEntered()) {
             holders.push_front(holder);
             claim.keep();
             return;
@@ -143,7 +124,7 @@ int CMN_GuardedRef::remReference(CMN_GRPHolder* holder) {
     int left = 0;
     {
         const CMN_Entered registryWaits(countLock());
-        if (const Tried list(holderMutex); list.isEntered()) {
+        if (const CMN_EnteredIfFree list(holderMutex); list.isEntered()) {
             if (!takeOff(holder)) {
                 return references();
             }

@@ -13,15 +13,7 @@ void CMN_RecursiveMutex::enter() CMN_NO_TSA {
 }
 
 bool CMN_RecursiveMutex::tryenter() CMN_NO_TSA {
-    const unsigned long self = pthread_self();
-    if (enterAgain(self)) {
-        return true;
-    }
-    if (pthread_mutex_trylock(&mutex) != 0) {
-        return false;
-    }
-    own(self);
-    return true;
+    return tryTake();
 }
 
 int CMN_RecursiveMutex::exit() CMN_NO_TSA {

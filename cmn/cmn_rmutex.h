@@ -57,11 +57,13 @@ public:
 
 private:
     friend class CMN_Entered;
+    friend class CMN_EnteredIfFree;
 
-    // enter() and exit() in line, for the framework's own scopes.
+    // enter(), tryenter() and exit() in line, for the framework's own scopes.
     CMN_HIDDEN bool enterAgain(unsigned long self) noexcept;
     CMN_HIDDEN void own(unsigned long self) noexcept;
     CMN_HIDDEN void take();
+    CMN_HIDDEN bool tryTake();
     CMN_HIDDEN int give();
 
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -108,6 +110,17 @@ inline void CMN_RecursiveMutex::take() {
     }
 }
 
+inline bool CMN_RecursiveMutex::tryTake() {
+    const unsigned long self = pthread_self();
+    if (!enterAgain(self)) {
+        if (pthread_mutex_trylock(&mutex) != 0) {
+            return false;
+        }
+        own(self);
+    }
+    return true;
+}
+
 inline int CMN_RecursiveMutex::give() {
     const unsigned int left = depth.load(std::memory_order_relaxed) - 1;
     depth.store(left, std::memory_order_relaxed);
@@ -131,6 +144,26 @@ public:
 
 private:
     CMN_RecursiveMutex& mutex_;
+};
+
+// The same, if that needs no waiting.
+class CMN_EnteredIfFree {
+public:
+    explicit CMN_EnteredIfFree(CMN_RecursiveMutex& m) CMN_NO_TSA
+        : entered_(m.tryTake() ? &m : nullptr) {}
+    ~CMN_EnteredIfFree() CMN_NO_TSA {
+        if (entered_ != nullptr) {
+            entered_->give();
+        }
+    }
+
+    CMN_EnteredIfFree(const CMN_EnteredIfFree&) = delete;
+    CMN_EnteredIfFree& operator=(const CMN_EnteredIfFree&) = delete;
+
+    bool isEntered() const noexcept { return entered_ != nullptr; }
+
+private:
+    CMN_RecursiveMutex* const entered_;
 };
 
 #endif  // CMN_CMN_RMUTEX_H

@@ -1,7 +1,6 @@
 #include "lib/work/make_folder.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstddef>

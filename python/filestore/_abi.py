@@ -27,6 +27,7 @@ SONAME = "libfilestore.so.1"
 # Flags, each of the function or structure that its name begins with.
 OPEN_CREATE = 1
 OPEN_READ_ONLY = 2
+OPEN_REQUIRE_SHARED_LOCK = 4
 KEY_PASSWORD = 1
 KEY_RAW = 2
 KEY_FILE = 3

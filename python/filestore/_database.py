@@ -51,18 +51,26 @@ class Database(Closing):
         read_only: bool = False,
         lock_seconds: float = 10.0,
         cost: int = 0,
+        require_shared_lock: bool = False,
+        caches: str | os.PathLike[str] | None = None,
     ) -> None:
         """create: make the folder; the first unlock() with a password then creates the database.
         lock_seconds: how long a call waits for other processes before it raises Busy.
         cost: of a guess at the password that creates a database, 14 to 20; 0 for the usual one.
+        require_shared_lock: raise Usage where the lock may not hold between hosts.
+        caches: a folder of the user's alone, on a disk of this host, for the index of a large
+        database that cannot have it beside itself.
         """
         self._handle: Owned | None = None
         self._warnings = Warnings()
         options = _abi.OpenOptions(
-            flags=(_abi.OPEN_CREATE if create else 0) | (_abi.OPEN_READ_ONLY if read_only else 0),
+            flags=(_abi.OPEN_CREATE if create else 0)
+            | (_abi.OPEN_READ_ONLY if read_only else 0)
+            | (_abi.OPEN_REQUIRE_SHARED_LOCK if require_shared_lock else 0),
             descriptor=-1,
             lock_seconds=lock_seconds,
             cost=number_in(cost),
+            caches=None if caches is None else name_in(caches),
             callbacks=ctypes.pointer(_abi.Callbacks(warn=self._warnings.callback)),
         )
         pointer = ctypes.c_void_p()

@@ -47,5 +47,22 @@ TEST_F(CapiFaultTest, EachCallFailsOnce) {
     }
 }
 
+TEST_F(CapiFaultTest, ALockThatMayNotHoldBetweenHostsCanBeRefused) {
+    constexpr std::uint32_t kFuse = 0x65735546;
+    filestore_open_options options = FILESTORE_OPEN_OPTIONS_INIT;
+    options.flags = FILESTORE_REQUIRE_SHARED_LOCK;
+    filestore_db* handle = nullptr;
+    ASSERT_EQ(FILESTORE_OK, filestore_open(folder_.path().c_str(), &options, &handle, nullptr));
+    const Db careful(handle);
+    EXPECT_EQ(FILESTORE_MISSING, statusOfGet(careful, "keys/none"));  // of a disk of this host
+    const fault::FileSystemOf fuse(kFuse);
+    EXPECT_EQ(FILESTORE_MISSING, statusOfGet(db_, "keys/none"));
+    handle = nullptr;
+    ASSERT_EQ(FILESTORE_OK, filestore_open(folder_.path().c_str(), &options, &handle, nullptr));
+    const Db elsewhere(handle);
+    EXPECT_EQ(FILESTORE_USAGE, statusOfGet(elsewhere, "keys/none"));
+    EXPECT_EQ(FILESTORE_USAGE, statusOfPut(elsewhere, "keys/new", "x"));
+}
+
 }  // namespace
 }  // namespace capi_test

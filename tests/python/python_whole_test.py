@@ -7,6 +7,7 @@ import gc
 import os
 import pathlib
 import shutil
+import tempfile
 import threading
 import unittest
 
@@ -15,6 +16,39 @@ import support
 from python_support import CHEAP, PASSWORD, StoreTest
 
 SERVER = pathlib.Path(__file__).resolve().parents[1] / "fstore/data/server.p12"
+
+
+class CacheTest(StoreTest):
+    MANY = 10_001
+
+    @classmethod
+    def fill(cls, database):
+        folder = cls._template / "db/certificates/remote"
+        for number in range(cls.MANY):
+            (folder / f"r{number}.dsc").write_text(
+                "00000001 00000101 00000001\n"
+                f"00000004 00000103 CN=host{number}.example.com\n")
+
+    def test_index_of_a_folder_that_is_not_ours(self):
+        kept = tempfile.TemporaryDirectory(prefix="filestore-caches-")
+        self.addCleanup(kept.cleanup)
+        caches = pathlib.Path(kept.name)
+        if os.geteuid() == 0:
+            os.chown(self.folder, 65534, -1)
+        else:
+            self.folder.chmod(0o500)
+            self.addCleanup(self.folder.chmod, 0o700)
+        with filestore.Database(self.folder, caches=caches) as database:
+            for _ in range(2):
+                self.assertEqual(["r77"], [info.name for info in
+                                           database.find(subject="CN=host77.example.com")])
+        self.assertEqual(1, len([path for path in caches.rglob("*") if path.suffix == ".index"]),
+                         list(caches.rglob("*")))
+        self.assertFalse((self.folder / "db.index").exists())
+
+    def test_a_folder_that_is_not_there(self):
+        with self.assertRaises(filestore.Missing):
+            filestore.Database(self.folder, caches=self.folder / "nowhere")
 
 
 class FindTest(StoreTest):

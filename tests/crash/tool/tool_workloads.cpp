@@ -35,7 +35,7 @@ void must(const Args& args) {
 
 void put(const std::string& address, const std::string& bytes, const Args& options = {}) {
     writeFile("body", bytes);
-    Args args{"put", address, "body"};
+    Args args{"put", "-f", address, "body"};
     args.insert(args.end(), options.begin(), options.end());
     must(args);
     fs::remove("body");
