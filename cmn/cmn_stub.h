@@ -58,7 +58,7 @@ public:
 
 private:
     template <class T>
-    static AlreadyRaised raise(const CMN_GRefPtr<T>& holder, T*& target) {
+    CMN_HIDDEN static AlreadyRaised raise(const CMN_GRefPtr<T>& holder, T*& target) {
         AlreadyRaised raised{};
         target = holder.raise(raised.guard);
         return raised;

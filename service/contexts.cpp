@@ -53,8 +53,8 @@ std::unique_ptr<OpenContext> countOut(OpenContext& context) CMN_REQUIRES(lock) {
     return std::move(contexts.extract(context.id).mapped());
 }
 
-// The context of this number, which nobody is inside. The caller holds the lock.
-Status findIdle(unsigned int id, Contexts::iterator& found) {
+// The context of this number, which nobody is inside.
+Status findIdle(unsigned int id, Contexts::iterator& found) CMN_REQUIRES(lock) {
     found = contexts.find(id);
     if (found == contexts.end() || found->second->ended) {
         return kEnd;

@@ -60,6 +60,7 @@ std::string missingCommand(const CommandPath& path, const std::deque<Command>& c
         return fmt::format("name a command, such as \"fstore ls\"; {}", helpOf(path));
     }
     std::vector<std::string> names;
+    names.reserve(commands.size());
     for (const Command& command : commands) {
         names.push_back(command.name());
     }
