@@ -298,7 +298,7 @@ Status runMeant(const Command& command, Context& context) {
             throw withNearest(missing, context.database);
         }
     }
-    context.output.note(fmt::format("{} is taken to mean {}", printable(text), meant));
+    context.output.warn(fmt::format("{} is taken to mean {}", printable(text), meant));
     command.takeMeant(meant);
     return command.run()(context);
 }

@@ -2,6 +2,7 @@
 #include <memory>
 
 #include "fstore/commands/commands.h"
+#include "fstore/terminal/json.h"
 
 namespace fstore {
 
@@ -15,7 +16,8 @@ void addHelp(Cli& cli) {
     help.argument("COMMAND", words.get(), "The command; its name may be two words").required =
         false;
     cli.add("version", "Print the version", [](Context& context) {
-        context.output.raw("fstore " FSTORE_VERSION "\n");
+        context.output.line("fstore " FSTORE_VERSION);
+        context.output.document({{"version", FSTORE_VERSION}});
         return kOk;
     });
 }

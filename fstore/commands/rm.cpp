@@ -1,5 +1,6 @@
 // fstore rm: removes records.
 #include <algorithm>
+#include <iterator>
 #include <memory>
 
 #include <fmt/format.h>
@@ -18,10 +19,9 @@ struct Options {
     bool force = false;
 };
 
-void confirmKeys(const std::vector<Address>& addresses, const Globals& globals) {
-    for (const Address& address : addresses) {
-        if (isKey(address) &&
-            !confirm(fmt::format("Remove the key {}?", address.print()), globals.noInput)) {
+void confirmKeys(const std::vector<Address>& keys, const Globals& globals) {
+    for (const Address& address : keys) {
+        if (!confirm(fmt::format("Remove the key {}?", address.print()), globals.noInput)) {
             throw Failure(kUsage,
                           fmt::format("{} is a key and you did not confirm; nothing was removed "
                                       "(--force does not ask)",
@@ -31,7 +31,8 @@ void confirmKeys(const std::vector<Address>& addresses, const Globals& globals) 
     }
 }
 
-Json describe(const Removal& removal, Output& output) {
+// What a pattern stood for is told, what was named is not.
+Json describe(const Removal& removal, bool isMatch, Output& output) {
     const std::string address = removal.address.print();
     if (removal.failure) {
         return failureToJson(address, *removal.failure);
@@ -39,6 +40,8 @@ Json describe(const Removal& removal, Output& output) {
     if (removal.bodyKept) {
         output.warn(
             fmt::format("removed {}; its body file stays: it {}", address, *removal.bodyKept));
+    } else if (isMatch) {
+        output.note(fmt::format("removed {}", address));
     } else {
         output.detail(fmt::format("removed {}", address));
     }
@@ -47,11 +50,11 @@ Json describe(const Removal& removal, Output& output) {
             {"bodyKept", removal.bodyKept.has_value()}};
 }
 
-Status report(const std::vector<Removal>& removals, Output& output) {
+Status report(const std::vector<Removal>& removals, bool isMatch, Output& output) {
     const auto failed = [](const Removal& removal) { return removal.failure.has_value(); };
     Json records = Json::array();
     for (const Removal& removal : removals) {
-        records.push_back(describe(removal, output));
+        records.push_back(describe(removal, isMatch, output));
     }
     if (std::ranges::all_of(removals, failed)) {
         throw Failure(*removals.front().failure);
@@ -65,42 +68,74 @@ Status report(const std::vector<Removal>& removals, Output& output) {
     return std::ranges::any_of(removals, failed) ? kPartial : kOk;
 }
 
-// Also those who remove nothing but what matches shall have seen what that is.
-void confirmAll(const std::vector<std::string>& addresses, Context& context) {
-    for (const Address& address : resolveAll(addresses)) {
-        context.output.note(fmt::format("{}{}", address.print(), isKey(address) ? ", a key" : ""));
+// What a question names; there may be a million.
+std::string listOf(const std::vector<Address>& addresses, const char* between) {
+    constexpr std::size_t kMost = 100;
+    std::string list;
+    for (std::size_t i = 0; i < addresses.size() && i < kMost; ++i) {
+        list += addresses[i].print() + between;
     }
+    if (addresses.size() > kMost) {
+        list += fmt::format("and {} more{}", addresses.size() - kMost, between);
+    }
+    return list;
+}
+
+void confirmAll(const std::vector<Address>& addresses, const Globals& globals) {
     const std::string question = addresses.size() == 1
                                      ? std::string("Remove this record?")
                                      : fmt::format("Remove these {} records?", addresses.size());
-    if (!confirm(question, context.globals.noInput)) {
-        throw Failure(kUsage, "you did not confirm; nothing was removed (--force does not ask)");
+    if (!confirm(listOf(addresses, "\n") + question, globals.noInput)) {
+        throw Failure(kUsage,
+                      fmt::format("what matches is {}and you did not confirm; nothing was removed "
+                                  "(--force does not ask)",
+                                  listOf(addresses, ", ")));
     }
 }
 
-// The records to remove, when patterns stand for some. Others may read while the user thinks.
-std::vector<std::string> matching(const Options& options, Context& context) {
-    const Hold hold = context.database.enter(Access::kRead);
-    std::vector<std::string> addresses = withoutPatterns(options.addresses);
-    if (!options.force && addresses != options.addresses) {
-        confirmAll(addresses, context);
-    } else if (!options.force) {
-        confirmKeys(resolveAll(addresses), context.globals);
+// What the command line means now. Nothing is locked afterwards, while the user thinks: what is
+// removed is looked up again.
+struct Meant {
+    std::vector<std::string> addresses;  // without patterns
+    std::vector<Address> records;
+    std::vector<Address> keys;
+    bool isMatch = false;
+};
+
+Meant lookUp(const std::vector<std::string>& texts, Database& database) {
+    Meant meant;
+    const auto find = [&] {
+        meant.addresses = withoutPatterns(texts);
+        meant.isMatch = meant.addresses != texts;
+        meant.records = resolveAll(meant.addresses);
+        meant.keys.clear();
+        std::ranges::copy_if(meant.records, std::back_inserter(meant.keys), isKey);
+    };
+    if (std::ranges::any_of(texts, isPattern)) {
+        const Hold hold = database.enter(Access::kRead);
+        find();
+    } else {
+        readNamed(database, texts, find);
     }
-    return addresses;
+    return meant;
 }
 
 Status run(const Options& options, Context& context) {
     std::vector<std::string> addresses = options.addresses;
-    if (std::ranges::any_of(addresses, isPattern)) {
-        addresses = matching(options, context);
-    } else if (!options.force) {
-        readNamed(context.database, addresses,
-                  [&] { confirmKeys(resolveAll(addresses), context.globals); });
+    bool isMatch = false;
+    if (!options.force || std::ranges::any_of(addresses, isPattern)) {
+        const Meant meant = lookUp(addresses, context.database);
+        addresses = meant.addresses;
+        isMatch = meant.isMatch;
+        if (!options.force && isMatch) {
+            confirmAll(meant.records, context.globals);
+        } else if (!options.force) {
+            confirmKeys(meant.keys, context.globals);
+        }
     }
     const std::vector<AddressText> named = namesIn(addresses);
     const Hold hold = context.database.enter(accessToChange(named), Need::kRecords, named);
-    return report(removeRecords(resolveAll(addresses)), context.output);
+    return report(removeRecords(resolveAll(addresses)), isMatch, context.output);
 }
 
 }  // namespace

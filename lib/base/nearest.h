@@ -24,10 +24,10 @@ public:
     // Takes time by the product of both lengths, of names that cannot be near none.
     void offer(std::string_view name);
 
-    // Of those offered the first with the fewest letters changed, added, left out or exchanged with
-    // the next one, or else the first that goes on where the wanted one ends. Empty when a third
-    // of the letters or more would be wrong.
-    const std::string& found() const noexcept { return found_.empty() ? longer_ : found_; }
+    // Of those offered the first that goes on where the wanted one ends, or else the one with the
+    // fewest letters changed, added, left out or exchanged with the next one. Empty when a third of
+    // the letters or more would be wrong.
+    const std::string& found() const noexcept { return longer_.empty() ? found_ : longer_; }
 
 private:
     std::size_t distanceTo(std::string_view name);

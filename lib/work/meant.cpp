@@ -50,11 +50,8 @@ std::vector<Address> recordsLabelled(Database& database, std::string_view label)
     return found;
 }
 
-std::vector<Address> recordsBeginning(const AddressText& wanted) {
-    const std::string beginning = isBare(wanted) ? wanted.place.name : wanted.place.print();
-    return recordsThat([&](const Address& record) {
-        return (isBare(wanted) ? record.name : record.print()).starts_with(beginning);
-    });
+std::vector<Address> recordsBeginning(const std::string& name) {
+    return recordsThat([&](const Address& record) { return record.name.starts_with(name); });
 }
 
 [[noreturn]] void failAmbiguous(std::string_view text, const std::vector<Address>& found) {
@@ -87,12 +84,15 @@ std::vector<Address> recordsMatching(std::string_view pattern) {
 std::optional<Address> meantRecord(Database& database, std::string_view text) {
     const AddressText wanted = parseAddress(text);
     std::vector<Address> found;
-    if (wanted.form == AddressText::Form::kDigest) {
-        return std::nullopt;
-    }
-    found = recordsLabelled(database, text);
-    if (found.empty()) {
-        found = isPattern(text) ? recordsMatching(text) : recordsBeginning(wanted);
+    if (!isBare(wanted)) {
+        // Whoever names a place means no other one.
+        found = wanted.form == AddressText::Form::kPlace && isPattern(text) ? recordsMatching(text)
+                                                                            : found;
+    } else {
+        found = recordsLabelled(database, text);
+        if (found.empty()) {
+            found = isPattern(text) ? recordsMatching(text) : recordsBeginning(wanted.place.name);
+        }
     }
     if (found.size() > 1) {
         failAmbiguous(text, found);
@@ -111,6 +111,13 @@ std::vector<std::string> withoutPatterns(const std::vector<std::string>& texts) 
         if (wanted.form == AddressText::Form::kPlace && Record::isThere(wanted.place)) {
             found.push_back(text);
             continue;
+        }
+        if (isBare(wanted)) {
+            throw Failure(kInvalid,
+                          fmt::format("{} would match in all folders, also keys; name the folder, "
+                                      "as in \"settings/{}\"",
+                                      text, text),
+                          text);
         }
         const std::vector<Address> matching = recordsMatching(text);
         if (matching.empty()) {

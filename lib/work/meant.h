@@ -22,8 +22,9 @@ bool isPattern(std::string_view text);
 // "/" is compared with names, in whatever folder. None but the user's own records.
 std::vector<Address> recordsMatching(std::string_view pattern);
 
-// The one record that is meant by what is no address: that with this label, or else that of a
-// pattern, or whose address or name begins so. None for a digest, or when there is none.
+// The one record that is meant by what is no address: that of a pattern, or, of a text without "/",
+// that with this label or else that whose name begins so. None for a digest, for the place of a
+// record that is not there, or when there is none.
 //
 //   kInvalid  there are several
 std::optional<Address> meantRecord(Database& database, std::string_view text);
@@ -32,6 +33,7 @@ std::optional<Address> meantRecord(Database& database, std::string_view text);
 // record is no pattern.
 //
 //   NoRecord  nothing matches one of the patterns
+//   kInvalid  a pattern has no folder, and so would match in all of them
 std::vector<std::string> withoutPatterns(const std::vector<std::string>& texts);
 
 }  // namespace fstore

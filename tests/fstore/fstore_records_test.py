@@ -145,6 +145,19 @@ class OutputFileTest(InitialisedTest):
         self.run_tool("get", "a", "-f", "-o", "out")
         self.assertEqual(b"body", (self.folder / "out").read_bytes())
 
+    def test_never_in_a_database(self):
+        os.symlink("db/settings", self.folder / "linked")
+        before = self.files()
+        for path in ["db/settings/a.dsc", "db/key.dsc", "db/keys/new", "db.lock", "linked/new",
+                     self.folder / "db/new", "./db/../db/crls/x"]:
+            message = self.fails(4, "invalid", "get", "a", "-f", "-o", path)
+            self.assertIn("in a database", message)
+            self.fails(4, "invalid", "backup", "-f", path)
+        self.assertEqual(before, self.files())
+        (self.folder / "elsewhere/db").mkdir(parents=True)
+        self.run_tool("get", "a", "-o", "elsewhere/db/out")
+        self.run_tool("get", "a", "-o", "elsewhere/db.lock")
+
     def test_nothing_is_left_of_a_failure(self):
         self.fails(50, "missing", "get", "nothing", "-o", "out")
         self.fails(6, "wrong-password", "get", "a", "-o", "out", password="wrong")
@@ -190,12 +203,13 @@ class AddressTest(InitialisedTest):
                           self.fails(50, "missing", "show", address))
 
     def test_by_less_when_one_alone_is_meant(self):
+        self.put("settings/unique", b"settings/unique", "--plain-body")
         self.run_tool("set", "settings/a", "label=The first [of all]")
-        for text, meant in [("The first [of all]", "settings/a"), ("settings/bo", "settings/both"),
-                            ("settings/*oth", "settings/both"), ("keys/b", "keys/both"),
-                            ("s*/[a-b]", "settings/a"), ("db/settings/bot", "settings/both")]:
+        for text, meant in [("The first [of all]", "settings/a"), ("uni", "settings/unique"),
+                            ("settings/*oth", "settings/both"), ("un[a-z]*", "settings/unique"),
+                            ("s*/[a-b]", "settings/a"), ("db/settings/b*", "settings/both")]:
             for command in ["get", "show", "dump"]:
-                run = self.run_tool(command, text)
+                run = self.run_tool("-q", command, text)
                 self.assertIn(f"is taken to mean {meant}", run.message, (command, text))
             self.assertEqual(meant.encode(), self.run_tool("-q", "get", text).out)
         message = self.fails(4, "invalid", "get", "*oth")
@@ -203,6 +217,11 @@ class AddressTest(InitialisedTest):
         self.assertIn("ambiguous", self.fails(4, "invalid", "show", "b"))
         for text in ["sha256:00", "settings/A*", "x*", "ey"]:
             self.fails(50, "missing", "show", text)
+
+    def test_who_names_a_place_means_no_other(self):
+        self.run_tool("set", "settings/a", "label=settings/c")
+        for text in ["settings/bo", "settings/c", "settings/", "keys/bot"]:
+            self.assertIn(support.fstore("get", text, cwd=self.folder).code, (4, 50), text)
 
     def test_by_less_writes_nothing(self):
         for args in [("set", "settings/bo", "label=x"), ("unset", "settings/bo", "label"),
@@ -353,20 +372,33 @@ class RemovalTest(InitialisedTest):
         self.assertEqual(["settings/b"], self.records())
 
     def test_what_matches_a_pattern_is_asked_for(self):
-        for pattern in ["settings/*", "[ab]", "?", "*/[!c-z]"]:
+        for pattern in ["settings/*", "settings/[ab]", "*/[!c-z]"]:
             message = self.fails(2, "usage", "rm", pattern)
-            self.assertIn("nothing was removed", message)
-        run = self.run_tool("rm", "settings/*", code=2)
-        self.assertIn("settings/a\nfstore: settings/b\n", run.message)
+            self.assertIn("what matches is settings/a, settings/b, and you did not", message)
         self.assertEqual(3, len(self.records()))
-        self.run_tool("rm", "-f", "settings/[a]", "k*")
+        run = self.run_tool("rm", "-f", "settings/[a]", "keys/k*")
+        self.assertIn("removed settings/a", run.message)
+        self.assertIn("removed keys/k", run.message)
         self.assertEqual(["settings/b"], self.records())
-        self.run_tool("rm", "-f", "*")
-        self.assertEqual([], self.records())
-        self.assert_sound()  # the records of the store itself are there
+
+    def test_what_is_asked_for_is_named_also_quietly(self):
+        for options, answer, left in [(["-q"], "n\n", 3), (["--json"], "y\n", 1)]:
+            terminal = Terminal(["-D", self.folder, *options, "rm", "settings/*"])
+            self.addCleanup(terminal.close)
+            terminal.expect("settings/a\r\nsettings/b\r\nRemove these 2 records? [y/N] ")
+            # Nobody is kept waiting meanwhile.
+            self.run_tool("--lock-timeout", "0", "set", "settings/b", "label=x")
+            terminal.type(answer)
+            self.assertEqual(0 if left == 1 else 2, terminal.wait(), terminal.seen)
+            self.assertEqual(left, len(self.records()))
+
+    def test_a_pattern_for_all_folders_is_refused(self):
+        for pattern in ["*", "?", "[ab]", "k*"]:
+            self.assertIn("name the folder", self.fails(4, "invalid", "rm", "-f", pattern))
+        self.assertEqual(3, len(self.records()))
 
     def test_a_pattern_that_matches_nothing_removes_nothing(self):
-        for patterns in [("settings/*", "x*"), ("s*",), ("settings/A*",), ("*/*/*",)]:
+        for patterns in [("settings/*", "x/*"), ("settings/A*",), ("*/*/*",)]:
             self.fails(50, "missing", "rm", "-f", *patterns)
         self.assertEqual(3, len(self.records()))
 
