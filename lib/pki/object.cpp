@@ -198,6 +198,7 @@ bool describe(PkiObject& object, Description& to) {
             const auto info = ossl::decodeWhole<ossl::KeyInfo, d2i_PKCS8_PRIV_KEY_INFO>(object.der);
             const ossl::Pkey key = keyIn(info.get());
             if (key != nullptr) {
+                requirePair(*key);
                 describeKey(*key, object, to);
             }
             return key != nullptr;

@@ -22,6 +22,10 @@ void requireShortNumbers(std::span<const unsigned char> der);
 // is too long.
 ossl::Pkey keyIn(const PKCS8_PRIV_KEY_INFO* info);
 
+// Throws kMalformed when the public half of an RSA or EC key is not that of its private half: what
+// it signs, nobody could verify. Of other kinds the public half is not stored, but computed.
+void requirePair(EVP_PKEY& key);
+
 }  // namespace fstore
 
 #endif  // LIB_PKI_PKCS8_H

@@ -154,6 +154,7 @@ ossl::Pkey signingKey(Bytes pkcs8) {
     if (key == nullptr) {
         throw Failure(kMalformed, "the stored key is damaged");
     }
+    requirePair(*key);
     if (EVP_PKEY_can_sign(key.get()) != 1) {
         throw Failure(kInvalid, "a key of this algorithm cannot sign, so it cannot sign a request");
     }

@@ -79,6 +79,32 @@ class KindsTest(ImportTest):
         self.assertRegex(known["imported"]["value"], r"\A20\d\d-\d\d-\d\dT\d\d:\d\d:\d\dZ\Z")
         self.assertTrue(known["subject"]["value"].startswith("CN=\\ www,L=Kln 東京+OU=first"))
 
+    def test_a_key_of_two_halves_that_do_not_fit_is_refused(self):
+        def openssl(*args, given=b""):
+            return subprocess.run(["openssl", *args], input=given, check=True,
+                                  capture_output=True).stdout
+
+        def key(*args):
+            return openssl("genpkey", *args, "-outform", "DER")
+
+        def point(der):
+            return openssl("pkey", "-inform", "DER", "-pubout", "-outform", "DER", given=der)[-65:]
+
+        one, other = (key("-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256")
+                      for _ in range(2))
+        rsa = key("-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048")
+        modulus = bytes.fromhex(
+            openssl("rsa", "-inform", "DER", "-noout", "-modulus", given=rsa).decode().split("=")[1])
+        changed = modulus[:100] + bytes([modulus[100] ^ 1]) + modulus[101:]
+        for sound, bad in [(one, one.replace(point(one), point(other))),
+                           (rsa, rsa.replace(modulus, changed))]:
+            self.assertNotEqual(sound, bad)
+            self.write("bad.der", bad)
+            self.assertIn("public half", self.run_tool("import", "bad.der", code=59).message)
+            self.write("sound.der", sound)
+            self.run_tool("import", "sound.der")
+        self.assertEqual(2, len(self.records()))
+
     def test_public_objects_need_no_password(self):
         self.import_files("root.pem", "crl.pem", "request.pem", password=None)
         self.assertEqual(3, len(self.records(password=None)))
