@@ -16,7 +16,7 @@ Nearest::Nearest(std::string_view wanted)
     : wanted_(wanted), bound_(1 + wanted.size() / kLettersOfAFault) {}
 
 void Nearest::offer(std::string_view name) {
-    const auto [less, more] = std::minmax(name.size(), wanted_.size());
+    const auto [less, more] = std::minmax({name.size(), wanted_.size()});
     if (more - less < bound_) {
         if (const std::size_t distance = distanceTo(name); distance < bound_) {
             bound_ = distance;

@@ -76,7 +76,7 @@ TEST(SpillTest, TheFileHasNoNameAndNothingThatCanBeRead) {
     Spill spill;
     addInParts(spill, longText());
     ASSERT_FALSE(calls.events().empty());
-    const fault::Event& opened = calls.events().front();
+    const fault::Event opened = calls.events().front();
     EXPECT_EQ(O_TMPFILE, opened.flags & O_TMPFILE);
     int written = 0;
     for (const fault::Event& event : calls.events()) {
