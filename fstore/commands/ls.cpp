@@ -42,19 +42,20 @@ public:
         // Who has more than this has other means; the listing itself takes no memory.
         constexpr std::size_t kMost = 10'000;
         if (options.asksForExpiry()) {
-            successors_ = Successors::among(ownRecords(database, options.rules.secrets,
+            successors_ = Successors::among(database,
+                                            ownRecords(database, options.rules.secrets,
                                                        std::numeric_limits<std::size_t>::max()),
                                             time_);
         } else if (options.isPlain()) {
             own_ = ownRecords(database, options.rules.secrets, kMost);
-            successors_ = Successors::among(own_, time_);
+            successors_ = Successors::among(database, own_, time_);
             keys_ = KeyStates(own_);
         }
     }
 
-    const RecordInfo* successorOf(const RecordInfo& info) const { return successors_.find(info); }
+    const RecordInfo* successorOf(const RecordInfo& info) { return successors_.find(info); }
 
-    Cell expiryCell(const RecordInfo& info) const {
+    Cell expiryCell(const RecordInfo& info) {
         const KeyState* const state = keys_.find(info);
         if (info.kind == Kind::kKey) {
             return state != nullptr ? keyCell(*state) : Cell{};
@@ -70,7 +71,7 @@ public:
         return info.notAfter ? timeCell(*info.notAfter) : Cell{};
     }
 
-    Json json(const RecordInfo& info) const {
+    Json json(const RecordInfo& info) {
         Json json = toJson(info);
         if (showsDays_ && info.notAfter) {
             json["daysLeft"] = std::max<std::int64_t>(*info.notAfter - time_, 0) / kDay;
@@ -147,7 +148,7 @@ public:
 
 class TextRows : public Rows {
 public:
-    TextRows(FindRules::Order order, const Belongings& belongings)
+    TextRows(FindRules::Order order, Belongings& belongings)
         : order_(order), belongings_(belongings) {}
 
     void add(const RecordInfo& info) override {
@@ -184,7 +185,7 @@ public:
 
 private:
     const FindRules::Order order_;
-    const Belongings& belongings_;
+    Belongings& belongings_;
     Table table_{{{"ADDRESS", false},
                   {"KIND", false},
                   {"EXPIRES", false},
@@ -195,7 +196,7 @@ private:
 
 class JsonRows : public Rows {
 public:
-    JsonRows(FindRules::Order order, const Belongings& belongings)
+    JsonRows(FindRules::Order order, Belongings& belongings)
         : order_(order), belongings_(belongings) {}
 
     void add(const RecordInfo& info) override {
@@ -225,7 +226,7 @@ public:
 
 private:
     const FindRules::Order order_;
-    const Belongings& belongings_;
+    Belongings& belongings_;
     SortedTexts texts_;
 };
 
@@ -243,7 +244,7 @@ Status run(const Options& options, Context& context) {
                  now());  // what cannot be read is told before anything is asked
     const Hold hold = context.database.enter(Access::kRead, needFor(options.rules.secrets));
     const FindRules::Order order = options.rules.order;
-    const Belongings belongings(options, context.database);
+    Belongings belongings(options, context.database);
     std::unique_ptr<Rows> rows;
     if (context.output.json()) {
         rows = std::make_unique<JsonRows>(order, belongings);

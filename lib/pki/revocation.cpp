@@ -92,33 +92,6 @@ bool ends(const Statement& later, const Statement& hold) {
 
 }  // namespace
 
-bool isReplacedBy(std::span<const unsigned char> older, std::span<const unsigned char> newer,
-                  const std::vector<SecretBytes>& known) {
-    const ossl::QuietErrors quiet;
-    const auto before = ossl::decodeWhole<ossl::Crl, d2i_X509_CRL>(older);
-    const auto after = ossl::decodeWhole<ossl::Crl, d2i_X509_CRL>(newer);
-    if (before == nullptr || after == nullptr) {
-        throw Failure(kMalformed, "not a CRL, or a damaged one");
-    }
-    const auto isDelta = [](const ossl::Crl& crl) {
-        return X509_CRL_get_ext_by_NID(crl.get(), NID_delta_crl, -1) >= 0;
-    };
-    if (X509_NAME_cmp(X509_CRL_get_issuer(before.get()), X509_CRL_get_issuer(after.get())) != 0 ||
-        isDelta(before) || isDelta(after) ||
-        !areSame(extensionOf(before.get(), NID_issuing_distribution_point),
-                 extensionOf(after.get(), NID_issuing_distribution_point))) {
-        return false;
-    }
-    for (const SecretBytes& der : known) {
-        const ossl::Certificate issuer = decode(der);
-        EVP_PKEY* const key = issuer != nullptr ? X509_get0_pubkey(issuer.get()) : nullptr;
-        if (key != nullptr && X509_CRL_verify(before.get(), key) == 1) {
-            return X509_CRL_verify(after.get(), key) == 1;
-        }
-    }
-    return true;
-}
-
 struct Revocation::State {
     ossl::Certificate certificate;
     ossl::Certificate issuer;  // null if none is known

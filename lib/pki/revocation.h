@@ -45,12 +45,6 @@ private:
     const std::unique_ptr<State> state_;
 };
 
-// Whether the newer of two CRLs says all that the older one does: both are of one issuer and for
-// the same certificates, neither is a delta, and the key of the first of `known` that signed the
-// older one, if there is any, signed the newer one. Throws kMalformed when one cannot be decoded.
-bool isReplacedBy(std::span<const unsigned char> older, std::span<const unsigned char> newer,
-                  const std::vector<SecretBytes>& known);
-
 }  // namespace fstore
 
 #endif  // LIB_PKI_REVOCATION_H

@@ -229,6 +229,9 @@ bool Filter::matchesKey(const RecordInfo& info) const {
     if (filters_.own && info.kind != Kind::kCertificate) {
         return info.kind == Kind::kKey || info.kind == Kind::kRequest || info.kind == Kind::kCrl;
     }
+    if (filters_.own && info.isCa) {
+        return true;
+    }
     if (info.kind != Kind::kCertificate && info.kind != Kind::kRequest) {
         return false;
     }

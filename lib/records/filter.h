@@ -25,8 +25,8 @@ struct Filters {
     bool hasKey = false;
     bool noKey = false;
     std::vector<std::string> attributes;  // "ID" or "ID=VALUE"
-    // Keys, requests, CRLs, and of certificates those whose key is in the database: what is one's
-    // own, in a database that has many of others.
+    // Keys, requests, CRLs, and of certificates those whose key is in the database and those of
+    // CAs: what is one's own and what vouches for it, in a database that has many of others.
     bool own = false;
 };
 

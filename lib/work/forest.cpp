@@ -36,7 +36,7 @@ Seedlings seedlingsOf(Database& database, const std::vector<RecordInfo>& records
             keys.try_emplace(info.keySha256, info.address);
         }
     }
-    const Successors successors = Successors::among(records);
+    Successors successors = Successors::among(database, records);
     Seedlings seedlings;
     for (const RecordInfo& info : records) {
         if (info.kind != Kind::kCertificate) {

@@ -1,10 +1,10 @@
 #include "lib/work/successors.h"
 
 #include <algorithm>
+#include <iterator>
 #include <set>
 #include <utility>
 
-#include "lib/pki/revocation.h"
 #include "lib/records/record.h"
 #include "lib/work/issuers.h"
 #include "lib/work/object_record.h"
@@ -53,21 +53,6 @@ bool hasExpired(const RecordInfo& info, std::int64_t time) {
     return info.notAfter && *info.notAfter < time;
 }
 
-// Whether the newer list may take the place of the older one.
-bool isReplaced(Database& database, const RecordInfo& older, const RecordInfo& newer,
-                const std::vector<RecordInfo>& records) {
-    const Record before = readObject(database, older.address);
-    const Record after = readObject(database, newer.address);
-    std::vector<SecretBytes> issuers;
-    for (const RecordInfo& info : records) {
-        if (info.kind == Kind::kCertificate && folded(info.subject) == folded(older.issuer)) {
-            const Record issuer = readObject(database, info.address);
-            issuers.emplace_back(issuer.body().begin(), issuer.body().end());
-        }
-    }
-    return isReplacedBy(before.body(), after.body(), issuers);
-}
-
 }  // namespace
 
 std::vector<RecordInfo> ownRecords(Database& database, bool secrets, std::size_t most) {
@@ -85,7 +70,8 @@ std::vector<RecordInfo> ownRecords(Database& database, bool secrets, std::size_t
     return isTooMuch ? std::vector<RecordInfo>() : records;
 }
 
-Successors Successors::among(const std::vector<RecordInfo>& records, std::int64_t time) {
+Successors Successors::among(Database& database, const std::vector<RecordInfo>& records,
+                             std::int64_t time) {
     std::set<std::string> keys;
     for (const RecordInfo& info : records) {
         if (info.kind == Kind::kKey && !info.keySha256.empty()) {
@@ -93,7 +79,11 @@ Successors Successors::among(const std::vector<RecordInfo>& records, std::int64_
         }
     }
     Successors successors;
+    successors.database_ = &database;
     for (const RecordInfo& info : records) {
+        if (info.kind == Kind::kCertificate && info.isCa) {
+            successors.issuers_.push_back(info);
+        }
         if (info.kind == Kind::kCrl || keys.contains(info.keySha256)) {
             successors.add(info, time);
         }
@@ -102,9 +92,12 @@ Successors Successors::among(const std::vector<RecordInfo>& records, std::int64_
 }
 
 void Successors::add(RecordInfo info, std::int64_t time) {
-    if (info.kind == Kind::kCrl && info.notBefore) {
+    if (!isInForce(info, time)) {
+        return;
+    }
+    if (info.kind == Kind::kCrl) {
         byIssuer_.emplace(folded(info.issuer), all_.size());
-    } else if (info.kind == Kind::kCertificate && isInForce(info, time)) {
+    } else if (info.kind == Kind::kCertificate) {
         for (const std::string& name : allNamesOf(info)) {
             byName_.emplace(name, all_.size());
         }
@@ -114,14 +107,54 @@ void Successors::add(RecordInfo info, std::int64_t time) {
     all_.push_back(std::move(info));
 }
 
-const RecordInfo* Successors::find(const RecordInfo& info) const {
+// Calls use(body). Says whether that could be done; what was encrypted, and not decrypted, is
+// nobody's fault.
+template <class Use>
+bool Successors::read(const RecordInfo& info, Use use) {
+    if (info.bodyEncrypted && !database_->isOpen()) {
+        return false;
+    }
+    try {
+        use(readObject(*database_, info.address).body());
+        return true;
+    } catch (const Failure& failure) {
+        unread_.push_back(failure);
+        return false;
+    }
+}
+
+const std::vector<SecretBytes>& Successors::issuersCalled(const std::string& name) {
+    const auto [found, isNew] = ders_.try_emplace(folded(name));
+    if (isNew) {
+        for (const RecordInfo& info : issuers_) {
+            if (folded(info.subject) == found->first) {
+                (void)read(info, [&ders = found->second](auto body) {
+                    ders.emplace_back(body.begin(), body.end());
+                });
+            }
+        }
+    }
+    return found->second;
+}
+
+// Null for what cannot be read.
+const CrlTraits* Successors::traitsOf(const RecordInfo& crl) {
+    const auto [found, isNew] = crls_.try_emplace(crl.address);
+    if (isNew) {
+        (void)read(
+            crl, [&](auto body) { found->second = crlTraitsOf(body, issuersCalled(crl.issuer)); });
+    }
+    return found->second ? &*found->second : nullptr;
+}
+
+const RecordInfo* Successors::find(const RecordInfo& info) {
     if (!mayBeSuperseded(info)) {
         return nullptr;
     }
     return info.kind == Kind::kCrl ? findCrl(info) : findCertificate(info);
 }
 
-const RecordInfo* Successors::findCertificate(const RecordInfo& info) const {
+const RecordInfo* Successors::findCertificate(const RecordInfo& info) {
     const std::vector<std::string> names = namesOf(info);
     if (names.empty()) {
         return nullptr;
@@ -138,12 +171,17 @@ const RecordInfo* Successors::findCertificate(const RecordInfo& info) const {
     return found;
 }
 
-const RecordInfo* Successors::findCrl(const RecordInfo& info) const {
+const RecordInfo* Successors::findCrl(const RecordInfo& info) {
     const RecordInfo* found = nullptr;
     const auto [first, last] = byIssuer_.equal_range(folded(info.issuer));
     for (auto each = first; each != last; ++each) {
         const RecordInfo& other = all_[each->second];
-        if (other.notBefore > info.notBefore && isOfOneKey(other, info)) {
+        if (other.notBefore <= info.notBefore || !isOfOneKey(other, info)) {
+            continue;
+        }
+        const CrlTraits* const newer = traitsOf(other);
+        const CrlTraits* const older = traitsOf(info);
+        if (newer != nullptr && older != nullptr && replaces(*newer, *older)) {
             found = later(found, &other);
         }
     }
@@ -153,23 +191,14 @@ const RecordInfo* Successors::findCrl(const RecordInfo& info) const {
 Prunable findPrunable(Database& database) {
     const Listing listing = listWithSecrets(database);
     const std::int64_t time = now();
-    const Successors successors = Successors::among(listing.records, time);
+    Successors successors = Successors::among(database, listing.records, time);
     Prunable prunable{{}, unreadOf(listing)};
-    for (const RecordInfo& info : listing.records) {
-        const RecordInfo* const successor =
-            hasExpired(info, time) ? successors.find(info) : nullptr;
-        if (successor == nullptr) {
-            continue;
-        }
-        try {
-            if (info.kind == Kind::kCertificate ||
-                isReplaced(database, info, *successor, listing.records)) {
-                prunable.records.push_back(info);
-            }
-        } catch (const Failure& failure) {
-            prunable.leftOut.push_back(failure);
-        }
-    }
+    std::ranges::copy_if(listing.records, std::back_inserter(prunable.records),
+                         [&](const RecordInfo& info) {
+                             return hasExpired(info, time) && successors.find(info) != nullptr;
+                         });
+    prunable.leftOut.insert(prunable.leftOut.end(), successors.unread().begin(),
+                            successors.unread().end());
     return prunable;
 }
 

@@ -5,10 +5,11 @@
 // are the subject alternative names; of a certificate without any the subject. What is of a CA is
 // superseded by what is of a CA.
 //
-// A CRL is superseded when a newer one of its issuer is in the database: of the same name and,
-// where both name one, the same key.
+// A CRL is superseded when one that began later is in force and replaces it (lib/pki/renewal.h),
+// both signed by a CA whose certificate is in the database.
 //
-// What is encrypted, and was not decrypted, supersedes nothing and is not superseded.
+// What is encrypted, and was not decrypted, supersedes nothing and is not superseded; nor does what
+// is damaged, or described by its record otherwise than it is.
 //
 // For one thread. Failures throw.
 #ifndef LIB_WORK_SUCCESSORS_H
@@ -17,19 +18,24 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "cmn/secret_bytes.h"
+#include "lib/base/error.h"
 #include "lib/base/time.h"
 #include "lib/database/database.h"
+#include "lib/pki/renewal.h"
 #include "lib/records/record_info.h"
 #include "lib/work/find.h"
 
 namespace fstore {
 
 // The records that others can be superseded by, and that keys, requests and certificates are told
-// apart by: keys, requests, CRLs, and certificates whose key is here. In a database that is
-// entered, with secrets if encrypted parts are to be looked at. None if there are more than `most`.
+// apart by: keys, requests, CRLs, and certificates of CAs and those whose key is here. In a
+// database that is entered, with secrets if encrypted parts are to be looked at. None if there are
+// more than `most`.
 std::vector<RecordInfo> ownRecords(Database& database, bool secrets, std::size_t most);
 
 class Successors {
@@ -37,25 +43,37 @@ public:
     // None supersedes anything.
     Successors() = default;
 
-    // Among all records of a database, or all that are one's own.
-    static Successors among(const std::vector<RecordInfo>& records, std::int64_t time = now());
+    // Among all records of a database, or all that are one's own. The database stays entered while
+    // find() is called, which reads what may supersede or be superseded, each once.
+    static Successors among(Database& database, const std::vector<RecordInfo>& records,
+                            std::int64_t time = now());
 
     // What supersedes it; of several what began last. Null for none. Lives as long as this.
-    const RecordInfo* find(const RecordInfo& info) const;
+    const RecordInfo* find(const RecordInfo& info);
+
+    // What find() could not read, and so took for current.
+    const std::vector<Failure>& unread() const { return unread_; }
 
 private:
     void add(RecordInfo info, std::int64_t time);
-    const RecordInfo* findCertificate(const RecordInfo& info) const;
-    const RecordInfo* findCrl(const RecordInfo& info) const;
+    const RecordInfo* findCertificate(const RecordInfo& info);
+    const RecordInfo* findCrl(const RecordInfo& info);
+    const CrlTraits* traitsOf(const RecordInfo& crl);
+    template <class Use>
+    bool read(const RecordInfo& info, Use use);
+    const std::vector<SecretBytes>& issuersCalled(const std::string& name);
 
-    std::vector<RecordInfo> all_;
+    Database* database_ = nullptr;
+    std::vector<RecordInfo> all_, issuers_;
     // Certificates by each of their names, CRLs by their issuers; by index in all_.
     std::multimap<std::string, std::size_t> byName_, byIssuer_;
+    // What was read. None of what cannot be read.
+    std::map<Address, std::optional<CrlTraits>> crls_;
+    std::map<std::string, std::vector<SecretBytes>> ders_;  // of the issuers of this name
+    std::vector<Failure> unread_;
 };
 
-// The certificates and CRLs that are superseded and have expired, and so serve nobody: of a CRL
-// only if its successor says all that it says, for the same certificates and with a signature of
-// the same issuer, as far as that is known. By address.
+// The certificates and CRLs that are superseded and have expired, and so serve nobody. By address.
 //
 // A step of withSecrets(): asks for secrets if certificates, keys or CRLs are encrypted.
 struct Prunable {

@@ -28,6 +28,14 @@ subjectKeyIdentifier = hash
 basicConstraints = critical,CA:TRUE
 keyUsage = critical,keyCertSign,cRLSign
 subjectKeyIdentifier = hash
+[partition]
+issuingDistributionPoint = critical,@place
+[place]
+fullname = URI:http://crl.example.com/1
+[delta]
+2.5.29.27 = critical,ASN1:INTEGER:1
+[odd]
+1.2.3.4 = critical,ASN1:NULL
 """
 
 
@@ -70,7 +78,7 @@ class Authority:
         path.write_bytes(certificate)
         self.ca("-cert", self.certificate, "-revoke", path)
 
-    def crl(self, begin=-1, end=30):
-        """The list of what was revoked."""
+    def crl(self, begin=-1, end=30, options=()):
+        """The list of what was revoked; of another shape with ("-crlexts", SECTION)."""
         return self.ca("-cert", self.certificate, "-gencrl", "-crl_lastupdate", day(begin),
-                       "-crl_nextupdate", day(end))
+                       "-crl_nextupdate", day(end), *options)

@@ -97,6 +97,7 @@ class SupersededTest(RenewalTest):
         self.assertEqual(([], 1), self.alarm())
 
     def test_crl(self):
+        self.add(self.authority.certificate.read_bytes(), "root")
         old = self.add(self.authority.crl(-20, 10), "old")
         self.assertEqual(([old], 0), self.alarm())
         (self.folder / "other").mkdir()
@@ -120,7 +121,8 @@ class PruneTest(RenewalTest):
 
     def test_lists_and_removes_what_expired_and_was_renewed(self):
         gone = [self.certify("a", -90, -2, "old"), self.add(self.authority.crl(-40, -2), "older")]
-        kept = [self.certify("a", -80, 10.5, "last"),  # superseded, and in force still
+        kept = [self.add(self.authority.certificate.read_bytes(), "root"),
+                self.certify("a", -80, 10.5, "last"),  # superseded, and in force still
                 self.certify("b", -80, -2, "alone"),  # expired, and never renewed
                 self.certify("a", -1, 89, "new"), self.add(self.authority.crl(-1, 30), "newer")]
         before = self.files()
@@ -133,16 +135,50 @@ class PruneTest(RenewalTest):
         self.assertEqual([], self.pruned("--yes"))
         self.assert_sound()
 
-    def test_forged_list_takes_no_place(self):
-        self.add(self.authority.certificate.read_bytes(), "root")
-        self.add(self.authority.crl(-40, -2), "older")
+    def other_lists(self):
+        """CRLs that take no place of the older one, and why."""
         (self.folder / "false").mkdir()
         forger = Authority(self.folder / "false", "Root")
-        self.add(forger.crl(-1, 30), "forged")
-        self.assertEqual([], self.pruned())
+        yield "has a lower number", self.low
+        yield "is forged", forger.crl(-1, 30)
+        yield "is not in force yet", self.authority.crl(1, 30)
+        yield "is not in force any more", self.authority.crl(-20, -1)
+        for reason, section in (("has only changes", "delta"), ("is of a part", "partition"),
+                                ("is not understood", "odd")):
+            yield reason, self.authority.crl(-1, 30, ("-crlexts", section))
+
+    def test_list_that_replaces_nothing(self):
+        root = self.add(self.authority.certificate.read_bytes(), "root")
+        self.low = self.authority.crl(-1, 30)
+        older = self.add(self.authority.crl(-40, -2), "older")
+        for reason, contents in self.other_lists():
+            with self.subTest(reason):
+                other = self.add(contents, "other")
+                self.assertEqual([], self.pruned())
+                listed = self.run_tool("ls", "--expired", "--fail", "--json", code=3).document
+                self.assertIn(older, [record["address"] for record in listed["records"]])
+                self.assertNotRegex(self.run_tool("ls").text, "crls/older .*superseded")
+                self.run_tool("rm", other)
         self.add(self.authority.crl(-3, 30), "newer")
-        self.run_tool("rm", "crls/forged")
-        self.assertEqual(["crls/older"], self.pruned())
+        self.assertEqual([older], self.pruned())
+        self.assertEqual([], self.run_tool("ls", "--expired", "--fail", "--json").document["records"])
+        self.run_tool("rm", root)  # by whose key nobody can tell any more
+        self.assertEqual([], self.pruned())
+        self.run_tool("ls", "--expired", "--fail", code=3)
+
+    def test_keeps_what_its_record_describes_otherwise(self):
+        self.add(self.authority.certificate.read_bytes(), "root")
+        older = self.add(self.authority.crl(-40, -2), "older")
+        self.add(self.authority.crl(-1, 30), "newer")
+        self.contradict(older)
+        run = self.run_tool("prune", "--yes", code=5)
+        self.assertIn("left out: crls/older", run.message)
+        self.assertIn(older, self.records())
+
+    def contradict(self, address):
+        """Has the record say that it ended a day before."""
+        path = pathlib.Path(self.folder / f"db/{address}.dsc")
+        path.write_text(path.read_text().replace(f"{today(-2)}T", f"{today(-3)}T"))
 
     def test_needs_no_password_and_keeps_keys(self):
         self.certify("a", -90, -2, "old")
