@@ -51,11 +51,16 @@ std::string goodText(const Verified& verified) {
                        verified.issuers.empty() ? "itself" : root);
 }
 
+// Empty: it is good.
+const std::string& flawOf(const Verified& verified) {
+    return verified.why.empty() ? verified.doubt : verified.why;
+}
+
 void print(const Verification& verification, Output& output) {
     for (const Verified& verified : verification.certificates) {
-        const bool isGood = verified.why.empty();
-        output.line(verified.info.address.print(), isGood ? Style::kPlain : Style::kRed,
-                    ": " + (isGood ? goodText(verified) : verified.why));
+        const std::string& flaw = flawOf(verified);
+        output.line(verified.info.address.print(), flaw.empty() ? Style::kPlain : Style::kRed,
+                    ": " + (flaw.empty() ? goodText(verified) : flaw));
     }
 }
 
@@ -65,9 +70,9 @@ Json toJson(const Verified& verified) {
         issuers.push_back(jsonText(issuer.address.print()));
     }
     Json json = toJson(verified.info);
-    json["good"] = verified.why.empty();
-    if (!verified.why.empty()) {
-        json["reason"] = jsonText(verified.why);
+    json["good"] = verified.doubt.empty() ? Json(verified.why.empty()) : Json();
+    if (!flawOf(verified).empty()) {
+        json["reason"] = jsonText(flawOf(verified));
     }
     if (verified.until) {
         json["until"] = printTime(*verified.until);

@@ -1,6 +1,7 @@
 #include "lib/pki/verify.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 #include <fmt/format.h>
@@ -35,11 +36,27 @@ int purposeOf(VerifyRules::Purpose purpose) {
     return X509_PURPOSE_ANY;
 }
 
+// Whether it says that a CRL is missing or no good, and not what one says.
+bool isOfCrl(int error) {
+    constexpr std::array kErrors = {X509_V_ERR_UNABLE_TO_GET_CRL,
+                                    X509_V_ERR_UNABLE_TO_GET_CRL_ISSUER,
+                                    X509_V_ERR_UNABLE_TO_DECRYPT_CRL_SIGNATURE,
+                                    X509_V_ERR_CRL_SIGNATURE_FAILURE,
+                                    X509_V_ERR_CRL_NOT_YET_VALID,
+                                    X509_V_ERR_CRL_HAS_EXPIRED,
+                                    X509_V_ERR_ERROR_IN_CRL_LAST_UPDATE_FIELD,
+                                    X509_V_ERR_ERROR_IN_CRL_NEXT_UPDATE_FIELD,
+                                    X509_V_ERR_KEYUSAGE_NO_CRL_SIGN,
+                                    X509_V_ERR_UNHANDLED_CRITICAL_CRL_EXTENSION,
+                                    X509_V_ERR_DIFFERENT_CRL_SCOPE,
+                                    X509_V_ERR_CRL_PATH_VALIDATION_ERROR};
+    return std::ranges::find(kErrors, error) != kErrors.end();
+}
+
 // Whoever trusts a root asks no list of its own whether it is trusted.
 int passRootsWithoutCrl(int isGood, X509_STORE_CTX* verifying) {
-    const bool isMissing = X509_STORE_CTX_get_error(verifying) == X509_V_ERR_UNABLE_TO_GET_CRL;
     X509* const certificate = X509_STORE_CTX_get_current_cert(verifying);
-    if (isGood == 0 && isMissing && certificate != nullptr &&
+    if (isGood == 0 && isOfCrl(X509_STORE_CTX_get_error(verifying)) && certificate != nullptr &&
         X509_self_signed(certificate, 0) == 1) {
         X509_STORE_CTX_set_error(verifying, X509_V_OK);
         return 1;
@@ -213,8 +230,12 @@ Verdict ChainVerifier::verify(Bytes certificate) const {
         verdict.chain.push_back(state_->indexOf(issuer));
         verdict.until = std::min(verdict.until, parseTime(timeText(X509_get0_notAfter(issuer))));
     }
-    if (verdict.why.empty()) {
-        verdict.why = state_->revokedIn(certificate, decoded.get(), verdict.chain);
+    // What is revoked stays so, whatever is wrong with a list.
+    if (verdict.why.empty() || isOfCrl(X509_STORE_CTX_get_error(context.get()))) {
+        std::string revoked = state_->revokedIn(certificate, decoded.get(), verdict.chain);
+        if (!revoked.empty()) {
+            verdict.why = std::move(revoked);
+        }
     }
     return verdict;
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <map>
 #include <set>
 #include <utility>
 
@@ -104,6 +105,48 @@ std::vector<SecretBytes> bodiesOf(Database& database, Infos& infos, std::vector<
     return bodies;
 }
 
+// The CRLs that could not be read: by the folded name of the issuer, empty where that is unknown,
+// too.
+using UnreadCrls = std::multimap<std::string, Address>;
+
+// Whether what is in the folder may be a CRL, as far as import and generate put things.
+bool mayHoldCrls(const std::string& folder) {
+    const std::string top = folder.substr(0, folder.find('/'));
+    return top != "keys" && top != "certificates" && top != "crm";
+}
+
+UnreadCrls unreadCrlsOf(const Listing& listing, const Infos& wanted, const Infos& readable) {
+    UnreadCrls unread;
+    for (const auto& [address, failure] : listing.damaged) {
+        if (mayHoldCrls(address.folder)) {
+            unread.emplace("", address);
+        }
+    }
+    for (const RecordInfo& info : wanted) {
+        if (std::ranges::find(readable, info.address, &RecordInfo::address) == readable.end()) {
+            unread.emplace(folded(info.issuer), info.address);
+        }
+    }
+    return unread;
+}
+
+// Why it is not known whether the certificate and its issuers are revoked; empty: it is.
+std::string doubtOf(const Verified& verified, const UnreadCrls& unread) {
+    std::vector<std::string> names = {"", folded(verified.info.issuer)};
+    for (const RecordInfo& issuer : verified.issuers) {
+        names.push_back(folded(issuer.issuer));
+    }
+    for (const std::string& name : names) {
+        const auto found = unread.find(name);
+        if (found != unread.end()) {
+            return fmt::format(
+                "it is not known whether it is revoked: {} cannot be read; import that CRL again",
+                found->second.print());
+        }
+    }
+    return {};
+}
+
 }  // namespace
 
 Verification verifyCertificates(Database& database, const std::vector<std::string>& texts,
@@ -114,9 +157,11 @@ Verification verifyCertificates(Database& database, const std::vector<std::strin
     Verification verification;
     verification.leftOut = unreadOf(listing);
     Infos issuers = issuersOf(meant, certificates);
-    Infos crls = crlsOf(issuers, listing.records);
+    const Infos wanted = crlsOf(issuers, listing.records);
+    Infos crls = wanted;
     const std::vector<SecretBytes> ders = bodiesOf(database, issuers, verification.leftOut);
     const std::vector<SecretBytes> crlDers = bodiesOf(database, crls, verification.leftOut);
+    const UnreadCrls unread = unreadCrlsOf(listing, wanted, crls);
     const ChainVerifier verifier(ders, crlDers, rules);
     for (const RecordInfo& info : meant) {
         const auto found = std::ranges::find(issuers, info.address, &RecordInfo::address);
@@ -132,6 +177,7 @@ Verification verifyCertificates(Database& database, const std::vector<std::strin
         for (const std::size_t issuer : verdict.chain) {
             verified.issuers.push_back(issuers[issuer]);
         }
+        verified.doubt = verified.why.empty() ? doubtOf(verified, unread) : std::string();
     }
     return verification;
 }

@@ -18,7 +18,8 @@ namespace fstore {
 
 struct Verified {
     RecordInfo info;
-    std::string why;                    // why it does not hold; empty: it does
+    std::string why;                    // why it does not hold; empty: it does, but for a doubt
+    std::string doubt;                  // why it is not known whether it holds; empty: it is
     std::vector<RecordInfo> issuers;    // its own first, as far as they were found
     std::optional<std::int64_t> until;  // when the first of them ends
 };

@@ -178,6 +178,37 @@ class RevokedTest(VerifyTest):
         self.add(self.sub.crl())
         self.reason("--crl", code=0)
 
+    def test_revocation_comes_before_the_age_of_its_list(self):
+        self.revoked()
+        self.add(self.root.crl())
+        self.add(self.sub.crl(-20, -10))
+        self.assertEqual("it is revoked by a CRL of CN=Sub", self.reason("--crl"))
+
+    def test_root_needs_no_list_of_its_own(self):
+        (self.folder / "part").mkdir()
+        other = Authority(self.folder / "part", "Other")
+        root = self.add(other.certificate.read_bytes(), "--name", "other")
+        self.add(other.crl(-1, 30, ("-crlexts", "partition")))
+        self.run_tool("verify", root, "--crl")
+
+    def test_unreadable_list_leaves_a_doubt(self):
+        self.revoked()
+        address = self.add(self.sub.crl(), "--name", "sub")
+        self.assertEqual("crls/sub", address)
+        files = list((self.folder / "db/crls").iterdir())
+        self.assertEqual(2, len(files))
+        for path in files:
+            with self.subTest(path.suffix):
+                contents = path.read_bytes()
+                path.write_bytes(b"damaged")
+                run = self.run_tool("verify", "www", code=5)
+                self.assertIn("it is not known whether it is revoked: crls/sub cannot be read",
+                              run.text)
+                (record,) = self.run_tool("verify", "www", "--json", code=5).document["records"]
+                self.assertIsNone(record["good"])
+                path.write_bytes(contents)
+        self.assertEqual("it is revoked by a CRL of CN=Sub", self.reason())
+
     def test_forged_crl_revokes_nothing(self):
         leaf = self.sub.sign(self.request)
         self.add_chain(leaf)
