@@ -78,8 +78,11 @@ void addAltNames(STACK_OF(X509_EXTENSION) * to, const std::vector<std::string>& 
         return;
     }
     const ossl::GeneralNames names = made(ossl::GeneralNames(GENERAL_NAMES_new()));
-    for (const std::string& text : texts) {
-        ossl::GeneralName name = altName(text);
+    for (auto text = texts.begin(); text != texts.end(); ++text) {
+        if (std::find(texts.begin(), text, *text) != text) {
+            continue;  // once is enough
+        }
+        ossl::GeneralName name = altName(*text);
         requireMade(sk_GENERAL_NAME_push(names.get(), name.get()) > 0);
         (void)name.release();
     }

@@ -162,15 +162,34 @@ void refuseOther(Database& database, const Address& place, const std::string& ke
 
 }  // namespace
 
+namespace {
+
+// An address with a typing error would become a name that nobody can have.
+void refuseNumbers(const std::string& host) {
+    const std::string last = host.substr(host.rfind('.') + 1);  // npos + 1 is 0
+    if (!isIpAddress(host) && last.find_first_not_of("0123456789") == std::string::npos) {
+        throw Failure(kInvalid,
+                      fmt::format("\"{}\" is neither a host name nor an IP address", host));
+    }
+}
+
+std::string hostOf(const std::string& text) {
+    std::string host = hostNameOf(text);
+    refuseNumbers(host);
+    return host;
+}
+
+}  // namespace
+
 std::string altNameOf(const std::string& text) {
     for (const std::string_view kind : kAltNameKinds) {
         if (text.starts_with(kind)) {
             const bool isHost = kind == "DNS:" || kind == "IP:";
             const std::string value = text.substr(kind.size());
-            return isHost ? std::string(kind) + hostNameOf(value) : text;
+            return isHost ? std::string(kind) + hostOf(value) : text;
         }
     }
-    const std::string host = hostNameOf(text);
+    const std::string host = hostOf(text);
     return (isIpAddress(host) ? "IP:" : "DNS:") + host;
 }
 

@@ -112,6 +112,17 @@ class RequestTest(GenerateTest):
         self.assertEqual(openssl("req", "-outform", "DER", stdin=run.out), self.body("crm/www"))
         self.assert_sound()
 
+    def test_a_name_is_asked_for_once(self):
+        pem = self.generate("k", "--request", "--san", "a.com", "--san", "A.COM", "--san", "b.com",
+                            "--san", "a.com").out
+        self.assertIn("DNS:a.com, DNS:b.com\n", self.request_text(pem))
+
+    def test_an_address_with_a_typing_error_is_no_name(self):
+        for name in ["999.1.1.1", "DNS:192.0.2", "10"]:
+            self.assertIn("neither", self.fails(4, "invalid", "generate", "k", "--request", "--san",
+                                                name))
+        self.assertEqual([], self.records())
+
     def test_signatures_fit_their_keys(self):
         for number, (kind, signature) in enumerate([
                 ("rsa:2048", "sha256WithRSAEncryption"), ("ec:P-256", "ecdsa-with-SHA256"),
