@@ -1,11 +1,14 @@
-// Whether one CRL takes the place of another one.
+// Whether one CRL or certificate takes the place of another one.
 //
 // Any thread may call any of these.
 #ifndef LIB_PKI_RENEWAL_H
 #define LIB_PKI_RENEWAL_H
 
+#include <cstdint>
 #include <optional>
+#include <set>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "cmn/secret_bytes.h"
@@ -34,6 +37,30 @@ CrlTraits crlTraitsOf(std::span<const unsigned char> crl, const std::vector<Secr
 // key that is known, and for the same certificates; neither is a delta; the number of the newer one
 // is not lower, and all of it is understood. The times are the caller's.
 bool replaces(const CrlTraits& newer, const CrlTraits& older);
+
+// The serial numbers that a CRL lists, whatever it says of them. Throws what crlTraitsOf() throws.
+std::set<std::vector<unsigned char>> serialsIn(std::span<const unsigned char> crl);
+
+struct CertificateTraits {
+    using Octets = std::vector<unsigned char>;
+
+    Octets serial;
+    Octets key;  // SHA-256 of the public key
+    bool isCa = false;
+    // Sorted, and without capitals where these make no difference: in host names.
+    std::vector<std::string> altNames;
+    std::uint32_t usages = 0;                       // all of them where nothing is said
+    std::optional<std::set<std::string>> purposes;  // of the extended key usage; none for any
+    bool isReadable = false;                        // all of these could be read
+};
+
+// Throws kMalformed for what is no certificate.
+CertificateTraits certificateTraitsOf(std::span<const unsigned char> certificate);
+
+// Whether the newer one serves for all that the older one does: it has its alternative names and
+// may be used as it may. One of a CA has the same key, with which others were signed. Subjects are
+// the caller's, and times.
+bool replaces(const CertificateTraits& newer, const CertificateTraits& older);
 
 }  // namespace fstore
 

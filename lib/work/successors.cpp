@@ -81,8 +81,10 @@ Successors Successors::among(Database& database, const std::vector<RecordInfo>& 
     Successors successors;
     successors.database_ = &database;
     for (const RecordInfo& info : records) {
-        if (info.kind == Kind::kCertificate && info.isCa) {
-            successors.issuers_.push_back(info);
+        const bool vouches =
+            info.kind == Kind::kCrl || (info.kind == Kind::kCertificate && info.isCa);
+        if (vouches && (!info.bodyEncrypted || database.isOpen())) {
+            successors.vouching_.push_back(info);
         }
         if (info.kind == Kind::kCrl || keys.contains(info.keySha256)) {
             successors.add(info, time);
@@ -126,8 +128,8 @@ bool Successors::read(const RecordInfo& info, Use use) {
 const std::vector<SecretBytes>& Successors::issuersCalled(const std::string& name) {
     const auto [found, isNew] = ders_.try_emplace(folded(name));
     if (isNew) {
-        for (const RecordInfo& info : issuers_) {
-            if (folded(info.subject) == found->first) {
+        for (const RecordInfo& info : vouching_) {
+            if (info.kind == Kind::kCertificate && folded(info.subject) == found->first) {
                 (void)read(info, [&ders = found->second](auto body) {
                     ders.emplace_back(body.begin(), body.end());
                 });
@@ -138,13 +140,63 @@ const std::vector<SecretBytes>& Successors::issuersCalled(const std::string& nam
 }
 
 // Null for what cannot be read.
-const CrlTraits* Successors::traitsOf(const RecordInfo& crl) {
+const CrlTraits* Successors::crlTraits(const RecordInfo& crl) {
     const auto [found, isNew] = crls_.try_emplace(crl.address);
     if (isNew) {
         (void)read(
             crl, [&](auto body) { found->second = crlTraitsOf(body, issuersCalled(crl.issuer)); });
     }
     return found->second ? &*found->second : nullptr;
+}
+
+// Null for what cannot be read.
+const CertificateTraits* Successors::certificateTraits(const RecordInfo& certificate) {
+    const auto [found, isNew] = certificates_.try_emplace(certificate.address);
+    if (isNew) {
+        (void)read(certificate, [&](auto body) { found->second = certificateTraitsOf(body); });
+    }
+    return found->second ? &*found->second : nullptr;
+}
+
+// The serial numbers in all its CRLs, few of which list one of ours. None if one of them cannot be
+// read.
+const std::optional<Successors::Serials>& Successors::listedBy(const std::string& issuer) {
+    const auto [found, isNew] = listed_.try_emplace(folded(issuer));
+    if (!isNew) {
+        return found->second;
+    }
+    Serials serials;
+    bool isWhole = true;
+    for (const RecordInfo& info : vouching_) {
+        if (info.kind == Kind::kCrl && folded(info.issuer) == found->first) {
+            isWhole = read(info, [&](auto body) { serials.merge(serialsIn(body)); }) && isWhole;
+        }
+    }
+    if (isWhole) {
+        found->second = std::move(serials);
+    }
+    return found->second;
+}
+
+bool Successors::askLists(const RecordInfo& certificate) {
+    const CertificateTraits* const traits = certificateTraits(certificate);
+    const std::optional<Serials>& listed = listedBy(certificate.issuer);
+    if (traits == nullptr || !listed || !listed->contains(traits->serial)) {
+        return traits == nullptr || !listed;
+    }
+    try {
+        return Revocations(*database_, vouching_).revoke(certificate);
+    } catch (const Failure& failure) {
+        unread_.push_back(failure);
+        return true;
+    }
+}
+
+bool Successors::mayBeRevoked(const RecordInfo& certificate) {
+    const auto known = revoked_.find(certificate.address);
+    return known != revoked_.end()
+               ? known->second
+               : revoked_.emplace(certificate.address, askLists(certificate)).first->second;
 }
 
 const RecordInfo* Successors::find(const RecordInfo& info) {
@@ -163,8 +215,13 @@ const RecordInfo* Successors::findCertificate(const RecordInfo& info) {
     const auto [first, last] = byName_.equal_range(names.front());
     for (auto each = first; each != last; ++each) {
         const RecordInfo& other = all_[each->second];
-        if (other.isCa == info.isCa && other.notBefore > info.notBefore &&
-            std::ranges::includes(allNamesOf(other), names)) {
+        if (other.notBefore <= info.notBefore || !std::ranges::includes(allNamesOf(other), names)) {
+            continue;
+        }
+        const CertificateTraits* const newer = certificateTraits(other);
+        const CertificateTraits* const older = certificateTraits(info);
+        if (newer != nullptr && older != nullptr && replaces(*newer, *older) &&
+            !mayBeRevoked(other)) {
             found = later(found, &other);
         }
     }
@@ -179,8 +236,8 @@ const RecordInfo* Successors::findCrl(const RecordInfo& info) {
         if (other.notBefore <= info.notBefore || !isOfOneKey(other, info)) {
             continue;
         }
-        const CrlTraits* const newer = traitsOf(other);
-        const CrlTraits* const older = traitsOf(info);
+        const CrlTraits* const newer = crlTraits(other);
+        const CrlTraits* const older = crlTraits(info);
         if (newer != nullptr && older != nullptr && replaces(*newer, *older)) {
             found = later(found, &other);
         }

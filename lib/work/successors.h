@@ -1,9 +1,10 @@
 // Which certificates and CRLs have been renewed, so that nobody waits for them any more.
 //
 // A certificate is superseded when another one is in force that began later, has at least its
-// names, and whose key is in the database. The issuer plays no part, nor does the algorithm. Names
-// are the subject alternative names; of a certificate without any the subject. What is of a CA is
-// superseded by what is of a CA.
+// names, usages and purposes, whose key is in the database, and which no CRL there revokes. The
+// issuer plays no part, nor does the algorithm. Names are the subject alternative names; of a
+// certificate without any the subject. What is of a CA is superseded by what is of a CA, and has
+// its key: others were signed with that.
 //
 // A CRL is superseded when one that began later is in force and replaces it (lib/pki/renewal.h),
 // both signed by a CA whose certificate is in the database.
@@ -19,6 +20,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -55,20 +57,30 @@ public:
     const std::vector<Failure>& unread() const { return unread_; }
 
 private:
+    using Serials = std::set<std::vector<unsigned char>>;
+
     void add(RecordInfo info, std::int64_t time);
     const RecordInfo* findCertificate(const RecordInfo& info);
     const RecordInfo* findCrl(const RecordInfo& info);
-    const CrlTraits* traitsOf(const RecordInfo& crl);
+    const CrlTraits* crlTraits(const RecordInfo& crl);
+    const CertificateTraits* certificateTraits(const RecordInfo& certificate);
+    bool mayBeRevoked(const RecordInfo& certificate);
+    bool askLists(const RecordInfo& certificate);
+    const std::optional<Serials>& listedBy(const std::string& issuer);
     template <class Use>
     bool read(const RecordInfo& info, Use use);
     const std::vector<SecretBytes>& issuersCalled(const std::string& name);
 
     Database* database_ = nullptr;
-    std::vector<RecordInfo> all_, issuers_;
+    std::vector<RecordInfo> all_;
+    std::vector<RecordInfo> vouching_;  // certificates of CAs, and all CRLs
     // Certificates by each of their names, CRLs by their issuers; by index in all_.
     std::multimap<std::string, std::size_t> byName_, byIssuer_;
     // What was read. None of what cannot be read.
     std::map<Address, std::optional<CrlTraits>> crls_;
+    std::map<Address, std::optional<CertificateTraits>> certificates_;
+    std::map<Address, bool> revoked_;
+    std::map<std::string, std::optional<Serials>> listed_;  // in CRLs of the issuer of this name
     std::map<std::string, std::vector<SecretBytes>> ders_;  // of the issuers of this name
     std::vector<Failure> unread_;
 };

@@ -96,6 +96,77 @@ class SupersededTest(RenewalTest):
         self.add(Authority(self.folder / "other", "Other").sign(self.requests["a"], -1, 89), "new")
         self.assertEqual(([], 1), self.alarm())
 
+    def request(self, name, *options):
+        """That of a new key."""
+        request = self.run_tool("generate", name, "--request", *options).out
+        self.run_tool("rm", f"crm/{name}")
+        return request
+
+    def test_other_use_or_name(self):
+        host = ("--san", HOST)
+        rows = [("has fewer purposes", (*host, "--key-usage", "serverAuth"),
+                 (*host, "--key-usage", "clientAuth")),
+                ("has purposes", host, (*host, "--key-usage", "serverAuth")),
+                ("has another path", ("--san", "URI:https://a.example/A"),
+                 ("--san", "URI:https://a.example/a")),
+                ("has another user", ("--san", "URI:https://U@a.example/"),
+                 ("--san", "URI:https://u@a.example/")),
+                ("has another mailbox", ("--san", "email:A@a.example"),
+                 ("--san", "email:a@a.example"))]
+        for number, (reason, before, after) in enumerate(rows):
+            with self.subTest(reason):
+                old = self.add(self.authority.sign(self.request(f"old{number}", *before), -80, 10.5),
+                               f"old{number}")
+                request = self.request(f"new{number}", *after)
+                new = self.add(self.authority.sign(request, -1, 89), f"new{number}")
+                self.assertEqual(([old], 0), self.alarm())
+                self.run_tool("rm", old, new)
+
+    def test_hosts_know_no_capitals(self):
+        for number, (before, after) in enumerate((
+                ("DNS:A.example", "DNS:a.example"), ("email:u@A.example", "email:u@a.example"),
+                ("URI:https://U@A.example/P", "URI:https://U@a.example/P"))):
+            request = self.request(f"old{number}", "--san", before)
+            self.add(self.authority.sign(request, -80, 10.5), f"old{number}")
+            request = self.request(f"new{number}", "--san", after)
+            self.add(self.authority.sign(request, -1, 89), f"new{number}")
+            self.assertEqual(([], number + 1), self.alarm())
+
+    def test_revoked_one_supersedes_nothing(self):
+        self.add(self.authority.certificate.read_bytes(), "root")
+        old = self.certify("a", -80, 10.5, "old")
+        new = self.authority.sign(self.requests["b"], -1, 89)
+        self.add(new, "new")
+        self.assertEqual(([], 1), self.alarm())
+        self.authority.revoke(new)
+        crl = self.add(self.authority.crl(-1, 60), "revoked")
+        self.assertEqual(([old], 0), self.alarm())
+        body = next(path for path in pathlib.Path(self.folder / "db/crls").iterdir()
+                    if path.suffix != ".dsc")
+        body.write_bytes(b"damaged")
+        self.assertEqual(([old], 0), self.alarm())
+        self.run_tool("rm", crl)
+        self.assertEqual(([], 1), self.alarm())
+
+    def test_authority_with_another_key_does_not_supersede(self):
+        first = self.request("ca1", "--subject", "CN=Sub")
+        second = self.request("ca2", "--subject", "CN=Sub")
+        old = self.add(self.authority.sign(first, -80, 10.5, "issuer"), "old")
+        self.add(self.authority.sign(second, -1, 89, "issuer"), "other")
+        self.assertEqual(([old], 0), self.alarm())
+        self.add(self.authority.sign(first, -1, 89, "issuer"), "new")
+        self.assertEqual(([], 1), self.alarm())
+
+    def test_unreadable_names(self):
+        for name in ("old", "new"):
+            request = openssl("req", "-new", "-newkey", "ed25519", "-nodes", "-keyout",
+                              self.folder / f"{name}.key", "-subj", "/CN=x", "-addext",
+                              "2.5.29.17=DER:0500")
+            self.run_tool("import", f"{name}.key")
+            begin, end = {"old": (-80, 10.5), "new": (-1, 89)}[name]
+            self.add(self.authority.sign(request, begin, end), name)
+        self.assertEqual((["certificates/local/old"], 0), self.alarm())
+
     def test_crl(self):
         self.add(self.authority.certificate.read_bytes(), "root")
         old = self.add(self.authority.crl(-20, 10), "old")
@@ -171,9 +242,13 @@ class PruneTest(RenewalTest):
         older = self.add(self.authority.crl(-40, -2), "older")
         self.add(self.authority.crl(-1, 30), "newer")
         self.contradict(older)
+        old = self.certify("a", -90, -2, "old")
+        self.certify("b", -1, 89, "new")
+        self.contradict(old)
         run = self.run_tool("prune", "--yes", code=5)
-        self.assertIn("left out: crls/older", run.message)
-        self.assertIn(older, self.records())
+        for address in older, old:
+            self.assertIn(f"left out: {address}", run.message)
+            self.assertIn(address, self.records())
 
     def contradict(self, address):
         """Has the record say that it ended a day before."""
