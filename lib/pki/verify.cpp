@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
+#include <map>
+#include <set>
 #include <utility>
 
 #include <fmt/format.h>
@@ -12,6 +15,7 @@
 #include "lib/pki/ossl.h"
 #include "lib/pki/revocation.h"
 #include "lib/pki/text.h"
+#include "lib/pki/verifier.h"
 
 namespace fstore {
 namespace {
@@ -132,8 +136,66 @@ struct ChainVerifier::State {
     const std::vector<SecretBytes>& crlDers;
     std::vector<ossl::Certificate> certificates;  // null for a damaged one
     std::vector<ossl::Crl> crls;
-    Store store;
-    ossl::Certificates others;  // that are no roots
+    std::set<std::size_t> roots;                               // by index
+    std::multimap<unsigned long, std::size_t> bySubject = {};  // by the digest of the name
+
+    // Of the certificates who may have issued it, directly or not.
+    std::set<std::size_t> issuersOf(X509* certificate) const {
+        Verifier verifier;
+        std::set<std::size_t> found;
+        std::vector<X509*> waiting = {certificate};
+        while (!waiting.empty()) {
+            X509* const subject = waiting.back();
+            waiting.pop_back();
+            for (const std::size_t issuer : directIssuersOf(subject, verifier)) {
+                if (found.insert(issuer).second) {
+                    waiting.push_back(certificates[issuer].get());
+                }
+            }
+        }
+        return found;
+    }
+
+    // Those whose key made the signature; where there is none, those that have the name. OpenSSL
+    // would take any of the name.
+    std::vector<std::size_t> directIssuersOf(X509* subject, Verifier& verifier) const {
+        std::vector<std::size_t> named, signing;
+        const auto [first, last] = bySubject.equal_range(digestOf(X509_get_issuer_name(subject)));
+        for (auto each = first; each != last; ++each) {
+            if (X509_cmp(certificates[each->second].get(), subject) == 0 &&
+                roots.contains(each->second)) {
+                return {each->second};  // of many roots of one name each is its own
+            }
+            named.push_back(each->second);
+        }
+        std::ranges::copy_if(named, std::back_inserter(signing), [&](std::size_t issuer) {
+            return verifier.isIssuer(certificates[issuer].get(), subject);
+        });
+        return signing.empty() ? named : signing;
+    }
+
+    static unsigned long digestOf(const X509_NAME* name) {
+        return X509_NAME_hash_ex(name, nullptr, nullptr, nullptr);
+    }
+
+    // The roots among them, and all CRLs; what is no root goes to the others.
+    Store storeOf(const std::set<std::size_t>& issuers, STACK_OF(X509) * others) const {
+        Store store = made(Store(X509_STORE_new()));
+        for (const std::size_t issuer : issuers) {
+            X509* const certificate = certificates[issuer].get();
+            if (roots.contains(issuer)) {
+                (void)X509_STORE_add_cert(store.get(), certificate);
+            } else {
+                (void)sk_X509_push(others, certificate);
+            }
+        }
+        for (const ossl::Crl& crl : crls) {
+            if (crl != nullptr) {
+                (void)X509_STORE_add_crl(store.get(), crl.get());
+            }
+        }
+        return store;
+    }
 
     std::size_t indexOf(const X509* certificate) const {
         const auto found = std::ranges::find(certificates, certificate, &ossl::Certificate::get);
@@ -164,9 +226,9 @@ struct ChainVerifier::State {
         return {};
     }
 
-    Verifying contextFor(X509* certificate) const {
+    Verifying contextFor(X509* certificate, X509_STORE* store, STACK_OF(X509) * others) const {
         Verifying context = made(Verifying(X509_STORE_CTX_new()));
-        if (X509_STORE_CTX_init(context.get(), store.get(), certificate, others.get()) != 1) {
+        if (X509_STORE_CTX_init(context.get(), store, certificate, others) != 1) {
             failWithStatus(kNoMemory, "cannot verify a certificate: out of memory");
         }
         X509_VERIFY_PARAM* const param = X509_STORE_CTX_get0_param(context.get());
@@ -183,30 +245,23 @@ struct ChainVerifier::State {
 
 ChainVerifier::ChainVerifier(const std::vector<SecretBytes>& certificates,
                              const std::vector<SecretBytes>& crls, const VerifyRules& rules)
-    : state_(new State{rules,
-                       certificates,
-                       crls,
-                       {},
-                       {},
-                       made(Store(X509_STORE_new())),
-                       made(ossl::Certificates(sk_X509_new_null()))}) {
+    : state_(new State{rules, certificates, crls, {}, {}, {}}) {
     const ossl::QuietErrors quiet;
     for (const SecretBytes& der : certificates) {
         X509* const certificate =
             state_->certificates.emplace_back(ossl::decodeWhole<ossl::Certificate, d2i_X509>(der))
                 .get();
-        if (certificate != nullptr && X509_self_signed(certificate, 1) == 1) {
-            (void)X509_STORE_add_cert(state_->store.get(), certificate);
-        } else if (certificate != nullptr) {
-            (void)sk_X509_push(state_->others.get(), certificate);
+        if (certificate == nullptr) {
+            continue;
+        }
+        const std::size_t index = state_->certificates.size() - 1;
+        state_->bySubject.emplace(State::digestOf(X509_get_subject_name(certificate)), index);
+        if (X509_self_signed(certificate, 1) == 1) {
+            state_->roots.insert(index);
         }
     }
     for (const SecretBytes& der : crls) {
-        X509_CRL* const crl =
-            state_->crls.emplace_back(ossl::decodeWhole<ossl::Crl, d2i_X509_CRL>(der)).get();
-        if (crl != nullptr) {
-            (void)X509_STORE_add_crl(state_->store.get(), crl);
-        }
+        state_->crls.push_back(ossl::decodeWhole<ossl::Crl, d2i_X509_CRL>(der));
     }
 }
 
@@ -218,8 +273,17 @@ Verdict ChainVerifier::verify(Bytes certificate) const {
     if (decoded == nullptr) {
         throw Failure(kMalformed, "not a certificate, or a damaged one");
     }
-    const Verifying context = state_->contextFor(decoded.get());
     Verdict verdict;
+    std::set<std::size_t> issuers;
+    try {
+        issuers = state_->issuersOf(decoded.get());
+    } catch (const Failure& failure) {
+        verdict.why = failure.what();  // hostile ones are no reason to leave out all others
+        return verdict;
+    }
+    const auto others = made(ossl::Certificates(sk_X509_new_null()));
+    const Store store = state_->storeOf(issuers, others.get());
+    const Verifying context = state_->contextFor(decoded.get(), store.get(), others.get());
     if (X509_verify_cert(context.get()) != 1) {
         verdict.why = whyNot(context.get());
     }

@@ -127,6 +127,19 @@ class BadTest(VerifyTest):
         self.add(self.sub.sign(self.request), "--name", "www")
         self.assertIn("CN=Root, which issued its issuer CN=Sub, is not", self.reason())
 
+    def test_the_issuer_is_whose_key_signed(self):
+        self.sub.folder.joinpath("ca.cnf").write_text(
+            (self.sub.folder / "ca.cnf").read_text().replace("KeyIdentifier = keyid", "KeyIdentifier = none"))
+        for folder in "1", "2":
+            (self.folder / folder).mkdir()
+            twin = Authority(self.folder / folder, "Sub", self.root, -5 - int(folder), 400)
+            self.add(twin.certificate.read_bytes(), "--name", f"first{folder}")
+        self.add_chain()
+        self.reason(code=0)
+        (record,) = self.run_tool("verify", "www", "--json").document["records"]
+        self.assertEqual(["certificates/remote/sub", "certificates/remote/root"],
+                         record["issuers"])
+
     def test_damaged_record_is_not_good(self):
         self.add_chain()
         bodies = [path for path in (self.folder / "db/certificates/local").iterdir()
