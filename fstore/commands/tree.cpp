@@ -81,7 +81,10 @@ private:
     void drawBranch(std::size_t index) {
         const Branch& branch = forest_.branches[index];
         if (branch.depth == 0 && !branch.isRoot) {
-            output_.line(fmt::format("{} (not in the database)", branch.info.issuer));
+            output_.line(branch.issuerBelow
+                             ? fmt::format("{} ({}, shown below)", branch.info.issuer,
+                                           branch.issuerBelow->print())
+                             : fmt::format("{} (not in the database)", branch.info.issuer));
         }
         // A lost one hangs below the line of its issuer, and all below it one step further.
         const bool isLost = branch.depth == 0 ? !branch.isRoot : isBelowLost_;
@@ -115,6 +118,8 @@ Json toJson(const Branch& branch, const Forest& forest) {
     json["superseded"] = branch.isSuperseded;
     if (branch.issuer) {
         json["issuerAddress"] = jsonText(forest.branches[*branch.issuer].info.address.print());
+    } else if (branch.issuerBelow) {
+        json["issuerAddress"] = jsonText(branch.issuerBelow->print());
     } else if (!branch.isRoot) {
         json["missing"] = jsonText(branch.info.issuer);
     }

@@ -67,8 +67,11 @@ void findIssuers(Seedlings& seedlings) {
     for (std::size_t i = 0; i < seedlings.size(); ++i) {
         std::vector<std::size_t> indices;
         std::vector<SecretBytes> ders;
-        const auto [from, to] = bySubject.equal_range(folded(seedlings[i].branch.info.issuer));
-        for (auto each = from; each != to; ++each) {
+        const RecordInfo& info = seedlings[i].branch.info;
+        const auto [from, to] = bySubject.equal_range(folded(info.issuer));
+        // What issued itself looks for nobody else, of whom hostile ones could offer many.
+        const bool isOwn = info.subject == info.issuer;
+        for (auto each = from; each != to && !isOwn; ++each) {
             indices.push_back(each->second);
             ders.push_back(seedlings[each->second].der);
         }
@@ -116,6 +119,9 @@ void grow(std::size_t root, const Seedlings& seedlings, std::set<std::size_t>& w
         Branch& branch = forest.branches.emplace_back(seedlings[next.seedling].branch);
         branch.issuer = next.issuer;
         branch.depth = next.depth;
+        if (const auto above = seedlings[next.seedling].issuer; above && !next.issuer) {
+            branch.issuerBelow = seedlings[*above].branch.info.address;
+        }
         std::vector<std::size_t> issued = seedlings[next.seedling].issued;
         std::ranges::sort(issued, [&](std::size_t a, std::size_t b) {
             const RecordInfo& first = seedlings[a].branch.info;

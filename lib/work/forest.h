@@ -19,11 +19,13 @@ namespace fstore {
 
 struct Branch {
     RecordInfo info;
-    std::optional<std::size_t> issuer;  // by index in the forest; none for a root and a lost one
-    bool isRoot = false;                // it issued itself
-    std::optional<Address> key;         // that is in the database
-    bool isSuperseded = false;          // lib/work/successors.h
-    std::size_t depth = 0;              // of issuers above it
+    std::optional<std::size_t> issuer;  // by index in the forest; none where it has depth 0
+    // Its issuer where that stands below it, as they issued each other.
+    std::optional<Address> issuerBelow = {};
+    bool isRoot = false;         // it issued itself
+    std::optional<Address> key;  // that is in the database
+    bool isSuperseded = false;   // lib/work/successors.h
+    std::size_t depth = 0;       // of issuers above it
 };
 
 struct Forest {

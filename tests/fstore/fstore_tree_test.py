@@ -5,6 +5,7 @@ import datetime
 
 import support
 from authority import Authority
+from pki import openssl
 from support import InitialisedTest
 
 
@@ -74,6 +75,21 @@ class TreeTest(InitialisedTest):
         self.assertIn("CN=Root (not in the database)", self.lines())
         records = self.run_tool("tree", "--json").document["records"]
         self.assertEqual({0}, {record["depth"] for record in records})
+
+    def test_issuer_of_a_circle_is_not_missing(self):
+        authorities = {name: Authority(self.folder, name) for name in ("One", "Two")}
+        for name, other in ("One", "Two"), ("Two", "One"):
+            request = openssl("req", "-new", "-key", authorities[name].folder / "ca.key",
+                              "-subj", f"/CN={name}")
+            self.add(authorities[other].sign(request, -1, 90.5, "issuer"), name.lower())
+        self.assertEqual([
+            "CN=Two (certificates/remote/two, shown below)",
+            f"└─ CN=One  certificates/remote/one  until {day(90.5)}",
+            f"   └─ CN=Two  certificates/remote/two  until {day(90.5)}"], self.lines())
+        records = self.run_tool("tree", "--json").document["records"]
+        self.assertEqual(["certificates/remote/two", "certificates/remote/one"],
+                         [record["issuerAddress"] for record in records])
+        self.assertFalse(any("missing" in record for record in records))
 
     def test_document(self):
         self.add_all()
