@@ -8,14 +8,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <random>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <fmt/format.h>
@@ -80,7 +78,7 @@ std::string textOf(const Said& said) {
 // Until the clock that files have their times from has gone on: who changes a folder within the
 // same step of it and sets its time back is not seen by any time.
 void awaitTick() {
-    std::this_thread::sleep_for(std::chrono::milliseconds(12));
+    (void)::usleep(12'000);
 }
 
 // The ways of the store: written beside, then renamed.
@@ -407,7 +405,7 @@ TEST_F(RecordIndexTest, AFolderIsNotKnownBeforeThoseInIt) {
     { ASSERT_TRUE(opened()->keys()); }
     fs::create_directory("db/settings/new");
     writeFile("db/settings/new/aside.dsc.$o$", textOf({}));
-    std::this_thread::sleep_for(std::chrono::milliseconds(2100));  // a reader believes times then
+    (void)::usleep(2'100'000);  // a reader believes times then
     run("CREATE UNIQUE INDEX stop ON folder(path IS NOT NULL) "    // so the new one is refused
         "WHERE path = CAST('settings' AS BLOB) OR path = CAST('settings/new' AS BLOB)");
     EXPECT_FALSE(opened(false)->keys());
