@@ -268,9 +268,13 @@ class SlotsTest(SlotsCase):
                       self.run_tool("key", "add", "--key-file", "host.key").message)
 
     def test_a_key_or_sheet_beside_the_database_is_warned_about(self):
-        for args in [("raw", "-o", "raw.key"), ("raw", "-o", "db/raw.key"),
-                     ("add", "--recovery", "--sheet", "db/keys/sheet")]:
+        for args in [("raw", "-o", "raw.key"), ("add", "--recovery", "--sheet", "sheet")]:
             self.assertIn("in the folder of the database", self.run_tool("key", *args).message)
+        before = self.files()
+        for args in [("raw", "-o", "db/raw.key"), ("add", "--key-file", "db/host.key"),
+                     ("add", "--recovery", "--sheet", "db/keys/sheet")]:
+            self.assertIn("in a database", self.fails(4, "invalid", "key", *args))
+        self.assertEqual(before, self.files())
         self.assertNotIn("in the folder of the database",
                          self.run_tool("key", "raw", "-o", self.outside / "raw.key").message)
 

@@ -82,12 +82,13 @@ class Prune(Workload):
         place = pathlib.Path(tempfile.mkdtemp(prefix="fstore-authority-"))
         atexit.register(shutil.rmtree, place)
         authority = Authority(place, "Root")
+        self.root = authority.certificate.read_bytes()
         self.lists = [("older", authority.crl(-40, -2)), ("old", authority.crl(-20, -1)),
                       ("new", authority.crl(-1, 30))]
 
     def prepare(self, folder):
-        for name, crl in self.lists:
-            run = support.fstore("-D", folder, "import", "-", "--name", name, stdin=crl)
+        for name, given in [("root", self.root), *self.lists]:
+            run = support.fstore("-D", folder, "import", "-", "--name", name, stdin=given)
             assert run.code == 0, run
 
     def verify(self, folder):
