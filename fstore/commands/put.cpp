@@ -59,7 +59,10 @@ Status runPut(const PutOptions& options, Context& context) {
     const Address address = parseNewAddress(options.address);
     refuseInternal(address);  // before the input is waited for
     if (options.file.empty() == !options.random) {
-        throw Failure(kUsage, "name the file to store, or say how many bytes with --random");
+        throw Failure(
+            kUsage,
+            "name the file to store, or say how many bytes with --random; see `fstore put "
+            "--help`");
     }
     SecretBytes bytes = options.random ? randomBytes(static_cast<std::size_t>(*options.random))
                                        : readInput(options.file, context);

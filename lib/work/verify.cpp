@@ -8,6 +8,7 @@
 
 #include <fmt/format.h>
 
+#include "format/layout.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/record.h"
 #include "lib/work/issuers.h"
@@ -111,8 +112,8 @@ using UnreadCrls = std::multimap<std::string, Address>;
 
 // Whether what is in the folder may be a CRL, as far as import and generate put things.
 bool mayHoldCrls(const std::string& folder) {
-    const std::string top = folder.substr(0, folder.find('/'));
-    return top != "keys" && top != "certificates" && top != "crm";
+    return !layout::kKeys.holds(folder) && !layout::kCertificates.holds(folder) &&
+           !layout::kCrm.holds(folder);
 }
 
 UnreadCrls unreadCrlsOf(const Listing& listing, const Infos& wanted, const Infos& readable) {

@@ -405,8 +405,8 @@ TEST_F(RecordIndexTest, AFolderIsNotKnownBeforeThoseInIt) {
     { ASSERT_TRUE(opened()->keys()); }
     fs::create_directory("db/settings/new");
     writeFile("db/settings/new/aside.dsc.$o$", textOf({}));
-    (void)::usleep(2'100'000);  // a reader believes times then
-    run("CREATE UNIQUE INDEX stop ON folder(path IS NOT NULL) "    // so the new one is refused
+    (void)::usleep(2'100'000);                                   // a reader believes times then
+    run("CREATE UNIQUE INDEX stop ON folder(path IS NOT NULL) "  // so the new one is refused
         "WHERE path = CAST('settings' AS BLOB) OR path = CAST('settings/new' AS BLOB)");
     EXPECT_FALSE(opened(false)->keys());
     run("DROP INDEX stop");
