@@ -142,20 +142,21 @@ const std::vector<SecretBytes>& Successors::issuersCalled(const std::string& nam
 // Null for what cannot be read.
 const CrlTraits* Successors::crlTraits(const RecordInfo& crl) {
     const auto [found, isNew] = crls_.try_emplace(crl.address);
+    auto& traits = found->second;
     if (isNew) {
-        (void)read(
-            crl, [&](auto body) { found->second = crlTraitsOf(body, issuersCalled(crl.issuer)); });
+        (void)read(crl, [&](auto body) { traits = crlTraitsOf(body, issuersCalled(crl.issuer)); });
     }
-    return found->second ? &*found->second : nullptr;
+    return traits ? &*traits : nullptr;
 }
 
 // Null for what cannot be read.
 const CertificateTraits* Successors::certificateTraits(const RecordInfo& certificate) {
     const auto [found, isNew] = certificates_.try_emplace(certificate.address);
+    auto& traits = found->second;
     if (isNew) {
-        (void)read(certificate, [&](auto body) { found->second = certificateTraitsOf(body); });
+        (void)read(certificate, [&](auto body) { traits = certificateTraitsOf(body); });
     }
-    return found->second ? &*found->second : nullptr;
+    return traits ? &*traits : nullptr;
 }
 
 // The serial numbers in all its CRLs, few of which list one of ours. None if one of them cannot be
