@@ -11,6 +11,7 @@
 #include "capi/key.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
+#include "lib/database/output_rule.h"
 
 namespace capi {
 namespace {
@@ -112,6 +113,7 @@ Handle::Handle(const char* path, const filestore_open_options& options)
     require((options.flags & ~kKnown) == 0, "unknown flags");
     require(!(creates_ && readOnly_), "a database cannot be created for reading only");
     keepModules(options.modules);
+    fstore::setOutputRule(fstore::refuseInDatabase);  // for a backup
     if (creates_) {
         folder_.makeAndOpen();
     } else {

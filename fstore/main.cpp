@@ -1,5 +1,7 @@
 #include "fstore/commands/cli.h"
 #include "fstore/commands/commands.h"
+#include "lib/base/files.h"
+#include "lib/database/output_rule.h"
 #include "os/process.h"
 
 int main(int argc, char** argv) {
@@ -9,6 +11,7 @@ int main(int argc, char** argv) {
     // What the system refuses here is a weaker guard, and no reason not to work.
     (void)os::keepSecrets();
     os::installSignalHandlers();
+    fstore::setOutputRule(fstore::refuseInDatabase);
     fstore::Cli cli;
     fstore::addCommands(cli);
     return cli.execute(argc, argv);

@@ -30,7 +30,7 @@ MAY_INCLUDE = {
     "host": BELOW_CLIENT,
     "ossl": set(),
     "modules": {"client", "ossl"} | BELOW_CLIENT,
-    "lib/base": {"cmn", "format", "os", "ossl"},
+    "lib/base": {"cmn", "os", "ossl"},
     "lib/records": RECORDS,
     "lib/index": {"lib/records"} | RECORDS,
     "lib/database": {"ossl"} | DATABASE,

@@ -7,7 +7,6 @@
 
 #include <fmt/format.h>
 
-#include "fstore/commands/beside_database.h"
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/slot_text.h"
@@ -46,7 +45,6 @@ std::string describe(const ArchiveTotals& totals) {
 }
 
 Status runBackup(const BackupOptions& options, Context& context) {
-    refuseInside(options.file, context);  // it would be a part of itself
     OutputFile file(options.file, options.force);
     if (file.isStandardOutput() && (context.output.json() || os::isTerminal(kStdout))) {
         throw Failure(kUsage, "a backup is no text; write it to a file, or to another program");

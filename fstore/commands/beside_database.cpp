@@ -17,21 +17,7 @@ bool isBeside(const std::string& file, const std::string& folder) {
                                inside.starts_with(std::string(layout::kLiveName) + "/"));
 }
 
-bool isInside(const std::string& file, const std::string& folder) {
-    const std::string path = absolutePath(file);
-    const std::string parent = realPath(path.substr(0, path.rfind('/') + 1)) + "/";
-    const std::string live = realPath(joined(folder, layout::kLiveName));
-    return !live.empty() && parent.starts_with(live + "/");
-}
-
 }  // namespace
-
-void refuseInside(const std::string& file, const Context& context) {
-    if (file != "-" && isInside(file, context.database.place().folder)) {
-        throw Failure(kInvalid,
-                      fmt::format("{} is inside the database; name a file elsewhere", file), file);
-    }
-}
 
 void warnIfBeside(const std::string& what, const std::string& file, Context& context) {
     if (isBeside(file, context.database.place().folder)) {

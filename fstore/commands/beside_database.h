@@ -1,5 +1,4 @@
-// Files that a command writes, and the database: a secret does not belong beside what it opens, nor
-// a backup into what it is of.
+// Files that a command writes, and the database: a secret does not belong beside what it opens.
 #ifndef FSTORE_COMMANDS_BESIDE_DATABASE_H
 #define FSTORE_COMMANDS_BESIDE_DATABASE_H
 
@@ -8,9 +7,6 @@
 #include "fstore/commands/cli.h"
 
 namespace fstore {
-
-// kInvalid for a file in the database itself, or one that would be there.
-void refuseInside(const std::string& file, const Context& context);
 
 // Warns when the file, which is there, lies in the folder of the database or in the database
 // itself. `what` is "key file" or the like.

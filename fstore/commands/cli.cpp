@@ -110,7 +110,7 @@ std::string unmark(std::string& word) {
 }
 
 // The line without the program's name, last word first, as the parser takes it.
-std::vector<std::string> wordsOf(int argc, const char* const* argv) {
+std::vector<std::string> lineOf(int argc, const char* const* argv) {
     std::vector<std::string> words;
     for (int i = argc - 1; i > 0; --i) {
         words.push_back(marked(argv[i]));
@@ -356,7 +356,7 @@ int Cli::execute(int argc, const char* const* argv) {
     CLI::App app(program_.description(), program_.name());
     declare(app, *this);
     try {
-        app.parse(wordsOf(argc, argv));
+        app.parse(lineOf(argc, argv));
     } catch (const CLI::ParseError& error) {
         Output output({.json = asksForJson(argc, argv)});
         if (error.get_exit_code() == 0) {  // --help or --version

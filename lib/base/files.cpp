@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
@@ -12,8 +13,6 @@
 #include <fmt/format.h>
 #include <openssl/rand.h>
 
-#include "format/layout.h"
-#include "format/record_name.h"
 #include "lib/base/digits.h"
 #include "lib/base/error.h"
 #include "lib/base/name_list.h"
@@ -236,41 +235,19 @@ SecretBytes InputFile::readAll(std::uint64_t most) {
 
 namespace {
 
-// Names beside each other, without the "./" that the layout begins them with.
-std::string_view plainName(const char* path) {
-    return std::string_view(path).substr(std::string_view("./").size());
-}
-
-// Whether the folder is one that a database's records are in, now or during a change.
-bool holdsRecords(const std::string& folder) {
-    const std::string_view name = std::string_view(folder).substr(folder.rfind('/') + 1);
-    const bool isNamedSo = std::ranges::any_of(
-        std::array{layout::kLive, layout::kCopy, layout::kPrevious, layout::kLost},
-        [&](const char* path) { return plainName(path) == name; });
-    return isNamedSo && (exists(joined(folder, descriptorName(layout::kKeyRecord))) ||
-                         plainName(layout::kLost) == name);
-}
-
-// What is in a database is written by the store alone: an output there would take a record's
-// place, or that of the lock that others wait for.
-void refuseInDatabase(const std::string& path, const std::string& name) {
-    const std::string folder = realPath(path.substr(0, std::max<std::size_t>(path.rfind('/'), 1)));
-    const std::string_view file = std::string_view(path).substr(path.rfind('/') + 1);
-    bool isInside = (file == plainName(layout::kLockFile) || file == plainName(layout::kIndex)) &&
-                    holdsRecords(joined(folder, layout::kLiveName));
-    for (std::string above = folder; !above.empty() && !isInside; above.erase(above.rfind('/'))) {
-        isInside = holdsRecords(above);
-    }
-    if (isInside) {
-        throw Failure(kInvalid,
-                      fmt::format("{} is in a database, which the store alone writes; name a file "
-                                  "elsewhere",
-                                  name),
-                      name);
-    }
-}
+std::atomic<OutputRule> outputRule{nullptr};
 
 }  // namespace
+
+void setOutputRule(OutputRule rule) noexcept {
+    outputRule = rule;
+}
+
+void refuseOutput(const std::string& path, const std::string& name) {
+    if (const OutputRule rule = outputRule) {
+        rule(path, name);
+    }
+}
 
 OutputFile::OutputFile(const std::string& name, bool replace) : name_(name), replace_(replace) {
     if (name == kStandardStream) {
@@ -305,7 +282,7 @@ void OutputFile::openStream() {
 }
 
 void OutputFile::createBeside() {
-    refuseInDatabase(path_, name_);
+    refuseOutput(path_, name_);
     beside_.emplace(besideName(path_));
     os::removeOnSignal(beside_->c_str());
     file_ = os::openFile(beside_->c_str(), O_WRONLY | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR);

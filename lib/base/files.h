@@ -45,6 +45,13 @@ private:
     os::File file_;  // none for the standard input
 };
 
+// Who knows which files are not the user's to write throws a Failure for them, given the absolute
+// path and the user's words. Asked, once it is set, for each file that an OutputFile or
+// SwitchedFiles is to put somewhere. One for the process; any thread may set it.
+using OutputRule = void (*)(const std::string& path, const std::string& name);
+void setOutputRule(OutputRule rule) noexcept;
+void refuseOutput(const std::string& path, const std::string& name);
+
 // A file that is complete or as it was before: written beside the target, synced, renamed,
 // and readable by its owner only. Or a stream, which takes the bytes as they come: the standard
 // output for "-", an open descriptor by its name in /dev or /proc/self/fd, a FIFO, a device.

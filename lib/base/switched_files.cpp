@@ -265,6 +265,7 @@ SwitchedFiles::SwitchedFiles(std::string path, bool isFolder)
 
 SwitchedFiles::SwitchedFiles(const std::vector<std::string>& names, double lockSeconds)
     : SwitchedFiles(inRealFolder(placeOf(names)), names.size() > 1) {
+    refuseOutput(path_, names.front());
     refuseOther();
     while (!lock(lockSeconds)) {
     }

@@ -1,5 +1,6 @@
 #include "lib/work/meant.h"
 
+#include <algorithm>
 #include <utility>
 
 #include <fmt/format.h>
@@ -108,7 +109,7 @@ std::vector<std::string> withoutPatterns(const std::vector<std::string>& texts) 
             continue;
         }
         const AddressText wanted = parseAddress(text);
-        if (wanted.form == AddressText::Form::kPlace && Record::isThere(wanted.place)) {
+        if (std::ranges::any_of(placesOf(wanted), Record::isThere)) {
             found.push_back(text);
             continue;
         }

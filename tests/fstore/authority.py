@@ -2,6 +2,7 @@
 
 import datetime
 
+import support
 from pki import openssl
 
 CONFIG = """
@@ -39,10 +40,24 @@ fullname = URI:http://crl.example.com/1
 """
 
 
-def day(days):
-    """So many days from now, as openssl takes it."""
+def day(days=0, form="%Y-%m-%d"):
+    """So many days from now."""
     time = datetime.datetime.now(datetime.timezone.utc) + datetime.timedelta(days=days)
-    return time.strftime("%Y%m%d%H%M%SZ")
+    return time.strftime(form)
+
+
+def moment(days):
+    """The same as openssl takes it."""
+    return day(days, "%Y%m%d%H%M%SZ")
+
+
+def request_of_key(folder, name, *options):
+    """A request, for Authority.sign(), of a new key in the database of the folder."""
+    made = support.fstore("-D", folder, "generate", name, "--request", *options)
+    assert made.code == 0, made.message
+    removed = support.fstore("-D", folder, "rm", f"crm/{name}")
+    assert removed.code == 0, removed.message
+    return made.out
 
 
 class Authority:
@@ -70,7 +85,7 @@ class Authority:
         path = self.folder / "request.pem"
         path.write_bytes(request)
         own = () if "-selfsign" in options else ("-cert", self.certificate)
-        return self.ca("-in", path, "-startdate", day(begin), "-enddate", day(end),
+        return self.ca("-in", path, "-startdate", moment(begin), "-enddate", moment(end),
                        "-extensions", kind, *own, *options)
 
     def revoke(self, certificate):
@@ -80,5 +95,5 @@ class Authority:
 
     def crl(self, begin=-1, end=30, options=()):
         """The list of what was revoked; of another shape with ("-crlexts", SECTION)."""
-        return self.ca("-cert", self.certificate, "-gencrl", "-crl_lastupdate", day(begin),
-                       "-crl_nextupdate", day(end), *options)
+        return self.ca("-cert", self.certificate, "-gencrl", "-crl_lastupdate", moment(begin),
+                       "-crl_nextupdate", moment(end), *options)

@@ -273,7 +273,7 @@ class SlotsTest(SlotsCase):
         before = self.files()
         for args in [("raw", "-o", "db/raw.key"), ("add", "--key-file", "db/host.key"),
                      ("add", "--recovery", "--sheet", "db/keys/sheet")]:
-            self.assertIn("in a database", self.fails(4, "invalid", "key", *args))
+            self.assertIn("inside the database", self.fails(4, "invalid", "key", *args))
         self.assertEqual(before, self.files())
         self.assertNotIn("in the folder of the database",
                          self.run_tool("key", "raw", "-o", self.outside / "raw.key").message)

@@ -1,20 +1,14 @@
 #!/usr/bin/env python3
 """Renewals: what is superseded, what ls says of keys and alarms, what prune removes."""
 
-import datetime
 import pathlib
 
 import support
-from authority import Authority
+from authority import Authority, day, request_of_key
 from pki import openssl
 from support import InitialisedTest
 
 HOST = "www.example.com"
-
-
-def today(days=0):
-    return (datetime.datetime.now(datetime.timezone.utc)
-            + datetime.timedelta(days=days)).strftime("%Y-%m-%d")
 
 
 class RenewalTest(InitialisedTest):
@@ -26,11 +20,7 @@ class RenewalTest(InitialisedTest):
         cls.requests = {}
         for name, sans in ("a", (HOST,)), ("b", (HOST, "b.example.com")):
             words = [word for san in sans for word in ("--san", san)]
-            run = support.fstore("-D", folder, "generate", name, "--request", *words)
-            assert run.code == 0, run.message
-            cls.requests[name] = run.out
-            run = support.fstore("-D", folder, "rm", f"crm/{name}")
-            assert run.code == 0, run.message
+            cls.requests[name] = request_of_key(folder, name, *words)
 
     def add(self, contents, name):
         """Imports it under this name; its address."""
@@ -63,14 +53,14 @@ class SupersededTest(RenewalTest):
         self.certify("a", -80, 10.5, "old")
         new = self.certify("a", -1, 89.5, "new")
         self.assertRegex(self.run_tool("ls").text,
-                         rf"certificates/local/old .*{today(10.5)} superseded")
+                         rf"certificates/local/old .*{day(10.5)} superseded")
         listed = {record["address"]: record for record in
                   self.run_tool("ls", "--json", "--expires-within", "1y", "--all").document["records"]}
         self.assertEqual((new, 10), (listed["certificates/local/old"]["supersededBy"],
                                     listed["certificates/local/old"]["daysLeft"]))
         self.assertNotIn("supersededBy", listed[new])
         self.assertRegex(self.run_tool("ls", "--expires-within", "1y").text,
-                         rf"{today(89.5)} in 89 d")
+                         rf"{day(89.5)} in 89 d")
 
     def test_what_does_not_supersede(self):
         old = self.certify("b", -80, 10.5, "old")
@@ -253,7 +243,7 @@ class PruneTest(RenewalTest):
     def contradict(self, address):
         """Has the record say that it ended a day before."""
         path = pathlib.Path(self.folder / f"db/{address}.dsc")
-        path.write_text(path.read_text().replace(f"{today(-2)}T", f"{today(-3)}T"))
+        path.write_text(path.read_text().replace(f"{day(-2)}T", f"{day(-3)}T"))
 
     def test_needs_no_password_and_keeps_keys(self):
         self.certify("a", -90, -2, "old")
@@ -275,11 +265,11 @@ class CircleTest(RenewalTest):
 
     def test_key_request_and_certificate_are_one_thing(self):
         request = self.run_tool("generate", "www", "--request", "--san", HOST).out
-        self.assertEqual(f"requested {today()}", self.expires("keys/www"))
-        self.assertEqual(f"open since {today()}", self.expires("crm/www"))
+        self.assertEqual(f"requested {day()}", self.expires("keys/www"))
+        self.assertEqual(f"open since {day()}", self.expires("crm/www"))
         first = self.add(self.authority.sign(request, -80, 10.5), "www")
         self.assertEqual("certificates/local/www", first)
-        self.assertRegex(self.expires("keys/www"), rf"\A{today(10.5)} in 10 d\Z")
+        self.assertRegex(self.expires("keys/www"), rf"\A{day(10.5)} in 10 d\Z")
         listed = {record["address"]: record for record in
                   self.run_tool("ls", "--json").document["records"]}
         self.assertEqual(first, listed["keys/www"]["certificate"])
@@ -302,16 +292,16 @@ class CircleTest(RenewalTest):
         self.add(self.authority.sign(request, -80, 10.5), "www")
         # As if a day had gone by.
         descriptor = pathlib.Path(self.folder / "db/certificates/local/www.dsc")
-        lines = [f"00000004 00000111 {today(-1)}T00:00:00Z" if " 00000111 " in line else line
+        lines = [f"00000004 00000111 {day(-1)}T00:00:00Z" if " 00000111 " in line else line
                  for line in descriptor.read_text().splitlines()]
         descriptor.write_text("\n".join(lines) + "\n")
         self.run_tool("request", "www")
-        self.assertEqual(f"{today(10.5)} in 10 d, requested {today()}", self.expires("keys/www"))
+        self.assertEqual(f"{day(10.5)} in 10 d, requested {day()}", self.expires("keys/www"))
 
     def test_own_signature_is_no_answer(self):
         self.run_tool("generate", "own", "--request", "--self-signed", 40, "--san", HOST,
                       "-o", "own.csr")
-        self.assertEqual(f"{today(40)}, requested {today()}", self.expires("keys/own"))
+        self.assertEqual(f"{day(40)}, requested {day()}", self.expires("keys/own"))
 
 
 if __name__ == "__main__":

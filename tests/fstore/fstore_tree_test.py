@@ -1,17 +1,11 @@
 #!/usr/bin/env python3
 """tree: certificates under their issuers, and what is missing."""
 
-import datetime
 
 import support
-from authority import Authority
+from authority import Authority, day, request_of_key
 from pki import openssl
 from support import InitialisedTest
-
-
-def day(days):
-    return (datetime.datetime.now(datetime.timezone.utc)
-            + datetime.timedelta(days=days)).strftime("%Y-%m-%d")
 
 
 class TreeTest(InitialisedTest):
@@ -21,12 +15,8 @@ class TreeTest(InitialisedTest):
         cls.sub = Authority(folder, "Sub", cls.root, end=500.5)
         cls.requests = {}
         for name in "a", "b":
-            run = support.fstore("-D", folder, "generate", name, "--request", "--subject",
-                                 f"CN={name}", "--san", f"{name}.example.com", "-o", "/dev/stdout")
-            assert run.code == 0, run.message
-            cls.requests[name] = run.out
-            run = support.fstore("-D", folder, "rm", f"crm/{name}")
-            assert run.code == 0, run.message
+            cls.requests[name] = request_of_key(folder, name, "--subject", f"CN={name}", "--san",
+                                                f"{name}.example.com")
 
     def add(self, contents, name):
         self.run_tool("import", "-", "--name", name, stdin=contents)

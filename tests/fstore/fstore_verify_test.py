@@ -1,17 +1,11 @@
 #!/usr/bin/env python3
 """verify: which certificates hold, and the reason why one does not."""
 
-import datetime
 
 import support
-from authority import Authority
+from authority import Authority, day
 from pki import openssl
 from support import InitialisedTest
-
-
-def later(days, form="%Y-%m-%d"):
-    return (datetime.datetime.now(datetime.timezone.utc)
-            + datetime.timedelta(days=days)).strftime(form)
 
 
 class VerifyTest(InitialisedTest):
@@ -49,14 +43,14 @@ class VerifyTest(InitialisedTest):
 class GoodTest(VerifyTest):
     def test_says_until_when_and_by_whom(self):
         self.add_chain()
-        self.assertRegex(self.reason(code=0), rf"good until {later(90)}T[0-9:]+Z, by CN=Root\Z")
+        self.assertRegex(self.reason(code=0), rf"good until {day(90)}T[0-9:]+Z, by CN=Root\Z")
         (record,) = self.run_tool("verify", "www", "--json").document["records"]
         self.assertEqual(["certificates/remote/sub", "certificates/remote/root"],
                          record["issuers"])
 
     def test_until_is_the_end_of_the_first_of_the_chain(self):
         self.add_chain(self.sub.sign(self.request, end=300))
-        self.assertIn(f"good until {later(200)}", self.reason(code=0))
+        self.assertIn(f"good until {day(200)}", self.reason(code=0))
 
     def test_all(self):
         self.add_chain()
@@ -81,10 +75,10 @@ class GoodTest(VerifyTest):
 
     def test_time(self):
         self.add_chain()
-        self.reason("--at", later(80), code=0)
-        self.assertIn("it expired on " + later(90), self.reason("--at", later(95)))
-        self.assertIn("it begins on " + later(-10), self.reason("--at", later(-15)))
-        self.reason("--at", later(80, "%Y-%m-%dT%H:%M:%SZ"), code=0)
+        self.reason("--at", day(80), code=0)
+        self.assertIn("it expired on " + day(90), self.reason("--at", day(95)))
+        self.assertIn("it begins on " + day(-10), self.reason("--at", day(-15)))
+        self.reason("--at", day(80, "%Y-%m-%dT%H:%M:%SZ"), code=0)
         self.assertIn("not a time", self.fails(2, "usage", "verify", "www", "--at", "tomorrow"))
 
 
@@ -108,7 +102,7 @@ class BadTest(VerifyTest):
         self.add(self.root.certificate.read_bytes())
         self.add(old.certificate.read_bytes())
         self.add(old.sign(self.request), "--name", "www")
-        self.assertIn(f"its issuer CN=Old expired on {later(-1)}", self.reason())
+        self.assertIn(f"its issuer CN=Old expired on {day(-1)}", self.reason())
 
     def test_issuer_that_is_no_authority(self):
         (self.folder / "leaf").mkdir()
@@ -239,7 +233,7 @@ class SelfSignedTest(InitialisedTest):
         run = self.run_tool("verify", "own")
         self.assertRegex(run.text, r"\Acertificates/local/own: good until .*, by itself\n\Z")
         self.run_tool("verify", "own", "--crl")
-        self.run_tool("verify", "own", "--at", later(6), code=3)
+        self.run_tool("verify", "own", "--at", day(6), code=3)
 
 
 class HostileTest(InitialisedTest):
@@ -248,7 +242,7 @@ class HostileTest(InitialisedTest):
                       "-days", 1, "-subj", "/CN=a\x1b[31m\nb", "-out", self.folder / "x.pem")
         self.assertEqual(b"", pem)
         self.run_tool("import", "x.pem", "--name", "x")
-        run = self.run_tool("verify", "x", "--at", later(3), code=3)
+        run = self.run_tool("verify", "x", "--at", day(3), code=3)
         self.assertNotIn("\x1b", run.text)
 
     def test_encrypted_certificates_need_the_password(self):
