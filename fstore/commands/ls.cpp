@@ -2,14 +2,21 @@
 #include <algorithm>
 #include <limits>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
+#include "fstore/commands/record_text.h"
+#include "fstore/terminal/calendar.h"
+#include "fstore/terminal/csv.h"
+#include "lib/base/digits.h"
+#include "lib/base/sha256.h"
 #include "lib/base/time.h"
 #include "lib/records/filter.h"
 #include "lib/records/record_info.h"
@@ -23,10 +30,15 @@ namespace {
 constexpr std::int64_t kDay = 24 * std::int64_t{60} * 60;
 constexpr std::int64_t kSoon = 30 * kDay;
 
+// Later than any time that a certificate can have.
+constexpr const char* kEver = "8000y";
+
 struct Options {
     FindRules rules;
     bool failOnMatch = false;
     bool all = false;  // also what is superseded, of filters by expiry
+    bool csv = false;
+    bool calendar = false;
 
     bool asksForExpiry() const {
         return rules.filters.expired || rules.filters.expiresWithin.has_value();
@@ -94,11 +106,6 @@ public:
     }
 
 private:
-    static std::string dayOf(std::int64_t time) {
-        constexpr std::size_t kLength = 10;
-        return printTime(time).substr(0, kLength);
-    }
-
     static bool isOpen(const RecordInfo& request, const KeyState& state) {
         return state.isOpen && state.request->address == request.address;
     }
@@ -146,6 +153,24 @@ public:
     virtual void print(const Missed& missed, std::size_t leftOut, Output& output) = 0;
 };
 
+const char* stateOf(const Failure& failure) {
+    return failure.isDenied() ? "unreadable" : "damaged";
+}
+
+// Beside rows that people read.
+void report(const Missed& missed, std::size_t leftOut, Output& output) {
+    for (const auto& [address, failure] : missed.damaged) {
+        output.warn(failure.what());
+    }
+    for (const Failure& failure : missed.unread) {
+        output.warn(failure.what());
+    }
+    if (leftOut != 0) {
+        output.note(
+            fmt::format("superseded by newer ones and left out: {}; --all lists them", leftOut));
+    }
+}
+
 class TextRows : public Rows {
 public:
     TextRows(FindRules::Order order, Belongings& belongings)
@@ -164,23 +189,18 @@ public:
 
     void print(const Missed& missed, std::size_t leftOut, Output& output) override {
         for (const auto& [address, failure] : missed.damaged) {
-            const Cell what = failure.isDenied() ? Cell{"unreadable", Style::kYellow}
-                                                 : Cell{"damaged", Style::kRed};
-            table_.add({{address.print()}, what, {}, {}, {}, {}}, std::string(1, kDamaged));
+            table_.add({{address.print()},
+                        {stateOf(failure), failure.isDenied() ? Style::kYellow : Style::kRed},
+                        {},
+                        {},
+                        {},
+                        {}},
+                       std::string(1, kDamaged));
         }
         if (!table_.empty()) {
             output.table(table_);
         }
-        for (const auto& [address, failure] : missed.damaged) {
-            output.warn(failure.what());
-        }
-        for (const Failure& failure : missed.unread) {
-            output.warn(failure.what());
-        }
-        if (leftOut != 0) {
-            output.note(fmt::format("superseded by newer ones and left out: {}; --all lists them",
-                                    leftOut));
-        }
+        report(missed, leftOut, output);
     }
 
 private:
@@ -230,6 +250,102 @@ private:
     SortedTexts texts_;
 };
 
+class CsvRows : public Rows {
+public:
+    CsvRows(FindRules::Order order, Belongings& belongings)
+        : order_(order), belongings_(belongings) {}
+
+    void add(const RecordInfo& info) override {
+        const RecordInfo* const successor = belongings_.successorOf(info);
+        lines_.add(
+            kRecords + orderKey(info, order_),
+            csvLine({info.address.print(), nameOf(info.kind), info.bodyEncrypted ? "yes" : "no",
+                     info.notBefore ? printTime(*info.notBefore) : "",
+                     info.notAfter ? printTime(*info.notAfter) : "", info.keyAlgorithm,
+                     info.subject, fmt::format("{}", fmt::join(info.altNames, " ")), info.issuer,
+                     info.serial, info.sha256, info.label,
+                     successor != nullptr ? successor->address.print() : ""}));
+    }
+
+    void print(const Missed& missed, std::size_t leftOut, Output& output) override {
+        output.raw(csvLine({"address", "kind", "encrypted", "notBefore", "notAfter", "keyAlgorithm",
+                            "subject", "altNames", "issuer", "serial", "sha256", "label",
+                            "supersededBy"}));
+        for (const auto& [address, failure] : missed.damaged) {
+            lines_.add(std::string(1, kDamaged), csvLine({address.print(), stateOf(failure), "", "",
+                                                          "", "", "", "", "", "", "", "", ""}));
+        }
+        lines_.visit([&](std::string_view line) { output.raw(line); });
+        report(missed, leftOut, output);
+    }
+
+private:
+    const FindRules::Order order_;
+    Belongings& belongings_;
+    SortedTexts lines_;
+};
+
+class CalendarRows : public Rows {
+public:
+    explicit CalendarRows(FindRules::Order order) : order_(order) {}
+
+    void add(const RecordInfo& info) override {
+        const std::string id = idOf(info);
+        if (!info.notAfter || !ids_.insert(id).second) {
+            return;
+        }
+        CalendarEvent event{id, info.imported.value_or(info.notBefore.value_or(0)), *info.notAfter,
+                            fmt::format("{} {} expires", nameOf(info.kind),
+                                        info.kind == Kind::kCrl ? info.issuer : titleOf(info)),
+                            fmt::format("{}\n{}", info.address.print(), info.subject)};
+        if (!info.altNames.empty()) {
+            event.description += fmt::format("\n{}", fmt::join(info.altNames, " "));
+        }
+        if (!info.issuer.empty()) {
+            event.description += "\nissued by " + info.issuer;
+        }
+        events_.add(orderKey(info, order_), calendarEvent(event));
+    }
+
+    void print(const Missed& missed, std::size_t leftOut, Output& output) override {
+        output.raw(kCalendarBegin);
+        events_.visit([&](std::string_view event) { output.raw(event); });
+        output.raw(kCalendarEnd);
+        report(missed, leftOut, output);
+    }
+
+private:
+    // The same as long as the object is the same, wherever it is put: a calendar that takes the
+    // events again has each once.
+    static std::string idOf(const RecordInfo& info) {
+        if (!info.sha256.empty()) {
+            return info.sha256;
+        }
+        Sha256 digest;
+        digest.add(info.address.print());
+        return toHex(digest.finish());
+    }
+
+    const FindRules::Order order_;
+    std::set<std::string> ids_;  // one object may be in several records
+    SortedTexts events_;
+};
+
+std::unique_ptr<Rows> rowsFor(const Options& options, Belongings& belongings,
+                              const Output& output) {
+    const FindRules::Order order = options.rules.order;
+    if (output.json()) {
+        return std::make_unique<JsonRows>(order, belongings);
+    }
+    if (options.csv) {
+        return std::make_unique<CsvRows>(order, belongings);
+    }
+    if (options.calendar) {
+        return std::make_unique<CalendarRows>(order);
+    }
+    return std::make_unique<TextRows>(order, belongings);
+}
+
 // An alarm that could not look rings.
 Status statusOf(bool isListed, const Missed& missed, bool failOnMatch) {
     const bool isEmpty = !isListed && missed.undated.empty() && missed.isComplete();
@@ -239,18 +355,18 @@ Status statusOf(bool isListed, const Missed& missed, bool failOnMatch) {
     return missed.isComplete() ? kOk : kPartial;
 }
 
-Status run(const Options& options, Context& context) {
+Status run(Options options, Context& context) {
+    if (context.output.json() && (options.csv || options.calendar)) {
+        throw Failure(kUsage, "--json, --csv and --ics exclude each other: give one of them");
+    }
+    if (options.calendar && !options.asksForExpiry()) {
+        options.rules.filters.expiresWithin = kEver;  // it says what it cannot date, too
+    }
     (void)Filter(options.rules.filters,
                  now());  // what cannot be read is told before anything is asked
     const Hold hold = context.database.enter(Access::kRead, needFor(options.rules.secrets));
-    const FindRules::Order order = options.rules.order;
     Belongings belongings(options, context.database);
-    std::unique_ptr<Rows> rows;
-    if (context.output.json()) {
-        rows = std::make_unique<JsonRows>(order, belongings);
-    } else {
-        rows = std::make_unique<TextRows>(order, belongings);
-    }
+    const std::unique_ptr<Rows> rows = rowsFor(options, belongings, context.output);
     bool isListed = false;
     std::size_t leftOut = 0;
     const bool leavesOut = options.asksForExpiry() && !options.all;
@@ -288,6 +404,9 @@ void addLs(Cli& cli) {
     command.flag("--fail", &options->failOnMatch, "Exit with 3 if a record is listed, for cron");
     command.flag("--all", &options->all,
                  "Of what expires, also what a newer certificate or CRL supersedes");
+    command.flag("--csv", &options->csv, "As comma-separated values, for spreadsheets");
+    command.flag("--ics", &options->calendar, "As a calendar of what expires when").excludes = {
+        "--csv"};
     command.flag("-u,--unlock", &options->rules.secrets,
                  "Take the password, and look at encrypted parts too");
     addFilters(command, options->rules.filters);

@@ -8,6 +8,7 @@
 
 #include "fstore/commands/commands.h"
 #include "fstore/commands/record_json.h"
+#include "fstore/commands/record_text.h"
 #include "lib/base/time.h"
 #include "lib/work/forest.h"
 #include "lib/work/uri.h"
@@ -21,26 +22,18 @@ struct Options {
     std::optional<std::string> host;
 };
 
-std::string dayOf(const std::optional<std::int64_t>& time) {
-    constexpr std::size_t kLength = 10;
-    return time ? printTime(*time).substr(0, kLength) : "?";
-}
-
-std::string titleOf(const RecordInfo& info) {
-    if (!info.subject.empty()) {
-        return info.subject;
-    }
-    return info.altNames.empty() ? "without a name" : info.altNames.front();
+std::string endOf(const RecordInfo& info) {
+    return info.notAfter ? dayOf(*info.notAfter) : "?";
 }
 
 // "until 2030-01-31", and what is odd about it.
 std::string stateOf(const Branch& branch, std::int64_t time) {
     const RecordInfo& info = branch.info;
-    std::string state = "until " + dayOf(info.notAfter);
+    std::string state = "until " + endOf(info);
     if (info.notAfter && *info.notAfter < time) {
-        state = "expired " + dayOf(info.notAfter);
+        state = "expired " + endOf(info);
     } else if (info.notBefore && *info.notBefore > time) {
-        state = "from " + dayOf(info.notBefore);
+        state = "from " + dayOf(*info.notBefore);
     }
     if (branch.isSuperseded) {
         state += ", superseded";
