@@ -1,7 +1,9 @@
 // fstore backup, fstore restore: the database as one file, and back.
 #include "lib/archive/backup.h"
 
+#include <algorithm>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,6 +15,7 @@
 #include "fstore/terminal/json.h"
 #include "lib/base/digits.h"
 #include "lib/base/files.h"
+#include "lib/database/check.h"
 #include "lib/work/key_slots.h"
 #include "os/terminal.h"
 
@@ -24,11 +27,13 @@ constexpr int kStdout = 1;
 struct BackupOptions {
     std::string file;
     bool force = false;
+    bool verify = false;
 };
 
 struct RestoreOptions {
     std::string file;
     bool replace = false;
+    bool list = false;
 };
 
 Json totalsToJson(const std::string& file, const ArchiveTotals& totals) {
@@ -44,7 +49,42 @@ std::string describe(const ArchiveTotals& totals) {
                        totals.bytes);
 }
 
+// A backup has the database as it is. How many damaged things it has then; none if that could not
+// be found out.
+std::optional<std::size_t> warnOfDamage(Context& context) {
+    try {
+        const CheckReport report = checkDatabase(context.database, {});
+        const auto damaged =
+            static_cast<std::size_t>(std::ranges::count_if(report.findings, &Finding::isDamage));
+        if (damaged != 0) {
+            context.output.warn(fmt::format(
+                "the database is damaged, and so is the backup: {}; see `fstore check`, "
+                "and keep an older backup",
+                damaged));
+        }
+        return damaged;
+    } catch (const MemoryFailure&) {
+        throw;
+    } catch (const Failure& failure) {
+        context.output.warn(fmt::format(
+            "the backup is complete, but the database could not be checked: {}", failure.what()));
+        return std::nullopt;
+    }
+}
+
+Status runVerify(const BackupOptions& options, Context& context) {
+    const ArchiveTotals totals = readBackup(options.file, context.database.observer());
+    context.output.note(fmt::format("{} is whole: {}", options.file, describe(totals)));
+    Json json = totalsToJson(options.file, totals);
+    json["verified"] = true;
+    context.output.document({{"backup", json}});
+    return kOk;
+}
+
 Status runBackup(const BackupOptions& options, Context& context) {
+    if (options.verify) {
+        return runVerify(options, context);
+    }
     OutputFile file(options.file, options.force);
     if (file.isStandardOutput() && (context.output.json() || os::isTerminal(kStdout))) {
         throw Failure(kUsage, "a backup is no text; write it to a file, or to another program");
@@ -60,6 +100,8 @@ Status runBackup(const BackupOptions& options, Context& context) {
                     report.verified ? "verified" : "not verified, as it cannot be read back"));
     Json json = totalsToJson(options.file, report.totals);
     json["verified"] = report.verified;
+    const std::optional<std::size_t> damaged = warnOfDamage(context);
+    json["damaged"] = damaged ? Json(*damaged) : Json();
     context.output.document({{"backup", json}, {"leftOut", std::move(leftOut)}});
     return report.leftOut.empty() ? kOk : kPartial;
 }
@@ -79,7 +121,34 @@ void reportSlots(Context& context, Json& json) {
     }
 }
 
+Status runList(const RestoreOptions& options, Context& context) {
+    Json files = Json::array();
+    Table table({{"MODE", false}, {"SIZE", false}, {"PATH", false}});
+    const ArchiveTotals totals =
+        readBackup(options.file, context.database.observer(), [&](const ArchiveEntry& entry) {
+            const std::string mode = fmt::format("{:04o}", entry.mode);
+            if (context.output.json()) {
+                files.push_back({{"path", jsonText(entry.path)},
+                                 {"folder", entry.isFolder},
+                                 {"mode", mode},
+                                 {"size", entry.size}});
+            } else {
+                table.add({{mode},
+                           {entry.isFolder ? "" : std::to_string(entry.size)},
+                           {entry.path + (entry.isFolder ? "/" : "")}});
+            }
+        });
+    context.output.table(table);
+    context.output.note(fmt::format("{} is whole: {}", options.file, describe(totals)));
+    context.output.document(
+        {{"backup", totalsToJson(options.file, totals)}, {"files", std::move(files)}});
+    return kOk;
+}
+
 Status runRestore(const RestoreOptions& options, Context& context) {
+    if (options.list) {
+        return runList(options, context);
+    }
     if (options.file == kStandardStream) {
         throw Failure(kUsage, "a backup is read twice, so it must be a file");
     }
@@ -105,6 +174,10 @@ void addBackup(Cli& cli) {
                 [options](Context& context) { return runBackup(*options, context); });
     command.argument("FILE", &options->file, "A tar archive, readable by its owner only");
     addForce(command, &options->force);
+    command
+        .flag("--verify", &options->verify,
+              "Write nothing: read the backup FILE, and say whether it is whole")
+        .excludes = {"--force"};
 }
 
 void addRestore(Cli& cli) {
@@ -115,6 +188,8 @@ void addRestore(Cli& cli) {
     command.argument("FILE", &options->file, "A file written by `fstore backup`");
     command.flag("--replace", &options->replace,
                  "Replace a database, and keep it under another name");
+    command.flag("--list", &options->list, "Restore nothing: list what is in the backup")
+        .excludes = {"--replace"};
 }
 
 }  // namespace fstore

@@ -126,6 +126,19 @@ ArchiveTotals readBack(const OutputFile& file, const ArchiveTotals& written, Obs
     return verifyArchive(again, file.name(), [&](std::size_t bytes) { done.add(bytes); });
 }
 
+// What the work says of an archive that is not whole names the file.
+template <class Work>
+auto naming(const std::string& name, const Work& work) {
+    try {
+        return work();
+    } catch (const Failure& failure) {
+        if (failure.status() == kMalformed) {
+            throw Failure(kMalformed, fmt::format("{}: {}", name, failure.what()), name);
+        }
+        throw;
+    }
+}
+
 }  // namespace
 
 BackupReport backUp(Database& database, OutputFile& file) {
@@ -141,17 +154,34 @@ BackupReport backUp(Database& database, OutputFile& file) {
     return report;
 }
 
+ArchiveTotals readBackup(const std::string& name, Observer& observer, const ArchiveEntryUser& use) {
+    constexpr int kStandardInput = 0;
+    const bool isStream = name == kStandardStream;
+    const Archive archive = isStream ? Archive{} : openArchive(name);
+    std::optional<BytesDone> done;  // nobody knows how much a stream has
+    if (!isStream) {
+        done.emplace(observer, "Verifying", static_cast<std::uint64_t>(archive.size));
+    }
+    ArchiveReader reader(
+        archiveSource(isStream ? kStandardInput : archive.file.get(), name, [&](std::size_t bytes) {
+            if (done) {
+                done->add(bytes);
+            }
+        }));
+    return naming(isStream ? "the standard input" : name, [&] {
+        while (const auto entry = reader.next()) {
+            if (use) {
+                use(*entry);
+            }
+        }
+        return reader.totals();
+    });
+}
+
 RestoreReport restore(Database& database, const std::string& name, bool replace) {
     const Archive first = openArchive(name);
     const Archive second = openArchive(name);
-    try {
-        return restoreFrom(first, second, database, name, replace);
-    } catch (const Failure& failure) {
-        if (failure.status() == kMalformed) {
-            throw Failure(kMalformed, fmt::format("{}: {}", name, failure.what()), name);
-        }
-        throw;
-    }
+    return naming(name, [&] { return restoreFrom(first, second, database, name, replace); });
 }
 
 }  // namespace fstore

@@ -4,12 +4,14 @@
 #ifndef LIB_ARCHIVE_BACKUP_H
 #define LIB_ARCHIVE_BACKUP_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "lib/archive/archive.h"
 #include "lib/archive/tree.h"
 #include "lib/base/files.h"
+#include "lib/base/observer.h"
 #include "lib/database/database.h"
 
 namespace fstore {
@@ -23,6 +25,13 @@ struct BackupReport {
 // Writes the database into the file as it is, damaged or not; needs no password. Then reads
 // the file back, unless it is a stream, while other processes may use the database again.
 BackupReport backUp(Database& database, OutputFile& file);
+
+// Reads the backup in the file to its end, "-" for the standard input, and calls use(entry) for
+// each folder and file in it, if there is a use. What was used is verified only when this returns.
+// Throws kMalformed when it is not a whole backup.
+using ArchiveEntryUser = std::function<void(const ArchiveEntry&)>;
+ArchiveTotals readBackup(const std::string& name, Observer& observer,
+                         const ArchiveEntryUser& use = {});
 
 struct RestoreReport {
     ArchiveTotals totals;

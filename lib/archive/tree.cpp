@@ -177,10 +177,10 @@ void syncTree(const std::string& folder) {
 
 }  // namespace
 
-ArchiveReader::Source archiveSource(const os::File& file, const std::string& name,
+ArchiveReader::Source archiveSource(int descriptor, const std::string& name,
                                     const BytesSeen& seen) {
-    return [&file, name, seen](std::span<unsigned char> piece) {
-        const ssize_t got = os::readSome(file.get(), piece.data(), piece.size());
+    return [descriptor, name, seen](std::span<unsigned char> piece) {
+        const ssize_t got = os::readSome(descriptor, piece.data(), piece.size());
         if (got < 0) {
             failWithErrno("read", name);
         }
@@ -192,7 +192,7 @@ ArchiveReader::Source archiveSource(const os::File& file, const std::string& nam
 }
 
 ArchiveTotals verifyArchive(const os::File& file, const std::string& name, const BytesSeen& seen) {
-    ArchiveReader reader(archiveSource(file, name, seen));
+    ArchiveReader reader(archiveSource(file.get(), name, seen));
     while (reader.next()) {
     }
     return reader.totals();
@@ -228,7 +228,7 @@ std::vector<LeftOut> addTree(const std::string& folder, ArchiveWriter& writer) {
 
 ArchiveTotals extractTree(const os::File& file, const std::string& name, const std::string& folder,
                           const BytesSeen& seen) {
-    ArchiveReader reader(archiveSource(file, name, seen));
+    ArchiveReader reader(archiveSource(file.get(), name, seen));
     // A folder gets its mode last: it may not allow what has yet to be made in it.
     std::vector<std::pair<std::string, unsigned int>> folders;
     // Whoever packed the archive does not decide who may read what is unpacked.

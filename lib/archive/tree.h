@@ -19,9 +19,8 @@ namespace fstore {
 // Told of each piece of an archive, how many bytes it has. What it throws ends the work.
 using BytesSeen = std::function<void(std::size_t)>;
 
-// The bytes of an open file, from its position on. `name` is for messages.
-ArchiveReader::Source archiveSource(const os::File& file, const std::string& name,
-                                    const BytesSeen& seen);
+// The bytes of an open descriptor, from its position on. `name` is for messages.
+ArchiveReader::Source archiveSource(int descriptor, const std::string& name, const BytesSeen& seen);
 
 // Reads the archive to its end, which verifies it.
 ArchiveTotals verifyArchive(const os::File& file, const std::string& name,

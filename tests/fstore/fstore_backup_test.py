@@ -14,6 +14,7 @@ import tempfile
 
 import support
 from support import InitialisedTest
+from terminal import Terminal
 
 BODIES = {"settings/a": b"encrypted body", "lsps/b": b"plain body", "keys/empty": b""}
 
@@ -94,6 +95,7 @@ class RoundTest(BackupTest):
         self.assertEqual(hashlib.sha256(manifest).hexdigest(), document["manifestSha256"])
         self.assertEqual(9, document["folders"])
         self.assertTrue(document.pop("verified"))
+        self.assertEqual(0, document.pop("damaged"))
         run = support.fstore("-D", self.outside / "new", "restore", self.tar, "--json")
         self.assertEqual(document, run.document["restored"])
         self.assertEqual([(1, "password")], [(slot["slot"], slot["kind"])
@@ -311,7 +313,77 @@ class HostileTest(BackupTest):
         self.refused("folder", code=4)
 
 
+class LookTest(BackupTest):
+    """What a backup has, without a database and without a password."""
+
+    def look(self, *args, code=0, **more):
+        empty = self.outside / "empty"
+        empty.mkdir(exist_ok=True)
+        run = support.fstore("-D", empty, *args, password=None, **more)
+        self.assertEqual(code, run.code, run.message)
+        self.assertEqual([], os.listdir(empty))
+        return run
+
+    def test_verify(self):
+        written = self.run_tool("backup", self.tar, "--json").document["backup"]
+        self.assertRegex(self.look("backup", "--verify", self.tar).message,
+                         r"\Afstore: .*backup.tar is whole: \d+ files in 9 folders, \d+ bytes\n\Z")
+        told = self.look("backup", "--verify", self.tar, "--json").document["backup"]
+        self.assertEqual(0, written.pop("damaged"))
+        self.assertEqual(written, told)
+        bytes_ = self.tar.read_bytes()
+        self.look("backup", "--verify", "-", stdin=bytes_)
+        for at in 600, len(bytes_) // 2, len(bytes_) - 1100:
+            changed = bytearray(bytes_)
+            changed[at] ^= 1
+            run = self.look("backup", "--verify", "-", stdin=bytes(changed), code=59)
+            self.assertIn("fstore: error: the standard input: ", run.message)
+        self.tar.write_bytes(bytes_[:-1])
+        self.assertIn("truncated", self.look("backup", "--verify", self.tar, code=59).message)
+        self.look("backup", "--verify", "--force", self.tar, code=2)
+
+    def test_by_way_of_a_pipe(self):
+        stream = self.run_tool("backup", "-", password=None).out
+        self.look("backup", "--verify", "-", stdin=stream)
+        self.backup()
+        self.assertEqual(self.tar.read_bytes(), stream)
+
+    def test_not_to_a_terminal(self):
+        shown = Terminal(["backup", "-"], cwd=self.folder)
+        self.addCleanup(shown.close)
+        self.assertEqual(2, shown.wait())
+        self.assertIn("a backup is no text", shown.seen)
+
+    def test_list(self):
+        self.backup()
+        listed = self.look("restore", "--list", self.tar, "--json").document
+        paths = {"db/" + path if path != "." else "db": (f"{mode:04o}", content)
+                 for path, (mode, content) in self.tree().items()}
+        self.assertEqual(sorted(paths), sorted(file["path"] for file in listed["files"]))
+        for file in listed["files"]:
+            mode, content = paths[file["path"]]
+            self.assertEqual((mode, content is None, len(content or b"")),
+                             (file["mode"], file["folder"], file["size"]))
+        text = self.look("restore", "--list", self.tar).text
+        self.assertRegex(text, r"(?m)^0\d\d\d  +\d+ +db/settings/a\.dsc$")
+        self.assertRegex(text, r"(?m)^0\d\d\d +db/settings/$")
+
+    def test_list_of_a_damaged_one_prints_nothing(self):
+        self.backup()
+        changed = bytearray(self.tar.read_bytes())
+        changed[-1500] ^= 1
+        self.tar.write_bytes(changed)
+        self.assertEqual(b"", self.look("restore", "--list", self.tar, "--json", code=59).out)
+
+
 class AsItIsTest(BackupTest):
+    def test_damaged_source_is_told(self):
+        (self.folder / "db/settings/a.dsc").write_bytes(b"whatever")
+        run = self.backup()
+        self.assertIn("warning: the database is damaged, and so is the backup: 2;", run.message)
+        run = self.run_tool("backup", self.tar, "--force", "--json")
+        self.assertEqual(2, run.document["backup"]["damaged"])
+
     def test_damaged_database(self):
         (self.folder / "db/key.dsc").write_bytes(b"whatever")
         before = self.tree()
