@@ -16,6 +16,8 @@
 namespace fstore {
 namespace {
 
+constexpr std::size_t kIndent = 4;  // of the further lines of a finding
+
 struct Options {
     CheckOptions check;
     std::optional<std::string> undo;
@@ -26,19 +28,21 @@ struct Options {
 
 void print(const CheckReport& report, Output& output) {
     for (const Finding& finding : report.findings) {
-        output.line(nameOf(finding.kind), finding.isDamage() ? Style::kRed : Style::kYellow,
-                    fmt::format(": {} {}{}{}", finding.path, finding.message,
-                                finding.isRepairable() ? "; with --repair it " : "",
-                                planOf(finding.repair)));
+        output.sentence(nameOf(finding.kind), finding.isDamage() ? Style::kRed : Style::kYellow,
+                        fmt::format(": {} {}{}{}", finding.path, finding.message,
+                                    finding.isRepairable() ? "; with --repair it " : "",
+                                    planOf(finding.repair)),
+                        kIndent);
     }
     for (const LostFolder& lost : report.lost) {
-        output.line("moved-away", Style::kYellow, ": " + describe(lost));
+        output.sentence("moved-away", Style::kYellow, ": " + describe(lost), kIndent);
     }
     if (report.deep) {
         for (const DamagedRecord& damaged : report.deep->damaged) {
             const bool denied = damaged.failure.isDenied();
-            output.line(denied ? "unreadable" : "damaged", denied ? Style::kYellow : Style::kRed,
-                        fmt::format(": {}", damaged.failure.what()));
+            output.sentence(denied ? "unreadable" : "damaged",
+                            denied ? Style::kYellow : Style::kRed,
+                            fmt::format(": {}", damaged.failure.what()), kIndent);
         }
         for (const Failure& failure : report.deep->unread) {
             output.warn(failure.what());

@@ -1,5 +1,6 @@
 // fstore info: the state of the database.
 #include <optional>
+#include <string_view>
 
 #include <fmt/format.h>
 
@@ -38,12 +39,18 @@ std::string lineFor(const UnlockSlot& slot) {
                        slot.kind == SlotKind::kPassword ? describe(slot.cost) : "");
 }
 
+// A line of the report.
+void tell(Output& output, std::string_view text) {
+    constexpr std::size_t kIndent = 11;  // where what is told begins
+    output.sentence("", Style::kPlain, text, kIndent);
+}
+
 void printSlots(const Protection& protection, Output& output) {
     if (protection.inForce.line) {
-        output.line(fmt::format("password   {}", describe(*protection.inForce.line)));
+        tell(output, fmt::format("password   {}", describe(*protection.inForce.line)));
     }
     for (const UnlockSlot& slot : protection.inForce.slots) {
-        output.line(fmt::format("slot       {}", lineFor(slot)));
+        tell(output, fmt::format("slot       {}", lineFor(slot)));
     }
 }
 
@@ -92,10 +99,10 @@ const char* nameOf(LockReach reach) {
 // Only what is not as on the disk of one host; what is unsure there is a warning for.
 void printLock(const FolderLock& lock, Output& output) {
     if (!lock.fileFault().empty()) {
-        output.line(fmt::format("lock       of the folder alone, as {} cannot be used: {}",
-                                layout::kLockFile, lock.fileFault()));
+        tell(output, fmt::format("lock       of the folder alone, as {} cannot be used: {}",
+                                 layout::kLockFile, lock.fileFault()));
     } else if (lock.fileSystem().reach == LockReach::kHosts) {
-        output.line(fmt::format("lock       holds between hosts ({})", lock.fileSystem().name));
+        tell(output, fmt::format("lock       holds between hosts ({})", lock.fileSystem().name));
     }
 }
 
@@ -118,8 +125,8 @@ Status reportWriter(Context& context, const LockHolder& writer) {
     const std::string path =
         absolutePath(joined(context.database.place().folder, layout::kLiveName));
     Output& output = context.output;
-    output.line(fmt::format("database   {}", path));
-    output.line(fmt::format("busy       {}, {}", writer.program, writer.describe()));
+    tell(output, fmt::format("database   {}", path));
+    tell(output, fmt::format("busy       {}, {}", writer.program, writer.describe()));
     output.document({{"database", jsonText(path)},
                      {"writer",
                       {{"program", jsonText(writer.program)},
@@ -134,7 +141,8 @@ Status report(Context& context) {
     const bool hasOld = folderState().previous;
     Json folders = Json::array();
     std::size_t records = 0;
-    Table table({{"FOLDER", false}, {"RECORDS", false}});
+    Table table({{.title = "FOLDER", .isCutInside = true},
+                 {.title = "RECORDS", .least = Table::Column::kWhole}});
     Unread unread;
     for (const std::string& folder : allFolders(&unread)) {
         std::size_t count = 0;
@@ -148,27 +156,27 @@ Status report(Context& context) {
     }
     const std::string here = pathOf(context.database.place());
     Output& output = context.output;
-    output.line(fmt::format("database   {}", here));
+    tell(output, fmt::format("database   {}", here));
     printSlots(protection, output);
     if (protection.isUnfinished()) {
-        output.line(
-            fmt::format("           its last change was interrupted; opening the database {} it",
-                        protection.isUndone() ? "undoes" : "finishes"));
+        tell(output,
+             fmt::format("           its last change was interrupted; opening the database {} it",
+                         protection.isUndone() ? "undoes" : "finishes"));
     }
     if (hasOld) {
-        output.line("old_db     is kept, with the old password");
+        tell(output, "old_db     is kept, with the old password");
     }
     const std::vector<std::string> kept = keptDatabases();
     for (const std::string& each : kept) {
-        output.line(fmt::format("kept       {}", each));
+        tell(output, fmt::format("kept       {}", each));
     }
     const std::vector<LostFolder> lost = lostFolders();
     for (const LostFolder& each : lost) {
-        output.line(fmt::format("moved away {}", describe(each)));
+        tell(output, fmt::format("moved away {}", describe(each)));
     }
     const FolderLock& lock = context.database.lock();
     printLock(lock, output);
-    output.line(fmt::format("records    {}", records));
+    tell(output, fmt::format("records    {}", records));
     output.table(table);
     for (const Failure& failure : unread) {
         output.warn(failure.what());

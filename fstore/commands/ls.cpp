@@ -206,12 +206,13 @@ public:
 private:
     const FindRules::Order order_;
     Belongings& belongings_;
-    Table table_{{{"ADDRESS", false},
-                  {"KIND", false},
-                  {"EXPIRES", false},
-                  {"KEY", false},
-                  {"SUBJECT", true},
-                  {"LABEL", true}}};
+    // At 40 columns there is room for the first three.
+    Table table_{{{.title = "ADDRESS", .weight = 4, .least = 12, .isCutInside = true},
+                  {.title = "KIND", .weight = 2},
+                  {.title = "EXPIRES", .weight = 4, .least = 18},
+                  {.title = "KEY"},
+                  {.title = "SUBJECT", .weight = 2, .least = 8},
+                  {.title = "LABEL"}}};
 };
 
 class JsonRows : public Rows {

@@ -37,8 +37,10 @@ Status list(const Prunable& prunable, Output& output) {
     Json records = Json::array();
     for (const RecordInfo& info : prunable.records) {
         records.push_back(toJson(info));
-        output.line(fmt::format("{}: expired {}, and superseded", info.address.print(),
-                                printTime(*info.notAfter)));
+        constexpr std::size_t kIndent = 4;
+        output.sentence(info.address.print(), Style::kPlain,
+                        fmt::format(": expired {}, and superseded", printTime(*info.notAfter)),
+                        kIndent);
     }
     output.note(prunable.records.empty()
                     ? "nothing to remove: nothing has expired and is superseded"

@@ -59,8 +59,13 @@ const UnlockSlot& slotOf(const std::vector<UnlockSlot>& slots, unsigned int n) {
 }
 
 Table tableOf(const std::vector<UnlockSlot>& slots, std::optional<unsigned int> opened) {
-    Table table(
-        {{"SLOT", false}, {"KIND", false}, {"LABEL"}, {"MADE", false}, {"COST"}, {"OPENED"}});
+    constexpr std::size_t kDay = 11;  // and an ellipsis
+    Table table({{.title = "SLOT", .weight = 4},
+                 {.title = "KIND", .weight = 4, .least = 8},
+                 {.title = "LABEL", .weight = 4},
+                 {.title = "MADE", .weight = 4, .least = kDay},
+                 {.title = "COST", .weight = 1, .least = Table::Column::kWhole},
+                 {.title = "OPENED", .weight = 2, .least = Table::Column::kWhole}});
     for (const UnlockSlot& slot : slots) {
         table.add({{std::to_string(slot.n)},
                    {nameOfKind(slot)},

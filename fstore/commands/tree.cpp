@@ -74,10 +74,10 @@ private:
     void drawBranch(std::size_t index) {
         const Branch& branch = forest_.branches[index];
         if (branch.depth == 0 && !branch.isRoot) {
-            output_.line(branch.issuerBelow
-                             ? fmt::format("{} ({}, shown below)", branch.info.issuer,
-                                           branch.issuerBelow->print())
-                             : fmt::format("{} (not in the database)", branch.info.issuer));
+            drawRow({{branch.issuerBelow
+                          ? fmt::format("{} ({}, shown below)", branch.info.issuer,
+                                        branch.issuerBelow->print())
+                          : fmt::format("{} (not in the database)", branch.info.issuer)}});
         }
         // A lost one hangs below the line of its issuer, and all below it one step further.
         const bool isLost = branch.depth == 0 ? !branch.isRoot : isBelowLost_;
@@ -93,8 +93,20 @@ private:
             head += goesOn ? "├─ " : "└─ ";
             lines_.back() = goesOn;
         }
-        output_.line(fmt::format("{}{}  {}  {}", head, titleOf(branch.info),
-                                 branch.info.address.print(), stateOf(branch, time_)));
+        drawRow({{head + titleOf(branch.info)},
+                 {branch.info.address.print()},
+                 {stateOf(branch, time_)}});
+    }
+
+    // A table of its own, so that short lines stay together.
+    void drawRow(std::vector<Cell> cells) {
+        constexpr std::size_t kDate = 16;  // "until 2030-01-31"
+        Table row({{.title = {}, .weight = 4, .least = 10},
+                   {.title = {}, .weight = 3, .least = 10, .isCutInside = true},
+                   {.title = {}, .weight = 4, .least = kDate}});
+        cells.resize(3);
+        row.add(cells);
+        output_.table(row);
     }
 
     const Forest& forest_;

@@ -17,6 +17,8 @@
 namespace fstore {
 namespace {
 
+constexpr std::size_t kIndent = 4;  // of the further lines of a certificate
+
 struct Options {
     std::vector<std::string> addresses;
     bool all = false;
@@ -59,8 +61,8 @@ const std::string& flawOf(const Verified& verified) {
 void print(const Verification& verification, Output& output) {
     for (const Verified& verified : verification.certificates) {
         const std::string& flaw = flawOf(verified);
-        output.line(verified.info.address.print(), flaw.empty() ? Style::kPlain : Style::kRed,
-                    ": " + (flaw.empty() ? goodText(verified) : flaw));
+        output.sentence(verified.info.address.print(), flaw.empty() ? Style::kPlain : Style::kRed,
+                        ": " + (flaw.empty() ? goodText(verified) : flaw), kIndent);
     }
 }
 

@@ -56,6 +56,19 @@ void Output::line(std::string_view head, Style style, std::string_view text) {
     }
 }
 
+void Output::sentence(std::string_view head, Style style, std::string_view text,
+                      std::size_t indent) {
+    if (settings_.json || columns_ <= indent) {
+        line(head, style, text);
+        return;
+    }
+    const std::string shown = wrapped(printable(head), columns_, indent, 0);
+    const std::size_t lastLine = shown.rfind('\n') + 1;  // npos + 1 is 0
+    const std::size_t used = columnsOf(std::string_view(shown).substr(lastLine));
+    kept_.add(colourOut_ ? styled(shown, style) : shown);
+    kept_.add(wrapped(printable(text), columns_, indent, used) + "\n");
+}
+
 void Output::raw(std::string_view text) {
     kept_.add(text);
 }
@@ -109,13 +122,26 @@ void Output::detail(std::string_view text) {
 void Output::warn(std::string_view text) {
     if (settings_.json) {
         warnings_.emplace_back(text);
-    } else {
-        const std::string head = colourErr_ ? styled("warning:", Style::kYellow) : "warning:";
-        say(fmt::format("{} {}", head, printable(text)));
+    } else if (++said_[std::string(text)] == 1) {
+        sayWarning(text);
+    }
+}
+
+void Output::sayWarning(std::string_view text) {
+    const std::string head = colourErr_ ? styled("warning:", Style::kYellow) : "warning:";
+    say(fmt::format("{} {}", head, printable(text)));
+}
+
+void Output::warnOfRepeated() {
+    for (const auto& [text, times] : std::exchange(said_, {})) {
+        if (times > 1) {
+            sayWarning(fmt::format("{} times: {}", times, text));
+        }
     }
 }
 
 void Output::flush(After after) {
+    warnOfRepeated();
     const Spill kept = std::exchange(kept_, Spill());
     Spill::Reader reader(kept);
     std::string_view piece = reader.next();

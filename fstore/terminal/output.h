@@ -8,6 +8,8 @@
 #ifndef FSTORE_TERMINAL_OUTPUT_H
 #define FSTORE_TERMINAL_OUTPUT_H
 
+#include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,13 +43,17 @@ public:
     void line(std::string_view head, Style style, std::string_view text);  // with its head in style
     void raw(std::string_view text);                                       // as it is
     void table(const Table& table);
+    // As line(), but no wider than a terminal: broken at blanks, and indented from the second line
+    // on.
+    void sentence(std::string_view head, Style style, std::string_view text, std::size_t indent);
     // One document with "schema" in front; once, and only with --json. The long array stands in
     // place of its member of that name.
     void document(Json document);
     void document(Json document, const Json::LongArray& array);
 
     // On stderr at once: what was done (not with -q), details (with -v only), and
-    // what deserves attention.
+    // what deserves attention. A warning that is there already is only counted, and the number said
+    // when the command ends.
     void note(std::string_view text);
     void detail(std::string_view text);
     void warn(std::string_view text);
@@ -61,6 +67,8 @@ public:
 
 private:
     void say(std::string_view text);
+    void sayWarning(std::string_view text);
+    void warnOfRepeated();
     void addWarnings(Json& document) const;
     Json completed(Json document) const;
 
@@ -69,7 +77,8 @@ private:
     bool colourErr_;
     std::size_t columns_;  // of stdout; 0 when it is not a terminal
     Spill kept_;
-    std::vector<std::string> warnings_;
+    std::vector<std::string> warnings_;                     // with --json
+    std::map<std::string, std::size_t, std::less<>> said_;  // and otherwise, how often each
 };
 
 }  // namespace fstore

@@ -16,7 +16,19 @@ constexpr int kTerminal = 2;
 constexpr auto kPatience = std::chrono::milliseconds(500);
 constexpr auto kPeriod = std::chrono::milliseconds(100);
 constexpr std::uint64_t kBarColumns = 30;
+constexpr std::uint64_t kLeastBarColumns = 4;
+constexpr std::uint64_t kUsualColumns = 80;
 constexpr std::int64_t kMinute = 60;
+
+// Those of the bar beside a text of `others` columns: a line that wraps could not be drawn again. 0
+// where no bar has room.
+std::uint64_t barColumns(std::uint64_t others) noexcept {
+    const std::uint64_t terminal = os::terminalColumns(kTerminal);
+    const std::uint64_t columns = terminal == 0 ? kUsualColumns : terminal;
+    const std::uint64_t taken = others + 4;  // a blank, the brackets, and the cursor behind
+    const std::uint64_t room = columns > taken ? columns - taken : 0;
+    return room < kLeastBarColumns ? 0 : std::min(room, kBarColumns);
+}
 
 }  // namespace
 
@@ -50,16 +62,22 @@ void ProgressBar::step() noexcept {
 void ProgressBar::draw(std::uint64_t done, Clock::time_point at) {
     nextDraw_ = at + kPeriod;
     drawn_ = true;
-    const std::uint64_t filled = done * kBarColumns / steps_;
-    fmt::memory_buffer line;  // has room for this without asking for memory
-    fmt::format_to(std::back_inserter(line), "\r{} [{:#<{}}{:.<{}}] {:3}%", what_, "", filled, "",
-                   kBarColumns - filled, done * 100 / steps_);
+    fmt::memory_buffer tail;  // have room for this without asking for memory
+    fmt::memory_buffer line;
+    fmt::format_to(std::back_inserter(tail), " {:3}%", done * 100 / steps_);
     if (const std::int64_t seconds = left(done, at).count(); seconds >= kMinute) {
-        fmt::format_to(std::back_inserter(line), ", {} min left",
+        fmt::format_to(std::back_inserter(tail), ", {} min left",
                        (seconds + kMinute - 1) / kMinute);
     } else if (seconds > 0) {
-        fmt::format_to(std::back_inserter(line), ", {} s left", seconds);
+        fmt::format_to(std::back_inserter(tail), ", {} s left", seconds);
     }
+    fmt::format_to(std::back_inserter(line), "\r{}", what_);
+    if (const std::uint64_t columns = barColumns(what_.size() + tail.size()); columns != 0) {
+        const std::uint64_t filled = done * columns / steps_;
+        fmt::format_to(std::back_inserter(line), " [{:#<{}}{:.<{}}]", "", filled, "",
+                       columns - filled);
+    }
+    line.append(tail);
     fmt::format_to(std::back_inserter(line), "\033[K");
     (void)os::writeAll(kTerminal, line.data(),
                        line.size());  // a bar that cannot be drawn is no loss

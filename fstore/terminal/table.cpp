@@ -10,8 +10,7 @@
 namespace fstore {
 namespace {
 
-constexpr std::size_t kGap = 2;        // columns between two columns
-constexpr std::size_t kNarrowest = 6;  // a column is not cut below this
+constexpr std::size_t kGap = 2;  // columns between two columns
 
 const char* codeOf(Style style) {
     switch (style) {
@@ -48,23 +47,15 @@ std::vector<Cell> cellsOf(std::string_view row) {
     return cells;
 }
 
-std::string lineOf(const std::vector<Cell>& cells, const std::vector<std::size_t>& widths,
-                   bool colour) {
-    std::string line;
-    std::size_t owed = 0;  // blanks up to the next column, left out at the end of a line
-    for (std::size_t i = 0; i < cells.size(); ++i) {
-        if (widths[i] == 0) {
-            continue;
+// Of a line with columns of these widths.
+std::size_t lengthOf(const std::vector<std::size_t>& widths) {
+    std::size_t length = 0;
+    for (const std::size_t width : widths) {
+        if (width != 0) {
+            length += width + (length != 0 ? kGap : 0);
         }
-        const std::string text = clipped(cells[i].text, widths[i]);
-        if (!text.empty()) {
-            line.append(owed, ' ');
-            owed = 0;
-            line += colour ? styled(text, cells[i].style) : text;
-        }
-        owed += widths[i] - columnsOf(text) + kGap;
     }
-    return line + "\n";
+    return length;
 }
 
 }  // namespace
@@ -87,40 +78,91 @@ void Table::add(const std::vector<Cell>& row, std::string_view key) {
     rows_.add(key, kept);
 }
 
+std::string Table::lineOf(const std::vector<Cell>& cells, const std::vector<std::size_t>& widths,
+                          bool colour) const {
+    std::string line;
+    std::size_t owed = 0;  // blanks up to the next column, left out at the end of a line
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        if (widths[i] == 0) {
+            continue;
+        }
+        const std::string text = columns_[i].isCutInside ? clippedInside(cells[i].text, widths[i])
+                                                         : clipped(cells[i].text, widths[i]);
+        if (!text.empty()) {
+            line.append(owed, ' ');
+            owed = 0;
+            line += colour ? styled(text, cells[i].style) : text;
+        }
+        owed += widths[i] - columnsOf(text) + kGap;
+    }
+    return line + "\n";
+}
+
 void Table::print(std::size_t columns, bool colour, const SortedTexts::User& use) const {
     const std::vector<std::size_t> fitting = widths(columns);
     std::vector<Cell> titles;
+    bool hasTitles = false;
     for (const Column& column : columns_) {
         titles.push_back({column.title, Style::kBold});
+        hasTitles = hasTitles || !column.title.empty();
     }
-    use(lineOf(titles, fitting, colour));
+    if (hasTitles) {
+        use(lineOf(titles, fitting, colour));
+    }
     rows_.visit([&](std::string_view row) { use(lineOf(cellsOf(row), fitting, colour)); });
 }
 
 std::vector<std::size_t> Table::widths(std::size_t columns) const {
     std::vector<std::size_t> widths = widest_;
-    std::size_t total = 0;
     for (std::size_t i = 0; i < widths.size(); ++i) {
         if (widths[i] != 0) {
             widths[i] = std::max(widths[i], columnsOf(columns_[i].title));
-            total += widths[i] + (total != 0 ? kGap : 0);
         }
     }
-    while (columns != 0 && total > columns) {
-        std::size_t widest = columns_.size();
-        for (std::size_t i = 0; i < widths.size(); ++i) {
-            if (columns_[i].mayBeCut && widths[i] > kNarrowest &&
-                (widest == columns_.size() || widths[i] > widths[widest])) {
-                widest = i;
-            }
-        }
-        if (widest == columns_.size()) {
+    if (columns == 0) {
+        return widths;
+    }
+    leaveOut(widths, columns);
+    for (std::size_t length = lengthOf(widths); length > columns; --length) {
+        const auto cut = widest(widths);
+        if (!cut) {  // one is left, and has to do
+            widths.front() = columns;
             break;
         }
-        --widths[widest];
-        --total;
+        --widths[*cut];
     }
     return widths;
+}
+
+// Those for which there is no room even when all are cut as far as they may be.
+void Table::leaveOut(std::vector<std::size_t>& widths, std::size_t columns) const {
+    for (;;) {
+        std::vector<std::size_t> least = widths;
+        std::size_t lightest = 0;
+        for (std::size_t i = 0; i < widths.size(); ++i) {
+            least[i] = std::min(widths[i], columns_[i].least);
+            const bool isCandidate = i != 0 && widths[i] != 0;
+            if (isCandidate && (lightest == 0 || columns_[i].weight <= columns_[lightest].weight)) {
+                lightest = i;
+            }
+        }
+        if (lightest == 0 || lengthOf(least) <= columns) {
+            return;
+        }
+        widths[lightest] = 0;
+    }
+}
+
+// The column that is widest for its weight, of those that may still be cut.
+std::optional<std::size_t> Table::widest(const std::vector<std::size_t>& widths) const {
+    std::optional<std::size_t> found;
+    for (std::size_t i = 0; i < widths.size(); ++i) {
+        if (widths[i] > columns_[i].least &&
+            (!found || widths[i] * columns_[*found].weight > widths[*found] * columns_[i].weight)) {
+            found = i;
+        }
+    }
+    return found;
 }
 
 }  // namespace fstore

@@ -1,9 +1,10 @@
-// A table for the terminal: columns as wide as their contents, and cut only if the terminal is
-// narrower. It takes little memory, however many rows it has.
+// A table for the terminal: columns as wide as their contents, and cut or left out only if the
+// terminal is narrower. It takes little memory, however many rows it has.
 #ifndef FSTORE_TERMINAL_TABLE_H
 #define FSTORE_TERMINAL_TABLE_H
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,7 +27,11 @@ class Table {
 public:
     struct Column {
         std::string title;
-        bool mayBeCut = true;  // false for what is useless when cut
+        unsigned int weight = 1;      // one of twice the weight gets twice the room
+        std::size_t least = kNarrow;  // is not cut below this, but left out
+        bool isCutInside = false;     // not at its end
+        static constexpr std::size_t kNarrow = 6;
+        static constexpr std::size_t kWhole = ~std::size_t{0};  // for what is useless when cut
     };
 
     explicit Table(std::vector<Column> columns);
@@ -36,13 +41,18 @@ public:
     void add(const std::vector<Cell>& row, std::string_view key = {});
     bool empty() const noexcept { return rows_.size() == 0; }
 
-    // One line a row under a line of titles, each with a line feed, as calls of use(line). Unless
-    // `columns` is 0, no line is wider than that, except for what must not be cut; the widest
-    // columns are cut first. A column that is empty in all rows is left out.
+    // One line a row under a line of titles, if there are titles, each with a line feed, as calls
+    // of use(line). Unless `columns` is 0, no line is wider than that: the columns that are widest
+    // for their weight are cut, and the last of those with the least weight are left out, but never
+    // the first of all. A column that is empty in all rows is left out.
     void print(std::size_t columns, bool colour, const SortedTexts::User& use) const;
 
 private:
     std::vector<std::size_t> widths(std::size_t columns) const;
+    void leaveOut(std::vector<std::size_t>& widths, std::size_t columns) const;
+    std::optional<std::size_t> widest(const std::vector<std::size_t>& widths) const;
+    std::string lineOf(const std::vector<Cell>& cells, const std::vector<std::size_t>& widths,
+                       bool colour) const;
 
     std::vector<Column> columns_;
     std::vector<std::size_t> widest_;  // of each column, in its rows

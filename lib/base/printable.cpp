@@ -8,6 +8,8 @@
 namespace fstore {
 namespace {
 
+constexpr const char* kEllipsis = "\u2026";
+
 // One character of a text: its code point, or none when the byte is not UTF-8.
 struct Character {
     std::optional<char32_t> code;
@@ -90,6 +92,25 @@ std::size_t columnsOfCharacter(char32_t c) {
     return 1;
 }
 
+std::size_t columnsOf(const Character& character) {
+    return character.code ? columnsOfCharacter(*character.code) : 1;
+}
+
+// As much of the text as these columns hold.
+std::string_view beginningOf(std::string_view text, std::size_t columns) {
+    std::size_t used = 0;
+    std::size_t bytes = 0;
+    while (bytes < text.size()) {
+        const Character next = firstCharacter(text.substr(bytes));
+        used += columnsOf(next);
+        if (used > columns) {
+            break;
+        }
+        bytes += next.bytes;
+    }
+    return text.substr(0, bytes);
+}
+
 }  // namespace
 
 std::string printable(std::string_view text) {
@@ -126,9 +147,8 @@ std::size_t columnsOf(std::string_view text) {
         return text.size();
     }
     std::size_t columns = 0;
-    forEachCharacter(text, [&](const Character& next, std::string_view) {
-        columns += next.code ? columnsOfCharacter(*next.code) : 1;
-    });
+    forEachCharacter(text,
+                     [&](const Character& next, std::string_view) { columns += columnsOf(next); });
     return columns;
 }
 
@@ -139,17 +159,59 @@ std::string clipped(std::string_view text, std::size_t columns) {
     if (columns == 0) {
         return {};
     }
-    std::string kept;
-    std::size_t used = 0;
-    bool full = false;
-    forEachCharacter(text, [&](const Character& next, std::string_view bytes) {
-        used += next.code ? columnsOfCharacter(*next.code) : 1;
-        full = full || used > columns - 1;
-        if (!full) {
-            kept += bytes;
+    return std::string(beginningOf(text, columns - 1)) + kEllipsis;
+}
+
+std::string clippedInside(std::string_view text, std::size_t columns) {
+    const std::size_t whole = columnsOf(text);
+    if (whole <= columns || columns == 0) {
+        return clipped(text, columns);
+    }
+    const std::size_t tail = columns / 2;
+    const std::string_view head = beginningOf(text, columns - 1 - tail);
+    std::string_view rest = text.substr(head.size());
+    for (std::size_t left = whole - columnsOf(head); left > tail;) {
+        const Character next = firstCharacter(rest);
+        left -= columnsOf(next);
+        rest.remove_prefix(next.bytes);
+    }
+    return std::string(head) + kEllipsis + std::string(rest);
+}
+
+std::string wrapped(std::string_view text, std::size_t columns, std::size_t indent,
+                    std::size_t used) {
+    std::string lines;
+    const std::string next = "\n" + std::string(indent, ' ');
+    bool isEmpty = used == 0;  // the line
+    while (!text.empty()) {
+        const std::size_t blanks = std::min(text.find_first_not_of(' '), text.size());
+        std::string_view word = text.substr(blanks);
+        word = word.substr(0, word.find(' '));
+        text.remove_prefix(blanks + word.size());
+        if (used + blanks + columnsOf(word) <= columns) {
+            lines.append(blanks, ' ');
+            used += blanks;
+        } else if (!isEmpty) {
+            lines += next;
+            used = indent;
         }
-    });
-    return kept + "\u2026";
+        while (used + columnsOf(word) > columns) {
+            // At least a character, so that this ends also where not even that fits.
+            const std::size_t fitting =
+                std::max(beginningOf(word, columns - used).size(), firstCharacter(word).bytes);
+            if (fitting == word.size()) {
+                break;
+            }
+            lines += word.substr(0, fitting);
+            lines += next;
+            word.remove_prefix(fitting);
+            used = indent;
+        }
+        lines += word;
+        used += columnsOf(word);
+        isEmpty = false;
+    }
+    return lines;
 }
 
 }  // namespace fstore

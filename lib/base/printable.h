@@ -23,6 +23,15 @@ std::size_t columnsOf(std::string_view text);
 // The text, cut to at most `columns` columns and then ending in an ellipsis.
 std::string clipped(std::string_view text, std::size_t columns);
 
+// The same with the ellipsis in its middle: of an address, folder and name tell something.
+std::string clippedInside(std::string_view text, std::size_t columns);
+
+// The text in lines of at most `columns` columns, broken at blanks, and inside of a word that is
+// wider. Lines behind the first begin with `indent` blanks, which are fewer than `columns`; `used`
+// columns of the first are taken already.
+std::string wrapped(std::string_view text, std::size_t columns, std::size_t indent,
+                    std::size_t used);
+
 }  // namespace fstore
 
 #endif  // LIB_BASE_PRINTABLE_H

@@ -2,9 +2,12 @@
 """What is written where: tables, colours, escapes, JSON, and readers that go away."""
 
 import os
+import re
 import subprocess
 
 import support
+from authority import Authority, request_of_key
+from pki import openssl
 from support import InitialisedTest
 from terminal import Terminal
 
@@ -110,6 +113,18 @@ class OutputTest(InitialisedTest):
         os.close(write)
         self.assertEqual((9, b""), (run.returncode, run.stderr))
 
+    def test_equal_warnings_are_said_once_and_counted(self):
+        self.write("no-key.pem", support.PASSWORD)
+        self.write("good.pem", openssl("genpkey", "-algorithm", "ed25519"))
+        files = ["good.pem"] + ["no-key.pem"] * 5
+        warnings = [line.split("warning: ")[1] for line in
+                    self.run_tool("import", *files, code=5).message.splitlines()
+                    if "warning" in line]
+        self.assertEqual([warnings[0], "5 times: " + warnings[0]], warnings)
+        self.write("good.pem", openssl("genpkey", "-algorithm", "ed25519"))
+        document = self.run_tool("import", "--json", *files, code=5).document
+        self.assertEqual(5, len(document["failures"]))
+
     def test_closed_streams_do_no_harm(self):
         before = self.files()
         run = subprocess.run(["sh", "-c", 'exec "$0" set server label=x <&- >&- 2>&-',
@@ -143,6 +158,71 @@ class OutputTest(InitialisedTest):
             self.assertIn(b"Bad file descriptor", run.stderr)
 
 
+class WidthTest(InitialisedTest):
+    """Nothing is wider than the terminal, and all of it is there when it is none."""
+
+    LONG = "certificates/local/" + "-".join(["long"] * 12)
+
+    @classmethod
+    def fill(cls, folder):
+        root = Authority(folder, "A Root Authority of a Company with a Long Name")
+        sub = Authority(folder, "A Sub Authority of the Same Company", root)
+        run = support.fstore("-D", folder, "key", "add", "--key-file", folder / "key", "--label",
+                             "in the safe of the office in the other town")
+        assert run.code == 0, run.message
+        for name in "web", "-".join(["long"] * 12):
+            request = request_of_key(folder, name, "--subject", f"CN={name},O=A Company,C=EU",
+                                     "--san", f"{name}.example.com")
+            for begin, end in (-50, -10), (-5, 20), (-4, 400):
+                cls.add(folder, sub.sign(request, begin, end), f"{name}{-begin}")
+        cls.add(folder, root.certificate.read_bytes(), "root")
+        cls.add(folder, sub.certificate.read_bytes(), "sub")
+        (folder / "db/settings" / ("x" * 100 + ".dsc")).write_text("nonsense\n")
+        (folder / "db/settings/unknown file of somebody else").write_text("?")
+
+    @staticmethod
+    def add(folder, contents, name):
+        run = support.fstore("-D", folder, "import", "-", "--name", name, stdin=contents)
+        assert run.code == 0, run.message
+
+    COMMANDS = (["ls"], ["ls", "--expired", "--all"], ["ls", "--unlock"], ["key", "ls"], ["tree"],
+                ["verify", "--all"], ["check"], ["check", "--deep"], ["info"], ["prune"])
+
+    def on_terminal(self, args, columns):
+        terminal = Terminal([*args, "--color", "always"], cwd=self.folder, columns=columns,
+                            password=support.PASSWORD)
+        self.addCleanup(terminal.close)
+        self.assertIn(terminal.wait(), (0, 3, 5), terminal.seen)
+        plain = re.sub("\\x1b\\[[0-9;]*[mK]", "", terminal.seen)
+        return [line for line in plain.replace("\r\n", "\n").split("\n")
+                if not line.startswith("fstore: ")]
+
+    def test_no_line_is_wider_than_the_terminal(self):
+        for args in self.COMMANDS:
+            for columns in 40, 80, 200:
+                with self.subTest(args=args, columns=columns):
+                    lines = self.on_terminal(args, columns)
+                    self.assertGreater(len(lines), 1)
+                    for line in lines:
+                        self.assertLessEqual(len(line), columns, line)
+
+    def test_what_is_no_terminal_gets_all(self):
+        for args in self.COMMANDS:
+            with self.subTest(args=args):
+                run = support.fstore("-D", self.folder, *args, password=support.PASSWORD)
+                self.assertNotIn("…", run.text)
+
+    def test_an_address_is_cut_inside(self):
+        lines = self.on_terminal(["ls"], 40)
+        self.assertTrue(any(re.match(r"cert\S*…\S*g4 ", line) for line in lines), lines)
+
+    def test_a_sentence_keeps_all_its_words(self):
+        for args in ["check"], ["verify", "--all"]:
+            whole = support.fstore("-D", self.folder, *args, password=support.PASSWORD).text
+            lines = self.on_terminal(args, 40)
+            self.assertEqual("".join(whole.split()), "".join("".join(lines).split()))
+
+
 class ProgressTest(InitialisedTest):
     @classmethod
     def fill(cls, folder):
@@ -167,6 +247,20 @@ class ProgressTest(InitialisedTest):
         self.addCleanup(terminal.close)
         self.assertEqual(0, terminal.wait(), terminal.seen)
         self.assertRegex(terminal.seen, r"Re-encrypting \[#+\.*\] +\d+%")
+
+    def test_a_bar_fits_a_narrow_terminal(self):
+        for columns, bar in (40, r"Checking \[#*\.*\] +\d+%"), (16, r"Checking +\d+%"):
+            terminal = Terminal(["check", "--deep"], cwd=self.folder, password=support.PASSWORD,
+                                columns=columns,
+                                env={"LD_PRELOAD": support.CALL_TRAP, "CALL_TRAP_PAUSE": "100"})
+            self.addCleanup(terminal.close)
+            self.assertEqual(0, terminal.wait(), terminal.seen)
+            lines = [line for line in re.split("[\r\n]|\x1b\\[K", terminal.seen)
+                     if line.startswith("Checking")]
+            self.assertTrue(lines, terminal.seen)
+            self.assertRegex(lines[0], bar)
+            if columns == 40:
+                self.assertLess(max(map(len, lines)), columns)
 
     def test_none_when_quick_quiet_or_json(self):
         for args, pause in [(("check", "--deep"), 0), (("check", "--deep", "-q"), 100),

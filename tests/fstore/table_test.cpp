@@ -11,6 +11,8 @@
 namespace fstore {
 namespace {
 
+constexpr std::size_t kWhole = Table::Column::kWhole;
+
 std::string printed(const Table& table, std::size_t columns, bool colour) {
     std::string page;
     table.print(columns, colour, [&](std::string_view line) { page += line; });
@@ -18,7 +20,7 @@ std::string printed(const Table& table, std::size_t columns, bool colour) {
 }
 
 Table sample() {
-    Table table({{"ADDRESS", false}, {"SUBJECT", true}, {"LABEL", true}});
+    Table table({{.title = "ADDRESS", .least = kWhole}, {.title = "SUBJECT"}, {.title = "LABEL"}});
     table.add({{"certificates/local/server"}, {"CN=server,O=Example Organisation"}, {"web"}});
     table.add({{"keys/a"}, {}, {"a label that is long"}});
     return table;
@@ -42,18 +44,54 @@ TEST(TableTest, CutsOnlyWhatMayBeCut) {
     EXPECT_NE(std::string::npos, page.find("…"));
 }
 
-TEST(TableTest, NeverCutsWhatMustStayWhole) {
-    EXPECT_NE(std::string::npos, printed(sample(), 10, false).find("certificates/local/server"));
+TEST(TableTest, LeavesOutColumnsBeforeItCutsWhatMustStayWhole) {
+    EXPECT_EQ("ADDRESS\ncertificates/local/server\nkeys/a\n", printed(sample(), 30, false));
+}
+
+TEST(TableTest, CutsTheLastColumnWhereNothingElseIsLeft) {
+    EXPECT_EQ("ADDRESS\ncertifica…\nkeys/a\n", printed(sample(), 10, false));
+}
+
+TEST(TableTest, LeavesOutTheLightestColumnAndOfThoseTheLast) {
+    Table table({{.title = "A", .weight = 1, .least = 10},
+                 {.title = "B", .weight = 3, .least = 10},
+                 {.title = "C", .weight = 2, .least = 10},
+                 {.title = "D", .weight = 2, .least = 10}});
+    const std::string ten(10, 'x');
+    table.add({{ten}, {ten}, {ten}, {ten}});
+    EXPECT_EQ("A           B           C\n" + ten + "  " + ten + "  " + ten + "\n",
+              printed(table, 40, false));
+    EXPECT_EQ("A           B\n" + ten + "  " + ten + "\n", printed(table, 22, false));
+}
+
+TEST(TableTest, GivesRoomByWeight) {
+    Table table({{.title = "A", .weight = 3}, {.title = "B", .weight = 1}});
+    table.add({{std::string(100, 'a')}, {std::string(100, 'b')}});
+    EXPECT_EQ("A                               B\n" + std::string(29, 'a') + "…  " +
+                  std::string(9, 'b') + "…\n",
+              printed(table, 42, false));
+}
+
+TEST(TableTest, CutsInsideWhereBothEndsTell) {
+    Table table({{.title = "A", .isCutInside = true}});
+    table.add({{"certificates/local/server"}});
+    EXPECT_EQ("A\ncerti…erver\n", printed(table, 11, false));
+}
+
+TEST(TableTest, HasNoLineOfTitlesWithoutTitles) {
+    Table table({{.title = {}}, {.title = {}}});
+    table.add({{"a"}, {"b"}});
+    EXPECT_EQ("a  b\n", printed(table, 0, false));
 }
 
 TEST(TableTest, LeavesOutWhatIsEmptyEverywhere) {
-    Table table({{"ADDRESS", false}, {"SUBJECT", true}});
+    Table table({{.title = "ADDRESS"}, {.title = "SUBJECT"}});
     table.add({{"keys/a"}, {}});
     EXPECT_EQ("ADDRESS\nkeys/a\n", printed(table, 0, false));
 }
 
 TEST(TableTest, SortsRowsByTheirKeys) {
-    Table table({{"A", false}});
+    Table table({{.title = "A"}});
     table.add({{"last"}}, "2");
     table.add({{"first"}}, "1");
     table.add({{"second"}}, "1");
@@ -61,13 +99,13 @@ TEST(TableTest, SortsRowsByTheirKeys) {
 }
 
 TEST(TableTest, EscapesControlCharacters) {
-    Table table({{"LABEL", true}});
+    Table table({{.title = "LABEL"}});
     table.add({{"a\033[2Jb\nc"}});
     EXPECT_EQ("LABEL\na\\x1b[2Jb\\x0ac\n", printed(table, 0, false));
 }
 
 TEST(TableTest, ColoursAreAroundTheTextAlone) {
-    Table table({{"A", false}, {"B", false}});
+    Table table({{.title = "A"}, {.title = "B"}});
     table.add({{"x", Style::kRed}, {"y"}});
     EXPECT_EQ("\033[1mA\033[0m  \033[1mB\033[0m\n\033[31mx\033[0m  y\n", printed(table, 0, true));
 }

@@ -55,5 +55,31 @@ TEST(ClippedTest, EndsInAnEllipsisWithinTheColumns) {
     EXPECT_EQ("東…", clipped("東京都", 3));
 }
 
+TEST(ClippedTest, KeepsBothEndsOfWhatIsClippedInside) {
+    EXPECT_EQ("abc", clippedInside("abc", 3));
+    EXPECT_EQ("a…f", clippedInside("abcdef", 3));
+    EXPECT_EQ("a…ef", clippedInside("abcdef", 4));
+    EXPECT_EQ("…", clippedInside("abcd", 1));
+    EXPECT_EQ("", clippedInside("abcd", 0));
+    EXPECT_EQ("東…都", clippedInside("東京京都", 5));
+    EXPECT_EQ("…都", clippedInside("東京京都", 4));
+}
+
+TEST(WrappedTest, BreaksAtBlanks) {
+    EXPECT_EQ("", wrapped("", 10, 2, 0));
+    EXPECT_EQ("one two", wrapped("one two", 7, 2, 0));
+    EXPECT_EQ("one two\n  three", wrapped("one two three", 7, 2, 0));
+    EXPECT_EQ("a  b", wrapped("a  b", 7, 2, 0));
+    EXPECT_EQ("\n  one", wrapped("one", 7, 2, 6));
+    EXPECT_EQ("東\n京", wrapped("東 京", 4, 0, 0));
+}
+
+TEST(WrappedTest, BreaksInsideOfAWordThatIsWider) {
+    EXPECT_EQ("abcd\n ef", wrapped("abcdef", 4, 1, 0));
+    EXPECT_EQ("a\n bcd\n ef\n g", wrapped("a bcdef g", 4, 1, 0));
+    EXPECT_EQ("a\nb", wrapped("ab", 1, 0, 0));
+    EXPECT_EQ("東\n京", wrapped("東京", 1, 0, 0));
+}
+
 }  // namespace
 }  // namespace fstore
