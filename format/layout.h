@@ -29,6 +29,9 @@ inline constexpr const char* kLost = "./db.lost";
 // "-" are SQLite's.
 inline constexpr const char* kIndex = "./db.index";
 
+// When the database was last backed up and checked; may be lost.
+inline constexpr const char* kState = "./db.state";
+
 // The live folder in the words of users and of backups.
 inline constexpr const char* kLiveName = "db";
 

@@ -15,7 +15,9 @@
 #include "fstore/terminal/json.h"
 #include "lib/base/digits.h"
 #include "lib/base/files.h"
+#include "lib/base/time.h"
 #include "lib/database/check.h"
+#include "lib/database/state_file.h"
 #include "lib/work/key_slots.h"
 #include "os/terminal.h"
 
@@ -23,6 +25,7 @@ namespace fstore {
 namespace {
 
 constexpr int kStdout = 1;
+constexpr const char* kNotNoted = "the time of the backup could not be noted beside the database";
 
 struct BackupOptions {
     std::string file;
@@ -100,6 +103,9 @@ Status runBackup(const BackupOptions& options, Context& context) {
                     report.verified ? "verified" : "not verified, as it cannot be read back"));
     Json json = totalsToJson(options.file, report.totals);
     json["verified"] = report.verified;
+    if (!noteBackup(context.database.place(), now())) {
+        context.output.detail(kNotNoted);
+    }
     const std::optional<std::size_t> damaged = warnOfDamage(context);
     json["damaged"] = damaged ? Json(*damaged) : Json();
     context.output.document({{"backup", json}, {"leftOut", std::move(leftOut)}});

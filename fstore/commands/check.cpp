@@ -1,6 +1,8 @@
 // fstore check: whether the database is sound, and what a crash left over.
 #include "lib/database/check.h"
 
+#include <algorithm>
+#include <iterator>
 #include <memory>
 
 #include <fmt/format.h>
@@ -11,6 +13,8 @@
 #include "lib/base/files.h"
 #include "lib/base/time.h"
 #include "lib/database/settle.h"
+#include "lib/database/state_file.h"
+#include "lib/database/weakness.h"
 #include "lib/work/object_record.h"
 
 namespace fstore {
@@ -20,11 +24,21 @@ constexpr std::size_t kIndent = 4;  // of the further lines of a finding
 
 struct Options {
     CheckOptions check;
+    std::optional<std::string> backupWithin;
+    bool strict = false;  // what is weak counts as what is damaged
     std::optional<std::string> undo;
     std::optional<std::string> purge;
     std::optional<std::string> settle;
     std::optional<Keep> keep;
 };
+
+std::int64_t periodOf(const std::string& text) {
+    const auto period = parsePeriod(text);
+    if (!period) {
+        throw Failure(kUsage, fmt::format("\"{}\" is not a period such as 7d, 12h or 2w", text));
+    }
+    return *period;
+}
 
 void print(const CheckReport& report, Output& output) {
     for (const Finding& finding : report.findings) {
@@ -100,17 +114,56 @@ Json toDocument(const CheckReport& report) {
     return document;
 }
 
-Status runCheck(const CheckOptions& options, Context& context) {
-    const CheckReport report = checkDatabase(context.database, options);
+std::vector<Weakness> findWeaknesses(const Options& options, Context& context) {
+    std::vector<Weakness> found = weaknessesOf(context.database);
+    if (options.backupWithin) {
+        std::ranges::move(backupWeakness(context.database.place(), periodOf(*options.backupWithin)),
+                          std::back_inserter(found));
+    }
+    // Whoever reads the file, as with --deep, warns of it.
+    const std::string exposed = context.secret.exposedFile();
+    if (!exposed.empty() && !options.check.deep) {
+        found.push_back(
+            {"exposed-secret", exposed, "can be read by other users; protect it with chmod 600"});
+    }
+    return found;
+}
+
+Json toJson(const Weakness& weakness) {
+    return {{"kind", weakness.kind},
+            {"path", jsonText(weakness.path)},
+            {"message", jsonText(weakness.message)}};
+}
+
+Status runCheck(const Options& options, Context& context) {
+    if (options.backupWithin) {
+        (void)periodOf(*options.backupWithin);  // before anything is read
+    }
+    const CheckReport report = checkDatabase(context.database, options.check);
     print(report, context.output);
+    if (!noteCheck(context.database.place(), now(), report.isSound())) {
+        context.output.detail("the time of the check could not be noted beside the database");
+    }
+    const std::vector<Weakness> weaknesses = findWeaknesses(options, context);
+    Json weak = Json::array();
+    for (const Weakness& weakness : weaknesses) {
+        if (!context.output.json()) {
+            context.output.warn(fmt::format("{}{}{}", weakness.path,
+                                            weakness.path.empty() ? "" : " ", weakness.message));
+        }
+        weak.push_back(toJson(weakness));
+    }
     if (report.isSound()) {
         context.output.note(
             report.deep ? fmt::format("no damage found; records read: {}, secrets decrypted: {}",
                                       report.deep->records, report.deep->secrets)
                         : "no damage found; --deep also decrypts");
     }
-    context.output.document(toDocument(report));
-    return report.status();
+    Json document = toDocument(report);
+    document["weaknesses"] = std::move(weak);
+    context.output.document(document);
+    const Status status = report.status();
+    return options.strict && status == kOk && !weaknesses.empty() ? kFound : status;
 }
 
 Json toJson(const std::vector<std::string>& paths) {
@@ -160,7 +213,8 @@ Status runSettle(const std::string& path, Keep keep, Context& context) {
 
 // Each of them is a command of its own.
 void refuseTogether(const Options& options) {
-    const bool checks = options.check.deep || options.check.repair;
+    const bool checks =
+        options.check.deep || options.check.repair || options.strict || options.backupWithin;
     if (options.undo.has_value() + options.purge.has_value() + options.settle.has_value() + checks >
         1) {
         throw Failure(kUsage,
@@ -180,7 +234,7 @@ Status run(const Options& options, Context& context) {
     if (options.settle) {
         return runSettle(*options.settle, *options.keep, context);
     }
-    return options.purge ? runPurge(*options.purge, context) : runCheck(options.check, context);
+    return options.purge ? runPurge(*options.purge, context) : runCheck(options, context);
 }
 
 }  // namespace
@@ -193,6 +247,9 @@ void addCheck(Cli& cli) {
     command.flag("--deep", &options->check.deep, "Decrypt and examine every record, too");
     command.flag("--repair", &options->check.repair,
                  "Clean up what a crash left behind; never touches damaged records");
+    command.option("--backup-within", "PERIOD", &options->backupWithin,
+                   "Warn unless there was a backup within this time, \"7d\"");
+    command.flag("--strict", &options->strict, "Exit with 3 also for warnings");
     command.option("--undo", "TIME", &options->undo,
                    "Put back what the repair of this time moved away");
     command.option("--purge", "TIME", &options->purge, "Delete what it moved away");

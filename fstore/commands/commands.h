@@ -14,6 +14,7 @@ void addLs(Cli& cli);
 void addShow(Cli& cli);
 void addTree(Cli& cli);
 void addVerify(Cli& cli);
+void addMetrics(Cli& cli);
 void addExport(Cli& cli);
 void addRef(Cli& cli);
 void addDeploy(Cli& cli);
@@ -47,6 +48,7 @@ inline void addCommands(Cli& cli) {
     addShow(cli);
     addTree(cli);
     addVerify(cli);
+    addMetrics(cli);
     addExport(cli);
     addRef(cli);
     addDeploy(cli);

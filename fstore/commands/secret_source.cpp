@@ -65,6 +65,13 @@ UnlockSecret SecretSource::read() {
                          : readKeyFile(*keyFile_, output_);
 }
 
+std::string SecretSource::exposedFile() const {
+    if (keyFile_) {
+        return keyFile_->othersCanRead() ? keyFile_->name() : std::string();
+    }
+    return password_ && password_->othersCanRead() ? password_->name() : std::string();
+}
+
 PasswordSource& SecretSource::passwordOnly() {
     if (options_.keyFile) {
         throw Failure(kUsage,

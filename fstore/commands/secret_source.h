@@ -41,6 +41,9 @@ public:
     // Which file it is read from; empty when it is not a key file.
     std::string keyFile() const { return keyFile_ ? keyFile_->name() : std::string(); }
 
+    // The file that it is read from, if other users can read that as well; else empty.
+    std::string exposedFile() const;
+
     // The source of a password where nothing else will do: a new database has one. No key file of
     // the environment stands in front of it. kUsage if --key-file was given.
     PasswordSource& passwordOnly();

@@ -53,6 +53,10 @@ public:
     // Whether get() does not need to ask on the terminal.
     bool isGiven() const noexcept { return from_ != From::kTerminal; }
 
+    // Of a password file: its name, and whether users besides its owner can read it.
+    const std::string& name() const noexcept { return name_; }
+    bool othersCanRead() const noexcept { return othersCanRead_; }
+
 private:
     enum class From { kFd, kFile, kVariable, kTerminal };
 

@@ -36,8 +36,10 @@ bool holdsLost(const std::string& folder) {
 }
 
 bool isBesideRecords(const std::string& folder, std::string_view file) {
-    return (file == plainName(layout::kLockFile) || file == plainName(layout::kIndex)) &&
-           holdsRecords(joined(folder, layout::kLiveName));
+    const bool isNamedSo =
+        std::ranges::any_of(std::array{layout::kLockFile, layout::kIndex, layout::kState},
+                            [&](const char* path) { return plainName(path) == file; });
+    return isNamedSo && holdsRecords(joined(folder, layout::kLiveName));
 }
 
 }  // namespace

@@ -107,7 +107,8 @@ class FormatAloneTest(unittest.TestCase):
 
     def test_the_lists_come_from_format(self):
         self.assertEqual({".dsc", ".$n$", ".$o$", ".$d$"}, set(self.format.markers))
-        self.assertEqual({"./db", "./new_db", "./old_db", "./db.lost", "./db.lock", "./db.index"}, set(self.format.tops))
+        self.assertEqual({"./db", "./new_db", "./old_db", "./db.lost", "./db.lock", "./db.index", "./db.state"},
+                         set(self.format.tops))
         self.assertEqual({"settings", "lsps", "keys", "crls", "crm", "certificates",
                           "certificates/local", "certificates/remote"}, set(self.format.below))
         self.assertLessEqual({"db", "key", "kdf"}, set(self.format.names))

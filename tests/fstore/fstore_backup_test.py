@@ -65,7 +65,7 @@ class RoundTest(BackupTest):
             self.assertEqual(body, run.out, run.message)
         run = support.fstore("-D", self.outside / "new", "check", "--deep")
         self.assertEqual(0, run.code, run.message)
-        self.assertEqual(["db", "db.lock"], sorted(os.listdir(self.outside / "new")))
+        self.assertEqual(["db", "db.lock", "db.state"], sorted(os.listdir(self.outside / "new")))
 
     def test_the_umask_binds_what_a_backup_says(self):
         (self.folder / "db/lsps/b.dsc").chmod(0o666)
@@ -222,7 +222,7 @@ class ReplaceTest(BackupTest):
         self.assertEqual(then, self.tree())
         kept = run.document["kept"]
         self.assertRegex(kept, r"\A\./db-\d{8}T\d{6}Z\Z")
-        self.assertEqual(sorted(["db", "db.lock", kept[2:]]), sorted(os.listdir(self.folder)))
+        self.assertEqual(sorted(["db", "db.lock", kept[2:]]), self.entries())
         os.rename(self.folder / "db", self.folder / "gone")
         os.rename(self.folder / kept, self.folder / "db")
         self.assertEqual(changed, self.tree())
@@ -232,14 +232,14 @@ class ReplaceTest(BackupTest):
         self.backup()
         for count in (3, 4, 5):
             self.run_tool("restore", self.tar, "--replace")
-            self.assertEqual(count, len(os.listdir(self.folder)))
+            self.assertEqual(count, len(self.entries()))
 
     def test_database_kept_by_a_change_of_password_stays(self):
         self.backup()
         self.run_tool("passwd", "--keep-old", "--cost", "14",
                       env={"FSTORE_NEW_PASSWORD": "another"})
         self.run_tool("restore", self.tar, "--replace")
-        names = sorted(re.sub(r"\d", "0", name) for name in os.listdir(self.folder)
+        names = sorted(re.sub(r"\d", "0", name) for name in self.entries()
                        if name != "db.lock")
         self.assertEqual(["db", "db-00000000T000000Z"], sorted(set(name[:19] for name in names)))
         self.assertEqual(3, len(names))
@@ -252,7 +252,7 @@ class ReplaceTest(BackupTest):
         self.fails(4, "invalid", "restore", self.tar)
         self.run_tool("restore", self.tar, "--replace")
         self.assertEqual(before, self.tree())
-        self.assertEqual(3, len(os.listdir(self.folder)))
+        self.assertEqual(3, len(self.entries()))
 
     def test_leftover_of_a_broken_restore_is_replaced(self):
         self.backup()

@@ -260,7 +260,7 @@ class FileTest(ExportTest):
         self.assertEqual(b"", self.export("leaf.der", "-o", path))
         self.assertEqual(self.text("leaf.pem"), path.read_bytes())
         self.assertEqual(0o600, path.stat().st_mode & 0o777)
-        self.assertEqual(["db", "db.lock", "out.pem"], sorted(os.listdir(self.folder)))
+        self.assertEqual(["db", "db.lock", "out.pem"], self.entries())
 
     def test_existing_one_is_kept_unless_forced(self):
         path = self.write("out.pem", "mine")

@@ -178,7 +178,7 @@ class TerminalTest(InitialisedTest):
         self.assertEqual(3, len(list(self.folder.iterdir())))
         terminal.type("\x03")
         self.assertEqual(130, terminal.wait())
-        self.assertEqual(["db", "db.lock"], sorted(os.listdir(self.folder)))
+        self.assertEqual(["db", "db.lock"], self.entries())
 
     def test_hangup_ends_it(self):
         terminal = self.terminal("get", "a")
@@ -207,7 +207,7 @@ class TerminalTest(InitialisedTest):
         codes = [self.run_any("get", "a", password=password) for password in (PASSWORD, "new")]
         self.assertEqual([0, 6], sorted(codes))
         self.run_tool("check", "--repair")
-        self.assertEqual(["db", "db.lock"], sorted(os.listdir(self.folder)))
+        self.assertEqual(["db", "db.lock"], self.entries())
 
     def run_any(self, *args, **more):
         return support.fstore(*args, cwd=self.folder, **more).code
@@ -260,7 +260,7 @@ class InitTest(FstoreTest):
         self.assertEqual({"schema": "fstore/1", "folder": ".", "created": True}, document)
         self.assertEqual([], self.records())
         self.assert_sound()
-        self.assertEqual(["db", "db.lock"], sorted(os.listdir(self.folder)))
+        self.assertEqual(["db", "db.lock"], self.entries())
         for path in self.folder.rglob("db/**/*"):
             self.assertEqual(0, path.stat().st_mode & 0o077, path)
 
@@ -476,7 +476,7 @@ class ChangeTest(InitialisedTest):
         self.assertEqual(b"a", self.body("a", password="new"))
         self.fails(6, "wrong-password", "get", "a")
         self.assert_sound(password="new")
-        self.assertEqual(["db", "db.lock"], sorted(os.listdir(self.folder)))
+        self.assertEqual(["db", "db.lock"], self.entries())
         self.assertEqual(1, (self.folder / "db/kdf.dsc").read_text().count("kind=password"))
 
     def test_keep_old_keeps_the_database_as_it_was(self):

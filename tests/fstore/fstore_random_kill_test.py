@@ -336,7 +336,8 @@ class RandomKillTest(InitialisedTest):
                 (self.folder / name).unlink()
         shutil.rmtree(self.folder / "db.lost", ignore_errors=True)
         self.assertLessEqual(set(os.listdir(self.folder)),
-                             {"db", "db.lock", "calls", "server.pem", "backup-0", "backup-1"})
+                             {"db", "db.lock", "db.state", "calls", "server.pem", "backup-0",
+                              "backup-1"})
 
     def look_at_kept(self, kept):
         """It is whole, and was the database once."""

@@ -164,7 +164,7 @@ class OutputFileTest(InitialisedTest):
         self.fails(50, "missing", "get", "nothing", "-o", "out")
         self.fails(6, "wrong-password", "get", "a", "-o", "out", password="wrong")
         self.fails(50, "missing", "get", "a", "-o", "nowhere/out")
-        self.assertEqual(["db", "db.lock"], sorted(os.listdir(self.folder)))
+        self.assertEqual(["db", "db.lock"], self.entries())
 
     def test_json_has_the_bytes_unless_a_file_gets_them(self):
         record = self.run_tool("--json", "get", "a").document["records"][0]

@@ -41,7 +41,7 @@ class FullDiskTest(StorageTest):
             with self.subTest(args=args):
                 self.assertRegex(self.fails_with_io(*args, env={**TRAP, "CALL_TRAP_FULL": 1}),
                                  "full|No space left")
-                self.assertEqual(["db", "db.lock"], sorted(os.listdir(self.folder)))
+                self.assertEqual(["db", "db.lock"], self.entries())
         self.assert_unchanged()
 
     def test_no_room_for_a_new_database(self):
@@ -56,12 +56,12 @@ class FullDiskTest(StorageTest):
 
     def test_files_that_may_not_grow(self):
         large = self.write("large", os.urandom(100_000))
-        before = sorted(os.listdir(self.folder))
+        before = self.entries()
         for args in [("put", "settings/new", "large"), ("put", "-f", "settings/a", "large"),
                      ("backup", "out")]:
             with self.subTest(args=args):
                 self.fails(9, "io", *args, prefix=["prlimit", "--fsize=8192"])
-                self.assertEqual(before, sorted(os.listdir(self.folder)))
+                self.assertEqual(before, self.entries())
         large.unlink()
         self.assert_unchanged()
 

@@ -82,7 +82,7 @@ class Workload:
         kinds = {finding["kind"] for finding in run.document["findings"]}
         assert kinds <= self.leftovers, run
         # What nobody acknowledged may have been moved away.
-        kept = [name for name in os.listdir(folder) if name not in ("db", "db.lock", "db.lost")]
+        kept = [name for name in os.listdir(folder) if name not in ("db", "db.lock", "db.lost", "db.state")]
         assert all(self.keeps and name.startswith("db-") for name in kept), kept
 
 

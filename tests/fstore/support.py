@@ -167,12 +167,16 @@ class FstoreTest(unittest.TestCase):
         self.assertEqual([], document["findings"])
         self.assertTrue(document["sound"])
 
+    def entries(self):
+        """The names in the test's folder; not that of the times of backup and check."""
+        return sorted(set(os.listdir(self.folder)) - {"db.state"})
+
     def files(self):
         """Every file below the test's folder, with its bytes; not the lock's, which says who
-        locked last."""
+        locked last, nor the times of the last backup and check."""
         return {str(path.relative_to(self.folder)): path.read_bytes()
                 for path in sorted(self.folder.rglob("*"))
-                if path.is_file() and path.name != "db.lock"}
+                if path.is_file() and path.name not in ("db.lock", "db.state")}
 
 
 class InitialisedTest(FstoreTest):
