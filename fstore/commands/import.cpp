@@ -117,6 +117,9 @@ public:
         if (done_ == 0 && failed_ == 1) {
             throw Failure(*first_);
         }
+        if (done_ == 0) {
+            output_.detailFailure("failures", failures_);
+        }
         if (!output_.json() || done_ == 0) {  // the document would have them
             std::ranges::for_each(messages_, [&](const auto& text) { output_.warn(text); });
         }

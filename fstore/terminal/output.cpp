@@ -160,6 +160,10 @@ void Output::flush(After after) {
                          after == After::kDone ? "; all else that the command does is done" : ""));
 }
 
+void Output::detailFailure(const std::string& name, Json value) {
+    failureDetails_.emplace_back(name, std::move(value));
+}
+
 void Output::fail(const Failure& failure) {
     if (*failure.what() == '\0') {
         return;  // nobody is left to be told
@@ -172,6 +176,9 @@ void Output::fail(const Failure& failure) {
             error["path"] = jsonText(failure.path());
         }
         Json whole = {{"schema", kSchema}, {"error", error}};
+        for (const auto& [name, value] : failureDetails_) {
+            whole[name] = value;
+        }
         addWarnings(whole);
         const std::string text = whole.print() + "\n";
         (void)os::writeAll(kStderr, text.data(), text.size());  // there is nowhere else to tell it

@@ -62,6 +62,8 @@ public:
     // reader has gone.
     enum class After { kFailure, kDone };
     void flush(After after);
+    // A member of the document that tells the command's failure.
+    void detailFailure(const std::string& name, Json value);
     // Reports the failure on stderr; with --json nothing that was kept is written.
     void fail(const Failure& failure);
 
@@ -77,6 +79,7 @@ private:
     bool colourErr_;
     std::size_t columns_;  // of stdout; 0 when it is not a terminal
     Spill kept_;
+    std::vector<Json::Member> failureDetails_;
     std::vector<std::string> warnings_;                     // with --json
     std::map<std::string, std::size_t, std::less<>> said_;  // and otherwise, how often each
 };

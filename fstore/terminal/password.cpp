@@ -166,7 +166,7 @@ const SecretText& PasswordSource::get(Entry entry) {
     return *password_;
 }
 
-SecretText PasswordSource::read(int fd) const {
+SecretText PasswordSource::read(int fd) {
     SecretKey bytes(kMost + 2);  // a byte too many shows, and a line feed may follow
     std::size_t filled = 0;
     while (filled < bytes.size()) {
@@ -179,7 +179,15 @@ SecretText PasswordSource::read(int fd) const {
         }
         filled += static_cast<std::size_t>(got);
     }
-    return accepted({reinterpret_cast<const char*>(bytes.data()), filled}, which_);
+    std::string_view text(reinterpret_cast<const char*>(bytes.data()), filled);
+    if (text.ends_with("\r\n")) {
+        text.remove_suffix(2);
+        output_.warn(fmt::format(
+            "the line of the {} in {} ends as on Windows; its carriage return is left out (to have "
+            "it in the password, write no line feed behind it)",
+            describe(which_), name_));
+    }
+    return accepted(text, which_);
 }
 
 SecretText PasswordSource::readTerminal(Entry entry) const {

@@ -2,9 +2,9 @@
 //
 // In this order: --password-fd, --password-file, the file that FSTORE_PASSWORD_FILE names,
 // FSTORE_PASSWORD, the terminal without echo; for a new password of `passwd` the same with
-// --new-password-... and FSTORE_NEW_PASSWORD.... Drops one trailing line feed, refuses an empty
-// password and one with a NUL, warns about a file that others can read, and wipes a variable
-// from memory once it has read it.
+// --new-password-... and FSTORE_NEW_PASSWORD.... Drops one trailing line feed, and in a file, with
+// a warning, the carriage return before it; refuses an empty password and one with a NUL, warns
+// about a file that others can read, and wipes a variable from memory once it has read it.
 //
 // For the main thread.
 #ifndef FSTORE_TERMINAL_PASSWORD_H
@@ -62,7 +62,7 @@ private:
 
     void openFile(const std::string& name, StandardInput& input);
     SecretText ask(const char* prompt) const;
-    SecretText read(int fd) const;
+    SecretText read(int fd);
     SecretText readTerminal(Entry entry) const;
 
     Which which_;

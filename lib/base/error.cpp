@@ -1,6 +1,8 @@
 #include "lib/base/error.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <system_error>
 
 #include <fmt/format.h>
@@ -24,8 +26,7 @@ constexpr Code kCodes[] = {
     {kInvalid, "invalid", "invalid value"},
     {kPartial, "partial", "only a part was done"},
     {kWrongPassword, "wrong-password", "wrong password"},
-    {kIo, "io",
-     "a file could not be read or written (disk full? no permission?), or encryption failed"},
+    {kIo, "io", "a file could not be read or written, or encryption failed"},
     {kNotOpen, "not-open", "the database is not open, or its password record is unreadable"},
     {kAlreadyOpen, "busy", "another process is using the database"},
     {kClosed, "closed", "the database is closed"},
@@ -51,6 +52,17 @@ const Code* find(Status code) {
 bool isOfStore(Status status) {
     return find(status) != nullptr && status != kUsage && status != kFound && status != kPartial &&
            status != kInterrupted;
+}
+
+// Why the system refused the last call that failed, as far as that can be the reason of kIo: what a
+// file that is not there, or is there already, says is often no failure.
+std::string reasonOfIo(int reason) {
+    constexpr int kReasons[] = {EACCES,  EPERM,  EROFS,  ENOSPC,      EDQUOT, EFBIG,
+                                EIO,     EMFILE, ENFILE, ELOOP,       ENXIO,  ENODEV,
+                                ETXTBSY, ESTALE, EMLINK, ENAMETOOLONG};
+    return std::ranges::find(kReasons, reason) != std::end(kReasons)
+               ? std::generic_category().message(reason)
+               : std::string();
 }
 
 }  // namespace
@@ -89,6 +101,7 @@ void failWithStatus(Status status, const std::string& message, const std::string
 }
 
 void check(Status status, const std::string& what, const std::string& path) {
+    const int reason = errno;
     if (status == kOk) {
         return;
     }
@@ -100,7 +113,9 @@ void check(Status status, const std::string& what, const std::string& path) {
         failWithStatus(kForeign, fmt::format("{}: another module reported status {}", what, status),
                        path);
     }
-    failWithStatus(status, fmt::format("{}: {}", what, find(status)->meaning), path);
+    const std::string system = status == kIo ? reasonOfIo(reason) : std::string();
+    failWithStatus(
+        status, fmt::format("{}: {}", what, system.empty() ? find(status)->meaning : system), path);
 }
 
 void failWithErrno(const std::string& what, const std::string& path) {

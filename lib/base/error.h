@@ -117,7 +117,8 @@ void requireNoLoss();
                                  const std::string& path = {});
 
 // Fails with "<what>: <what the status means>" unless `status` is kOk; with LockLost if that is
-// the reason, which is asked for after kIo.
+// the reason, which is asked for after kIo. After kIo it also says what the system said (errno):
+// set that to 0 before the call.
 void check(Status status, const std::string& what, const std::string& path = {});
 
 // Fails with kIo, or kMissing or kNoMemory when errno says so, and the system's reason:

@@ -1,5 +1,6 @@
 #include "lib/database/store_service.h"
 
+#include <cerrno>
 #include <utility>
 
 #include <fmt/format.h>
@@ -9,6 +10,7 @@
 #include "lib/base/files.h"
 #include "lib/database/counting_service.h"
 #include "os/files.h"
+#include "os/fs.h"
 
 namespace fstore {
 
@@ -67,17 +69,26 @@ void StoreService::makeFolders() {
     // The store goes on after a folder that it could not make, so errno tells of another.
     if (service_.prepareDBFolders() != kOk) {
         requireNoLoss();
-        throw Failure(kIo,
-                      fmt::format("cannot create the folders of the database in {} (disk full? "
-                                  "no permission?)",
-                                  place_.describe()),
-                      place_.folder);
+        failOnFolders();
     }
     syncFolder(".");
 }
 
+// With the system's reason, which the first one that is missing gets once more.
+void StoreService::failOnFolders() const {
+    for (const layout::Folder& folder : layout::kFolders) {
+        if (!exists(folder.path) && os::mkdir(folder.path, S_IRWXU) != 0) {
+            failWithErrno("create the folder", joined(place_.folder, folder.path));
+        }
+    }
+    throw Failure(kIo,
+                  fmt::format("cannot create the folders of the database in {}", place_.describe()),
+                  place_.folder);
+}
+
 Status StoreService::recrypt(const SecretText& p, Observer& observer) {
     const CountingService::Counting counting(observer);
+    errno = 0;
     const Status status = service_.recrypt(p_.c_str(), p.c_str());
     requireNoLoss();
     return counting.wasCancelled() ? kInterrupted : status;

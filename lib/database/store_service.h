@@ -54,6 +54,8 @@ public:
     [[nodiscard]] Status recrypt(const SecretText& p, Observer& observer);
 
 private:
+    [[noreturn]] void failOnFolders() const;
+
     const Place& place_;
     std::unique_ptr<StoreContext> context_;  // outlives the stub, which uses its modules
     aFileStoreSrv service_{nullptr};

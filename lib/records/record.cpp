@@ -187,6 +187,12 @@ Record::Contents Record::Proxy::contents() const {
     });
 }
 
+aFileStore& Record::changing() noexcept {
+    seen_.reset();
+    errno = 0;
+    return store_;
+}
+
 const Record::Contents& Record::contents() const {
     if (!seen_) {
         seen_ = store_.contents();

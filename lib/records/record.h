@@ -134,11 +134,8 @@ private:
     };
 
     const Contents& contents() const;
-    // For whatever changes it.
-    aFileStore& changing() noexcept {
-        seen_.reset();
-        return store_;
-    }
+    // For whatever changes it, one call; its status is for check().
+    aFileStore& changing() noexcept;
     void set(unsigned int type, unsigned int id, std::span<const unsigned char> bytes);
     void add(unsigned int type, unsigned int id, std::span<const unsigned char> bytes);
     void setOrRemove(unsigned int type, unsigned int id, std::string_view text);

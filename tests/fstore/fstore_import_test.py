@@ -3,6 +3,7 @@
 
 import fcntl
 import hashlib
+import json
 import os
 import resource
 import subprocess
@@ -341,6 +342,14 @@ class ReportTest(ImportTest):
             run = self.run_tool("import", path, *options, code=59)
             self.assertIn("two.pem line 1: the PEM block has no end", run.message)
             self.assertIn("two.pem line 3: the PEM block has no end", run.message)
+
+    def test_the_document_of_a_failure_names_each_file(self):
+        good, bad = self.write("good.pem", "hello"), self.folder / "nowhere"
+        failures = json.loads(
+            self.run_tool("import", "--json", good, bad, code=59).err)["failures"]
+        self.assertEqual([(str(good), "malformed"), (str(bad), "missing")],
+                         [(each["file"], each["error"]["name"]) for each in failures])
+        self.assertIn("No such file", failures[1]["error"]["message"])
 
     def test_what_is_skipped_is_told(self):
         run = self.run_tool("import", self.pki / "p256.parameters.pem", env=pki.IN_PASSWORD)

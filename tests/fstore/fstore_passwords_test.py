@@ -64,7 +64,12 @@ class SourceTest(InitialisedTest):
     def test_one_line_feed_is_dropped(self):
         self.opens("--password-file", self.private("pw", PASSWORD + "\n"))
         self.opens("--password-file", self.private("pw", PASSWORD + "\n\n"), code=6)
-        self.opens("--password-file", self.private("pw", PASSWORD + "\r\n"), code=6)
+        self.opens("--password-file", self.private("pw", PASSWORD + "\r"), code=6)
+
+    def test_a_line_as_windows_ends_it_is_taken_with_a_warning(self):
+        run = self.opens("--password-file", self.private("pw", PASSWORD + "\r\n"))
+        self.assertRegex(run.message, "carriage return is left out")
+        self.assertNotIn(PASSWORD, run.message)
 
     def test_refused_ones(self):
         for contents in [b"", b"\n", b"a\0b", b"x" * 4097]:

@@ -44,8 +44,20 @@ class FullDiskTest(StorageTest):
                 self.assertEqual(["db", "db.lock"], self.entries())
         self.assert_unchanged()
 
+    def test_each_failure_has_the_reason_of_the_system(self):
+        for args in WRITES[:4]:
+            for call in range(1, 12):
+                run = support.fstore(*args, cwd=self.folder, stdin=b"new body",
+                                     env={**TRAP, "CALL_TRAP_FULL": call})
+                if run.code != 0:
+                    self.assertIn("No space left on device", run.message, (args, call))
+                    self.assertRegex(run.message, "settings/(a|new)")
+
     def test_no_room_for_a_new_database(self):
-        self.fails(9, "io", "-D", "new", "init", env={**TRAP, "CALL_TRAP_FULL": 2})
+        for call in 1, 2, 3:
+            message = self.fails(9, "io", "-D", f"new{call}", "init",
+                                 env={**TRAP, "CALL_TRAP_FULL": call})
+            self.assertRegex(message, f"new{call}.*: No space left on device")
         self.run_tool("-D", "new", "init", *CHEAP)
         self.run_tool("-D", "new", "check", "--deep")
 

@@ -26,16 +26,32 @@ TEST(ExitCodeTest, OtherStatusesAreForeign) {
 
 TEST(CheckTest, ThrowsTheStatusWithItsMeaning) {
     check(kOk, "nothing");
+    errno = 0;
     try {
         check(kIo, "cannot write keys/a", "keys/a");
         FAIL();
     } catch (const Failure& failure) {
         EXPECT_EQ(kIo, failure.status());
         EXPECT_EQ("keys/a", failure.path());
-        EXPECT_EQ(
-            "cannot write keys/a: a file could not be read or written (disk full? no permission?), "
-            "or encryption failed",
-            std::string(failure.what()));
+        EXPECT_EQ("cannot write keys/a: a file could not be read or written, or encryption failed",
+                  std::string(failure.what()));
+    }
+}
+
+TEST(CheckTest, SaysWhatTheSystemSaid) {
+    errno = ENOSPC;
+    try {
+        check(kIo, "cannot write keys/a", "keys/a");
+        FAIL();
+    } catch (const Failure& failure) {
+        EXPECT_EQ("cannot write keys/a: No space left on device", std::string(failure.what()));
+    }
+    errno = ENOENT;  // somebody has looked for what is not there
+    try {
+        check(kIo, "cannot write keys/a", "keys/a");
+        FAIL();
+    } catch (const Failure& failure) {
+        EXPECT_EQ(std::string::npos, std::string(failure.what()).find("No such file"));
     }
 }
 
