@@ -90,6 +90,12 @@ const unsigned char* aBuf::datap() const {
     return callForValue<unsigned char*>(nullptr, [](TBuf& buf) { return buf.data(); });
 }
 
+std::span<const unsigned char> aBuf::view() const {
+    return callForValue(std::span<const unsigned char>(), [](TBuf& buf) {
+        return std::span<const unsigned char>(buf.data(), buf.length());
+    });
+}
+
 Status aBuf::dup(const aBuf& other) {
     TBuf* const theirs = other.target();
     if (theirs == nullptr) {

@@ -10,6 +10,8 @@
 #ifndef CLIENT_CMN_ABUF_H
 #define CLIENT_CMN_ABUF_H
 
+#include <span>
+
 #include "api/t_buf.h"
 #include "client/pkixhook.h"
 #include "cmn/cmn_stub.h"
@@ -73,6 +75,10 @@ public:
     // The first byte, valid until the contents change; null without a buffer.
     unsigned char* datap();
     const unsigned char* datap() const;
+
+    // The bytes, valid until the contents change; none without a buffer. One call where
+    // datap() and len() are two.
+    std::span<const unsigned char> view() const;
 
     // Replaces the contents by a copy of the other's.
     //   kNoObject  either has no buffer

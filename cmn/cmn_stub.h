@@ -13,6 +13,7 @@
 #ifndef CMN_CMN_STUB_H
 #define CMN_CMN_STUB_H
 
+#include <atomic>
 #include <mutex>
 #include <type_traits>
 #include <utility>
@@ -108,6 +109,9 @@ public:
     // One more object depends on the service. Acquires it if the host has it, and counts
     // the use in any case.
     void ref() override {
+        if (changeUses(1)) {
+            return;
+        }
         const std::lock_guard locked(mutex);
         bind();
         ++count;
@@ -115,6 +119,9 @@ public:
 
     // Undoes one ref(); the last one releases the service and its module.
     void unref() override {
+        if (changeUses(-1)) {
+            return;
+        }
         const std::lock_guard locked(mutex);
         if (--count == 0 && m_ref.get() != nullptr) {
             m_ref = nullptr;
@@ -184,6 +191,19 @@ private:
         }
     };
 
+    // Counts without the lock where that neither acquires nor releases the service: it is
+    // held, and was in use before and is afterwards. False, and nothing counted, elsewhere.
+    bool changeUses(int by) noexcept {
+        int before = count.load(std::memory_order_relaxed);
+        while (before > 0 && before + by > 0 && m_ref.get() != nullptr) {
+            if (count.compare_exchange_weak(before, before + by, std::memory_order_acq_rel,
+                                            std::memory_order_relaxed)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
     // The caller holds `mutex`, so only one thread asks the host.
     void bind() {
         if (ModMgr == nullptr || m_ref.get() != nullptr) {
@@ -196,8 +216,8 @@ private:
         }
     }
 
-    int count = 0;    // under mutex
-    CMN_Mutex mutex;  // guards count and the acquisition
+    std::atomic<int> count{0};  // reaches 0, and leaves it, under mutex
+    CMN_Mutex mutex;            // guards the acquisition and the release
 };
 
 template <class T>

@@ -1,4 +1,5 @@
 // A record's body as a file: its bytes, as they are or encrypted, and nothing else.
+#include <span>
 #include <utility>
 
 #include "cmn/no_throw.h"
@@ -19,7 +20,8 @@ aBuf FileStore::bodyOnDisk() {
 // The format has no way to tell an empty body file from one whose bytes were lost,
 // so an empty body is a failure.
 bool FileStore::writeBytes(const os::File& file, const aBuf& bytes) {
-    return bytes.len() != 0 && os::writeAll(file.get(), bytes.datap(), bytes.len());
+    const std::span<const unsigned char> data = bytes.view();
+    return !data.empty() && os::writeAll(file.get(), data.data(), data.size());
 }
 
 Status FileStore::writeBody(const char* path) {
@@ -45,18 +47,17 @@ Status FileStore::readBody(const char* path) {
     if (path == nullptr) {
         return kInvalid;
     }
-    os::File file;
-    off_t length = 0;
-    if (const Status status = openRecordFile(path, kIo, file, length); status != kOk) {
+    RecordFile file;
+    if (const Status status = file.open(path, kIo); status != kOk) {
         return status;
     }
-    const auto size = static_cast<unsigned int>(length);  // a body has 32 bits of size
-    if (static_cast<off_t>(size) != length) {
+    const auto size = static_cast<unsigned int>(file.size());  // a body has 32 bits of size
+    if (static_cast<off_t>(size) != file.size()) {
         return kIo;
     }
     const Status resized = noThrow([&] {
         body.resize(size);
         return kOk;
     });
-    return resized == kOk && os::readAll(file.get(), body.data(), size) ? kOk : kIo;
+    return resized == kOk && file.copyTo(body.data()) ? kOk : kIo;
 }

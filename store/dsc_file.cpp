@@ -2,6 +2,8 @@
 // attributes, and the line that names the body file.
 #include <cstring>
 #include <limits>
+#include <memory>
+#include <span>
 #include <utility>
 
 #include "cmn/no_throw.h"
@@ -19,7 +21,9 @@ Status FileStore::bringAttr(const Attr& attr, std::string& line) {
         return kIo;
     }
     line.clear();
-    return appendDscLine(attr.type, attr.id, bytes.datap(), bytes.len(), line);
+    const std::span<const unsigned char> data = bytes.view();
+    return appendDscLine(attr.type, attr.id, data.data(), static_cast<unsigned int>(data.size()),
+                         line);
 }
 
 Status FileStore::parseAttr(const char* line, Attr& attr) {
@@ -116,20 +120,20 @@ namespace {
 
 constexpr std::size_t kUsualLines = 8;
 
-// The file's bytes with one spare byte behind them, for the line reader.
-Status readText(const char* path, std::unique_ptr<char[]>& text, std::size_t& size) {
-    os::File file;
-    off_t length = 0;
-    if (const Status status = openRecordFile(path, kMalformed, file, length); status != kOk) {
-        return status;
+// The file's bytes with one spare byte behind them, for the line reader: in the file's own
+// room, or in `large`.
+Status readText(RecordFile& file, std::unique_ptr<char[]>& large, char*& text) {
+    text = file.whole();
+    if (text != nullptr) {
+        return kOk;
     }
     // More than a line could hold is more than memory should be asked for.
-    if (length >= std::numeric_limits<unsigned int>::max()) {
+    if (file.size() >= std::numeric_limits<unsigned int>::max()) {
         return kNoMemory;
     }
-    size = static_cast<std::size_t>(length);
-    text = std::make_unique_for_overwrite<char[]>(size + 1);
-    return os::readAll(file.get(), text.get(), size) ? kOk : kMalformed;
+    large = std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(file.size()) + 1);
+    text = large.get();
+    return file.copyTo(text) ? kOk : kMalformed;
 }
 
 }  // namespace
@@ -139,13 +143,17 @@ Status FileStore::readDSC(const char* path, std::vector<Attr>& attrs) {
         return kInvalid;
     }
     return noThrow([&] {
-        std::unique_ptr<char[]> text;
-        std::size_t size = 0;
-        if (const Status status = readText(path, text, size); status != kOk) {
+        RecordFile file;
+        if (const Status status = file.open(path, kMalformed); status != kOk) {
+            return status;
+        }
+        std::unique_ptr<char[]> large;
+        char* text = nullptr;
+        if (const Status status = readText(file, large, text); status != kOk) {
             return status;
         }
         attrs.reserve(attrs.size() + kUsualLines);  // or the first few would move each time
-        DscLineReader lines(text.get(), size);
+        DscLineReader lines(text, static_cast<std::size_t>(file.size()));
         const char* line = nullptr;
         Status status = lines.next(line);
         for (; status == kOk; status = lines.next(line)) {

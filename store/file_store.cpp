@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <utility>
 
 #include "client/s_filestoreC.h"
@@ -362,7 +363,8 @@ Status FileStore::decryptBody(aBuf& cipher) {
     if (plain.target() == nullptr) {
         return outcome(plain.error());
     }
-    return outcome(setBody(plain.datap(), plain.len()));
+    const std::span<const unsigned char> bytes = plain.view();
+    return outcome(setBody(bytes.data(), static_cast<unsigned int>(bytes.size())));
 }
 
 Status FileStore::decryptAttr(Attr& attr, aBuf& cipher) {
@@ -376,15 +378,17 @@ Status FileStore::decryptAttr(Attr& attr, aBuf& cipher) {
     if (plain.target() == nullptr) {
         return outcome(plain.error());
     }
-    const unsigned char* const bytes = plain.datap();
-    const unsigned int size = plain.len();
+    const std::span<const unsigned char> bytes = plain.view();
     // Attr::set() looks for the end of a string; what decrypts to none must not
     // make it look too far.
-    if (attr.dataType() == kTypeString && (size == 0 || std::memchr(bytes, 0, size) == nullptr)) {
+    if (attr.dataType() == kTypeString &&
+        (bytes.empty() || std::memchr(bytes.data(), 0, bytes.size()) == nullptr)) {
         return kIo;
     }
     Attr fresh;
-    if (const Status status = fresh.set(attr.type, attr.id, bytes, size); status != kOk) {
+    if (const Status status =
+            fresh.set(attr.type, attr.id, bytes.data(), static_cast<unsigned int>(bytes.size()));
+        status != kOk) {
         return outcome(status);
     }
     attr = std::move(fresh);

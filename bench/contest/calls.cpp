@@ -24,6 +24,9 @@ constexpr std::size_t kDescriptorSize = 302;
 constexpr std::string_view kHead = "11000003 00000000 ";
 constexpr std::size_t kBodyNameSize = 8;
 
+// Where the store reads a file of less, the system is not asked for the size.
+constexpr std::size_t kShort = 4096;
+
 std::string pathOf(const std::string& name) {
     return std::string(kFolder) + "/" + name;
 }
@@ -52,12 +55,11 @@ std::string_view load(const std::string& path, std::vector<char>& bytes) {
         require(errno == ENOENT, "calls: a file does not open");
         return {};
     }
-    struct stat status {};
-    require(os::fstat(fd, &status) == 0, "calls: no size");
-    bytes.resize(static_cast<std::size_t>(status.st_size));
-    require(os::read(fd, bytes.data(), bytes.size()) == status.st_size && os::close(fd) == 0,
+    bytes.resize(kShort);
+    const ssize_t size = os::pread(fd, bytes.data(), bytes.size(), 0);
+    require(size > 0 && static_cast<std::size_t>(size) < kShort && os::close(fd) == 0,
             "calls: a file is not read");
-    return {bytes.data(), bytes.size()};
+    return {bytes.data(), static_cast<std::size_t>(size)};
 }
 
 std::string bodyNamedBy(std::string_view descriptor) {

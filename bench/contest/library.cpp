@@ -208,13 +208,10 @@ private:
     static void load(const std::string& path) {
         const int fd =
             os::open(path.c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0);
-        struct stat status {};
         char bytes[4096];
-        require(
-            fd >= 0 && os::fstat(fd, &status) == 0 &&
-                os::read(fd, bytes, static_cast<std::size_t>(status.st_size)) == status.st_size &&
-                os::close(fd) == 0,
-            "calls: a file is not read");
+        const ssize_t size = fd < 0 ? -1 : os::pread(fd, bytes, sizeof bytes, 0);
+        require(size > 0 && static_cast<std::size_t>(size) < sizeof bytes && os::close(fd) == 0,
+                "calls: a file is not read");
     }
 
     Lock lock_;

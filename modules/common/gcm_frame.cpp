@@ -19,7 +19,11 @@ constexpr std::size_t kStep = std::size_t{1} << 20;
 // One message's use of a context, which goes back to the idle ones afterwards.
 class GcmFrame::Session {
 public:
-    explicit Session(const GcmFrame& owner) : owner_(owner) {
+    explicit Session(const GcmFrame& owner)
+        : owner_(owner), ctx_(owner.spare_.exchange(nullptr, std::memory_order_acquire)) {
+        if (ctx_ != nullptr) {
+            return;
+        }
         const std::lock_guard locked(owner_.mutex_);
         if (!owner_.idle_.empty()) {
             ctx_ = std::move(owner_.idle_.back());
@@ -30,6 +34,12 @@ public:
     Session& operator=(const Session&) = delete;
     ~Session() {
         if (ctx_ == nullptr) {
+            return;
+        }
+        EVP_CIPHER_CTX* none = nullptr;
+        if (owner_.spare_.compare_exchange_strong(none, ctx_.get(), std::memory_order_release,
+                                                  std::memory_order_relaxed)) {
+            (void)ctx_.release();
             return;
         }
         (void)noThrow([&] {  // without memory for one more, the context is freed
@@ -87,6 +97,10 @@ private:
     const GcmFrame& owner_;
     ossl::CipherCtx ctx_;
 };
+
+GcmFrame::~GcmFrame() {
+    const ossl::CipherCtx spare(spare_.load(std::memory_order_acquire));
+}
 
 Status GcmFrame::make(std::span<const unsigned char> key, std::unique_ptr<GcmFrame>& made) {
     if (!isKeySize(key.size())) {

@@ -10,6 +10,7 @@
 #ifndef MODULES_COMMON_GCM_FRAME_H
 #define MODULES_COMMON_GCM_FRAME_H
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -36,6 +37,10 @@ public:
     // size, kNoMemory, or kIo if OpenSSL does not offer the cipher.
     static Status make(std::span<const unsigned char> key, std::unique_ptr<GcmFrame>& made);
 
+    GcmFrame(const GcmFrame&) = delete;
+    GcmFrame& operator=(const GcmFrame&) = delete;
+    ~GcmFrame();
+
     std::span<const unsigned char> key() const noexcept { return key_.view(); }
 
     // The frame of `plain`, or the message of `frame`, appended to the empty buffer
@@ -55,6 +60,8 @@ private:
     WipedBytes key_;
     // Contexts that know the key already and that no message is using: setting up
     // the key costs more than a short message does.
+    // A thread that is alone finds its own again without a lock.
+    mutable std::atomic<EVP_CIPHER_CTX*> spare_{nullptr};  // owned
     mutable std::mutex mutex_;  // guards idle_; held for a push or a pop only
     mutable std::vector<ossl::CipherCtx> idle_;
 };

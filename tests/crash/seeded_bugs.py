@@ -26,6 +26,7 @@ def Bug(name, file, old, new, first=POWER, also=()):
 RECORD = "store/record_disk.cpp"
 DSC = "store/dsc_file.cpp"
 BODY = "store/body_file.cpp"
+FILE = "store/record_file.cpp"
 LIST = "store/file_store_list.cpp"
 NAMES = "store/record_names.cpp"
 RECRYPT = "service/recrypt.cpp"
@@ -94,13 +95,11 @@ BUGS = (
     Bug("reader_does_not_repair", RECORD,
         "if (status == kMissing) {\n        // A repair",
         "if (status == kNotOpen) {\n        // A repair"),
-    Bug("short_body_taken_for_whole", BODY,
-        "return resized == kOk && os::readAll(file.get(), body.data(), size) ? kOk : kIo;",
-        "(void)os::readAll(file.get(), body.data(), size);\n    return resized;", CALLS),
-    Bug("short_descriptor_taken_for_whole", DSC,
-        "return os::readAll(file.get(), text.get(), size) ? kOk : kMalformed;",
-        "const ssize_t got = os::readSome(file.get(), text.get(), size);\n"
-        "    size = got < 0 ? 0 : static_cast<std::size_t>(got);\n    return kOk;", CALLS),
+    Bug("unread_file_taken_for_empty", FILE,
+        "    size_ = status.st_size;", "    size_ = static_cast<off_t>(known_);", CALLS),
+    Bug("file_that_cannot_be_read_on_taken_for_whole", FILE,
+        "        if (got <= 0) {\n            return false;",
+        "        if (got <= 0) {\n            return true;", CALLS),
     Bug("flag_of_cipher_form_not_cleared", "store/file_store.cpp",
         "        bodyPending = 0;\n        bodyPresent = 1;",
         "        bodyPresent = 1;"),

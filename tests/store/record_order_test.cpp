@@ -166,7 +166,6 @@ open F rdonly|directory
 fsync F
 close F
 open F/a.dsc.$o$ rdonly
-fstat F/a.dsc.$o$
 read F/a.dsc.$o$ 47
 close F/a.dsc.$o$
 remove F/a.dsc.$o$
@@ -196,7 +195,6 @@ open F rdonly|directory
 fsync F
 close F
 open F/a.dsc.$o$ rdonly
-fstat F/a.dsc.$o$
 read F/a.dsc.$o$ 47
 close F/a.dsc.$o$
 remove F/a.dsc.$o$
@@ -236,7 +234,6 @@ access F/a.dsc
 rename F/a.dsc F/a.dsc.$o$
 rename F/a.dsc.$n$ F/a.dsc
 open F/a.dsc.$o$ rdonly
-fstat F/a.dsc.$o$
 read F/a.dsc.$o$ 47
 close F/a.dsc.$o$
 remove F/a.dsc.$o$
@@ -244,11 +241,9 @@ remove F/OLD
 )"},
     {"Read", [] { save(kWithBody); }, read, R"(
 open F/a.dsc rdonly
-fstat F/a.dsc
 read F/a.dsc 47
 close F/a.dsc
 open F/OLD rdonly
-fstat F/OLD
 read F/OLD 4
 close F/OLD
 )"},
@@ -266,11 +261,9 @@ open F rdonly|directory
 fsync F
 close F
 open F/a.dsc rdonly
-fstat F/a.dsc
 read F/a.dsc 47
 close F/a.dsc
 open F/OLD rdonly
-fstat F/OLD
 read F/OLD 4
 close F/OLD
 )"},
@@ -279,7 +272,6 @@ close F/OLD
     // durable any more.
     {"Remove", [] { save(kWithBody); }, erase, R"(
 open F/a.dsc rdonly
-fstat F/a.dsc
 read F/a.dsc 47
 close F/a.dsc
 rename F/a.dsc F/a.dsc.$o$
@@ -292,7 +284,6 @@ remove F/OLD
 )"},
     {"RemoveWithoutBody", [] { save(kWithoutBody); }, erase, R"(
 open F/a.dsc rdonly
-fstat F/a.dsc
 read F/a.dsc 20
 close F/a.dsc
 rename F/a.dsc F/a.dsc.$o$
@@ -309,7 +300,6 @@ remove F/a.dsc.$d$
      },
      erase, R"(
 open F/a.dsc rdonly
-fstat F/a.dsc
 read F/a.dsc 20
 close F/a.dsc
 rename F/a.dsc F/a.dsc.$o$
@@ -328,7 +318,6 @@ remove F/a.dsc.$d$
 open F/a.dsc rdonly failed ENOENT
 access F/a.dsc failed ENOENT
 open F/a.dsc.$o$ rdonly
-fstat F/a.dsc.$o$
 read F/a.dsc.$o$ 47
 close F/a.dsc.$o$
 rename F/a.dsc F/a.dsc.$o$ failed ENOENT
@@ -346,7 +335,6 @@ remove F/OLD
      },
      erase, R"(
 open F/a.dsc rdonly
-fstat F/a.dsc
 read F/a.dsc 20
 close F/a.dsc
 rename F/a.dsc F/a.dsc.$o$ failed EISDIR
@@ -367,7 +355,6 @@ remove F/a.dsc.$d$
      },
      erase, R"(
 open F/a.dsc rdonly
-fstat F/a.dsc
 read F/a.dsc 20
 close F/a.dsc
 rename F/a.dsc F/a.dsc.$o$

@@ -143,6 +143,17 @@ private:
 
 namespace {
 
+// A file that is read by position falls short of what it has only where one of its pages
+// ends, or has nothing to give.
+std::size_t wholePages(std::size_t allowed, std::size_t asked) {
+    constexpr std::size_t kPage = 4096;
+    if (allowed == asked || allowed == 0) {
+        return allowed;
+    }
+    const std::size_t pages = allowed / kPage * kPage;
+    return pages != 0 ? pages : asked;
+}
+
 // Before main(), so that no test finds its allocations among its own.
 [[maybe_unused]] const Seam& madeEarly = Seam::get();
 
@@ -471,7 +482,8 @@ ssize_t os::read(int fd, void* data, std::size_t size) noexcept {
 
 ssize_t os::pread(int fd, void* data, std::size_t size, off_t at) noexcept {
     Step step(Call::kRead, fd, size);
-    return step.done(step.fails() ? -1 : ::pread(fd, data, step.verdict.size, at));
+    return step.done(
+        step.fails() ? -1 : ::pread(fd, data, fault::wholePages(step.verdict.size, size), at));
 }
 
 ssize_t os::write(int fd, const void* data, std::size_t size) noexcept {
