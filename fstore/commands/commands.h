@@ -15,6 +15,7 @@ void addShow(Cli& cli);
 void addTree(Cli& cli);
 void addVerify(Cli& cli);
 void addMetrics(Cli& cli);
+void addReport(Cli& cli);
 void addExport(Cli& cli);
 void addRef(Cli& cli);
 void addDeploy(Cli& cli);
@@ -49,6 +50,7 @@ inline void addCommands(Cli& cli) {
     addTree(cli);
     addVerify(cli);
     addMetrics(cli);
+    addReport(cli);
     addExport(cli);
     addRef(cli);
     addDeploy(cli);
