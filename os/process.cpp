@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -38,6 +39,9 @@ char removedPath[PATH_MAX];
 volatile sig_atomic_t removedPathIsWhole = 0;
 volatile sig_atomic_t killedGroup = 0;
 bool handlesSignals = false;
+volatile sig_atomic_t notesInterrupt = 0;
+std::atomic<bool> interruptNoted{false};
+static_assert(std::atomic<bool>::is_always_lock_free);  // for a signal handler
 
 // umask() would set it to know it, for all threads. The system shows it as "Umask:\t0022".
 std::optional<mode_t> shownMask() noexcept {
@@ -57,6 +61,9 @@ std::optional<mode_t> shownMask() noexcept {
 }
 
 void onSignal(int number) noexcept {
+    if (number == SIGINT && notesInterrupt != 0 && !interruptNoted.exchange(true)) {
+        return;
+    }
     restoreEcho();
     if (removedPathIsWhole != 0) {
         (void)::unlink(removedPath);  // not through the seam: only this call may be made here
@@ -118,6 +125,20 @@ void installSignalHandlers() noexcept {
     }
     ::signal(SIGPIPE, SIG_IGN);
     ::signal(SIGXFSZ, SIG_IGN);  // a limit is reached as a disk gets full
+}
+
+NotedInterrupt::NotedInterrupt() noexcept {
+    interruptNoted = false;
+    notesInterrupt = 1;
+}
+
+NotedInterrupt::~NotedInterrupt() {
+    notesInterrupt = 0;
+    interruptNoted = false;
+}
+
+bool isInterruptNoted() noexcept {
+    return interruptNoted;
 }
 
 void removeOnSignal(const char* path) noexcept {

@@ -33,6 +33,19 @@ namespace os {
 // usual. SIGPIPE and SIGXFSZ are ignored; writing fails with EPIPE or EFBIG instead.
 void installSignalHandlers() noexcept;
 
+// While it lives, the first SIGINT is only noted, for work that ends by itself when it learns of
+// it; the next one ends the process. Needs the handlers. One at a time.
+class NotedInterrupt {
+public:
+    NotedInterrupt() noexcept;
+    NotedInterrupt(const NotedInterrupt&) = delete;
+    NotedInterrupt& operator=(const NotedInterrupt&) = delete;
+    ~NotedInterrupt();
+};
+
+// Whether one was noted since a NotedInterrupt was made. From any thread.
+[[nodiscard]] bool isInterruptNoted() noexcept;
+
 // The absolute path of the file that the signal handler removes; null for none. A path
 // that is too long is ignored, and so are all in a process without the handlers.
 void removeOnSignal(const char* path) noexcept;

@@ -82,7 +82,8 @@ Assignment Assignment::parse(const std::string& text, StandardInput& input) {
     std::string_view right = std::string_view(text).substr(equals + 1);
     const std::size_t colon = left.find(':');
     Assignment assignment;
-    assignment.id = parseEditableId(left.substr(0, colon));
+    assignment.name = left.substr(0, colon);
+    assignment.id = parseEditableId(assignment.name);
     assignment.type =
         colon == std::string_view::npos ? kTypeText : parseType(left, left.substr(colon + 1));
     const bool fromFile = right.starts_with('@') && !right.starts_with("@@");
@@ -98,7 +99,16 @@ Assignment Assignment::parse(const std::string& text, StandardInput& input) {
 }
 
 void Assignment::applyTo(Record& record, bool encrypt) const {
-    AttributeChange{id, type, value, encrypt}.applyTo(record);
+    try {
+        AttributeChange{id, type, value, encrypt}.applyTo(record);
+    } catch (const Failure& failure) {
+        if (failure.status() != kMalformed) {
+            throw;
+        }
+        refuse(name,
+               "a text cannot be stored that has a line feed or a NUL in it, or begins with a "
+               "blank; store it as binary, or with --encrypt");
+    }
 }
 
 unsigned int parseEditableId(std::string_view text) {

@@ -17,6 +17,7 @@ struct Assignment {
     unsigned int id = 0;
     unsigned int type = 0;
     SecretBytes value;  // as the type stores it
+    std::string name;   // of the attribute, as it was given
 
     // Reads "label=Web server", "0x8001:number=5", "0x8002:binary=00ff" and
     // "0x8003=@FILE": the contents of a file, of which a text loses the last line feed. A
@@ -24,7 +25,8 @@ struct Assignment {
     static Assignment parse(const std::string& text, StandardInput& input);
 
     // Gives the record this one attribute with the id, in the place of the first that has it;
-    // encrypted if `encrypt` is set or the present one is encrypted.
+    // encrypted if `encrypt` is set or the present one is encrypted. Throws kInvalid for a text
+    // that no record can hold in plain form.
     void applyTo(Record& record, bool encrypt) const;
 };
 

@@ -17,6 +17,7 @@
 #include "lib/base/key_file.h"
 #include "lib/database/lost.h"
 #include "lib/work/key_slots.h"
+#include "os/process.h"
 
 namespace fstore {
 namespace {
@@ -145,6 +146,8 @@ RotationReport rotate(const Options& options, const Plan& plan, const SecretText
         recovery->handOver(sheetFor(context.database.place().folder, plan.db, slot.n, slot.label));
         rotation.recovery = recovery->secret();
     }
+    // Interrupted, it says which password holds.
+    const os::NotedInterrupt noted;
     RotationReport done = rotateKey(context.database, rotation);
     if (recovery) {
         recovery->confirmSlot();

@@ -39,7 +39,7 @@ struct GetOptions {
     bool force = false;
 };
 
-// Others have their turn while the user thinks: what is replaced is what is there then.
+// Others have their turn while the user thinks: what they change is asked about again.
 void confirmReplacing(const Address& address, const Globals& globals) {
     if (!confirm(fmt::format("Replace the body of {}?", address.print()), globals.noInput)) {
         throw Failure(kInvalid,
@@ -83,13 +83,18 @@ Status runPut(const PutOptions& options, Context& context) {
     const auto change = [&] {
         return changeNamed(context.database, named, store, needFor(!rules.plain));
     };
-    try {
-        return change();
-    } catch (const RecordExists&) {
-        confirmReplacing(address, context.globals);
+    for (;;) {
+        try {
+            return change();
+        } catch (const RecordExists& there) {
+            if (!rules.replaced.empty()) {
+                context.output.warn(
+                    fmt::format("{} has been changed in the meantime", address.print()));
+            }
+            confirmReplacing(address, context.globals);
+            rules.replaced = there.state();
+        }
     }
-    rules.isNew = false;
-    return change();
 }
 
 bool isForTerminals(std::span<const unsigned char> body) {

@@ -8,6 +8,7 @@
 #include "fstore/terminal/output.h"
 #include "fstore/terminal/progress_bar.h"
 #include "lib/base/observer.h"
+#include "os/process.h"
 
 namespace fstore {
 
@@ -23,8 +24,8 @@ public:
     }
     void step() noexcept override { bar_->step(); }
     void end() noexcept override { bar_.reset(); }
-    // A signal ends the whole process.
-    bool isCancelled() noexcept override { return false; }
+    // Any other signal ends the whole process.
+    bool isCancelled() noexcept override { return os::isInterruptNoted(); }
 
     // A database of the tool has its key from a KeySource, and asks nobody.
     SecretText password() override { throw Failure(kUsage, "no password was given"); }

@@ -61,6 +61,10 @@ void keepWhatIsAside(Observer& observer) {
     }
 }
 
+[[noreturn]] void failUnchanged() {
+    throw Failure(kInterrupted, "interrupted; the password was not changed, and the old one holds");
+}
+
 DeepReport readSound(Observer& observer, const char* what) {
     DeepReport report = readEverything(observer, what, Bodies::kAll, /*examiner=*/nullptr);
     if (!report.unread.empty()) {
@@ -86,6 +90,18 @@ DeepReport readSound(Observer& observer, const char* what) {
             first.address.print());
     }
     return report;
+}
+
+// Before anything is changed.
+DeepReport readBefore(Observer& observer) {
+    try {
+        return readSound(observer, "Checking");
+    } catch (const Failure& failure) {
+        if (failure.status() != kInterrupted) {
+            throw;
+        }
+        failUnchanged();
+    }
 }
 
 // The old folder's records that the new one lacks. Names are all that can be compared
@@ -147,7 +163,7 @@ Protection recrypt(StoreService& store, Observer& observer, const SecretText& p,
     if (!protection.isUnfinished()) {
         store.close();  // its ciphers may carry the new key
         if (status == kInterrupted) {
-            throw Failure(kInterrupted, "interrupted; the password was not changed");
+            failUnchanged();
         }
         check(status == kOk ? kIo : status, "the password was not changed");
     }
@@ -158,7 +174,9 @@ Protection recrypt(StoreService& store, Observer& observer, const SecretText& p,
 // next command goes on. So it does after an interruption.
 [[noreturn]] void goBack(StoreService& store, const Protection& unfinished, const Failure& reason) {
     if (reason.status() == kInterrupted) {
-        throw Failure(reason);
+        throw Failure(kInterrupted,
+                      "interrupted; the new password holds, and the next command finishes the "
+                      "change");
     }
     if (!folderState().previous || !isPreviousOf(unfinished.record.sets.front())) {
         throw Failure(kFound,
@@ -196,7 +214,7 @@ Protection settleOld(const Protection& unfinished, Observer& observer) {
 Protection changePassword(StoreService& store, Observer& observer, const Protection& before,
                           NewKey fresh, bool keepOld) {
     requireCopyable();
-    const DeepReport contents = readSound(observer, "Checking");
+    const DeepReport contents = readBefore(observer);
     keepWhatIsAside(observer);
     writeBothSets(before, fresh, keepOld);
     const Protection changed = recrypt(store, observer, fresh.p, contents.secrets);

@@ -1,6 +1,7 @@
 #include "lib/pki/encode.h"
 
 #include "lib/base/error.h"
+#include "lib/base/printable.h"
 #include "lib/pki/made.h"
 #include "lib/pki/ossl.h"
 
@@ -92,13 +93,15 @@ SecretBytes pkcs12Of(const Pkcs12Content& content, const SecretText* password) {
             (void)sk_X509_push(others.get(), certificates.back().get());
         }
     }
+    // OpenSSL takes UTF-8 up to its first NUL.
+    const bool isPlain = isUtf8(content.label) && content.label.find('\0') == std::string::npos;
+    const std::string label = isPlain ? content.label : printable(content.label);
     constexpr int kNot = -1;
     const int cipher = password != nullptr ? NID_aes_256_cbc : kNot;
     const ossl::Pkcs12 file(PKCS12_create(
-        password != nullptr ? password->c_str() : nullptr,
-        content.label.empty() ? nullptr : content.label.c_str(), key.get(),
-        certificates.empty() ? nullptr : certificates[0].get(), others.get(), cipher, cipher,
-        kWrittenIterations, password != nullptr ? kWrittenIterations : kNot, 0));
+        password != nullptr ? password->c_str() : nullptr, label.empty() ? nullptr : label.c_str(),
+        key.get(), certificates.empty() ? nullptr : certificates[0].get(), others.get(), cipher,
+        cipher, kWrittenIterations, password != nullptr ? kWrittenIterations : kNot, 0));
     SecretBytes der = ossl::encoded<i2d_PKCS12>(file.get());
     if (der.empty()) {
         throw Failure(kIo, "cannot create the PKCS#12 file: OpenSSL failed");

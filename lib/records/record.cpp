@@ -33,6 +33,16 @@ std::span<const unsigned char> asBytes(std::string_view text) {
     return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
 }
 
+// Whether a descriptor holds this text as it is. What was written as a text of old is no
+// escape of anything else, so what does not fit needs another type.
+bool fitsInLine(unsigned int id, std::string_view text) {
+    DscLine written{kTypeText, id, std::string(text)};
+    DscLine read;
+    std::string line;
+    return printDscLine(written, line) == kOk && parseDscLine(line.c_str(), read) == kOk &&
+           line.find('\n') == std::string::npos && read.data == text;
+}
+
 void checkText(unsigned int id, std::string_view text) {
     constexpr std::string_view kBlanks = " \t\v\f\r";
     if (text.find_first_of(std::string_view("\n\0", 2)) != std::string_view::npos ||
@@ -280,6 +290,20 @@ void Record::setText(unsigned int id, std::string_view text) {
 
 void Record::setString(unsigned int id, std::string_view text) {
     setOrRemove(kTypeString, id, text);
+}
+
+void Record::setLabel(std::string_view label) {
+    const unsigned int type = fitsInLine(attr::kLabel, label) ? kTypeText : kTypeBinary;
+    for (unsigned int i = count(); i-- > 0;) {
+        if (id(i) == attr::kLabel && this->type(i) != type) {
+            check(changing().removeAttr(i), "cannot remove an attribute", address_.print());
+        }
+    }
+    if (type == kTypeText) {
+        setText(attr::kLabel, label);
+    } else {
+        setBinary(attr::kLabel, asBytes(label));
+    }
 }
 
 void Record::setOrRemove(unsigned int type, unsigned int id, std::string_view text) {

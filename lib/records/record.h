@@ -84,6 +84,9 @@ public:
     void setNumber(unsigned int id, std::uint32_t value);
     void setText(unsigned int id, std::string_view text);
     void setString(unsigned int id, std::string_view text);  // as setText(), but kTypeString
+    // Sets the label to any bytes, in plain form: as a text, or as kTypeBinary where a descriptor
+    // cannot hold the text.
+    void setLabel(std::string_view label);
     void setBinary(unsigned int id, std::span<const unsigned char> bytes, bool encrypted = false);
     // One more with this id.
     void addText(unsigned int id, std::string_view text);

@@ -10,6 +10,7 @@
 
 #include "format/layout.h"
 #include "lib/base/error.h"
+#include "lib/base/time.h"
 #include "lib/pki/object.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/record.h"
@@ -96,8 +97,10 @@ RequestContent contentLikeLast(Database& database, const RecordInfo& key) {
     rules.secrets = true;
     std::vector<RecordInfo> found = findRecords(database, rules).records;
     std::erase_if(found, [&](const RecordInfo& info) { return !isOf(info, key.keySha256); });
-    const auto last = std::ranges::max_element(found, {}, [](const RecordInfo& info) {
-        return std::tuple(info.kind == Kind::kCertificate, info.notBefore, info.imported);
+    const auto last = std::ranges::max_element(found, {}, [time = now()](const RecordInfo& info) {
+        // One that is not in force yet may never be.
+        const bool hasBegun = info.notBefore && *info.notBefore <= time;
+        return std::tuple(info.kind == Kind::kCertificate, hasBegun, info.notBefore, info.imported);
     });
     if (last == found.end()) {
         throw Failure(kMissing,
@@ -173,6 +176,33 @@ void refuseNumbers(const std::string& host) {
     }
 }
 
+// Graphic characters of ASCII, as certificates have it.
+bool isGraphic(std::string_view text) {
+    return std::ranges::all_of(text, [](char c) { return c > ' ' && c < 0x7F; });
+}
+
+void refuseOddMailbox(const std::string& mailbox) {
+    const std::size_t at = mailbox.rfind('@');
+    const bool hasParts = at != std::string::npos && at != 0 && at + 1 != mailbox.size();
+    if (!hasParts || !isGraphic(mailbox)) {
+        throw Failure(kInvalid, fmt::format("\"{}\" is not an e-mail address", mailbox));
+    }
+    (void)hostNameOf(mailbox.substr(at + 1));
+}
+
+// A scheme, and something behind it.
+void refuseOddUri(const std::string& uri) {
+    constexpr std::string_view kScheme =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+-.";
+    const std::size_t colon = uri.find_first_not_of(kScheme);
+    const bool hasScheme = colon != 0 && colon != std::string::npos && uri[colon] == ':' &&
+                           (uri[0] < '0' || uri[0] > '9');
+    if (!hasScheme || colon + 1 == uri.size() || !isGraphic(uri)) {
+        throw Failure(kInvalid,
+                      fmt::format("\"{}\" is not a URI, which is like https://example.com/", uri));
+    }
+}
+
 std::string hostOf(const std::string& text) {
     std::string host = hostNameOf(text);
     refuseNumbers(host);
@@ -186,6 +216,11 @@ std::string altNameOf(const std::string& text) {
         if (text.starts_with(kind)) {
             const bool isHost = kind == "DNS:" || kind == "IP:";
             const std::string value = text.substr(kind.size());
+            if (kind == "email:") {
+                refuseOddMailbox(value);
+            } else if (kind == "URI:") {
+                refuseOddUri(value);
+            }
             return isHost ? std::string(kind) + hostOf(value) : text;
         }
     }

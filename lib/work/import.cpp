@@ -10,7 +10,6 @@
 #include "lib/base/digits.h"
 #include "lib/base/error.h"
 #include "lib/base/time.h"
-#include "lib/pki/text.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/lookup.h"
 #include "lib/records/record.h"
@@ -172,11 +171,10 @@ Address Importer::addressFor(const PkiObject& object, const std::string& label) 
 }
 
 Importer::Result Importer::import(const PkiObject& object, const std::string& fileLabel) {
-    const std::string& given = rules_.label.empty() && !rules_.encrypt ? fileLabel : rules_.label;
-    const std::string label = attributeText(given);
+    const std::string& label = rules_.label.empty() && !rules_.encrypt ? fileLabel : rules_.label;
     const auto found = present_.find({object.kind, toHex(object.sha256)});
     if (found == present_.end()) {
-        return add(object, label, addressFor(object, given));
+        return add(object, label, addressFor(object, label));
     }
     if (rules_.replace) {
         return replace(object, label, found->second.front());
@@ -231,7 +229,7 @@ Importer::Result Importer::replace(const PkiObject& object, const std::string& l
 void Importer::fill(Record& record, const PkiObject& object, const std::string& label) const {
     describe(record, object, rules_.encrypt);
     if (!label.empty()) {
-        record.setText(attr::kLabel, label);
+        record.setLabel(label);
     }
     record.setText(attr::kImported, printTime(now()));
     record.setBody(object.der, wantsSecrecy(object, rules_));

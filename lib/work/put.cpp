@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include <fmt/format.h>
 #include <openssl/rand.h>
@@ -10,6 +11,7 @@
 #include "lib/base/sha256.h"
 #include "lib/base/time.h"
 #include "lib/records/catalogue.h"
+#include "lib/records/descriptor.h"
 #include "lib/records/lookup.h"
 #include "lib/records/record.h"
 #include "lib/records/record_info.h"
@@ -66,6 +68,16 @@ Record recordFor(Database& database, const Address& address) {
     requireRaw(record);
     makeReadable(database, record);
     return record;
+}
+
+// A descriptor names a body file that no other state of the record has had.
+void refuseOtherThan(const Address& address, const std::vector<unsigned char>& replaced) {
+    requireRaw(Record::read(address));  // before anybody is asked whether to replace it
+    const Sha256Digest digest = sha256(readDescriptorBytes(descriptorPath(address)));
+    std::vector<unsigned char> state(digest.begin(), digest.end());
+    if (state != replaced) {
+        throw RecordExists(address, std::move(state));
+    }
 }
 
 void giveBody(Record& record, std::span<const unsigned char> bytes, bool plain) {
@@ -128,9 +140,10 @@ Record recordFor(Database& database, const Address& address, const RecordChange&
 
 }  // namespace
 
-RecordExists::RecordExists(const Address& address)
+RecordExists::RecordExists(const Address& address, std::vector<unsigned char> state)
     : Failure(kInvalid, fmt::format("there is a record {} already", address.print()),
-              address.print()) {}
+              address.print()),
+      state_(std::move(state)) {}
 
 SecretBytes randomBytes(std::size_t size) {
     SecretBytes bytes(size);
@@ -144,8 +157,7 @@ void putBody(Database& database, const Address& address, SecretBytes& bytes,
              const PutRules& rules) {
     refuseRules(address, bytes, rules);
     if (rules.isNew && Record::isThere(address)) {
-        requireRaw(Record::read(address));  // before anybody is asked whether to replace it
-        throw RecordExists(address);
+        refuseOtherThan(address, rules.replaced);
     }
     if (!rules.plain) {
         database.requireSecrecy();
@@ -153,7 +165,8 @@ void putBody(Database& database, const Address& address, SecretBytes& bytes,
     Record record = recordFor(database, address);
     giveBody(record, bytes, rules.plain);
     if (!rules.label.empty()) {
-        record.setText(attr::kLabel, rules.label);
+        AttributeChange{attr::kLabel, kTypeText, {rules.label.begin(), rules.label.end()}}.applyTo(
+            record);
     }
     bytes = SecretBytes();
     BodyOwners owners(Lookup::current());
@@ -175,6 +188,10 @@ void AttributeChange::applyTo(Record& record) const {
         return;
     }
     const bool secret = encrypted || isKeptSecret(record, id);
+    if (id == attr::kLabel && type == kTypeText && !secret) {
+        record.setLabel(asText(value));
+        return;
+    }
     const unsigned int stored = secret ? kTypeBinary : type;
     const auto present = onlyWithId(record, id);
     if (!present || record.type(*present) != stored) {

@@ -23,12 +23,20 @@ struct PutRules {
     std::string label;   // empty for the one that the record has
     bool plain = false;  // body and digest are not encrypted
     bool isNew = false;  // RecordExists when there is such a record
+    // But not when it is still as this RecordExists::state() says.
+    std::vector<unsigned char> replaced = {};
 };
 
 // There is a record where a new one was to be made.
 class RecordExists : public Failure {
 public:
-    explicit RecordExists(const Address& address);
+    explicit RecordExists(const Address& address, std::vector<unsigned char> state = {});
+
+    // What putBody() met: each change of the record gives it another.
+    const std::vector<unsigned char>& state() const noexcept { return state_; }
+
+private:
+    std::vector<unsigned char> state_;
 };
 
 // Drawn by OpenSSL.
@@ -61,8 +69,8 @@ struct AttributeChange {
     bool encrypted = false;
     bool isRemoval = false;
 
-    // Throws kMalformed for a text that a descriptor cannot hold, and kEnd for the removal of what
-    // is not there.
+    // Throws kMalformed for a text, other than a label, that a descriptor cannot hold, and kEnd for
+    // the removal of what is not there.
     void applyTo(Record& record) const;
 };
 

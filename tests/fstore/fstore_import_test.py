@@ -185,7 +185,8 @@ class PlaceTest(ImportTest):
     def test_label_names_and_is_kept(self):
         (record,) = self.import_files("root.pem", options=("--label", " My: \"Root\"\n"))["records"]
         self.assertRegex(record["address"], r"remote/My-Root-[0-9a-f]{8}\Z")
-        self.assertEqual("\\ My: \"Root\"\\0A", record["label"])
+        self.assertEqual(" My: \"Root\"\n", record["label"])
+        self.assertIn("\"Root\"\\x0a", self.run_tool("ls").text)
 
 
 class AgainTest(ImportTest):

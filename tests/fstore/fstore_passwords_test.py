@@ -560,11 +560,25 @@ class ChangeTest(InitialisedTest):
                                      "LD_PRELOAD": support.CALL_TRAP})
         support.wait_until(lambda: (self.folder / "new_db").exists())
         process.send_signal(signal.SIGINT)
-        self.assertEqual(130, support.finish(process).code)
+        run = support.finish(process)
+        self.assertEqual(130, run.code)
+        self.assertIn("the password was not changed, and the old one holds", run.message)
         self.assertEqual(b"a", self.body("a"))
         self.fails(6, "wrong-password", "get", "a", password="new")
         self.run_tool("check", "--repair")
         self.assert_sound()
+
+    def test_an_interrupted_change_that_is_made_says_that_the_new_password_holds(self):
+        process = support.start("passwd", *CHEAP, cwd=self.folder,
+                                env={"FSTORE_NEW_PASSWORD": "new", "CALL_TRAP_PAUSE": "200",
+                                     "LD_PRELOAD": support.CALL_TRAP})
+        support.wait_until(lambda: (self.folder / "old_db").exists())
+        process.send_signal(signal.SIGINT)
+        run = support.finish(process)
+        self.assertEqual(130, run.code, run.message)
+        self.assertIn("the new password holds, and the next command finishes", run.message)
+        self.assertEqual(b"a", self.body("a", password="new"))
+        self.assertFalse((self.folder / "old_db").exists())
 
     def test_progress_is_drawn_on_a_terminal_only(self):
         self.assertNotIn("\r", self.change().message)

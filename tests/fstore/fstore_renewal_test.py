@@ -37,6 +37,18 @@ class RenewalTest(InitialisedTest):
                 run.document["superseded"])
 
 
+class ModelTest(RenewalTest):
+    def test_a_request_is_like_a_certificate_that_is_in_force(self):
+        self.certify("a", -10, 80, "in-force")
+        other = openssl("req", "-new", "-subj", "/CN=later", "-key", "/dev/stdin",
+                        stdin=self.run_tool("export", "keys/a", "--plain").out)
+        self.add(self.authority.sign(other, 10, 90), "later")
+        run = self.run_tool("request", "a")
+        text = openssl("req", "-noout", "-text", stdin=run.out).decode()
+        self.assertIn(HOST, text)
+        self.assertNotIn("later", text)
+
+
 class SupersededTest(RenewalTest):
     def test_alarm_leaves_out_what_was_renewed(self):
         old = self.certify("a", -80, 10.5, "old")

@@ -11,6 +11,7 @@
 #include "lib/base/error.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/record.h"
+#include "lib/records/record_info.h"
 #include "lib/work/create.h"
 #include "lib/work/export.h"
 #include "lib/work/find.h"
@@ -99,7 +100,6 @@ TEST_F(WorkTest, APutThatIsRefusedLeavesTheRecord) {
         {"no such folder", {"nowhere", "a"}, "b", {}, kMissing},
         {"of the password", {"", "kdf"}, "b", {}, kInvalid},
         {"nothing in plain form", kHere, "", {.label = {}, .plain = true}, kInvalid},
-        {"a label that is none", kHere, "b", {.label = "two\nlines", .plain = false}, kMalformed},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(row.status, failureOf([&] {
@@ -110,6 +110,17 @@ TEST_F(WorkTest, APutThatIsRefusedLeavesTheRecord) {
         EXPECT_EQ("body", bodyOf(kHere)) << row.what;
     }
     EXPECT_THAT(records(), ElementsAre(kHere));
+}
+
+TEST_F(WorkTest, AnyLabelIsKept) {
+    (void)create();
+    for (const std::string& label : {std::string("two\nlines"), std::string("a\0b", 3),
+                                     std::string(" x "), std::string("\\0A")}) {
+        SecretBytes bytes = bytesOf("body");
+        const Hold hold = database_.enter(Access::kChange, Need::kSecrets);
+        putBody(database_, kHere, bytes, {.label = label, .plain = false});
+        EXPECT_EQ(label, infoOf(Record::read(kHere)).label);
+    }
 }
 
 TEST_F(WorkTest, ABodyThatIsNotTheRecordsOwnIsNotHandedOut) {
