@@ -42,7 +42,8 @@ Status run(const Options& options, Context& context) {
     const Survey survey = withSecrets(context.database, Access::kRead,
                                       [&] { return surveyOf(context.database, time); });
     if (file) {
-        const std::string page = reportPage(survey, context.database.place().describe(), time);
+        const std::string page =
+            reportPage(survey, absolutePath(context.database.place().folder), time);
         file->write({reinterpret_cast<const unsigned char*>(page.data()), page.size()});
         file->commit();
     }

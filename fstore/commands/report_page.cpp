@@ -130,7 +130,7 @@ std::string Page::timeline() const {
         ticks += fmt::format("<span style=\"left:{}%\">{} d</span>", day * 100 / kAxis, day);
     }
     std::string text = fmt::format(
-        "<ul class=\"times\">\n<li class=\"axis\" aria-hidden=\"true\"><span class=\"pad\"></span>"
+        "<ul class=\"times\">\n<li class=\"axis\" aria-hidden=\"true\"><span></span>"
         "<div class=\"ticks\">{}</div></li>\n",
         ticks);
     for (std::size_t i = 0; i < std::min(shown.size(), kMostBars); ++i) {
