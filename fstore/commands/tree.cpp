@@ -120,7 +120,7 @@ Json toJson(const Branch& branch, const Forest& forest) {
     Json json = toJson(branch.info);
     json["depth"] = branch.depth;
     json["root"] = branch.isRoot;
-    json["superseded"] = branch.isSuperseded;
+    json["isSuperseded"] = branch.isSuperseded;
     if (branch.issuer) {
         json["issuerAddress"] = jsonText(forest.branches[*branch.issuer].info.address.print());
     } else if (branch.issuerBelow) {
@@ -129,7 +129,7 @@ Json toJson(const Branch& branch, const Forest& forest) {
         json["missing"] = jsonText(branch.info.issuer);
     }
     if (branch.key) {
-        json["key"] = jsonText(branch.key->print());
+        json["keyAddress"] = jsonText(branch.key->print());
     }
     return json;
 }

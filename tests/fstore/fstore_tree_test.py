@@ -88,7 +88,7 @@ class TreeTest(InitialisedTest):
         self.assertEqual({"root": (0, True, None), "b": (1, False, "keys/b"), "sub": (1, False, None),
                           "old": (2, False, "keys/a"), "new": (2, False, "keys/a")},
                          {record["address"].rsplit("/", 1)[1]:
-                          (record["depth"], record["root"], record.get("key"))
+                          (record["depth"], record["root"], record.get("keyAddress"))
                           for record in document["records"]})
 
     def test_host_without_a_certificate(self):
