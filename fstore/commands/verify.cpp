@@ -76,7 +76,7 @@ Json toJson(const Verified& verified) {
     if (!flawOf(verified).empty()) {
         json["reason"] = jsonText(flawOf(verified));
     }
-    if (verified.until) {
+    if (verified.until && flawOf(verified).empty()) {  // what is not good is good until no time
         json["until"] = printTime(*verified.until);
     }
     json["issuers"] = std::move(issuers);

@@ -183,6 +183,11 @@ SecretBytes keyOfSshType(std::string_view type, SshFields& fields) {
     if (type == "ssh-ed25519") {
         return ed25519Key(fields);
     }
+    if (type == "ssh-dss") {
+        throw Failure(kMalformed,
+                      "a DSA key in OpenSSH's format; on a copy of the file, `ssh-keygen -p -m PEM "
+                      "-N '' -f COPY` converts it");
+    }
     constexpr std::size_t kShown = 60;
     throw Failure(kMalformed, fmt::format("an OpenSSH key of type {} cannot be imported",
                                           clipped(printable(type), kShown)));

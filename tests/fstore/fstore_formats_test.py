@@ -197,6 +197,16 @@ class OpenSshTest(FormatTest):
         self.make("-t", "ed25519", password="secret")
         self.assertIn("ssh-keygen -p -N ''", self.fails(59, "malformed", "import", "id"))
 
+    def test_a_dsa_key_is_imported_as_the_message_says(self):
+        self.make("-t", "dsa")
+        message = self.fails(59, "malformed", "import", "id")
+        command = message.split("`")[1].replace("COPY", "id")
+        self.assertTrue(command.startswith("ssh-keygen "), message)
+        subprocess.run(command, shell=True, cwd=self.folder, check=True, capture_output=True,
+                       timeout=support.SECONDS)
+        document = self.run_tool("import", "id", "--json").document
+        self.assertEqual(["key"], [record["kind"] for record in document["records"]])
+
     def test_damage_is_told_and_never_a_key(self):
         lines = self.make("-t", "rsa", "-b", "2048").splitlines()
         body = base64.b64decode(b"".join(lines[1:-1]))

@@ -162,6 +162,10 @@ class RevokedTest(VerifyTest):
         self.assertEqual("it is revoked by a CRL of CN=Sub", self.reason())
         self.add(self.root.crl())
         self.assertEqual("it is revoked by a CRL of CN=Sub", self.reason("--crl"))
+        good = {record["address"]: "until" in record for record in
+                self.run_tool("verify", "--all", "--json", code=3).document["records"]}
+        self.assertEqual({"certificates/local/www": False, "certificates/remote/root": True,
+                          "certificates/remote/sub": True}, good)
 
     def test_old_crl_revokes_still(self):
         self.revoked()
