@@ -173,6 +173,10 @@ Status run(const Options& options, Context& context) {
     for (const std::string& file : options.files) {
         context.standardInput.claimIfNamed(file, "a file to import");
     }
+    if (!password.isGiven()) {
+        // Nobody is asked for a password in vain.
+        const Hold hold = context.database.enter(Access::kRead, Need::kFiles);
+    }
     const std::vector<Item> items = readItems(options, password);
     Report report(context.output);
     importObjects(items, rules, context.database, report);

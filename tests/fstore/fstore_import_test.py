@@ -473,6 +473,13 @@ class StateTest(FstoreTest):
         self.assertIn("no password", self.fails(14, "not-open", "import", pki.files() / "rsa.key"))
         self.run_tool("import", pki.files() / "root.pem")
 
+    def test_no_password_is_asked_for_without_a_database(self):
+        terminal = Terminal(["import", pki.files() / "modern.p12"], cwd=self.folder)
+        self.addCleanup(terminal.close)
+        self.assertEqual(50, terminal.wait(), terminal.seen)
+        self.assertIn("there is no database", terminal.seen)
+        self.assertNotIn("Password", terminal.seen)
+
     def test_busy_database(self):
         self.init()
         held = os.open(self.folder, os.O_RDONLY)
