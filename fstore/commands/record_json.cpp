@@ -55,7 +55,8 @@ Json toJson(const RecordInfo& info) {
     addText(json, "keyAlgorithm", info.keyAlgorithm);
     addText(json, "keySha256", info.keySha256);
     addText(json, "sha256", info.sha256);
-    if (info.kind == Kind::kCertificate) {
+    // Of an encrypted one it is not stored.
+    if (info.kind == Kind::kCertificate && (info.isCa || !info.bodyEncrypted)) {
         json["ca"] = info.isCa;
     }
     if (info.hasBody) {

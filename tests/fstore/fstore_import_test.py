@@ -249,6 +249,14 @@ class EncryptTest(ImportTest):
         self.assertTrue(shown["subject"].startswith("CN=\\ www"))
         self.assert_sound()
 
+    def test_whether_it_is_a_ca_is_not_said(self):
+        address = self.import_files("root.pem", options=("--encrypt",))["records"][0]["address"]
+        for options in (), ("--unlock",):
+            record = self.run_tool("show", *options, address, "--json").document["records"][0]
+            self.assertNotIn("ca", record)
+        (record,) = self.import_files("leaf.pem")["records"]
+        self.assertIs(False, record["ca"])
+
     def test_same_object_is_found_with_the_password(self):
         self.import_files("leaf.pem", options=("--encrypt",))
         document = self.import_files("leaf.pem", options=("--encrypt",))
