@@ -12,13 +12,15 @@ packages=openssl,libfmt9,libsqlite3-0,curl,python3-minimal,nginx-light,haproxy,a
 packages+=,stunnel4,mosquitto,redis-server,postgresql-15,socat,openvpn,php8.2-cli,ruby3.1,openssh-client
 packages+=,certbot,python3-cffi-backend,dehydrated,pebble,systemd
 packages+=,glusterfs-server,glusterfs-client,iproute2,procps,python3,restic,borgbackup,rclone,rsync,git
+# What debootstrap cannot configure in its order; apt can.
+late=chromium,fonts-dejavu-core,poppler-utils,prometheus,gnutls-bin,libnss3-tools
 
 if [ "$(id -u)" -ne 0 ] || ! command -v debootstrap >/dev/null; then
     echo "$0: needs root, and debootstrap, which scripts/install_deps.sh --full installs" >&2
     exit 1
 fi
 suite=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
-kept=build/programs/root-$(sha256sum <<<"$suite $packages" | cut -c 1-16).tar
+kept=build/programs/root-$(sha256sum <<<"$suite $packages $late" | cut -c 1-16).tar
 root=$(mktemp -d /var/tmp/filestore-programs.XXXXXX)
 trap 'rm -rf "$root"' EXIT
 
@@ -34,6 +36,11 @@ in_overlay() {
         exec "$@"' sh "$root" "$@"
 }
 
+in_chroot() {
+    DEBIAN_FRONTEND=noninteractive unshare --mount --pid --fork --kill-child \
+        --mount-proc="$root/made/proc" chroot "$root/made" "$@"
+}
+
 # A root with the packages, in $kept; downloads that were broken off are not made again.
 make_root() {
     local mirror
@@ -47,12 +54,18 @@ make_root() {
             "leave this out with --without-programs of ./test --full" >&2
         exit 1
     }
+    cp -r /etc/apt/apt.conf.d "$root/made/etc/apt"
+    in_chroot apt-get install --yes --no-install-recommends ${late//,/ } >"$root/log" 2>&1 || {
+        tail -n 5 "$root/log"
+        echo "$0: apt could not install $late in the root" >&2
+        exit 1
+    }
     tar -C "$root/made" -cf "$kept.new" .
     mv "$kept.new" "$kept"
     rm -rf "$root/made" "$root/work" build/programs/packages
 }
 
-echo "== a root with $packages"
+echo "== a root with $packages,$late"
 [ -e "$kept" ] || make_root
 tar -C "$root" -xpf "$kept"
 for component in tool modules library provider; do

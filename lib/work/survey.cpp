@@ -1,14 +1,11 @@
 #include "lib/work/survey.h"
 
 #include <algorithm>
-#include <limits>
-#include <map>
-#include <set>
 #include <utility>
 
 #include <fmt/format.h>
 
-#include "lib/base/time.h"
+#include "lib/base/digits.h"
 #include "lib/pki/signature.h"
 #include "lib/records/record.h"
 #include "lib/work/find.h"
@@ -123,18 +120,12 @@ private:
 }  // namespace
 
 unsigned int rsaBits(const std::string& algorithm) {
-    constexpr std::string_view kRsa = "RSA-";
-    if (!algorithm.starts_with(kRsa)) {
-        return 0;
-    }
-    unsigned int bits = 0;
-    for (const char c : algorithm.substr(kRsa.size())) {
-        if (c < '0' || c > '9' || bits > std::numeric_limits<unsigned int>::max() / 100) {
-            return 0;
+    for (const std::string_view head : {"RSA-PSS-", "RSA-"}) {
+        if (algorithm.starts_with(head)) {
+            return parseNumber(algorithm.substr(head.size())).value_or(0);
         }
-        bits = bits * 10 + static_cast<unsigned int>(c - '0');
     }
-    return bits;
+    return 0;
 }
 
 Survey surveyOf(Database& database, std::int64_t time) {

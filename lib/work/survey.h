@@ -39,7 +39,7 @@ struct Survey {
 
 Survey surveyOf(Database& database, std::int64_t time);
 
-// The bits of an RSA key of this algorithm, "RSA-2048"; 0 for another one.
+// The bits of an RSA key of this algorithm, "RSA-2048" or "RSA-PSS-2048"; 0 for another one.
 unsigned int rsaBits(const std::string& algorithm);
 
 }  // namespace fstore

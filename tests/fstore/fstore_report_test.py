@@ -87,6 +87,12 @@ class ReportTest(InitialisedTest):
                        "has no subject alternative name, so no browser takes it for a host"), found)
         self.assertFalse([row for row in found if row[0].endswith("/good")])
 
+    def test_weak_key_for_pss(self):
+        made = openssl("genpkey", "-algorithm", "RSA-PSS", "-pkeyopt", "rsa_keygen_bits:1024")
+        self.run_tool("import", "-", "--name", "pss", stdin=made)
+        self.assertIn(("keys/pss", "RSA key of 1024 bits; less than 2048 can be broken"),
+                      self.oddities())
+
     def test_signature_that_can_be_forged(self):
         for name, words in (("root", ("-x509", "-newkey", "rsa:2048", "-sha1")),
                             ("host", ("-newkey", "rsa:2048"))):
