@@ -12,7 +12,7 @@ bool looksLikeFormula(std::string_view text) {
 }
 
 std::string csvField(const std::string& text) {
-    const std::string shown = (looksLikeFormula(text) ? "'" : "") + printable(text);
+    std::string shown = (looksLikeFormula(text) ? "'" : "") + printable(text);
     if (shown.find_first_of(",\"") == std::string::npos) {
         return shown;
     }
