@@ -380,7 +380,8 @@ ToolState look(const std::string& folder) {
             if (!node.folder && !rest.ends_with("/plan") && !rest.ends_with("/plan.new")) {
                 state.lost[withoutTime(rest)] = node.bytes;
             }
-        } else if (!(isInside && (first == "db" || first == "new_db" || first == "old_db")) &&
+        } else if (!(isInside && (first == "db" || first == "new_db" || first == "old_db" ||
+                                  first == "db.state")) &&
                    !node.folder && !isDraft(path) && !isLockFile(path)) {
             state.files[path] = lastingIn(node.bytes);
         }
