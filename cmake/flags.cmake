@@ -31,10 +31,46 @@ if(FILESTORE_SANITIZE)
     endif()
 endif()
 
+# What a packager's flags name already is the packager's: the flags of CXXFLAGS and LDFLAGS come
+# first, and the later one would win.
+function(add_unless given pattern)
+    if(NOT given MATCHES "${pattern}")
+        cmake_parse_arguments(PARSE_ARGV 2 arg "" "" "COMPILE;LINK")
+        add_compile_options(${arg_COMPILE})
+        add_link_options(${arg_LINK})
+    endif()
+endfunction()
+
+# Of programs that attackers feed, whatever the architecture; all of it as distributions do.
+macro(harden)
+    if(NOT CMAKE_BUILD_TYPE STREQUAL "None" OR CMAKE_CXX_FLAGS MATCHES "-O[1-9s]")
+        # Undefined first: some compilers define it themselves.
+        add_unless("${CMAKE_CXX_FLAGS}" _FORTIFY_SOURCE
+                   COMPILE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+    endif()
+    add_unless("${CMAKE_CXX_FLAGS}" stack-protector COMPILE -fstack-protector-strong)
+    add_unless("${CMAKE_CXX_FLAGS}" stack-clash COMPILE -fstack-clash-protection)
+    if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64|i[3-6]86)$")
+        add_unless("${CMAKE_CXX_FLAGS}" cf-protection COMPILE -fcf-protection=full)
+    elseif(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
+        add_unless("${CMAKE_CXX_FLAGS}" branch-protection COMPILE -mbranch-protection=standard)
+    endif()
+    set(linking "${CMAKE_EXE_LINKER_FLAGS} ${CMAKE_MODULE_LINKER_FLAGS}")
+    add_unless("${linking}" "relro" LINK LINKER:-z,relro)
+    add_unless("${linking}" "z,(now|lazy)" LINK LINKER:-z,now)
+    add_unless("${linking}" "execstack" LINK LINKER:-z,noexecstack)
+endmacro()
+
 if(FILESTORE_HARDEN)
-    add_compile_options(-D_FORTIFY_SOURCE=2 -fstack-protector-strong)
-    add_link_options(-Wl,-z,relro,-z,now)
+    harden()
 endif()
+
+# The same bytes from any folder. Where somebody debugs, the debugger needs the folder.
+if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+    add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.
+                        -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
+endif()
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 
 add_library(build_flags INTERFACE)
 target_compile_features(build_flags INTERFACE cxx_std_20)

@@ -10,12 +10,12 @@
 #     LIBDIR/cmake/filestore/           find_package(filestore)
 #     LIBDIR/pkgconfig/                 filestore.pc, and filestore-c.pc of the C library
 #     lib/python3/dist-packages/        the Python package, where Debian's interpreter looks
-#     share/                            manual pages, completions, documents
+#     share/                            manual pages, completions, documents, examples
 #
 # What an installed header refers to, a header or a document, is installed too;
 # tests/system/install_test.sh looks.
 #
-# Each component is a Debian package. The modules are one of their own ("modules"): the tool and the
+# Each component is a Debian package, which debian/rules makes. The modules are one of their own ("modules"): the tool and the
 # library ("library") both load them, and whoever has the one need not have the other.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -48,6 +48,9 @@ target_compile_features(filestore_client INTERFACE cxx_std_20)
 target_compile_definitions(filestore_client INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 target_include_directories(filestore_client INTERFACE
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/filestore>)
+# Where StoreHost looks for the modules last, wherever the tree has been moved to.
+target_compile_definitions(filestore_client INTERFACE
+    "$<INSTALL_INTERFACE:FILESTORE_INSTALLED_MODULES=\"$<INSTALL_PREFIX>/${FILESTORE_MODULE_DIR}\">")
 set_target_properties(filestore_client PROPERTIES EXPORT_NAME client LINKER_LANGUAGE CXX)
 
 # Of use to whoever starts the modules; proxies alone are `client`.
@@ -96,16 +99,43 @@ install(FILES ${PROJECT_BINARY_DIR}/METADATA COMPONENT python
 
 install(FILES fstore/completion/fstore.bash RENAME fstore
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)
-install(FILES fstore/completion/_fstore
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tool)
+# Every zsh looks into site-functions of its own prefix and of /usr/local; that of Debian has the
+# files of packages, below /usr, in a folder of their own.
+set(FILESTORE_ZSH_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr" AND EXISTS /etc/debian_version)
+    set(FILESTORE_ZSH_DIR ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+endif()
+install(FILES fstore/completion/_fstore DESTINATION ${FILESTORE_ZSH_DIR} COMPONENT tool)
 install(FILES fstore/completion/fstore.fish
         DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tool)
 
-install(FILES README.md docs/disk-format.md docs/crash-safety.md
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/filestore COMPONENT tool)
+# Installs documents with the links between those of a component; what else they link to may not be
+# there, and is named without a link.
+function(install_documents component)
+    foreach(document ${ARGN})
+        set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${document})
+        file(READ ${document} text)
+        foreach(other ${ARGN})
+            cmake_path(GET other FILENAME name)
+            string(REGEX REPLACE "\\]\\((docs/|\\.\\./)?${name}\\)" "]<${name}>" text "${text}")
+        endforeach()
+        string(REGEX REPLACE "\\[([^]\n]+)\\]\\([^)]*\\)" "\\1" text "${text}")
+        string(REGEX REPLACE "\\]<([a-zA-Z-]+\\.md)>" "](\\1)" text "${text}")
+        cmake_path(GET document FILENAME name)
+        file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/documents/${name} CONTENT "${text}" @ONLY)
+        install(FILES ${PROJECT_BINARY_DIR}/documents/${name}
+                DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/filestore COMPONENT ${component})
+    endforeach()
+endfunction()
+install_documents(tool README.md CHANGELOG.md SECURITY.md docs/disk-format.md docs/crash-safety.md)
+install_documents(dev docs/locking.md docs/module.md)
 # For who wants them: what they name, the folder and the password file, is nothing to guess.
 install(DIRECTORY systemd DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/filestore COMPONENT tool)
-install(FILES docs/locking.md
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/filestore COMPONENT dev)
+install(FILES examples/notes.c examples/notes.cpp examples/notes.py examples/store_key.cpp
+              examples/client_module.cpp examples/load_client_module.cpp
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libfilestore-dev/examples COMPONENT dev)
 
-include(package)
+include(sbom)
+# The notices of what is compiled in, and what the build was made of.
+install(FILES debian/copyright ${PROJECT_BINARY_DIR}/filestore.spdx.json
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/filestore COMPONENT tool)

@@ -41,19 +41,22 @@ std::string pathIn(const std::string& folder, const std::string& file) {
     return path;
 }
 
+bool has(const std::string& folder, const std::string& module) {
+    return os::presence(pathIn(folder, module).c_str()) == os::Presence::kPresent;
+}
+
 // Empty when there is none.
-std::string findFolder(const std::string& module) {
+std::string findFolder(const std::string& module, const std::string& installed) {
     for (const std::string& own : ownFolders()) {
         for (const char* const beside :
              {"/../lib/filestore", "/filestore", "/../filestore", "/../lib", ""}) {
             std::string folder = own + beside;
-            if (!own.empty() &&
-                os::presence(pathIn(folder, module).c_str()) == os::Presence::kPresent) {
+            if (!own.empty() && has(folder, module)) {
                 return folder;
             }
         }
     }
-    return {};
+    return !installed.empty() && has(installed, module) ? installed : std::string();
 }
 
 std::string chooseFolder(const StoreHost::Setup& setup) {
@@ -64,7 +67,8 @@ std::string chooseFolder(const StoreHost::Setup& setup) {
     if (named != nullptr && *named != '\0') {
         return named;
     }
-    return setup.modules.empty() ? std::string() : findFolder(setup.modules.back());
+    return setup.modules.empty() ? std::string()
+                                 : findFolder(setup.modules.back(), setup.installed);
 }
 
 }  // namespace

@@ -18,6 +18,10 @@
 #include "host/module_manager.h"
 #include "host/result.h"
 
+#ifndef FILESTORE_INSTALLED_MODULES
+#define FILESTORE_INSTALLED_MODULES ""
+#endif
+
 class StoreHost {
 public:
     struct Setup {
@@ -26,14 +30,21 @@ public:
         // to the library that this code is in: ../lib/filestore, filestore, ../filestore (from
         // the folder of one architecture), ../lib, and ".".
         // An absolute path, wherever it comes from: code is never loaded from the folder of a
-        // database, nor from wherever a program happens to be. The environment of a program
-        // that runs with more rights than its caller (AT_SECURE) is not asked.
+        // database, nor from wherever a program happens to be.
+        //
+        // Of a program that runs with more rights than its caller (set-user-id, capabilities:
+        // AT_SECURE), the environment is not asked. Such a program names the folder here, one
+        // that nobody but root can write to, nor any folder above it: who links or copies the
+        // program elsewhere would choose what is beside it.
         std::string folder;
         // Loaded in this order, so that each finds the ones that it calls.
         std::vector<std::string> modules{"x509cmn.so", "pkixkey.so", "pkcs5.so", "filestore.so"};
         // Whether the modules are this host's alone, also when the program hosts the same files
         // itself (ModuleManager::mapOwn()): for a library, whose programs it does not know.
         bool own = false;
+        // The folder that is looked at last of all. find_package(filestore) and pkg-config set it:
+        // it is where the modules are that were installed with these headers.
+        std::string installed{FILESTORE_INSTALLED_MODULES};
     };
 
     StoreHost() = default;

@@ -3,11 +3,12 @@
 # there yet; does nothing, and needs no rights, when all are. Runs as root or
 # through sudo.
 #
-#   scripts/install_deps.sh [--full | --quickstart | --bench]
+#   scripts/install_deps.sh [--full | --package | --quickstart | --bench]
 #
 # --full adds what only the further checks need: the clang tools, coverage reports,
 # the checks of packages and of shell scripts, two more shells,
 # debootstrap, for real programs in a root of their own, and what prints a page.
+# --package installs what making the Debian packages needs.
 # --quickstart installs only what building and trying the command-line tool needs,
 # --bench also the stores that scripts/bench.sh compares with.
 set -eu
@@ -21,7 +22,8 @@ libraries="libssl-dev libsqlite3-dev libcli11-dev nlohmann-json3-dev libfmt-dev 
 # openssl, ssh-keygen and certtool, of gnutls-bin, are what import is compared with.
 testing="googletest libgtest-dev libgmock-dev libbenchmark-dev openssl openssh-client python3 git
 strace pkg-config gnutls-bin valgrind"
-full="lintian dpkg-dev shellcheck mypy zsh fish clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev
+package="debhelper dh-python dpkg-dev file lintian pkg-config python3 openssl"
+full="$package autopkgtest man-db bash-completion shellcheck mypy zsh fish clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev
 llvm-14 gcovr abigail-tools debootstrap enscript ghostscript"
 bench="libsqlcipher-dev liblmdb-dev e2fsprogs"
 
@@ -29,9 +31,10 @@ packages="$build $libraries $testing ca-certificates"
 case "${1:-}" in
     "") ;;
     --full) packages="$packages $full" ;;
+    --package) packages="$build $libraries $package" ;;
     --bench) packages="$packages $bench" ;;
     --quickstart) packages="g++ cmake ninja-build $libraries openssl ca-certificates" ;;
-    *) echo "usage: $0 [--full | --quickstart | --bench]" >&2; exit 2 ;;
+    *) echo "usage: $0 [--full | --package | --quickstart | --bench]" >&2; exit 2 ;;
 esac
 
 missing=""

@@ -1,6 +1,7 @@
 #!/bin/bash
-# Installs the build into a new folder, moves it, and builds and runs somebody else's
-# programs against it alone: with CMake, and with pkg-config.
+# Installs the build into a new folder, moves it to one with a blank in its name, and builds and runs
+# somebody else's programs against it alone: with CMake, and with pkg-config. They find the modules
+# that were installed.
 #
 #     install_test.sh BUILD_FOLDER COMPILER
 set -eu
@@ -17,14 +18,14 @@ fail() {
 
 step "install, and move what was installed"
 cmake --install "$build" --prefix "$work/first" >/dev/null
-mv "$work/first" "$work/prefix"
-prefix=$work/prefix
+mv "$work/first" "$work/a prefix"
+prefix="$work/a prefix"
 libdir=$(dirname "$(find "$prefix" -name libfilestore_client.a)")
 for file in bin/fstore lib/filestore/filestore.so lib/filestore/pkcs5.so \
     lib/filestore/pkixkey.so lib/filestore/x509cmn.so include/filestore/host/store_host.h \
     include/filestore/filestore.h lib/python3/dist-packages/filestore/__init__.py \
     share/man/man1/fstore.1.gz share/man/man5/filestore.5.gz \
-    share/bash-completion/completions/fstore share/zsh/vendor-completions/_fstore \
+    share/bash-completion/completions/fstore share/zsh/site-functions/_fstore \
     share/fish/vendor_completions.d/fstore.fish; do
     [ -f "$prefix/$file" ] || fail "$file is not installed"
 done
@@ -62,13 +63,13 @@ while IFS=: read -r header line name; do
     esac
 done <"$work/references"
 
-# run_client PROGRAM MODULES OUTPUT
+# run_client PROGRAM OUTPUT
 run_client() {
     rm -rf "$work/run"
     mkdir "$work/run"
     cd "$work/run"
-    output=$(FILESTORE_MODULES=$2 "$1") || fail "$1: exit code $?: $output"
-    [ "$output" = "$3" ] || fail "$1: $output"
+    output=$(env -u FILESTORE_MODULES "$1") || fail "$1: exit code $?: $output"
+    [ "$output" = "$2" ] || fail "$1: $output"
 }
 
 step "a client built with CMake"
@@ -76,22 +77,28 @@ cmake -G Ninja -S "$here/install" -B "$work/cmake" -DCMAKE_CXX_COMPILER="$compil
     -DCMAKE_PREFIX_PATH="$prefix" >"$work/log" ||
     { cat "$work/log"; fail "configure"; }
 cmake --build "$work/cmake" >"$work/log" || { cat "$work/log"; fail "build"; }
-run_client "$work/cmake/client" "$(cat "$work/cmake/module_dir")" "all as promised"
+run_client "$work/cmake/client" "all as promised"
+[ "$(cat "$work/cmake/module_dir")" = "$prefix/lib/filestore" ] || fail "filestore_MODULE_DIR"
+
+# compile PACKAGE COMPILER WORD...: the answer of pkg-config is quoted for a shell.
+compile() {
+    local package=$1 flags
+    shift
+    flags=$(pkg-config --cflags --libs "$package")
+    eval '"$@"' "$flags"
+}
 
 step "a client built with pkg-config"
 export PKG_CONFIG_PATH=$libdir/pkgconfig
-flags=$(pkg-config --cflags --libs filestore)
-# shellcheck disable=SC2086  # a list of words
-"$compiler" -std=c++20 "$here/../../examples/store_key.cpp" $flags -o "$work/client"
-run_client "$work/client" "$(pkg-config --variable=moduledir filestore)" "alice's key is stored"
+examples=$prefix/share/doc/libfilestore-dev/examples
+compile filestore "$compiler" -Wall -Wextra -Werror "$examples/store_key.cpp" -o "$work/client"
+run_client "$work/client" "alice's key is stored"
 
-step "clients in C, built with CMake and with pkg-config, find the modules by themselves"
-run_client "$work/cmake/c_client" "" "kept"
-flags=$(pkg-config --cflags --libs filestore-c)
-# shellcheck disable=SC2086  # a list of words
-gcc -std=c99 -Wall -Wextra -Werror "$here/install/c_client.c" $flags -o "$work/c_client"
+step "clients in C, built with CMake and with pkg-config"
+run_client "$work/cmake/c_client" "kept"
+compile filestore-c gcc -std=c99 -Wall -Wextra -Werror "$here/install/c_client.c" -o "$work/c_client"
 export LD_LIBRARY_PATH=$libdir
-run_client "$work/c_client" "" "kept"
+run_client "$work/c_client" "kept"
 
 step "the example in Python"
 cd "$work"
@@ -102,7 +109,14 @@ python3 "$here/../../examples/notes.py" keys password milk "two bottles" || fail
     fail "notes.py"
 unset LD_LIBRARY_PATH PYTHONPATH
 
+step "what README.md removes is all that was installed"
+cmake --install "$build" --prefix "$work/removed" >/dev/null
+line=$(grep 'install_manifest\.txt' "$here/../../README.md" | sed 's/ *#.*//')
+(cd "$build/../.." && eval "${line//build\/release/$build}")
+[ -z "$(find "$work/removed" ! -type d)" ] || fail "left: $(find "$work/removed" ! -type d)"
+
 step "a client beside the modules finds them by itself"
 cp "$work/client" "$prefix/bin/client"
-run_client "$prefix/bin/client" "" "alice's key is stored"
+mv "$prefix" "$work/another prefix"
+run_client "$work/another prefix/bin/client" "alice's key is stored"
 echo "passed"

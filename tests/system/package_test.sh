@@ -40,20 +40,24 @@ echo hello | "$usr/bin/fstore" -q put settings/greeting -
 [ "$("$usr/bin/fstore" get greeting)" = hello ] || fail "fstore get"
 
 echo "== clients built with pkg-config"
-# Words of a list.
-read -ra flags < <(pkg-config --cflags --libs filestore-c)
-gcc -std=c99 "$here/install/c_client.c" "${flags[@]}" -o "$work/c_client"
-read -ra flags < <(pkg-config --cflags --libs filestore)
-g++ -std=c++20 "$here/../../examples/store_key.cpp" "${flags[@]}" -o "$work/store_key"
+# compile PACKAGE COMPILER WORD...: the answer of pkg-config is quoted for a shell.
+compile() {
+    local package=$1 flags
+    shift
+    flags=$(pkg-config --cflags --libs "$package")
+    eval '"$@"' "$flags"
+}
+compile filestore-c gcc -std=c99 "$here/install/c_client.c" -o "$work/c_client"
+compile filestore g++ "$here/../../examples/store_key.cpp" -o "$work/store_key"
 expect kept env LD_LIBRARY_PATH="$libdir" "$work/c_client"
-expect "alice's key is stored" env FILESTORE_MODULES="$usr/lib/filestore" "$work/store_key"
+expect "alice's key is stored" "$work/store_key"
 
 echo "== clients built with CMake"
 cmake -G Ninja -S "$here/install" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$usr" >"$work/log" ||
     { cat "$work/log"; fail "configure"; }
 cmake --build "$work/cmake" >"$work/log" || { cat "$work/log"; fail "build"; }
 expect kept "$work/cmake/c_client"
-expect "all as promised" env FILESTORE_MODULES="$usr/lib/filestore" "$work/cmake/client"
+expect "all as promised" "$work/cmake/client"
 
 echo "== the OpenSSL provider"
 openssl req -x509 -newkey ed25519 -nodes -keyout "$work/key" -out "$work/pem" -subj /CN=a \
