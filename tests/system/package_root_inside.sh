@@ -83,7 +83,7 @@ while read -r document; do
 done </older/documents
 
 echo "== the tests of the source package"
-autopkgtest -B ./*.dsc -- null >/older/log 2>&1 || { tail -n 60 /older/log; fail "autopkgtest"; }
+autopkgtest -B ./*.dsc -- null >/older/log 2>&1 || { tail -n 200 /older/log; fail "autopkgtest"; }
 
 echo "== removal"
 # shellcheck disable=SC2046  # a list of words
