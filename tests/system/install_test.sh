@@ -91,7 +91,8 @@ compile() {
 step "a client built with pkg-config"
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 examples=$prefix/share/doc/libfilestore-dev/examples
-compile filestore "$compiler" -Wall -Wextra -Werror "$examples/store_key.cpp" -o "$work/client"
+compile filestore "$compiler" -Wall -Wextra -Werror \
+    "-DFILESTORE_INSTALLED_MODULES=\"$prefix/lib/filestore\"" "$examples/store_key.cpp" -o "$work/client"
 run_client "$work/client" "alice's key is stored"
 
 step "clients in C, built with CMake and with pkg-config"

@@ -57,7 +57,7 @@ visitor "fish -c \"complete -C 'fstore ini'\" | grep -q ^init" || fail "fish"
 echo "== a program with more rights than its caller takes no modules from the environment"
 mkdir /opt/privileged
 compile=$(pkg-config --cflags --libs filestore)
-eval g++ /usr/share/doc/libfilestore-dev/examples/store_key.cpp "$compile" -o /opt/privileged/plain
+eval g++ "-DFILESTORE_INSTALLED_MODULES='\"/usr/lib/filestore\"'" /usr/share/doc/libfilestore-dev/examples/store_key.cpp "$compile" -o /opt/privileged/plain
 cp /opt/privileged/plain /opt/privileged/trusted
 chmod 4755 /opt/privileged/trusted
 # shellcheck disable=SC2016  # for the shell of the user

@@ -48,7 +48,7 @@ compile() {
     eval '"$@"' "$flags"
 }
 compile filestore-c gcc -std=c99 "$here/install/c_client.c" -o "$work/c_client"
-compile filestore g++ "$here/../../examples/store_key.cpp" -o "$work/store_key"
+compile filestore g++ "-DFILESTORE_INSTALLED_MODULES=\"$usr/lib/filestore\"" "$here/../../examples/store_key.cpp" -o "$work/store_key"
 expect kept env LD_LIBRARY_PATH="$libdir" "$work/c_client"
 expect "alice's key is stored" "$work/store_key"
 
