@@ -42,8 +42,9 @@ public:
         // Whether the modules are this host's alone, also when the program hosts the same files
         // itself (ModuleManager::mapOwn()): for a library, whose programs it does not know.
         bool own = false;
-        // The folder that is looked at last of all. find_package(filestore) and pkg-config set it:
-        // it is where the modules are that were installed with these headers.
+        // The folder that is looked at last of all: where the modules are that were installed with
+        // these headers. find_package(filestore) sets it; who compiles with pkg-config defines the
+        // macro as the text of `pkg-config --variable=moduledir filestore`.
         std::string installed{FILESTORE_INSTALLED_MODULES};
     };
 
