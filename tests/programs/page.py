@@ -10,10 +10,11 @@ import pathlib
 import re
 import subprocess
 import sys
+import tempfile
 
 WIDTHS = 360, 480, 768, 1024, 1280, 1600
 BROWSER = ("chromium", "--headless", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
-           "--hide-scrollbars", "--user-data-dir=/tmp/chromium")
+           "--hide-scrollbars", f"--user-data-dir={tempfile.gettempdir()}/chromium")
 LIGHT, DARK = "preferredColorScheme=1", "preferredColorScheme=0"
 
 # In the page: how wide it is, which texts are hard to see, and whether its tables can be sorted.
