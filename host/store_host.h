@@ -45,6 +45,7 @@ public:
         // The folder that is looked at last of all: where the modules are that were installed with
         // these headers. find_package(filestore) sets it; who compiles with pkg-config defines the
         // macro as the text of `pkg-config --variable=moduledir filestore`.
+        // NOLINTNEXTLINE(readability-redundant-string-init): empty only by default
         std::string installed{FILESTORE_INSTALLED_MODULES};
     };
 

@@ -26,10 +26,12 @@ bool canWrite(int fd) noexcept {
 // How the program begins: its streams, and the signals that installSignalHandlers() ignores.
 class Beginning {
 public:
-    Beginning() noexcept {
+    enum class On { kNothing, kTerminal };
+
+    explicit Beginning(On streams) noexcept {
         (void)posix_spawn_file_actions_init(&files_);
         (void)posix_spawnattr_init(&attributes_);
-        error_ = fill();
+        error_ = fill(streams);
     }
     Beginning(const Beginning&) = delete;
     Beginning& operator=(const Beginning&) = delete;
@@ -43,11 +45,18 @@ public:
     const posix_spawnattr_t* attributes() const noexcept { return &attributes_; }
 
 private:
-    int fill() noexcept {
+    int fill(On streams) noexcept {
         sigset_t defaults;
         (void)sigemptyset(&defaults);
         (void)sigaddset(&defaults, SIGPIPE);
         (void)sigaddset(&defaults, SIGXFSZ);
+        if (streams == On::kTerminal) {
+            (void)sigaddset(&defaults, SIGINT);
+            (void)sigaddset(&defaults, SIGQUIT);
+            (void)posix_spawnattr_setsigdefault(&attributes_, &defaults);
+            (void)posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF);
+            return posix_spawn_file_actions_addclosefrom_np(&files_, STDERR_FILENO + 1);
+        }
         (void)posix_spawnattr_setsigdefault(&attributes_, &defaults);
         (void)posix_spawnattr_setpgroup(&attributes_, 0);
         (void)posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
@@ -92,6 +101,27 @@ private:
     struct sigaction before_ {};
 };
 
+// Interrupts that are another process's.
+class UnheardInterrupts {
+public:
+    UnheardInterrupts() noexcept {
+        struct sigaction action {};
+        action.sa_handler = SIG_IGN;
+        (void)::sigaction(SIGINT, &action, &interrupt_);
+        (void)::sigaction(SIGQUIT, &action, &quit_);
+    }
+    UnheardInterrupts(const UnheardInterrupts&) = delete;
+    UnheardInterrupts& operator=(const UnheardInterrupts&) = delete;
+    ~UnheardInterrupts() {
+        (void)::sigaction(SIGINT, &interrupt_, nullptr);
+        (void)::sigaction(SIGQUIT, &quit_, nullptr);
+    }
+
+private:
+    struct sigaction interrupt_ {};
+    struct sigaction quit_ {};
+};
+
 // The process group of a program that runs, which ends with this process when a signal ends that.
 class Group {
 public:
@@ -106,6 +136,11 @@ public:
 private:
     pid_t leader_;
 };
+
+CommandEnd endOf(int status) noexcept {
+    return WIFSIGNALED(status) ? CommandEnd{.signal = WTERMSIG(status)}
+                               : CommandEnd{.exitCode = WEXITSTATUS(status)};
+}
 
 CommandEnd waitFor(const Group& group, double seconds) noexcept {
     constexpr std::chrono::milliseconds kPause(10);
@@ -123,8 +158,7 @@ CommandEnd waitFor(const Group& group, double seconds) noexcept {
             return {.isLate = true};
         }
         if (ended > 0) {
-            return WIFSIGNALED(status) ? CommandEnd{.signal = WTERMSIG(status)}
-                                       : CommandEnd{.exitCode = WEXITSTATUS(status)};
+            return endOf(status);
         }
         if (!isLate && std::chrono::steady_clock::now() >= end) {
             group.kill();
@@ -135,26 +169,46 @@ CommandEnd waitFor(const Group& group, double seconds) noexcept {
     }
 }
 
-}  // namespace
-
-CommandEnd runCommand(const std::vector<std::string>& words, double seconds) {
+// 0, or why it could not be started.
+int start(const std::vector<std::string>& words, const Beginning& beginning, pid_t& child) {
+    if (beginning.error() != 0) {
+        return beginning.error();
+    }
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);
     for (const std::string& word : words) {
         arguments.push_back(const_cast<char*>(word.c_str()));  // the call's type; it changes none
     }
     arguments.push_back(nullptr);
-    const Beginning beginning;
-    if (beginning.error() != 0) {
-        return {.error = beginning.error()};
-    }
+    return ::posix_spawnp(&child, arguments.front(), beginning.files(), beginning.attributes(),
+                          arguments.data(), environ);
+}
+
+}  // namespace
+
+CommandEnd runCommand(const std::vector<std::string>& words, double seconds) {
     const HeardChildren heard;
     pid_t child = 0;
     const mode_t mine = ::umask(givenMask());
-    const int error = ::posix_spawnp(&child, arguments.front(), beginning.files(),
-                                     beginning.attributes(), arguments.data(), environ);
+    const int error = start(words, Beginning(Beginning::On::kNothing), child);
     (void)::umask(mine);
     return error != 0 ? CommandEnd{.error = error} : waitFor(Group(child), seconds);
+}
+
+CommandEnd runOnTerminal(const std::vector<std::string>& words) {
+    const HeardChildren heard;
+    const UnheardInterrupts unheard;
+    pid_t child = 0;
+    if (const int error = start(words, Beginning(Beginning::On::kTerminal), child); error != 0) {
+        return {.error = error};
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0) {
+        if (errno != EINTR) {
+            return {.error = errno};
+        }
+    }
+    return endOf(status);
 }
 
 }  // namespace os

@@ -26,6 +26,11 @@ struct CommandEnd {
 // that ends this process (installSignalHandlers()) goes to the group, too.
 [[nodiscard]] CommandEnd runCommand(const std::vector<std::string>& words, double seconds);
 
+// Runs a program as a shell would, on this process's terminal and standard streams, and waits for
+// its end, however long that takes. Interrupts from the terminal are the program's: this process
+// does not hear them meanwhile. It has this process's umask, and no other descriptors.
+[[nodiscard]] CommandEnd runOnTerminal(const std::vector<std::string>& words);
+
 }  // namespace os
 
 #endif  // OS_COMMAND_H

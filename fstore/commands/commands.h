@@ -30,6 +30,7 @@ void addRm(Cli& cli);
 void addPrune(Cli& cli);
 void addPut(Cli& cli);
 void addGet(Cli& cli);
+void addEdit(Cli& cli);
 void addKey(Cli& cli);
 void addPasswd(Cli& cli);
 void addCheck(Cli& cli);
@@ -65,6 +66,7 @@ inline void addCommands(Cli& cli) {
     addPrune(cli);
     addPut(cli);
     addGet(cli);
+    addEdit(cli);
     addKey(cli);
     addPasswd(cli);
     addCheck(cli);

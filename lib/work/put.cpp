@@ -16,6 +16,7 @@
 #include "lib/records/record.h"
 #include "lib/records/record_info.h"
 #include "lib/work/change.h"
+#include "lib/work/get.h"
 
 namespace fstore {
 namespace {
@@ -71,10 +72,14 @@ Record recordFor(Database& database, const Address& address) {
 }
 
 // A descriptor names a body file that no other state of the record has had.
+std::vector<unsigned char> stateOf(const Address& address) {
+    const Sha256Digest digest = sha256(readDescriptorBytes(descriptorPath(address)));
+    return {digest.begin(), digest.end()};
+}
+
 void refuseOtherThan(const Address& address, const std::vector<unsigned char>& replaced) {
     requireRaw(Record::read(address));  // before anybody is asked whether to replace it
-    const Sha256Digest digest = sha256(readDescriptorBytes(descriptorPath(address)));
-    std::vector<unsigned char> state(digest.begin(), digest.end());
+    std::vector<unsigned char> state = stateOf(address);
     if (state != replaced) {
         throw RecordExists(address, std::move(state));
     }
@@ -144,6 +149,22 @@ RecordExists::RecordExists(const Address& address, std::vector<unsigned char> st
     : Failure(kInvalid, fmt::format("there is a record {} already", address.print()),
               address.print()),
       state_(std::move(state)) {}
+
+Editable readEditable(Database& database, const Address& address) {
+    refuseInternal(address);
+    if (!Record::isThere(address)) {
+        requireFolder(address.folder);
+        database.requireSecrecy();
+        database.needSecrets();
+        return {};
+    }
+    requireRaw(Record::read(address));
+    const Record record = readWhole(database, address);
+    return {.isThere = true,
+            .plain = record.hasBody() && !record.isBodyEncrypted(),
+            .body = {record.body().begin(), record.body().end()},
+            .state = stateOf(address)};
+}
 
 SecretBytes randomBytes(std::size_t size) {
     SecretBytes bytes(size);

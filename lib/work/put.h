@@ -39,6 +39,22 @@ private:
     std::vector<unsigned char> state_;
 };
 
+// What an editor gets of a record.
+struct Editable {
+    bool isThere = false;  // else it is to be made, with an encrypted body
+    bool plain = false;    // as PutRules::plain
+    SecretBytes body;
+    std::vector<unsigned char> state;  // as RecordExists::state()
+};
+
+// A step of withSecrets(): asks for secrets if the record has some, or is to be made.
+//
+//   kInvalid    as putBody()
+//   kMissing    there is neither such a record nor its folder
+//   kNotOpen    a new one would be secret, and the database cannot keep secrets
+//   kMalformed, kIo  as readWhole()
+Editable readEditable(Database& database, const Address& address);
+
 // Drawn by OpenSSL.
 SecretBytes randomBytes(std::size_t size);
 

@@ -39,6 +39,7 @@ COMMANDS = {
     "prune": ["prune"],
     "put": ["put", "settings/new", "good.pem"],
     "get": ["get", "settings/a"],
+    "edit": ["edit", "settings/a"],
     "key ls": ["key", "ls"],
     "key test": ["key", "test"],
     "key add": ["key", "add", "--key-file", "key"],
@@ -71,7 +72,8 @@ class CommandsTest(InitialisedTest):
         run("backup", folder / "whole.tar")
 
     def environment(self):
-        return support.environment(FSTORE_PASSWORD=support.PASSWORD, FSTORE_NEW_PASSWORD="new")
+        return support.environment(FSTORE_PASSWORD=support.PASSWORD, FSTORE_NEW_PASSWORD="new",
+                                   EDITOR="echo more >>")
 
     def run_with(self, name, args, redirection, **more):
         """Runs a copy of the command line, in a copy of the folder."""

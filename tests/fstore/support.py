@@ -32,7 +32,7 @@ def environment(**more):
     """The environment of a run: nothing of the tester's own settings, and `more`."""
     kept = {name: value for name, value in os.environ.items()
             if not name.startswith(("FSTORE_", "CALL_TRAP", "FILESTORE_"))
-            and name not in ("NO_COLOR", "TERM", "COLUMNS")}
+            and name not in ("NO_COLOR", "TERM", "COLUMNS", "VISUAL", "EDITOR")}
     result = {**kept, "TERM": "xterm", **{name: str(value) for name, value in more.items()}}
     if SANITIZED:
         # The look for leaks needs to trace the program, which lets nobody do that: now and

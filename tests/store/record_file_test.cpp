@@ -19,6 +19,8 @@ using fault::Mode;
 
 constexpr fault::Calls kReads{Call::kRead};
 
+using Sizes = std::vector<std::size_t>;
+
 class RecordFileTest : public testing::Test {
 protected:
     static std::string bytes(std::size_t size) {
@@ -46,13 +48,13 @@ protected:
 };
 
 TEST_F(RecordFileTest, GivesAllBytesWhateverTheirNumber) {
-    for (const std::size_t size : {0, 1, 4095, 4096, 4097, 8191, 8192, 8193, 100000}) {
+    for (const std::size_t size : Sizes{0, 1, 4095, 4096, 4097, 8191, 8192, 8193, 100000}) {
         EXPECT_EQ(bytes(size), read(size)) << size;
     }
 }
 
 TEST_F(RecordFileTest, HasAShortFileWholeWithRoomForOneByteMore) {
-    for (const std::size_t size : {0, 1, 4095, 4096}) {
+    for (const std::size_t size : Sizes{0, 1, 4095, 4096}) {
         support::writeFile(path, bytes(size));
         RecordFile file;
         ASSERT_EQ(kOk, file.open(path.c_str(), kMalformed));
@@ -89,7 +91,7 @@ TEST_F(RecordFileTest, AnAnswerThatEndsWithAPageIsNotTheEnd) {
 }
 
 TEST_F(RecordFileTest, TellsAFileThatCannotBeReadFromAnEmptyOne) {
-    for (const std::size_t size : {1, 4095, 4096, 20000}) {
+    for (const std::size_t size : Sizes{1, 4095, 4096, 20000}) {
         const fault::FailingCall fault(1, EIO, Mode::kFromThenOn, kReads);
         EXPECT_EQ("not read", read(size)) << size;
     }

@@ -44,6 +44,7 @@ void* malloc(std::size_t size) {
     return __libc_malloc(size);
 }
 
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name,bugprone-macro-parentheses)
 #define COUNTED_LOCK(NAME, LOCK)                                  \
     int NAME(LOCK* lock) noexcept {                               \
         static const auto original = next<int (*)(LOCK*)>(#NAME); \
@@ -56,6 +57,8 @@ COUNTED_LOCK(pthread_mutex_lock, pthread_mutex_t)
 COUNTED_LOCK(pthread_mutex_trylock, pthread_mutex_t)
 COUNTED_LOCK(pthread_rwlock_rdlock, pthread_rwlock_t)
 COUNTED_LOCK(pthread_rwlock_wrlock, pthread_rwlock_t)
+
+// NOLINTEND(readability-inconsistent-declaration-parameter-name,bugprone-macro-parentheses)
 
 }  // extern "C"
 
