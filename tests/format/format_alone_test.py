@@ -25,6 +25,10 @@ EXCEPTIONS = {
     ("fstore/commands/key.cpp", "key"): "the name of a command",
     ("lib/database/unlock_box.cpp", "key"): "a parameter of OpenSSL's",
     ("fstore/commands/export.cpp", "certificates"): "a name in JSON",
+    ("fstore/commands/report.cpp", "certificates"): "a name in JSON",
+    ("fstore/commands/report.cpp", "keys"): "a name in JSON",
+    ("fstore/commands/report_page.cpp", "certificates"): "a word of the page",
+    ("fstore/commands/report_page.cpp", "keys"): "a word of the page",
 }
 
 COMMENT = re.compile(r'//[^\n]*|/\*.*?\*/|("(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])*\')', re.DOTALL)
