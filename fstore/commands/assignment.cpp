@@ -86,6 +86,10 @@ Assignment Assignment::parse(const std::string& text, StandardInput& input) {
     assignment.id = parseEditableId(assignment.name);
     assignment.type =
         colon == std::string_view::npos ? kTypeText : parseType(left, left.substr(colon + 1));
+    if (assignment.id == attr::kLabel && assignment.type != kTypeText &&
+        assignment.type != kTypeBinary) {
+        refuse(text, "a label is a text");
+    }
     const bool fromFile = right.starts_with('@') && !right.starts_with("@@");
     right.remove_prefix(right.starts_with('@') ? 1 : 0);
     if (fromFile) {

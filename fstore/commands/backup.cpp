@@ -103,11 +103,13 @@ Status runBackup(const BackupOptions& options, Context& context) {
                     report.verified ? "verified" : "not verified, as it cannot be read back"));
     Json json = totalsToJson(options.file, report.totals);
     json["verified"] = report.verified;
-    if (!noteBackup(context.database.place(), now())) {
-        context.output.detail(kNotNoted);
-    }
     const std::optional<std::size_t> damaged = warnOfDamage(context);
     json["damaged"] = damaged ? Json(*damaged) : Json();
+    // A device keeps nothing; and what has damage in it is no backup to rely on.
+    const bool counts = (report.verified || file.isStandardOutput()) && damaged == 0U;
+    if (counts && !noteBackup(context.database.place(), now())) {
+        context.output.warn(kNotNoted);
+    }
     context.output.document({{"backup", json}, {"leftOut", std::move(leftOut)}});
     return report.leftOut.empty() ? kOk : kPartial;
 }
@@ -159,6 +161,7 @@ Status runRestore(const RestoreOptions& options, Context& context) {
         throw Failure(kUsage, "a backup is read twice, so it must be a file");
     }
     const RestoreReport report = restore(context.database, options.file, options.replace);
+    (void)forgetState(context.database.place());  // the last check was of another state
     context.output.note(fmt::format("restored {} to {}: {}", options.file,
                                     context.database.place().describe(), describe(report.totals)));
     Json json{{"restored", totalsToJson(options.file, report.totals)}};

@@ -9,6 +9,7 @@
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/new_recovery_key.h"
 #include "fstore/terminal/json.h"
+#include "lib/database/state_file.h"
 #include "lib/work/create.h"
 #include "lib/work/key_slots.h"
 
@@ -46,7 +47,9 @@ Status run(const Options& options, Context& context) {
         return context.secret.passwordOnly().get(PasswordSource::Entry::kTwice);
     };
     const bool created = createDatabase(database, options.cost, password);
-    if (!created) {
+    if (created) {
+        (void)forgetState(database.place());  // of a database that was here before
+    } else {
         (void)database.enter(Access::kChange, Need::kSecrets);  // with this password
     }
     context.output.note(fmt::format(

@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -82,6 +83,12 @@ bool isWatched(const RecordInfo& info, const Options& options, const std::set<st
            (options.all || info.kind == Kind::kCrl || info.isCa || keys.count(info.keySha256) != 0);
 }
 
+// An alarm that waits for its end would never ring. Of what is encrypted it is known with -u alone.
+bool isUndated(const RecordInfo& info, const Options& options) {
+    return (info.kind == Kind::kCertificate || info.kind == Kind::kCrl) && !info.notAfter &&
+           (options.secrets || !info.bodyEncrypted);
+}
+
 Missed addRecords(const Options& options, Database& database, Metrics& metrics) {
     const std::vector<RecordInfo> own =
         ownRecords(database, options.secrets, std::numeric_limits<std::size_t>::max());
@@ -95,10 +102,14 @@ Missed addRecords(const Options& options, Database& database, Metrics& metrics) 
     Counts counts;
     metrics.begin("not_after_timestamp_seconds",
                   "When a certificate or CRL ends that nothing newer supersedes.");
+    std::vector<Address> undated;
     FindRules rules;
     rules.secrets = options.secrets;
     Missed missed = visitFound(database, rules, [&](const RecordInfo& info) {
         ++counts.records[info.kind];
+        if (isUndated(info, options)) {
+            undated.push_back(info.address);
+        }
         if (!isWatched(info, options, keys)) {
             return;
         }
@@ -115,7 +126,9 @@ Missed addRecords(const Options& options, Database& database, Metrics& metrics) 
     metrics.begin("superseded_records", "Certificates and CRLs that newer ones supersede.");
     metrics.add(counts.superseded);
     metrics.begin("unread_records", "Records and folders that could not be read.");
-    metrics.add(static_cast<std::int64_t>(missed.damaged.size() + missed.unread.size()));
+    metrics.add(
+        static_cast<std::int64_t>(missed.damaged.size() + missed.unread.size() + undated.size()));
+    missed.undated = std::move(undated);
     return missed;
 }
 
@@ -161,7 +174,12 @@ Status run(const Options& options, Context& context) {
     for (const Failure& failure : missed.unread) {
         context.output.warn(failure.what());
     }
-    return missed.hasDamage() ? kFound : missed.isComplete() ? kOk : kPartial;
+    for (const Address& address : missed.undated) {
+        context.output.warn(
+            fmt::format("the end of {} is not known; see `fstore check --deep`", address.print()));
+    }
+    const bool isWhole = missed.isComplete() && missed.undated.empty();
+    return missed.hasDamage() ? kFound : isWhole ? kOk : kPartial;
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ struct Options {
 void confirmKeys(const std::vector<Address>& keys, const Globals& globals) {
     for (const Address& address : keys) {
         if (!confirm(fmt::format("Remove the key {}?", address.print()), globals.noInput)) {
-            throw Failure(kUsage,
+            throw Failure(kInvalid,
                           fmt::format("{} is a key and you did not confirm; nothing was removed "
                                       "(--force does not ask)",
                                       address.print()),
@@ -86,7 +86,7 @@ void confirmAll(const std::vector<Address>& addresses, const Globals& globals) {
                                      ? std::string("Remove this record?")
                                      : fmt::format("Remove these {} records?", addresses.size());
     if (!confirm(listOf(addresses, "\n") + question, globals.noInput)) {
-        throw Failure(kUsage,
+        throw Failure(kInvalid,
                       fmt::format("what matches is {}and you did not confirm; nothing was removed "
                                   "(--force does not ask)",
                                   listOf(addresses, ", ")));

@@ -35,9 +35,13 @@ bool holdsLost(const std::string& folder) {
            holdsRecords(joined(folder.substr(0, last), layout::kLiveName));
 }
 
+// What repairs, changes of the password and the index make and remove beside the records. The index
+// has files beside itself, as "db.index-wal".
 bool isBesideRecords(const std::string& folder, std::string_view file) {
     const bool isNamedSo =
-        std::ranges::any_of(std::array{layout::kLockFile, layout::kIndex, layout::kState},
+        file.starts_with(plainName(layout::kIndex)) ||
+        std::ranges::any_of(std::array{layout::kLockFile, layout::kState, layout::kCopy,
+                                       layout::kPrevious, layout::kLost},
                             [&](const char* path) { return plainName(path) == file; });
     return isNamedSo && holdsRecords(joined(folder, layout::kLiveName));
 }

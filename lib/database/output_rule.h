@@ -6,9 +6,10 @@
 
 namespace fstore {
 
-// For setOutputRule(): throws kInvalid for a file that is, or would be, in a database, or the file
-// that is its lock or its index. The store alone writes those: an output would take a record's
-// place, or that of the lock that others wait for. Any thread may call it.
+// For setOutputRule(): throws kInvalid for a file that is, or would be, in a database, or has the
+// name of its lock, its index, or what a change or a repair puts beside it. The store alone writes
+// those: an output would take a record's place, or that of the lock that others wait for, or be
+// removed. Any thread may call it.
 void refuseInDatabase(const std::string& path, const std::string& name);
 
 }  // namespace fstore

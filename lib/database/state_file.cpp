@@ -99,6 +99,10 @@ DatabaseState readState(const Place& place) {
     return file ? stateIn(file) : DatabaseState{};
 }
 
+bool forgetState(const Place& place) {
+    return !openState(place, O_RDONLY) || change(place, [](DatabaseState& state) { state = {}; });
+}
+
 bool noteBackup(const Place& place, std::int64_t time) {
     return change(place, [&](DatabaseState& state) { state.backup = time; });
 }

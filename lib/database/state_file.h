@@ -22,6 +22,9 @@ struct DatabaseState {
 
 DatabaseState readState(const Place& place);
 
+// From now on nothing is known: the database is another one. False if that could not be noted.
+bool forgetState(const Place& place);
+
 // Whether it could be noted.
 bool noteBackup(const Place& place, std::int64_t time);
 bool noteCheck(const Place& place, std::int64_t time, bool isSound);

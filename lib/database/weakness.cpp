@@ -18,13 +18,14 @@
 namespace fstore {
 namespace {
 
+constexpr std::int64_t kOtherClock = 60 * 60;  // that another host's may be ahead
+
 constexpr const char* kWeakCost = "weak-cost";
 
-void lookAtFolder(const std::string& path, std::vector<Weakness>& found) {
+void lookAtFolder(const std::string& path, mode_t harmless, std::vector<Weakness>& found) {
     struct stat status {};
-    // In a folder like /tmp nobody renames what is another's.
     if (os::lstat(path.c_str(), &status) == 0 && (status.st_mode & S_IWOTH) != 0 &&
-        (status.st_mode & S_ISVTX) == 0) {
+        (status.st_mode & harmless) == 0) {
         found.push_back({"writable-folder", path,
                          "can be written by every user of this host; protect it with chmod o-w"});
     }
@@ -63,10 +64,11 @@ std::vector<Weakness> weaknessesOf(Database& database) {
         return {};
     }
     std::vector<Weakness> found;
-    lookAtFolder(".", found);
+    // In a folder like /tmp nobody renames what is another's; but anybody adds records of his own.
+    lookAtFolder(".", S_ISVTX, found);
     Unread unread;  // whoever checks is told of these
     for (const std::string& folder : allFolders(&unread)) {
-        lookAtFolder(folder.empty() ? layout::kLive : joined(layout::kLive, folder), found);
+        lookAtFolder(folder.empty() ? layout::kLive : joined(layout::kLive, folder), 0, found);
     }
     try {
         lookAtSlots(database.examineProtection(), found);
@@ -82,6 +84,12 @@ std::vector<Weakness> backupWeakness(const Place& place, std::int64_t seconds) {
     const auto last = readState(place).backup;
     if (!last) {
         return {{"old-backup", "", "no backup of this database is known"}};
+    }
+    if (*last > now() + kOtherClock) {
+        return {{"old-backup", "",
+                 fmt::format("the last backup is said to be of {}, which is to come; one of the "
+                             "clocks was wrong",
+                             printTime(*last))}};
     }
     if (now() - *last > seconds) {
         return {{"old-backup", "",

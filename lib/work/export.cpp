@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include "lib/base/printable.h"
 #include "lib/pki/encode.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/record.h"
@@ -152,6 +153,14 @@ SecretBytes encodeDer(const Selection& selection, const SecretText* password) {
     return selection.certificates.empty() ? selection.other : selection.certificates.front();
 }
 
+// PKCS#12 keeps names in 16 bits a character, and no others than those.
+bool fitsPkcs12(std::string_view label) {
+    constexpr unsigned char kFirstOfFourBytes = 0xF0;
+    return !label.empty() && isUtf8(label) && std::ranges::all_of(label, [](char c) {
+        return c != 0 && static_cast<unsigned char>(c) < kFirstOfFourBytes;
+    });
+}
+
 SecretBytes encodePkcs12(const Selection& selection, const SecretText* password) {
     Pkcs12Content content;
     if (selection.key) {
@@ -159,7 +168,7 @@ SecretBytes encodePkcs12(const Selection& selection, const SecretText* password)
     }
     content.certificates.assign(selection.certificates.begin(), selection.certificates.end());
     content.label =
-        selection.info.label.empty() ? selection.info.address.name : selection.info.label;
+        fitsPkcs12(selection.info.label) ? selection.info.label : selection.info.address.name;
     return pkcs12Of(content, password);
 }
 

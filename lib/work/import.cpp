@@ -158,8 +158,8 @@ Address Importer::addressFor(const PkiObject& object, const std::string& label) 
         rules_.name && (&object == namedAlone_ || toHex(object.keySha256) == named_);
     if (isNamed) {
         address.name = *rules_.name;
-    } else if (rules_.encrypt && label.empty()) {
-        // Its own name would tell what is in it.
+    } else if (rules_.encrypt) {
+        // Its own name would tell what is in it, or the label.
         PkiObject nameless;
         nameless.kind = object.kind;
         nameless.sha256 = object.sha256;
@@ -228,7 +228,11 @@ Importer::Result Importer::replace(const PkiObject& object, const std::string& l
 
 void Importer::fill(Record& record, const PkiObject& object, const std::string& label) const {
     describe(record, object, rules_.encrypt);
-    if (!label.empty()) {
+    if (!label.empty() && rules_.encrypt) {
+        (void)record.removeAll(attr::kLabel);
+        const std::vector<unsigned char> bytes(label.begin(), label.end());
+        record.setBinary(attr::kLabel, bytes, /*encrypted=*/true);
+    } else if (!label.empty()) {
         record.setLabel(label);
     }
     record.setText(attr::kImported, printTime(now()));

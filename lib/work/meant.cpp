@@ -113,11 +113,13 @@ std::vector<std::string> withoutPatterns(const std::vector<std::string>& texts) 
             found.push_back(text);
             continue;
         }
-        if (isBare(wanted)) {
+        const std::string_view folder = std::string_view(text).substr(0, text.rfind('/') + 1);
+        if (isBare(wanted) || isPattern(folder)) {
+            const std::string_view name = std::string_view(text).substr(folder.size());
             throw Failure(kInvalid,
-                          fmt::format("{} would match in all folders, also keys; name the folder, "
-                                      "as in \"settings/{}\"",
-                                      text, text),
+                          fmt::format("{} would match in several folders, also keys; name the "
+                                      "folder, as in \"settings/{}\"",
+                                      text, name),
                           text);
         }
         const std::vector<Address> matching = recordsMatching(text);

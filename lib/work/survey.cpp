@@ -77,7 +77,9 @@ private:
         if (successors_.find(info) != nullptr) {
             return;  // nobody uses it any more
         }
-        if (info.notAfter && *info.notAfter < time_) {
+        if (!info.notAfter) {
+            add(info, "its end is not known; see `fstore check --deep`");
+        } else if (*info.notAfter < time_) {
             add(info, "has expired, and nothing newer replaces it");
             return;
         }

@@ -128,6 +128,18 @@ class KindsTest(ImportTest):
             self.assertIn("standard input", self.fails(2, "usage", "import", *options))
 
 
+class EncryptedLabelTest(ImportTest):
+    def test_neither_the_label_nor_the_name_tells(self):
+        (record,) = self.import_files("leaf.pem", options=("--encrypt", "--label", "My Secret"))[
+            "records"]
+        self.assertRegex(record["address"], "^certificates/remote/certificate-[0-9a-f]{8}$")
+        for path in (self.folder / "db").rglob("*"):
+            if path.is_file():
+                self.assertNotIn(b"Secret", path.read_bytes())
+        (shown,) = self.run_tool("show", "-u", "--json", record["address"]).document["records"]
+        self.assertEqual("My Secret", shown["label"])
+
+
 class PlaceTest(ImportTest):
     def test_certificate_with_its_key_is_local(self):
         document = self.import_files("modern.p12")

@@ -3,6 +3,7 @@
 
 import os
 import re
+import shutil
 import stat
 import time
 
@@ -111,11 +112,43 @@ class StateTest(MetricsCase):
         self.run_tool("check", code=3, password=None)
         self.assertEqual(0, self.metrics(code=3)["fstore_last_check_sound", ()])
 
+    def test_an_end_that_is_not_known_is_told(self):
+        path = self.folder / "db/certificates/local/www.dsc"
+        path.write_text("".join(line for line in path.read_text().splitlines(True)
+                                if " 00000107 " not in line))
+        self.assertEqual(1, self.metrics(code=5)["fstore_unread_records", ()])
+        run = self.run_tool("metrics", code=5)
+        self.assertIn("the end of certificates/local/www is not known", run.message)
+        self.assertIn("its end is not known", self.run_tool("report").text)
+
     def test_what_failed_is_not_noted(self):
         (self.folder / "backup.tar").write_bytes(b"")
         self.run_tool("backup", "backup.tar", code=4, password=None)
         self.run_tool("backup", "--verify", "backup.tar", code=59, password=None)
         self.assertFalse((self.folder / "db.state").exists())
+
+    def test_what_is_no_backup_is_not_noted(self):
+        self.run_tool("backup", "/dev/null", password=None)
+        self.assertFalse((self.folder / "db.state").exists())
+        (self.folder / "db/keys/www.dsc").write_text("nothing\n")
+        self.assertIn("damaged", self.run_tool("backup", "damaged.tar", password=None).message)
+        self.assertFalse((self.folder / "db.state").exists())
+
+    def test_a_backup_that_cannot_be_noted_is_told(self):
+        (self.folder / "db.state").mkdir()
+        run = self.run_tool("backup", "a.tar", password=None)
+        self.assertIn("warning: the time of the backup could not be noted", run.message)
+
+    def test_another_database_is_not_that_which_was_checked(self):
+        self.run_tool("backup", "a.tar", password=None)
+        self.run_tool("check", password=None)
+        self.run_tool("restore", "a.tar", "--replace", password=None)
+        self.assertIsNone(self.value("last_check_sound"))
+        self.run_tool("check", password=None)
+        shutil.rmtree(self.folder / "db")
+        self.run_tool("init", *support.CHEAP)
+        self.assertIsNone(self.value("last_check_sound"))
+        self.assertIsNone(self.value("last_backup_timestamp_seconds"))
 
     def test_nothing_depends_on_it(self):
         for contents in b"", b"filestore-state-2 x", b"\xff" * 256, b"a" * 10000:
@@ -168,6 +201,8 @@ class WeaknessTest(InitialisedTest):
         (self.folder / "db/keys").chmod(0o757)
         self.folder.chmod(0o1777)
         self.assertEqual([("writable-folder", "./db/keys"), ("weak-cost", "")], self.weaknesses())
+        (self.folder / "db/keys").chmod(0o1777)
+        self.assertIn(("writable-folder", "./db/keys"), self.weaknesses())
         self.folder.chmod(0o777)
         self.assertIn(("writable-folder", "."), self.weaknesses())
         self.folder.chmod(0o700)
@@ -188,6 +223,8 @@ class WeaknessTest(InitialisedTest):
         state.write_text(re.sub(r"20\d\d-", "2001-", state.read_text(), 1))
         self.assertIn(("old-backup", ""), self.weaknesses("--backup-within", "7d"))
         self.assertIn("2001-", self.run_tool("check", "--backup-within", "7d").message)
+        state.write_text(re.sub(r"2001-", "2999-", state.read_text(), 1))
+        self.assertIn("which is to come", self.run_tool("check", "--backup-within", "7d").message)
         self.fails(2, "usage", "check", "--backup-within", "soon")
 
     def test_exit_code_only_when_asked(self):

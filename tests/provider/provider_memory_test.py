@@ -18,7 +18,8 @@ CERTIFICATE = "fstore:///?for=rsa.example.com&type=cert"
 
 def valgrind():
     return ("valgrind", "--quiet", "--leak-check=full", "--errors-for-leak-kinds=definite,indirect",
-            "--keep-debuginfo=yes", "--num-callers=40", f"--error-exitcode={FOUND}"), {}
+            "--keep-debuginfo=yes", "--num-callers=40", f"--error-exitcode={FOUND}",
+            f"--suppressions={pathlib.Path(__file__).parent / 'loader.supp'}"), {}
 
 
 def sanitizer():
