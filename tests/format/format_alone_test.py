@@ -18,7 +18,6 @@ EXCEPTIONS = {
     ("lib/records/attributes.cpp", "key"): "the kind of a record, in the words of users",
     ("lib/database/lost.cpp", "key"): "a word of a plan",
     ("fstore/commands/export.cpp", "key"): "a name in JSON",
-    ("fstore/commands/tree.cpp", "key"): "a name in JSON",
     ("fstore/commands/common_options.cpp", "key"): "what --type takes",
     ("lib/work/uri.cpp", "key"): "what a URI's type may be",
     ("lib/database/unlock.cpp", "key"): "a word of a message",
