@@ -2,8 +2,8 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 #include "cmn/wipe.h"
 #include "os/fs.h"
@@ -61,7 +61,7 @@ bool RecordFile::copyTo(void* data) noexcept {
     if (size < known_) {
         return false;  // cut off since it was opened
     }
-    std::memcpy(bytes, beginning_, known_);
+    std::copy_n(beginning_, known_, bytes);  // also of none to nowhere
     for (std::size_t done = known_; done != size;) {
         const ssize_t got = readAt(file_, bytes + done, size - done, static_cast<off_t>(done));
         if (got <= 0) {

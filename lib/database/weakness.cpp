@@ -18,7 +18,7 @@
 namespace fstore {
 namespace {
 
-constexpr std::int64_t kOtherClock = 60 * 60;  // that another host's may be ahead
+constexpr std::int64_t kOtherClock = 60 * std::int64_t{60};  // that another host's may be ahead
 
 constexpr const char* kWeakCost = "weak-cost";
 
