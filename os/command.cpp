@@ -84,42 +84,28 @@ private:
     int error_ = 0;
 };
 
-// Whoever starts this process may have it ignore that children end. The system then forgets how
-// they did, and a program that has done its work would pass for one that could not be run.
-class HeardChildren {
+// What this process does on a signal, for as long as this lives.
+class Handling {
 public:
-    HeardChildren() noexcept {
+    Handling(int number, void (*how)(int)) noexcept : number_(number) {
         struct sigaction action {};
-        action.sa_handler = SIG_DFL;
-        (void)::sigaction(SIGCHLD, &action, &before_);
+        action.sa_handler = how;
+        (void)::sigaction(number_, &action, &before_);
     }
-    HeardChildren(const HeardChildren&) = delete;
-    HeardChildren& operator=(const HeardChildren&) = delete;
-    ~HeardChildren() { (void)::sigaction(SIGCHLD, &before_, nullptr); }
+    Handling(const Handling&) = delete;
+    Handling& operator=(const Handling&) = delete;
+    ~Handling() { (void)::sigaction(number_, &before_, nullptr); }
 
 private:
+    const int number_;
     struct sigaction before_ {};
 };
 
-// Interrupts that are another process's.
-class UnheardInterrupts {
+// Whoever starts this process may have it ignore that children end. The system then forgets how
+// they did, and a program that has done its work would pass for one that could not be run.
+class HeardChildren : Handling {
 public:
-    UnheardInterrupts() noexcept {
-        struct sigaction action {};
-        action.sa_handler = SIG_IGN;
-        (void)::sigaction(SIGINT, &action, &interrupt_);
-        (void)::sigaction(SIGQUIT, &action, &quit_);
-    }
-    UnheardInterrupts(const UnheardInterrupts&) = delete;
-    UnheardInterrupts& operator=(const UnheardInterrupts&) = delete;
-    ~UnheardInterrupts() {
-        (void)::sigaction(SIGINT, &interrupt_, nullptr);
-        (void)::sigaction(SIGQUIT, &quit_, nullptr);
-    }
-
-private:
-    struct sigaction interrupt_ {};
-    struct sigaction quit_ {};
+    HeardChildren() noexcept : Handling(SIGCHLD, SIG_DFL) {}
 };
 
 // The process group of a program that runs, which ends with this process when a signal ends that.
@@ -197,7 +183,8 @@ CommandEnd runCommand(const std::vector<std::string>& words, double seconds) {
 
 CommandEnd runOnTerminal(const std::vector<std::string>& words) {
     const HeardChildren heard;
-    const UnheardInterrupts unheard;
+    const Handling interrupt(SIGINT, SIG_IGN);  // it is the program's
+    const Handling quit(SIGQUIT, SIG_IGN);
     pid_t child = 0;
     if (const int error = start(words, Beginning(Beginning::On::kTerminal), child); error != 0) {
         return {.error = error};
