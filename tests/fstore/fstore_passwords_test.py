@@ -244,7 +244,7 @@ class TerminalTest(InitialisedTest):
 
     def test_removing_a_key_is_confirmed(self):
         self.put("keys/k", b"x")
-        for answer, code in [("n", 2), ("", 2), ("y", 0)]:
+        for answer, code in [("n", 4), ("", 4), ("y", 0)]:
             terminal = self.terminal("rm", "keys/k")
             terminal.expect("Remove the key keys/k?")
             terminal.type(answer + "\n")
