@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "tests/crash/harness_test.h"
+#include "tests/crash/named.h"
 #include "tests/crash/recording.h"
 
 namespace crash {
@@ -66,8 +67,12 @@ private:
     void expectRecovery(const Recording& recording, const Allowed& allowed) {
         const Tree left = readCurrentFolder();
         const fault::Recorder recorder(fault::kLastingCalls);
-        EXPECT_EQ("", judge(recover(recording.question), allowed));
+        const Observation recovered = recover(recording.question);
+        EXPECT_EQ("", judge(recovered, allowed));
         const std::vector<fault::Event> calls = recorder.events();
+        if (recovered.passwords.size() == 1) {
+            expectChangeByName(recording.question, left, recovered);
+        }
         if (std::none_of(calls.begin(), calls.end(), changesNames)) {
             return;
         }
@@ -86,6 +91,35 @@ private:
             ASSERT_EQ(fault::kDeath, code);
             EXPECT_EQ("", judge(recover(recording.question), allowed));
             count("deaths within recovery");
+        }
+    }
+
+    // One record is changed by its name where nothing else is repaired; and another process dies at
+    // that: every day at one of its calls.
+    void expectChangeByName(const Question& question, const Tree& left,
+                            const Observation& recovered) {
+        const auto change = NamedChange::choose(question, recovered, random_());
+        if (!change) {
+            return;
+        }
+        restore(left);
+        const fault::Recorder recorder(fault::kLastingCalls);
+        EXPECT_EQ("", change->carryOut());
+        const std::size_t calls = recorder.events().size();
+        EXPECT_EQ("", judge(recover(question), change->done()));
+        count("records changed by name");
+        const std::size_t step = isFull_ ? 1 : std::max<std::size_t>(calls, 1);
+        for (std::size_t nth = 1 + random_() % step; nth <= calls && !HasFailure(); nth += step) {
+            SCOPED_TRACE("death of the change by name before call " + std::to_string(nth));
+            restore(left);
+            const int code = fault::inChild([&] {
+                const fault::DyingCall death(static_cast<int>(nth), fault::kLastingCalls);
+                (void)change->carryOut();
+                return 0;
+            });
+            ASSERT_EQ(fault::kDeath, code);
+            EXPECT_EQ("", judge(recover(question), change->whileItLasts()));
+            count("deaths within a change by name");
         }
     }
 };

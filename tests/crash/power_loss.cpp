@@ -100,17 +100,65 @@ const PowerLoss::Outcome& PowerLoss::outcomeOf(const Tree& tree, Model model) {
         outcome.seen.push_back(recoverTree(tree, question));
         calls = recorder.events();
     }
-    const Observation& seen = outcome.seen.front();
-    if (seen.faults.empty() && seen.passwords.size() == 1 && (known->first & 6) == 0) {
+    const Observation seen = outcome.seen.front();
+    const bool isSound = seen.faults.empty() && seen.passwords.size() == 1;
+    if (isSound && (known->first & 6) == 0) {
         standing_.reset();
         for (const std::string& wrong : goOn(seen, question)) {
             outcome.goesOn += "  used again: " + wrong + '\n';
         }
     }
+    if (isSound && model != Model::kWeakest && (known->first & 24) == 0) {
+        outcome.goesOn += changeByName(tree, seen, known->first >> 5, model);
+    }
     if (model != Model::kWeakest && std::any_of(calls.begin(), calls.end(), changesNames)) {
         addRecoveries(tree, calls, model, outcome);
     }
     return outcome;
+}
+
+// In what the crash has left, of which nothing else is repaired.
+std::string PowerLoss::changeByName(const Tree& tree, const Observation& recovered,
+                                    std::uint64_t choice, Model model) {
+    const auto change = NamedChange::choose(recording_.question, recovered, choice);
+    if (!change) {
+        return "";
+    }
+    standing_.reset();
+    clearCurrentFolder();
+    writeCurrentFolder(tree);
+    std::string wrong;
+    std::vector<fault::Event> calls;
+    {
+        const fault::Recorder recorder(fault::kLastingCalls);
+        wrong = change->carryOut();
+        calls = recorder.events();
+    }
+    wrong += judge(recover(recording_.question), change->done());
+    count("records changed by name");
+    constexpr std::uint64_t kLosses = 64;  // in one of so many, as each has many states
+    if (wrong.empty() && (choice >> 32) % kLosses == 0) {
+        wrong = findLossWithin(*change, tree, calls, model);
+    }
+    return wrong.empty() ? "" : "  changed by name: " + wrong + '\n';
+}
+
+// The first state in which the power went while the record was changed that breaks the promise.
+std::string PowerLoss::findLossWithin(const NamedChange& change, const Tree& tree,
+                                      const std::vector<fault::Event>& calls, Model model) {
+    std::string first;
+    std::unordered_set<std::uint64_t> seen{hashOf(tree)};
+    Disk disk(tree);
+    for (const fault::Event& call : calls) {
+        disk.apply(call);
+        (void)disk.forEachTree(model, limits_, random_, [&](const Tree& left) {
+            if (first.empty() && seen.insert(hashOf(left)).second) {
+                first = judge(recoverTree(left, recording_.question), change.whileItLasts());
+            }
+        });
+    }
+    count("crash states within a change by name", static_cast<long>(seen.size()) - 1);
+    return first;
 }
 
 // A recovery changes names only; what it leaves of the model's states is little.

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/crash/disk_model.h"
+#include "tests/crash/named.h"
 #include "tests/crash/recording.h"
 
 namespace crash {
@@ -40,7 +41,11 @@ private:
     template <class Visit>
     void forEachState(Model model, Visit visit);
     Observation recoverTree(const Tree& tree, const Question& question);
+    std::string findLossWithin(const NamedChange& change, const Tree& tree,
+                               const std::vector<fault::Event>& calls, Model model);
     const Outcome& outcomeOf(const Tree& tree, Model model);
+    std::string changeByName(const Tree& tree, const Observation& recovered, std::uint64_t choice,
+                             Model model);
     void addRecoveries(const Tree& tree, const std::vector<fault::Event>& calls, Model model,
                        Outcome& outcome);
     std::string report(Model model, std::size_t made, const Disk& disk, const Tree& tree,
