@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
+#include <string_view>
 #include <thread>
 
 #include <spawn.h>
@@ -28,10 +30,11 @@ class Beginning {
 public:
     enum class On { kNothing, kTerminal };
 
-    explicit Beginning(On streams) noexcept {
+    // `output` is a file for what it says, empty for this process's standard error.
+    explicit Beginning(On streams, const std::string& output = {}) noexcept {
         (void)posix_spawn_file_actions_init(&files_);
         (void)posix_spawnattr_init(&attributes_);
-        error_ = fill(streams);
+        error_ = fill(streams, output);
     }
     Beginning(const Beginning&) = delete;
     Beginning& operator=(const Beginning&) = delete;
@@ -45,7 +48,7 @@ public:
     const posix_spawnattr_t* attributes() const noexcept { return &attributes_; }
 
 private:
-    int fill(On streams) noexcept {
+    int fill(On streams, const std::string& output) noexcept {
         sigset_t defaults;
         (void)sigemptyset(&defaults);
         (void)sigaddset(&defaults, SIGPIPE);
@@ -60,17 +63,19 @@ private:
         (void)posix_spawnattr_setsigdefault(&attributes_, &defaults);
         (void)posix_spawnattr_setpgroup(&attributes_, 0);
         (void)posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
-        return giveStreams();
+        return giveStreams(output);
     }
 
     // The program has no other descriptors: what this process was given, a password perhaps, is not
     // for it. Where there is no standard error, what it says goes nowhere, and is no failure of it.
-    int giveStreams() noexcept {
+    int giveStreams(const std::string& output) noexcept {
         int error =
             posix_spawn_file_actions_addopen(&files_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-        if (error == 0 && !canWrite(STDERR_FILENO)) {
-            error =
-                posix_spawn_file_actions_addopen(&files_, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+        const bool goesNowhere = output.empty() && !canWrite(STDERR_FILENO);
+        if (error == 0 && (goesNowhere || !output.empty())) {
+            error = posix_spawn_file_actions_addopen(
+                &files_, STDERR_FILENO, goesNowhere ? "/dev/null" : output.c_str(),
+                O_WRONLY | O_CREAT | O_APPEND, S_IRUSR | S_IWUSR);
         }
         if (error == 0) {
             error = posix_spawn_file_actions_adddup2(&files_, STDERR_FILENO, STDOUT_FILENO);
@@ -155,8 +160,21 @@ CommandEnd waitFor(const Group& group, double seconds) noexcept {
     }
 }
 
+// The variables of this process, but for those that begin with `withheld` unless that is empty.
+std::vector<char*> variablesBut(const std::string& withheld) {
+    std::vector<char*> variables;
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        if (withheld.empty() || !std::string_view(*variable).starts_with(withheld)) {
+            variables.push_back(*variable);
+        }
+    }
+    variables.push_back(nullptr);
+    return variables;
+}
+
 // 0, or why it could not be started.
-int start(const std::vector<std::string>& words, const Beginning& beginning, pid_t& child) {
+int start(const std::vector<std::string>& words, const Beginning& beginning,
+          const std::string& withheld, pid_t& child) {
     if (beginning.error() != 0) {
         return beginning.error();
     }
@@ -167,16 +185,37 @@ int start(const std::vector<std::string>& words, const Beginning& beginning, pid
     }
     arguments.push_back(nullptr);
     return ::posix_spawnp(&child, arguments.front(), beginning.files(), beginning.attributes(),
-                          arguments.data(), environ);
+                          arguments.data(), variablesBut(withheld).data());
 }
 
 }  // namespace
 
-CommandEnd runCommand(const std::vector<std::string>& words, double seconds) {
+bool isInPath(const std::string& program) {
+    const char* const variable = std::getenv("PATH");
+    std::string_view rest = variable != nullptr ? variable : "/bin:/usr/bin";  // as execvp()
+    for (;;) {
+        const std::size_t end = rest.find(':');
+        const std::string folder(rest.substr(0, end));  // an empty one is the present folder
+        const std::string path = (folder.empty() ? "." : folder) + "/" + program;
+        struct stat status {};
+        if (::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+            ::access(path.c_str(), X_OK) == 0) {
+            return true;
+        }
+        if (end == std::string_view::npos) {
+            return false;
+        }
+        rest.remove_prefix(end + 1);
+    }
+}
+
+CommandEnd runCommand(const std::vector<std::string>& words, double seconds,
+                      const CommandPlace& place) {
     const HeardChildren heard;
     pid_t child = 0;
     const mode_t mine = ::umask(givenMask());
-    const int error = start(words, Beginning(Beginning::On::kNothing), child);
+    const int error =
+        start(words, Beginning(Beginning::On::kNothing, place.output), place.withheld, child);
     (void)::umask(mine);
     return error != 0 ? CommandEnd{.error = error} : waitFor(Group(child), seconds);
 }
@@ -186,7 +225,8 @@ CommandEnd runOnTerminal(const std::vector<std::string>& words) {
     const Handling interrupt(SIGINT, SIG_IGN);  // it is the program's
     const Handling quit(SIGQUIT, SIG_IGN);
     pid_t child = 0;
-    if (const int error = start(words, Beginning(Beginning::On::kTerminal), child); error != 0) {
+    if (const int error = start(words, Beginning(Beginning::On::kTerminal), {}, child);
+        error != 0) {
         return {.error = error};
     }
     int status = 0;

@@ -16,6 +16,15 @@ struct CommandEnd {
     bool isLate = false;  // when it had to be ended; the others are then 0
 };
 
+// Whether runCommand() would find a program of this name by PATH.
+[[nodiscard]] bool isInPath(const std::string& program);
+
+// What a program has that runCommand() runs, where that is not what this process has.
+struct CommandPlace {
+    std::string output = {};    // a file that is made for what it says
+    std::string withheld = {};  // how the variables begin that it does not get; empty for none
+};
+
 // Runs a program, found by PATH, with its arguments; `words` has the program first. It has the
 // environment and the umask that this process was started with, reads nothing, and writes to this
 // process's standard error, so that the standard output stays what the caller makes it; nowhere if
@@ -24,7 +33,8 @@ struct CommandEnd {
 // It has `seconds`; then it is killed with all that it has started in its process group, which is
 // one of its own. What has left that group, as daemons do, stays, and is not waited for. A signal
 // that ends this process (installSignalHandlers()) goes to the group, too.
-[[nodiscard]] CommandEnd runCommand(const std::vector<std::string>& words, double seconds);
+[[nodiscard]] CommandEnd runCommand(const std::vector<std::string>& words, double seconds,
+                                    const CommandPlace& place = {});
 
 // Runs a program as a shell would, on this process's terminal and standard streams, and waits for
 // its end, however long that takes. Interrupts from the terminal are the program's: this process

@@ -13,7 +13,7 @@ packages+=,stunnel4,mosquitto,redis-server,postgresql-15,socat,openvpn,php8.2-cl
 packages+=,certbot,python3-cffi-backend,dehydrated,pebble,systemd
 packages+=,glusterfs-server,glusterfs-client,iproute2,procps,python3,restic,borgbackup,rclone,rsync,git
 # What debootstrap cannot configure in its order; apt can.
-late=chromium,fonts-dejavu-core,poppler-utils,prometheus,gnutls-bin,libnss3-tools
+late=chromium,fonts-dejavu-core,poppler-utils,prometheus,gnutls-bin,libnss3-tools,openjdk-17-jre-headless
 
 if [ "$(id -u)" -ne 0 ] || ! command -v debootstrap >/dev/null; then
     echo "$0: needs root, and debootstrap, which scripts/install_deps.sh --full installs" >&2

@@ -13,6 +13,7 @@
 #include "fstore/terminal/json.h"
 #include "lib/base/files.h"
 #include "lib/records/address.h"
+#include "lib/work/java_keystore.h"
 
 namespace fstore {
 namespace {
@@ -59,7 +60,7 @@ std::vector<Item> readItems(const Options& options, PasswordSource& password) {
     for (const std::string& file : options.files) {
         try {
             const SecretBytes bytes = InputFile(file).readAll(kMostInput);
-            for (PkiPart& part : decodePki(bytes, [&]() -> const SecretText& {
+            for (PkiPart& part : decodeWithKeytool(bytes, [&]() -> const SecretText& {
                      return password.get(PasswordSource::Entry::kOnce);
                  })) {
                 items.push_back({file, std::move(part), true});
@@ -198,7 +199,7 @@ void addImport(Cli& cli) {
                                [options](Context& context) { return run(*options, context); });
     command.argument(
         "FILE", &options->files,
-        "PEM with any number of them, DER, PKCS#7 or PKCS#12, up to 64 MiB; \"-\" is the "
+        "PEM with any number of them, DER, PKCS#7, PKCS#12 or JKS, up to 64 MiB; \"-\" is the "
         "standard input");
     command.option("--to", "FOLDER", &options->folder, "Folder for all of them");
     command.option("--name", "NAME", &options->rules.name,

@@ -75,10 +75,6 @@ PkiObject trustedCertificate(const SecretBytes& der, std::string& label) {
     return readPkiObject(Kind::kCertificate, SecretBytes(der.data(), at));
 }
 
-std::string_view asText(Bytes bytes) {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
 PkiPart only(Content content) {
     return {0, "", std::move(content)};
 }
@@ -256,8 +252,7 @@ Failure strangeness(Bytes bytes) {
     if (asText(bytes).starts_with("\xFF\xFE") || asText(bytes).starts_with("\xFE\xFF")) {
         return {kMalformed, "the file is text in UTF-16; convert it to UTF-8 first"};
     }
-    if (asText(bytes).starts_with("\xFE\xED\xFE\xED") ||
-        asText(bytes).starts_with("\xCE\xCE\xCE\xCE")) {
+    if (javaKeystoreType(bytes) != nullptr) {
         return {kMalformed,
                 "a Java keystore; `keytool -importkeystore -srckeystore FILE -destkeystore "
                 "FILE.p12 -deststoretype PKCS12` makes a PKCS#12 file of it"};
@@ -323,6 +318,13 @@ std::vector<PkiPart> partsOfFile(Bytes bytes, FilePassword& password) {
 }
 
 }  // namespace
+
+const char* javaKeystoreType(Bytes bytes) {
+    if (asText(bytes).starts_with("\xFE\xED\xFE\xED")) {
+        return "JKS";
+    }
+    return asText(bytes).starts_with("\xCE\xCE\xCE\xCE") ? "JCEKS" : nullptr;
+}
 
 std::vector<PkiPart> decodePki(Bytes bytes, const InputPassword& password) {
     FilePassword tried(password);

@@ -19,6 +19,10 @@ namespace fstore {
 // The largest file that is decoded.
 inline constexpr std::uint64_t kMostInput = 64 << 20;
 
+// Whether a file is a keystore of one of Java's own kinds, which only Java reads, and which: "JKS"
+// or "JCEKS"; null if not.
+const char* javaKeystoreType(std::span<const unsigned char> bytes);
+
 // The parts in the order of the file, at least one.
 std::vector<PkiPart> decodePki(std::span<const unsigned char> bytes, const InputPassword& password);
 

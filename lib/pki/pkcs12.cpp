@@ -101,6 +101,8 @@ PkiObject objectOf(const PKCS12_SAFEBAG* bag, FilePassword& password) {
             const ossl::Crl crl(PKCS12_SAFEBAG_get1_crl(bag));
             return readPkiObject(Kind::kCrl, ossl::encoded<i2d_X509_CRL>(crl.get()));
         }
+        case NID_secretBag:
+            throw Failure(kMalformed, "a secret that is no private key cannot be imported");
         default:
             throw Failure(kMalformed, "unknown kind of PKCS#12 entry");
     }

@@ -222,13 +222,5 @@ class OpenSshTest(FormatTest):
             self.assertIn(run.code, (0, 59), run)
 
 
-class OthersTest(FormatTest):
-    def test_java_keystores_are_named(self):
-        for magic in (b"\xfe\xed\xfe\xed", b"\xce\xce\xce\xce"):
-            self.write("x.jks", magic + b"\0\0\0\2\0\0\0\1")
-            self.assertIn("keytool -importkeystore",
-                          self.fails(59, "malformed", "import", "x.jks"))
-
-
 if __name__ == "__main__":
     support.main()

@@ -86,6 +86,38 @@ TEST(CommandTest, ItCanWriteWithoutAStandardError) {
         }));
 }
 
+TEST(CommandTest, WhatItSaysGoesIntoTheFileThatIsNamed) {
+    const support::TempWorkingDir folder;
+    const os::CommandPlace place{.output = "said", .withheld = {}};
+    const std::string script = "echo out; echo error >&2; exit 3";
+    EXPECT_EQ(3, os::runCommand({"/bin/sh", "-c", script}, kLong, place).exitCode);
+    EXPECT_EQ("out\nerror\n", support::readFile("said"));
+}
+
+TEST(CommandTest, VariablesCanBeWithheld) {
+    ASSERT_EQ(0, ::setenv("COMMAND_TEST_A", "a", 1));
+    ASSERT_EQ(0, ::setenv("COMMAND_KEPT", "b", 1));
+    const os::CommandPlace place{.output = {}, .withheld = "COMMAND_TEST_"};
+    const std::string script = "test -z \"$COMMAND_TEST_A\" && test \"$COMMAND_KEPT\" = b";
+    EXPECT_EQ(0, os::runCommand({"/bin/sh", "-c", script}, kLong, place).exitCode);
+    EXPECT_NE(0, shell(script).exitCode);
+}
+
+TEST(CommandTest, ProgramsAreFoundByPath) {
+    const support::TempWorkingDir folder;
+    const std::string before = std::getenv("PATH");
+    support::writeFile("text", "no program");
+    support::writeFile("program", "#!/bin/sh");
+    std::filesystem::permissions("program", std::filesystem::perms::owner_all);
+    std::filesystem::create_directory("folder");
+    EXPECT_FALSE(os::isInPath("program"));
+    ASSERT_EQ(0, ::setenv("PATH", "/nowhere:.", 1));
+    EXPECT_TRUE(os::isInPath("program"));
+    EXPECT_FALSE(os::isInPath("text"));
+    EXPECT_FALSE(os::isInPath("folder"));
+    ASSERT_EQ(0, ::setenv("PATH", before.c_str(), 1));
+}
+
 TEST(CommandTest, WhatCannotBeStartedSaysWhy) {
     const support::TempWorkingDir folder;
     support::writeFile("text", "no program");

@@ -9,7 +9,7 @@
 #
 #     run.sh [TRY...]    only these functions, as "try_nginx", one after the other
 set -u
-for part in support web services languages renewals hooks units looks; do
+for part in support web services languages renewals hooks units looks keystores; do
     # shellcheck source=tests/programs/support.sh
     . "/programs/$part.sh"
 done
@@ -77,7 +77,7 @@ run_all() {
     run_group hooks try_hooks
     run_group others try_nginx try_haproxy try_apache try_lighttpd try_stunnel try_mosquitto \
         try_redis try_postgresql try_socat try_openvpn try_python_and_curl try_php try_ruby \
-        try_s_server try_ssh try_units try_looks
+        try_s_server try_ssh try_units try_looks try_keystores
     for group in "${groups[@]}"; do
         wait "${group#*:}"
         failed=$((failed + $?))
