@@ -2,12 +2,25 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 
 #include "os/base.h"
 #include "os/fs.h"
 #include "os/rename_new.h"
+#include "os/unnamed_file.h"
+
+namespace {
+
+// What the system calls an open descriptor.
+std::array<char, 32> pathOf(int fd) noexcept {
+    std::array<char, 32> path{};
+    (void)std::snprintf(path.data(), path.size(), "/proc/self/fd/%d", fd);
+    return path;
+}
+
+}  // namespace
 
 int os::open(const char* path, int flags, mode_t mode) noexcept {
     return ::openat(baseFolder(), path, flags, mode);
@@ -108,4 +121,18 @@ dirent* os::readdir(DIR* dir) noexcept {
 
 int os::closedir(DIR* dir) noexcept {
     return ::closedir(dir);
+}
+
+os::File os::openUnnamed(const char* folder) noexcept {
+    constexpr mode_t kForOwner = 0600;
+    return File(::openat(baseFolder(), folder, O_TMPFILE | O_WRONLY | O_CLOEXEC, kForOwner));
+}
+
+os::File os::reopen(const File& file, int flags) noexcept {
+    return File(::openat(AT_FDCWD, pathOf(file.get()).data(), flags | O_CLOEXEC));
+}
+
+bool os::giveName(const File& file, const char* path) noexcept {
+    return ::linkat(AT_FDCWD, pathOf(file.get()).data(), baseFolder(), path, AT_SYMLINK_FOLLOW) ==
+           0;
 }

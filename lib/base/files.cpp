@@ -3,22 +3,19 @@
 #include <fcntl.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cerrno>
-#include <charconv>
 #include <cstdlib>
 #include <span>
 
 #include <fmt/format.h>
-#include <openssl/rand.h>
 
-#include "lib/base/digits.h"
 #include "lib/base/error.h"
 #include "lib/base/name_list.h"
 #include "os/base.h"
 #include "os/files.h"
 #include "os/fs.h"
+#include "os/output.h"
 #include "os/process.h"
 
 namespace fstore {
@@ -31,39 +28,6 @@ constexpr std::size_t kPiece = 1 << 20;
 [[noreturn]] void failTooLarge(const std::string& name, std::uint64_t most) {
     throw Failure(kInvalid, fmt::format("{} is larger than the limit of {} bytes", name, most),
                   name);
-}
-
-std::string besideName(const std::string& path) {
-    std::array<unsigned char, 6> random{};
-    if (RAND_bytes(random.data(), static_cast<int>(random.size())) != 1) {
-        throw Failure(kIo, "cannot create a file name: OpenSSL has no random numbers");
-    }
-    const std::size_t slash = path.rfind('/');
-    return fmt::format("{}/.fstore-{}", path.substr(0, slash), toHex(random));
-}
-
-// The open descriptor that a path of the system stands for. Opened again by that path, a file
-// would be written from its beginning, wherever the caller's position is.
-std::optional<int> descriptorNamed(const std::string& path) {
-    constexpr int kStderr = 2;
-    if (path == "/dev/stdout") {
-        return kStdout;
-    }
-    if (path == "/dev/stderr") {
-        return kStderr;
-    }
-    for (const std::string_view folder : {"/dev/fd/", "/proc/self/fd/"}) {
-        if (!path.starts_with(folder)) {
-            continue;
-        }
-        int number = 0;
-        const char* const end = path.data() + path.size();
-        const auto [rest, error] = std::from_chars(path.data() + folder.size(), end, number);
-        if (error == std::errc() && rest == end && number >= 0) {
-            return number;
-        }
-    }
-    return std::nullopt;
 }
 
 // The system's own links to devices stand in /dev, where only the system writes; not below, where
@@ -256,8 +220,8 @@ OutputFile::OutputFile(const std::string& name, bool replace) : name_(name), rep
         return;
     }
     path_ = absolutePath(name);
-    if (const auto descriptor = descriptorNamed(path_)) {
-        given_ = *descriptor;
+    given_ = os::descriptorNamed(path_);
+    if (given_ >= 0) {
         struct stat status {};
         if (os::fstat(given_, &status) != 0) {
             failWithErrno("write", name);
@@ -265,15 +229,15 @@ OutputFile::OutputFile(const std::string& name, bool replace) : name_(name), rep
     } else if (isStreamAt(path_, name_, replace_)) {
         openStream();
     } else {
-        createBeside();
+        openDraft();
     }
 }
 
 void OutputFile::openStream() {
     const int follow = isLinkOfDevices(path_) ? 0 : O_NOFOLLOW;
-    file_ = os::openFile(path_.c_str(), O_WRONLY | O_NOCTTY | follow);
+    stream_ = os::openFile(path_.c_str(), O_WRONLY | O_NOCTTY | follow);
     struct stat status {};
-    if (!file_ || os::fstat(file_.get(), &status) != 0) {
+    if (!stream_ || os::fstat(stream_.get(), &status) != 0) {
         failWithErrno("write", name_);
     }
     if (S_ISREG(status.st_mode)) {  // by a link of /dev, or it has just taken the place
@@ -281,20 +245,23 @@ void OutputFile::openStream() {
     }
 }
 
-void OutputFile::createBeside() {
+void OutputFile::openDraft() {
     refuseOutput(path_, name_);
-    beside_.emplace(besideName(path_));
-    os::removeOnSignal(beside_->c_str());
-    file_ = os::openFile(beside_->c_str(), O_WRONLY | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR);
-    if (!file_) {
-        beside_->commit();  // there is nothing to remove
+    if (!draft_.emplace(os::removeOnSignal).open(path_)) {
         failWithErrno("write", name_);
     }
 }
 
 OutputFile::~OutputFile() {
-    beside_.reset();
+    draft_.reset();
     os::removeOnSignal(nullptr);
+}
+
+int OutputFile::fd() const noexcept {
+    if (draft_) {
+        return draft_->file().get();
+    }
+    return stream_ ? stream_.get() : given_;
 }
 
 bool OutputFile::isStandardOutput() const noexcept {
@@ -302,7 +269,7 @@ bool OutputFile::isStandardOutput() const noexcept {
 }
 
 void OutputFile::write(std::span<const unsigned char> bytes) {
-    if (!os::writeAll(file_ ? file_.get() : given_, bytes.data(), bytes.size())) {
+    if (!os::writeAll(fd(), bytes.data(), bytes.size())) {
         if (given_ == kStdout && errno == EPIPE) {
             throw Failure(kIo, "");  // who closed the pipe knows it
         }
@@ -311,13 +278,13 @@ void OutputFile::write(std::span<const unsigned char> bytes) {
 }
 
 void OutputFile::allow(mode_t mode) {
-    if (beside_ && !os::setPermissions(file_, mode)) {
+    if (draft_ && !os::setPermissions(draft_->file(), mode)) {
         failWithErrno("set the permissions of", name_);
     }
 }
 
 os::File OutputFile::reopen() const {
-    os::File file = os::openFile(beside_->c_str(), O_RDONLY);
+    os::File file = draft_->reopenForReading();
     if (!file) {
         failWithErrno("read back", name_);
     }
@@ -325,32 +292,27 @@ os::File OutputFile::reopen() const {
 }
 
 void OutputFile::commit() {
-    if (!beside_) {
+    if (!draft_) {
         // A disk can be synced, a FIFO or terminal cannot.
         const bool done =
-            !file_ || ((os::fsync(file_.get()) == 0 || errno == EINVAL) && file_.close());
+            !stream_ || ((os::fsync(stream_.get()) == 0 || errno == EINVAL) && stream_.close());
         if (!done) {
             failWithErrno("write", name_);
         }
         return;
     }
-    if (!os::closeDurably(std::move(file_))) {
-        failWithErrno("write", name_);
-    }
     if (isStreamAt(path_, name_, replace_)) {
         throw Failure(kInvalid, fmt::format("{} became another file meanwhile", name_), name_);
     }
-    const auto rename = replace_ ? os::rename : os::renameNew;
-    if (rename(beside_->c_str(), path_.c_str()) != 0) {
-        if (errno == EEXIST) {
+    using Existing = os::Draft::Existing;
+    if (!draft_->commit(replace_ ? Existing::kReplaced : Existing::kKept)) {
+        if (errno == EEXIST && !replace_) {
             throw Failure(kInvalid,
                           fmt::format("{} was made by another program meanwhile, and stays", name_),
                           name_);
         }
         failWithErrno("write", name_);
     }
-    beside_->commit();
-    os::removeOnSignal(nullptr);
     syncFolder(path_.substr(0, path_.rfind('/')) + "/");
 }
 

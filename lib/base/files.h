@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "cmn/secret_bytes.h"
+#include "os/draft.h"
 #include "os/files.h"
 #include "os/handles.h"
 
@@ -52,12 +53,13 @@ using OutputRule = void (*)(const std::string& path, const std::string& name);
 void setOutputRule(OutputRule rule) noexcept;
 void refuseOutput(const std::string& path, const std::string& name);
 
-// A file that is complete or as it was before: written beside the target, synced, renamed,
-// and readable by its owner only. Or a stream, which takes the bytes as they come: the standard
-// output for "-", an open descriptor by its name in /dev or /proc/self/fd, a FIFO, a device.
+// A file that is complete or as it was before: a draft (os/draft.h) that is written, synced and
+// given the name, and readable by its owner only. Or a stream, which takes the bytes as they come:
+// the standard output for "-", an open descriptor by its name in /dev or /proc/self/fd, a FIFO, a
+// device.
 class OutputFile {
 public:
-    // Creates the file beside `name`, so that obstacles show now; waits for a FIFO's reader.
+    // Creates the draft of `name`, so that obstacles show now; waits for a FIFO's reader.
     // kInvalid for an existing file without `replace`, and always for a folder and for a link:
     // what it leads to may be anybody's. Links of /dev itself are followed to devices.
     OutputFile(const std::string& name, bool replace);
@@ -66,7 +68,7 @@ public:
     ~OutputFile();  // without commit() nothing is left of it, unless it is a stream
 
     bool isStandardOutput() const noexcept;
-    bool isStream() const noexcept { return !beside_; }
+    bool isStream() const noexcept { return !draft_; }
     const std::string& name() const noexcept { return name_; }
 
     void write(std::span<const unsigned char> bytes);
@@ -81,14 +83,15 @@ public:
 
 private:
     void openStream();
-    void createBeside();
+    void openDraft();
+    int fd() const noexcept;
 
     std::string name_;
     std::string path_;  // absolute
     bool replace_;
-    int given_ = -1;                      // the descriptor, when it was open before
-    std::optional<os::TempPath> beside_;  // none for a stream
-    os::File file_;                       // none for an open descriptor
+    int given_ = -1;                  // the descriptor, when it was open before
+    std::optional<os::Draft> draft_;  // none for a stream
+    os::File stream_;                 // none for an open descriptor
 };
 
 // The path as an absolute one. It need not exist.

@@ -20,6 +20,7 @@ OTHERS = ()
 
 ERROR = "lib/base/error.cpp"
 FILES = "lib/base/files.cpp"
+DRAFT = "os/draft.cpp"
 FOLDER_LOCK = "lib/database/folder_lock.cpp"
 LOCK_FILE = "lib/database/lock_file.cpp"
 INSIDE = "lib/database/inside.cpp"
@@ -92,25 +93,23 @@ BUGS = (
         "            lost_ = askWhyLost();", "            (void)askWhyLost();",
         lost("OnlyTheTokenSavesWhatTheOtherHostHasWritten/put_over")),
     # Files that the user names.
-    Bug("exported_file_not_synced", FILES,
-        "    if (!os::closeDurably(std::move(file_))) {",
-        "    if (!file_.close()) {", power("get")),
+    Bug("exported_file_not_synced", DRAFT,
+        "    if (!closeDurably(std::move(file_))) {", "    if (!file_.close()) {", power("get")),
     Bug("exported_name_not_synced", FILES,
         "    syncFolder(path_.substr(0, path_.rfind('/')) + \"/\");\n",
         "", power("get")),
-    Bug("exported_file_named_before_it_is_durable", FILES,
-        "    if (!os::closeDurably(std::move(file_))) {\n        failWithErrno(\"write\", name_);\n    }\n",
+    Bug("exported_file_named_before_it_is_durable", DRAFT,
+        "    if (!closeDurably(std::move(file_))) {\n        return false;\n    }\n",
         "", power("get_over"),
-        also=(("    beside_->commit();\n    os::removeOnSignal(nullptr);\n    syncFolder",
-               "    beside_->commit();\n    os::removeOnSignal(nullptr);\n"
-               "    (void)os::closeDurably(std::move(file_));\n    syncFolder"),)),
-    Bug("exported_file_written_in_its_place", FILES,
-        "    beside_.emplace(besideName(path_));",
-        "    (void)os::remove(path_.c_str());\n    beside_.emplace(besideName(path_));",
+        also=(("    named_->commit();\n    if (watch_",
+               "    named_->commit();\n    (void)closeDurably(std::move(file_));\n    if (watch_"),)),
+    Bug("exported_file_written_in_its_place", DRAFT,
+        "    place_ = firstPlace(folder_, path_);",
+        "    (void)os::remove(path_.c_str());\n    place_ = firstPlace(folder_, path_);",
         power("get_over")),
     Bug("failed_write_of_an_output_file_ignored", FILES,
-        "    if (!os::writeAll(file_ ? file_.get() : given_, bytes.data(), bytes.size())) {",
-        "    if (!os::writeAll(file_ ? file_.get() : given_, bytes.data(), bytes.size()) && !file_) {",
+        "    if (!os::writeAll(fd(), bytes.data(), bytes.size())) {",
+        "    if (!os::writeAll(fd(), bytes.data(), bytes.size()) && !draft_) {",
         calls("get")),
     Bug("output_replaces_a_link", FILES,
         "            if (!isLinkOfDevices(path)) {\n                failOnLink(name);\n            }\n"

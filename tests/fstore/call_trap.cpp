@@ -9,6 +9,7 @@
 //     CALL_TRAP_FULL=N       from the Nth call on the disk is full: what would take room
 //                            fails, and what only renames, removes or syncs does not
 //     CALL_TRAP_NO_LOCK=1    flock() succeeds and locks nothing
+//     CALL_TRAP_NO_UNNAMED=1 there are no files without a name, as on many file systems
 //     CALL_TRAP_SCRYPT=FILE  each derivation with scrypt adds a byte to FILE
 //     CALL_TRAP_PAUSE=N      each opening of a descriptor file takes N milliseconds longer
 //     CALL_TRAP_STOP=NAME:N  the process stops in front of its Nth call of this function, as by
@@ -117,6 +118,11 @@ void pauseAt(const char* path) {
 
 int openFile(const char* name, int folder, const char* path, int flags, mode_t mode) {
     pauseAt(path);
+    static const bool knowsUnnamed = setting("CALL_TRAP_NO_UNNAMED") == 0;
+    if ((flags & O_TMPFILE) == O_TMPFILE && !knowsUnnamed) {
+        errno = EOPNOTSUPP;
+        return -1;
+    }
     if ((flags & (O_CREAT | O_TRUNC)) == 0) {
         return next<int(int, const char*, int, ...)>(name)(folder, path, flags, mode);
     }
@@ -236,6 +242,9 @@ int mkdirat(int folder, const char* path, mode_t mode) noexcept {
     return pass<int>(Room::kTaken, "mkdirat", folder, path, mode);
 }
 
+int linkat(int from, const char* name, int to, const char* newName, int flags) noexcept {
+    return pass<int>(Room::kTaken, "linkat", from, name, to, newName, flags);
+}
 int symlinkat(const char* text, int folder, const char* path) noexcept {
     return pass<int>(Room::kTaken, "symlinkat", text, folder, path);
 }

@@ -136,9 +136,9 @@ class Output(Workload):
         out = self.out(folder)
         if out.exists():
             self.verify_file(folder, out)
-        # A kill that cannot be caught leaves the unfinished file, under a name of its own.
-        left = [name for name in os.listdir(folder.parent) if name.startswith(".fstore-")]
-        assert len(left) <= 1, left
+        # The unfinished file had no name.
+        left = [name for name in os.listdir(folder.parent) if name.startswith(".out-")]
+        assert not left, left
 
 
 class Export(Output):

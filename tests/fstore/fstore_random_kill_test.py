@@ -332,7 +332,7 @@ class RandomKillTest(InitialisedTest):
         for kept in [*self.folder.glob("db-*"), *self.folder.glob("old_db")]:
             self.look_at_kept(kept)
         for name in os.listdir(self.folder):
-            if name.startswith(".fstore-"):  # an unfinished backup
+            if name.startswith(".backup-"):  # one that was about to replace another
                 (self.folder / name).unlink()
         shutil.rmtree(self.folder / "db.lost", ignore_errors=True)
         self.assertLessEqual(set(os.listdir(self.folder)),

@@ -24,6 +24,7 @@
 #include "os/base.h"
 #include "os/fs.h"
 #include "os/rename_new.h"
+#include "os/unnamed_file.h"
 #include "tests/support/alloc_fault.h"
 
 namespace fault {
@@ -538,6 +539,22 @@ int os::syncfs(int fd) noexcept {
 int os::startWriteback(int fd) noexcept {
     Step step(Call::kStartWriteback, fd);
     return step.done(step.fails() ? -1 : ::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE));
+}
+
+// As a file system without unnamed files: what is on disk is followed by names here.
+os::File os::openUnnamed(const char* /*folder*/) noexcept {
+    errno = EOPNOTSUPP;
+    return {};
+}
+
+os::File os::reopen(const File& /*file*/, int /*flags*/) noexcept {
+    errno = ENOENT;
+    return {};
+}
+
+bool os::giveName(const File& /*file*/, const char* /*path*/) noexcept {
+    errno = ENOENT;
+    return false;
 }
 
 int os::flock(int fd, int operation) noexcept {

@@ -221,8 +221,7 @@ std::vector<std::string> unplannedIn(const Tree& tree, const std::string& lost) 
 
 bool isDraft(const std::string& path) {
     const std::string name = path.substr(path.rfind('/') + 1);
-    return name.starts_with(".fstore-") ||
-           (name.starts_with('.') && name.find(".new-") != std::string::npos);
+    return name.starts_with('.') && name.find(".new-") != std::string::npos;
 }
 
 // What is below `path`, in the tree's folders and by its first step there.
