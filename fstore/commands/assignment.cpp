@@ -4,11 +4,11 @@
 
 #include <fmt/format.h>
 
-#include "fstore/commands/record_json.h"
 #include "lib/base/digits.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/records/attributes.h"
+#include "lib/records/kept_type.h"
 #include "lib/work/put.h"
 
 namespace fstore {
@@ -21,10 +21,8 @@ constexpr std::uint64_t kMostValue = 16 << 20;  // bytes of a value from a file
 }
 
 unsigned int parseType(std::string_view left, std::string_view name) {
-    for (const unsigned int type : {kTypeNumber, kTypeBinary, kTypeString, kTypeText}) {
-        if (name == typeName(type)) {
-            return type;
-        }
+    if (const auto type = typeNamed(name)) {
+        return *type;
     }
     refuse(left, "the type is number, binary, string or text");
 }

@@ -1,13 +1,12 @@
 #include "fstore/commands/record_json.h"
 
-#include <cstring>
-
 #include <fmt/format.h>
 
 #include "lib/base/digits.h"
 #include "lib/base/printable.h"
 #include "lib/base/time.h"
 #include "lib/records/attributes.h"
+#include "lib/records/kept_type.h"
 
 namespace fstore {
 namespace {
@@ -19,10 +18,7 @@ void addText(Json& json, const char* name, const std::string& text) {
 }
 
 std::uint32_t numberOf(const Record& record, unsigned int index) {
-    std::uint32_t value = 0;
-    const auto bytes = record.bytes(index);
-    std::memcpy(&value, bytes.data(), std::min(bytes.size(), sizeof value));
-    return value;
+    return asNumber(kTypeNumber, record.bytes(index)).value_or(0);
 }
 
 }  // namespace
@@ -72,10 +68,11 @@ Json attributesToJson(const Record& record) {
         if (const std::string_view name = attributeName(record.id(i)); !name.empty()) {
             one["name"] = name;
         }
-        one["type"] = typeName(record.type(i));
+        const unsigned int type = givenType(record, i);
+        one["type"] = typeName(type);
         one["encrypted"] = record.isEncrypted(i);
         if (record.isKnown(i)) {
-            if (record.type(i) == kTypeNumber) {
+            if (type == kTypeNumber) {
                 one["value"] = numberOf(record, i);
             } else {
                 one["value"] = jsonText(valueText(record, i));
@@ -97,18 +94,8 @@ Json failureToJson(const std::string& address, const Failure& failure) {
 }
 
 std::string typeName(unsigned int type) {
-    switch (type) {
-        case kTypeNumber:
-            return "number";
-        case kTypeBinary:
-            return "binary";
-        case kTypeString:
-            return "string";
-        case kTypeText:
-            return "text";
-        default:
-            return std::to_string(type);
-    }
+    const std::string_view name = nameOfType(type);
+    return name.empty() ? std::to_string(type) : std::string(name);
 }
 
 std::string valueText(const Record& record, unsigned int index) {
@@ -116,11 +103,11 @@ std::string valueText(const Record& record, unsigned int index) {
         return {};
     }
     const auto bytes = record.bytes(index);
-    if (record.type(index) == kTypeNumber) {
+    const unsigned int type = givenType(record, index);
+    if (type == kTypeNumber) {
         return std::to_string(numberOf(record, index));
     }
-    const bool secretText = record.type(index) == kTypeBinary && attr::isText(record.id(index));
-    if (record.type(index) == kTypeString || record.type(index) == kTypeText || secretText) {
+    if (type == kTypeString || type == kTypeText || attr::isText(record.id(index))) {
         const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
         return std::string(text.substr(0, text.find('\0')));
     }

@@ -7,6 +7,7 @@
 #include "fstore/commands/commands.h"
 #include "fstore/commands/common_options.h"
 #include "fstore/commands/record_json.h"
+#include "lib/records/kept_type.h"
 #include "lib/records/lookup.h"
 #include "lib/records/record.h"
 #include "lib/records/record_info.h"
@@ -62,6 +63,7 @@ void removeAttributes(Record& record, const std::vector<unsigned int>& ids,
                                       record.address().print(), names[i]),
                           record.address().print());
         }
+        keepType(record, ids[i], kTypeBinary);
     }
 }
 

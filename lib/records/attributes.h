@@ -38,6 +38,7 @@ inline constexpr unsigned int kAltName = 0x10E;
 inline constexpr unsigned int kBits = 0x10F;
 inline constexpr unsigned int kCrlNumber = 0x110;
 inline constexpr unsigned int kImported = 0x111;
+inline constexpr unsigned int kTypes = 0x112;
 
 // Of the value of kBits.
 inline constexpr unsigned int kIsCa = 1;
@@ -78,6 +79,8 @@ inline constexpr Known kKnown[] = {
     {kBits, "bits", kTypeNumber, true, "bits: 1 a CA, 2 self-issued"},
     {kCrlNumber, "crl-number", kTypeBinary, true, "CRL number"},
     {kImported, "imported", kTypeText, false, "time of import"},
+    {kTypes, "types", kTypeText, false,
+     "types of the user's own that are kept encrypted: \"0x8001:text 0x8002:number\""},
 };
 
 // Null for an id that is not in the table.

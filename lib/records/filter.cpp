@@ -8,6 +8,7 @@
 #include "lib/base/error.h"
 #include "lib/base/glob.h"
 #include "lib/base/time.h"
+#include "lib/records/kept_type.h"
 
 namespace fstore {
 namespace {
@@ -116,7 +117,7 @@ bool Filter::matchesAttribute(const AnyRecord& record, const Attribute& wanted) 
         }
         const auto bytes = record.bytes(i);
         std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-        switch (record.type(i)) {
+        switch (givenType(record, i)) {
             case kTypeNumber: {
                 const auto number = parseNumber(*wanted.value);
                 if (number && asNumber(kTypeNumber, bytes) == *number) {

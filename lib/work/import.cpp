@@ -217,7 +217,7 @@ Importer::Result Importer::replace(const PkiObject& object, const std::string& l
         }
     }
     for (unsigned int id = attr::kSchema; id < attr::kFirstOfUser; ++id) {
-        if (id != attr::kLabel || !label.empty()) {
+        if (id != attr::kTypes && (id != attr::kLabel || !label.empty())) {
             (void)record.removeAll(id);
         }
     }

@@ -12,6 +12,7 @@
 #include "lib/base/time.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/descriptor.h"
+#include "lib/records/kept_type.h"
 #include "lib/records/lookup.h"
 #include "lib/records/record.h"
 #include "lib/records/record_info.h"
@@ -206,6 +207,7 @@ void AttributeChange::applyTo(Record& record) const {
                                       record.address().print(), id),
                           record.address().print());
         }
+        keepType(record, id, kTypeBinary);
         return;
     }
     const bool secret = encrypted || isKeptSecret(record, id);
@@ -214,6 +216,9 @@ void AttributeChange::applyTo(Record& record) const {
         return;
     }
     const unsigned int stored = secret ? kTypeBinary : type;
+    if (id != attr::kLabel) {
+        keepType(record, id, secret && isOfType(type, value) ? type : kTypeBinary);
+    }
     const auto present = onlyWithId(record, id);
     if (!present || record.type(*present) != stored) {
         (void)record.removeAll(id);

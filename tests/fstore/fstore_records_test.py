@@ -290,19 +290,51 @@ class AttributeTest(InitialisedTest):
     def test_secret_is_encrypted_and_stays_so(self):
         self.run_tool("set", "a", "--encrypt", "0x8001=hunter2")
         self.assertFalse(any(b"hunter2" in contents for contents in self.files().values()))
-        self.assertEqual([{"id": 0x8001, "type": "binary", "encrypted": True}], self.attributes())
-        self.assertEqual(b"hunter2".hex(), self.attributes("--unlock")[0]["value"])
+        self.assertEqual([{"id": 0x8001, "type": "text", "encrypted": True}], self.attributes())
+        self.assertEqual("hunter2", self.attributes("--unlock")[0]["value"])
         self.run_tool("set", "a", "0x8001=hunter3")
         self.assertFalse(any(b"hunter3" in contents for contents in self.files().values()))
-        self.assertEqual(b"hunter3".hex(), self.attributes("--unlock")[0]["value"])
+        self.assertEqual("hunter3", self.attributes("--unlock")[0]["value"])
         self.assert_sound()
+
+    def test_what_is_encrypted_keeps_its_type(self):
+        self.run_tool("set", "a", "--encrypt", "0x8001=secret word", "0x8002:number=258",
+                      "0x8003:binary=00ff", "0x8004:string=x", "0x8005=two\nlines")
+        expected = [(0x8001, "text", "secret word"), (0x8002, "number", 258), (0x8003, "binary", "00ff"),
+                    (0x8004, "string", "x"), (0x8005, "text", "two\nlines")]
+
+        def shown():
+            return [(one["id"], one["type"], one["value"]) for one in self.attributes("--unlock")]
+
+        self.assertEqual(expected, shown())
+        self.assertEqual([(0x8002, "number")], [(one["id"], one["type"]) for one in self.attributes()
+                                                if "value" not in one and one["id"] == 0x8002])
+        self.assertRegex(self.run_tool("show", "a", "-u").text, r"0x8002 +258 \(encrypted\)")
+        found = self.run_tool("ls", "-u", "--json", "--attr", "0x8002=0x102").document["records"]
+        self.assertEqual(["settings/a"], [record["address"] for record in found])
+        self.run_tool("mv", "settings/a", "settings/b")
+        self.run_tool("mv", "settings/b", "settings/a")
+        self.assertEqual(expected, shown())
+        self.run_tool("set", "a", "0x8001:number=1")
+        self.assertIn((0x8001, "number", 1), shown())
+        for one in expected:
+            self.run_tool("unset", "a", hex(one[0]))
+        self.assertNotIn("types", self.run_tool("show", "a").text)
+        self.assert_sound()
+
+    def test_bytes_that_are_no_text_are_binary(self):
+        for contents in b"\xff", b"a\0b":
+            self.write("value", contents)
+            self.run_tool("set", "a", "--encrypt", "0x8001=@value")
+            self.assertEqual([{"id": 0x8001, "type": "binary", "encrypted": True,
+                               "value": contents.hex()}], self.attributes("--unlock"))
 
     def test_value_from_a_file(self):
         self.write("value", "secret line\n")
         self.run_tool("set", "a", "--encrypt", "0x8001=@value")
         self.run_tool("set", "a", "0x8002:binary=@value")
         by_id = {one["id"]: one["value"] for one in self.attributes("--unlock")}
-        self.assertEqual(b"secret line".hex(), by_id[0x8001])
+        self.assertEqual("secret line", by_id[0x8001])
         self.assertEqual(b"secret line\n".hex(), by_id[0x8002])
 
     def test_refuses_and_changes_nothing(self):
