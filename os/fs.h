@@ -47,7 +47,8 @@ int startWriteback(int fd) noexcept;
 [[nodiscard]] int lstat(const char* path, struct stat* status) noexcept;
 [[nodiscard]] int rename(const char* from, const char* to) noexcept;
 [[nodiscard]] int renameNew(const char* from, const char* to) noexcept;  // as renameNewAt()
-[[nodiscard]] int remove(const char* path) noexcept;  // a file or an empty folder
+[[nodiscard]] int link(const char* file, const char* to) noexcept;  // a second name, which is new
+[[nodiscard]] int remove(const char* path) noexcept;                // a file or an empty folder
 [[nodiscard]] int mkdir(const char* path, mode_t mode) noexcept;
 [[nodiscard]] int rmdir(const char* path) noexcept;
 [[nodiscard]] int utimens(const char* path,

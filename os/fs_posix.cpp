@@ -91,6 +91,10 @@ int os::renameNew(const char* from, const char* to) noexcept {
     return renameNewAt(baseFolder(), from, to);
 }
 
+int os::link(const char* file, const char* to) noexcept {
+    return ::linkat(baseFolder(), file, baseFolder(), to, 0);
+}
+
 int os::remove(const char* path) noexcept {
     return removeAtBase(path);
 }

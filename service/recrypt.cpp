@@ -152,7 +152,7 @@ public:
         if (oldKey_.target() == nullptr || newKey_.target() == nullptr) {
             return kIo;
         }
-        if (!removeIfThere(kCopy) || copyWholeFolder(kLive, kCopy) != kOk) {
+        if (!removeIfThere(kCopy) || duplicateFolder(kLive, kCopy) != kOk) {
             return kIo;
         }
         if (state_.ownDecoder().setKey(oldKey_) != kOk) {

@@ -65,8 +65,8 @@ public:
         unsigned int pending = 0;       // 1: the data is still encrypted
     };
 
-    // Whether a write is durable when it returns, or the caller makes a whole tree durable
-    // later, before anyone can see it.
+    // Whether a write is durable when it returns, and whole at every moment before; or nobody
+    // sees the record before the caller has made a whole tree durable.
     enum class Sync { kNow, kLater };
 
     // Empty and unnamed, in folder ".", with lock and login check.
@@ -168,7 +168,8 @@ private:
     CMN_HIDDEN Status replaceRecord(Sync sync);
     CMN_HIDDEN Status createBodyFile(NewFiles& files);
     CMN_HIDDEN Status writeNewFiles(NewFiles& files, Sync sync);
-    CMN_HIDDEN Status publish(NewFiles& files, Sync sync);
+    CMN_HIDDEN Status publish(NewFiles& files);
+    CMN_HIDDEN Status replaceUnseen(NewFiles& files);
     CMN_HIDDEN void undoPublish(NewFiles& files, bool replaced);
     CMN_HIDDEN Status readFiles(const std::string& path);
     CMN_HIDDEN Status adoptBody(const Attr& reference);

@@ -13,9 +13,12 @@
 
 namespace {
 
-// What could not be read: a folder that cannot be listed to its end, the rest of a file
-// that ends before its size.
-enum class Unread { kIsMissed, kIsFailure };
+// What a copy makes of a folder that cannot be listed to its end, of a file that ends before
+// its size, and of what already has the name of the copy.
+enum class Copying {
+    kWhatIsSeen,  // goes on; adds to a folder, and overwrites a file
+    kAllAnew      // fails
+};
 
 // Lengthens a path by an entry's name for as long as it lives.
 class Below {
@@ -66,18 +69,19 @@ Status listFirst(FileList& entries, const std::string& path) {
     }
 }
 
-Status copyFile(const char* from, const char* to, Unread unread) {
+Status copyFile(const char* from, const char* to, Copying copying) {
     os::File source;
     off_t size = 0;
     if (os::openRegular(from, source, size) != os::Opened::kRegular) {
         return kIo;
     }
-    os::File target = os::openFile(to, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY);
+    const int existing = copying == Copying::kWhatIsSeen ? O_TRUNC : O_EXCL;
+    os::File target = os::openFile(to, O_WRONLY | O_CREAT | existing | O_NONBLOCK | O_NOCTTY);
     if (!target) {
         return kIo;
     }
     // Some file systems tell only at the close that they had no room.
-    const off_t atLeast = unread == Unread::kIsFailure ? size : 0;
+    const off_t atLeast = copying == Copying::kAllAnew ? size : 0;
     const bool copied = copyBytes(source.get(), target.get(), atLeast);
     if (!target.close() || !copied) {
         (void)os::remove(to);
@@ -86,12 +90,25 @@ Status copyFile(const char* from, const char* to, Unread unread) {
     return kOk;
 }
 
+// A second name costs one call, and no bytes. Where it cannot be had, be it for the file
+// system's reasons, the file's or its owner's, the bytes are copied.
+Status duplicateFile(const FileList& entries, const char* from, const char* to) {
+    if (entries.isRegularFile() && os::link(from, to) == 0) {
+        return kOk;
+    }
+    return copyFile(from, to, Copying::kAllAnew);
+}
+
+bool makeFolder(const char* path, Copying copying) {
+    return os::mkdir(path, 0750) == 0 || (errno == EEXIST && copying == Copying::kWhatIsSeen);
+}
+
 // The walks below are recursive. Their depth is bounded by the length that the
 // system allows a path, to which each level adds, and by the number of streams
 // that a process may have open, of which each level holds one.
 // NOLINTNEXTLINE(misc-no-recursion)
-Status copyTree(std::string& from, std::string& to, Unread unread) {
-    if (os::mkdir(to.c_str(), 0750) != 0 && errno != EEXIST) {
+Status copyTree(std::string& from, std::string& to, Copying copying) {
+    if (!makeFolder(to.c_str(), copying)) {
         return kIo;
     }
     FileList entries;
@@ -102,23 +119,25 @@ Status copyTree(std::string& from, std::string& to, Unread unread) {
         }
         const Below source(from, entries.getName());
         const Below target(to, entries.getName());
-        const Status copied = entries.isFolder() != 0 ? copyTree(from, to, unread)
-                                                      : copyFile(from.c_str(), to.c_str(), unread);
+        const Status copied = entries.isFolder() != 0 ? copyTree(from, to, copying)
+                              : copying == Copying::kAllAnew
+                                  ? duplicateFile(entries, from.c_str(), to.c_str())
+                                  : copyFile(from.c_str(), to.c_str(), copying);
         if (copied != kOk) {
             return copied;
         }
     }
     if (listed == kIo) {
-        return unread == Unread::kIsMissed ? kOk : kIo;
+        return copying == Copying::kWhatIsSeen ? kOk : kIo;
     }
     return listed == kEnd ? kOk : listed;
 }
 
-Status copyTree(const char* from, const char* to, Unread unread) {
+Status copyTree(const char* from, const char* to, Copying copying) {
     return noThrow([&] {
         std::string source = from;
         std::string target = to;
-        return copyTree(source, target, unread);
+        return copyTree(source, target, copying);
     });
 }
 
@@ -216,8 +235,12 @@ int FileList::isFolder() const {
     return folder;
 }
 
+bool FileList::isRegularFile() const {
+    return current != nullptr && os::entryType(*current) == os::EntryType::kFile;
+}
+
 Status copyFile(const char* from, const char* to) {
-    return copyFile(from, to, Unread::kIsMissed);
+    return copyFile(from, to, Copying::kWhatIsSeen);
 }
 
 Status copyFolder(const char* from, const char* to) {
@@ -225,11 +248,11 @@ Status copyFolder(const char* from, const char* to) {
 }
 
 Status copyFolder_r(const char* from, const char* to) {
-    return copyTree(from, to, Unread::kIsMissed);
+    return copyTree(from, to, Copying::kWhatIsSeen);
 }
 
-Status copyWholeFolder(const char* from, const char* to) {
-    return from != nullptr && to != nullptr ? copyTree(from, to, Unread::kIsFailure) : kInvalid;
+Status duplicateFolder(const char* from, const char* to) {
+    return from != nullptr && to != nullptr ? copyTree(from, to, Copying::kAllAnew) : kInvalid;
 }
 
 void clearFolder(const char* path) {

@@ -48,6 +48,9 @@ public:
     // 1 when the current entry is a folder, else 0, also for a symbolic link to one.
     int isFolder() const;
 
+    // Whether the entry is known to be a regular file. Some file systems do not tell.
+    CMN_HIDDEN bool isRegularFile() const;
+
 private:
     CMN_HIDDEN Status describeEntry(const dirent* entry);
 
@@ -67,17 +70,20 @@ private:
 // (mode 0750) if need be; other contents of it are kept. Ends at the first
 // failure; what was copied so far stays. A folder that cannot be listed counts
 // as empty, and a listing that breaks off as complete: where records could be
-// lost that way, use copyWholeFolder().
+// lost that way, use duplicateFolder().
 //   kInvalid   an argument is null
 //   kIo        a folder could not be created, or a file not copied
 //   kNoMemory  a path could not be formed
 [[nodiscard]] CMN_EXPORT Status copyFolder(const char* from, const char* to);
 [[nodiscard]] CMN_EXPORT Status copyFolder_r(const char* from, const char* to);  // not null
 
-// As copyFolder(), but succeeds only when all of `from` was seen and copied.
-//   kIo  also when `from` or a folder in it is absent or could not be listed to its
-//        end, or a file ended before its size
-[[nodiscard]] Status copyWholeFolder(const char* from, const char* to);
+// As copyFolder(), but makes `to`, and succeeds only when all of `from` was seen and is there.
+// Where the file system allows it, regular files are not copied: they get a second name in
+// `to`. Bytes that somebody changes in place change under both; a file that is replaced or
+// deleted in one folder stays what it is in the other.
+//   kIo  also when `to` is there; or `from` or a folder in it is absent or could not be listed
+//        to its end, or a file ended before its size
+[[nodiscard]] Status duplicateFolder(const char* from, const char* to);
 
 // Deletes all that is in a folder; the folder stays, and so does silently what
 // cannot be deleted. A symbolic link is deleted, not followed, also when `path` is one.

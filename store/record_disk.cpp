@@ -212,10 +212,22 @@ struct CMN_HIDDEN FileStore::NewFiles {
         }
     }
 
+    // They are the record's now.
+    void keep() {
+        if (bodyPath) {
+            bodyPath->commit();
+        }
+        isInPlace = true;
+    }
+
+    // The path of the new body, if there is one. An old record whose body was lost may name
+    // the same file.
+    std::string_view body() const { return bodyPath ? bodyPath->path() : std::string_view(); }
+
     bool isInPlace = false;
     std::string bodyName;  // empty: the record has no body
     std::optional<os::TempPath> bodyPath;
-    os::File body;
+    os::File bodyFile;
     std::string recordName;  // of the descriptor, without extension
     std::string fileName;
     std::string descriptor;                     // the path that readers know
@@ -247,16 +259,12 @@ Status FileStore::replaceRecord(Sync sync) {
     if (const Status status = writeNewFiles(files, sync); status != kOk) {
         return status;
     }
-    if (const Status status = publish(files, sync); status != kOk) {
+    if (const Status status = sync == Sync::kNow ? publish(files) : replaceUnseen(files);
+        status != kOk) {
         return status;
     }
     name = std::move(files.recordName);
     fileName = std::move(files.fileName);
-    // kMissing when this was the first write. Should it fail, the saved descriptor is
-    // replaced by the next write and deleted by the next removal. An old record whose
-    // body was lost may name the file that has become the new body.
-    const std::string_view newBody = files.bodyPath ? files.bodyPath->path() : std::string_view();
-    (void)removeRecord(folderName, files.saved, newBody);
     return kOk;
 }
 
@@ -270,7 +278,7 @@ Status FileStore::writeNewFiles(NewFiles& files, Sync sync) {
             return status;
         }
         if (sync == Sync::kNow) {
-            (void)os::startWriteback(files.body.get());
+            (void)os::startWriteback(files.bodyFile.get());
         }
     }
     files.recordName = name.empty() ? freshRecordName(folderName) : name;
@@ -290,10 +298,10 @@ Status FileStore::writeNewFiles(NewFiles& files, Sync sync) {
         return status;
     }
     files.newDescriptor.emplace(path);
-    if (files.body && sync == Sync::kNow) {
+    if (files.bodyFile && sync == Sync::kNow) {
         (void)os::startWriteback(descriptor.get());
     }
-    if (files.body && !finish(std::move(files.body), sync)) {
+    if (files.bodyFile && !finish(std::move(files.bodyFile), sync)) {
         return kIo;
     }
     if (!finish(std::move(descriptor), sync)) {
@@ -315,17 +323,17 @@ Status FileStore::createBodyFile(NewFiles& files) {
             uniqueName(takeFarAhead(static_num, lookIn(folderName.c_str(), nullptr)).number);
         const std::string path = joinPath(folderName, files.bodyName);
         files.bodyPath.emplace(path);
-        files.body = os::openFile(path.c_str(), O_WRONLY | O_CREAT | O_EXCL);
-        if (!files.body) {
+        files.bodyFile = os::openFile(path.c_str(), O_WRONLY | O_CREAT | O_EXCL);
+        if (!files.bodyFile) {
             files.bodyPath->commit();  // not ours
         }
-    } while (!files.body && errno == EEXIST);
-    return files.body && writeBytes(files.body, bytes) ? kOk : kIo;
+    } while (!files.bodyFile && errno == EEXIST);
+    return files.bodyFile && writeBytes(files.bodyFile, bytes) ? kOk : kIo;
 }
 
 // The old descriptor goes aside, the new one takes its place, and the names become
-// durable (I2, I3).
-Status FileStore::publish(NewFiles& files, Sync sync) {
+// durable (I2, I3). Then the old record is deleted.
+Status FileStore::publish(NewFiles& files) {
     const os::Presence old = os::presence(files.descriptor.c_str());
     if (old == os::Presence::kUnknown) {
         return kIo;  // taken for absent, it would be overwritten
@@ -342,14 +350,31 @@ Status FileStore::publish(NewFiles& files, Sync sync) {
         return kIo;
     }
     files.newDescriptor->commit();
-    if (sync == Sync::kNow && !os::syncFolder(folderName.c_str())) {
+    if (!os::syncFolder(folderName.c_str())) {
         undoPublish(files, replaces);
         return kIo;
     }
-    if (files.bodyPath) {
-        files.bodyPath->commit();
+    files.keep();
+    // kMissing when this was the first write. Should it fail, the saved descriptor is
+    // replaced by the next write and deleted by the next removal.
+    (void)removeRecord(folderName, files.saved, files.body());
+    return kOk;
+}
+
+// Where nobody looks, no state in between needs a name.
+Status FileStore::replaceUnseen(NewFiles& files) {
+    std::string oldBody;
+    if (findBody(folderName, files.descriptor, oldBody) == kNoMemory) {
+        return kIo;  // the body would stay behind
     }
-    files.isInPlace = true;
+    if (watched::rename(files.newDescriptor->c_str(), files.descriptor.c_str()) != 0) {
+        return kIo;
+    }
+    files.newDescriptor->commit();
+    files.keep();
+    if (oldBody != files.body()) {
+        removeBody(oldBody);
+    }
     return kOk;
 }
 

@@ -12,7 +12,7 @@ namespace {
 bool changesNames(const fault::Event& call) {
     return call.error == 0 &&
            (call.call == fault::Call::kRename || call.call == fault::Call::kRemove ||
-            call.call == fault::Call::kMkdir);
+            call.call == fault::Call::kMkdir || call.call == fault::Call::kLink);
 }
 
 void restore(const Tree& tree) {
@@ -53,6 +53,7 @@ private:
             if (recording.workload.open && CMN_FILESTORE_S.open(password.c_str()) != kOk) {
                 return 1;
             }
+            const auto noLinks = linksOf(recording.workload);
             const fault::DyingCall death(static_cast<int>(nth), fault::kLastingCalls);
             for (const Step& step : recording.workload.steps) {
                 Action action(step, password);

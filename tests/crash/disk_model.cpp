@@ -124,6 +124,12 @@ void Disk::apply(const fault::Event& call) {
             add({Change::Kind::kLink, folder, name, "", addInode(true)});
             break;
         }
+        case Call::kLink: {
+            const int inode = find(call.path);
+            const int folder = folderOf(call.to, name);
+            add({Change::Kind::kLink, folder, name, "", inode});
+            break;
+        }
         case Call::kRename: {
             const int inode = find(call.path);
             std::string to;

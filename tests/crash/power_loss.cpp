@@ -11,7 +11,7 @@ namespace {
 
 bool changesNames(const fault::Event& call) {
     return call.call == fault::Call::kRename || call.call == fault::Call::kRemove ||
-           call.call == fault::Call::kMkdir;
+           call.call == fault::Call::kMkdir || call.call == fault::Call::kLink;
 }
 
 }  // namespace

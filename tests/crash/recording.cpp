@@ -106,6 +106,7 @@ Recording record(const Workload& workload, const std::optional<Fault>& fault, Na
     recording.phaseAfter = {0};
     const fault::Recorder recorder(fault::kLastingCalls);
     const long before = fault::callCount(fault::kLastingCalls);
+    const auto noLinks = linksOf(workload);
     std::optional<fault::FailingCall> failure;
     if (fault) {
         failure.emplace(fault->nth, fault->error, fault::Mode::kOnce, fault->calls);

@@ -178,6 +178,7 @@ void addPasswordWorkloads(std::vector<Workload>& all) {
     all.push_back({"password_with_half_copy", diedAt(Call::kMkdir, 5), {recrypt("next")}});
     all.push_back({"password_with_record_leftovers", leftRecords, {recrypt("next")}});
     all.push_back({"password_with_foreign_records", foreign, {recrypt("next")}});
+    all.push_back({"password_without_links", with(records), {recrypt("next")}, true, false});
     all.push_back(
         {"password_and_records",
          with(records),
@@ -260,6 +261,10 @@ std::string describe(const Step& step) {
     const std::string act = acts[static_cast<int>(step.act)];
     return step.act == Act::kOpen || step.act == Act::kRecrypt ? act + " \"" + step.password + '"'
                                                                : act + ' ' + step.id;
+}
+
+std::unique_ptr<fault::NoLinks> linksOf(const Workload& workload) {
+    return workload.links ? nullptr : std::make_unique<fault::NoLinks>();
 }
 
 const std::vector<Workload>& workloads() {

@@ -4,6 +4,7 @@
 #define TESTS_CRASH_WORKLOADS_H
 
 #include <map>
+#include <memory>
 #include <optional>
 #include <random>
 #include <string>
@@ -44,8 +45,12 @@ struct Workload {
     std::string name;
     Start start;
     std::vector<Step> steps;
-    bool open = true;  // the database, when the steps begin
+    bool open = true;   // the database, when the steps begin
+    bool links = true;  // files may have second names
 };
+
+// In force while the steps run, where they may not.
+std::unique_ptr<fault::NoLinks> linksOf(const Workload& workload);
 
 // Each by itself, with every state of the record before it.
 const std::vector<Workload>& workloads();

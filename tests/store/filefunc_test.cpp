@@ -456,14 +456,14 @@ TEST(CopyFileTest, ShortTransfersAreContinuedAndStalledOnesFail) {
 const struct FolderCopy {
     const char* name;
     Status (*copy)(const char*, const char*);
-    bool whole;  // fails rather than miss anything
+    bool whole;  // fails rather than miss anything, or meet what is there
 } kFolderCopies[] = {{"copyFolder", copyFolder, false},
                      {"copyFolder_r", copyFolder_r, false},
-                     {"copyWholeFolder", copyWholeFolder, true}};
+                     {"duplicateFolder", duplicateFolder, true}};
 
 TEST(CopyFolderTest, NullArgumentIsInvalidAndTouchesNothing) {
     const TempWorkingDir dir;
-    for (auto* const copy : {copyFolder, copyWholeFolder}) {
+    for (auto* const copy : {copyFolder, duplicateFolder}) {
         EXPECT_EQ(4U, copy(nullptr, "to"));
         EXPECT_EQ(4U, copy(".", nullptr));
         EXPECT_EQ(4U, copy(nullptr, nullptr));
@@ -502,7 +502,7 @@ TEST(CopyFolderTest, CreatedFoldersHaveMode0750) {
     EXPECT_EQ(0750U, modeOf(dir / "to/sub"));
 }
 
-TEST(CopyFolderTest, ExistingTargetKeepsItsOtherContents) {
+TEST(CopyFolderTest, ExistingTargetKeepsItsOtherContentsOrAll) {
     for (const auto& row : kFolderCopies) {
         SCOPED_TRACE(row.name);
         const TempDir dir;
@@ -511,9 +511,9 @@ TEST(CopyFolderTest, ExistingTargetKeepsItsOtherContents) {
         makeFolder(dir / "to/keys");
         writeFile(dir / "to/keys/other", "kept");
         writeFile(dir / "to/key.dsc", "overwritten, and longer than what comes");
-        Tree expected = tree(dir / "from");
+        Tree expected = tree(row.whole ? dir / "to" : dir / "from");
         expected["keys/other"] = "kept";
-        EXPECT_EQ(0U, row.copy((dir / "from").c_str(), (dir / "to").c_str()));
+        EXPECT_EQ(row.whole ? 9U : 0U, row.copy((dir / "from").c_str(), (dir / "to").c_str()));
         EXPECT_EQ(expected, tree(dir / "to"));
         EXPECT_EQ(0700U, modeOf(dir / "to"));
     }
@@ -548,6 +548,7 @@ TEST(CopyFolderTest, FileThatEndsBeforeItsSizeCountsAsCompleteUnlessAllIsWanted)
         const TempDir dir;
         makeFolder(dir / "from");
         writeFile(dir / "from/a", std::string(40000, 'b'));
+        const fault::NoLinks copied;
         ShortCall fault(2, Mode::kOnce, 0, {Call::kRead});
         EXPECT_EQ(row.whole ? 9U : 0U, row.copy((dir / "from").c_str(), (dir / "to").c_str()));
         EXPECT_TRUE(fault.lift());
@@ -560,7 +561,7 @@ TEST(CopyFolderTest, EmptyPathNamesNoFolder) {
     writeFile("a", "x");
     EXPECT_EQ(0U, copyFolder("", "to"));
     EXPECT_THAT(tree("to"), IsEmpty());
-    EXPECT_EQ(9U, copyWholeFolder("", "to"));
+    EXPECT_EQ(9U, duplicateFolder("", "to"));
     EXPECT_EQ(9U, copyFolder(".", ""));
 }
 
@@ -597,6 +598,62 @@ TEST(CopyFolderTest, LinksAreFollowedToFilesAndFailForFolders) {
         ASSERT_EQ(0, ::unlink((dir / "from/link").c_str()));
         ASSERT_EQ(0, ::symlink(target, (dir / "from/link").c_str()));
         EXPECT_EQ(9U, copyFolder((dir / "from").c_str(), (dir / "to").c_str()));
+    }
+}
+
+ino_t inodeOf(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(0, ::lstat(path.c_str(), &status)) << path;
+    return status.st_ino;
+}
+
+TEST(DuplicateFolderTest, RegularFilesGetASecondName) {
+    const TempDir dir;
+    makeSample(dir / "from");
+    writeFile(dir / "file", "bytes");
+    ASSERT_EQ(0, ::symlink("../file", (dir / "from/link").c_str()));
+    const fault::Recorder copied({Call::kWrite});
+    EXPECT_EQ(kOk, duplicateFolder((dir / "from").c_str(), (dir / "to").c_str()));
+    EXPECT_EQ(inodeOf(dir / "from/key.dsc"), inodeOf(dir / "to/key.dsc"));
+    EXPECT_THAT(copied.lines(), ElementsAre("write " + (dir / "to/link") + " 5"));
+    EXPECT_EQ("bytes", readFile(dir / "to/link"));
+}
+
+// For whatever reason a name is refused, and where listings do not tell what it would be of.
+TEST(DuplicateFolderTest, WhatCannotHaveOneIsCopied) {
+    const TempDir dir;
+    makeSample(dir / "from");
+    const auto expectCopied = [&] {
+        const TempDir other;
+        EXPECT_EQ(kOk, duplicateFolder((dir / "from").c_str(), (other / "to").c_str()));
+        EXPECT_EQ(tree(dir / "from"), tree(other / "to"));
+        EXPECT_NE(inodeOf(dir / "from/key.dsc"), inodeOf(other / "to/key.dsc"));
+    };
+    for (const int error : fault::errnosOf(Call::kLink)) {
+        SCOPED_TRACE(faultName(Call::kLink, error));
+        FailingCall fault(1, error, Mode::kFromThenOn, {Call::kLink});
+        expectCopied();
+        EXPECT_TRUE(fault.lift());
+    }
+    const fault::UntypedEntries untyped;
+    expectCopied();
+}
+
+// The name may be that of the same file by now: overwriting it would empty both.
+TEST(DuplicateFolderTest, NoNameIsTaken) {
+    const TempDir dir;
+    makeFolder(dir / "from");
+    writeFile(dir / "from/a", "bytes");
+    for (const bool links : {true, false}) {
+        SCOPED_TRACE(links);
+        const auto noLinks = links ? nullptr : std::make_unique<fault::NoLinks>();
+        const fault::Meanwhile takes(
+            1, [&] { ASSERT_EQ(0, ::link((dir / "from/a").c_str(), (dir / "to/a").c_str())); },
+            {Call::kLink});
+        EXPECT_EQ(kIo, duplicateFolder((dir / "from").c_str(), (dir / "to").c_str()));
+        EXPECT_EQ("bytes", readFile(dir / "from/a"));
+        EXPECT_EQ("bytes", readFile(dir / "to/a"));
+        EXPECT_EQ(kOk, removeFolder((dir / "to").c_str()));
     }
 }
 
@@ -663,7 +720,8 @@ TEST(CopyFolderTest, MemoryThatRunsOutIsOne) {
         const std::string from = dir / "from";
         const std::string to = dir / "to";
         const int failed =
-            failEveryAllocation([] {}, [&] { return row.copy(from.c_str(), to.c_str()); },
+            failEveryAllocation([&] { std::filesystem::remove_all(to); },
+                                [&] { return row.copy(from.c_str(), to.c_str()); },
                                 [](Status status, bool hit) { EXPECT_EQ(hit ? 1U : 0U, status); });
         EXPECT_EQ(tree(from), tree(to));
         EXPECT_GT(failed, 20);
@@ -903,7 +961,7 @@ TEST(DeepTreeTest, FolderDeeperThanAPathCanNameFailsInOrder) {
     const TempDir dir;
     const OpenFileLimit enough(PATH_MAX);  // a stream for each level
     const DeepTree from(dir / "from");
-    EXPECT_EQ(9U, copyWholeFolder((dir / "from").c_str(), (dir / "to").c_str()));
+    EXPECT_EQ(9U, duplicateFolder((dir / "from").c_str(), (dir / "to").c_str()));
     EXPECT_EQ(9U, removeFolder((dir / "from").c_str()));
     EXPECT_EQ(0U, removeFolder((dir / "to").c_str()));  // every path of the copy has been named
     EXPECT_THAT(openHandles(), IsEmpty());
@@ -914,7 +972,7 @@ TEST(DeepTreeTest, CopyOfAFolderIntoItselfEnds) {
     makeSample(dir / "db");
     {
         const OpenFileLimit few(64);
-        EXPECT_EQ(9U, copyWholeFolder((dir / "db").c_str(), (dir / "db/copy").c_str()));
+        EXPECT_EQ(9U, duplicateFolder((dir / "db").c_str(), (dir / "db/copy").c_str()));
     }
     EXPECT_THAT(openHandles(), IsEmpty());
     EXPECT_EQ(0U, removeFolder((dir / "db").c_str()));

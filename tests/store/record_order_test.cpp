@@ -230,13 +230,10 @@ open F/a.dsc.$n$ wronly|creat|excl
 write F/a.dsc.$n$ 47
 close F/NEW
 close F/a.dsc.$n$
-access F/a.dsc
-rename F/a.dsc F/a.dsc.$o$
+open F/a.dsc rdonly
+read F/a.dsc 47
+close F/a.dsc
 rename F/a.dsc.$n$ F/a.dsc
-open F/a.dsc.$o$ rdonly
-read F/a.dsc.$o$ 47
-close F/a.dsc.$o$
-remove F/a.dsc.$o$
 remove F/OLD
 )"},
     {"Read", [] { save(kWithBody); }, read, R"(

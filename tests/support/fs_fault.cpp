@@ -288,10 +288,10 @@ void forget(std::vector<Pointer>& list, Pointer one) {
 
 const char* nameOf(Call call) {
     static constexpr std::array<const char*, kCallKinds> kNames{
-        "open",   "close",          "read",     "write",      "fstat",   "fsync",
-        "syncfs", "startWriteback", "access",   "lstat",      "rename",  "remove",
-        "mkdir",  "rmdir",          "realpath", "opendir",    "readdir", "closedir",
-        "flock",  "utimens",        "fstatfs",  "forgetPages"};
+        "open",   "close",          "read",     "write",       "fstat",   "fsync",
+        "syncfs", "startWriteback", "access",   "lstat",       "rename",  "remove",
+        "mkdir",  "rmdir",          "realpath", "opendir",     "readdir", "closedir",
+        "flock",  "utimens",        "fstatfs",  "forgetPages", "link"};
     return kNames[index(call)];
 }
 
@@ -321,6 +321,8 @@ const std::vector<int>& errnosOf(Call call) {
         {EACCES, EIO, ELOOP, ENAMETOOLONG, ENOMEM, EPERM, EROFS},           // utimens
         {EINTR, EIO, ENOMEM, ENOSYS, EOVERFLOW},                            // fstatfs
         {EBADF, EINVAL, ESPIPE},                                            // forgetPages
+        {EACCES, EDQUOT, EIO, ELOOP, EMLINK, ENAMETOOLONG, ENOMEM, ENOSPC, EOPNOTSUPP, EPERM, EROFS,
+         EXDEV},  // link
     }};
     return kErrnos[index(call)];
 }
@@ -586,6 +588,12 @@ int os::renameNew(const char* from, const char* to) noexcept {
     Step step(Call::kRename, from);
     step.event.to = step.fromBase(to);
     return step.done(step.fails() ? -1 : os::renameNewAt(os::baseFolder(), from, to));
+}
+
+int os::link(const char* file, const char* to) noexcept {
+    Step step(Call::kLink, file);
+    step.event.to = step.fromBase(to);
+    return step.done(step.fails() ? -1 : ::linkat(os::baseFolder(), file, os::baseFolder(), to, 0));
 }
 
 int os::remove(const char* path) noexcept {

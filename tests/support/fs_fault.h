@@ -11,6 +11,7 @@
 
 #include <sys/types.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -43,9 +44,10 @@ enum class Call {
     kFlock,
     kUtimens,
     kFstatfs,
-    kForgetPages
+    kForgetPages,
+    kLink
 };
-inline constexpr int kCallKinds = static_cast<int>(Call::kForgetPages) + 1;
+inline constexpr int kCallKinds = static_cast<int>(Call::kLink) + 1;
 
 const char* nameOf(Call call);  // as in os/fs.h
 
@@ -72,9 +74,9 @@ private:
 
 // The calls that change the disk or what of it outlives a loss of power: all
 // that a crash state depends on.
-inline constexpr Calls kLastingCalls{Call::kOpen,   Call::kClose,  Call::kWrite,
-                                     Call::kFsync,  Call::kSyncfs, Call::kRename,
-                                     Call::kRemove, Call::kMkdir,  Call::kRmdir};
+inline constexpr Calls kLastingCalls{Call::kOpen,   Call::kClose,  Call::kWrite,  Call::kFsync,
+                                     Call::kSyncfs, Call::kRename, Call::kRemove, Call::kMkdir,
+                                     Call::kRmdir,  Call::kLink};
 
 // What a call can fail with, as the manual pages and file systems have it.
 // Answers that state a fact about the tree (ENOENT, ENOTDIR, EEXIST, ENOTEMPTY,
@@ -125,6 +127,12 @@ class FailingCall : public Trouble {
 public:
     FailingCall(int nth, int error, Mode mode = Mode::kOnce, Calls calls = Calls::all())
         : Trouble(Kind::kFail, nth, mode, calls, error, 0) {}
+};
+
+// Files have one name each, as on some file systems.
+class NoLinks : public FailingCall {
+public:
+    NoLinks() : FailingCall(1, EPERM, Mode::kFromThenOn, {Call::kLink}) {}
 };
 
 // A read or write moves half of the bytes asked for, and no more than `atMost`.
@@ -189,7 +197,7 @@ struct Event {
     Call call;
     std::string path;      // as given, behind the name of an os::Base; of a descriptor or stream:
                            // as given when it was opened
-    std::string to;        // new name of kRename, name of the entry that kReaddir gave
+    std::string to;        // new name of kRename and kLink, name of the entry that kReaddir gave
     unsigned handle = 0;   // from kOpen or kOpendir to the closing: its number, never used twice
     int flags = 0;         // of kOpen
     mode_t mode = 0;       // of kOpen and kMkdir

@@ -104,6 +104,8 @@ void callEverything(const std::string& base) {
     (void)os::access(file.c_str(), F_OK);
     (void)os::lstat(file.c_str(), &status);
     (void)os::utimens(file.c_str(), times);
+    (void)os::link(file.c_str(), (base + "/second").c_str());
+    (void)::unlink((base + "/second").c_str());
     (void)os::rename(file.c_str(), other.c_str());
     (void)os::remove(other.c_str());
     (void)os::mkdir(folder.c_str(), 0700);
