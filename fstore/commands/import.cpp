@@ -168,7 +168,8 @@ void importObjects(const std::vector<Item>& items, const ImportRules& rules, Dat
 }
 
 Status run(const Options& options, Context& context) {
-    const ImportRules rules = rulesOf(options);
+    ImportRules rules = rulesOf(options);
+    rules.unlock = context.secret.isGiven();
     PasswordSource password(PasswordSource::Which::kInput, options.password,
                             context.globals.noInput, context.output, context.standardInput);
     for (const std::string& file : options.files) {

@@ -23,7 +23,11 @@ namespace {
 using Bytes = std::span<const unsigned char>;
 using Content = decltype(PkiPart::content);
 
-constexpr std::string_view kCipherField = "DEK-Info:";
+constexpr std::string_view kCipherField = "DEK-Info:", kTrusted = "TRUSTED CERTIFICATE";
+
+PkiPart only(Content content) {
+    return {0, "", std::move(content)};
+}
 
 bool isEncrypted(const PemContent& content) {
     return content.header.find("ENCRYPTED") != std::string::npos ||
@@ -59,8 +63,23 @@ PkiObject keyObject(std::optional<SecretBytes> key) {
     return readPkiObject(Kind::kKey, std::move(*key));
 }
 
-// The certificate at the front of one with trust settings, and its name in these.
-PkiObject trustedCertificate(const SecretBytes& der, std::string& label) {
+// What a certificate is trusted for, and rejected for, stands behind it; no record has a place for
+// that.
+void tellOfSettings(X509* certificate, std::vector<PkiPart>& parts) {
+    const int trusted = std::max(0, sk_ASN1_OBJECT_num(X509_get0_trust_objects(certificate)));
+    const int rejected = std::max(0, sk_ASN1_OBJECT_num(X509_get0_reject_objects(certificate)));
+    if (trusted + rejected != 0) {
+        parts.push_back(
+            only(Skipped{fmt::format("the trust settings of this certificate are left out: {} "
+                                     "trusted uses, {} rejected uses",
+                                     trusted, rejected)}));
+    }
+}
+
+// The certificate at the front of one with trust settings, its name in these, and behind it a part
+// for the others.
+std::vector<PkiPart> trustedCertificate(const SecretBytes& der) {
+    std::string label;
     const unsigned char* at = der.data();
     const ossl::Certificate certificate(d2i_X509_AUX(nullptr, &at, static_cast<long>(der.size())));
     if (certificate == nullptr) {
@@ -72,11 +91,11 @@ PkiObject trustedCertificate(const SecretBytes& der, std::string& label) {
     }
     at = der.data();
     const ossl::Certificate alone(d2i_X509(nullptr, &at, static_cast<long>(der.size())));
-    return readPkiObject(Kind::kCertificate, SecretBytes(der.data(), at));
-}
-
-PkiPart only(Content content) {
-    return {0, "", std::move(content)};
+    std::vector<PkiPart> parts;
+    parts.push_back(
+        {0, std::move(label), readPkiObject(Kind::kCertificate, SecretBytes(der.data(), at))});
+    tellOfSettings(certificate.get(), parts);
+    return parts;
 }
 
 // None when it is nothing that can be imported.
@@ -121,9 +140,6 @@ std::optional<PkiObject> objectOfType(const std::string& type, PemContent& conte
     if (type == "CERTIFICATE" || type == "X509 CERTIFICATE") {
         return readPkiObject(Kind::kCertificate, std::move(content.der));
     }
-    if (type == "TRUSTED CERTIFICATE") {
-        return trustedCertificate(content.der, label);
-    }
     if (type == "X509 CRL") {
         return readPkiObject(Kind::kCrl, std::move(content.der));
     }
@@ -148,8 +164,7 @@ std::optional<PkiObject> objectOfType(const std::string& type, PemContent& conte
 // What stands behind the first object of a block, taken off: other programs pass it over.
 std::size_t takeExcess(const std::string& type, PemContent& content) {
     const auto end = endOfSequence(content.der);
-    if (!end || *end >= content.der.size() || isEncrypted(content) ||
-        type == "TRUSTED CERTIFICATE") {
+    if (!end || *end >= content.der.size() || isEncrypted(content) || type == kTrusted) {
         return 0;
     }
     const std::size_t excess = content.der.size() - static_cast<std::size_t>(*end);
@@ -172,7 +187,9 @@ std::vector<PkiPart> partsOfContent(const std::string& type, PemContent content,
     const std::size_t excess = takeExcess(type, content);
     std::vector<PkiPart> parts;
     std::string label;
-    if (auto object = objectOfType(type, content, label, password)) {
+    if (type == kTrusted) {
+        parts = trustedCertificate(content.der);
+    } else if (auto object = objectOfType(type, content, label, password)) {
         parts.push_back({0, std::move(label), std::move(*object)});
     } else if (auto found = partsOfBinary(content.der, password)) {
         parts = std::move(*found);

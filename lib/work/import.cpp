@@ -33,9 +33,8 @@ const PkiObject* onlyKey(const std::vector<const PkiObject*>& objects) {
 }
 
 // The records that may be one of the objects, or have the key of one; also those that cannot be
-// read, for what is said about them.
-Lookup::Addresses meantBy(const std::vector<const PkiObject*>& objects, Lookup& lookup,
-                          bool isOpen) {
+// read, or not without the password, for what is said about them.
+Lookup::Addresses meantBy(const std::vector<const PkiObject*>& objects, Lookup& lookup) {
     std::set<Address> seen;
     std::vector<Address> meant;
     const auto add = [&](Lookup::Addresses found) {
@@ -52,10 +51,38 @@ Lookup::Addresses meantBy(const std::vector<const PkiObject*>& objects, Lookup& 
             return std::nullopt;
         }
     }
-    if (!add(lookup.unsure(isOpen))) {
+    if (!add(lookup.unsure(/*unlocked=*/true))) {
         return std::nullopt;
     }
     return meant;
+}
+
+bool mayBeOne(const RecordHead& head, const std::set<Kind>& kinds) {
+    return hidesItsDescription(head) && kinds.contains(infoOf(head).kind);
+}
+
+std::set<Kind> kindsOf(const std::vector<const PkiObject*>& objects) {
+    std::set<Kind> kinds;
+    for (const PkiObject* const object : objects) {
+        kinds.insert(object->kind);
+    }
+    return kinds;
+}
+
+// Whether a record may be one of the objects that only the password shows.
+bool isOneHidden(Database& database, const std::vector<const PkiObject*>& objects) {
+    const Hold hold = database.enter(Access::kRead);
+    const std::set<Kind> kinds = kindsOf(objects);
+    Unread unread;  // the import tells of these
+    const auto ask = [](Lookup& lookup) { return lookup.unsure(/*unlocked=*/true); };
+    return std::ranges::any_of(knownOrAll(ask, [&] { return allRecords(&unread); }),
+                               [&](const Address& address) {
+                                   try {
+                                       return mayBeOne(RecordHead::read(address), kinds);
+                                   } catch (const Failure&) {
+                                       return false;
+                                   }
+                               });
 }
 
 }  // namespace
@@ -84,7 +111,8 @@ Hold enterForImport(Database& database, const ImportRules& rules,
                     const std::vector<const PkiObject*>& objects) {
     const bool secret = std::ranges::any_of(
         objects, [&](const PkiObject* object) { return wantsSecrecy(*object, rules); });
-    Hold hold = database.enter(Access::kChange, needFor(secret || rules.replace));
+    const bool opens = secret || rules.replace || (rules.unlock && isOneHidden(database, objects));
+    Hold hold = database.enter(Access::kChange, needFor(opens));
     if (secret) {
         database.requireSecrecy();
     }
@@ -97,7 +125,7 @@ bool wantsSecrecy(const PkiObject& object, const ImportRules& rules) {
 
 Importer::Importer(Database& database, ImportRules rules,
                    const std::vector<const PkiObject*>& objects)
-    : database_(database), rules_(std::move(rules)) {
+    : database_(database), rules_(std::move(rules)), kinds_(kindsOf(objects)) {
     if (rules_.name) {
         const PkiObject* const key = onlyKey(objects);
         if (objects.size() == 1) {
@@ -111,24 +139,32 @@ Importer::Importer(Database& database, ImportRules rules,
         }
     }
     Unread unread;
-    const auto ask = [&](Lookup& lookup) { return meantBy(objects, lookup, database_.isOpen()); };
+    const auto ask = [&](Lookup& lookup) { return meantBy(objects, lookup); };
     for (const Address& address : knownOrAll(ask, [&] { return allRecords(&unread); })) {
         learn(address);
     }
     for (const Failure& failure : unread) {
         database_.observer().warn(failure.what());
     }
+    if (unknown_ != 0) {
+        database_.observer().warn(
+            fmt::format("encrypted records that could be what is imported: {}; only with the "
+                        "password it is known whether it is there already",
+                        unknown_));
+    }
 }
 
 void Importer::learn(const Address& address) {
     try {
         const RecordHead head = RecordHead::read(address);
+        const bool isHidden = hidesItsDescription(head);
+        unknown_ += !database_.isOpen() && mayBeOne(head, kinds_) ? 1U : 0U;
         if (database_.isOpen() && head.hasSecrets()) {
             Record record = readUnasked(head);
             record.decrypt();
-            (void)index(infoOf(record));
+            (void)index(infoOf(record), isHidden);
         } else {
-            (void)index(infoOf(head));
+            (void)index(infoOf(head), isHidden);
         }
     } catch (const TooLarge& failure) {
         database_.observer().warn(failure.what());
@@ -137,9 +173,15 @@ void Importer::learn(const Address& address) {
     }
 }
 
-RecordInfo Importer::index(RecordInfo info) {
+RecordInfo Importer::index(RecordInfo info, bool isHidden) {
     if (!info.sha256.empty()) {
-        present_[{info.kind, info.sha256}].push_back(info.address);
+        std::vector<Address>& places = present_[{info.kind, info.sha256}];
+        if (std::ranges::find(places, info.address) == places.end()) {
+            places.push_back(info.address);
+        }
+    }
+    if (isHidden) {
+        hidden_.insert(info.address);
     }
     if (info.kind == Kind::kKey) {
         keys_.insert(info.keySha256);
@@ -177,8 +219,11 @@ Importer::Result Importer::import(const PkiObject& object, const std::string& fi
         return add(object, label, addressFor(object, label));
     }
     if (rules_.replace) {
-        return replace(object, label, found->second.front());
+        Result replaced = replace(object, label, found->second.front());
+        warnOfPlain(object, found->second);
+        return replaced;
     }
+    warnOfPlain(object, found->second);
     if (object.kind == Kind::kCertificate && hasKey(object) && !rules_.folder) {
         if (auto moved = moveToKey(found->second)) {
             return std::move(*moved);
@@ -198,18 +243,35 @@ Importer::Result Importer::add(const PkiObject& object, const std::string& label
         return replace(object, label, address);
     }
     Record record(std::move(address));
-    fill(record, object, label);
+    fill(record, object, label, rules_.encrypt);
     record.write();
-    return {Outcome::kAdded, index(infoOf(record))};
+    return {Outcome::kAdded, index(infoOf(record), rules_.encrypt)};
+}
+
+void Importer::warnOfPlain(const PkiObject& object, const std::vector<Address>& places) {
+    const bool isOneHidden = std::ranges::any_of(
+        places, [&](const Address& address) { return hidden_.contains(address); });
+    for (const Address& address : places) {
+        if ((rules_.encrypt || isOneHidden) && !hidden_.contains(address)) {
+            database_.observer().warn(fmt::format(
+                "{} {} in plain form; {}", address.print(),
+                object.kind == Kind::kKey ? "describes this key"
+                                          : fmt::format("has this {}", nameOf(object.kind)),
+                isOneHidden ? "another record has it encrypted, and `fstore rm` removes this one"
+                            : "--replace encrypts it"));
+        }
+    }
 }
 
 Importer::Result Importer::replace(const PkiObject& object, const std::string& label,
                                    const Address& address) {
     // What the user has noted stays; a damaged record has nothing that could.
     Record record(address);
+    bool encrypt = rules_.encrypt;
     try {
         Record old = Record::read(address);
         old.decrypt();
+        encrypt = encrypt || hidesItsDescription(old);  // what is encrypted stays so
         record = std::move(old);
     } catch (const Failure& failure) {
         if (failure.status() == kNotOpen || failure.isDenied()) {
@@ -221,14 +283,15 @@ Importer::Result Importer::replace(const PkiObject& object, const std::string& l
             (void)record.removeAll(id);
         }
     }
-    fill(record, object, label);
+    fill(record, object, label, encrypt);
     record.write(owners_);
-    return {Outcome::kReplaced, index(infoOf(record))};
+    return {Outcome::kReplaced, index(infoOf(record), encrypt)};
 }
 
-void Importer::fill(Record& record, const PkiObject& object, const std::string& label) const {
-    describe(record, object, rules_.encrypt);
-    if (!label.empty() && rules_.encrypt) {
+void Importer::fill(Record& record, const PkiObject& object, const std::string& label,
+                    bool encrypt) const {
+    describe(record, object, encrypt);
+    if (!label.empty() && encrypt) {
         (void)record.removeAll(attr::kLabel);
         const std::vector<unsigned char> bytes(label.begin(), label.end());
         record.setBinary(attr::kLabel, bytes, /*encrypted=*/true);
@@ -236,7 +299,7 @@ void Importer::fill(Record& record, const PkiObject& object, const std::string& 
         record.setLabel(label);
     }
     record.setText(attr::kImported, printTime(now()));
-    record.setBody(object.der, wantsSecrecy(object, rules_));
+    record.setBody(object.der, encrypt || wantsSecrecy(object, rules_));
 }
 
 // A certificate that was there without its key, into the folder of those with one; also

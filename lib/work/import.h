@@ -27,6 +27,9 @@ struct ImportRules {
     std::string label = {};  // for all objects; empty for the file's own
     bool replace = false;    // another object with the name, or the same object
     bool encrypt = false;    // not only keys
+    // Whether the password is at hand, so that what is there encrypted is compared with the objects
+    // even if none of them needs it.
+    bool unlock = false;
 };
 
 // Throws kInvalid when the name in the rules cannot be one.
@@ -71,10 +74,13 @@ private:
     // Reads a record that is there.
     void learn(const Address& address);
     // Adds the record of this description to the index, and returns it.
-    RecordInfo index(RecordInfo info);
+    RecordInfo index(RecordInfo info, bool isHidden);
+    // Says what stays in plain form although the object is to be kept encrypted.
+    void warnOfPlain(const PkiObject& object, const std::vector<Address>& places);
     bool hasKey(const PkiObject& object) const;
     Address addressFor(const PkiObject& object, const std::string& label) const;
-    void fill(Record& record, const PkiObject& object, const std::string& label) const;
+    void fill(Record& record, const PkiObject& object, const std::string& label,
+              bool encrypt) const;
     Result add(const PkiObject& object, const std::string& label, Address address);
     Result replace(const PkiObject& object, const std::string& label, const Address& address);
     std::optional<Result> moveToKey(const std::vector<Address>& places);
@@ -83,6 +89,9 @@ private:
     ImportRules rules_;
     BodyOwners owners_{Lookup::current()};
     std::map<Identity, std::vector<Address>> present_;
+    std::set<Address> hidden_;    // those that are encrypted with what describes them
+    std::set<Kind> kinds_;        // of the objects
+    std::size_t unknown_ = 0;     // records that may be one of them, and cannot be read
     std::set<std::string> keys_;  // digests of public keys whose private keys we have
     std::string named_;           // digest of the public key of what gets the one name
     const PkiObject* namedAlone_ = nullptr;

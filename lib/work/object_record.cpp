@@ -130,8 +130,8 @@ std::string printAll(const Values& values, Print printOne) {
     return clipped(all, kMost);
 }
 
-// Nothing of an object that is kept encrypted with what describes it goes into a message.
-bool hidesItsDescription(const Record& record) {
+template <class AnyRecord>
+bool hidesDescription(const AnyRecord& record) {
     for (unsigned int i = 0; i < record.count(); ++i) {
         if (const auto* const known = attr::find(record.id(i));
             known != nullptr && known->isOfBody && record.isEncrypted(i)) {
@@ -151,7 +151,7 @@ std::string contradictionOf(const Record& record, const PkiObject& object, unsig
                             const std::vector<const PkiAttribute*>& said) {
     const std::string_view name = attributeName(id);
     const char* const kind = nameOf(object.kind);
-    if (hidesItsDescription(record)) {
+    if (hidesItsDescription(record)) {  // then no message tells of it
         return fmt::format("has another {} than the {} in its body", name, kind);
     }
     const std::string is =
@@ -222,6 +222,14 @@ std::vector<std::string> contradictionsOfOther(const Record& record, Kind kind) 
 }
 
 }  // namespace
+
+bool hidesItsDescription(const Record& record) {
+    return hidesDescription(record);
+}
+
+bool hidesItsDescription(const RecordHead& head) {
+    return hidesDescription(head);
+}
 
 void describe(Record& record, const PkiObject& object, bool encrypt) {
     for (const PkiAttribute& attribute : object.attributes) {

@@ -10,6 +10,7 @@ import subprocess
 
 import pki
 import support
+from pki import openssl
 from support import FstoreTest, InitialisedTest
 from terminal import Terminal
 
@@ -126,6 +127,23 @@ class KindsTest(ImportTest):
                         ("-", "--password-file", "-"),
                         (self.pki / "rsa.key", "--in-password-file", "-", "--password-fd", "0")]:
             self.assertIn("standard input", self.fails(2, "usage", "import", *options))
+
+
+class TrustSettingsTest(ImportTest):
+    def test_what_is_left_out_is_told_with_a_count(self):
+        trusted = openssl("x509", "-in", self.pki / "leaf.pem", "-trustout", "-addtrust", "serverAuth",
+                          "-addtrust", "clientAuth", "-addreject", "emailProtection")
+        reason = ("the trust settings of this certificate are left out: 2 trusted uses, 1 rejected uses")
+        document = self.run_tool("import", "-", "--json", stdin=trusted).document
+        self.assertEqual([{"file": "-", "line": 1, "reason": reason}], document["skipped"])
+        self.assertEqual(1, len(document["records"]))
+        self.assertIn(f"skipped: the standard input line 1: {reason}",
+                      self.run_tool("import", "-", stdin=trusted).message)
+
+    def test_a_certificate_without_settings_tells_nothing(self):
+        for options in (), ("-setalias", "name"):
+            plain = openssl("x509", "-in", self.pki / "leaf.pem", "-trustout", *options)
+            self.assertEqual([], self.run_tool("import", "-", "--json", stdin=plain).document["skipped"])
 
 
 class EncryptedLabelTest(ImportTest):
@@ -271,8 +289,54 @@ class EncryptTest(ImportTest):
 
     def test_same_object_is_found_with_the_password(self):
         self.import_files("leaf.pem", options=("--encrypt",))
+        for options in ("--encrypt",), ():
+            document = self.import_files("leaf.pem", options=options)
+            self.assertEqual("present", document["records"][0]["outcome"])
+            self.assertNotIn("warnings", document)
+        self.assertEqual(1, len(self.records()))
+
+    def test_without_the_password_it_is_said_that_it_may_be_there(self):
+        self.import_files("root.pem", "crl.pem", options=("--encrypt",))
+        run = self.run_tool("import", self.pki / "leaf.pem", "--no-input", password=None)
+        self.assertIn("encrypted records that could be what is imported: 1; only with the password",
+                      run.message)
+
+    def test_what_is_there_in_plain_form_is_named(self):
+        address = self.import_files("leaf.pem")["records"][0]["address"]
         document = self.import_files("leaf.pem", options=("--encrypt",))
         self.assertEqual("present", document["records"][0]["outcome"])
+        self.assertEqual([f"{address} has this certificate in plain form; --replace encrypts it"],
+                         document["warnings"])
+        document = self.import_files("leaf.pem", options=("--encrypt", "--replace"))
+        self.assertNotIn("warnings", document)
+        self.assert_hidden("leaf.der")
+
+    def test_replaced_it_stays_encrypted(self):
+        self.import_files("leaf.pem", options=("--encrypt", "--label", "My Secret"))
+        (record,) = self.import_files("leaf.pem", options=("--replace",))["records"]
+        self.assertEqual("replaced", record["outcome"])
+        self.assert_hidden("leaf.der")
+        self.import_files("root.pem", options=("--replace", "--label", "My Secret", "--name",
+                                               record["address"].rsplit("/", 1)[1]))
+        self.assert_hidden("root.der")
+        self.assert_sound()
+
+    def test_a_plain_copy_of_what_is_encrypted_is_named(self):
+        self.import_files("leaf.pem", options=("--encrypt",))
+        run = self.run_tool("import", self.pki / "leaf.pem", "--no-input", password=None)
+        plain = run.message.split("added: ")[1].split()[0]
+        document = self.import_files("leaf.pem")
+        self.assertEqual([f"{plain} has this certificate in plain form; another record has it encrypted, "
+                          "and `fstore rm` removes this one"], document["warnings"])
+
+    def assert_hidden(self, name):
+        """There is one record, with the object, and nothing in it is plain."""
+        (address,) = self.records()
+        der = (self.pki / name).read_bytes()
+        self.assertEqual(der, self.body(address))
+        for contents in self.files().values():
+            for secret in (b"xample", b"My Secret", der[100:140], hashlib.sha256(der).hexdigest().encode()):
+                self.assertNotIn(secret, contents)
 
 
 class InputPasswordTest(ImportTest):

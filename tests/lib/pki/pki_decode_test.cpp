@@ -98,7 +98,6 @@ TEST(DecodePkiTest, TellsEveryFormByItsContent) {
         int asked;
     } rows[] = {{"leaf.der", leaf(), 0},
                 {"leaf.pem", leaf(), 0},
-                {"leaf.trusted.pem", leaf(), 0},
                 {"crl.der", crl(), 0},
                 {"crl.pem", crl(), 0},
                 {"request.der", request(), 0},
@@ -150,8 +149,11 @@ TEST(DecodePkiTest, OpensPkcs12OfEveryMake) {
     }
 }
 
-TEST(DecodePkiTest, TakesTheNameFromTrustSettings) {
-    EXPECT_EQ("my alias", Asked().decodeFile("leaf.trusted.pem").at(0).label);
+TEST(DecodePkiTest, TakesTheNameFromTrustSettingsAndCountsTheOthers) {
+    const auto parts = Asked().decodeFile("leaf.trusted.pem");
+    EXPECT_THAT(say(parts), ElementsAre(leaf(), StartsWith("skipped: the trust settings of this "
+                                                           "certificate are left out: 1 trusted")));
+    EXPECT_EQ("my alias", parts.at(0).label);
 }
 
 TEST(DecodePkiTest, WrongPasswordIsSaid) {
