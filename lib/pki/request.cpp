@@ -204,8 +204,9 @@ void addKeyId(X509* certificate) {
 }
 
 // What a new request has of an old one.
-constexpr std::array<int, 5> kKept = {NID_subject_alt_name, NID_basic_constraints, NID_key_usage,
-                                      NID_ext_key_usage, NID_tlsfeature};
+constexpr std::array<int, 8> kKept = {
+    NID_subject_alt_name, NID_basic_constraints,  NID_name_constraints, NID_policy_constraints,
+    NID_key_usage,        NID_inhibit_any_policy, NID_ext_key_usage,    NID_tlsfeature};
 
 ossl::Extensions keptOf(const STACK_OF(X509_EXTENSION) * all) {
     ossl::Extensions kept = made(ossl::Extensions(sk_X509_EXTENSION_new_null()));

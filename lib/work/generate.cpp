@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <string_view>
+#include <thread>
 #include <tuple>
 #include <utility>
 
@@ -91,12 +93,18 @@ bool isOf(const RecordInfo& info, const std::string& keySha256) {
            info.keySha256 == keySha256;
 }
 
-// The newest certificate or else request of the key, for what it asks for.
-RequestContent contentLikeLast(Database& database, const RecordInfo& key) {
+// The certificates and requests of the key.
+std::vector<RecordInfo> madeWith(Database& database, const RecordInfo& key) {
     FindRules rules;
     rules.secrets = true;
     std::vector<RecordInfo> found = findRecords(database, rules).records;
     std::erase_if(found, [&](const RecordInfo& info) { return !isOf(info, key.keySha256); });
+    return found;
+}
+
+// The newest certificate or else request of the key, for what it asks for.
+RequestContent contentLikeLast(Database& database, const RecordInfo& key,
+                               const std::vector<RecordInfo>& found) {
     const auto last = std::ranges::max_element(found, {}, [time = now()](const RecordInfo& info) {
         // One that is not in force yet may never be.
         const bool hasBegun = info.notBefore && *info.notBefore <= time;
@@ -124,7 +132,17 @@ struct Signed {
     RecordInfo key;
     PkiObject request;
     bool namesNoHost = false;
+    std::int64_t lastCertificate = 0;  // when it was imported
 };
+
+// A certificate that came in the second of the request, or later, answers it; times have no
+// fractions. So the request waits for the end of a second in which one came before.
+void leaveSecond(std::int64_t second) {
+    constexpr std::chrono::milliseconds kPause(10);
+    while (now() == second) {
+        std::this_thread::sleep_for(kPause);
+    }
+}
 
 Signed signRequest(Database& database, const std::string& text,
                    const std::optional<RequestContent>& content) {
@@ -141,10 +159,16 @@ Signed signRequest(Database& database, const std::string& text,
         result.request = readPkiObject(Kind::kRequest, asked.request(record.body()));
         result.namesNoHost = !asked.hasAltNames();
     };
+    const std::vector<RecordInfo> found = madeWith(database, result.key);
+    for (const RecordInfo& info : found) {
+        if (info.kind == Kind::kCertificate && info.subject != info.issuer) {
+            result.lastCertificate = std::max(result.lastCertificate, info.imported.value_or(0));
+        }
+    }
     if (content) {
         sign(*content);
     } else {
-        sign(contentLikeLast(database, result.key));
+        sign(contentLikeLast(database, result.key, found));
     }
     return result;
 }
@@ -264,6 +288,7 @@ Generated requestFor(Database& database, const std::string& key,
     }
     const Signed made = withSecrets(
         database, Access::kRead, [&] { return signRequest(database, key, asked); }, Need::kSecrets);
+    leaveSecond(made.lastCertificate);
     const ImportRules rules{
         .name = made.key.address.name, .label = made.key.label, .replace = true};
     const Hold hold = enterForImport(database, rules, {&made.request});

@@ -48,6 +48,38 @@ class ModelTest(RenewalTest):
         self.assertIn(HOST, text)
         self.assertNotIn("later", text)
 
+    def test_a_certificate_that_was_there_before_answers_no_request(self):
+        # Whatever the seconds: of the last three pairs one began within a second without fail.
+        for number in range(3):
+            certificate = self.certify("a", -1, 80 + number, f"www{number}")
+            self.run_tool("request", "a")
+            listed = {record["address"]: record for record in
+                      self.run_tool("ls", "--json").document["records"]}
+            self.assertTrue(listed["crm/a"]["open"], number)
+            self.assertLess(self.imported(certificate), self.imported("crm/a"))
+        request = self.run_tool("get", "crm/a").out
+        self.add(self.authority.sign(openssl("req", "-inform", "DER", stdin=request), -1, 89), "answer")
+        listed = {record["address"]: record for record in
+                  self.run_tool("ls", "--json").document["records"]}
+        self.assertFalse(listed["crm/a"]["open"])
+
+    def imported(self, address):
+        (record,) = self.run_tool("show", address, "--json").document["records"]
+        return next(one["value"] for one in record["attributes"] if one.get("name") == "imported")
+
+    def test_a_request_of_a_ca_has_its_constraints(self):
+        self.run_tool("generate", "ca", "--request", "--ca", "--subject", "CN=Sub")
+        key = self.run_tool("export", "keys/ca", "--plain").out
+        certificate = openssl("req", "-x509", "-key", "/dev/stdin", "-subj", "/CN=Sub", "-addext",
+                              "nameConstraints=critical,permitted;DNS:example.com", "-addext",
+                              "policyConstraints=requireExplicitPolicy:0", "-addext",
+                              "inhibitAnyPolicy=0", stdin=key)
+        self.add(certificate, "ca")
+        text = openssl("req", "-noout", "-text", stdin=self.run_tool("request", "ca").out).decode()
+        for constraint in ("CA:TRUE", "Name Constraints: critical", "DNS:example.com",
+                           "Policy Constraints", "Inhibit Any Policy"):
+            self.assertIn(constraint, text)
+
 
 class SupersededTest(RenewalTest):
     def test_alarm_leaves_out_what_was_renewed(self):
