@@ -211,8 +211,9 @@ void Database::refuseOther() const {
     }
 }
 
-// What recovery removes, or puts back as the database, is a folder. A file of that name is the
-// user's: a printed sheet, say. A link keeps nothing, and goes without what it leads to.
+// What recovery removes, or puts back as the database, is a folder with nothing else in it. A file
+// of that name is the user's: a printed sheet, say; and so is a folder with other things. A link
+// keeps nothing, and goes without what it leads to.
 void Database::refuseFiles() const {
     for (const char* const name : {layout::kCopy, layout::kPrevious}) {
         const os::EntryType type = typeOf(name);
@@ -222,6 +223,13 @@ void Database::refuseFiles() const {
                                       name, place_.describe()),
                           Advice{"move it elsewhere"}, name);
         }
+    }
+    if (const auto found = notOfDatabase()) {
+        throw Failure(kInvalid,
+                      fmt::format("{} in {} is not part of a database, and the database needs the "
+                                  "name of the folder that it is in",
+                                  *found, place_.describe()),
+                      Advice{"move that folder elsewhere"}, *found);
     }
 }
 

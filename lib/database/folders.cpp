@@ -1,12 +1,17 @@
 #include "lib/database/folders.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <string_view>
+#include <utility>
 
 #include <fmt/format.h>
 
 #include "format/layout.h"
+#include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
+#include "lib/records/descriptor.h"
 #include "os/fs.h"
 
 namespace fstore {
@@ -36,7 +41,75 @@ std::string freeName(const std::string& path, const std::string& time) {
     return name;
 }
 
+// Whether a descriptor of the folder names the file as its body; old ones have any name.
+bool isNamedIn(const std::string& folder, const std::string& file) {
+    for (const FolderEntry& entry : readFolder(folder)) {
+        if (entry.type != FolderEntry::Type::kFile || markerOf(entry.name).empty()) {
+            continue;
+        }
+        try {
+            if (bodyNameOf(readDescriptor(joined(folder, entry.name))) == file) {
+                return true;
+            }
+        } catch (const Failure&) {
+            continue;  // cut off, or damaged: it names nothing
+        }
+    }
+    return false;
+}
+
+// Whether the copy of a database may have the entry: it is what the store makes, or was copied with
+// the database, unknown files among it.
+bool isOfCopy(const std::string& folder, const FolderEntry& entry) {
+    if (entry.type == FolderEntry::Type::kOther) {
+        return false;
+    }
+    const std::string copied =
+        joined(kLive + folder.substr(std::string_view(kCopy).size()), entry.name);
+    return !markerOf(entry.name).empty() || isUniqueName(entry.name) || stateBeside(entry.name) ||
+           exists(copied) || isNamedIn(folder, entry.name);
+}
+
+std::optional<std::string> notOfCopy() {
+    std::vector<std::string> folders{kCopy};
+    while (!folders.empty()) {
+        const std::string folder = std::move(folders.back());
+        folders.pop_back();
+        for (const FolderEntry& entry : readFolder(folder)) {
+            if (entry.type == FolderEntry::Type::kFolder) {
+                folders.push_back(joined(folder, entry.name));
+            } else if (!isOfCopy(folder, entry)) {
+                return joined(folder, entry.name);
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+// A database has its folders from the beginning, and "./old_db" was one as a whole.
+std::optional<std::string> notOfPrevious() {
+    const std::vector<FolderEntry> entries = listFolder(kPrevious);
+    const bool isDatabase = std::ranges::any_of(entries, [](const FolderEntry& entry) {
+        return std::ranges::any_of(layout::kFolders, [&](const layout::Folder& folder) {
+            return folder.name() == entry.name;
+        });
+    });
+    return isDatabase || entries.empty() ? std::nullopt
+                                         : std::optional(joined(kPrevious, entries.front().name));
+}
+
 }  // namespace
+
+std::optional<std::string> notOfDatabase() {
+    std::optional<std::string> found;
+    if (isA(os::EntryType::kFolder, kCopy)) {
+        found = notOfCopy();
+    }
+    if (!found && isA(os::EntryType::kFolder, kPrevious)) {
+        found = notOfPrevious();
+    }
+    return found;
+}
 
 FolderState folderState() {
     return {.live = exists(kLive), .copy = exists(kCopy), .previous = exists(kPrevious)};

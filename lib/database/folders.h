@@ -39,6 +39,7 @@
 #ifndef LIB_DATABASE_FOLDERS_H
 #define LIB_DATABASE_FOLDERS_H
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,11 @@ struct FolderState {
 };
 
 FolderState folderState();
+
+// The path of something in "./new_db" or "./old_db" that no database holds: then the folder is the
+// user's, and must not be removed or taken for a database. Nothing where all is as a change of the
+// password or a restore leaves it, whole or broken off.
+std::optional<std::string> notOfDatabase();
 
 // Undoes an exchange that was interrupted between its renames: without "./db", "./old_db" is
 // the database. Changes nothing else.

@@ -94,10 +94,24 @@ void repairOne(const Finding& finding) {
     }
 }
 
+std::vector<Finding> usersFolder() {
+    const auto found = notOfDatabase();
+    if (!found) {
+        return {};
+    }
+    return {{FindingKind::kUnknownFile, *found,
+             "is not part of a database, and the database needs the name of the folder that it is "
+             "in; move that folder elsewhere"}};
+}
+
 }  // namespace
 
 std::vector<Finding> inspect(Observer& observer) {
     const FolderState folders = folderState();
+    const std::vector<Finding> users = usersFolder();
+    if (!folders.live && !users.empty()) {
+        return users;
+    }
     if (!folders.live) {
         return {{FindingKind::kMovedAside, layout::kPrevious,
                  "is the database, moved aside by an interrupted change of the password",
@@ -110,11 +124,12 @@ std::vector<Finding> inspect(Observer& observer) {
                 {FindingKind::kMissingFolder, folder.path, "is missing", Repair::kMakeFolder});
         }
     }
-    if (folders.copy) {
+    findings.insert(findings.end(), users.begin(), users.end());
+    if (folders.copy && users.empty()) {
         findings.push_back({FindingKind::kUnfinishedCopy, layout::kCopy,
                             "is a leftover of a change of the password", Repair::kDropCopy});
     }
-    if (folders.previous) {
+    if (folders.previous && users.empty()) {
         findings.push_back({FindingKind::kPrevious, layout::kPrevious,
                             "is the database before the last change of the password or the last "
                             "restore; delete it when you no longer need it"});

@@ -257,10 +257,10 @@ class ReplaceTest(BackupTest):
     def test_leftover_of_a_broken_restore_is_replaced(self):
         self.backup()
         (self.folder / "new_db").mkdir()
-        (self.folder / "new_db/junk").write_bytes(b"x")
+        (self.folder / "new_db/junk.dsc").write_bytes(b"x")
         self.run_tool("restore", self.tar, "--replace")
         self.assertEqual(b"encrypted body", self.body("settings/a"))
-        self.assertFalse((self.folder / "db/junk").exists())
+        self.assertFalse((self.folder / "db/junk.dsc").exists())
 
 
 class HostileTest(BackupTest):

@@ -297,7 +297,7 @@ class CheckTest(TwoRecordsTest):
             (self.folder / "db" / name).write_text("00000003 00000001 alice\n")
         (self.folder / "db/crm").rmdir()
         (self.folder / "new_db").mkdir()
-        (self.folder / "new_db/rest").write_text("x")
+        (self.folder / "new_db/rest.dsc").write_text("x")
         before = self.files()
         expected = {**cases, "crm": "missing-folder", "./new_db": "unfinished-copy"}
         self.assertEqual(expected, self.findings())

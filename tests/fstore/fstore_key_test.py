@@ -593,6 +593,51 @@ class SlotsTest(SlotsCase):
                 sheet.unlink()
         self.run_tool("check")
 
+    def test_folders_with_other_things_stay(self):
+        """They are somebody's, whatever their name."""
+        backup = self.outside / "all"
+        self.run_tool("backup", backup)
+        notes = "notes/today.txt"
+        for name, has_database in (("new_db", True), ("old_db", True), ("old_db", False)):
+            with self.subTest(name=name, has_database=has_database):
+                (self.folder / name / "notes").mkdir(parents=True)
+                (self.folder / name / notes).write_text("Somebody wrote this down.\n")
+                if not has_database:
+                    (self.folder / "db").rename(self.outside / "db")
+                said = f"./{name}/notes" if name == "old_db" else f"./{name}/{notes}"
+                for command in (["put", "settings/b", "-"], ["rm", "a"], ["check", "--repair"],
+                                ["passwd", *CHEAP], ["init", *CHEAP],
+                                ["restore", backup, "--replace"]):
+                    message = self.fails(4, "invalid", *command,
+                                         env={"FSTORE_NEW_PASSWORD": "new"})
+                    self.assertIn(said, message)
+                    self.assertIn("move that folder elsewhere", message)
+                run = self.run_tool("check", "--json", code=0 if has_database else 3)
+                finding, *others = run.document["findings"]
+                self.assertEqual([], others if has_database else [])
+                self.assertEqual((said, "unknown-file"), (finding["path"], finding["kind"]))
+                self.assertTrue((self.folder / name / notes).exists())
+                if not has_database:
+                    (self.outside / "db").rename(self.folder / "db")
+                self.assertTrue(self.opens())
+                (self.folder / name).rename(self.outside / f"{name}-{has_database}")
+        self.run_tool("check")
+        # What is in the database, too, was copied with it.
+        for folder in ("db", "new_db/settings", "db/settings"):
+            (self.folder / folder).mkdir(parents=True, exist_ok=True)
+        for folder in ("db", "new_db"):
+            (self.folder / folder / "settings/unknown.txt").write_text("copied")
+        self.put("settings/b", b"b")
+        self.assertFalse((self.folder / "new_db").exists())
+
+    def test_lost_files_leave_other_things_beside_them(self):
+        (self.folder / "db.lost").mkdir()
+        (self.folder / "db.lost/today.txt").write_text("Somebody wrote this down.\n")
+        (self.folder / "db/settings/deadbeef").write_text("x")
+        (lost,) = self.run_tool("check", "--repair", "--json").document["lost"]
+        self.run_tool("check", "--purge", lost["name"])
+        self.assertEqual(["today.txt"], os.listdir(self.folder / "db.lost"))
+
     def test_another_reader_opens_every_slot(self):
         """One that was written from filestore(5) alone."""
         path, key = self.add_key_file(), self.add_recovery()
