@@ -154,7 +154,7 @@ Status runCheck(const Options& options, Context& context) {
         weak.push_back(toJson(weakness));
     }
     if (report.isSound()) {
-        context.output.note(
+        context.output.summary(
             report.deep ? fmt::format("no damage found; records read: {}, secrets decrypted: {}",
                                       report.deep->records, report.deep->secrets)
                         : "no damage found; --deep also decrypts");

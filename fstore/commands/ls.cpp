@@ -166,7 +166,7 @@ void report(const Missed& missed, std::size_t leftOut, Output& output) {
         output.warn(failure.what());
     }
     if (leftOut != 0) {
-        output.note(
+        output.summary(
             fmt::format("superseded by newer ones and left out: {}; --all lists them", leftOut));
     }
 }

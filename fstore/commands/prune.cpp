@@ -42,9 +42,9 @@ Status list(const Prunable& prunable, Output& output) {
                         fmt::format(": expired {}, and superseded", printTime(*info.notAfter)),
                         kIndent);
     }
-    output.note(prunable.records.empty()
-                    ? "nothing to remove: nothing has expired and is superseded"
-                    : fmt::format("{} can be removed; --yes does it", prunable.records.size()));
+    output.summary(prunable.records.empty()
+                       ? "nothing to remove: nothing has expired and is superseded"
+                       : fmt::format("{} can be removed; --yes does it", prunable.records.size()));
     output.document({{"records", std::move(records)}, {"removed", false}});
     return prunable.leftOut.empty() ? kOk : kPartial;
 }

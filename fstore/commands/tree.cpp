@@ -65,8 +65,8 @@ public:
         }
         if (forest_.first) {
             const RecordInfo& info = forest_.branches[*forest_.first].info;
-            output_.note(fmt::format("the first to end is {}, in {} days", info.address.print(),
-                                     (*info.notAfter - time_) / kDay));
+            output_.summary(fmt::format("the first to end is {}, in {} days", info.address.print(),
+                                        (*info.notAfter - time_) / kDay));
         }
     }
 

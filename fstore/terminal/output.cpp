@@ -127,6 +127,10 @@ void Output::warn(std::string_view text) {
     }
 }
 
+void Output::summary(std::string_view text) {
+    summaries_.emplace_back(text);
+}
+
 void Output::sayWarning(std::string_view text) {
     const std::string head = colourErr_ ? styled("warning:", Style::kYellow) : "warning:";
     say(fmt::format("{} {}", head, printable(text)));
@@ -142,6 +146,13 @@ void Output::warnOfRepeated() {
 
 void Output::flush(After after) {
     warnOfRepeated();
+    writeKept(after);
+    for (const std::string& text : std::exchange(summaries_, {})) {
+        note(text);
+    }
+}
+
+void Output::writeKept(After after) {
     const Spill kept = std::exchange(kept_, Spill());
     Spill::Reader reader(kept);
     std::string_view piece = reader.next();

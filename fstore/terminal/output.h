@@ -57,6 +57,8 @@ public:
     void note(std::string_view text);
     void detail(std::string_view text);
     void warn(std::string_view text);
+    // A note that stands below the data, where both are on one terminal: what the data comes to.
+    void summary(std::string_view text);
 
     // Writes what was kept, of a command that failed or is done. Throws kIo; silently when the
     // reader has gone.
@@ -71,6 +73,7 @@ private:
     void say(std::string_view text);
     void sayWarning(std::string_view text);
     void warnOfRepeated();
+    void writeKept(After after);
     void addWarnings(Json& document) const;
     Json completed(Json document) const;
 
@@ -79,6 +82,7 @@ private:
     bool colourErr_;
     std::size_t columns_;  // of stdout; 0 when it is not a terminal
     Spill kept_;
+    std::vector<std::string> summaries_;
     std::vector<Json::Member> failureDetails_;
     std::vector<std::string> warnings_;                     // with --json
     std::map<std::string, std::size_t, std::less<>> said_;  // and otherwise, how often each

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
 """tree: certificates under their issuers, and what is missing."""
 
-
 import support
 from authority import Authority, day, request_of_key
 from pki import openssl
 from support import InitialisedTest
+from terminal import Terminal
 
 
 class TreeTest(InitialisedTest):
@@ -80,6 +80,24 @@ class TreeTest(InitialisedTest):
         self.assertEqual(["certificates/remote/two", "certificates/remote/one"],
                          [record["issuerAddress"] for record in records])
         self.assertFalse(any("missing" in record for record in records))
+
+    def test_says_last_what_ends_first(self):
+        """On a terminal below the tree, for whoever reads it; it is no part of the data."""
+        self.add_all()
+        for columns in (20, 40, 80, 200):
+            for command, told in (("tree", "the first to end is certificates/local/b, in"),
+                                  ("ls --expires-within 100d", "superseded by newer ones and left out: 1"),
+                                  ("prune", "nothing to remove: nothing has expired"),
+                                  ("check", "no damage found; --deep")):
+                with self.subTest(command=command, columns=columns):
+                    terminal = Terminal(command.split(), cwd=self.folder, columns=columns,
+                                        password=support.PASSWORD)
+                    self.addCleanup(terminal.close)
+                    self.assertEqual(0, terminal.wait())
+                    *_, last = terminal.seen.splitlines()
+                    self.assertIn(told, last)
+        self.assertNotIn("first to end", self.run_tool("tree").text)
+        self.assertNotIn("first to end", self.run_tool("-q", "tree").message)
 
     def test_document(self):
         self.add_all()
