@@ -86,6 +86,7 @@ void addRef(Cli& cli) {
                                [options](Context& context) { return run(*options, context); });
     command.argument("ADDRESS", &options->record,
                      "An address, or a URI: fstore:///?for=www.example.com&type=key");
+    command.readsMeant(&options->record);
     command.option("-o,--output", "FILE", &options->file,
                    "The file, readable by all: it holds no secret");
     command.flag("--private", &options->isPrivate,

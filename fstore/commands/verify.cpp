@@ -128,7 +128,9 @@ void addVerify(Cli& cli) {
     const auto options = std::make_shared<Options>();
     Command& command = cli.add("verify", "Verify certificates with their issuers and CRLs",
                                [options](Context& context) { return run(*options, context); });
-    command.argument("ADDRESS", &options->addresses, "FOLDER/NAME, a unique NAME, or sha256:PREFIX")
+    command
+        .argument("ADDRESS", &options->addresses,
+                  "As for show; a pattern stands for all certificates that match")
         .required = false;
     command.flag("--all", &options->all, "All certificates of the database");
     command.flag("--crl", &options->rules.needsCrls,

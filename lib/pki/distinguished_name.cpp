@@ -1,6 +1,7 @@
 #include "lib/pki/distinguished_name.h"
 
 #include <algorithm>
+#include <array>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,12 +13,16 @@
 #include "lib/base/error.h"
 #include "lib/base/printable.h"
 #include "lib/pki/made.h"
+#include "lib/pki/text.h"
 
 namespace fstore {
 namespace {
 
+using AnyType = ossl::Owner<ASN1_TYPE, ASN1_TYPE_free>;
+
 struct SubjectEntry {
     std::string type, value;
+    bool isDer = false;
     bool beginsPart = false;  // is not added to the part in front of it by "+"
 };
 
@@ -38,7 +43,7 @@ public:
             SubjectEntry& entry = entries.emplace_back();
             entry.beginsPart = beginsPart;
             entry.type = readType();
-            entry.value = readValue();
+            readValue(entry);
             if (rest_.empty()) {
                 return entries;
             }
@@ -61,14 +66,14 @@ private:
     }
 
     // Up to the "," or "+" behind it. Blanks around it say nothing unless they are escaped.
-    std::string readValue() {
+    void readValue(SubjectEntry& entry) {
         rest_.remove_prefix(std::min(rest_.find_first_not_of(' '), rest_.size()));
-        if (rest_.starts_with('#') || rest_.starts_with('"')) {
+        if (rest_.starts_with('"')) {
             refuseSubject(
-                fmt::format("has a value that begins with {}, which needs a backslash before it",
-                            rest_.front()));
+                "has a value that begins with a quote, which needs a backslash before it");
         }
-        std::string value;
+        entry.isDer = rest_.starts_with('#');
+        std::string& value = entry.value;
         std::size_t kept = 0;  // up to the last character that is no blank
         while (!rest_.empty() && rest_.front() != ',' && rest_.front() != '+') {
             const bool isEscaped = rest_.front() == '\\';
@@ -76,7 +81,15 @@ private:
             kept = isEscaped || value.back() != ' ' ? value.size() : kept;
         }
         value.resize(kept);
-        return value;
+        if (entry.isDer) {
+            const auto bytes = fromHex(std::string_view(value).substr(1));
+            if (!bytes) {
+                refuseSubject(
+                    "has a value that begins with #, which needs a backslash before it unless the "
+                    "hexadecimal digits of DER follow");
+            }
+            value.assign(bytes->begin(), bytes->end());
+        }
     }
 
     char readCharacter() {
@@ -103,6 +116,16 @@ private:
     std::string_view rest_;
 };
 
+// Whether it is in one of the places where parts of names are defined, though OpenSSL has no rules
+// for its values. Of all others, a mistyped name could be the name of anything.
+bool isOfNames(const ASN1_OBJECT* type) {
+    constexpr std::array<std::string_view, 4> kPlaces = {
+        "2.5.4.", "0.9.2342.19200300.100.1.", "1.2.840.113549.1.9.", "1.3.6.1.4.1.311.60.2.1."};
+    const std::string text = identifierText(type);
+    return std::ranges::any_of(kPlaces,
+                               [&](std::string_view place) { return text.starts_with(place); });
+}
+
 // Of "CN", "cn", "commonName" and "2.5.4.3"; null for what is no part of names.
 const ASN1_OBJECT* typeOf(const std::string& text, ossl::Identifier& owner) {
     std::string capitals = text;
@@ -113,7 +136,8 @@ const ASN1_OBJECT* typeOf(const std::string& text, ossl::Identifier& owner) {
         owner.reset(OBJ_txt2obj(name.c_str(), 0));
         const int known = owner != nullptr ? OBJ_obj2nid(owner.get()) : NID_undef;
         const bool isNumbers = !name.empty() && name[0] >= '0' && name[0] <= '9';
-        if (owner != nullptr && (isNumbers || ASN1_STRING_TABLE_get(known) != nullptr)) {
+        if (owner != nullptr &&
+            (isNumbers || ASN1_STRING_TABLE_get(known) != nullptr || isOfNames(owner.get()))) {
             return owner.get();
         }
     }
@@ -137,17 +161,45 @@ void requireText(const SubjectEntry& entry) {
     }
 }
 
-void addEntry(X509_NAME* name, const SubjectEntry& entry, bool beginsPart) {
+// The kind of string that the DER is of; `entry` gets its contents.
+int takeString(SubjectEntry& entry) {
+    constexpr unsigned long kStrings =
+        B_ASN1_DIRECTORYSTRING | B_ASN1_IA5STRING | B_ASN1_NUMERICSTRING | B_ASN1_VISIBLESTRING;
+    const auto* at = reinterpret_cast<const unsigned char*>(entry.value.data());
+    const auto* const end = at + entry.value.size();
+    const AnyType any(d2i_ASN1_TYPE(nullptr, &at, static_cast<long>(entry.value.size())));
+    if (any == nullptr || at != end || (ASN1_tag2bit(any->type) & kStrings) == 0) {
+        refuseSubject(
+            fmt::format("has a value of {} that is not a string in DER", printable(entry.type)));
+    }
+    const ASN1_STRING* const string = any->value.asn1_string;
+    unsigned char* text = nullptr;
+    const int length = ASN1_STRING_to_UTF8(&text, string);
+    const ossl::Text owner(reinterpret_cast<char*>(text));
+    requireText({entry.type, length < 0
+                                 ? std::string()
+                                 : std::string(owner.get(), static_cast<std::size_t>(length))});
+    entry.value.assign(reinterpret_cast<const char*>(ASN1_STRING_get0_data(string)),
+                       static_cast<std::size_t>(ASN1_STRING_length(string)));
+    return any->type;
+}
+
+void addEntry(X509_NAME* name, SubjectEntry entry, bool beginsPart) {
     ossl::Identifier owner;
     const ASN1_OBJECT* const type = typeOf(entry.type, owner);
     if (type == nullptr) {
         refuseSubject(
             fmt::format("has \"{}\", which is not a part of names", printable(entry.type)));
     }
-    requireText(entry);
+    int form = MBSTRING_UTF8;
+    if (entry.isDer) {
+        form = takeString(entry);
+    } else {
+        requireText(entry);
+    }
     constexpr int kAtEnd = -1, kNewPart = 0, kSamePart = -1;
     if (X509_NAME_add_entry_by_OBJ(
-            name, type, MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(entry.value.data()),
+            name, type, form, reinterpret_cast<const unsigned char*>(entry.value.data()),
             static_cast<int>(entry.value.size()), kAtEnd, beginsPart ? kNewPart : kSamePart) != 1) {
         const char* const reason = ERR_reason_error_string(ERR_peek_last_error());
         refuseSubject(fmt::format("has a value that {} cannot have: {}", printable(entry.type),

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
+#include <ctime>
 #include <iterator>
 #include <map>
 #include <set>
@@ -128,6 +130,9 @@ std::string whyNot(X509_STORE_CTX* verifying) {
     return flawOf(error, ownOrIssuer(isOwn, certificate), certificate);
 }
 
+// The issuers of a certificate, one of the other, by index.
+using Path = std::vector<std::size_t>;
+
 }  // namespace
 
 struct ChainVerifier::State {
@@ -138,23 +143,7 @@ struct ChainVerifier::State {
     std::vector<ossl::Crl> crls;
     std::set<std::size_t> roots;                               // by index
     std::multimap<unsigned long, std::size_t> bySubject = {};  // by the digest of the name
-
-    // Of the certificates who may have issued it, directly or not.
-    std::set<std::size_t> issuersOf(X509* certificate) const {
-        Verifier verifier;
-        std::set<std::size_t> found;
-        std::vector<X509*> waiting = {certificate};
-        while (!waiting.empty()) {
-            X509* const subject = waiting.back();
-            waiting.pop_back();
-            for (const std::size_t issuer : directIssuersOf(subject, verifier)) {
-                if (found.insert(issuer).second) {
-                    waiting.push_back(certificates[issuer].get());
-                }
-            }
-        }
-        return found;
-    }
+    mutable std::map<std::size_t, std::vector<std::size_t>> issuersOf_ = {};
 
     // Those whose key made the signature; where there is none, those that have the name. OpenSSL
     // would take any of the name.
@@ -178,8 +167,46 @@ struct ChainVerifier::State {
         return X509_NAME_hash_ex(name, nullptr, nullptr, nullptr);
     }
 
+    // The same of one of the certificates, looked for once, those first that are in force and end
+    // last.
+    const std::vector<std::size_t>& issuersOf(std::size_t subject, Verifier& verifier) const {
+        const auto known = issuersOf_.find(subject);
+        return known != issuersOf_.end()
+                   ? known->second
+                   : issuersOf_
+                         .emplace(subject, sortedIssuersOf(certificates[subject].get(), verifier))
+                         .first->second;
+    }
+
+    std::vector<std::size_t> sortedIssuersOf(X509* subject, Verifier& verifier) const {
+        std::vector<std::size_t> issuers = directIssuersOf(subject, verifier);
+        std::ranges::stable_sort(issuers, [&](std::size_t a, std::size_t b) {
+            if (isInForce(a) != isInForce(b)) {
+                return isInForce(a);
+            }
+            return ASN1_TIME_compare(X509_get0_notAfter(certificates[a].get()),
+                                     X509_get0_notAfter(certificates[b].get())) > 0;
+        });
+        return issuers;
+    }
+
+    bool isInForce(std::size_t issuer) const {
+        const X509* const certificate = certificates[issuer].get();
+        std::time_t time = rules.time;
+        return X509_cmp_time(X509_get0_notBefore(certificate), &time) < 0 &&
+               X509_cmp_time(X509_get0_notAfter(certificate), &time) > 0;
+    }
+
+    // Whether two are of one holder with one key: a path through both has a shorter one in it.
+    bool isSameHolder(std::size_t a, std::size_t b) const {
+        X509* const one = certificates[a].get();
+        X509* const other = certificates[b].get();
+        return X509_NAME_cmp(X509_get_subject_name(one), X509_get_subject_name(other)) == 0 &&
+               X509_PUBKEY_eq(X509_get_X509_PUBKEY(one), X509_get_X509_PUBKEY(other)) == 1;
+    }
+
     // The roots among them, and all CRLs; what is no root goes to the others.
-    Store storeOf(const std::set<std::size_t>& issuers, STACK_OF(X509) * others) const {
+    Store storeOf(const Path& issuers, STACK_OF(X509) * others) const {
         Store store = made(Store(X509_STORE_new()));
         for (const std::size_t issuer : issuers) {
             X509* const certificate = certificates[issuer].get();
@@ -226,6 +253,9 @@ struct ChainVerifier::State {
         return {};
     }
 
+    Verdict verdictOn(Bytes der, X509* certificate, const Path& path) const;
+    Verdict verdictOn(Bytes der, X509* certificate) const;
+
     Verifying contextFor(X509* certificate, X509_STORE* store, STACK_OF(X509) * others) const {
         Verifying context = made(Verifying(X509_STORE_CTX_new()));
         if (X509_STORE_CTX_init(context.get(), store, certificate, others) != 1) {
@@ -267,41 +297,164 @@ ChainVerifier::ChainVerifier(const std::vector<SecretBytes>& certificates,
 
 ChainVerifier::~ChainVerifier() = default;
 
+namespace {
+
+// Finds the paths from a certificate to a root, the shortest first. Where many authorities have
+// issued each other, there are more of them than anybody can look at; OpenSSL would follow one of
+// them, however long, and wherever that ends.
+template <class State>
+class PathSearch {
+public:
+    // The verifier is for one certificate. With `inForce`, no issuer that is not goes into a path.
+    PathSearch(const State& state, Verifier& verifier, X509* certificate, bool inForce)
+        : state_(state), verifier_(verifier), inForce_(inForce) {
+        add(state.sortedIssuersOf(certificate, verifier), kNone);
+    }
+
+    // The next one; none when there is no other, or too many were looked at.
+    std::optional<Path> next() {
+        while (at_ < steps_.size() && steps_.size() < kMostSteps) {
+            const std::size_t step = at_++;
+            if (state_.roots.contains(steps_[step].issuer)) {
+                return pathTo(step);
+            }
+            if (!add(state_.issuersOf(steps_[step].issuer, verifier_), step) && deadEnd_ == kNone) {
+                deadEnd_ = step;
+            }
+        }
+        return std::nullopt;
+    }
+
+    // The issuers up to the first one that has none, for what is said about it; none if each has
+    // one, as far as they were looked at.
+    std::optional<Path> toDeadEnd() const {
+        return steps_.empty() || deadEnd_ != kNone ? std::optional(pathTo(deadEnd_)) : std::nullopt;
+    }
+
+    bool isGivenUp() const { return steps_.size() >= kMostSteps; }
+
+private:
+    static constexpr std::size_t kNone = SIZE_MAX, kMostSteps = 5000;
+
+    struct Step {
+        std::size_t issuer;
+        std::size_t below;  // the step before it, or kNone
+    };
+
+    // Whether there was one to add, or one that is on the path already.
+    bool add(const std::vector<std::size_t>& issuers, std::size_t below) {
+        for (const std::size_t issuer : issuers) {
+            if ((!inForce_ || state_.isInForce(issuer)) && !isOnPath(issuer, below)) {
+                steps_.push_back({issuer, below});
+            }
+        }
+        return !issuers.empty();
+    }
+
+    bool isOnPath(std::size_t issuer, std::size_t step) const {
+        for (; step != kNone; step = steps_[step].below) {
+            if (state_.isSameHolder(steps_[step].issuer, issuer)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    Path pathTo(std::size_t step) const {
+        Path path;
+        for (; step != kNone; step = steps_[step].below) {
+            path.push_back(steps_[step].issuer);
+        }
+        std::ranges::reverse(path);
+        return path;
+    }
+
+    const State& state_;
+    Verifier& verifier_;
+    const bool inForce_;
+    std::vector<Step> steps_;
+    std::size_t at_ = 0;  // the first that was not looked at
+    std::size_t deadEnd_ = kNone;
+};
+
+}  // namespace
+
+Verdict ChainVerifier::State::verdictOn(Bytes der, X509* certificate, const Path& path) const {
+    const auto others = made(ossl::Certificates(sk_X509_new_null()));
+    const Store store = storeOf(path, others.get());
+    const Verifying context = contextFor(certificate, store.get(), others.get());
+    Verdict verdict;
+    if (X509_verify_cert(context.get()) != 1) {
+        verdict.why = whyNot(context.get());
+    }
+    verdict.until = parseTime(timeText(X509_get0_notAfter(certificate)));
+    const STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(context.get());
+    for (int i = 1; i < sk_X509_num(chain); ++i) {
+        const X509* const issuer = sk_X509_value(chain, i);
+        verdict.chain.push_back(indexOf(issuer));
+        verdict.until = std::min(verdict.until, parseTime(timeText(X509_get0_notAfter(issuer))));
+    }
+    // What is revoked stays so, whatever is wrong with a list.
+    if (verdict.why.empty() || isOfCrl(X509_STORE_CTX_get_error(context.get()))) {
+        std::string revoked = revokedIn(der, certificate, verdict.chain);
+        if (!revoked.empty()) {
+            verdict.why = std::move(revoked);
+        }
+    }
+    return verdict;
+}
+
+// The first path on which it holds; where there is none, what is wrong with the shortest.
+Verdict ChainVerifier::State::verdictOn(Bytes der, X509* certificate) const {
+    constexpr int kMostPaths = 50;
+    Verifier verifier;
+    std::optional<Verdict> first;
+    PathSearch inForce(*this, verifier, certificate, /*inForce=*/true);
+    for (int i = 0; i < kMostPaths; ++i) {
+        const auto path = inForce.next();
+        if (!path) {
+            break;
+        }
+        Verdict verdict = verdictOn(der, certificate, *path);
+        if (verdict.why.empty()) {
+            return verdict;
+        }
+        if (!first) {
+            first = std::move(verdict);
+        }
+    }
+    if (first) {
+        return std::move(*first);
+    }
+    PathSearch any(*this, verifier, certificate, /*inForce=*/false);
+    auto path = any.next();
+    if (!path) {
+        path = any.toDeadEnd();
+    }
+    if (!path) {
+        return {
+            .why = any.isGivenUp()
+                       ? "too many certificates may have issued those of the chain, and none of "
+                         "the shortest paths leads to a root"
+                       : "no root is in the database: its issuers have only issued each other",
+            .chain = {},
+            .until = {}};
+    }
+    return verdictOn(der, certificate, *path);
+}
+
 Verdict ChainVerifier::verify(Bytes certificate) const {
     const ossl::QuietErrors quiet;
     const auto decoded = ossl::decodeWhole<ossl::Certificate, d2i_X509>(certificate);
     if (decoded == nullptr) {
         throw Failure(kMalformed, "not a certificate, or a damaged one");
     }
-    Verdict verdict;
-    std::set<std::size_t> issuers;
     try {
-        issuers = state_->issuersOf(decoded.get());
+        return state_->verdictOn(certificate, decoded.get());
     } catch (const Failure& failure) {
-        verdict.why = failure.what();  // hostile ones are no reason to leave out all others
-        return verdict;
+        // Hostile ones are no reason to leave out all others.
+        return {.why = failure.what(), .chain = {}, .until = {}};
     }
-    const auto others = made(ossl::Certificates(sk_X509_new_null()));
-    const Store store = state_->storeOf(issuers, others.get());
-    const Verifying context = state_->contextFor(decoded.get(), store.get(), others.get());
-    if (X509_verify_cert(context.get()) != 1) {
-        verdict.why = whyNot(context.get());
-    }
-    verdict.until = parseTime(timeText(X509_get0_notAfter(decoded.get())));
-    const STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(context.get());
-    for (int i = 1; i < sk_X509_num(chain); ++i) {
-        const X509* const issuer = sk_X509_value(chain, i);
-        verdict.chain.push_back(state_->indexOf(issuer));
-        verdict.until = std::min(verdict.until, parseTime(timeText(X509_get0_notAfter(issuer))));
-    }
-    // What is revoked stays so, whatever is wrong with a list.
-    if (verdict.why.empty() || isOfCrl(X509_STORE_CTX_get_error(context.get()))) {
-        std::string revoked = state_->revokedIn(certificate, decoded.get(), verdict.chain);
-        if (!revoked.empty()) {
-            verdict.why = std::move(revoked);
-        }
-    }
-    return verdict;
 }
 
 }  // namespace fstore

@@ -55,7 +55,9 @@ std::vector<Address> recordsBeginning(const std::string& name) {
     return recordsThat([&](const Address& record) { return record.name.starts_with(name); });
 }
 
-[[noreturn]] void failAmbiguous(std::string_view text, const std::vector<Address>& found) {
+}  // namespace
+
+void failAmbiguous(std::string_view text, const std::vector<Address>& found) {
     std::string names;
     for (std::size_t i = 0; i < found.size() && i < kMostNamed; ++i) {
         names += (i == 0 ? "" : ", ") + found[i].print();
@@ -66,8 +68,6 @@ std::vector<Address> recordsBeginning(const std::string& name) {
     throw Failure(kInvalid, fmt::format("{} is ambiguous; it may be {}", text, names),
                   std::string(text));
 }
-
-}  // namespace
 
 bool isPattern(std::string_view text) {
     return text.find_first_of("*?[") != std::string_view::npos;

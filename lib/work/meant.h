@@ -29,6 +29,9 @@ std::vector<Address> recordsMatching(std::string_view pattern);
 //   kInvalid  there are several
 std::optional<Address> meantRecord(Database& database, std::string_view text);
 
+// Throws kInvalid, as the text may mean any of these.
+[[noreturn]] void failAmbiguous(std::string_view text, const std::vector<Address>& found);
+
 // The addresses with the records that match in place of each pattern. What is the address of a
 // record is no pattern.
 //

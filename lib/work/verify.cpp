@@ -12,6 +12,7 @@
 #include "lib/records/catalogue.h"
 #include "lib/records/record.h"
 #include "lib/work/issuers.h"
+#include "lib/work/meant.h"
 #include "lib/work/object_record.h"
 
 namespace fstore {
@@ -19,37 +20,102 @@ namespace {
 
 using Infos = std::vector<RecordInfo>;
 
-// A name alone is that of a certificate, if one alone has it: its key and request have it, too.
-Address resolveCertificate(const std::string& text, const Infos& certificates) {
-    const AddressText meant = parseAddress(text);
-    if (meant.form == AddressText::Form::kBare) {
-        const auto isCalled = [&](const RecordInfo& info) {
+// Those of the certificates that a user means by one word.
+class Meant {
+public:
+    Meant(const Infos& certificates, Observer& observer)
+        : certificates_(certificates), observer_(observer) {}
+
+    Infos by(const std::string& text) const {
+        const AddressText meant = parseAddress(text);
+        const bool isBare = meant.form == AddressText::Form::kBare;
+        // A name alone is that of a certificate, if one alone has it: its key and request have it,
+        // too.
+        Infos named = isBare ? those([&](const RecordInfo& info) {
             return info.address.name == meant.place.name;
-        };
-        if (std::ranges::count_if(certificates, isCalled) == 1) {
-            return std::ranges::find_if(certificates, isCalled)->address;
+        })
+                             : Infos();
+        if (named.size() == 1) {
+            return named;
+        }
+        try {
+            return {at(resolve(text))};
+        } catch (const NoRecord&) {
+            Infos found = isPattern(text) ? matching(text)
+                          : isBare        ? byLess(meant.place.name)
+                                          : Infos();
+            if (found.empty()) {
+                throw;
+            }
+            return found;
         }
     }
-    return resolve(text);
-}
 
-Infos meantBy(const std::vector<std::string>& texts, const Infos& certificates) {
-    if (texts.empty()) {
-        return certificates;
+private:
+    template <class Test>
+    Infos those(Test test) const {
+        Infos found;
+        std::ranges::copy_if(certificates_, std::back_inserter(found), test);
+        return found;
     }
-    Infos meant;
-    for (const std::string& text : texts) {
-        const Address address = resolveCertificate(text, certificates);
-        const auto found = std::ranges::find(certificates, address, &RecordInfo::address);
-        if (found == certificates.end()) {
+
+    const RecordInfo& at(const Address& address) const {
+        const auto found = std::ranges::find(certificates_, address, &RecordInfo::address);
+        if (found == certificates_.end()) {
             throw Failure(
                 kInvalid,
                 fmt::format("{} is not a certificate, or cannot be read as one", address.print()),
                 address.print());
         }
-        meant.push_back(*found);
+        return *found;
     }
-    return meant;
+
+    Infos matching(const std::string& pattern) const {
+        const std::vector<Address> all = recordsMatching(pattern);
+        return those([&](const RecordInfo& info) {
+            return std::ranges::find(all, info.address) != all.end();
+        });
+    }
+
+    // The one with this label, or whose name begins so.
+    Infos byLess(const std::string& text) const {
+        Infos found = those([&](const RecordInfo& info) { return info.label == text; });
+        if (found.empty()) {
+            found =
+                those([&](const RecordInfo& info) { return info.address.name.starts_with(text); });
+        }
+        if (found.size() > 1) {
+            std::vector<Address> addresses;
+            std::ranges::transform(found, std::back_inserter(addresses), &RecordInfo::address);
+            failAmbiguous(text, addresses);
+        }
+        if (!found.empty()) {
+            observer_.warn(
+                fmt::format("{} is taken to mean {}", text, found.front().address.print()));
+        }
+        return found;
+    }
+
+    const Infos& certificates_;
+    Observer& observer_;
+};
+
+// Each once, in the order of the texts.
+Infos meantBy(const std::vector<std::string>& texts, const Infos& certificates,
+              Observer& observer) {
+    if (texts.empty()) {
+        return certificates;
+    }
+    const Meant meant(certificates, observer);
+    Infos all;
+    for (const std::string& text : texts) {
+        for (RecordInfo& info : meant.by(text)) {
+            if (std::ranges::find(all, info.address, &RecordInfo::address) == all.end()) {
+                all.push_back(std::move(info));
+            }
+        }
+    }
+    return all;
 }
 
 Infos kindOf(Kind kind, const Infos& records) {
@@ -154,7 +220,7 @@ Verification verifyCertificates(Database& database, const std::vector<std::strin
                                 const VerifyRules& rules) {
     const Listing listing = listWithSecrets(database);
     const Infos certificates = kindOf(Kind::kCertificate, listing.records);
-    const Infos meant = meantBy(texts, certificates);
+    const Infos meant = meantBy(texts, certificates, database.observer());
     Verification verification;
     verification.leftOut = unreadOf(listing);
     Infos issuers = issuersOf(meant, certificates);

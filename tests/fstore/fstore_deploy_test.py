@@ -461,6 +461,18 @@ class RefTest(DeployTest):
         for record in set(self.records()) - set(others):
             self.assertEqual("", self.run_tool("ref", record).message)
 
+    def test_a_record_that_is_meant_by_less_than_its_address(self):
+        openssl("req", "-new", "-key", self.folder / "old.key", "-subj", "/CN=asks", "-out",
+                self.folder / "asks.pem")
+        self.run_tool("import", "asks.pem", "--name", "asks", "--label", "My request")
+        expected = self.run_tool("ref", "crm/asks").out
+        for text in "crm/a*", "ask", "My request":
+            run = self.run_tool("ref", text, "-f", "-o", "ref.pem")
+            self.assertIn(f"{text} is taken to mean crm/asks", run.message)
+            self.assertEqual(expected, (self.folder / "ref.pem").read_bytes())
+        self.assertIn("ambiguous", self.fails(4, "invalid", "ref", "*/*"))
+        self.assertIn("there is no record", self.fails(50, "missing", "ref", "crm/none*"))
+
 
 class HostileTest(DeployTest):
     """What stands in the place of the files is not written through, and not waited for."""

@@ -112,6 +112,23 @@ class RequestTest(GenerateTest):
         self.assertEqual(openssl("req", "-outform", "DER", stdin=run.out), self.body("crm/www"))
         self.assert_sound()
 
+    def test_a_subject_that_was_printed_is_taken_again(self):
+        written = ("1.2.3.4=#0C0378C3B6,CN=a\\, b,jurisdictionC=DE,organizationIdentifier=X-1,"
+                   "businessCategory=Private,UID=u,emailAddress=me@example.com")
+        self.generate("first", "--request", "--subject", written)
+        printed = self.listed()["crm/first"]["subject"]
+        self.assertEqual(written, printed)
+        request = self.run_tool("request", "first", "--subject", printed).out
+        self.assertEqual(printed, self.listed()["crm/first"]["subject"])
+        self.assertIn("1.2.3.4", self.request_text(request))
+        # As text the value is the same, but for its type in the request of who asks for it so.
+        for value in ("x\u00f6", "#0C0378C3B6"):
+            self.run_tool("request", "first", "--subject", f"1.2.3.4={value}")
+            self.assertEqual("1.2.3.4=#0C0378C3B6", self.listed()["crm/first"]["subject"])
+        for kind in "#130161", "#160161", "#1E020061":
+            self.run_tool("request", "first", "--subject", f"1.2.3.4={kind}")
+            self.assertEqual(f"1.2.3.4={kind}", self.listed()["crm/first"]["subject"])
+
     def test_a_name_is_asked_for_once(self):
         pem = self.generate("k", "--request", "--san", "a.com", "--san", "A.COM", "--san", "b.com",
                             "--san", "a.com").out
@@ -180,7 +197,13 @@ class RequestTest(GenerateTest):
                 (("--subject", "CN=a,"), 'no "="'),
                 (("--subject", "CN="), "no value for CN"),
                 (("--subject", "XYZ=a"), "not a part of names"),
-                (("--subject", "CN=#0500"), "backslash before it"),
+                (("--subject", "CN=#0500"), "not a string in DER"),
+                (("--subject", "CN=#0C0261"), "not a string in DER"),
+                (("--subject", "CN=#0C0161FF"), "not a string in DER"),
+                (("--subject", "CN=#0C00"), "no value for CN"),
+                (("--subject", "CN=#0C010A"), "control character"),
+                (("--subject", "CN=#05xx"), "backslash before it"),
+                (("--subject", "sha256=x"), "not a part of names"),
                 (("--subject", "CN=a\\zb"), "backslash before what needs none"),
                 (("--subject", b"CN=\xff"), "not UTF-8"),
                 (("--san", "bücher.example"), "xn--"),

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """verify: which certificates hold, and the reason why one does not."""
 
+import time
 
 import support
 from authority import Authority, day
@@ -61,6 +62,47 @@ class GoodTest(VerifyTest):
                          {record["address"]: record["good"] for record in run.document["records"]})
         self.run_tool("rm", "old")
         self.assertEqual(3, len(self.run_tool("verify", "--all").text.splitlines()))
+
+    def verified(self, *texts, code=0):
+        run = self.run_tool("verify", "--json", *texts, code=code)
+        return [record["address"] for record in run.document["records"]]
+
+    def test_patterns(self):
+        self.add_chain()
+        self.add(self.sub.sign(self.request), "--name", "www2")
+        both = ["certificates/local/www", "certificates/local/www2"]
+        for pattern in "ww*", "certificates/local/*", "certificates/l*/www*":
+            self.assertEqual(both, self.verified(pattern))  # and not the key and request of that name
+        self.assertEqual(both, self.verified("www", "www*"))
+        for pattern in "none*", "settings/*", "keys/*":
+            self.assertIn("there is no record", self.fails(50, "missing", "verify", pattern))
+
+    def test_less_than_an_address(self):
+        self.add_chain()
+        self.add(self.sub.sign(self.request), "--name", "other", "--label", "My label")
+        for text, address in ("oth", "certificates/local/other"), ("My label", "certificates/local/other"):
+            run = self.run_tool("verify", text)
+            self.assertIn(f"warning: {text} is taken to mean {address}", run.message)
+            self.assertIn(f"{address}: good", run.text)
+        self.add(self.sub.sign(self.request), "--name", "others")
+        self.assertIn("oth is ambiguous; it may be certificates/local/other, certificates/local/others",
+                      self.fails(4, "invalid", "verify", "oth"))
+
+    def test_authorities_that_have_all_issued_each_other(self):
+        authorities = [Authority(self.folder, f"M{number}") for number in range(12)]
+        pem = [authorities[-1].certificate.read_bytes()]  # the one root
+        for subject in authorities:
+            request = openssl("req", "-new", "-key", subject.folder / "ca.key", "-subj",
+                              f"/CN={subject.folder.name}")
+            pem += [issuer.sign(request, kind="issuer") for issuer in authorities if issuer != subject]
+        self.run_tool("import", "-", "--json", stdin=b"".join(pem))
+        self.add(authorities[0].sign(self.request), "--name", "www")
+        self.assertIn("by CN=M11", self.reason(code=0))
+        (record,) = self.run_tool("verify", "www", "--json").document["records"]
+        self.assertEqual(2, len(record["issuers"]))
+        begin = time.monotonic()
+        self.assertEqual(134, len(self.verified("--all")))
+        self.assertLess(time.monotonic() - begin, 30)
 
     def test_needs_no_password_and_changes_nothing(self):
         self.add_chain()

@@ -114,13 +114,20 @@ TEST(ChainOfTest, LongestChainIsTheBound) {
     EXPECT_THROW((void)chainOf(longer.front(), longer), Failure);
 }
 
-TEST(ChainOfTest, IssuersInPlentyAreRefusedBeforeTheyTakeLong) {
-    std::vector<SecretBytes> known(kMostSignatures - 1, der("middle"));
+TEST(ChainOfTest, IssuersOfOneKeyTakeOneSignature) {
+    std::vector<SecretBytes> known(kMostSignatures + 1, der("middle"));
     known.push_back(der("root"));
     EXPECT_TRUE(chainOf(der("leaf"), known).complete);
-    EXPECT_THAT(chainOf(der("deep"), known).issuers, ElementsAre(0, kMostSignatures - 1));
-    known.insert(known.end(), 2, der("middle"));
-    EXPECT_THROW((void)chainOf(der("deep"), known), Failure);
+    EXPECT_THAT(chainOf(der("deep"), known).issuers, ElementsAre(0, kMostSignatures + 1));
+}
+
+TEST(ChainOfTest, IssuersInPlentyAreRefusedBeforeTheyTakeLong) {
+    const SecretBytes leaf = chainOfCertificates(2).front();
+    std::vector<SecretBytes> known;
+    while (known.size() <= kMostSignatures) {
+        known.push_back(chainOfCertificates(2).back());  // of the same name, and another key
+    }
+    EXPECT_THROW((void)chainOf(leaf, known), Failure);
 }
 
 }  // namespace
