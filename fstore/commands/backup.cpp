@@ -41,9 +41,9 @@ struct RestoreOptions {
 
 Json totalsToJson(const std::string& file, const ArchiveTotals& totals) {
     return {{"file", jsonText(file)},
-            {"folders", totals.folders},
-            {"files", totals.files},
-            {"bytes", totals.bytes},
+            {"folderCount", totals.folders},
+            {"fileCount", totals.files},
+            {"byteCount", totals.bytes},
             {"manifestSha256", toHex(totals.manifest)}};
 }
 
@@ -104,7 +104,7 @@ Status runBackup(const BackupOptions& options, Context& context) {
     Json json = totalsToJson(options.file, report.totals);
     json["verified"] = report.verified;
     const std::optional<std::size_t> damaged = warnOfDamage(context);
-    json["damaged"] = damaged ? Json(*damaged) : Json();
+    json["damageCount"] = damaged ? Json(*damaged) : Json();
     // A device keeps nothing; and what has damage in it is no backup to rely on.
     const bool counts = (report.verified || file.isStandardOutput()) && damaged == 0U;
     if (counts && !noteBackup(context.database.place(), now())) {
@@ -137,7 +137,7 @@ Status runList(const RestoreOptions& options, Context& context) {
             const std::string mode = fmt::format("{:04o}", entry.mode);
             if (context.output.json()) {
                 files.push_back({{"path", jsonText(entry.path)},
-                                 {"folder", entry.isFolder},
+                                 {"isFolder", entry.isFolder},
                                  {"mode", mode},
                                  {"size", entry.size}});
             } else {
@@ -167,7 +167,7 @@ Status runRestore(const RestoreOptions& options, Context& context) {
     Json json{{"restored", totalsToJson(options.file, report.totals)}};
     if (!report.kept.empty()) {
         context.output.note(fmt::format("kept the previous database as {}", report.kept));
-        json["kept"] = report.kept;
+        json["keptAs"] = report.kept;
     }
     reportSlots(context, json);
     context.output.document(json);

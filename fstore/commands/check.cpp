@@ -98,7 +98,7 @@ Json toDocument(const CheckReport& report) {
         document["lost"].push_back(toJson(lost));
     }
     if (report.deep) {
-        document["deep"] = {{"records", report.deep->records},
+        document["deep"] = {{"recordCount", report.deep->records},
                             {"secrets", report.deep->secrets},
                             {"damaged", Json::array()},
                             {"unread", Json::array()}};
@@ -207,7 +207,7 @@ Status runSettle(const std::string& path, Keep keep, Context& context) {
                           settled.kept, joined(layout::kLost, settled.lost), settled.lost));
     context.output.document(
         {{"settled", jsonText(settled.kept)},
-         {"lost", settled.lost.empty() ? Json() : Json(joined(layout::kLost, settled.lost))}});
+         {"movedTo", settled.lost.empty() ? Json() : Json(joined(layout::kLost, settled.lost))}});
     return kOk;
 }
 

@@ -55,9 +55,9 @@ Status run(const Options& options, Context& context) {
         if (!options.raw) {
             context.output.line("    " + describe(line));
         }
-        Json one = {{"line", jsonText(line.text)}, {"meaning", jsonText(describe(line))}};
+        Json one = {{"text", jsonText(line.text)}, {"meaning", jsonText(describe(line))}};
         if (line.hasNumbers()) {
-            one["type"] = line.type;
+            one["typeNumber"] = line.type;
             one["id"] = line.id;
             one["data"] = jsonText(line.data);
         }

@@ -152,7 +152,7 @@ Status report(Context& context) {
         records += count;
         const std::string shown = folder.empty() ? "." : folder;
         table.add({{shown}, {std::to_string(count)}});
-        folders.push_back({{"folder", jsonText(shown)}, {"records", count}});
+        folders.push_back({{"folder", jsonText(shown)}, {"recordCount", count}});
     }
     const std::string here = pathOf(context.database.place());
     Output& output = context.output;
@@ -187,10 +187,10 @@ Status report(Context& context) {
                      {"kept", Json::array(kept)},
                      {"lost", namesOf(lost)},
                      {"lock",
-                      {{"file", lock.fileFault().empty()},
+                      {{"isFile", lock.fileFault().empty()},
                        {"fileSystem", jsonText(lock.fileSystem().name)},
                        {"reach", nameOf(lock.fileSystem().reach)}}},
-                     {"records", records},
+                     {"recordCount", records},
                      {"folders", folders}});
     return unread.empty() ? kOk : kPartial;
 }

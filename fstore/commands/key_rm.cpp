@@ -24,7 +24,7 @@ Status run(const Options& options, Context& context) {
     removeSlot(database, removed, options.force);
     context.output.note(fmt::format("removed {}", describe(removed)));
     noteOldCopies(context.output);
-    context.output.document({{"removed", toJson(removed)}});
+    context.output.document({{"removedSlot", toJson(removed)}});
     return kOk;
 }
 

@@ -72,10 +72,9 @@ Json attributesToJson(const Record& record) {
         one["type"] = typeName(type);
         one["encrypted"] = record.isEncrypted(i);
         if (record.isKnown(i)) {
+            one["value"] = jsonText(valueText(record, i));
             if (type == kTypeNumber) {
-                one["value"] = numberOf(record, i);
-            } else {
-                one["value"] = jsonText(valueText(record, i));
+                one["number"] = numberOf(record, i);
             }
         }
         all.push_back(std::move(one));

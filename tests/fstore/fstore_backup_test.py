@@ -93,9 +93,9 @@ class RoundTest(BackupTest):
         with tarfile.open(self.tar) as tar:
             manifest = tar.extractfile("MANIFEST.sha256").read()
         self.assertEqual(hashlib.sha256(manifest).hexdigest(), document["manifestSha256"])
-        self.assertEqual(9, document["folders"])
+        self.assertEqual(9, document["folderCount"])
         self.assertTrue(document.pop("verified"))
-        self.assertEqual(0, document.pop("damaged"))
+        self.assertEqual(0, document.pop("damageCount"))
         run = support.fstore("-D", self.outside / "new", "restore", self.tar, "--json")
         self.assertEqual(document, run.document["restored"])
         self.assertEqual([(1, "password")], [(slot["slot"], slot["kind"])
@@ -220,7 +220,7 @@ class ReplaceTest(BackupTest):
         changed = self.tree()
         run = self.run_tool("restore", self.tar, "--replace", "--json", password=None)
         self.assertEqual(then, self.tree())
-        kept = run.document["kept"]
+        kept = run.document["keptAs"]
         self.assertRegex(kept, r"\A\./db-\d{8}T\d{6}Z\Z")
         self.assertEqual(sorted(["db", "db.lock", kept[2:]]), self.entries())
         os.rename(self.folder / "db", self.folder / "gone")
@@ -329,7 +329,7 @@ class LookTest(BackupTest):
         self.assertRegex(self.look("backup", "--verify", self.tar).message,
                          r"\Afstore: .*backup.tar is whole: \d+ files in 9 folders, \d+ bytes\n\Z")
         told = self.look("backup", "--verify", self.tar, "--json").document["backup"]
-        self.assertEqual(0, written.pop("damaged"))
+        self.assertEqual(0, written.pop("damageCount"))
         self.assertEqual(written, told)
         bytes_ = self.tar.read_bytes()
         self.look("backup", "--verify", "-", stdin=bytes_)
@@ -363,7 +363,7 @@ class LookTest(BackupTest):
         for file in listed["files"]:
             mode, content = paths[file["path"]]
             self.assertEqual((mode, content is None, len(content or b"")),
-                             (file["mode"], file["folder"], file["size"]))
+                             (file["mode"], file["isFolder"], file["size"]))
         text = self.look("restore", "--list", self.tar).text
         self.assertRegex(text, r"(?m)^0\d\d\d  +\d+ +db/settings/a\.dsc$")
         self.assertRegex(text, r"(?m)^0\d\d\d +db/settings/$")
@@ -382,7 +382,7 @@ class AsItIsTest(BackupTest):
         run = self.backup()
         self.assertIn("warning: the database is damaged, and so is the backup: 2;", run.message)
         run = self.run_tool("backup", self.tar, "--force", "--json")
-        self.assertEqual(2, run.document["backup"]["damaged"])
+        self.assertEqual(2, run.document["backup"]["damageCount"])
 
     def test_damaged_database(self):
         (self.folder / "db/key.dsc").write_bytes(b"whatever")

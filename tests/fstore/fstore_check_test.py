@@ -146,7 +146,7 @@ class ConflictTest(TwoRecordsTest):
         self.assertEqual("./db/settings/a.dsc", settled["settled"])
         self.assertEqual(b"body of a", self.body("settings/a"))
         self.assert_sound_but_lost()
-        self.run_tool("check", "--undo", settled["lost"].removeprefix("./db.lost/"))
+        self.run_tool("check", "--undo", settled["movedTo"].removeprefix("./db.lost/"))
         self.assertEqual(before, self.files())
 
     def test_theirs_takes_the_place_and_ours_can_be_put_back(self):
@@ -154,7 +154,7 @@ class ConflictTest(TwoRecordsTest):
         settled = self.run_tool("check", "--settle", path, "--keep", "theirs", "--json").document
         self.assertEqual(b"theirs", self.body("settings/a"))
         self.assert_sound_but_lost()
-        self.run_tool("check", "--undo", settled["lost"].removeprefix("./db.lost/"))
+        self.run_tool("check", "--undo", settled["movedTo"].removeprefix("./db.lost/"))
         (copy,) = (name for name, kind in self.findings(code=3).items() if kind == "conflict")
         self.run_tool("check", "--settle", copy, "--keep", "theirs")
         self.assertEqual(b"body of a", self.body("settings/a"))
@@ -214,7 +214,7 @@ class ConflictTest(TwoRecordsTest):
         self.assertFalse(body.exists())
         body.write_bytes(b"of another record by now")
         before = self.files()
-        name = settled["lost"].removeprefix("./db.lost/")
+        name = settled["movedTo"].removeprefix("./db.lost/")
         self.run_tool("check", "--undo", name, code=5)
         self.assertEqual(before, self.files())
         body.unlink()

@@ -233,12 +233,12 @@ class LockFileTest(InitialisedTest):
         self.run_tool("ls", **bound)
         self.assertIn("lock       of the folder alone", self.run_tool("info", **bound).text)
         document = self.run_tool("info", "--json", **bound).document
-        self.assertEqual((False, "host"), (document["lock"]["file"], document["lock"]["reach"]))
+        self.assertEqual((False, "host"), (document["lock"]["isFile"], document["lock"]["reach"]))
         message = self.run_tool("--require-shared-lock", "ls", code=2, **bound).message
         self.assertIn("db.lock", message)
         self.assertIn("db.lock", self.fails(9, "io", "set", "a", "label=x", **bound))
         self.lock.chmod(0o600)
-        self.assertTrue(self.run_tool("info", "--json").document["lock"]["file"])
+        self.assertTrue(self.run_tool("info", "--json").document["lock"]["isFile"])
 
 
 class ReaderRepairTest(InitialisedTest):

@@ -273,7 +273,7 @@ class AttributeTest(InitialisedTest):
                       password=None)
         self.assertEqual(
             [{"id": 0x8001, "type": "text", "encrypted": False, "value": "plain text"},
-             {"id": 0x8002, "type": "number", "encrypted": False, "value": 255},
+             {"id": 0x8002, "type": "number", "encrypted": False, "value": "255", "number": 255},
              {"id": 0x8003, "type": "binary", "encrypted": False, "value": "00ff"},
              {"id": 0x8004, "type": "string", "encrypted": False, "value": "with NUL"},
              {"id": 0x8005, "type": "text", "encrypted": False, "value": "a=b"},
@@ -284,7 +284,7 @@ class AttributeTest(InitialisedTest):
     def test_set_again_replaces(self):
         self.run_tool("set", "a", "0x8001=one", "0x8002=two")
         self.run_tool("set", "a", "0x8001:number=1")
-        self.assertEqual([(0x8002, "two"), (0x8001, 1)],
+        self.assertEqual([(0x8002, "two"), (0x8001, "1")],
                          [(one["id"], one["value"]) for one in self.attributes()])
 
     def test_secret_is_encrypted_and_stays_so(self):
@@ -300,7 +300,7 @@ class AttributeTest(InitialisedTest):
     def test_what_is_encrypted_keeps_its_type(self):
         self.run_tool("set", "a", "--encrypt", "0x8001=secret word", "0x8002:number=258",
                       "0x8003:binary=00ff", "0x8004:string=x", "0x8005=two\nlines")
-        expected = [(0x8001, "text", "secret word"), (0x8002, "number", 258), (0x8003, "binary", "00ff"),
+        expected = [(0x8001, "text", "secret word"), (0x8002, "number", "258"), (0x8003, "binary", "00ff"),
                     (0x8004, "string", "x"), (0x8005, "text", "two\nlines")]
 
         def shown():
@@ -316,7 +316,7 @@ class AttributeTest(InitialisedTest):
         self.run_tool("mv", "settings/b", "settings/a")
         self.assertEqual(expected, shown())
         self.run_tool("set", "a", "0x8001:number=1")
-        self.assertIn((0x8001, "number", 1), shown())
+        self.assertIn((0x8001, "number", "1"), shown())
         for one in expected:
             self.run_tool("unset", "a", hex(one[0]))
         self.assertNotIn("types", self.run_tool("show", "a").text)
@@ -856,9 +856,9 @@ class InfoTest(FstoreTest):
         self.assertEqual({"slot": 1, "kind": "password", "label": "", "ln": 14, "r": 8, "p": 1}, slot)
         self.assertEqual({"kind": "slots", "slots": [slot], "changeUnfinished": False},
                          document["password"])
-        self.assertEqual(1, document["records"])
+        self.assertEqual(1, document["recordCount"])
         self.assertFalse(document["oldDatabase"])
-        self.assertIn({"folder": "settings", "records": 1}, document["folders"])
+        self.assertIn({"folder": "settings", "recordCount": 1}, document["folders"])
         self.assertIn("scrypt, N=2^14", self.run_tool("info", password=None).text)
 
 
