@@ -136,6 +136,18 @@ void finishRepair(const std::vector<Finding>& found, Database& database) {
     }
 }
 
+// A repair removes the index before anything is compared.
+void compareIndex(Database& database, CheckReport& report) {
+    if (const auto doubt = database.doubtOfIndex()) {
+        report.findings.push_back(
+            {Finding::Kind::kIndex, doubt->file,
+             fmt::format("is the index of the records, and contradicts {} of them or of their "
+                         "folders, first {}",
+                         doubt->count, doubt->first),
+             Finding::Repair::kDelete});
+    }
+}
+
 // Inspects, and repairs what was found; what waits for the password only when it is all
 // that is left, since its records may be among what is put back. Whether it found
 // something to repair.
@@ -222,6 +234,7 @@ CheckReport checkDatabase(Database& database, const CheckOptions& options) {
         report.deep =
             readEverything(database.observer(), "Checking", Bodies::kUnasked, options.examiner);
         std::ranges::copy(report.deep->contradicted, std::back_inserter(report.findings));
+        compareIndex(database, report);
     }
     return report;
 }

@@ -102,6 +102,14 @@ IndexSetup Database::indexSetup(bool exclusive) const {
             [this](const std::string& file) { return makeFoldersFor(file, place_.cache); }};
 }
 
+std::optional<IndexDoubt> Database::doubtOfIndex() {
+    auto doubt = RecordIndex(indexSetup(/*exclusive=*/false)).compareAll(observer_);
+    if (doubt && doubt->count == 0) {
+        doubt.reset();
+    }
+    return doubt;
+}
+
 void Database::needSecrets() {
     if (!isOpen()) {
         throw SecretsNeeded();

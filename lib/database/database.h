@@ -150,6 +150,10 @@ public:
     // kSecrets.
     void settleConflict();
 
+    // What the index of the records says that they do not; none where there is none or it agrees.
+    // Entered. Throws kInterrupted.
+    std::optional<IndexDoubt> doubtOfIndex();
+
     // Writes both copies of the slots with these in place of all others. They have the P that the
     // record "key" knows, or, when that is lost or the slots say otherwise, the records that are
     // encrypted. Entered with kChange and kFiles: nothing of the slots need be readable.

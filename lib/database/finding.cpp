@@ -27,6 +27,8 @@ const char* nameOf(FindingKind kind) {
             return "damaged";
         case FindingKind::kContradicted:
             return "contradicted";
+        case FindingKind::kIndex:
+            return "index";
         case FindingKind::kUnreadable:
             return "unreadable";
         case FindingKind::kUnknownFile:

@@ -25,6 +25,7 @@ struct Finding {
         // Reported, and never touched:
         kDamaged,       // a record that cannot be read, or that cannot be what was written
         kContradicted,  // an attribute that says something else than the object in the body
+        kIndex,         // the index of the records says something else than they do
         kUnreadable,    // a file that the user may not read, or what that leaves open
         kUnknownFile,   // nothing that the store would have made
         kPrevious,      // "./old_db", with the password before
@@ -53,7 +54,8 @@ struct Finding {
 
     bool isDamage() const noexcept {
         return kind == Kind::kDamaged || kind == Kind::kContradicted ||
-               kind == Kind::kUnlockConflict || kind == Kind::kKeyRecord || isDoubtful;
+               kind == Kind::kUnlockConflict || kind == Kind::kKeyRecord || kind == Kind::kIndex ||
+               isDoubtful;
     }
     bool isUnread() const noexcept { return kind == Kind::kUnreadable; }
     bool isRepairable() const noexcept { return repair != Repair::kNone; }

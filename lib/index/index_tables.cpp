@@ -67,6 +67,22 @@ std::vector<std::string> linesOf(std::string_view text) {
     return lines;
 }
 
+// Begins the statement with what a row says, and these values after that.
+template <class... More>
+SqlStatement& withContents(SqlStatement& statement, std::int64_t folder, const IndexRow& row,
+                           const More&... more) {
+    const RecordInfo& info = row.info;
+    const auto number = [](auto value) { return static_cast<std::int64_t>(value); };
+    return statement.with(
+        folder, std::string_view(row.file), number(row.isRecord), number(row.isBodyUnknown),
+        number(row.look), std::string_view(row.body), number(info.kind),
+        std::string_view(info.label), std::string_view(info.subject), std::string_view(info.issuer),
+        std::string_view(info.keyAlgorithm), std::string_view(joinedLines(info.altNames)),
+        std::string_view(bytesOf(info.serial)), std::string_view(bytesOf(info.sha256)),
+        std::string_view(bytesOf(info.keySha256)), info.notBefore, info.notAfter, number(info.isCa),
+        more...);
+}
+
 IndexHit hitOf(const SqlStatement& row) {
     IndexHit hit;
     hit.folder = row.number(0);
@@ -191,6 +207,10 @@ void IndexTables::setStamp(std::int64_t folder, const std::optional<FolderStamp>
         .run();
 }
 
+std::uint64_t IndexTables::countFiles() {
+    return static_cast<std::uint64_t>(sql_.number("SELECT count(*) FROM file"));
+}
+
 void IndexTables::visitFiles(std::int64_t folder, const std::function<void(IndexedFile)>& use) {
     SqlStatement rows(sql_,
                       "SELECT id, file, body, inode, size, modified, changed, look FROM file "
@@ -207,22 +227,28 @@ void IndexTables::visitFiles(std::int64_t folder, const std::function<void(Index
 void IndexTables::put(std::int64_t folder, const IndexRow& row) {
     if (!put_) {
         put_.emplace(sql_,
-                     "INSERT OR REPLACE INTO file(folder, file, inode, size, modified, changed, "
-                     "record, bodyunknown, look, body, kind, label, subject, issuer, algorithm, "
-                     "names, serial, sha256, key, begins, ends, ca) "
+                     "INSERT OR REPLACE INTO file(folder, file, record, bodyunknown, look, "
+                     "body, kind, label, subject, issuer, algorithm, names, serial, sha256, "
+                     "key, begins, ends, ca, inode, size, modified, changed) "
                      "VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
     }
-    const RecordInfo& info = row.info;
-    const auto number = [](auto value) { return static_cast<std::int64_t>(value); };
-    put_->with(folder, std::string_view(row.file), row.stamp.inode, row.stamp.size,
-               row.stamp.modified, row.stamp.changed, number(row.isRecord),
-               number(row.isBodyUnknown), number(row.look), std::string_view(row.body),
-               number(info.kind), std::string_view(info.label), std::string_view(info.subject),
-               std::string_view(info.issuer), std::string_view(info.keyAlgorithm),
-               std::string_view(joinedLines(info.altNames)), std::string_view(bytesOf(info.serial)),
-               std::string_view(bytesOf(info.sha256)), std::string_view(bytesOf(info.keySha256)),
-               info.notBefore, info.notAfter, number(info.isCa))
+    withContents(*put_, folder, row, row.stamp.inode, row.stamp.size, row.stamp.modified,
+                 row.stamp.changed)
         .run();
+}
+
+bool IndexTables::says(std::int64_t folder, const IndexRow& row) {
+    if (!says_) {
+        says_.emplace(sql_,
+                      "SELECT 1 FROM file WHERE folder = ? AND file = ? AND record IS ? "
+                      "AND bodyunknown IS ? AND look IS ? AND body IS ? AND kind IS ? "
+                      "AND label IS ? AND subject IS ? AND issuer IS ? AND algorithm IS ? "
+                      "AND names IS ? AND serial IS ? AND sha256 IS ? AND key IS ? "
+                      "AND begins IS ? AND ends IS ? AND ca IS ?");
+    }
+    const bool isThere = withContents(*says_, folder, row).step();
+    says_->reset();
+    return isThere;
 }
 
 void IndexTables::removeFile(std::int64_t folder, const std::string& file) {

@@ -73,9 +73,14 @@ public:
     void removeFolder(std::int64_t id);
     void setStamp(std::int64_t folder, const std::optional<FolderStamp>& stamp);
 
+    // The rows of all folders.
+    std::uint64_t countFiles();
+
     // By the names of the files.
     void visitFiles(std::int64_t folder, const std::function<void(IndexedFile)>& use);
     void put(std::int64_t folder, const IndexRow& row);
+    // Whether there is a row that says this, but for its stamp.
+    bool says(std::int64_t folder, const IndexRow& row);
     void removeFile(std::int64_t folder, const std::string& file);
     void removeFile(std::int64_t id);
 
@@ -104,7 +109,7 @@ private:
     void visit(SqlStatement& statement, const HitUser& use);
 
     Sql sql_;
-    std::optional<SqlStatement> put_;  // kept: it runs for every record
+    std::optional<SqlStatement> put_, says_;  // kept: they run for every record
 };
 
 }  // namespace fstore

@@ -120,6 +120,13 @@ struct RecordIndex::Listing {
         listing.bodies.sort();
         return listing;
     }
+
+    // A row holds while its descriptor is the same file, and the body that this names is there.
+    bool leaves(const IndexedFile& known, const std::string& folder) const {
+        return !known.mustLook &&
+               FileStamp::of(joined(folderPath(folder), known.file)) == known.stamp &&
+               (known.body.empty() || bodies.has(known.body));
+    }
 };
 
 RecordIndex::~RecordIndex() {
@@ -375,8 +382,7 @@ void RecordIndex::follow(const Folder& folder, const Listing& listing) {
     }
 }
 
-// Both are in the order of names. A row holds while its descriptor is the same file, and the body
-// that this names is there.
+// Both are in the order of names.
 void RecordIndex::compare(const Folder& folder, const Listing& listing,
                           std::vector<std::int64_t>& gone, std::vector<std::uint32_t>& changed) {
     const NameList& names = listing.descriptors;
@@ -389,10 +395,7 @@ void RecordIndex::compare(const Folder& folder, const Listing& listing,
             gone.push_back(known.id);
             return;
         }
-        const auto stamp = FileStamp::of(joined(folderPath(folder.path), known.file));
-        const bool holds = !known.mustLook && stamp == known.stamp &&
-                           (known.body.empty() || listing.bodies.has(known.body));
-        if (!holds) {
+        if (!listing.leaves(known, folder.path)) {
             changed.push_back(next);
         }
         ++next;
@@ -546,6 +549,73 @@ std::optional<std::vector<std::string>> RecordIndex::saved() {
         return files;
     });
     return found ? *found : std::nullopt;
+}
+
+// A folder that has changed is read again, and a row with another stamp than its descriptor's then:
+// neither is an answer. Of a folder that has not, every name counts.
+void RecordIndex::compareRows(const Folder& folder, Progress& progress, IndexDoubt& doubt) {
+    const std::string path = folderPath(folder.path);
+    const bool isFresh = hasItsStamp(folder);
+    const auto note = [&](const std::string& name) {
+        if (doubt.count++ == 0) {
+            doubt.first = joined(path, name);
+        }
+    };
+    const auto noteIfFresh = [&](const std::string& name) {
+        if (isFresh) {
+            note(name);
+        }
+    };
+    const Listing listing = Listing::of(path);
+    for (const std::string& name : listing.folders) {
+        if (!folders_.contains(folder.path.empty() ? name : joined(folder.path, name))) {
+            noteIfFresh(name);
+        }
+    }
+    const NameList& names = listing.descriptors;
+    std::uint32_t next = 0;
+    tables_->visitFiles(folder.id, [&](const IndexedFile& known) {
+        progress.step();
+        while (next < names.size() && names[next] < known.file) {
+            noteIfFresh(std::string(names[next++]));
+        }
+        if (next == names.size() || names[next] != known.file) {
+            noteIfFresh(known.file);
+            return;
+        }
+        ++next;
+        const bool counts = isFresh || listing.leaves(known, folder.path);
+        if (counts && !tables_->says(folder.id, readIndexRow(folder.path, known.file))) {
+            note(known.file);
+        }
+    });
+    while (next < names.size()) {
+        noteIfFresh(std::string(names[next++]));
+    }
+}
+
+std::optional<IndexDoubt> RecordIndex::compareAll(Observer& observer) {
+    bool isCancelled = false;
+    auto doubt = answer([&] {
+        IndexDoubt found;
+        found.file = file();
+        try {
+            Progress progress(observer, "Comparing the index", tables_->countFiles());
+            for (const auto& [path, folder] : folders_) {
+                if (isA(os::EntryType::kFolder, folderPath(path))) {
+                    compareRows(folder, progress, found);
+                }
+            }
+        } catch (const Failure& failure) {
+            isCancelled = failure.status() == kInterrupted;
+            throw;
+        }
+        return found;
+    });
+    if (isCancelled) {
+        throw Failure(kInterrupted, "interrupted");
+    }
+    return doubt;
 }
 
 std::optional<BodyNames::Answer> RecordIndex::ask(const std::string& folder,

@@ -28,6 +28,7 @@
 #include <utility>
 #include <vector>
 
+#include "lib/base/observer.h"
 #include "lib/index/index_place.h"
 #include "lib/index/index_tables.h"
 #include "lib/index/stamps.h"
@@ -37,6 +38,13 @@
 #include "lib/records/lookup.h"
 
 namespace fstore {
+
+// Where the index says something else than the descriptors.
+struct IndexDoubt {
+    std::string file;         // of the index
+    std::uint64_t count = 0;  // of descriptors and folders, also such as it leaves out
+    std::string first;        // the path of one of them
+};
 
 struct IndexSetup {
     // The absolute path of the file, without links; empty for no index. Asked for once.
@@ -71,6 +79,11 @@ public:
     // is taken. None as soon as one folder has changed: that nothing was created, renamed or
     // removed in any shows that these are still all.
     std::optional<std::vector<std::string>> saved();
+
+    // Reads all descriptors, and compares what the index would answer about them as it is: what it
+    // would find out by a time is not counted. Changes nothing. None where there is no index.
+    // Throws kInterrupted.
+    std::optional<IndexDoubt> compareAll(Observer& observer);
 
     // Reads no other folder than this one.
     std::optional<Answer> ask(const std::string& folder, const std::string& body) override;
@@ -110,6 +123,7 @@ private:
     void compare(const Folder& folder, const Listing& listing, std::vector<std::int64_t>& gone,
                  std::vector<std::uint32_t>& changed);
     void follow(const Folder& folder, const Listing& listing);
+    void compareRows(const Folder& folder, Progress& progress, IndexDoubt& doubt);
     void forget(const std::string& path);
     static void lose(Folder& folder);
     void settle();

@@ -4,6 +4,7 @@
 import hashlib
 import os
 import shutil
+import sqlite3
 import stat
 import tempfile
 
@@ -196,6 +197,35 @@ class LargeTest(InitialisedTest):
         self.assertRegex(index.name, r"\A[0-9a-f]{64}\.index\Z")
         self.assertEqual(0o700, stat.S_IMODE(index.parent.stat().st_mode))
         self.assertEqual(expected, self.answers(env={"XDG_CACHE_HOME": cache}))
+
+
+class ContradictedTest(InitialisedTest):
+    """A database that is sound, and whose index is changed."""
+
+    @classmethod
+    def fill(cls, folder):
+        for number in range(MANY):
+            text = descriptor(number).splitlines(keepends=True)[:3]
+            (folder / f"db/certificates/remote/r{number}.dsc").write_text("".join(text))
+
+    def test_one_that_contradicts_the_records_is_found_and_removed(self):
+        index = self.folder / "db.index"
+        self.run_tool("import", pki.files() / "rsa.key")
+        self.run_tool("check", "--deep")
+        with sqlite3.connect(index) as connection:
+            connection.execute("UPDATE file SET ends = ends + 1 WHERE file = ?", (b"r3.dsc",))
+            connection.execute("DELETE FROM file WHERE file = ?", (b"r7.dsc",))
+        connection.close()
+        (finding,) = self.run_tool("check", "--deep", "--json", code=3).document["findings"]
+        self.assertEqual(("index", "delete", str(index)),
+                         (finding["kind"], finding["repair"], finding["path"]))
+        self.assertIn("contradicts 2 of them or of their folders, first ./db/certificates/remote/r3.dsc",
+                      finding["message"])
+        self.run_tool("check", "--deep", "--repair")
+        self.assertFalse(index.exists())
+        self.run_tool("import", pki.files() / "leaf.pem")
+        self.assertTrue(index.exists())
+        self.run_tool("check", "--deep")
 
 
 if __name__ == "__main__":

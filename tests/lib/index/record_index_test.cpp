@@ -30,6 +30,7 @@
 #include "lib/records/descriptor.h"
 #include "lib/records/record_head.h"
 #include "tests/support/in_child.h"
+#include "tests/support/recording_observer.h"
 #include "tests/support/temp_dir.h"
 
 namespace fstore {
@@ -120,6 +121,11 @@ protected:
         ASSERT_EQ(SQLITE_OK, sqlite3_open("db.index", &file));
         ASSERT_EQ(SQLITE_OK, sqlite3_exec(file, statements, nullptr, nullptr, nullptr));
         sqlite3_close(file);
+    }
+
+    IndexDoubt doubt() const {
+        support::RecordingObserver observer;
+        return RecordIndex(setup(/*exclusive=*/false)).compareAll(observer).value();
     }
 
     TempWorkingDir folder_;
@@ -444,6 +450,90 @@ TEST_F(RecordIndexTest, AWriterThatDiedLeavesNoWrongAnswer) {
     }
 }
 
+struct Contradiction {
+    const char* name;
+    const char* statements;
+    std::vector<const char*> first;  // one of these
+};
+
+class ContradictionTest : public RecordIndexTest,
+                          public testing::WithParamInterface<Contradiction> {};
+
+TEST_P(ContradictionTest, IsSeen) {
+    put({"keys", "a"}, {.sha256 = "aa", .subject = "CN=a", .ends = kNow});
+    put({"certificates/local", "b"}, {.sha256 = "bb", .subject = "CN=b"});
+    ASSERT_TRUE(opened()->withDigest("a"));
+    EXPECT_EQ(0u, doubt().count);
+    run(GetParam().statements);
+    const IndexDoubt found = doubt();
+    EXPECT_EQ(1u, found.count);
+    EXPECT_THAT(GetParam().first, testing::Contains(found.first));
+    EXPECT_EQ(std::string(folder_ / "db.index"), found.file);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ContradictionTest,
+    testing::Values(
+        Contradiction{"Digest",
+                      "UPDATE file SET sha256 = x'bb' WHERE file = CAST('a.dsc' AS BLOB)",
+                      {"./db/keys/a.dsc"}},
+        Contradiction{"NoDigest",
+                      "UPDATE file SET sha256 = NULL WHERE sha256 = x'bb'",
+                      {"./db/certificates/local/b.dsc"}},
+        Contradiction{
+            "End", "UPDATE file SET ends = ends + 1 WHERE ends IS NOT NULL", {"./db/keys/a.dsc"}},
+        Contradiction{"Body",
+                      "UPDATE file SET body = x'78' WHERE file = CAST('a.dsc' AS BLOB)",
+                      {"./db/keys/a.dsc"}},
+        Contradiction{"Look",
+                      "UPDATE file SET look = 1 WHERE file = CAST('a.dsc' AS BLOB)",
+                      {"./db/keys/a.dsc"}},
+        Contradiction{"NoRecord",
+                      "UPDATE file SET record = 0 WHERE file = CAST('a.dsc' AS BLOB)",
+                      {"./db/keys/a.dsc"}},
+        Contradiction{"NoRow",
+                      "DELETE FROM file WHERE file = CAST('b.dsc' AS BLOB)",
+                      {"./db/certificates/local/b.dsc"}},
+        Contradiction{"NoDescriptor",
+                      "INSERT INTO file(folder, file, record, look) SELECT id, "
+                      "CAST('ghost.dsc' AS BLOB), 1, 0 FROM folder WHERE path = "
+                      "CAST('keys' AS BLOB)",
+                      {"./db/keys/ghost.dsc"}},
+        Contradiction{"NoFolder",
+                      "DELETE FROM folder WHERE path = CAST('settings' AS BLOB)",
+                      {"./db/settings"}}),
+    [](const auto& row) { return row.param.name; });
+
+TEST_F(RecordIndexTest, ADescriptorThatWasOverwrittenInItsPlaceContradictsIt) {
+    put({"keys", "a"}, {.sha256 = "aa"});
+    put({"keys", "b"}, {.sha256 = "bb"});
+    ASSERT_TRUE(opened()->withDigest("a"));
+    writeFile("db/keys/a.dsc", textOf({.sha256 = "cc"}));
+    const IndexDoubt found = doubt();
+    EXPECT_EQ(1u, found.count);
+    EXPECT_EQ("./db/keys/a.dsc", found.first);
+}
+
+TEST_F(RecordIndexTest, WhatItWouldFindOutItselfDoesNotContradictIt) {
+    put({"keys", "a"}, {.sha256 = "aa"});
+    put({"keys", "b"}, {.sha256 = "bb"});
+    ASSERT_TRUE(opened()->withDigest("a"));
+    put({"keys", "a"}, {.sha256 = "cc"});
+    fs::rename("db/keys/b.dsc", "db/settings/b.dsc");
+    fs::create_directory("db/keys/new");
+    EXPECT_EQ(0u, doubt().count);
+}
+
+TEST_F(RecordIndexTest, AComparisonCanBeCancelled) {
+    put({"keys", "a"}, {.sha256 = "aa"});
+    ASSERT_TRUE(opened()->withDigest("a"));
+    support::RecordingObserver observer;
+    observer.cancelAfter = 0;
+    EXPECT_THROW((void)RecordIndex(setup()).compareAll(observer), Failure);
+    fs::remove("db.index");
+    EXPECT_FALSE(RecordIndex(setup()).compareAll(observer));
+}
+
 TEST_F(RecordIndexTest, AFolderThatWasRestoredWithItsTimesIsReadAgain) {
     put({"keys", "a"}, {.sha256 = "aa"});
     { ASSERT_TRUE(opened()->withDigest("a")); }
@@ -615,7 +705,9 @@ TEST_P(RandomIndexTest, EveryAnswerIsThatOfAScan) {
                 expectScan(*index);
             }
         }
+        EXPECT_EQ("", doubt().first);
         expectScan(*opened(i % 2 == 0));
+        EXPECT_EQ("", doubt().first);
     }
 }
 
