@@ -154,7 +154,10 @@ public:
 };
 
 const char* stateOf(const Failure& failure) {
-    return failure.isDenied() ? "unreadable" : "damaged";
+    if (failure.isDenied()) {
+        return "unreadable";
+    }
+    return failure.status() == kMissing ? "body missing" : "damaged";
 }
 
 // Beside rows that people read.

@@ -59,6 +59,17 @@ class CsvTest(ListingTest):
         rows = {row["address"]: row for row in self.rows(code=3)}
         self.assertEqual("damaged", rows["keys/plain"]["kind"])
 
+    def test_a_missing_body_is_told_from_damage(self):
+        remote = self.folder / "db/certificates/remote"
+        (remote / "lost.dsc").write_text("10000003 00000000 0000000f\n")
+        (remote / "torn.dsc").write_text("nothing\n")
+        states = {row["address"]: row["kind"] for row in self.rows("--sha256", 64 * "0", code=3)}
+        self.assertEqual({"certificates/remote/lost": "body missing",
+                          "certificates/remote/torn": "damaged"}, states)
+        text = self.run_tool("ls", "--sha256", 64 * "0", code=3).text
+        self.assertRegex(text, r"certificates/remote/lost +body missing")
+        self.assertRegex(text, r"certificates/remote/torn +damaged")
+
     def test_one_form_at_once(self):
         self.assertIn("--csv and --ics do not go together",
                       self.run_tool("ls", "--csv", "--ics", code=2).message)
