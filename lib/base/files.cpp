@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -339,6 +340,21 @@ std::string joined(const std::string& folder, const std::string& name) {
 
 void visitEntries(const std::string& path, const EntryUser& use) {
     visitEntriesOf(path.c_str(), path, use);
+}
+
+// A folder has a link from each folder in it, besides its own name and ".". Others have one link
+// for a folder always, or answer what a server of theirs thinks.
+bool hasNoFolders(const std::string& path) {
+    constexpr std::array<std::uint32_t, 3> kCounting{0xef53, 0x58465342, 0x01021994};  // ext4, XFS,
+                                                                                       // tmpfs
+    constexpr nlink_t kOfItself = 2;
+    const os::File folder = os::openFile(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    struct stat status {};
+    struct statfs system {};
+    return folder && os::fstat(folder.get(), &status) == 0 && status.st_nlink == kOfItself &&
+           os::fstatfs(folder.get(), &system) == 0 &&
+           std::ranges::find(kCounting, static_cast<std::uint32_t>(system.f_type)) !=
+               kCounting.end();
 }
 
 std::vector<FolderEntry> readFolder(const std::string& path) {

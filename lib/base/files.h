@@ -117,6 +117,10 @@ std::vector<FolderEntry> readFolder(const std::string& path);  // in no order
 using EntryUser = std::function<void(FolderEntry)>;
 void visitEntries(const std::string& path, const EntryUser& use);
 
+// Whether a folder has no folder in it, where its file system counts them and the count can be had
+// without reading the folder; false where that is not known.
+bool hasNoFolders(const std::string& path);
+
 struct RegularFile {
     os::File file;
     std::uint64_t size;

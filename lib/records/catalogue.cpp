@@ -33,6 +33,31 @@ auto noting(Unread* unread, Read read) -> decltype(read()) {
     }
 }
 
+// Folders of records that are known to have no folders in them are not read.
+// NOLINTNEXTLINE(misc-no-recursion): as deep as folders are
+void findFolders(const std::string& folder, Unread& unread, std::vector<std::string>& found) {
+    std::vector<std::string> inside;
+    const auto look = [&] {
+        if (!hasNoFolders(folderPath(folder))) {
+            visitEntries(folderPath(folder), [&](const FolderEntry& entry) {
+                if (entry.type == FolderEntry::Type::kFolder) {
+                    inside.push_back(folder.empty() ? entry.name : joined(folder, entry.name));
+                }
+            });
+        }
+        return true;
+    };
+    // Nobody can do without that of "db" itself.
+    if (!noting(folder.empty() ? nullptr : &unread, look)) {
+        return;
+    }
+    found.push_back(folder);
+    std::ranges::sort(inside);
+    for (const std::string& each : inside) {
+        findFolders(each, unread, found);
+    }
+}
+
 // NOLINTNEXTLINE(misc-no-recursion): as deep as folders are
 void visitFrom(const std::string& folder, const EntryVisitor& visit, Unread* unread,
                std::vector<std::string>& seen) {
@@ -55,6 +80,22 @@ void visitFrom(const std::string& folder, const EntryVisitor& visit, Unread* unr
     for (const std::string& each : inside) {
         visitFrom(each, visit, unread, seen);
     }
+}
+
+std::optional<std::vector<std::string>> foldersOfLookup() {
+    Lookup* const lookup = Lookup::current();
+    return lookup != nullptr ? lookup->folders() : std::nullopt;
+}
+
+// Where a record of a known name may be.
+std::vector<std::string> foldersForNames() {
+    if (auto known = foldersOfLookup()) {
+        return std::move(*known);
+    }
+    Unread elsewhere;  // what cannot be read is not what is meant; ls and check tell about it
+    std::vector<std::string> found;
+    findFolders("", elsewhere, found);
+    return found;
 }
 
 bool isRecord(const FolderEntry& entry) {
@@ -171,8 +212,7 @@ std::uint64_t countRecords(Unread* unread) {
 }
 
 std::vector<std::string> knownFolders(Unread* unread) {
-    Lookup* const lookup = Lookup::current();
-    auto known = lookup != nullptr ? lookup->folders() : std::nullopt;
+    auto known = foldersOfLookup();
     return known ? std::move(*known) : allFolders(unread);
 }
 
@@ -192,8 +232,7 @@ std::vector<Address> placesOf(const AddressText& text) {
     if (text.form == AddressText::Form::kPlace && isFolder(text.place.folder)) {
         places.push_back(text.place);
     } else if (text.form == AddressText::Form::kBare) {
-        Unread elsewhere;  // what cannot be read is not what is meant; ls and check tell about it
-        for (std::string& folder : knownFolders(&elsewhere)) {
+        for (std::string& folder : foldersForNames()) {
             places.push_back({std::move(folder), text.place.name});
         }
     }
@@ -245,7 +284,7 @@ std::string nearestRecord(std::string_view address) {
     const bool isBare = wanted.form == AddressText::Form::kBare;
     Nearest nearest(isBare ? wanted.place.name : wanted.place.print());
     std::string last, found;
-    Unread elsewhere;  // as in placesOf()
+    Unread elsewhere;  // as in foldersForNames()
     visitRecords(
         [&](const Address& record) {
             nearest.offer(isBare ? record.name : record.print());

@@ -57,7 +57,8 @@ std::uint64_t countRecords(Unread* unread = nullptr);
 std::vector<Address> allRecords(Unread* unread = nullptr);
 
 // Where the record may be that the user's words name, in the folders that are there: for a bare
-// name one place in each folder, for a digest none. Looks at no record.
+// name one place in each folder, for a digest none. Looks at no record, and reads no folder that
+// its file system says has none in it.
 std::vector<Address> placesOf(const AddressText& text);
 
 // The record that the user's words stand for. Throws kMissing for none and kInvalid
