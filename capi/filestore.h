@@ -509,8 +509,9 @@ typedef struct filestore_find_options {
  *   FILESTORE_OK       all that there are
  *   FILESTORE_FOUND    some records are damaged: filestore_list_problem()
  *   FILESTORE_PARTIAL  some records or folders could not be looked at, and none is damaged
- *   FILESTORE_USAGE    a filter cannot be read
- *   FILESTORE_MISSING  no such folder, or no database */
+ *   FILESTORE_USAGE        a filter cannot be read
+ *   FILESTORE_MISSING      no such folder, or no database
+ *   FILESTORE_INTERRUPTED  cancelled: the handle's cancelled() is asked at each record */
 FILESTORE_API filestore_status filestore_find(filestore_db* db,
                                               const filestore_find_options* options,
                                               filestore_list** list, filestore_error* error);

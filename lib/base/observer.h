@@ -44,6 +44,13 @@ public:
     virtual SecretText password() = 0;
 };
 
+// Throws kInterrupted when the work is to stop.
+inline void stopIfCancelled(Observer& observer) {
+    if (observer.isCancelled()) {
+        throw Failure(kInterrupted, "interrupted");
+    }
+}
+
 // A piece of long work, ended with its scope.
 class Progress {
 public:
@@ -58,9 +65,7 @@ public:
     // Throws kInterrupted when the work is to stop.
     void step() {
         observer_.step();
-        if (observer_.isCancelled()) {
-            throw Failure(kInterrupted, "interrupted");
-        }
+        stopIfCancelled(observer_);
     }
 
 private:

@@ -478,21 +478,22 @@ std::optional<std::set<std::string>> RecordIndex::keys() {
     });
 }
 
-Lookup::Addresses RecordIndex::matching(const Filter& filter, const std::string& folder,
-                                        bool unlocked) {
-    return collect([&](Hits& hits) {
-        std::set<std::int64_t> within;
+std::optional<AddressList> RecordIndex::matching(const Filter& filter, const std::string& folder,
+                                                 bool unlocked) {
+    return answer([&] {
+        refresh();
+        std::map<std::int64_t, NameList> within;
         for (const auto& [path, known] : folders_) {
             if (isIn(path, folder)) {
-                within.insert(known.id);
+                within.try_emplace(known.id);
             }
         }
-        const auto take = [&](IndexHit& hit) {
-            if (within.contains(hit.folder)) {
-                hits.emplace_back(hit.folder, std::move(hit.name));
+        const auto take = [&](const IndexHit& hit) {
+            if (const auto found = within.find(hit.folder); found != within.end()) {
+                found->second.add(hit.name);
             }
         };
-        const auto takeIfAdmitted = [&](IndexHit hit) {
+        const auto takeIfAdmitted = [&](const IndexHit& hit) {
             if (filter.admits(hit.info)) {
                 take(hit);
             }
@@ -505,7 +506,14 @@ Lookup::Addresses RecordIndex::matching(const Filter& filter, const std::string&
         }
         tables_->visitLooks(Look::kAlways | (unlocked ? Look::kUnlocked : 0) |
                                 (filter.asksForExpiry() ? Look::kUndated : 0),
-                            [&](IndexHit hit) { take(hit); });
+                            take);
+        AddressList found;
+        for (const auto& [path, known] : folders_) {
+            if (const auto names = within.find(known.id); names != within.end()) {
+                found.add(path, std::move(names->second));
+            }
+        }
+        return found;
     });
 }
 

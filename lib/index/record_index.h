@@ -69,7 +69,8 @@ public:
     Addresses withObject(Kind kind, std::string_view sha256) override;
     Addresses keysWith(std::string_view keySha256) override;
     std::optional<std::set<std::string>> keys() override;
-    Addresses matching(const Filter& filter, const std::string& folder, bool unlocked) override;
+    std::optional<AddressList> matching(const Filter& filter, const std::string& folder,
+                                        bool unlocked) override;
     Addresses unsure(bool unlocked) override;
 
     // None as soon as one folder has changed.

@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "lib/base/name_list.h"
 #include "lib/records/address.h"
 #include "lib/records/attributes.h"
 #include "lib/records/body_owners.h"
@@ -21,6 +22,31 @@
 namespace fstore {
 
 class Filter;
+
+// Addresses of very many records, in little more memory than their names take.
+class AddressList {
+public:
+    // The folders in the order of allRecords(), with names in any order, and perhaps twice.
+    void add(std::string folder, NameList names) {
+        names.sort();
+        folders_.emplace_back(std::move(folder), std::move(names));
+    }
+
+    // Calls use(address) for each, once, in the order of allRecords().
+    template <class Use>
+    void visit(Use use) const {
+        for (const auto& [folder, names] : folders_) {
+            for (std::size_t i = 0; i < names.size(); ++i) {
+                if (i == 0 || names[i] != names[i - 1]) {
+                    use(Address{folder, std::string(names[i])});
+                }
+            }
+        }
+    }
+
+private:
+    std::vector<std::pair<std::string, NameList>> folders_;
+};
 
 class Lookup : public BodyNames {
 public:
@@ -41,7 +67,8 @@ public:
 
     // What may match, in this folder and those in it; with `unlocked` also what has encrypted
     // parts.
-    virtual Addresses matching(const Filter& filter, const std::string& folder, bool unlocked) = 0;
+    virtual std::optional<AddressList> matching(const Filter& filter, const std::string& folder,
+                                                bool unlocked) = 0;
 
     // The records that no other question finds: damaged ones, and, with `unlocked`, those with
     // encrypted parts.

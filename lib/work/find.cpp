@@ -86,22 +86,31 @@ std::size_t countAll(const std::optional<std::string>& within) {
     return count;
 }
 
+void visitPages(Addresses all, const PageUser& use) {
+    for (std::size_t from = 0; from < all.size(); from += kPage) {
+        use(all.subspan(from, std::min(kPage, all.size() - from)));
+    }
+}
+
+void visitPages(const AddressList& all, const PageUser& use) {
+    Pages pages(use);
+    all.visit([&](const Address& address) { pages.add(address); });
+    pages.finish();
+}
+
 // What ask(lookup) answers, or all that there are.
 template <class Ask>
 void visitKnownOrAll(Ask ask, const std::optional<std::string>& within, Unread& unread,
                      const PageUser& use) {
     Lookup* const lookup = Lookup::current();
-    Lookup::Addresses known = lookup != nullptr ? ask(*lookup) : std::nullopt;
+    auto known = lookup != nullptr ? ask(*lookup) : std::nullopt;
     if (!known && lookup != nullptr && lookup->offer(countAll(within))) {
         known = ask(*lookup);
     }
-    if (!known) {
+    if (known) {
+        visitPages(*known, use);
+    } else {
         visitAll(within, unread, use);
-        return;
-    }
-    const Addresses all(*known);
-    for (std::size_t from = 0; from < all.size(); from += kPage) {
-        use(all.subspan(from, std::min(kPage, all.size() - from)));
     }
 }
 
@@ -175,9 +184,10 @@ std::set<std::string> keysOf(Database& database, bool unlocked) {
         keys = std::move(*known);
         return lookup.unsure(unlocked);
     };
-    const auto readPart = [unlocked](Addresses addresses) {
+    const auto readPart = [&database, unlocked](Addresses addresses) {
         std::set<std::string> found;
         for (const Address& address : addresses) {
+            stopIfCancelled(database.observer());
             try {
                 lookAt(address, unlocked, [&](const auto&, const RecordInfo& info) {
                     if (info.kind == Kind::kKey && !info.keySha256.empty()) {
@@ -198,9 +208,10 @@ std::set<std::string> keysOf(Database& database, bool unlocked) {
     return keys;
 }
 
-Listing readPart(Addresses addresses, const Filter& filter, bool unlocked) {
+Listing readPart(Observer& observer, Addresses addresses, const Filter& filter, bool unlocked) {
     Listing listing;
     for (const Address& address : addresses) {
+        stopIfCancelled(observer);
         try {
             lookAt(address, unlocked, [&](const auto& record, RecordInfo info) {
                 if (filter.matches(record, info)) {
@@ -254,8 +265,8 @@ Missed visitFound(Database& database, const FindRules& rules, const RecordUser& 
         filter.setKeys(keysOf(database, unlocked));
     }
     Missed missed;
-    const auto read = [&filter, unlocked](Addresses addresses) {
-        return readPart(addresses, filter, unlocked);
+    const auto read = [&](Addresses addresses) {
+        return readPart(database.observer(), addresses, filter, unlocked);
     };
     Unread tooLarge;
     visitCandidates(rules, filter, missed.unread, [&](Addresses page) {

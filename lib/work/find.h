@@ -52,9 +52,10 @@ std::string orderKey(const RecordInfo& info, FindRules::Order order);
 // Calls use(info) for each record that is found, in no order. It takes memory for the names in one
 // folder, and for what was missed.
 //
-//   kUsage    a filter cannot be read: Filter's constructor
-//   kInvalid  the folder is not one of a database
-//   kMissing  there is no such folder
+//   kUsage        a filter cannot be read: Filter's constructor
+//   kInvalid      the folder is not one of a database
+//   kMissing      there is no such folder
+//   kInterrupted  the observer, which is asked at each record, wants it
 using RecordUser = std::function<void(RecordInfo)>;
 Missed visitFound(Database& database, const FindRules& rules, const RecordUser& use);
 

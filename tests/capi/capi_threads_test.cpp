@@ -112,6 +112,28 @@ TEST(CapiThreadsTest, TwoDatabasesInTwoThreads) {
     });
 }
 
+// Each handle encrypts and decrypts with the key of its own database, whatever the other one does
+// at the same time, and neither password opens the other database.
+TEST(CapiThreadsTest, TwoPasswordsInOneProcess) {
+    const TempDir folders[2];
+    const std::string passwords[2] = {kPassword, "battery staple"};
+    const Db dbs[2] = {openWith(folders[0].path(), passwords[0], FILESTORE_CREATE),
+                       openWith(folders[1].path(), passwords[1], FILESTORE_CREATE)};
+    runTogether(4, [&](int number) {
+        work(dbs[number % 2], "thread" + std::to_string(number), operations() / 4);
+    });
+    for (int number = 0; number < 2; ++number) {
+        put(dbs[number], "settings/mine", passwords[number]);
+        const Db other = open(folders[number].path());
+        const filestore_key key = passwordOf(passwords[1 - number]);
+        EXPECT_EQ(FILESTORE_WRONG_PASSWORD, filestore_unlock(other.get(), &key, nullptr, nullptr));
+        EXPECT_EQ(FILESTORE_NOT_OPEN, statusOfGet(other, "settings/mine"));
+        unlock(other, passwords[number]);
+        EXPECT_EQ(passwords[number], bodyOf(get(other, "settings/mine")));
+        EXPECT_EQ(passwords[number], bodyOf(get(dbs[number], "settings/mine")));
+    }
+}
+
 TEST(CapiThreadsTest, OneHandleInSeveralThreads) {
     const TempDir folder;
     const Db db = openWith(folder.path(), kPassword, FILESTORE_CREATE);

@@ -187,6 +187,36 @@ TEST_F(CapiWholeTest, LooksAtEncryptedPartsOnlyIfThatIsAskedFor) {
     EXPECT_EQ(nullptr, find(&options, FILESTORE_NOT_OPEN));
 }
 
+// By the callbacks of the handle, as it takes none of its own.
+TEST_F(CapiWholeTest, ASearchCanBeCancelled) {
+    put(db_, "keys/a", "a");
+    put(db_, "keys/b", "b");
+    int asked = 0, stopAt = 1;
+    std::pair<int&, int&> state(asked, stopAt);
+    filestore_callbacks callbacks = FILESTORE_CALLBACKS_INIT;
+    callbacks.user = &state;
+    callbacks.cancelled = [](void* user) {
+        auto& [count, stop] = *static_cast<std::pair<int&, int&>*>(user);
+        return ++count == stop ? 1 : 0;
+    };
+    filestore_open_options options = FILESTORE_OPEN_OPTIONS_INIT;
+    options.callbacks = &callbacks;
+    filestore_db* opened = nullptr;
+    must(filestore_open(folder_.path().c_str(), &options, &opened, &error_), error_);
+    const Db db(opened);
+    filestore_list* list = nullptr;
+    for (; stopAt <= 2; ++stopAt) {
+        asked = 0;
+        EXPECT_EQ(FILESTORE_INTERRUPTED, filestore_find(db.get(), nullptr, &list, &error_));
+        EXPECT_EQ(nullptr, list);
+        EXPECT_EQ(stopAt, asked);
+    }
+    asked = 0;
+    must(filestore_find(db.get(), nullptr, &list, &error_), error_);
+    EXPECT_THAT(namesOf(List(list)), ElementsAre("keys/a", "keys/b"));
+    EXPECT_EQ(2, asked);
+}
+
 TEST_F(CapiWholeTest, ReportsWhatItCouldNotLookAt) {
     put(db_, "keys/a", "abc");
     writeFile(folder_ / "db/keys/bad.dsc", "no descriptor");

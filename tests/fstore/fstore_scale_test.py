@@ -6,6 +6,7 @@ Beside 2,000 every day, and beside 100,000 with FSTORE_LONG=1.
 import itertools
 import os
 import re
+import subprocess
 
 import support
 
@@ -39,11 +40,12 @@ class ScaleTest(support.InitialisedTest):
 class OneRecordTest(ScaleTest):
     """The system calls of a command, beside few records and beside many."""
 
-    def calls(self, *args, stdin=b""):
-        """Each call, by its name and its arguments."""
+    def calls(self, *args, stdin=b"", follow=False):
+        """Each call, by its name and its arguments; with the paths of descriptors to follow them."""
         trace = self.folder / "trace"
         run = support.fstore("-D", self.folder, *args, stdin=stdin,
-                             prefix=["strace", "-f", "-qq", "-e", "signal=none", "-o", trace])
+                             prefix=["strace", "-f", "-qq", *["-y"] * follow, "-e", "signal=none",
+                                     "-o", trace])
         self.assertEqual(0, run.code, run.message)
         made = [line.split(maxsplit=1)[1] for line in trace.read_text().splitlines()]
         trace.unlink()
@@ -100,6 +102,18 @@ class OneRecordTest(ScaleTest):
                       if re.match(r'openat\(.*\.dsc"', call) and "/db/k" not in call]
             self.assertLessEqual(len(opened), 3, command)
 
+    def test_a_bare_name_reads_no_folder_that_has_none_in_it(self):
+        """Where the file system counts them; elsewhere each is read once or twice."""
+        kind = subprocess.run(["stat", "-f", "-c", "%T", self.folder], check=True,
+                              stdout=subprocess.PIPE).stdout.decode().strip()
+        most = 0 if kind in ("ext2/ext3", "xfs", "tmpfs") else 2
+        self.fill_up(0, MANY)
+        for command, more in ((["show", "mine1"], 0), (["get", "mine1"], 0),
+                              (["set", "mine1", "label=x"], 1)):  # whose body the old one is
+            with self.subTest(command=command, kind=kind):
+                ends = [call for call in self.calls(*command, follow=True)
+                        if re.match(r"getdents64\(.*/certificates/remote>.* = 0$", call)]
+                self.assertLessEqual(len(ends), most + more)
 
 class AllRecordsTest(ScaleTest):
     """The memory of a command that looks at all records."""
@@ -131,6 +145,23 @@ class AllRecordsTest(ScaleTest):
     def test_only_names_are_kept(self):
         label = ("set", "certificates/remote/mine0", "label=x")
         self.compare([("check", "-q"), ("check", "-q", "--deep"), label], FEW, MANY, self.NOISE)
+
+    def test_what_an_index_finds_is_kept_as_names(self):
+        """Of a filter that it knows nothing of, which is everything."""
+        command, few, many = ("ls", "--attr", "0x8001=nobody"), 10_500, max(MANY, 50_000)
+
+        def fill_up(have, count):
+            for number in range(have, count):
+                path = self.folder / f"db/certificates/remote/bare{number}.dsc"
+                path.write_text("00000001 00000101 00000001\n")
+
+        fill_up(0, few)
+        self.memory(*command)
+        self.assertTrue((self.folder / "db.index").exists())
+        least = self.memory(*command)
+        fill_up(few, many)
+        self.memory(*command)  # the index learns of them
+        self.assertLess(self.memory(*command), least + self.NOISE + many * self.NAMES)
 
     def test_what_is_printed_or_written_is_not_kept(self):
         commands = [("ls",), ("--json", "ls"), ("ls", "--sort", "subject"), ("ls", "--sort", "expiry"),
