@@ -123,7 +123,12 @@ void reportSlots(Context& context, Json& json) {
         context.output.warn(fmt::format("restored, but {}", failure.what()));
     }
     json["slots"] = toJson(slots, {});
-    if (!slots.empty()) {
+    if (slots.empty()) {
+        context.output.warn(
+            "the backup has no slots, so no password of `fstore` opens it: only its own key does, "
+            "if "
+            "it has one; `fstore check` says more");
+    } else {
         context.output.note(
             fmt::format("it opens with what opened it at the backup: {}", describe(slots)));
     }

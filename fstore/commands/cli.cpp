@@ -92,7 +92,8 @@ CLI::Validator oneOf(const std::vector<std::string>& names) {
 }
 
 // The parser takes "[a,b]" for two words. So a word like that gets one more character at its end,
-// which is taken away again before anybody sees the word.
+// which is taken away again before anybody sees the word. Behind "--" it takes what a command has
+// no argument for as an option after all; there a word like an option gets the character in front.
 constexpr char kMark = '\x1f';
 
 std::string marked(std::string word) {
@@ -102,7 +103,14 @@ std::string marked(std::string word) {
     return word;
 }
 
+bool isMarkedArgument(std::string_view word) {
+    return word.size() > 1 && word[0] == kMark && word[1] == '-';
+}
+
 std::string unmark(std::string& word) {
+    if (isMarkedArgument(word)) {
+        word.erase(0, 1);
+    }
     if (word.starts_with('[') && word.ends_with(kMark)) {
         word.pop_back();
     }
@@ -112,9 +120,15 @@ std::string unmark(std::string& word) {
 // The line without the program's name, last word first, as the parser takes it.
 std::vector<std::string> lineOf(int argc, const char* const* argv) {
     std::vector<std::string> words;
-    for (int i = argc - 1; i > 0; --i) {
-        words.push_back(marked(argv[i]));
+    bool isArgument = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view word = argv[i];
+        const bool isLikeAnOption = word.starts_with('-') && word != "-";
+        words.push_back(isArgument && isLikeAnOption ? kMark + std::string(word)
+                                                     : marked(std::string(word)));
+        isArgument = isArgument || word == "--";
     }
+    std::ranges::reverse(words);
     return words;
 }
 
@@ -147,6 +161,7 @@ public:
             .add_option_function<std::string>(
                 names_, [&choice](const std::string& name) { choice.take(name); },
                 option_.description)
+            ->transform(CLI::Validator(unmark, ""))
             ->check(oneOf(choice.names));
     }
 
@@ -218,10 +233,11 @@ std::string wordsOf(const CLI::ParseError& error, const CLI::App& app, const Cli
     const CommandPath path = pathOf(app, cli);
     const auto& commands = path.empty() ? cli.commands() : path.back()->subcommands();
     std::vector<std::string> rest = app.remaining(true);
+    const bool isArgument = !rest.empty() && isMarkedArgument(rest.front());
     std::ranges::for_each(rest, unmark);
     if (!rest.empty() && error.get_name() != "ArgumentMismatch") {
         const std::string& word = rest.front();
-        if (word.starts_with('-')) {
+        if (word.starts_with('-') && !isArgument) {
             return unknownOption(path, cli.program(), word);
         }
         return commands.empty() ? surplusArgument(path, word)

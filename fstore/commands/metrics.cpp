@@ -1,4 +1,8 @@
 // fstore metrics: what Prometheus asks of a database.
+#include <fcntl.h>
+
+#include <algorithm>
+#include <array>
 #include <limits>
 #include <map>
 #include <memory>
@@ -20,6 +24,7 @@
 #include "lib/database/state_file.h"
 #include "lib/work/find.h"
 #include "lib/work/successors.h"
+#include "os/files.h"
 
 namespace fstore {
 namespace {
@@ -28,7 +33,22 @@ struct Options {
     std::string file{kStandardStream};
     bool all = false;
     bool secrets = false;
+    bool force = false;
 };
+
+constexpr std::string_view kHelp = "# HELP fstore_";
+
+// Whether nothing is lost with what has the name: it is from here, or empty. Where it is no file at
+// all, it is looked at when it is opened to be written.
+bool isOurs(const std::string& file) {
+    if (!isA(os::EntryType::kFile, file)) {
+        return true;
+    }
+    std::array<char, kHelp.size()> head{};
+    const os::File opened = os::openFile(file.c_str(), O_RDONLY | O_NOCTTY | O_NOFOLLOW);
+    const ssize_t size = opened ? os::readSome(opened.get(), head.data(), head.size()) : -1;
+    return size == 0 || std::string_view(head.data(), std::max<ssize_t>(size, 0)) == kHelp;
+}
 
 // The value of a label, as the text format quotes it.
 std::string quoted(std::string_view text) {
@@ -47,7 +67,7 @@ public:
     // All values of a metric follow its begin().
     void begin(std::string_view name, std::string_view help) {
         name_ = name;
-        text_ += fmt::format("# HELP fstore_{} {}\n# TYPE fstore_{} gauge\n", name, help, name);
+        text_ += fmt::format("{}{} {}\n# TYPE fstore_{} gauge\n", kHelp, name, help, name);
     }
     void add(std::int64_t value, const std::string& labels = {}) {
         text_ += fmt::format("fstore_{}{} {}\n", name_,
@@ -158,7 +178,7 @@ Status run(const Options& options, Context& context) {
     }
     std::optional<OutputFile> file;
     if (options.file != kStandardStream) {
-        file.emplace(options.file, /*replace=*/true);
+        file.emplace(options.file, options.force || isOurs(options.file));
     }
     Metrics metrics;
     Missed missed;
@@ -190,6 +210,7 @@ void addMetrics(Cli& cli) {
                                [options](Context& context) { return run(*options, context); });
     command.option("-o,--output", "FILE", &options->file,
                    "A file to replace, \"fstore.prom\" in the node exporter's folder");
+    command.flag("-f,--force", &options->force, "Replace a file that has no metrics of a database");
     command.flag("--all", &options->all,
                  "Also the ends of certificates of others, whose keys are not here");
     command.flag("-u,--unlock", &options->secrets,

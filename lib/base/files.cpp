@@ -220,6 +220,9 @@ OutputFile::OutputFile(const std::string& name, bool replace) : name_(name), rep
         given_ = kStdout;
         return;
     }
+    if (name.empty()) {
+        throw Failure(kInvalid, "the name of the file to write is empty");
+    }
     path_ = absolutePath(name);
     given_ = os::descriptorNamed(path_);
     if (given_ >= 0) {

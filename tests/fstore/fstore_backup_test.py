@@ -113,6 +113,14 @@ class RoundTest(BackupTest):
                              self.outside / "host.key", password=None)
         self.assertEqual(6, run.code)
 
+    def test_a_backup_without_slots_is_told(self):
+        for name in ("kdf", "kdf-copy"):
+            (self.folder / f"db/{name}.dsc").unlink()
+        self.backup()
+        run = support.fstore("-D", self.outside / "new", "restore", self.tar)
+        self.assertEqual(0, run.code, run)
+        self.assertIn("warning: the backup has no slots", run.message)
+
     def test_a_backup_whose_slots_cannot_be_read_is_restored_all_the_same(self):
         for name in ("kdf", "kdf-copy"):
             (self.folder / f"db/{name}.dsc").write_text("nothing\n")

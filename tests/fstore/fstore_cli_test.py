@@ -22,6 +22,16 @@ class UsageTest(FstoreTest):
                 self.assertEqual(b"", run.out)
                 self.assertIn(" --help`", run.message)
 
+    def test_what_stands_behind_two_dashes_is_no_option(self):
+        for command in ("metrics", "check", "version", "ls settings"):
+            run = self.run_tool(*command.split(), "--", "-q", code=2)
+            self.assertIn('"-q" is one argument too many', run.message)
+        self.init()
+        self.write("-q", "a body")
+        self.run_tool("put", "settings/-q", "--", "-q")
+        self.assertEqual(b"a body", self.body("settings/-q"))
+        self.assertIn("there is no record -x", self.run_tool("show", "--", "-x", code=50).message)
+
     def test_usage_errors_are_json_when_asked_for(self):
         self.fails(2, "usage", "nonsense")
         run = self.run_tool("ls", "--nonsense", "--json", code=2)

@@ -90,6 +90,23 @@ class MetricsTest(MetricsCase):
         self.assertNotEqual(inode, (self.folder / "fstore.prom").stat().st_ino)
         self.assertEqual(["db", "db.lock", "fstore.prom"], sorted(os.listdir(self.folder)))
 
+    def test_a_file_of_others_is_replaced_with_force_only(self):
+        for contents in ("precious\n", "# HELP other_metric Of another program.\n", "# HELP fsto"):
+            path = self.write("fstore.prom", contents)
+            self.assertIn("--force", self.run_tool("metrics", "-o", path, code=4).message)
+            self.assertEqual(contents, path.read_text())
+        self.run_tool("metrics", "-f", "-o", path)
+        self.run_tool("metrics", "-o", path)
+        self.assertIn("fstore_records{", path.read_text())
+        path.write_text("")
+        self.run_tool("metrics", "-o", path)
+        self.assertIn("fstore_records{", path.read_text())
+
+    def test_a_file_without_a_name_is_refused(self):
+        for command in (["metrics", "-o"], ["report", "-o"], ["backup"]):
+            message = self.run_tool(*command, "", code=4).message
+            self.assertIn("the name of the file to write is empty", message)
+
     def test_damage_is_counted_and_told(self):
         (self.folder / "db/keys/www.dsc").write_text("nothing\n")
         values = self.metrics(code=3)
