@@ -142,7 +142,10 @@ std::vector<PkiPart> decodeWithKeytool(Bytes bytes, const InputPassword& passwor
     try {
         const os::MemoryFolder folder;
         if (folder.path().empty()) {
-            return decodePki(bytes, password);
+            throw Failure(
+                kIo,
+                "a Java keystore; there is no place in memory where keytool could "
+                "convert it (/dev/shm, XDG_RUNTIME_DIR), and it is not written to a disk");
         }
         const Conversion conversion(bytes, type, folder, password());
         const os::CommandEnd end = conversion.run(seconds);

@@ -17,8 +17,8 @@ inline constexpr double kKeytoolSeconds = 60;
 
 // As decodePki(), but for a keystore of Java's own, too, where keytool is in PATH and there is a
 // file system in memory: neither the keys nor a password touch a disk, and no password is in the
-// arguments or the environment of keytool. Where one of the two is missing, the one part is the
-// failure that decodePki() has for such a file.
+// arguments or the environment of keytool. Without keytool the one part is the failure that
+// decodePki() has for such a file.
 std::vector<PkiPart> decodeWithKeytool(std::span<const unsigned char> bytes,
                                        const InputPassword& password,
                                        double seconds = kKeytoolSeconds);

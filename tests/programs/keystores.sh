@@ -31,16 +31,23 @@ wrong_keystore_password() {
 
 try_keystores() {
     local open=(fstore -D /srv/keystores --password-file "$work/password") kind
-    printf 'gehéim€1' >in-password
-    chmod 600 in-password
     mkdir -m 700 /srv/keystores
     # As fstore tells it, whatever the locale is.
     export JAVA_TOOL_OPTIONS=-Dfile.encoding=UTF-8
     "${open[@]}" -q init --cost 14
-    for kind in JKS JCEKS PKCS12; do
+    printf '\xfe\xed\xfe\xed' >any.jks
+    expect "keys of a keystore go to no disk" "there is no place in memory" \
+        "${open[@]}" import any.jks --in-password-file wrong
+    rm any.jks
+    mount -t tmpfs tmpfs /dev/shm  # of this name space
+    (umask 077 && : >in-password)
+    for kind in JCEKS PKCS12 JKS; do
+        printf 'secret-1' >in-password
+        [ $kind != JKS ] || printf 'gehéim€1' >in-password  # the others take ASCII alone
         expect "fstore imports a keystore of Java's, $kind" "added: certificates/local/java-${kind,,}-" \
             import_keystore "$kind" "${open[@]}"
     done
+    printf 'secret-1' >in-password
     expect "its other certificate is there once" "certificates/remote/root-" "${open[@]}" ls certificates/remote
     expect "keytool lists PKCS#12" "PrivateKeyEntry" read_export "${open[@]}"
     expect "keytool converts it without loss" "present: keys/java-jks-" read_export "${open[@]}"
