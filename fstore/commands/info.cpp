@@ -126,7 +126,7 @@ Status reportWriter(Context& context, const LockHolder& writer) {
         absolutePath(joined(context.database.place().folder, layout::kLiveName));
     Output& output = context.output;
     tell(output, fmt::format("database   {}", path));
-    tell(output, fmt::format("busy       {}, {}", writer.program, writer.describe()));
+    tell(output, "busy       " + writer.describe());
     output.document({{"database", jsonText(path)},
                      {"writer",
                       {{"program", jsonText(writer.program)},

@@ -82,7 +82,7 @@ LockHolder LockHolder::make() {
 }
 
 std::string LockHolder::describe() const {
-    return fmt::format("{} on {}, since {}", pid, host, printTime(since));
+    return fmt::format("{}, {} on {}, since {}", program, pid, host, printTime(since));
 }
 
 std::string print(const LockHolder& holder) {

@@ -23,7 +23,7 @@ struct LockHolder {
     // Of this process, now, with a fresh token.
     static LockHolder make();
 
-    // "4711 on example, since 2030-01-31T23:59:59Z"
+    // "fstore, 4711 on example, since 2030-01-31T23:59:59Z"
     std::string describe() const;
 };
 

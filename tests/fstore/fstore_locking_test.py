@@ -123,7 +123,7 @@ class LockFileTest(InitialisedTest):
     def test_tells_who_holds_it(self):
         self.hold(fcntl.LOCK_EX, line_of(HOLDER))
         message = self.fails(33, "busy", "--lock-timeout", "0", "rm", "a")
-        self.assertIn("(4711 on far.example, since 2026-11-23T02:58:25Z)", message)
+        self.assertIn("(mv, 4711 on far.example, since 2026-11-23T02:58:25Z)", message)
         run = self.run_tool("--lock-timeout", "0", "info", code=33)
         self.assertIn("mv, 4711 on far.example, since 2026-11-23T02:58:25Z", run.text)
         run = self.run_tool("--lock-timeout", "0", "--json", "info", code=33)
@@ -155,9 +155,43 @@ class LockFileTest(InitialisedTest):
         timer.start()
         run = self.run_tool("ls")
         timer.join()
-        told = "waiting for another process (4711 on far.example, since 2026-11-23T02:58:25Z)"
+        told = "waiting for another process (mv, 4711 on far.example, since 2026-11-23T02:58:25Z)"
         self.assertEqual(1, run.message.count("waiting"))
         self.assertIn(told, run.message)
+
+    # Each command that changes a database, and those that another change keeps out.
+    WAITING = {
+        "put": ["put", "settings/b", "good"], "set": ["set", "a", "label=x"],
+        "unset": ["unset", "a", "0x8001"], "rm": ["rm", "-f", "a"], "mv": ["mv", "settings/a", "crm/a"],
+        "cp": ["cp", "settings/a", "crm/a"], "mkdir": ["mkdir", "settings/one"],
+        "import": ["import", "good"], "generate": ["generate", "www", "--type", "ed25519"],
+        "request": ["request", "www", "--subject", "CN=www"], "edit": ["edit", "settings/a"],
+        "prune": ["prune", "--yes"], "passwd": ["passwd", *support.CHEAP], "init": ["init"],
+        "key add": ["key", "add", "--key-file", "new"], "key rm": ["key", "rm", "1"],
+        "check": ["check", "--repair"], "settle": ["check", "--settle", "x", "--keep", "ours"],
+        "undo": ["check", "--undo", "20260101T000000Z"],
+        "purge": ["check", "--purge", "20260101T000000Z"],
+        "restore": ["restore", "whole.tar", "--replace"], "backup": ["backup", "saved.tar"],
+        "deploy": ["deploy", "www", "--chain", "made.pem", "--key", "made.pem"],
+        "ls": ["ls"], "get": ["get", "a"],
+    }
+
+    def test_each_command_says_whom_it_waits_for(self):
+        self.write("good", "text")
+        self.run_tool("backup", "whole.tar")
+        before = self.files()
+        self.hold(fcntl.LOCK_EX, line_of(HOLDER))
+        env = {"FSTORE_NEW_PASSWORD": "new", "EDITOR": "true"}
+        runs = {name: support.start("--lock-timeout", "1.2", *args, cwd=self.folder, env=env)
+                for name, args in self.WAITING.items()}
+        told = "(mv, 4711 on far.example, since 2026-11-23T02:58:25Z)"
+        for name, process in runs.items():
+            run = support.finish(process)
+            with self.subTest(name):
+                self.assertEqual(33, run.code, run)
+                self.assertEqual(1, run.message.count(f"waiting for another process {told}"), run)
+                self.assertIn(f"is using the database in this folder {told}", run.message)
+        self.assertEqual(before, self.files())
 
     def test_a_short_wait_is_not_worth_a_word(self):
         fd = self.hold(fcntl.LOCK_EX)
