@@ -8,6 +8,7 @@
 #include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
+#include "lib/records/attributes.h"
 #include "lib/records/descriptor.h"
 #include "lib/records/filter.h"
 #include "lib/records/record_head.h"
@@ -34,6 +35,15 @@ bool hasLine(const std::string& text) {
     return text.find('\n') != std::string::npos;
 }
 
+bool hidesKind(const RecordHead& head) {
+    for (unsigned int i = 0; i < head.count(); ++i) {
+        if (head.id(i) == attr::kKind && head.isEncrypted(i)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 void addRecord(IndexRow& row, const Address& address) {
     const RecordHead head = RecordHead::read(address);
     row.info = infoOf(head);
@@ -45,6 +55,9 @@ void addRecord(IndexRow& row, const Address& address) {
     }
     if (head.hasSecrets()) {
         row.look |= Look::kUnlocked;
+    }
+    if (hidesItsDescription(head) || hidesKind(head)) {
+        row.look |= Look::kHidden;
     }
     if (lacksExpiry(head, row.info)) {
         row.look |= Look::kUndated;

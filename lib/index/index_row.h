@@ -17,7 +17,8 @@ struct Look {
     static constexpr unsigned int kAlways = 1;    // damaged, or not to be kept in a row
     static constexpr unsigned int kUnlocked = 2;  // has encrypted parts: when the database is open
     static constexpr unsigned int kUndated = 4;   // when expiry is asked for: lacksExpiry()
-    static constexpr unsigned int kAll = 7;
+    static constexpr unsigned int kHidden = 8;    // its digests or kind are encrypted: as kUnlocked
+    static constexpr unsigned int kAll = 15;
 };
 
 struct IndexRow {

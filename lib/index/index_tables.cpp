@@ -13,7 +13,7 @@ namespace fstore {
 namespace {
 
 constexpr std::int64_t kApplication = 0x46534958;  // "FSIX"
-constexpr std::int64_t kVersion = 2;
+constexpr std::int64_t kVersion = 3;
 
 // As columns of text have an order and a comparison of their own, all that is no number is bytes.
 constexpr const char* kTables = R"(

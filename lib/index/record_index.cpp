@@ -519,7 +519,7 @@ std::optional<AddressList> RecordIndex::matching(const Filter& filter, const std
 
 Lookup::Addresses RecordIndex::unsure(bool unlocked) {
     return collect([&](Hits& hits) {
-        tables_->visitLooks(Look::kAlways | (unlocked ? Look::kUnlocked : 0), [&](IndexHit hit) {
+        tables_->visitLooks(Look::kAlways | (unlocked ? Look::kHidden : 0), [&](IndexHit hit) {
             hits.emplace_back(hit.folder, std::move(hit.name));
         });
     });

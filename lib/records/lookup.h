@@ -70,8 +70,8 @@ public:
     virtual std::optional<AddressList> matching(const Filter& filter, const std::string& folder,
                                                 bool unlocked) = 0;
 
-    // The records that no other question finds: damaged ones, and, with `unlocked`, those with
-    // encrypted parts.
+    // The records that no question about an object finds: damaged ones, and, with `unlocked`, those
+    // whose kind or digests are encrypted.
     virtual Addresses unsure(bool unlocked) = 0;
 
     // As allFolders(); reads no folder.

@@ -101,6 +101,17 @@ RecordInfo describe(const AnyRecord& record) {
     return info;
 }
 
+template <class AnyRecord>
+bool hidesDescription(const AnyRecord& record) {
+    for (unsigned int i = 0; i < record.count(); ++i) {
+        const auto* const known = attr::find(record.id(i));
+        if (known != nullptr && known->isOfBody && record.isEncrypted(i)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace
 
 RecordInfo infoOf(const Record& record) {
@@ -119,6 +130,14 @@ RecordInfo infoOf(const RecordCopy& copy) {
     RecordInfo info = describe(copy);
     info.bodySize = copy.bodySize();
     return info;
+}
+
+bool hidesItsDescription(const Record& record) {
+    return hidesDescription(record);
+}
+
+bool hidesItsDescription(const RecordHead& head) {
+    return hidesDescription(head);
 }
 
 }  // namespace fstore

@@ -34,6 +34,10 @@ RecordInfo infoOf(const Record& record);
 RecordInfo infoOf(const RecordHead& head);
 RecordInfo infoOf(const RecordCopy& copy);
 
+// Whether something that would tell what is in the body is kept encrypted.
+bool hidesItsDescription(const Record& record);
+bool hidesItsDescription(const RecordHead& head);
+
 }  // namespace fstore
 
 #endif  // LIB_RECORDS_RECORD_INFO_H

@@ -130,17 +130,6 @@ std::string printAll(const Values& values, Print printOne) {
     return clipped(all, kMost);
 }
 
-template <class AnyRecord>
-bool hidesDescription(const AnyRecord& record) {
-    for (unsigned int i = 0; i < record.count(); ++i) {
-        if (const auto* const known = attr::find(record.id(i));
-            known != nullptr && known->isOfBody && record.isEncrypted(i)) {
-            return true;
-        }
-    }
-    return false;
-}
-
 std::string remedyFor(const Record& record) {
     return fmt::format("; `fstore import --replace{}` of the object sets it right",
                        hidesItsDescription(record) ? " --encrypt" : "");
@@ -222,14 +211,6 @@ std::vector<std::string> contradictionsOfOther(const Record& record, Kind kind) 
 }
 
 }  // namespace
-
-bool hidesItsDescription(const Record& record) {
-    return hidesDescription(record);
-}
-
-bool hidesItsDescription(const RecordHead& head) {
-    return hidesDescription(head);
-}
 
 void describe(Record& record, const PkiObject& object, bool encrypt) {
     for (const PkiAttribute& attribute : object.attributes) {

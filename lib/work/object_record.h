@@ -20,11 +20,6 @@ namespace fstore {
 // something about the body is kept encrypted, or left out where it cannot be.
 void describe(Record& record, const PkiObject& object, bool encrypt);
 
-// Whether something that would tell what is in the body is kept encrypted, as describe() keeps it
-// with `encrypt`.
-bool hidesItsDescription(const Record& record);
-bool hidesItsDescription(const RecordHead& head);
-
 // Whether a record claims to describe an object, as far as its descriptor says.
 bool describesObject(const RecordHead& head);
 

@@ -3,6 +3,7 @@
 
 import hashlib
 import os
+import re
 import shutil
 import sqlite3
 import stat
@@ -111,6 +112,21 @@ class LargeTest(InitialisedTest):
                         ["show", f"sha256:{digest(9)[:16]}"]):
             with self.subTest(command=command):
                 self.assertEqual([], self.listings(*command))
+
+    def test_an_import_reads_no_key_that_says_plainly_which_it_is(self):
+        keys = self.folder / "db/keys"
+        for number in range(30):
+            (keys / f"sealed{number}.dsc").write_text(
+                f"00000001 00000101 00000003\n00000002 0000010b {digest(-number)}\n"
+                f"11000003 00000000 {number + 1:08x}\n")
+            (keys / f"{number + 1:08x}").write_bytes(b"encrypted")
+        self.made()
+        trace = self.folder / "trace"
+        run = support.fstore("-D", self.folder, "import", pki.files() / "rsa.key", prefix=[
+            "strace", "-f", "-qq", "-e", "trace=openat,open", "-o", trace])
+        self.assertEqual(0, run.code, run.message)
+        opened = re.findall(r'db/keys/sealed\d+\.dsc"', trace.read_text())
+        self.assertEqual([], opened)
 
     def test_what_a_crash_left_is_put_back(self):
         self.put("certificates/remote/other", b"x", "--plain-body")

@@ -54,6 +54,7 @@ struct Said {
     std::int64_t ends = 0;  // 0 for none
     std::string body = {};  // the file; empty for one that is made
     bool secret = false;    // the digests are kept encrypted
+    bool sealed = false;    // the body is
 };
 
 std::string textOf(const Said& said) {
@@ -72,7 +73,7 @@ std::string textOf(const Said& said) {
     if (said.ends != 0) {
         add("00000004", attr::kNotAfter, printTime(said.ends));
     }
-    add("10000003", 0, said.body);
+    add(said.sealed ? "11000003" : "10000003", 0, said.body);
     return text;
 }
 
@@ -343,6 +344,18 @@ TEST_F(RecordIndexTest, WhatHasEncryptedPartsIsLookedAtWhenUnlocked) {
                 ElementsAre(Address{"keys", "hidden"}));
     EXPECT_THAT(*index->unsure(true), ElementsAre(Address{"keys", "hidden"}));
     EXPECT_THAT(*index->unsure(false), IsEmpty());
+}
+
+TEST_F(RecordIndexTest, AnEncryptedBodyDoesNotHideWhatItIs) {
+    const std::string digest = std::string(64, 'c');
+    put({"keys", "sealed"},
+        {.kind = Kind::kKey, .sha256 = digest, .keySha256 = digest, .sealed = true});
+    publish({"keys", "kind"}, "01000001 00000101 00000000\n");
+    const auto index = opened();
+    EXPECT_THAT(*index->unsure(true), ElementsAre(Address{"keys", "kind"}));
+    EXPECT_THAT(*index->keysWith(digest), ElementsAre(Address{"keys", "sealed"}));
+    EXPECT_THAT(*listed(index->matching(Filter(bySubject("x"), kNow), "", true)),
+                ElementsAre(Address{"keys", "kind"}, Address{"keys", "sealed"}));
 }
 
 // Neither what is encrypted nor the bytes of a body.
