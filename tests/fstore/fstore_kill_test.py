@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
 """Each call that changes the disk fails, or the tool dies in front of it: nothing is lost."""
 
+import pathlib
 import shutil
+import tempfile
 
 import support
-from kill import NEW, KillTest, Workload
+from kill import NEW, KillTest, Workload, unnamed_bodies, untold
 from support import CHEAP, PASSWORD
 
 
@@ -168,6 +170,24 @@ class SettleMerge(SettleTheirs):
 
 
 class CommandsTest(KillTest):
+    def test_a_plain_check_tells_of_bodies_that_nobody_names(self):
+        """Only what lists all files finds them, so no other command does; each call is struck."""
+        left = {}
+        for kind in (Put, PutOver, Remove, Move):
+            workload = kind(self.template)
+            for call in range(1, workload.count() + 1):
+                with tempfile.TemporaryDirectory(prefix="fstore-kill-") as name:
+                    folder = pathlib.Path(name) / "w"
+                    workload.fresh(folder)
+                    workload.run(folder, CALL_TRAP_DIE=call)
+                    left[kind] = left.get(kind, 0) + len(unnamed_bodies(folder))
+                    self.assertEqual(set(), untold(folder, PASSWORD), (kind, call))
+                    # The next command is not kept from its work, and leaves them for the check.
+                    run = support.fstore("-D", folder, "put", "settings/z", "-", stdin=b"z")
+                    self.assertEqual(0, run.code, run)
+                    self.assertEqual(set(), untold(folder, PASSWORD), (kind, call))
+        self.assertTrue(all(left.values()), left)
+
     def test_put_with_faults(self):
         self.fail_everywhere(Put)
 

@@ -9,6 +9,7 @@ import errno
 import hashlib
 import os
 import pathlib
+import re
 import shutil
 import tempfile
 import unittest
@@ -20,6 +21,34 @@ NEW = "another password"
 SHARE = 3 if support.SANITIZED else 6  # deaths and faults of each workload in everyday runs
 STRIDE = 8  # calls between two deaths of one recovery; the first is another one each time
 KILLED = -9
+BODY = re.compile("[0-9a-f]{8}")
+
+
+def unnamed_bodies(folder):
+    """The body files that no descriptor beside them names, as a reader of filestore(5) finds them."""
+    found = set()
+    for path in (folder / "db").rglob("*"):
+        if BODY.fullmatch(path.name) and path.is_file():
+            texts = [other.read_bytes() for other in path.parent.iterdir() if ".dsc" in other.name]
+            if not any(path.name.encode() in text for text in texts):
+                found.add(f"./{path.relative_to(folder)}")
+    return found
+
+
+def untold(folder, password):
+    """What a kill has left behind that a plain check passes over, or that a repair leaves; in a copy,
+    since looking may bring things in order."""
+    with tempfile.TemporaryDirectory(prefix="fstore-untold-") as name:
+        copy = pathlib.Path(name) / "w"
+        shutil.copytree(folder, copy, symlinks=True)
+        left = unnamed_bodies(copy)
+        if not left:
+            return set()
+        run = support.fstore("-D", copy, "check", "--json", password=password)
+        assert run.code in (0, 3), run
+        told = {finding["path"] for finding in run.document["findings"]}
+        run = support.fstore("-D", copy, "check", "--repair", password=password)
+        return (left - told) | unnamed_bodies(copy)
 
 
 class Workload:
@@ -123,6 +152,9 @@ class KillTest(unittest.TestCase):
             run = workload.run(folder, CALL_TRAP_DIE=call)
             if run.code != KILLED:
                 return f"call {call}: it lived, with {run}"
+            missed = untold(folder, PASSWORD)
+            if missed:
+                return f"call {call}: nobody tells of {missed}"
             wreck = pathlib.Path(name) / "wreck"
             if LONG:
                 shutil.copytree(folder, wreck, symlinks=True)
