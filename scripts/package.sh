@@ -28,7 +28,7 @@ make_packages() {
     tar -C "$copy" -xf "$work/sources.tar"
     {
         cd "$copy"
-        cmake --preset m32
+        cmake --preset m32 -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON
         cmake --build --preset m32 --target filestore module_changelog
         (cd build/m32 && umask 022 && cpack -G DEB -B "$1")
         rm -rf build "$1/_CPack_Packages"

@@ -235,9 +235,6 @@ int renameat2(int from, const char* name, int to, const char* newName,
               unsigned int flags) noexcept {
     return pass<int>(Room::kNone, "renameat2", from, name, to, newName, flags);
 }
-int linkat(int from, const char* file, int to, const char* name, int flags) noexcept {
-    return pass<int>(Room::kTaken, "linkat", from, file, to, name, flags);
-}
 int unlinkat(int folder, const char* path, int flags) noexcept {
     return pass<int>(Room::kNone, "unlinkat", folder, path, flags);
 }
