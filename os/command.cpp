@@ -191,7 +191,8 @@ int start(const std::vector<std::string>& words, const Beginning& beginning,
 }  // namespace
 
 bool isInPath(const std::string& program) {
-    const char* const variable = std::getenv("PATH");
+    // For a program that has one thread still.
+    const char* const variable = std::getenv("PATH");  // NOLINT(concurrency-mt-unsafe)
     std::string_view rest = variable != nullptr ? variable : "/bin:/usr/bin";  // as execvp()
     for (;;) {
         const std::size_t end = rest.find(':');
