@@ -65,7 +65,7 @@ std::string describeBody(const Record& record) {
 
 void print(const Record& record, Output& output) {
     const auto line = [&](std::string_view name, std::string_view value) {
-        output.line(fmt::format("{:<18}", name), Style::kBold, value);
+        output.field(name, value);
     };
     line("address", record.address().print());
     for (unsigned int i = 0; i < record.count(); ++i) {

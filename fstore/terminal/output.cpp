@@ -20,6 +20,15 @@ constexpr int kStdout = 1;
 constexpr int kStderr = 2;
 constexpr const char* kSchema = "fstore/1";
 
+// From here on a terminal breaks lines itself: nobody reads across many breaks amid words then, and
+// what is one line is copied as one.
+constexpr std::size_t kWideTerminal = 60;
+constexpr std::size_t kHanging = 2;
+
+bool isNarrow(std::size_t columns) {
+    return columns > kHanging && columns < kWideTerminal;
+}
+
 bool isSet(const char* variable) {
     const char* const value = ::secure_getenv(variable);
     return value != nullptr && *value != '\0';
@@ -40,7 +49,8 @@ Output::Output(const Settings& settings)
     : settings_(settings),
       colourOut_(!settings.json && hasColour(settings.colour, kStdout)),
       colourErr_(!settings.json && hasColour(settings.colour, kStderr)),
-      columns_(os::isTerminal(kStdout) ? os::terminalColumns(kStdout) : 0) {}
+      columns_(os::isTerminal(kStdout) ? os::terminalColumns(kStdout) : 0),
+      columnsErr_(os::isTerminal(kStderr) ? os::terminalColumns(kStderr) : 0) {}
 
 void Output::line(std::string_view text) {
     if (!settings_.json) {
@@ -67,6 +77,14 @@ void Output::sentence(std::string_view head, Style style, std::string_view text,
     const std::size_t used = columnsOf(std::string_view(shown).substr(lastLine));
     kept_.add(colourOut_ ? styled(shown, style) : shown);
     kept_.add(wrapped(printable(text), columns_, indent, used) + "\n");
+}
+
+void Output::field(std::string_view name, std::string_view value) {
+    if (isNarrow(columns_)) {
+        sentence(name, Style::kBold, fmt::format("  {}", value), kHanging);
+    } else {
+        line(fmt::format("{:<18}", name), Style::kBold, value);
+    }
 }
 
 void Output::raw(std::string_view text) {
@@ -132,8 +150,7 @@ void Output::summary(std::string_view text) {
 }
 
 void Output::sayWarning(std::string_view text) {
-    const std::string head = colourErr_ ? styled("warning:", Style::kYellow) : "warning:";
-    say(fmt::format("{} {}", head, printable(text)));
+    say("warning:", Style::kYellow, text);
 }
 
 void Output::warnOfRepeated() {
@@ -195,12 +212,24 @@ void Output::fail(const Failure& failure) {
         (void)os::writeAll(kStderr, text.data(), text.size());  // there is nowhere else to tell it
         return;
     }
-    const std::string head = colourErr_ ? styled("error:", Style::kRed) : "error:";
-    say(fmt::format("{} {}", head, printable(failure.what())));
+    say("error:", Style::kRed, failure.what());
+}
+
+void Output::say(std::string_view head, Style style, std::string_view text) {
+    std::string shown = lineOf(fmt::format("{} {}", head, printable(text)));
+    if (const std::size_t found = shown.find(head); colourErr_ && found != std::string::npos) {
+        shown.replace(found, head.size(), styled(head, style));
+    }
+    (void)os::writeAll(kStderr, shown.data(), shown.size());  // there is nowhere else to tell it
+}
+
+std::string Output::lineOf(std::string_view text) const {
+    const std::string line = fmt::format("fstore: {}", text);
+    return (isNarrow(columnsErr_) ? wrapped(line, columnsErr_, kHanging, 0) : line) + "\n";
 }
 
 void Output::say(std::string_view text) {
-    const std::string line = fmt::format("fstore: {}\n", text);
+    const std::string line = lineOf(text);
     (void)os::writeAll(kStderr, line.data(), line.size());  // there is nowhere else to tell it
 }
 

@@ -46,6 +46,8 @@ public:
     // As line(), but no wider than a terminal: broken at blanks, and indented from the second line
     // on.
     void sentence(std::string_view head, Style style, std::string_view text, std::size_t indent);
+    // A name and its value. On a narrow terminal the value goes on below its beginning.
+    void field(std::string_view name, std::string_view value);
     // One document with "schema" in front; once, and only with --json. The long array stands in
     // place of its member of that name.
     void document(Json document);
@@ -71,6 +73,8 @@ public:
 
 private:
     void say(std::string_view text);
+    std::string lineOf(std::string_view text) const;
+    void say(std::string_view head, Style style, std::string_view text);
     void sayWarning(std::string_view text);
     void warnOfRepeated();
     void writeKept(After after);
@@ -80,7 +84,8 @@ private:
     Settings settings_;
     bool colourOut_;
     bool colourErr_;
-    std::size_t columns_;  // of stdout; 0 when it is not a terminal
+    std::size_t columns_;     // of stdout; 0 when it is not a terminal
+    std::size_t columnsErr_;  // of stderr
     Spill kept_;
     std::vector<std::string> summaries_;
     std::vector<Json::Member> failureDetails_;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <system_error>
 #include <utility>
 
 #include <fmt/format.h>
@@ -37,9 +38,41 @@ ProgressBar::ProgressBar(std::string what, std::uint64_t steps, bool shown)
       steps_(std::max<std::uint64_t>(steps, 1)),
       shown_(shown && os::isTerminal(kTerminal)),
       began_(Clock::now()),
-      nextDraw_(began_ + kPatience) {}
+      nextDraw_(began_ + kPatience) {
+    if (shown_) {
+        start();
+    }
+}
+
+void ProgressBar::start() {
+    try {
+        clock_ = std::thread(&ProgressBar::drawInTime, this);
+    } catch (const std::system_error&) {
+        return;  // no thread to be had: then the steps alone draw
+    }
+}
+
+void ProgressBar::drawInTime() {
+    std::unique_lock lock(drawing_);
+    while (!ended_) {
+        const Clock::time_point next = nextDraw_;  // which steps move on meanwhile
+        end_.wait_until(lock, next);
+        const Clock::time_point at = Clock::now();
+        if (!ended_ && at >= nextDraw_) {
+            draw(std::min(done_.load(), steps_), at);
+        }
+    }
+}
 
 ProgressBar::~ProgressBar() {
+    if (clock_.joinable()) {
+        {
+            const std::lock_guard lock(drawing_);
+            ended_ = true;
+        }
+        end_.notify_one();
+        clock_.join();
+    }
     if (drawn_) {
         const std::string clear = "\r\033[K";
         (void)os::writeAll(kTerminal, clear.data(), clear.size());  // as in draw()
@@ -64,7 +97,12 @@ void ProgressBar::draw(std::uint64_t done, Clock::time_point at) {
     drawn_ = true;
     fmt::memory_buffer tail;  // have room for this without asking for memory
     fmt::memory_buffer line;
-    fmt::format_to(std::back_inserter(tail), " {:3}%", done * 100 / steps_);
+    if (done == 0) {
+        const auto passed = std::chrono::duration_cast<std::chrono::seconds>(at - began_);
+        fmt::format_to(std::back_inserter(tail), ", {} s", passed.count());
+    } else {
+        fmt::format_to(std::back_inserter(tail), " {:3}%", done * 100 / steps_);
+    }
     if (const std::int64_t seconds = left(done, at).count(); seconds >= kMinute) {
         fmt::format_to(std::back_inserter(tail), ", {} min left",
                        (seconds + kMinute - 1) / kMinute);
@@ -72,7 +110,8 @@ void ProgressBar::draw(std::uint64_t done, Clock::time_point at) {
         fmt::format_to(std::back_inserter(tail), ", {} s left", seconds);
     }
     fmt::format_to(std::back_inserter(line), "\r{}", what_);
-    if (const std::uint64_t columns = barColumns(what_.size() + tail.size()); columns != 0) {
+    const std::uint64_t columns = done == 0 ? 0 : barColumns(what_.size() + tail.size());
+    if (columns != 0) {
         const std::uint64_t filled = done * columns / steps_;
         fmt::format_to(std::back_inserter(line), " [{:#<{}}{:.<{}}]", "", filled, "",
                        columns - filled);
@@ -83,8 +122,11 @@ void ProgressBar::draw(std::uint64_t done, Clock::time_point at) {
                        line.size());  // a bar that cannot be drawn is no loss
 }
 
-// As if what is left took as long as what is done.
+// As if what is left took as long as what is done; 0 while nothing is.
 std::chrono::seconds ProgressBar::left(std::uint64_t done, Clock::time_point at) const noexcept {
+    if (done == 0) {
+        return {};
+    }
     const std::chrono::duration<double> elapsed = at - began_;
     const double seconds =
         elapsed.count() * static_cast<double>(steps_ - done) / static_cast<double>(done);

@@ -1,13 +1,15 @@
 // The progress of a long command: a bar on stderr, if that is a terminal, from half a second
-// on.
+// on, also while no step is done.
 #ifndef FSTORE_TERMINAL_PROGRESS_BAR_H
 #define FSTORE_TERMINAL_PROGRESS_BAR_H
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <thread>
 
 namespace fstore {
 
@@ -24,6 +26,8 @@ public:
 
 private:
     using Clock = std::chrono::steady_clock;
+    void start();
+    void drawInTime();
     void draw(std::uint64_t done, Clock::time_point at);
     std::chrono::seconds left(std::uint64_t done, Clock::time_point at) const noexcept;
 
@@ -35,6 +39,9 @@ private:
     bool drawn_ = false;
     const Clock::time_point began_;
     Clock::time_point nextDraw_;
+    bool ended_ = false;
+    std::condition_variable end_;
+    std::thread clock_;  // draws when no step does
 };
 
 }  // namespace fstore

@@ -194,8 +194,8 @@ class WidthTest(InitialisedTest):
         self.addCleanup(terminal.close)
         self.assertIn(terminal.wait(), (0, 3, 5), terminal.seen)
         plain = re.sub("\\x1b\\[[0-9;]*[mK]", "", terminal.seen)
-        return [line for line in plain.replace("\r\n", "\n").split("\n")
-                if not line.startswith("fstore: ")]
+        # Without messages, which go on in lines that are indented.
+        return re.sub(r"(?m)^fstore: .*\n(?:  .*\n)*", "", plain.replace("\r\n", "\n")).split("\n")
 
     def test_no_line_is_wider_than_the_terminal(self):
         for args in self.COMMANDS:
@@ -223,6 +223,30 @@ class WidthTest(InitialisedTest):
             self.assertEqual("".join(whole.split()), "".join("".join(lines).split()))
 
 
+class NarrowTest(InitialisedTest):
+    """What does not fit a narrow terminal goes on in the next line, and not amid a word."""
+
+    def on_terminal(self, args, columns):
+        terminal = Terminal(args, cwd=self.folder, columns=columns, password=support.PASSWORD,
+                            env={"NO_COLOR": "1"})
+        self.addCleanup(terminal.close)
+        terminal.wait()
+        return terminal.seen.replace("\r\n", "\n").splitlines()
+
+    def test_fields_and_messages(self):
+        self.put("settings/a", b"body")
+        self.run_tool("set", "a", "label=a label of several words that is long enough for two lines")
+        for args in ["show", "a"], ["show", "nothing-of-that-name"], ["check"]:
+            whole = "".join(self.on_terminal(args, 200))
+            for columns in (10, 20, 40):
+                with self.subTest(args=args, columns=columns):
+                    lines = self.on_terminal(args, columns)
+                    self.assertLessEqual(max(map(len, lines)), columns, lines)
+                    self.assertEqual("".join(whole.split()), "".join("".join(lines).split()))
+        (label,) = [line for line in self.on_terminal(["show", "a"], 80) if line.startswith("label")]
+        self.assertIn("label of several words that is long enough for two lines", label)
+
+
 class ProgressTest(InitialisedTest):
     @classmethod
     def fill(cls, folder):
@@ -247,6 +271,24 @@ class ProgressTest(InitialisedTest):
         self.addCleanup(terminal.close)
         self.assertEqual(0, terminal.wait(), terminal.seen)
         self.assertRegex(terminal.seen, r"Re-encrypting \[#+\.*\] +\d+%")
+
+    def test_plain_records_show_that_it_goes_on(self):
+        """They are copied without a step that could be counted."""
+        folder = self.folder / "plain"
+        folder.mkdir()
+        support.fstore("-D", folder, "init", *support.CHEAP)
+        for number in range(12):
+            run = support.fstore("-D", folder, "put", f"settings/{number}", "-", "--plain-body",
+                                 stdin=b"x")
+            self.assertEqual(0, run.code, run)
+        for columns in (40, 80, 200):
+            terminal = Terminal(["passwd", *support.CHEAP], cwd=folder, password=support.PASSWORD,
+                                columns=columns,
+                                env={"LD_PRELOAD": support.CALL_TRAP, "CALL_TRAP_PAUSE": "60",
+                                     "FSTORE_NEW_PASSWORD": support.PASSWORD})
+            self.addCleanup(terminal.close)
+            self.assertEqual(0, terminal.wait(), terminal.seen)
+            self.assertRegex(terminal.seen, r"\rRe-encrypting, \d+ s\x1b\[K")
 
     def test_a_bar_fits_a_narrow_terminal(self):
         for columns, bar in (40, r"Checking \[#*\.*\] +\d+%"), (16, r"Checking +\d+%"):

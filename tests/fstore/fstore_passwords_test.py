@@ -178,12 +178,14 @@ class TerminalTest(InitialisedTest):
         self.assertIn("body", terminal.seen)
 
     def test_interrupt_leaves_no_file(self):
-        terminal = self.terminal("get", "a", "-o", "out")
-        terminal.expect("Password: ")
-        self.assertEqual(3, len(list(self.folder.iterdir())))
-        terminal.type("\x03")
-        self.assertEqual(130, terminal.wait())
-        self.assertEqual(["db", "db.lock"], self.entries())
+        named = {"LD_PRELOAD": support.CALL_TRAP, "CALL_TRAP_NO_UNNAMED": "1"}
+        for env, drafts in ({}, []), (named, [".out.new-0"]):
+            terminal = self.terminal("get", "a", "-o", "out", env=env)
+            terminal.expect("Password: ")
+            self.assertEqual([*drafts, "db", "db.lock"], self.entries())
+            terminal.type("\x03")
+            self.assertEqual(130, terminal.wait())
+            self.assertEqual(["db", "db.lock"], self.entries())
 
     def test_hangup_ends_it(self):
         terminal = self.terminal("get", "a")
