@@ -131,7 +131,8 @@ BUGS = (
     Bug("tree_removed_through_a_link", FILES,
         "    if (type != os::EntryType::kFolder) {", "    if (type == os::EntryType::kFile) {",
         "lib_files_test:RemoveTreeTest.FollowsNoLink",
-        also=(("O_RDONLY | O_DIRECTORY | O_NOFOLLOW", "O_RDONLY | O_DIRECTORY"),)),
+        also=(("os::File folder = os::openFile(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW",
+               "os::File folder = os::openFile(path, O_RDONLY | O_DIRECTORY"),)),
     # The folders of the database.
     Bug("new_folder_not_synced_in_its_parent", "lib/database/folder_lock.cpp",
         "    if (!os::syncFolder(\"..\") && isNew) {",
