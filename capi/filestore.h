@@ -226,7 +226,8 @@ typedef struct filestore_key {
     uint32_t slot;     /* try this slot only; 0: whichever fits */
     const void* bytes; /* the caller's, who wipes them */
     size_t length;
-    const char* path; /* a file that has it and nothing else */
+    const char* path; /* a file that has it and nothing else; a relative name begins at the
+                       * process's folder */
     /* Writes it into `buffer`, memory of the library that is wiped after use, sets `length`, and
      * returns 0; otherwise the answer is FILESTORE_USAGE. Called while nothing is locked, and not
      * called when it is not needed. */

@@ -1,5 +1,7 @@
 #include "capi/key.h"
 
+#include <fcntl.h>
+
 #include <string_view>
 #include <utility>
 
@@ -12,6 +14,7 @@
 #include "lib/base/recovery_key.h"
 #include "lib/database/unlock_text.h"
 #include "lib/records/attributes.h"
+#include "os/base.h"
 
 namespace capi {
 namespace {
@@ -40,8 +43,15 @@ fstore::SecretText ask(const filestore_key& key) {
     return accepted(fstore::asText(buffer));
 }
 
+// The caller's file, which may be asked for while the thread is in the folder of a database.
+template <class Read>
+auto inProcessFolder(Read read) {
+    const os::Base base(AT_FDCWD);
+    return read();
+}
+
 fstore::SecretKey keyFileOf(const filestore_key& key) {
-    return key.path != nullptr ? fstore::KeyFile(key.path).read()
+    return key.path != nullptr ? inProcessFolder([&] { return fstore::KeyFile(key.path).read(); })
                                : fstore::parseKeyFile(readKey(key).view(), "what was given");
 }
 
@@ -88,7 +98,9 @@ fstore::SecretText readKey(const filestore_key& key) {
         return ask(key);
     }
     if (key.path != nullptr) {
-        return accepted(fstore::asText(fstore::InputFile(key.path).readAll(kMostRead)));
+        return inProcessFolder([&] {
+            return accepted(fstore::asText(fstore::InputFile(key.path).readAll(kMostRead)));
+        });
     }
     return accepted({static_cast<const char*>(key.bytes), key.length});
 }

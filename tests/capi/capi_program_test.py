@@ -50,6 +50,15 @@ class ProgramTest(unittest.TestCase):
                 self.assertEqual((0, "", ""), (stored.returncode, stored.stdout, stored.stderr))
                 self.assertEqual(f"by {writer.name}\n", self.run_notes(reader, "one").stdout)
 
+    def test_relative_names_begin_at_the_folder_of_the_process(self):
+        for program in self.programs:
+            for text in (["text"], []):
+                run = subprocess.run([program, "db-folder", "password", "one", *text],
+                                     cwd=self.place, capture_output=True, text=True, check=False,
+                                     timeout=60)
+                self.assertEqual((0, "" if text else "text\n", ""),
+                                 (run.returncode, run.stdout, run.stderr))
+
     def test_ends_with_the_status(self):
         for program in self.programs:
             self.run_notes(program, "one", "text")
