@@ -22,8 +22,11 @@ namespace {
 
 bool isInMemory(const char* path) noexcept {
     struct statfs status {};
-    return ::statfs(path, &status) == 0 &&
-           (status.f_type == TMPFS_MAGIC || status.f_type == RAMFS_MAGIC);
+    if (::statfs(path, &status) != 0) {
+        return false;
+    }
+    const auto system = static_cast<unsigned int>(status.f_type);
+    return system == TMPFS_MAGIC || system == RAMFS_MAGIC;
 }
 
 void overwrite(const char* path, off_t size) noexcept {

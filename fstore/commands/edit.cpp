@@ -29,6 +29,7 @@ struct Options {
 
 std::string editorOfUser() {
     for (const char* const name : {"VISUAL", "EDITOR"}) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): this process has one thread
         const char* const value = std::getenv(name);
         if (value != nullptr && *value != '\0') {
             return value;

@@ -47,7 +47,8 @@ bool isOurs(const std::string& file) {
     std::array<char, kHelp.size()> head{};
     const os::File opened = os::openFile(file.c_str(), O_RDONLY | O_NOCTTY | O_NOFOLLOW);
     const ssize_t size = opened ? os::readSome(opened.get(), head.data(), head.size()) : -1;
-    return size == 0 || std::string_view(head.data(), std::max<ssize_t>(size, 0)) == kHelp;
+    return size == 0 ||
+           (size > 0 && std::string_view(head.data(), static_cast<std::size_t>(size)) == kHelp);
 }
 
 // The value of a label, as the text format quotes it.

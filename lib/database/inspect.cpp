@@ -108,7 +108,7 @@ std::vector<Finding> usersFolder() {
 
 std::vector<Finding> inspect(Observer& observer) {
     const FolderState folders = folderState();
-    const std::vector<Finding> users = usersFolder();
+    std::vector<Finding> users = usersFolder();
     if (!folders.live && !users.empty()) {
         return users;
     }

@@ -69,6 +69,7 @@ void Trial::session(const TroubleMaker& trouble, std::size_t from) {
     if (recording_.workload.open && CMN_FILESTORE_S.open(password.c_str()) != kOk) {
         return fault("the start does not open");
     }
+    const auto noLinks = linksOf(recording_.workload);
     const std::vector<Step>& steps = recording_.workload.steps;
     for (std::size_t i = 0; i < steps.size(); ++i) {
         const Step& step = steps[i];
