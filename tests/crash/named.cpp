@@ -79,7 +79,7 @@ std::optional<NamedChange> NamedChange::choose(const Question& question,
     if (readable.empty()) {
         return std::nullopt;
     }
-    const std::string& id = readable[choice % readable.size()];
+    const std::string& id = readable[static_cast<std::size_t>(choice % readable.size())];
     const Found& found = recovered.records.at(id);
     constexpr std::uint64_t kRemovals = 3;  // one in so many
     const bool isRemoval = found != kAbsent && choice / readable.size() % kRemovals == 0;
