@@ -7,11 +7,13 @@
 
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "client/s_filestoreC.h"
 #include "cmn/no_throw.h"
 #include "format/layout.h"
+#include "format/record_name.h"
 #include "os/files.h"
 #include "service/password_digest.h"
 #include "service/s_filestore_mm.h"
@@ -83,6 +85,11 @@ Status writePasswordRecord(const char* password) {
     return record.store(FileStore::Sync::kLater);
 }
 
+// Those the store replaces, and never changes in place. Into others their owners may write.
+bool isOfRecord(std::string_view file) {
+    return hasMarker(file, kDscSuffix) || isUniqueName(file);
+}
+
 bool removeIfThere(const char* folder) {
     return os::presence(folder) == os::Presence::kAbsent || removeFolder(folder) == kOk;
 }
@@ -152,7 +159,7 @@ public:
         if (oldKey_.target() == nullptr || newKey_.target() == nullptr) {
             return kIo;
         }
-        if (!removeIfThere(kCopy) || duplicateFolder(kLive, kCopy) != kOk) {
+        if (!removeIfThere(kCopy) || duplicateFolder(kLive, kCopy, isOfRecord) != kOk) {
             return kIo;
         }
         if (state_.ownDecoder().setKey(oldKey_) != kOk) {

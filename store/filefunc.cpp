@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "cmn/no_throw.h"
 #include "os/files.h"
@@ -15,9 +16,9 @@ namespace {
 
 // What a copy makes of a folder that cannot be listed to its end, of a file that ends before
 // its size, and of what already has the name of the copy.
-enum class Copying {
-    kWhatIsSeen,  // goes on; adds to a folder, and overwrites a file
-    kAllAnew      // fails
+struct Copying {
+    bool isAnew = false;  // fails; otherwise it goes on, adds to a folder, and overwrites a file
+    NameTest isReplaced = nullptr;  // of duplicateFolder()
 };
 
 // Lengthens a path by an entry's name for as long as it lives.
@@ -69,19 +70,19 @@ Status listFirst(FileList& entries, const std::string& path) {
     }
 }
 
-Status copyFile(const char* from, const char* to, Copying copying) {
+Status copyFile(const char* from, const char* to, const Copying& copying) {
     os::File source;
     off_t size = 0;
     if (os::openRegular(from, source, size) != os::Opened::kRegular) {
         return kIo;
     }
-    const int existing = copying == Copying::kWhatIsSeen ? O_TRUNC : O_EXCL;
+    const int existing = copying.isAnew ? O_EXCL : O_TRUNC;
     os::File target = os::openFile(to, O_WRONLY | O_CREAT | existing | O_NONBLOCK | O_NOCTTY);
     if (!target) {
         return kIo;
     }
     // Some file systems tell only at the close that they had no room.
-    const off_t atLeast = copying == Copying::kAllAnew ? size : 0;
+    const off_t atLeast = copying.isAnew ? size : 0;
     const bool copied = copyBytes(source.get(), target.get(), atLeast);
     if (!target.close() || !copied) {
         (void)os::remove(to);
@@ -92,22 +93,24 @@ Status copyFile(const char* from, const char* to, Copying copying) {
 
 // A second name costs one call, and no bytes. Where it cannot be had, be it for the file
 // system's reasons, the file's or its owner's, the bytes are copied.
-Status duplicateFile(const FileList& entries, const char* from, const char* to) {
-    if (entries.isRegularFile() && os::link(from, to) == 0) {
+Status duplicateFile(const FileList& entries, const char* from, const char* to,
+                     const Copying& copying) {
+    if (copying.isReplaced != nullptr && entries.isRegularFile() &&
+        copying.isReplaced(entries.getName()) && os::link(from, to) == 0) {
         return kOk;
     }
-    return copyFile(from, to, Copying::kAllAnew);
+    return copyFile(from, to, copying);
 }
 
-bool makeFolder(const char* path, Copying copying) {
-    return os::mkdir(path, 0750) == 0 || (errno == EEXIST && copying == Copying::kWhatIsSeen);
+bool makeFolder(const char* path, const Copying& copying) {
+    return os::mkdir(path, 0750) == 0 || (errno == EEXIST && !copying.isAnew);
 }
 
 // The walks below are recursive. Their depth is bounded by the length that the
 // system allows a path, to which each level adds, and by the number of streams
 // that a process may have open, of which each level holds one.
 // NOLINTNEXTLINE(misc-no-recursion)
-Status copyTree(std::string& from, std::string& to, Copying copying) {
+Status copyTree(std::string& from, std::string& to, const Copying& copying) {
     if (!makeFolder(to.c_str(), copying)) {
         return kIo;
     }
@@ -119,21 +122,20 @@ Status copyTree(std::string& from, std::string& to, Copying copying) {
         }
         const Below source(from, entries.getName());
         const Below target(to, entries.getName());
-        const Status copied = entries.isFolder() != 0 ? copyTree(from, to, copying)
-                              : copying == Copying::kAllAnew
-                                  ? duplicateFile(entries, from.c_str(), to.c_str())
-                                  : copyFile(from.c_str(), to.c_str(), copying);
+        const Status copied = entries.isFolder() != 0
+                                  ? copyTree(from, to, copying)
+                                  : duplicateFile(entries, from.c_str(), to.c_str(), copying);
         if (copied != kOk) {
             return copied;
         }
     }
     if (listed == kIo) {
-        return copying == Copying::kWhatIsSeen ? kOk : kIo;
+        return copying.isAnew ? kIo : kOk;
     }
     return listed == kEnd ? kOk : listed;
 }
 
-Status copyTree(const char* from, const char* to, Copying copying) {
+Status copyTree(const char* from, const char* to, const Copying& copying) {
     return noThrow([&] {
         std::string source = from;
         std::string target = to;
@@ -240,7 +242,7 @@ bool FileList::isRegularFile() const {
 }
 
 Status copyFile(const char* from, const char* to) {
-    return copyFile(from, to, Copying::kWhatIsSeen);
+    return copyFile(from, to, {});
 }
 
 Status copyFolder(const char* from, const char* to) {
@@ -248,11 +250,13 @@ Status copyFolder(const char* from, const char* to) {
 }
 
 Status copyFolder_r(const char* from, const char* to) {
-    return copyTree(from, to, Copying::kWhatIsSeen);
+    return copyTree(from, to, {});
 }
 
-Status duplicateFolder(const char* from, const char* to) {
-    return from != nullptr && to != nullptr ? copyTree(from, to, Copying::kAllAnew) : kInvalid;
+Status duplicateFolder(const char* from, const char* to, NameTest isReplaced) {
+    return from != nullptr && to != nullptr
+               ? copyTree(from, to, {.isAnew = true, .isReplaced = isReplaced})
+               : kInvalid;
 }
 
 void clearFolder(const char* path) {

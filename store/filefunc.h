@@ -9,6 +9,7 @@
 #define STORE_FILEFUNC_H
 
 #include <string>
+#include <string_view>
 
 #include "cmn/export.h"
 #include "cmn/status.h"
@@ -78,12 +79,13 @@ private:
 [[nodiscard]] CMN_EXPORT Status copyFolder_r(const char* from, const char* to);  // not null
 
 // As copyFolder(), but makes `to`, and succeeds only when all of `from` was seen and is there.
-// Where the file system allows it, regular files are not copied: they get a second name in
-// `to`. Bytes that somebody changes in place change under both; a file that is replaced or
-// deleted in one folder stays what it is in the other.
+// Regular files whose names `isReplaced` takes are not copied where the file system allows it: they
+// get a second name in `to`. Bytes that somebody changes in place change under both; a file that is
+// replaced or deleted in one folder stays what it is in the other. None for null.
 //   kIo  also when `to` is there; or `from` or a folder in it is absent or could not be listed
 //        to its end, or a file ended before its size
-[[nodiscard]] Status duplicateFolder(const char* from, const char* to);
+using NameTest = bool (*)(std::string_view name);
+[[nodiscard]] Status duplicateFolder(const char* from, const char* to, NameTest isReplaced);
 
 // Deletes all that is in a folder; the folder stays, and so does silently what
 // cannot be deleted. A symbolic link is deleted, not followed, also when `path` is one.

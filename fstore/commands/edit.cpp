@@ -89,7 +89,7 @@ public:
         writeText(path, before.body);
         for (;;) {
             runEditor(editorOfUser(), path);
-            SecretBytes body = InputFile(path).readAll(Record::kMostBody);
+            SecretBytes body = InputFile(openRegular(path).file, path).readAll(Record::kMostBody);
             if (body == before.body) {
                 context_.output.note(fmt::format("{} is as it was", address_.print()));
                 context_.output.document({{"records", Json::array()}});

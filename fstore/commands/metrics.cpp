@@ -1,6 +1,4 @@
 // fstore metrics: what Prometheus asks of a database.
-#include <fcntl.h>
-
 #include <algorithm>
 #include <array>
 #include <limits>
@@ -36,19 +34,26 @@ struct Options {
     bool force = false;
 };
 
-constexpr std::string_view kHelp = "# HELP fstore_";
+constexpr std::string_view kHelp = "# HELP fstore_", kType = "# TYPE fstore_", kValue = "fstore_";
 
-// Whether nothing is lost with what has the name: it is from here, or empty. Where it is no file at
+// Whether nothing is lost with what has the name: all of it is from here. Where it is no file at
 // all, it is looked at when it is opened to be written.
 bool isOurs(const std::string& file) {
+    constexpr std::uint64_t kMost = 1 << 26;
     if (!isA(os::EntryType::kFile, file)) {
         return true;
     }
-    std::array<char, kHelp.size()> head{};
-    const os::File opened = os::openFile(file.c_str(), O_RDONLY | O_NOCTTY | O_NOFOLLOW);
-    const ssize_t size = opened ? os::readSome(opened.get(), head.data(), head.size()) : -1;
-    return size == 0 ||
-           (size > 0 && std::string_view(head.data(), static_cast<std::size_t>(size)) == kHelp);
+    const SecretBytes bytes = InputFile(openRegular(file).file, file).readAll(kMost);
+    std::string_view text = asText(bytes);
+    while (!text.empty()) {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        if (!std::ranges::any_of(std::array{kHelp, kType, kValue},
+                                 [&](std::string_view head) { return line.starts_with(head); })) {
+            return false;
+        }
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
+    }
+    return true;
 }
 
 // The value of a label, as the text format quotes it.
@@ -68,10 +73,10 @@ public:
     // All values of a metric follow its begin().
     void begin(std::string_view name, std::string_view help) {
         name_ = name;
-        text_ += fmt::format("{}{} {}\n# TYPE fstore_{} gauge\n", kHelp, name, help, name);
+        text_ += fmt::format("{}{} {}\n{}{} gauge\n", kHelp, name, help, kType, name);
     }
     void add(std::int64_t value, const std::string& labels = {}) {
-        text_ += fmt::format("fstore_{}{} {}\n", name_,
+        text_ += fmt::format("{}{}{} {}\n", kValue, name_,
                              labels.empty() ? "" : fmt::format("{{{}}}", labels), value);
     }
     // What is not known has no value, and so rings as absent().

@@ -34,6 +34,7 @@ class InputFile {
 public:
     // Opens `name`, or takes the standard input for "-".
     explicit InputFile(const std::string& name);
+    InputFile(os::File file, std::string name) : name_(std::move(name)), file_(std::move(file)) {}
 
     const std::string& name() const noexcept { return name_; }  // for messages
 

@@ -19,10 +19,11 @@ std::string_view plainName(const char* path) {
     return std::string_view(path).substr(std::string_view("./").size());
 }
 
-// Whether the folder is one that a database's records are in, now or during a change.
+// Whether the folder is one that a database's records are in, now, during a change or since one.
 bool holdsRecords(const std::string& folder) {
     const std::string_view name = std::string_view(folder).substr(folder.rfind('/') + 1);
     const bool isNamedSo =
+        name.starts_with(fmt::format("{}-", layout::kLiveName)) ||
         std::ranges::any_of(std::array{layout::kLive, layout::kCopy, layout::kPrevious},
                             [&](const char* path) { return plainName(path) == name; });
     return isNamedSo && exists(joined(folder, descriptorName(layout::kKeyRecord)));

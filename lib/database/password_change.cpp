@@ -57,7 +57,10 @@ void requireCopyable() {
 // A database in "./old_db" is somebody's, and the store would delete it for the next one.
 void keepWhatIsAside(Observer& observer) {
     if (const std::string kept = keepPrevious(compactTime(now())); !kept.empty()) {
-        observer.note(fmt::format("kept the previous database as {}, with its password", kept));
+        observer.note(fmt::format(
+            "kept the previous database as {}, with its password; records that are not encrypted "
+            "may be the same files in both: remove it with `rm -r`, and do not overwrite it",
+            kept));
     }
 }
 

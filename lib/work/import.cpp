@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <span>
 
 #include <fmt/format.h>
 
@@ -83,6 +84,24 @@ bool isOneHidden(Database& database, const std::vector<const PkiObject*>& object
                                        return false;
                                    }
                                });
+}
+
+// Whether nothing would be lost with one of the two. `one` is readable.
+bool isSame(const Record& one, Record other) {
+    if (one.hasSecrets() != other.hasSecrets()) {
+        return false;
+    }
+    other.decrypt();
+    const auto alike = [](std::span<const unsigned char> a, std::span<const unsigned char> b) {
+        return std::ranges::equal(a, b);
+    };
+    bool same = one.count() == other.count() && one.hasBody() == other.hasBody() &&
+                one.isBodyEncrypted() == other.isBodyEncrypted() && alike(one.body(), other.body());
+    for (unsigned int i = 0; same && i < one.count(); ++i) {
+        same = one.type(i) == other.type(i) && one.id(i) == other.id(i) &&
+               one.isEncrypted(i) == other.isEncrypted(i) && alike(one.bytes(i), other.bytes(i));
+    }
+    return same;
 }
 
 }  // namespace
@@ -223,13 +242,13 @@ Importer::Result Importer::import(const PkiObject& object, const std::string& fi
         warnOfPlain(object, found->second);
         return replaced;
     }
-    warnOfPlain(object, found->second);
+    std::optional<Result> moved;
     if (object.kind == Kind::kCertificate && hasKey(object) && !rules_.folder) {
-        if (auto moved = moveToKey(found->second)) {
-            return std::move(*moved);
-        }
+        moved = moveToKey(found->second);
     }
-    return {Outcome::kPresent, infoOf(RecordHead::read(found->second.front()))};
+    warnOfPlain(object, found->second);
+    return moved ? std::move(*moved)
+                 : Result{Outcome::kPresent, infoOf(RecordHead::read(found->second.front()))};
 }
 
 Importer::Result Importer::add(const PkiObject& object, const std::string& label, Address address) {
@@ -303,8 +322,9 @@ void Importer::fill(Record& record, const PkiObject& object, const std::string& 
 }
 
 // A certificate that was there without its key, into the folder of those with one; also
-// the end of such a move that was broken off.
-std::optional<Importer::Result> Importer::moveToKey(const std::vector<Address>& places) {
+// the end of such a move that was broken off. What is there twice in other ways stays: each may
+// have what the other has not.
+std::optional<Importer::Result> Importer::moveToKey(std::vector<Address>& places) {
     const auto remote = std::ranges::find(places, kRemote, &Address::folder);
     const auto local = std::ranges::find(places, kLocal, &Address::folder);
     if (remote == places.end()) {
@@ -315,16 +335,24 @@ std::optional<Importer::Result> Importer::moveToKey(const std::vector<Address>& 
         return std::nullopt;
     }
     old.decrypt();
-    Address address{kLocal, remote->name};
-    if (local == places.end()) {
+    const Address address{kLocal, remote->name};
+    const bool isNew = local == places.end();
+    if (isNew) {
         if (Record::isThere(address)) {
             return std::nullopt;
         }
         old.copyTo(address).write();
-    } else {
-        address = *local;
+    } else if (*local != address || !isSame(old, Record::read(address))) {
+        return std::nullopt;
     }
     (void)old.remove(owners_);  // what stays of it, `check` lists
+    if (hidden_.erase(*remote) != 0) {
+        hidden_.insert(address);
+    }
+    places.erase(remote);
+    if (isNew) {
+        places.push_back(address);
+    }
     return Result{Outcome::kMoved, infoOf(Record::read(address))};
 }
 

@@ -83,7 +83,7 @@ private:
               bool encrypt) const;
     Result add(const PkiObject& object, const std::string& label, Address address);
     Result replace(const PkiObject& object, const std::string& label, const Address& address);
-    std::optional<Result> moveToKey(const std::vector<Address>& places);
+    std::optional<Result> moveToKey(std::vector<Address>& places);
 
     Database& database_;
     ImportRules rules_;

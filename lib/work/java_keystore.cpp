@@ -1,5 +1,7 @@
 #include "lib/work/java_keystore.h"
 
+#include <algorithm>
+#include <array>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -54,7 +56,8 @@ std::string reasonIn(std::string_view said) {
     return clipped(printable(said), kMost);
 }
 
-Failure failureOf(const os::CommandEnd& end, std::string_view said, double seconds) {
+// `isSecret`: it is not to be repeated.
+Failure failureOf(const os::CommandEnd& end, std::string_view said, bool isSecret, double seconds) {
     if (end.isLate) {
         return {kMalformed, fmt::format("keytool did not convert this Java keystore within {} "
                                         "seconds, and was ended",
@@ -70,7 +73,7 @@ Failure failureOf(const os::CommandEnd& end, std::string_view said, double secon
                 "a key in this Java keystore has another password than the keystore; `keytool "
                 "-keypasswd` gives it the same one"};
     }
-    if (!reason.empty()) {
+    if (!reason.empty() && !isSecret) {
         return {kMalformed, "keytool did not convert this Java keystore: " + reason};
     }
     return {kMalformed, end.signal != 0 ? fmt::format("keytool was ended by signal {}", end.signal)
@@ -83,7 +86,7 @@ class Conversion {
 public:
     Conversion(Bytes keystore, const char* type, const os::MemoryFolder& folder,
                const SecretText& password)
-        : type_(type), folder_(folder) {
+        : type_(type), folder_(folder), password_(password) {
         writeFile(path("keystore"), keystore);
         writeFile(path("password"), octetsOf(password.view()));
         writeFile(path("new-password"), octetsOf(newPassword_.view()));
@@ -100,34 +103,52 @@ public:
     }
 
     std::string said() const {
-        const SecretBytes bytes = InputFile(path("said")).readAll(kMostInput);
+        const SecretBytes bytes = read(path("said"));
         return {bytes.begin(), bytes.end()};
     }
 
+    // Whether one of the passwords is in it.
+    bool isSecret(std::string_view said) const {
+        return std::ranges::any_of(
+            std::array{password_.view(), newPassword_.view()}, [&](std::string_view secret) {
+                return !secret.empty() && said.find(secret) != std::string_view::npos;
+            });
+    }
+
     std::vector<PkiPart> parts() const {
-        const SecretBytes made = InputFile(path("made.p12")).readAll(kMostInput);
+        if (!isA(os::EntryType::kFile, path("made.p12"))) {
+            throw Failure(kMalformed,
+                          "keytool did not convert this Java keystore, and says it did");
+        }
+        const SecretBytes made = read(path("made.p12"));
         return decodePki(made, [this]() -> const SecretText& { return newPassword_; });
     }
 
 private:
     std::string path(const char* name) const { return joined(folder_.path(), name); }
+    // Neither waits for what is no file, nor follows a link.
+    static SecretBytes read(const std::string& path) {
+        return InputFile(openRegular(path).file, path).readAll(kMostInput);
+    }
 
     const char* type_;
     const os::MemoryFolder& folder_;
+    const SecretText& password_;
     const SecretText newPassword_ = newPassword();
 };
 
 // Entries that keytool passes over, with a line for each, and succeeds all the same.
-void addPassedOver(std::string_view said, std::vector<PkiPart>& parts) {
+void addPassedOver(std::string_view said, bool isSecret, std::vector<PkiPart>& parts) {
     constexpr std::string_view kProblem = "Problem importing entry for alias ";
     constexpr std::size_t kMost = 200;
     for (std::size_t at = said.find(kProblem); at != std::string_view::npos;
          at = said.find(kProblem, at + kProblem.size())) {
         const std::string_view line = said.substr(at, said.find('\n', at) - at);
+        const std::string entry = clipped(printable(line.substr(kProblem.size())), kMost);
         parts.push_back(
             {0, "",
-             Failure(kMalformed, "keytool did not convert the entry " +
-                                     clipped(printable(line.substr(kProblem.size())), kMost))});
+             Failure(kMalformed, isSecret ? "keytool did not convert an entry"
+                                          : "keytool did not convert the entry " + entry)});
     }
 }
 
@@ -157,10 +178,10 @@ std::vector<PkiPart> decodeWithKeytool(Bytes bytes, const InputPassword& passwor
         }
         const std::string said = conversion.said();
         if (end.isLate || end.signal != 0 || end.exitCode != 0) {
-            throw failureOf(end, said, seconds);
+            throw failureOf(end, said, conversion.isSecret(said), seconds);
         }
         parts = conversion.parts();
-        addPassedOver(said, parts);
+        addPassedOver(said, conversion.isSecret(said), parts);
     } catch (const Failure& failure) {
         parts.push_back({0, "", failure});
     }

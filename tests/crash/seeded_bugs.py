@@ -160,7 +160,7 @@ BUGS = (
         "    return opened && os::syncfs(opened.get()) == 0;",
         "    return static_cast<bool>(opened);"),
     Bug("copy_that_breaks_off_taken_for_whole", RECRYPT,
-        "duplicateFolder(kLive, kCopy)", "copyFolder(kLive, kCopy)", CALLS),
+        "duplicateFolder(kLive, kCopy, isOfRecord)", "copyFolder(kLive, kCopy)", CALLS),
     Bug("copy_changed_in_place", RECORD,
         "    if (watched::rename(files.newDescriptor->c_str(), files.descriptor.c_str()) != 0) {\n"
         "        return kIo;",

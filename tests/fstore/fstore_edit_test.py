@@ -66,6 +66,11 @@ class EditTest(InitialisedTest):
         self.edit("settings/a", 'cp "$1" "$1~"; echo new > "$1.tmp"; mv "$1.tmp" "$1"')
         self.assertEqual(b"new\n", self.body("settings/a"))
 
+    def test_what_is_no_file_any_more_is_neither_waited_for_nor_followed(self):
+        for script, code in ('rm "$1"; mkfifo "$1"', 59), ('rm "$1"; ln -s /etc/passwd "$1"', 9):
+            self.edit("settings/a", script, code=code)
+            self.assertEqual(b"one\n", self.body("settings/a"))
+
     def test_an_editor_with_options(self):
         run = self.run_tool("edit", "settings/a", env={"VISUAL": "sed -i -e 's/one/a b/'",
                                                        "EDITOR": "false"})

@@ -187,10 +187,37 @@ class PlaceTest(ImportTest):
         self.assert_sound()
 
     def test_move_that_was_broken_off_is_finished(self):
-        self.import_files("leaf.pem")
-        self.import_files("leaf.pem", "p256.key", options=("--to", "certificates/local"))
+        address = self.import_files("leaf.pem", options=("--label", "mine"))["records"][0]["address"]
+        self.import_files("p256.key")
+        moved = address.replace("remote", "local")
+        self.run_tool("cp", address, moved)
         (record,) = self.import_files("leaf.pem")["records"]
-        self.assertEqual("moved", record["outcome"])
+        self.assertEqual(("moved", moved), (record["outcome"], record["address"]))
+        self.assertEqual(["certificates/local", "keys"], self.folders())
+
+    def test_what_is_there_twice_stays_with_what_each_has(self):
+        self.import_files("p256.key")
+        there = self.import_files("leaf.pem")["records"][0]["address"]
+        address = "certificates/remote/mine"
+        self.run_tool("cp", there, address)
+        self.run_tool("set", address, "0x8001=precious")
+        (record,) = self.import_files("leaf.pem")["records"]
+        self.assertEqual("present", record["outcome"])
+        self.assertEqual(["certificates/local", "certificates/remote", "keys"],
+                         sorted(self.folders()))
+        self.assertIn("precious", self.run_tool("show", address).out.decode())
+
+    def test_what_is_encrypted_stays_beside_a_plain_copy(self):
+        self.import_files("p256.key")
+        hidden = self.import_files("leaf.pem", options=("--encrypt", "--to",
+                                                         "certificates/remote"))
+        self.run_tool("cp", hidden["records"][0]["address"], "certificates/remote/kept")
+        self.import_files("leaf.pem", password=None,
+                          options=("--to", "certificates/local", "--name", "plain", "--no-input"))
+        (record,) = self.import_files("leaf.pem", options=("--encrypt",))["records"]
+        self.assertEqual("present", record["outcome"])
+        self.run_tool("show", "certificates/remote/kept")
+        self.run_tool("show", hidden["records"][0]["address"])
 
     def test_folder_that_was_asked_for(self):
         self.import_files("leaf.pem", "crl.pem", options=("--to", "settings"))

@@ -120,6 +120,19 @@ class KeystoreTest(InitialisedTest):
                              env=self.stand_in("os.kill(os.getpid(), 9)"))
         self.assertEqual("x.jks: keytool was ended by signal 9", message)
 
+    def test_no_password_is_repeated(self):
+        for file in ("-srcstorepass:file", "-deststorepass:file"):
+            rest = f"print('keytool error: no ' + pathlib.Path(given[{file!r}]).read_text())\nsys.exit(1)"
+            message = self.fails(59, "malformed", "import", "x.jks", env=self.stand_in(rest))
+            self.assertEqual("x.jks: keytool failed with 1, and gave no reason", message)
+
+    def test_what_is_no_file_is_neither_waited_for_nor_followed(self):
+        for rest in ("os.mkfifo(given['-destkeystore'])",
+                     "os.symlink('/etc/passwd', given['-destkeystore'])", "pass"):
+            message = self.fails(59, "malformed", "import", "x.jks", env=self.stand_in(rest))
+            self.assertEqual("x.jks: keytool did not convert this Java keystore, and says it did",
+                             message)
+
     def test_what_keytool_passes_over_is_told(self):
         env = self.stand_in("print('Problem importing entry for alias x: java.lang.Exception: no')\n" +
                             CONVERTS.format(key=str(self.folder / "www.key"),

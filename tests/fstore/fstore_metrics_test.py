@@ -91,7 +91,9 @@ class MetricsTest(MetricsCase):
         self.assertEqual(["db", "db.lock", "fstore.prom"], sorted(os.listdir(self.folder)))
 
     def test_a_file_of_others_is_replaced_with_force_only(self):
-        for contents in ("precious\n", "# HELP other_metric Of another program.\n", "# HELP fsto"):
+        ours = self.run_tool("metrics").out.decode()
+        for contents in ("precious\n", "# HELP other_metric Of another program.\n", "# HELP fsto",
+                         ours + 'node_other{x="y"} 1\n', "\n" + ours):
             path = self.write("fstore.prom", contents)
             self.assertIn("--force", self.run_tool("metrics", "-o", path, code=4).message)
             self.assertEqual(contents, path.read_text())

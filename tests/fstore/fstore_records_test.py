@@ -161,10 +161,11 @@ class OutputFileTest(InitialisedTest):
 
     def test_never_in_a_database(self):
         os.symlink("db/settings", self.folder / "linked")
+        shutil.copytree(self.folder / "db", self.folder / "db-20300131T000000Z")
         before = self.files()
         for path in ["db/settings/a.dsc", "db/key.dsc", "db/keys/new", "db.lock", "linked/new",
                      "db.index-wal", "db.index-shm", "db.index-journal", "new_db", "old_db", "db.lost",
-                     self.folder / "db/new", "./db/../db/crls/x"]:
+                     "db-20300131T000000Z/key.dsc", self.folder / "db/new", "./db/../db/crls/x"]:
             message = self.fails(4, "invalid", "get", "a", "-f", "-o", path)
             self.assertRegex(message, "is inside the database|is the database's own")
             for args in [("backup", "-f", path), ("export", "root", "-f", "-o", path),

@@ -268,9 +268,11 @@ bool areOneFile(const std::string& one, const std::string& other) {
 
 TEST(RecryptTest, RecordWithoutSecretsIsSharedWithThePreviousDatabase) {
     RecryptDatabase db;
+    support::writeFile("db/settings/note", "somebody's");
     ASSERT_EQ(kOk, recrypt("old", "new"));
     EXPECT_TRUE(areOneFile("old_db/settings/plain.dsc", "db/settings/plain.dsc"));
     EXPECT_FALSE(areOneFile("old_db/keys/secret.dsc", "db/keys/secret.dsc"));
+    EXPECT_FALSE(areOneFile("old_db/settings/note", "db/settings/note"));  // nobody's record
 }
 
 // Records are replaced and never changed in place, so what the two databases share stays what
