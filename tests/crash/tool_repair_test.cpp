@@ -46,6 +46,9 @@ std::vector<std::string> leftovers(const Tree& tree) {
         if (path.starts_with("db.lost")) {
             continue;  // what nobody acknowledged, and may all the same be wanted
         }
+        if (path.starts_with("old_db/") && tree.contains("db")) {
+            continue;  // the previous database stays what it was when it was changed
+        }
         if (path.starts_with("new_db") || ends(".$n$") || ends(".$o$") || ends(".$d$")) {
             found.push_back(path);
         }
