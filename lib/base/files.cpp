@@ -10,6 +10,7 @@
 #include <span>
 
 #include <fmt/format.h>
+#include <linux/magic.h>
 
 #include "lib/base/error.h"
 #include "lib/base/name_list.h"
@@ -348,8 +349,8 @@ void visitEntries(const std::string& path, const EntryUser& use) {
 // A folder has a link from each folder in it, besides its own name and ".". Others have one link
 // for a folder always, or answer what a server of theirs thinks.
 bool hasNoFolders(const std::string& path) {
-    constexpr std::array<std::uint32_t, 3> kCounting{0xef53, 0x58465342, 0x01021994};  // ext4, XFS,
-                                                                                       // tmpfs
+    constexpr std::array<std::uint32_t, 3> kCounting{EXT4_SUPER_MAGIC, XFS_SUPER_MAGIC,
+                                                     TMPFS_MAGIC};
     constexpr nlink_t kOfItself = 2;
     const os::File folder = os::openFile(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
     struct stat status {};

@@ -20,6 +20,7 @@
 namespace {
 
 using os::Draft;
+using support::namesIn;
 using support::readFile;
 using support::TempDir;
 using support::writeFile;
@@ -29,14 +30,6 @@ using Existing = Draft::Existing;
 
 bool write(const Draft& draft, const std::string& text) {
     return os::writeAll(draft.file().get(), text.data(), text.size());
-}
-
-std::vector<std::string> namesIn(const TempDir& dir) {
-    std::vector<std::string> names;
-    for (const auto& [name, content] : support::tree(dir.path())) {
-        names.push_back(name);
-    }
-    return names;
 }
 
 // The machine's file system for temporary files is one that has them, as any of the last ten years.

@@ -23,6 +23,7 @@ namespace {
 
 using fault::Call;
 using os::Output;
+using support::namesIn;
 using support::readFile;
 using support::TempDir;
 using support::writeFile;
@@ -39,14 +40,6 @@ mode_t typeOf(const std::string& path) {
     struct stat status {};
     EXPECT_EQ(0, lstat(path.c_str(), &status)) << path;
     return status.st_mode & S_IFMT;
-}
-
-std::vector<std::string> namesIn(const TempDir& dir) {
-    std::vector<std::string> names;
-    for (const auto& [name, content] : support::tree(dir.path())) {
-        names.push_back(name);
-    }
-    return names;
 }
 
 TEST(OutputTest, ReplacesAFileAsAWhole) {

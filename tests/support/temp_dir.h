@@ -12,6 +12,7 @@
 #include <map>
 #include <string>
 #include <system_error>
+#include <vector>
 
 namespace support {
 
@@ -105,6 +106,15 @@ inline std::map<std::string, std::string> tree(const std::string& root) {
         }
     }
     return entries;
+}
+
+// The names of all below a folder, in order.
+inline std::vector<std::string> namesIn(const TempDir& dir) {
+    std::vector<std::string> names;
+    for (const auto& [name, content] : tree(dir.path())) {
+        names.push_back(name);
+    }
+    return names;
 }
 
 }  // namespace support
