@@ -220,17 +220,14 @@ void Database::refuseOther() const {
 }
 
 // What recovery removes, or puts back as the database, is a folder with nothing else in it. A file
-// of that name is the user's: a printed sheet, say; and so is a folder with other things. A link
-// keeps nothing, and goes without what it leads to.
+// of that name is the user's: a printed sheet, say; and so are a link, and a folder with other
+// things.
 void Database::refuseFiles() const {
-    for (const char* const name : {layout::kCopy, layout::kPrevious}) {
-        const os::EntryType type = typeOf(name);
-        if (type == os::EntryType::kFile || type == os::EntryType::kOther) {
-            throw Failure(kInvalid,
-                          fmt::format("{} in {} is not a folder, and the database needs this name",
-                                      name, place_.describe()),
-                          Advice{"move it elsewhere"}, name);
-        }
+    if (const auto name = noFolder()) {
+        throw Failure(kInvalid,
+                      fmt::format("{} in {} is not a folder, and the database needs this name",
+                                  *name, place_.describe()),
+                      Advice{"move it elsewhere"}, *name);
     }
     if (const auto found = notOfDatabase()) {
         throw Failure(kInvalid,

@@ -100,6 +100,16 @@ std::optional<std::string> notOfPrevious() {
 
 }  // namespace
 
+std::optional<std::string> noFolder() {
+    for (const char* const path : {kCopy, kPrevious}) {
+        const os::EntryType type = typeOf(path);
+        if (type != os::EntryType::kFolder && type != os::EntryType::kUnknown) {
+            return path;
+        }
+    }
+    return std::nullopt;
+}
+
 std::optional<std::string> notOfDatabase() {
     std::optional<std::string> found;
     if (isA(os::EntryType::kFolder, kCopy)) {

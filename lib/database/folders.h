@@ -57,6 +57,10 @@ struct FolderState {
 
 FolderState folderState();
 
+// "./new_db" or "./old_db" where it is no folder: somebody's file, or link. "./db" is never a link,
+// so neither are these.
+std::optional<std::string> noFolder();
+
 // The path of something in "./new_db" or "./old_db" that no database holds: then the folder is the
 // user's, and must not be removed or taken for a database. Nothing where all is as a change of the
 // password or a restore leaves it, whole or broken off.

@@ -94,7 +94,12 @@ void repairOne(const Finding& finding) {
     }
 }
 
-std::vector<Finding> usersFolder() {
+// What a user has put where the database needs the name.
+std::vector<Finding> inTheWay() {
+    if (const auto name = noFolder()) {
+        return {{FindingKind::kUnknownFile, *name,
+                 "is not a folder, and the database needs this name; move it elsewhere"}};
+    }
     const auto found = notOfDatabase();
     if (!found) {
         return {};
@@ -108,7 +113,7 @@ std::vector<Finding> usersFolder() {
 
 std::vector<Finding> inspect(Observer& observer) {
     const FolderState folders = folderState();
-    std::vector<Finding> users = usersFolder();
+    std::vector<Finding> users = inTheWay();
     if (!folders.live && !users.empty()) {
         return users;
     }

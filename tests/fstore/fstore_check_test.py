@@ -5,6 +5,7 @@ import hashlib
 import os
 import re
 import shutil
+from pathlib import Path
 
 import kept_database
 import support
@@ -729,10 +730,14 @@ class LinkTest(TwoRecordsTest):
             for command in (["put", "-f", "settings/c", "-"], ["check", "--repair"],
                             ["passwd", *support.CHEAP]):
                 with self.subTest(name=name, command=command):
-                    (self.folder / name).symlink_to("outside")
-                    self.run_tool(*command, env={"FSTORE_NEW_PASSWORD": support.PASSWORD})
+                    link = self.folder / name
+                    link.symlink_to("outside")
+                    self.assertIn("move it elsewhere", self.fails(
+                        4, "invalid", *command,
+                        env={"FSTORE_NEW_PASSWORD": support.PASSWORD}))
                     self.intact()
-                    (self.folder / name).unlink(missing_ok=True)
+                    self.assertEqual(Path("outside"), link.readlink())
+                    link.unlink()
 
     def test_a_body_that_is_a_link_is_not_read(self):
         body = self.body_of("a")

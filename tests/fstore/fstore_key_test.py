@@ -588,8 +588,18 @@ class SlotsTest(SlotsCase):
                                 ["restore", backup, "--replace"]):
                     self.assertIn("move it elsewhere", self.fails(
                         4, "invalid", *command, env={"FSTORE_NEW_PASSWORD": "new"}))
+                found = self.run_tool("check", "--json").document["findings"]
+                self.assertEqual([("unknown-file", f"./{name}")],
+                                 [(each["kind"], each["path"]) for each in found])
                 self.assertTrue(self.opens())
                 self.assertEqual(written, sheet.read_text())
+                sheet.unlink()
+                sheet.symlink_to(self.outside)
+                for command in (["put", "settings/b", "-"], ["check", "--repair"],
+                                ["passwd", *CHEAP], ["restore", backup, "--replace"]):
+                    self.assertIn("move it elsewhere", self.fails(
+                        4, "invalid", *command, env={"FSTORE_NEW_PASSWORD": "new"}))
+                self.assertEqual(self.outside, sheet.readlink())
                 sheet.unlink()
         self.run_tool("check")
 
