@@ -4,15 +4,13 @@
 #include <array>
 #include <cstdint>
 #include <ctime>
-#include <iterator>
-#include <map>
-#include <set>
 #include <utility>
 
 #include <fmt/format.h>
 #include <openssl/x509_vfy.h>
 
 #include "lib/base/error.h"
+#include "lib/pki/issuer_paths.h"
 #include "lib/pki/made.h"
 #include "lib/pki/ossl.h"
 #include "lib/pki/revocation.h"
@@ -139,78 +137,15 @@ struct ChainVerifier::State {
     VerifyRules rules;
     const std::vector<SecretBytes>& ders;
     const std::vector<SecretBytes>& crlDers;
-    std::vector<ossl::Certificate> certificates;  // null for a damaged one
-    std::vector<ossl::Crl> crls;
-    std::set<std::size_t> roots;                               // by index
-    std::multimap<unsigned long, std::size_t> bySubject = {};  // by the digest of the name
-    mutable std::map<std::size_t, std::vector<std::size_t>> issuersOf_ = {};
-
-    // Those whose key made the signature; where there is none, those that have the name. OpenSSL
-    // would take any of the name.
-    std::vector<std::size_t> directIssuersOf(X509* subject, Verifier& verifier) const {
-        std::vector<std::size_t> named, signing;
-        const auto [first, last] = bySubject.equal_range(digestOf(X509_get_issuer_name(subject)));
-        for (auto each = first; each != last; ++each) {
-            if (X509_cmp(certificates[each->second].get(), subject) == 0 &&
-                roots.contains(each->second)) {
-                return {each->second};  // of many roots of one name each is its own
-            }
-            named.push_back(each->second);
-        }
-        std::ranges::copy_if(named, std::back_inserter(signing), [&](std::size_t issuer) {
-            return verifier.isIssuer(certificates[issuer].get(), subject);
-        });
-        return signing.empty() ? named : signing;
-    }
-
-    static unsigned long digestOf(const X509_NAME* name) {
-        return X509_NAME_hash_ex(name, nullptr, nullptr, nullptr);
-    }
-
-    // The same of one of the certificates, looked for once, those first that are in force and end
-    // last.
-    const std::vector<std::size_t>& issuersOf(std::size_t subject, Verifier& verifier) const {
-        const auto known = issuersOf_.find(subject);
-        return known != issuersOf_.end()
-                   ? known->second
-                   : issuersOf_
-                         .emplace(subject, sortedIssuersOf(certificates[subject].get(), verifier))
-                         .first->second;
-    }
-
-    std::vector<std::size_t> sortedIssuersOf(X509* subject, Verifier& verifier) const {
-        std::vector<std::size_t> issuers = directIssuersOf(subject, verifier);
-        std::ranges::stable_sort(issuers, [&](std::size_t a, std::size_t b) {
-            if (isInForce(a) != isInForce(b)) {
-                return isInForce(a);
-            }
-            return ASN1_TIME_compare(X509_get0_notAfter(certificates[a].get()),
-                                     X509_get0_notAfter(certificates[b].get())) > 0;
-        });
-        return issuers;
-    }
-
-    bool isInForce(std::size_t issuer) const {
-        const X509* const certificate = certificates[issuer].get();
-        std::time_t time = rules.time;
-        return X509_cmp_time(X509_get0_notBefore(certificate), &time) < 0 &&
-               X509_cmp_time(X509_get0_notAfter(certificate), &time) > 0;
-    }
-
-    // Whether two are of one holder with one key: a path through both has a shorter one in it.
-    bool isSameHolder(std::size_t a, std::size_t b) const {
-        X509* const one = certificates[a].get();
-        X509* const other = certificates[b].get();
-        return X509_NAME_cmp(X509_get_subject_name(one), X509_get_subject_name(other)) == 0 &&
-               X509_PUBKEY_eq(X509_get_X509_PUBKEY(one), X509_get_X509_PUBKEY(other)) == 1;
-    }
+    IssuerGraph graph;
+    std::vector<ossl::Crl> crls = {};
 
     // The roots among them, and all CRLs; what is no root goes to the others.
     Store storeOf(const Path& issuers, STACK_OF(X509) * others) const {
         Store store = made(Store(X509_STORE_new()));
         for (const std::size_t issuer : issuers) {
-            X509* const certificate = certificates[issuer].get();
-            if (roots.contains(issuer)) {
+            X509* const certificate = graph.at(issuer);
+            if (graph.isRoot(issuer)) {
                 (void)X509_STORE_add_cert(store.get(), certificate);
             } else {
                 (void)sk_X509_push(others, certificate);
@@ -222,11 +157,6 @@ struct ChainVerifier::State {
             }
         }
         return store;
-    }
-
-    std::size_t indexOf(const X509* certificate) const {
-        const auto found = std::ranges::find(certificates, certificate, &ossl::Certificate::get);
-        return static_cast<std::size_t>(found - certificates.begin());
     }
 
     // Asks only the lists of its issuer, which Revocation decodes again.
@@ -245,7 +175,7 @@ struct ChainVerifier::State {
                           const std::vector<std::size_t>& chain) const {
         for (std::size_t i = 0; i < chain.size(); ++i) {
             const bool isOwn = i == 0;
-            const X509* const subject = isOwn ? decoded : certificates[chain[i - 1]].get();
+            const X509* const subject = isOwn ? decoded : graph.at(chain[i - 1]);
             if (isRevoked(isOwn ? certificate : Bytes(ders[chain[i - 1]]), subject, chain[i])) {
                 return flawOf(X509_V_ERR_CERT_REVOKED, ownOrIssuer(isOwn, subject), subject);
             }
@@ -275,109 +205,15 @@ struct ChainVerifier::State {
 
 ChainVerifier::ChainVerifier(const std::vector<SecretBytes>& certificates,
                              const std::vector<SecretBytes>& crls, const VerifyRules& rules)
-    : state_(new State{rules, certificates, crls, {}, {}, {}}) {
+    : state_(new State{rules, certificates, crls,
+                       IssuerGraph(certificates, rules.time, IssuerGraph::Match::kNameToo)}) {
     const ossl::QuietErrors quiet;
-    for (const SecretBytes& der : certificates) {
-        X509* const certificate =
-            state_->certificates.emplace_back(ossl::decodeWhole<ossl::Certificate, d2i_X509>(der))
-                .get();
-        if (certificate == nullptr) {
-            continue;
-        }
-        const std::size_t index = state_->certificates.size() - 1;
-        state_->bySubject.emplace(State::digestOf(X509_get_subject_name(certificate)), index);
-        if (X509_self_signed(certificate, 1) == 1) {
-            state_->roots.insert(index);
-        }
-    }
     for (const SecretBytes& der : crls) {
         state_->crls.push_back(ossl::decodeWhole<ossl::Crl, d2i_X509_CRL>(der));
     }
 }
 
 ChainVerifier::~ChainVerifier() = default;
-
-namespace {
-
-// Finds the paths from a certificate to a root, the shortest first. Where many authorities have
-// issued each other, there are more of them than anybody can look at; OpenSSL would follow one of
-// them, however long, and wherever that ends.
-template <class State>
-class PathSearch {
-public:
-    // The verifier is for one certificate. With `inForce`, no issuer that is not goes into a path.
-    PathSearch(const State& state, Verifier& verifier, X509* certificate, bool inForce)
-        : state_(state), verifier_(verifier), inForce_(inForce) {
-        add(state.sortedIssuersOf(certificate, verifier), kNone);
-    }
-
-    // The next one; none when there is no other, or too many were looked at.
-    std::optional<Path> next() {
-        while (at_ < steps_.size() && steps_.size() < kMostSteps) {
-            const std::size_t step = at_++;
-            if (state_.roots.contains(steps_[step].issuer)) {
-                return pathTo(step);
-            }
-            if (!add(state_.issuersOf(steps_[step].issuer, verifier_), step) && deadEnd_ == kNone) {
-                deadEnd_ = step;
-            }
-        }
-        return std::nullopt;
-    }
-
-    // The issuers up to the first one that has none, for what is said about it; none if each has
-    // one, as far as they were looked at.
-    std::optional<Path> toDeadEnd() const {
-        return steps_.empty() || deadEnd_ != kNone ? std::optional(pathTo(deadEnd_)) : std::nullopt;
-    }
-
-    bool isGivenUp() const { return steps_.size() >= kMostSteps; }
-
-private:
-    static constexpr std::size_t kNone = SIZE_MAX, kMostSteps = 5000;
-
-    struct Step {
-        std::size_t issuer;
-        std::size_t below;  // the step before it, or kNone
-    };
-
-    // Whether there was one to add, or one that is on the path already.
-    bool add(const std::vector<std::size_t>& issuers, std::size_t below) {
-        for (const std::size_t issuer : issuers) {
-            if ((!inForce_ || state_.isInForce(issuer)) && !isOnPath(issuer, below)) {
-                steps_.push_back({issuer, below});
-            }
-        }
-        return !issuers.empty();
-    }
-
-    bool isOnPath(std::size_t issuer, std::size_t step) const {
-        for (; step != kNone; step = steps_[step].below) {
-            if (state_.isSameHolder(steps_[step].issuer, issuer)) {
-                return true;
-            }
-        }
-        return false;
-    }
-
-    Path pathTo(std::size_t step) const {
-        Path path;
-        for (; step != kNone; step = steps_[step].below) {
-            path.push_back(steps_[step].issuer);
-        }
-        std::ranges::reverse(path);
-        return path;
-    }
-
-    const State& state_;
-    Verifier& verifier_;
-    const bool inForce_;
-    std::vector<Step> steps_;
-    std::size_t at_ = 0;  // the first that was not looked at
-    std::size_t deadEnd_ = kNone;
-};
-
-}  // namespace
 
 Verdict ChainVerifier::State::verdictOn(Bytes der, X509* certificate, const Path& path) const {
     const auto others = made(ossl::Certificates(sk_X509_new_null()));
@@ -391,7 +227,7 @@ Verdict ChainVerifier::State::verdictOn(Bytes der, X509* certificate, const Path
     const STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(context.get());
     for (int i = 1; i < sk_X509_num(chain); ++i) {
         const X509* const issuer = sk_X509_value(chain, i);
-        verdict.chain.push_back(indexOf(issuer));
+        verdict.chain.push_back(graph.indexOf(issuer));
         verdict.until = std::min(verdict.until, parseTime(timeText(X509_get0_notAfter(issuer))));
     }
     // What is revoked stays so, whatever is wrong with a list.
@@ -404,18 +240,19 @@ Verdict ChainVerifier::State::verdictOn(Bytes der, X509* certificate, const Path
     return verdict;
 }
 
-// The first path on which it holds; where there is none, what is wrong with the shortest.
+// The first path on which it holds; where there is none, what is wrong with the best.
 Verdict ChainVerifier::State::verdictOn(Bytes der, X509* certificate) const {
     constexpr int kMostPaths = 50;
     Verifier verifier;
     std::optional<Verdict> first;
-    PathSearch inForce(*this, verifier, certificate, /*inForce=*/true);
-    for (int i = 0; i < kMostPaths; ++i) {
-        const auto path = inForce.next();
-        if (!path) {
-            break;
+    PathSearch inForce(graph, verifier, certificate, PathSearch::Visit::kEveryPath);
+    int tried = 0;
+    for (auto path = inForce.next(); path && tried < kMostPaths; path = inForce.next()) {
+        if (path->end != IssuerPath::End::kRoot) {
+            continue;
         }
-        Verdict verdict = verdictOn(der, certificate, *path);
+        ++tried;
+        Verdict verdict = verdictOn(der, certificate, path->issuers);
         if (verdict.why.empty()) {
             return verdict;
         }
@@ -426,21 +263,13 @@ Verdict ChainVerifier::State::verdictOn(Bytes der, X509* certificate) const {
     if (first) {
         return std::move(*first);
     }
-    PathSearch any(*this, verifier, certificate, /*inForce=*/false);
-    auto path = any.next();
-    if (!path) {
-        path = any.toDeadEnd();
+    const IssuerPath best = bestPath(graph, verifier, certificate);
+    if (best.end == IssuerPath::End::kCircle) {
+        return {.why = "no root is in the database: its issuers have only issued each other",
+                .chain = {},
+                .until = {}};
     }
-    if (!path) {
-        return {
-            .why = any.isGivenUp()
-                       ? "too many certificates may have issued those of the chain, and none of "
-                         "the shortest paths leads to a root"
-                       : "no root is in the database: its issuers have only issued each other",
-            .chain = {},
-            .until = {}};
-    }
-    return verdictOn(der, certificate, *path);
+    return verdictOn(der, certificate, best.issuers);
 }
 
 Verdict ChainVerifier::verify(Bytes certificate) const {

@@ -97,7 +97,7 @@ void addChain(Selection& selection, Database& database) {
     for (const std::size_t issuer : chain.issuers) {
         selection.certificates.push_back(ders[issuer]);
     }
-    selection.chainIsComplete = chain.complete;
+    selection.chainEnd = chain.end;
     selection.warnings = revocations.warnings();
 }
 
@@ -233,9 +233,12 @@ std::vector<std::string> warningsOf(const Selection& selection) {
         warnings.push_back(fmt::format("left out: {}", failure.what()));
     }
     warnings.insert(warnings.end(), selection.warnings.begin(), selection.warnings.end());
-    if (!selection.chainIsComplete) {
+    if (selection.chainEnd == IssuerPath::End::kNoIssuer) {
         warnings.emplace_back(
             "the chain ends before a root: its next issuer is not in the database");
+    } else if (selection.chainEnd == IssuerPath::End::kCircle) {
+        warnings.emplace_back(
+            "the chain does not end at a root: those that issued it have only issued each other");
     }
     return warnings;
 }

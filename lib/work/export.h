@@ -19,6 +19,7 @@
 #include "lib/base/error.h"
 #include "lib/base/secret.h"
 #include "lib/database/database.h"
+#include "lib/pki/issuer_paths.h"
 #include "lib/records/record_info.h"
 
 namespace fstore {
@@ -40,7 +41,7 @@ struct Selection {
     std::optional<SecretBytes> key;         // PKCS#8
     std::vector<SecretBytes> certificates;  // the key's own first, then its issuers
     SecretBytes other;                      // a CRL or request
-    bool chainIsComplete = true;
+    IssuerPath::End chainEnd = IssuerPath::End::kRoot;
     std::vector<Failure> leftOut;       // damaged records that might have gone with it
     std::vector<std::string> warnings;  // what else is to be said of the chain
 };

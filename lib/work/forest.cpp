@@ -68,15 +68,18 @@ void findIssuers(Seedlings& seedlings) {
         std::vector<std::size_t> indices;
         std::vector<SecretBytes> ders;
         const RecordInfo& info = seedlings[i].branch.info;
+        // What signed itself looks for nobody else, of whom hostile ones could offer many.
+        seedlings[i].branch.isRoot = info.subject == info.issuer &&
+                                     chainOf(seedlings[i].der, {}).end == IssuerPath::End::kRoot;
+        if (seedlings[i].branch.isRoot) {
+            continue;
+        }
         const auto [from, to] = bySubject.equal_range(folded(info.issuer));
-        // What issued itself looks for nobody else, of whom hostile ones could offer many.
-        const bool isOwn = info.subject == info.issuer;
-        for (auto each = from; each != to && !isOwn; ++each) {
+        for (auto each = from; each != to; ++each) {
             indices.push_back(each->second);
             ders.push_back(seedlings[each->second].der);
         }
         const Chain chain = chainOf(seedlings[i].der, ders);
-        seedlings[i].branch.isRoot = chain.complete && chain.issuers.empty();
         if (!chain.issuers.empty()) {
             seedlings[i].issuer = indices[chain.issuers.front()];
             seedlings[*seedlings[i].issuer].issued.push_back(i);

@@ -6,6 +6,7 @@ import subprocess
 
 import pki
 import support
+from authority import Authority
 from pki import openssl
 from support import InitialisedTest
 from terminal import Terminal
@@ -252,6 +253,54 @@ class ChainTest(ExportTest):
         for options in (("--chain",), ("--format", "p12")):
             self.fails(4, "invalid", "export", self.address("crl.der"), *options)
             self.fails(4, "invalid", "export", self.address("request.der"), *options)
+
+
+class CrossedTest(InitialisedTest):
+    """Two authorities that have issued each other, and the certificate of a server by one of them."""
+
+    def setUp(self):
+        super().setUp()
+        self.pem = {}
+        ca = {name: Authority(self.folder, name) for name in ("A", "B")}
+        for name, other in ("A", "B"), ("B", "A"):
+            request = openssl("req", "-new", "-key", ca[name].folder / "ca.key", "-subj", f"/CN={name}")
+            self.add(f"root-{name}", ca[name].certificate.read_bytes())
+            self.add(f"crossed-{name}", ca[other].sign(request, kind="issuer"))
+        request = self.run_tool("generate", "www", "--request", "--san", "www.example.com").out
+        self.add("www", ca["A"].sign(request))
+
+    def add(self, name, pem):
+        self.pem[name] = pem
+        self.run_tool("import", "-", "--name", name, stdin=pem)
+
+    def assert_chain(self, *names):
+        """Of www, for all who give one."""
+        text = b"".join(self.pem[name] for name in names)
+        run = self.run_tool("export", "certificates/local/www", "--chain", password=None)
+        self.assertEqual(text, run.out)
+        self.run_tool("deploy", "www.example.com", "--chain", self.folder / "www.pem",
+                      "--ref", self.folder / "www.pem", password=None)
+        deployed = (self.folder / "www.pem").read_bytes()
+        self.assertTrue(deployed.startswith(text))
+        self.assertEqual(len(names), deployed.count(b"BEGIN CERTIFICATE"))
+        return run
+
+    def test_shortest_way_to_a_root_is_the_chain(self):
+        run = self.assert_chain("www", "root-A")
+        self.assertEqual("", run.message)
+        (record,) = self.run_tool("verify", "www", "--json").document["records"]
+        self.assertEqual(["certificates/remote/root-A"], record["issuers"])
+        self.run_tool("rm", "-f", "root-A")
+        self.assertEqual("", self.assert_chain("www", "crossed-A", "root-B").message)
+
+    def test_no_certificate_is_in_it_twice(self):
+        self.run_tool("rm", "-f", "root-A", "root-B")
+        self.run_tool("cp", "certificates/remote/crossed-A", "certificates/remote/again")
+        run = self.assert_chain("www", "crossed-A", "crossed-B")
+        self.assertIn("those that issued it have only issued each other", run.message)
+        self.assertNotIn("not in the database", run.message)
+        run = self.run_tool("export", "crossed-A", "--chain")
+        self.assertEqual(self.pem["crossed-A"] + self.pem["crossed-B"], run.out)
 
 
 class FileTest(ExportTest):
