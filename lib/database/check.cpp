@@ -84,12 +84,22 @@ void inspectWithoutSlots(const Protection& protection, Database& database) {
         "backup has them, and `fstore key reset` makes new ones from the key");
 }
 
+// What keeps the database from having an index.
+void inspectPlaceOfIndex(const std::string& cache, std::vector<Finding>& findings) {
+    for (const std::string& path : othersInPlaceOfIndex(cache)) {
+        findings.push_back({Finding::Kind::kUnknownFile, path,
+                            "is not part of an index of records, which needs this name; move it "
+                            "elsewhere"});
+    }
+}
+
 // What the records of the password say, besides what stands in the folders.
 std::vector<Finding> inspectAll(Database& database) {
     std::vector<Finding> findings = inspect(database.observer());
     if (!findings.empty() && findings.front().kind == Finding::Kind::kMovedAside) {
         return findings;  // there is nothing to read yet
     }
+    inspectPlaceOfIndex(database.place().cache, findings);
     try {
         const Protection protection = database.examineProtection();
         if (protection.isKeyLost()) {

@@ -97,9 +97,20 @@ Hold Database::enter(Access access, Need need, std::span<const AddressText> name
     return hold;
 }
 
-IndexSetup Database::indexSetup(bool exclusive) const {
+// Once: a command enters more than once.
+void Database::noteNoIndex(const std::string& file) {
+    if (!std::exchange(notedNoIndex_, true)) {
+        observer_.note(
+            fmt::format("looking at every record, as {} is not an index of records, "
+                        "which needs this name; move it elsewhere",
+                        file));
+    }
+}
+
+IndexSetup Database::indexSetup(bool exclusive) {
     return {[this] { return indexFile(place_.cache); }, exclusive, place_.worthIndex,
-            [this](const std::string& file) { return makeFoldersFor(file, place_.cache); }};
+            [this](const std::string& file) { return makeFoldersFor(file, place_.cache); },
+            [this](const std::string& file) { noteNoIndex(file); }};
 }
 
 std::optional<IndexDoubt> Database::doubtOfIndex() {

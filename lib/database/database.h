@@ -167,7 +167,8 @@ private:
     void refuseOther() const;
     void refuseFiles() const;
     void enterRecords(Access access);
-    IndexSetup indexSetup(bool exclusive) const;
+    void noteNoIndex(const std::string& file);
+    IndexSetup indexSetup(bool exclusive);
     void enterShared();
     void enterNamed();
     void enterExclusive();
@@ -193,6 +194,7 @@ private:
     unsigned int openedBy_ = 0;
     std::optional<UnlockSlot> opener_;  // of that number, as it was then; none for 0
     bool warnedOfKey_ = false;
+    bool notedNoIndex_ = false;
     std::vector<AddressText> named_;  // what the last one who entered was about
     std::optional<Stamp> learned_;    // that of the folder that protection_ was read from
     std::string knownFolder_;         // directly in that folder, and no link; empty for none

@@ -2,9 +2,10 @@
 
 #include <fcntl.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <exception>
-#include <new>
+#include <iterator>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -13,6 +14,7 @@
 #include "lib/base/files.h"
 #include "lib/base/sha256.h"
 #include "lib/base/shared_lock.h"
+#include "lib/index/index_files.h"
 #include "os/files.h"
 #include "os/fs.h"
 #include "os/process.h"
@@ -46,6 +48,16 @@ bool isOnThisHost(std::string path) {
         path.erase(path.rfind('/'));
     }
     return isLocal(path.empty() ? "/" : path.c_str());
+}
+
+// Beside "./db", and the caller's if that is another one.
+std::vector<std::string> places(const std::string& cache) {
+    std::vector<std::string> files{layout::kIndex};
+    std::string chosen = indexFile(cache);
+    if (chosen.starts_with(cache + "/") && !cache.empty()) {
+        files.push_back(std::move(chosen));
+    }
+    return files;
 }
 
 }  // namespace
@@ -83,33 +95,22 @@ bool makeFoldersFor(const std::string& file, const std::string& cache) {
     return true;
 }
 
-bool removeIndexAt(const std::string& file) noexcept {
-    bool done = true;
-    try {
-        // The first is the file itself; the others SQLite keeps beside it, or it was made as.
-        for (const char* const suffix : {"", "-wal", "-shm", "-journal", "-new"}) {
-            done = (os::remove((file + suffix).c_str()) == 0 || errno == ENOENT) && done;
-        }
-    } catch (const std::bad_alloc&) {
-        done = false;
-    }
-    return done;
-}
-
 void removeIndex(const std::string& cache) noexcept {
     try {
-        for (const std::string& file : {joined(".", nameBeside()), indexFile(cache)}) {
-            if (!file.empty()) {
-                (void)removeIndexAt(file);
-            }
+        for (const std::string& file : places(cache)) {
+            (void)removeIndexAt(file);
         }
     } catch (const std::exception&) {
         // what is left of it is looked at as any other index
     }
 }
 
-bool isOfIndex(const std::string& name) {
-    return name == nameBeside() || name.starts_with(nameBeside() + "-");
+std::vector<std::string> othersInPlaceOfIndex(const std::string& cache) {
+    std::vector<std::string> others;
+    for (const std::string& file : places(cache)) {
+        std::ranges::move(othersAt(file), std::back_inserter(others));
+    }
+    return others;
 }
 
 }  // namespace fstore

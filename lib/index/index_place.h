@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 namespace fstore {
 
@@ -24,15 +25,12 @@ std::string indexFile(const std::string& cache);
 // Makes the folders of this file, in the caller's. False when they cannot be.
 bool makeFoldersFor(const std::string& file, const std::string& cache);
 
-// Removes the index of this path and what is beside it. Nobody else is in the database. False when
-// something of it stays.
-bool removeIndexAt(const std::string& file) noexcept;
-
-// The same, wherever it is.
+// Removes the index, wherever it is; see removeIndexAt().
 void removeIndex(const std::string& cache) noexcept;
 
-// Whether an entry beside "./db" is of the index.
-bool isOfIndex(const std::string& name);
+// What is somebody's where an index has its files; see othersAt(). By paths as people know them:
+// "./db.index".
+std::vector<std::string> othersInPlaceOfIndex(const std::string& cache);
 
 }  // namespace fstore
 

@@ -12,7 +12,8 @@
 namespace fstore {
 namespace {
 
-constexpr std::int64_t kApplication = 0x46534958;  // "FSIX"
+constexpr std::string_view kApplicationBytes = "FSIX";
+constexpr std::int64_t kApplication = 0x46534958;  // the same as a number
 constexpr std::int64_t kVersion = 3;
 
 // As columns of text have an order and a comparison of their own, all that is no number is bytes.
@@ -107,6 +108,19 @@ IndexHit hitOf(const SqlStatement& row) {
 
 }  // namespace
 
+bool IndexTables::isIndex(const std::string& file) {
+    using namespace std::string_view_literals;
+    constexpr std::string_view kMagic = "SQLite format 3\0"sv;
+    constexpr std::size_t kPlaceOfApplication = 68;
+    try {
+        const std::string head = Sql(file).head();
+        return head.starts_with(kMagic) &&
+               std::string_view(head).substr(kPlaceOfApplication).starts_with(kApplicationBytes);
+    } catch (const SqlFailure&) {
+        return false;
+    }
+}
+
 IndexTables::IndexTables(const std::string& file, const FolderStamp& folder) : sql_(file) {
     if (sql_.number("PRAGMA schema_version") == 0) {
         make(folder);
@@ -121,16 +135,16 @@ IndexTables::IndexTables(const std::string& file, const FolderStamp& folder) : s
 }
 
 void IndexTables::make(const FolderStamp& folder) {
-    sql_.run("PRAGMA journal_mode = WAL");
+    // While there is no log yet, so that the file itself says from its first page on whose it is.
+    sql_.run(
+        fmt::format("PRAGMA application_id = {}; PRAGMA journal_mode = WAL", kApplication).c_str());
     Change change(*this);
     if (sql_.number("SELECT count(*) FROM sqlite_schema") != 0) {
         throw SqlFailure::busy();  // another process was faster
     }
     sql_.run(kTables);
     SqlStatement(sql_, "INSERT INTO place VALUES (?, ?)").with(folder.device, folder.inode).run();
-    sql_.run(
-        fmt::format("PRAGMA application_id = {}; PRAGMA user_version = {}", kApplication, kVersion)
-            .c_str());
+    sql_.run(fmt::format("PRAGMA user_version = {}", kVersion).c_str());
     change.commit();
 }
 

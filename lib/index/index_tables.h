@@ -45,6 +45,10 @@ struct IndexHit {
 
 class IndexTables {
 public:
+    // Whether a regular file begins as one of ours does, of any version. False when it cannot be
+    // read. Changes nothing, whatever the file is.
+    static bool isIndex(const std::string& file);
+
     // The file of `folder`, an empty one or one that was made so; for any other throws a failure
     // that isDamage(), as for one of a newer version or of another folder.
     IndexTables(const std::string& file, const FolderStamp& folder);

@@ -15,6 +15,7 @@
 #include "lib/base/files.h"
 #include "lib/base/held_lock.h"
 #include "lib/base/name_list.h"
+#include "lib/index/index_files.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/descriptor.h"
 #include "os/files.h"
@@ -26,9 +27,6 @@ namespace {
 
 // Rows that are written at once.
 constexpr std::size_t kAtOnce = 10'000;
-
-// Under which the file is made.
-constexpr const char* kNew = "-new";
 
 // The least text of bytes whose hexadecimal digits begin with these.
 std::string leastWith(std::string digits) {
@@ -200,10 +198,14 @@ bool RecordIndex::open() {
         return false;
     }
     const auto place = FolderStamp::of(".");
+    if (!place || !othersAt(file()).empty()) {
+        isOff_ = true;
+        return false;
+    }
     constexpr mode_t kOthers = S_IRWXG | S_IRWXO;
-    if (!place || !S_ISREG(status.st_mode) || !os::isOwn(status) || status.st_nlink != 1 ||
-        (status.st_mode & kOthers) != 0) {
-        isOff_ = true;  // somebody else may write it
+    if (status.st_nlink != 1 || (status.st_mode & kOthers) != 0) {
+        // Somebody else may have written it. The next one is made as it should be.
+        isOff_ = !setup_.exclusive || !removeIndexAt(file());
         return false;
     }
     tables_ = std::make_unique<IndexTables>(file(), *place);
@@ -217,7 +219,7 @@ bool RecordIndex::open() {
 // Under another name first: a file of ours that SQLite has open must not be opened a second time,
 // as closing it would end SQLite's locks.
 void RecordIndex::makeFile() {
-    const std::string made = file() + kNew;
+    const std::string made = newIndexAt(file());
     (void)os::remove(made.c_str());
     {
         const os::File file =
@@ -247,11 +249,17 @@ void RecordIndex::giveUp(const SqlFailure& failure) noexcept {
 }
 
 bool RecordIndex::offer(std::size_t descriptors) {
-    if (isOff_ || descriptors <= setup_.worth) {
+    if (tables_ || descriptors <= setup_.worth) {
         return false;
     }
     try {
-        if (!file().empty() && !exists(file()) &&
+        if (const auto others = othersAt(file()); !file().empty() && !others.empty()) {
+            isOff_ = true;
+            if (setup_.inTheWay) {
+                setup_.inTheWay(others.front());
+            }
+        }
+        if (!isOff_ && !file().empty() && !exists(file()) &&
             (!setup_.makeFolders || setup_.makeFolders(file()))) {
             makeFile();
             wasMade_ = true;

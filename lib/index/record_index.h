@@ -53,6 +53,8 @@ struct IndexSetup {
     std::size_t worth = kWorthAnIndex;
     // Asked for before the file is made: whether its folder is there.
     std::function<bool(const std::string&)> makeFolders = {};
+    // Called when many records are looked at without an index since this path of it is somebody's.
+    std::function<void(const std::string&)> inTheWay = {};
 };
 
 class RecordIndex : public Lookup {

@@ -98,6 +98,17 @@ std::int64_t Sql::number(const char* query) {
     return statement.step() ? statement.number(0) : 0;
 }
 
+// By SQLite's own descriptor, since closing another one would end the locks of other connections.
+std::string Sql::head() {
+    sqlite3_file* file = nullptr;
+    require(sqlite3_file_control(connection_.get(), "main", SQLITE_FCNTL_FILE_POINTER,
+                                 static_cast<void*>(&file)));
+    std::string bytes(kHeadSize, '\0');
+    const int code = file->pMethods->xRead(file, bytes.data(), static_cast<int>(kHeadSize), 0);
+    require(code == SQLITE_IOERR_SHORT_READ ? SQLITE_OK : code);
+    return bytes;
+}
+
 std::int64_t Sql::lastRow() const noexcept {
     return sqlite3_last_insert_rowid(connection_.get());
 }

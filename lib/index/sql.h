@@ -6,6 +6,7 @@
 #ifndef LIB_INDEX_SQL_H
 #define LIB_INDEX_SQL_H
 
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <memory>
@@ -44,6 +45,10 @@ public:
     void run(const char* statements);
     // The first column of the first row.
     std::int64_t number(const char* query);
+
+    // The first bytes of the file, zeros after its end. Takes no lock, and reads nothing else.
+    static constexpr std::size_t kHeadSize = 100;
+    std::string head();
 
     // The last row that was inserted.
     std::int64_t lastRow() const noexcept;

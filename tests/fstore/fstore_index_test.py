@@ -177,14 +177,58 @@ class LargeTest(InitialisedTest):
 
     def test_a_bad_one_is_as_none(self):
         expected = self.answers()
-        for name, contents in (("garbage", b"g" * 99_999), ("empty", b""),
-                               ("cut", self.index.read_bytes()[:50_000])):
+        good = self.index.read_bytes()
+        for name, contents in (("garbage", good[:100] + b"g" * 99_999), ("empty", b""),
+                               ("cut", good[:50_000])):
             with self.subTest(name):
                 self.index.write_bytes(contents)
                 self.index.chmod(0o600)
                 self.assertEqual(expected, self.answers())
                 self.run_tool("set", "certificates/remote/r3", "0x8001=x")
                 self.assertEqual(expected, self.answers())
+
+    def foreign(self):
+        """What somebody has under the name of the index, one after the other: names of them."""
+        other = self.folder / "other"
+        with sqlite3.connect(other) as connection:
+            connection.execute("CREATE TABLE mine(text)")
+        connection.close()
+        for name, make in (("text", lambda: self.index.write_text("mine")),
+                           ("database", lambda: shutil.copy(other, self.index)),
+                           ("folder", self.index.mkdir),
+                           ("FIFO", lambda: os.mkfifo(self.index)),
+                           ("link", lambda: self.index.symlink_to(other)),
+                           ("link to nothing", lambda: self.index.symlink_to("nothing"))):
+            make()
+            yield name
+            if name == "folder":
+                self.index.rmdir()
+            else:
+                self.index.unlink()
+
+    def test_what_is_somebodys_stays(self):
+        key = pki.files() / "rsa.key"
+        self.run_tool("import", key)
+        question = ("ls", "--subject", "*host77.*")
+        expected = self.run_tool(*question).out
+        self.run_tool("check", "--repair")
+        for name in self.foreign():
+            with self.subTest(name):
+                before = self.index.lstat()
+                listed = self.run_tool(*question)
+                self.assertEqual(expected, listed.out)
+                self.assertEqual(1, listed.message.count("db.index is not an index of records"), listed.message)
+                self.assertIn("move it elsewhere", listed.message)
+                self.assertNotIn("db.index", self.run_tool("show", "r1").message)
+                self.run_tool("import", "--replace", key)
+                for more in ([], ["--repair"]):
+                    findings = self.run_tool("check", *more, "--json").document["findings"]
+                    self.assertEqual([("unknown-file", "./db.index", "none")],
+                                     [(each["kind"], each["path"], each["repair"]) for each in findings])
+                after = self.index.lstat()
+                self.assertEqual((before.st_ino, before.st_mtime_ns, before.st_size),
+                                 (after.st_ino, after.st_mtime_ns, after.st_size))
+        self.assertEqual([], list(self.folder.glob("db.index*")))
 
     def test_has_no_secret_in_it(self):
         self.put("keys/hidden", b"the secret of it")

@@ -26,6 +26,7 @@
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "lib/base/time.h"
+#include "lib/index/index_files.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/descriptor.h"
 #include "lib/records/record_head.h"
@@ -761,7 +762,7 @@ protected:
 };
 
 TEST_F(BadIndexTest, Truncated) {
-    for (const std::uintmax_t size : {1u, 100u, 4096u, 20'000u}) {
+    for (const std::uintmax_t size : {100u, 4096u, 20'000u}) {
         SCOPED_TRACE(size);
         fs::resize_file("db.index", size);
         expectRecovery();
@@ -774,9 +775,28 @@ TEST_F(BadIndexTest, Empty) {
     expectRecovery();
 }
 
-TEST_F(BadIndexTest, Garbage) {
-    writeFile("db.index", std::string(100'000, 'g'));
+// What a death leaves between the first page and the log.
+TEST_F(BadIndexTest, Begun) {
+    fs::remove("db.index");
+    fs::remove("db.index-wal");
+    fs::remove("db.index-shm");
+    writeFile("db.index", "");
+    ::chmod("db.index", 0600);
+    run("PRAGMA application_id = 0x46534958");
+    EXPECT_EQ(IndexOwner::kOurs, ownerOfIndex("db.index"));
     expectRecovery();
+}
+
+// The file itself says whose it is as soon as it has a page, whatever is still in the log.
+TEST_F(BadIndexTest, IsKnownWithoutItsLog) {
+    removeIndexAt("db.index");
+    {
+        const auto index = opened();
+        ASSERT_TRUE(index->withDigest("a"));
+        fs::copy_file("db.index", "copy");
+        ::chmod("copy", 0600);
+        EXPECT_EQ(IndexOwner::kOurs, ownerOfIndex("copy"));
+    }
 }
 
 TEST_F(BadIndexTest, GarbagePages) {
@@ -789,11 +809,6 @@ TEST_F(BadIndexTest, GarbagePages) {
 
 TEST_F(BadIndexTest, OfANewerVersion) {
     run("PRAGMA user_version = 2");
-    expectRecovery();
-}
-
-TEST_F(BadIndexTest, OfAnotherProgram) {
-    run("PRAGMA application_id = 7");
     expectRecovery();
 }
 
@@ -817,16 +832,118 @@ TEST_F(BadIndexTest, OfAnotherDatabase) {
     }
 }
 
-TEST_F(BadIndexTest, ThatOthersMayWriteOrThatIsALink) {
+TEST_F(BadIndexTest, ThatOthersMayWrite) {
+    const auto mode = [] {
+        struct stat status {};
+        return ::stat("db.index", &status) == 0 ? status.st_mode & 0777 : 0;
+    };
     ASSERT_EQ(0, ::chmod("db.index", 0666));
-    EXPECT_FALSE(opened()->withDigest("a"));
-    fs::rename("db.index", "elsewhere");
-    ASSERT_EQ(0, ::chmod("elsewhere", 0600));
-    fs::create_symlink("elsewhere", "db.index");
-    EXPECT_FALSE(opened()->withDigest("a"));
-    fs::remove("db.index");
+    EXPECT_FALSE(opened(false)->withDigest("a"));
+    EXPECT_EQ(0666U, mode());
+    expectRecovery();
+    EXPECT_EQ(0600U, mode());
+}
+
+// What is somebody's has this name or one beside it.
+class SomebodysTest : public BadIndexTest {
+protected:
+    // Asks and removes as everybody does. All is as it was, and who looks at many records is told.
+    void expectLeft(const std::string& path) {
+        const auto before = support::tree(".");
+        for (const bool exclusive : {false, true}) {
+            std::vector<std::string> told;
+            IndexSetup asked = setup(exclusive);
+            asked.inTheWay = [&](const std::string& file) { told.push_back(file); };
+            RecordIndex index(std::move(asked));
+            EXPECT_FALSE(index.withDigest("a"));
+            EXPECT_FALSE(index.offer(1));
+            EXPECT_FALSE(index.withDigest("a"));
+            EXPECT_THAT(told, ElementsAre(std::string(folder_ / path)));
+        }
+        EXPECT_THAT(othersInPlaceOfIndex(""), testing::Contains("./" + path));
+        EXPECT_EQ(before, support::tree("."));
+    }
+
+    void expectNeverRemoved(const std::string& path) {
+        expectLeft(path);
+        removeIndex("");
+        EXPECT_NE(fs::file_type::not_found, fs::symlink_status(path).type());
+    }
+
+    void noIndex() { ASSERT_TRUE(removeIndexAt(folder_ / "db.index")); }
+};
+
+TEST_F(SomebodysTest, ADatabaseOfAnotherProgram) {
+    run("PRAGMA application_id = 7; PRAGMA wal_checkpoint(TRUNCATE)");
+    expectNeverRemoved("db.index");
+    removeIndex("");
+    EXPECT_FALSE(othersAt("db.index").empty());
+}
+
+TEST_F(SomebodysTest, Text) {
+    for (const std::string& text :
+         {std::string("g"), std::string(100'000, 'g'), std::string(100'000, '\0')}) {
+        SCOPED_TRACE(text.size());
+        writeFile("db.index", text);
+        expectNeverRemoved("db.index");
+        EXPECT_EQ(text, support::readFile("db.index"));
+    }
+}
+
+TEST_F(SomebodysTest, AnEmptyFileThatOthersMayRead) {
+    fs::resize_file("db.index", 0);
+    ASSERT_EQ(0, ::chmod("db.index", 0644));
+    expectNeverRemoved("db.index");
+}
+
+TEST_F(SomebodysTest, AFolder) {
+    noIndex();
     fs::create_directory("db.index");
-    EXPECT_FALSE(opened()->withDigest("a"));
+    expectNeverRemoved("db.index");
+}
+
+TEST_F(SomebodysTest, AFifo) {
+    noIndex();
+    ASSERT_EQ(0, ::mkfifo("db.index", 0600));
+    expectNeverRemoved("db.index");
+}
+
+TEST_F(SomebodysTest, ALink) {
+    fs::rename("db.index", "elsewhere");
+    fs::create_symlink("elsewhere", "db.index");
+    expectNeverRemoved("db.index");
+    fs::remove("elsewhere");
+    expectNeverRemoved("db.index");
+}
+
+TEST_F(SomebodysTest, WhatIsBesideAFileOfTheirs) {
+    writeFile("db.index", "text");
+    writeFile("db.index-wal", "\x37\x7F\x06\x82");
+    expectNeverRemoved("db.index");
+    removeIndex("");
+    EXPECT_TRUE(fs::exists("db.index-wal"));
+    EXPECT_THAT(othersAt("db.index"), testing::Contains("db.index-wal"));
+}
+
+TEST_F(SomebodysTest, WhatIsBesideAnIndex) {
+    for (const std::string path :
+         {"db.index-wal", "db.index-shm", "db.index-journal", "db.index-new"}) {
+        for (const bool isThere : {true, false}) {
+            SCOPED_TRACE(path + (isThere ? "" : " alone"));
+            noIndex();
+            if (isThere) {
+                EXPECT_TRUE(opened()->withDigest("a"));
+            }
+            fs::remove(path);
+            writeFile(path, "somebody's text");
+            expectNeverRemoved(path);
+            EXPECT_EQ("somebody's text", support::readFile(path));
+            fs::remove(path);
+            ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+            expectNeverRemoved(path);
+            fs::remove(path);
+        }
+    }
 }
 
 TEST_F(BadIndexTest, DeletedWhileOpen) {
