@@ -194,8 +194,29 @@ void declare(CLI::App& app, const Option& option) {
     }
 }
 
+// Which commands the parser has to know: those that the line names. All of them take longer to
+// declare than most of them to run, and only help tells of all.
+class Wanted {
+public:
+    explicit Wanted(const std::vector<std::string>& words) : words_(words) {
+        const auto asksForHelp = [](const std::string& word) {
+            const bool isShort = word.size() > 1 && word[0] == '-' && word[1] != '-';
+            return word == "--help" || (isShort && word.find('h') != std::string::npos);
+        };
+        all_ = std::ranges::any_of(words, asksForHelp);
+    }
+
+    bool operator()(const Command& command) const {
+        return all_ || std::ranges::find(words_, command.name()) != words_.end();
+    }
+
+private:
+    const std::vector<std::string>& words_;
+    bool all_;
+};
+
 // NOLINTNEXTLINE(misc-no-recursion): as deep as the commands are declared
-void declare(CLI::App& app, const Command& command) {
+void declare(CLI::App& app, const Command& command, const Wanted& isWanted) {
     CLI::App& added = *app.add_subcommand(command.name(), command.description());
     added.fallthrough();
     if (command.isHidden()) {
@@ -205,7 +226,9 @@ void declare(CLI::App& app, const Command& command) {
         declare(added, option);
     }
     for (const Command& below : command.subcommands()) {
-        declare(added, below);
+        if (isWanted(below)) {
+            declare(added, below, isWanted);
+        }
     }
     added.require_subcommand(command.subcommands().empty() ? 0 : 1);
 }
@@ -262,8 +285,9 @@ std::string wordsOf(const CLI::ParseError& error, const CLI::App& app, const Cli
     return otherMisuse(path, words);
 }
 
-// The parser of all that `cli` declares.
-void declare(CLI::App& app, const Cli& cli) {
+// Makes the parser of these words of what `cli` declares.
+void declare(CLI::App& app, const Cli& cli, const std::vector<std::string>& words) {
+    const Wanted isWanted(words);
     app.require_subcommand(1);
     app.fallthrough();
     app.footer("\"fstore COMMAND --help\" describes one command.");
@@ -271,7 +295,9 @@ void declare(CLI::App& app, const Cli& cli) {
         declare(app, option);
     }
     for (const Command& command : cli.commands()) {
-        declare(app, command);
+        if (isWanted(command)) {
+            declare(app, command, isWanted);
+        }
     }
 }
 
@@ -370,9 +396,10 @@ Command& Cli::add(std::string name, std::string description, Run run) {
 
 int Cli::execute(int argc, const char* const* argv) {
     CLI::App app(program_.description(), program_.name());
-    declare(app, *this);
+    std::vector<std::string> words = lineOf(argc, argv);
+    declare(app, *this, words);
     try {
-        app.parse(lineOf(argc, argv));
+        app.parse(std::move(words));
     } catch (const CLI::ParseError& error) {
         Output output({.json = asksForJson(argc, argv)});
         if (error.get_exit_code() == 0) {  // --help or --version
@@ -392,8 +419,8 @@ int Cli::execute(int argc, const char* const* argv) {
 
 std::string Cli::help(std::vector<std::string> words) const {
     CLI::App app(program_.description(), program_.name());
-    declare(app, *this);
     words.emplace_back("--help");
+    declare(app, *this, words);
     std::ranges::reverse(words);  // as the parser takes them
     try {
         app.parse(std::move(words));
