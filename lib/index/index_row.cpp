@@ -8,7 +8,6 @@
 #include "format/record_name.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
-#include "lib/records/attributes.h"
 #include "lib/records/descriptor.h"
 #include "lib/records/filter.h"
 #include "lib/records/record_head.h"
@@ -33,15 +32,6 @@ void addBody(IndexRow& row, const std::string& path) {
 // Rows keep the names in one text, a line each.
 bool hasLine(const std::string& text) {
     return text.find('\n') != std::string::npos;
-}
-
-bool hidesKind(const RecordHead& head) {
-    for (unsigned int i = 0; i < head.count(); ++i) {
-        if (head.id(i) == attr::kKind && head.isEncrypted(i)) {
-            return true;
-        }
-    }
-    return false;
 }
 
 void addRecord(IndexRow& row, const Address& address) {

@@ -91,6 +91,8 @@ public:
     // One more with this id.
     void addText(unsigned int id, std::string_view text);
     void addBinary(unsigned int id, std::span<const unsigned char> bytes, bool encrypted);
+    // One more of any type, in plain form.
+    void add(unsigned int type, unsigned int id, std::span<const unsigned char> bytes);
     // Removes every attribute with this id, of whatever type; how many there were.
     unsigned int removeAll(unsigned int id);
 
@@ -140,7 +142,6 @@ private:
     // For whatever changes it, one call; its status is for check().
     aFileStore& changing() noexcept;
     void set(unsigned int type, unsigned int id, std::span<const unsigned char> bytes);
-    void add(unsigned int type, unsigned int id, std::span<const unsigned char> bytes);
     void setOrRemove(unsigned int type, unsigned int id, std::string_view text);
     std::uint64_t descriptorSize() const;
     void requireReadable() const;

@@ -13,6 +13,14 @@
 namespace fstore {
 
 RecordHead RecordHead::read(const Address& address) {
+    RecordHead head = readWithoutBody(address);
+    if (head.hasBody()) {
+        head.findBody();
+    }
+    return head;
+}
+
+RecordHead RecordHead::readWithoutBody(const Address& address) {
     const std::string path = descriptorPath(address);
     if (!exists(path)) {
         throw NoRecord(address.print());
@@ -23,7 +31,7 @@ RecordHead RecordHead::read(const Address& address) {
         checkRead(kMalformed, address);
     }
     if (const DescriptorLine* const reference = findBodyReference(lines)) {
-        head.findBody(*reference);
+        head.nameBody(*reference);
     }
     std::erase_if(lines, [](const DescriptorLine& line) {
         return line.form != DescriptorLine::Form::kAttribute || (line.type & kFlagBody) != 0;
@@ -32,13 +40,16 @@ RecordHead RecordHead::read(const Address& address) {
     return head;
 }
 
-void RecordHead::findBody(const DescriptorLine& reference) {
+void RecordHead::nameBody(const DescriptorLine& reference) {
     const std::string name(bodyNameIn(reference.value));
     if (!isBodyName(name)) {
         checkRead(kMalformed, address_);
     }
     bodyPath_ = joined(folderPath(address_.folder), name);
     bodyEncrypted_ = (reference.type & kFlagEncrypted) != 0;
+}
+
+void RecordHead::findBody() {
     struct stat status {};
     const bool isThere = os::lstat(bodyPath_.c_str(), &status) == 0;
     if (!isThere || S_ISLNK(status.st_mode)) {

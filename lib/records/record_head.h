@@ -23,6 +23,9 @@ public:
     // opened.
     static RecordHead read(const Address& address);
 
+    // The same, also where the body file is missing or cannot be one: what the descriptor says.
+    static RecordHead readWithoutBody(const Address& address);
+
     const Address& address() const noexcept { return address_; }
 
     // Whether something of it is kept encrypted.
@@ -46,7 +49,8 @@ public:
 
 private:
     explicit RecordHead(Address address) : address_(std::move(address)) {}
-    void findBody(const DescriptorLine& reference);
+    void nameBody(const DescriptorLine& reference);
+    void findBody();
 
     Address address_;
     std::vector<DescriptorLine> attributes_;

@@ -140,4 +140,13 @@ bool hidesItsDescription(const RecordHead& head) {
     return hidesDescription(head);
 }
 
+bool hidesKind(const RecordHead& head) {
+    for (unsigned int i = 0; i < head.count(); ++i) {
+        if (head.id(i) == attr::kKind && head.isEncrypted(i)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace fstore

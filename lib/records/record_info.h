@@ -38,6 +38,9 @@ RecordInfo infoOf(const RecordCopy& copy);
 bool hidesItsDescription(const Record& record);
 bool hidesItsDescription(const RecordHead& head);
 
+// Whether its kind is kept encrypted.
+bool hidesKind(const RecordHead& head);
+
 }  // namespace fstore
 
 #endif  // LIB_RECORDS_RECORD_INFO_H

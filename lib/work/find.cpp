@@ -208,6 +208,26 @@ std::set<std::string> keysOf(Database& database, bool unlocked) {
     return keys;
 }
 
+// Whether the descriptor of a record without its body says that the filter does not mean it. Which
+// keys there are is not known where one of them is damaged.
+bool isRuledOut(const Address& address, const Filter& filter, bool unlocked) {
+    if (filter.needsKeys()) {
+        return false;
+    }
+    try {
+        const RecordHead head = RecordHead::readWithoutBody(address);
+        bool isHidden = false;
+        for (unsigned int i = 0; i < head.count(); ++i) {
+            isHidden = isHidden || head.isEncrypted(i);
+        }
+        const RecordInfo info = infoOf(head);
+        return !(unlocked && isHidden) && !filter.matches(head, info) &&
+               !filter.mayMatch(head, info);
+    } catch (const Failure&) {
+        return false;
+    }
+}
+
 Listing readPart(Observer& observer, Addresses addresses, const Filter& filter, bool unlocked) {
     Listing listing;
     for (const Address& address : addresses) {
@@ -223,7 +243,9 @@ Listing readPart(Observer& observer, Addresses addresses, const Filter& filter, 
         } catch (const TooLarge& failure) {
             listing.unread.push_back(failure);
         } catch (const Failure& failure) {
-            listing.damaged.emplace_back(address, failure);
+            if (!isRuledOut(address, filter, unlocked)) {
+                listing.damaged.emplace_back(address, failure);
+            }
         }
     }
     return listing;

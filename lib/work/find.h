@@ -29,8 +29,9 @@ struct FindRules {
     bool secrets = false;  // look at encrypted parts, too: the database is open
 };
 
-// What could not be looked at, or not wholly. None of it is left out: an answer without it would be
-// wrong where a record is missed.
+// What could not be looked at, or not wholly. None of it is left out, but for damaged records whose
+// descriptors say that they are not meant: an answer without it would be wrong where a record is
+// missed.
 struct Missed {
     std::vector<std::pair<Address, Failure>> damaged;  // or not allowed to be read
     std::vector<Address> undated;                      // Filter::mayMatch()

@@ -188,7 +188,18 @@ void Importer::learn(const Address& address) {
     } catch (const TooLarge& failure) {
         database_.observer().warn(failure.what());
     } catch (const Failure&) {
-        // a damaged record is none of the objects; ls and check tell about it
+        learnDamaged(address);
+    }
+}
+
+void Importer::learnDamaged(const Address& address) {
+    try {
+        const RecordInfo info = infoOf(RecordHead::readWithoutBody(address));
+        if (!info.sha256.empty()) {
+            damaged_[{info.kind, info.sha256}].push_back(address);
+        }
+    } catch (const Failure&) {
+        // nobody knows what it was; ls and check tell about it
     }
 }
 
@@ -206,6 +217,10 @@ RecordInfo Importer::index(RecordInfo info, bool isHidden) {
         keys_.insert(info.keySha256);
     }
     return info;
+}
+
+bool Importer::isKnown(const Identity& identity) const {
+    return present_.contains(identity) || damaged_.contains(identity);
 }
 
 bool Importer::hasKey(const PkiObject& object) const {
@@ -233,10 +248,25 @@ Address Importer::addressFor(const PkiObject& object, const std::string& label) 
 
 Importer::Result Importer::import(const PkiObject& object, const std::string& fileLabel) {
     const std::string& label = rules_.label.empty() && !rules_.encrypt ? fileLabel : rules_.label;
-    const auto found = present_.find({object.kind, toHex(object.sha256)});
-    if (found == present_.end()) {
-        return add(object, label, addressFor(object, label));
+    const Identity identity{object.kind, toHex(object.sha256)};
+    Address address = addressFor(object, label);
+    if (!isKnown(identity) && Record::isThere(address)) {
+        learn(address);  // what was asked may not know it: an index that lacks it
     }
+    const auto damaged = damaged_.find(identity);
+    if (rules_.replace && damaged != damaged_.end()) {
+        const Address place = damaged->second.front();
+        damaged_.erase(damaged);
+        return replace(object, label, place);
+    }
+    const auto found = present_.find(identity);
+    if (found == present_.end() && damaged != damaged_.end()) {
+        refuseDamaged(object, damaged->second.front());
+    }
+    if (found == present_.end()) {
+        return add(object, label, std::move(address));
+    }
+    warnOfDamaged(identity);
     if (rules_.replace) {
         Result replaced = replace(object, label, found->second.front());
         warnOfPlain(object, found->second);
@@ -255,9 +285,10 @@ Importer::Result Importer::add(const PkiObject& object, const std::string& label
     requireFolder(address.folder);
     if (Record::isThere(address)) {
         if (!rules_.replace) {
-            throw Failure(kInvalid,
-                          fmt::format("{} already exists and is another object", address.print()),
-                          Advice{"--replace replaces it"}, address.print());
+            throw Failure(
+                kInvalid,
+                fmt::format("{} already exists and {}", address.print(), obstacleAt(address)),
+                Advice{"--replace replaces it"}, address.print());
         }
         return replace(object, label, address);
     }
@@ -282,9 +313,39 @@ void Importer::warnOfPlain(const PkiObject& object, const std::vector<Address>& 
     }
 }
 
+void Importer::refuseDamaged(const PkiObject& object, const Address& place) {
+    throw Failure(
+        kInvalid,
+        fmt::format("{} is the record of this {}, but its body is missing or cannot be read",
+                    place.print(), nameOf(object.kind)),
+        Advice{"--replace restores it"}, place.print());
+}
+
+void Importer::warnOfDamaged(const Identity& identity) {
+    const auto damaged = damaged_.find(identity);
+    for (const Address& address :
+         damaged != damaged_.end() ? damaged->second : std::vector<Address>()) {
+        database_.observer().warn(
+            fmt::format("{} is another record of this {}, and its body is missing or cannot be "
+                        "read; --replace restores it",
+                        address.print(), nameOf(identity.first)));
+    }
+}
+
+// What is known of the record there, which is none of those of the object.
+std::string Importer::obstacleAt(const Address& address) const {
+    try {
+        const bool isHidden = hidesItsDescription(RecordHead::readWithoutBody(address));
+        return isHidden && !database_.isOpen()
+                   ? "is encrypted: only the password shows whether it is this object"
+                   : "is another object";
+    } catch (const Failure&) {
+        return "cannot be read, so it may be this object";
+    }
+}
+
 Importer::Result Importer::replace(const PkiObject& object, const std::string& label,
                                    const Address& address) {
-    // What the user has noted stays; a damaged record has nothing that could.
     Record record(address);
     bool encrypt = rules_.encrypt;
     try {
@@ -296,7 +357,11 @@ Importer::Result Importer::replace(const PkiObject& object, const std::string& l
         if (failure.status() == kNotOpen || failure.isDenied()) {
             throw;
         }
+        auto [rest, isHidden] = restOf(address);
+        record = std::move(rest);
+        encrypt = encrypt || isHidden;
     }
+    // What the user has noted stays.
     for (unsigned int id = attr::kSchema; id < attr::kFirstOfUser; ++id) {
         if (id != attr::kTypes && (id != attr::kLabel || !label.empty())) {
             (void)record.removeAll(id);
@@ -305,6 +370,31 @@ Importer::Result Importer::replace(const PkiObject& object, const std::string& l
     fill(record, object, label, encrypt);
     record.write(owners_);
     return {Outcome::kReplaced, index(infoOf(record), encrypt)};
+}
+
+std::pair<Record, bool> Importer::restOf(const Address& address) {
+    Record rest(address);
+    bool isHidden = false;
+    try {
+        const RecordHead head = RecordHead::readWithoutBody(address);
+        isHidden = hidesItsDescription(head);
+        unsigned int lost = 0;
+        for (unsigned int i = 0; i < head.count(); ++i) {
+            const auto* const known = attr::find(head.id(i));
+            if (head.isKnown(i)) {
+                rest.add(head.type(i), head.id(i), head.bytes(i));
+            } else if (known == nullptr || !known->isOfBody) {
+                ++lost;
+            }
+        }
+        if (lost != 0) {
+            database_.observer().warn(fmt::format(
+                "encrypted attributes of {} are lost with its body: {}", address.print(), lost));
+        }
+    } catch (const Failure&) {
+        // of a damaged descriptor nothing stays
+    }
+    return {std::move(rest), isHidden};
 }
 
 void Importer::fill(Record& record, const PkiObject& object, const std::string& label,

@@ -73,22 +73,31 @@ private:
 
     // Reads a record that is there.
     void learn(const Address& address);
+    void learnDamaged(const Address& address);
+    bool isKnown(const Identity& identity) const;
     // Adds the record of this description to the index, and returns it.
     RecordInfo index(RecordInfo info, bool isHidden);
     // Says what stays in plain form although the object is to be kept encrypted.
     void warnOfPlain(const PkiObject& object, const std::vector<Address>& places);
+    void warnOfDamaged(const Identity& identity);
+    // Throws that its records have lost their bodies.
+    [[noreturn]] static void refuseDamaged(const PkiObject& object, const Address& place);
+    std::string obstacleAt(const Address& address) const;
     bool hasKey(const PkiObject& object) const;
     Address addressFor(const PkiObject& object, const std::string& label) const;
     void fill(Record& record, const PkiObject& object, const std::string& label,
               bool encrypt) const;
     Result add(const PkiObject& object, const std::string& label, Address address);
     Result replace(const PkiObject& object, const std::string& label, const Address& address);
+    // A new record with what is left of a damaged one, and whether that hid what it was.
+    std::pair<Record, bool> restOf(const Address& address);
     std::optional<Result> moveToKey(std::vector<Address>& places);
 
     Database& database_;
     ImportRules rules_;
     BodyOwners owners_{Lookup::current()};
     std::map<Identity, std::vector<Address>> present_;
+    std::map<Identity, std::vector<Address>> damaged_;  // their bodies are missing or unreadable
     std::set<Address> hidden_;    // those that are encrypted with what describes them
     std::set<Kind> kinds_;        // of the objects
     std::size_t unknown_ = 0;     // records that may be one of them, and cannot be read

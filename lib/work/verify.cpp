@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <set>
+#include <string>
 #include <utility>
 
 #include <fmt/format.h>
@@ -11,6 +13,7 @@
 #include "format/layout.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/record.h"
+#include "lib/records/record_head.h"
 #include "lib/work/issuers.h"
 #include "lib/work/meant.h"
 #include "lib/work/object_record.h"
@@ -182,11 +185,29 @@ bool mayHoldCrls(const std::string& folder) {
            !layout::kCrm.holds(folder);
 }
 
+// The issuer of the CRL that a damaged record was, as its descriptor says; empty where that may be
+// anybody, none where it was no CRL.
+std::optional<std::string> issuerOfLost(const Address& address) {
+    if (!mayHoldCrls(address.folder)) {
+        return std::nullopt;
+    }
+    try {
+        const RecordHead head = RecordHead::readWithoutBody(address);
+        const RecordInfo info = infoOf(head);
+        if (info.kind == Kind::kCrl) {
+            return folded(info.issuer);
+        }
+        return hidesKind(head) ? std::optional(std::string()) : std::nullopt;
+    } catch (const Failure&) {
+        return std::string();
+    }
+}
+
 UnreadCrls unreadCrlsOf(const Listing& listing, const Infos& wanted, const Infos& readable) {
     UnreadCrls unread;
     for (const auto& [address, failure] : listing.damaged) {
-        if (mayHoldCrls(address.folder)) {
-            unread.emplace("", address);
+        if (auto issuer = issuerOfLost(address)) {
+            unread.emplace(std::move(*issuer), address);
         }
     }
     for (const RecordInfo& info : wanted) {

@@ -262,6 +262,26 @@ class RevokedTest(VerifyTest):
                 path.write_bytes(contents)
         self.assertEqual("it is revoked by a CRL of CN=Sub", self.reason())
 
+    def test_lost_record_that_was_no_list_leaves_no_doubt(self):
+        self.add_chain()
+        self.run_tool("put", "settings/note", "-", stdin=b"note")
+        (body,) = (path for path in (self.folder / "db/settings").iterdir() if path.suffix != ".dsc")
+        body.unlink()
+        run = self.run_tool("verify", "--all", code=5)
+        self.assertEqual(3, run.text.count(": good until "))
+        self.assertEqual(1, run.message.count("settings/note"), run.message)
+        self.assertEqual(1, len(self.run_tool("verify", "www", "--json", code=5).document["unread"]))
+
+    def test_lost_list_leaves_a_doubt_about_its_issuers_certificates_alone(self):
+        self.add_chain()
+        self.assertEqual("crls/sub", self.add(self.sub.crl(), "--name", "sub"))
+        (body,) = (path for path in (self.folder / "db/crls").iterdir() if path.suffix != ".dsc")
+        body.unlink()
+        lines = self.run_tool("verify", "--all", code=5).text.splitlines()
+        self.assertEqual(3, len(lines))
+        for line in lines:
+            self.assertIn("crls/sub cannot be read" if "/www: " in line else ": good until", line)
+
     def test_forged_crl_revokes_nothing(self):
         leaf = self.sub.sign(self.request)
         self.add_chain(leaf)

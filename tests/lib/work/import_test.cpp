@@ -3,7 +3,10 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
+#include <set>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <vector>
 
@@ -16,7 +19,9 @@
 #include "lib/pki/object.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/descriptor.h"
+#include "lib/records/lookup.h"
 #include "lib/records/record.h"
+#include "lib/records/record_head.h"
 #include "tests/lib/pki/made_certificates.h"
 #include "tests/support/recording_observer.h"
 #include "tests/support/temp_dir.h"
@@ -207,6 +212,85 @@ TEST_F(ImportTest, ADamagedRecordIsReplacedAndHidesNothing) {
     Record record = Record::read(place);
     record.decrypt();
     EXPECT_TRUE(std::ranges::equal(key_.der, record.body()));
+}
+
+TEST_F(ImportTest, ARecordWithoutItsBodyIsRecognisedAndRestored) {
+    const Address place = importOne(certificate_, {.name = "web"}).record.address;
+    Record noted = Record::read(place);
+    noted.setText(0x8001, "note");
+    noted.write(owners_);
+    std::filesystem::remove(RecordHead::read(place).bodyPath());
+    for (const ImportRules& rules : {ImportRules{}, ImportRules{.name = "web"}}) {
+        const Refusal refusal = refusalOf(rules, {&certificate_});
+        EXPECT_EQ(kInvalid, refusal.status);
+        EXPECT_THAT(refusal.message, StartsWith("certificates/remote/web is the record of this "
+                                                "certificate, but its body is missing"));
+    }
+    const Importer::Result restored = importOne(certificate_, {.replace = true});
+    EXPECT_EQ(Outcome::kReplaced, restored.outcome);
+    EXPECT_EQ(place, restored.record.address);
+    const Record now = Record::read(place);
+    EXPECT_EQ("note", now.text(0x8001));
+    EXPECT_TRUE(std::ranges::equal(certificate_.der, now.body()));
+    EXPECT_EQ(Outcome::kPresent, importOne(certificate_).outcome);
+}
+
+TEST_F(ImportTest, ADamagedCopyOfWhatIsThereIsAWarning) {
+    const Address copy = importOne(certificate_, {.name = "web"}).record.address;
+    Record::read(copy).copyTo({"certificates", "whole"}).write();
+    std::filesystem::remove(RecordHead::read(copy).bodyPath());
+    observer_.heard.clear();
+    const Importer::Result present = importOne(certificate_);
+    EXPECT_EQ(Outcome::kPresent, present.outcome);
+    EXPECT_EQ("certificates/whole", present.record.address.print());
+    EXPECT_THAT(observer_.heard, ElementsAre(HasSubstr("remote/web is another record of this")));
+    EXPECT_EQ(copy, importOne(certificate_, {.replace = true}).record.address);
+}
+
+TEST_F(ImportTest, WhatWasEncryptedIsRestoredEncrypted) {
+    const Address place = importOne(certificate_, {.name = "web", .encrypt = true}).record.address;
+    std::filesystem::remove(RecordHead::read(place).bodyPath());
+    EXPECT_EQ(Outcome::kReplaced,
+              importOne(certificate_, {.name = "web", .replace = true}).outcome);
+    const RecordHead head = RecordHead::read(place);
+    EXPECT_TRUE(head.isBodyEncrypted());
+    EXPECT_TRUE(hidesItsDescription(head));
+}
+
+// As an index does that somebody has written to.
+class Forgetful : public Lookup {
+public:
+    bool offer(std::size_t) override { return false; }
+    Addresses withDigest(std::string_view) override { return std::vector<Address>(); }
+    Addresses withObject(Kind, std::string_view) override { return std::vector<Address>(); }
+    Addresses keysWith(std::string_view) override { return std::vector<Address>(); }
+    std::optional<std::set<std::string>> keys() override { return std::nullopt; }
+    std::optional<AddressList> matching(const Filter&, const std::string&, bool) override {
+        return std::nullopt;
+    }
+    Addresses unsure(bool) override { return std::vector<Address>(); }
+    std::optional<std::vector<std::string>> folders() override { return std::nullopt; }
+    void willChange(const Address&) noexcept override {}
+    void changed(const Address&) noexcept override {}
+    std::optional<Answer> ask(const std::string&, const std::string&) override {
+        return std::nullopt;
+    }
+};
+
+TEST_F(ImportTest, ARecordThatAnIndexLacksIsRecognisedByItsName) {
+    const Address place = importOne(certificate_).record.address;
+    Forgetful index;
+    const Lookup::Use use(index);
+    const Importer::Result again = importOne(certificate_);
+    EXPECT_EQ(Outcome::kPresent, again.outcome);
+    EXPECT_EQ(place, again.record.address);
+}
+
+TEST_F(ImportTest, WhatIsAtTheNameIsNotCalledAnotherObjectWhereNobodyKnows) {
+    const Address place = importOne(certificate_, {.name = "web"}).record.address;
+    support::writeFile(descriptorPath(place), "not a descriptor\n");
+    EXPECT_THAT(refusalOf({.name = "web"}, {&certificate_}).message,
+                HasSubstr("web already exists and cannot be read, so it may be this object"));
 }
 
 TEST_F(ImportTest, Refuses) {
