@@ -95,6 +95,7 @@ public:
                 context_.output.document({{"records", Json::array()}});
                 return kOk;
             }
+            requireText(body, before.body);
             try {
                 return storeOrAsk(before.isThere, body);
             } catch (const Failure& failure) {
@@ -108,6 +109,17 @@ public:
     }
 
 private:
+    // An editor that fails, or a disk that is full, leaves nothing as well.
+    void requireText(const SecretBytes& body, const SecretBytes& before) const {
+        const std::string name = address_.print();
+        const std::string question = fmt::format("The editor left an empty text. Empty {}?", name);
+        if (body.empty() && !before.empty() && !confirm(question, /*noInput=*/false)) {
+            throw Failure(
+                kInvalid, fmt::format("the editor left an empty text; {} stays as it was", name),
+                Advice{fmt::format("to empty it, `fstore put -f {} /dev/null`", name)}, name);
+        }
+    }
+
     // What another process has made of the record since is not replaced unasked.
     Status storeOrAsk(bool wasThere, const SecretBytes& body) {
         for (;;) {

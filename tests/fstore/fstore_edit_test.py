@@ -100,6 +100,17 @@ class EditTest(InitialisedTest):
         run = self.run_tool("edit", "settings/a", code=9, env={"EDITOR": "/no/such/editor"})
         self.assertIn("VISUAL or EDITOR", run.message)
 
+    def test_an_editor_that_leaves_nothing(self):
+        for script in ': > "$1"', 'rm "$1"; touch "$1"':
+            for address in "settings/a", "settings/plain":
+                run = self.edit(address, script, code=4)
+                self.assertIn(f"the editor left an empty text; {address} stays as it was", run.message)
+                self.assertIn(f"fstore put -f {address} /dev/null", run.message)
+                self.assertEqual(b"one\n", self.body(address))
+        self.run_tool("put", "-f", "settings/a", "/dev/null")
+        self.assertEqual(b"", self.body("settings/a"))
+        self.edit("settings/a", ': > "$1"')  # it was empty before
+
     def test_what_is_no_text_of_the_users(self):
         for address, code in (("keys/k", 4), ("nowhere/a", 50)):
             run = self.edit(address, 'touch "$0.ran"', code=code)
@@ -173,6 +184,14 @@ class TerminalTest(InitialisedTest):
         terminal.type("two\n")
         self.assertEqual(0, terminal.wait(), terminal.seen)
         self.assertIn(b"one\n", self.run_tool("get", "settings/a").out)
+
+    def test_an_empty_text_is_asked_about(self):
+        for answer, code, body in ("n", 4, b"one\n"), ("y", 0, b""):
+            terminal = self.start(': > "$1"')
+            terminal.expect("The editor left an empty text. Empty settings/a?")
+            terminal.type(f"{answer}\n")
+            self.assertEqual(code, terminal.wait(), terminal.seen)
+            self.assertEqual(body, self.run_tool("get", "settings/a").out)
 
     def test_the_text_is_not_lost_where_it_cannot_be_stored(self):
         (self.folder / "password").write_text(support.PASSWORD, encoding="ascii")
