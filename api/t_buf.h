@@ -56,8 +56,8 @@ public:
     //   kInvalid  the path ends at a symbolic link, which is neither followed nor replaced
     //   kIo       it failed, or the new file is there but the system did not confirm
     //             that its name will last
-    // A killed save may leave ".NAME.new-" and a digit beside the file; the next save of
-    // that name removes it.
+    // A killed save may leave ".NAME.new-5d0c9e7b-" and a digit beside the file; the next save
+    // of that name removes it.
     virtual Status save(const char* path) = 0;
 
     // Drop `count` bytes at the front, or at the end; kInvalid when there are fewer.

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -18,11 +19,15 @@
 namespace os {
 namespace {
 
+constexpr mode_t kPermissions = S_IRWXU | S_IRWXG | S_IRWXO;
 constexpr int kPlaces = 8;  // drafts of one name at a time
 constexpr int kNoPlace = -1;
 constexpr int kAllBusy = -2;
 constexpr std::chrono::milliseconds kPause(5);
 constexpr int kMostPauses = 2000;
+// The number was drawn by lot, once: so who has this name is a draft, whatever rights a file of
+// this kind is given. The digit is that of the place.
+constexpr const char* kSuffix = ".new-5d0c9e7b-0";
 // Room for what a draft's name has more, on file systems with short names, too.
 constexpr std::size_t kMostOfName = 100;
 
@@ -38,7 +43,7 @@ std::string folderOf(std::string_view path) {
 std::string firstPlace(const std::string& folder, std::string_view path) {
     std::string place = folder + "/.";
     place += path.substr(path.rfind('/') + 1).substr(0, kMostOfName);
-    place += ".new-0";
+    place += kSuffix;
     return place;
 }
 
@@ -81,7 +86,7 @@ Place clear(const std::string& place) noexcept {
     if (os::lstat(place.c_str(), &named) != 0) {
         return errno == ENOENT ? Place::kFree : Place::kTaken;
     }
-    if (!S_ISREG(named.st_mode) || named.st_uid != ::geteuid()) {
+    if (!S_ISREG(named.st_mode) || named.st_uid != ::geteuid() || named.st_nlink != 1) {
         return Place::kTaken;
     }
     const File left = openFile(place.c_str(), O_RDWR | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW);
@@ -97,6 +102,33 @@ Place clear(const std::string& place) noexcept {
         return Place::kBusy;
     }
     return os::remove(place.c_str()) == 0 ? Place::kFree : Place::kTaken;
+}
+
+// Whether the system gives no name to a file that has none, here or at all: another way may do.
+bool isRefused(int error) noexcept {
+    switch (error) {
+        case EPERM:
+        case EACCES:
+        case ENOENT:
+        case ENOSYS:
+        case EINVAL:
+        case EXDEV:
+        case EOPNOTSUPP:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// From where the one is to where the other ends.
+bool copyBytes(const File& from, const File& to) noexcept {
+    char piece[1 << 14];
+    ssize_t size = readSome(from.get(), piece, sizeof piece);
+    while (size > 0 && writeAll(to.get(), piece, static_cast<std::size_t>(size))) {
+        size = readSome(from.get(), piece, sizeof piece);
+    }
+    ::explicit_bzero(piece, sizeof piece);
+    return size == 0;
 }
 
 }  // namespace
@@ -153,8 +185,13 @@ bool Draft::claimPlace() noexcept {
                 return claimed == Claim::kMine;
             }
         }
-        if (found == kNoPlace || pauses == kMostPauses) {
-            errno = found == kNoPlace ? EEXIST : EBUSY;
+        if (found == kNoPlace) {
+            inTheWay_ = std::move(place_);
+            errno = EEXIST;
+            return false;
+        }
+        if (pauses == kMostPauses) {
+            errno = EBUSY;
             return false;
         }
         std::this_thread::sleep_for(kPause);
@@ -193,6 +230,15 @@ Draft::Claim Draft::claimByLink() noexcept {
     return Claim::kMine;
 }
 
+// A draft with a name and the bytes of the one that the system gives none to.
+bool Draft::moveToPlace() noexcept {
+    const File unnamed = std::move(lock_);
+    struct stat status {};
+    return os::fstat(unnamed.get(), &status) == 0 && claimPlace() && copyBytes(unnamed, file_) &&
+           ::fchmod(file_.get(), status.st_mode & kPermissions) == 0 &&
+           closeDurably(std::move(file_));
+}
+
 void Draft::haveName() noexcept {
     named_.emplace(std::move(place_));
     if (watch_ != nullptr) {
@@ -208,7 +254,10 @@ bool Draft::commit(Existing existing) noexcept {
         if (giveName(lock_, path_.c_str())) {
             return true;
         }
-        if (existing == Existing::kKept || errno != EEXIST || !claimPlace()) {
+        const bool isNamed =
+            isRefused(errno) ? moveToPlace()
+                             : errno == EEXIST && existing == Existing::kReplaced && claimPlace();
+        if (!isNamed) {
             return false;
         }
     }

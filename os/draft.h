@@ -5,9 +5,10 @@
 // is killed. It then needs the name of a draft only to take another file's place, since a link
 // replaces nothing: between two calls. On other file systems it has that name from the beginning.
 //
-// The draft of "name" is ".name.new-" and a digit. A process that is killed leaves it behind, and
-// the next draft for that name removes it: a lock tells it from one that is alive. What belongs to
-// somebody else is left alone. Several at a time end one after the other, each whole.
+// The draft of "name" is ".name.new-", a number that nobody gives a file of theirs, and a digit. A
+// process that is killed leaves it behind, and the next draft for that name removes it: a lock
+// tells it from one that is alive. What belongs to somebody else is left alone. Several at a time
+// end one after the other, each whole.
 //
 // Each object belongs to one thread at a time; strings throw std::bad_alloc.
 #ifndef OS_DRAFT_H
@@ -48,6 +49,10 @@ public:
     // system reports a failure; then nothing has changed.
     [[nodiscard]] bool commit(Existing existing) noexcept;
 
+    // After a failure with EEXIST: what has the name of a draft, and is none; empty when it is the
+    // file's own name that something has.
+    const std::string& inTheWay() const noexcept { return inTheWay_; }
+
     // Whether the name lasts, too; after commit().
     [[nodiscard]] bool syncName() const noexcept;
 
@@ -57,6 +62,7 @@ private:
     bool openWithoutName() noexcept;
     int clearPlaces() noexcept;
     bool claimPlace() noexcept;
+    bool moveToPlace() noexcept;
     Claim claim() noexcept;
     Claim claimByLink() noexcept;
     void haveName() noexcept;
@@ -65,6 +71,7 @@ private:
     std::string path_;
     std::string folder_;
     std::string place_;  // of the draft, with the digit last; goes into `named_`
+    std::string inTheWay_;
     // The end is in reverse order: the draft goes while its lock is still held.
     File lock_;
     std::optional<TempPath> named_;

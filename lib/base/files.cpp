@@ -253,8 +253,18 @@ void OutputFile::openStream() {
 void OutputFile::openDraft() {
     refuseOutput(path_, name_);
     if (!draft_.emplace(os::removeOnSignal).open(path_)) {
-        failWithErrno("write", name_);
+        failOnDraft();
     }
+}
+
+void OutputFile::failOnDraft() const {
+    if (errno == EEXIST && !draft_->inTheWay().empty()) {
+        throw Failure(kInvalid,
+                      fmt::format("{} cannot be written, since {} is in the way of its draft",
+                                  name_, draft_->inTheWay()),
+                      Advice{"move that elsewhere"}, draft_->inTheWay());
+    }
+    failWithErrno("write", name_);
 }
 
 OutputFile::~OutputFile() {
@@ -311,12 +321,12 @@ void OutputFile::commit() {
     }
     using Existing = os::Draft::Existing;
     if (!draft_->commit(replace_ ? Existing::kReplaced : Existing::kKept)) {
-        if (errno == EEXIST && !replace_) {
+        if (errno == EEXIST && !replace_ && draft_->inTheWay().empty()) {
             throw Failure(kInvalid,
                           fmt::format("{} was made by another program meanwhile, and stays", name_),
                           name_);
         }
-        failWithErrno("write", name_);
+        failOnDraft();
     }
     syncFolder(path_.substr(0, path_.rfind('/')) + "/");
 }

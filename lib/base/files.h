@@ -85,6 +85,7 @@ public:
 private:
     void openStream();
     void openDraft();
+    [[noreturn]] void failOnDraft() const;
     int fd() const noexcept;
 
     std::string name_;

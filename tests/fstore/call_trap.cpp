@@ -10,6 +10,7 @@
 //                            fails, and what only renames, removes or syncs does not
 //     CALL_TRAP_NO_LOCK=1    flock() succeeds and locks nothing
 //     CALL_TRAP_NO_UNNAMED=1 there are no files without a name, as on many file systems
+//     CALL_TRAP_NO_NAME=N    no file without a name gets one: that fails with errno N
 //     CALL_TRAP_SCRYPT=FILE  each derivation with scrypt adds a byte to FILE
 //     CALL_TRAP_PAUSE=N      each opening of a descriptor file takes N milliseconds longer
 //     CALL_TRAP_STOP=NAME:N  the process stops in front of its Nth call of this function, as by
@@ -243,6 +244,11 @@ int mkdirat(int folder, const char* path, mode_t mode) noexcept {
 }
 
 int linkat(int from, const char* name, int to, const char* newName, int flags) noexcept {
+    static const long refusal = setting("CALL_TRAP_NO_NAME");
+    if (refusal != 0 && (flags & AT_SYMLINK_FOLLOW) != 0) {
+        errno = static_cast<int>(refusal);
+        return -1;
+    }
     return pass<int>(Room::kTaken, "linkat", from, name, to, newName, flags);
 }
 int symlinkat(const char* text, int folder, const char* path) noexcept {

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Wherever the tool is killed while it writes a file, no draft with a secret stays beside it."""
 
+import errno
 import os
 import pathlib
 import signal
@@ -74,7 +75,7 @@ class DraftsTest(InitialisedTest):
             with self.subTest(name):
                 drafts = 0
                 for call, place, args, left in self.deaths(name):
-                    self.assertLessEqual(left, {".out.new-0"}, call)
+                    self.assertLessEqual(left, {".out.new-5d0c9e7b-0"}, call)
                     drafts += len(left)
                     if left:
                         self.assertEqual(OLD, (place / "out").read_bytes())
@@ -86,7 +87,7 @@ class DraftsTest(InitialisedTest):
             with self.subTest(name):
                 drafts = 0
                 for call, place, args, left in self.deaths(name, **NAMED):
-                    self.assertLessEqual(left, {".out.new-0"}, call)
+                    self.assertLessEqual(left, {".out.new-5d0c9e7b-0"}, call)
                     drafts += len(left)
                     if left:
                         self.assert_next_run_clears(place, args)
@@ -101,18 +102,49 @@ class DraftsTest(InitialisedTest):
                 try:
                     support.wait_until(lambda: b"(stopped)" in pathlib.Path(
                         f"/proc/{held.pid}/status").read_bytes())
-                    self.assertEqual({"out", ".out.new-0"}, set(os.listdir(place)))
+                    self.assertEqual({"out", ".out.new-5d0c9e7b-0"}, set(os.listdir(place)))
                     run = support.fstore("-D", self.folder, *args, env={
                         "LD_PRELOAD": CALL_TRAP, **trap})
                     self.assertEqual(0, run.code, run)
-                    self.assertEqual({"out", ".out.new-0"}, set(os.listdir(place)))
-                    self.assertEqual(SECRET, (place / ".out.new-0").read_bytes())
+                    self.assertEqual({"out", ".out.new-5d0c9e7b-0"}, set(os.listdir(place)))
+                    self.assertEqual(SECRET, (place / ".out.new-5d0c9e7b-0").read_bytes())
                 finally:
                     os.kill(held.pid, signal.SIGCONT)
                 run = support.finish(held)
                 self.assertEqual(0, run.code, run)
                 self.assertEqual(["out"], os.listdir(place))
                 self.assertEqual(SECRET, (place / "out").read_bytes())
+
+    def test_a_file_that_gets_no_name_is_copied_to_one_that_has(self):
+        for name, error in [*((name, errno.EPERM) for name in COMMANDS), ("get", errno.ENOENT),
+                            ("get_new", errno.EXDEV), ("get", errno.EOPNOTSUPP)]:
+            with self.subTest(name, error=errno.errorcode[error]):
+                outputs = []
+                for trap in {}, {"CALL_TRAP_NO_NAME": str(error)}:
+                    place, args = self.fresh(name)
+                    run = support.fstore("-D", self.folder, *args,
+                                         env={"LD_PRELOAD": CALL_TRAP, **trap})
+                    self.assertEqual(0, run.code, run)
+                    self.assertEqual(["out"], os.listdir(place))
+                    outputs.append(place / "out")
+                usual, copied = outputs
+                self.assertEqual(usual.stat().st_mode, copied.stat().st_mode)
+                self.assertEqual(name.startswith("get"), copied.read_bytes() == SECRET)
+        for call, place, args, left in self.deaths("get", CALL_TRAP_NO_NAME=str(errno.EPERM)):
+            self.assertLessEqual(left, {".out.new-5d0c9e7b-0"}, call)
+            self.assertIn((place / "out").read_bytes(), (OLD, SECRET))
+            if left:
+                self.assert_next_run_clears(place, args)
+
+    def test_what_is_in_the_way_of_a_draft_is_named(self):
+        place, args = self.fresh("get")
+        for digit in range(8):
+            (place / f".out.new-5d0c9e7b-{digit}").mkdir()
+        for trap in ({}, NAMED):
+            run = support.fstore("-D", self.folder, *args, env={"LD_PRELOAD": CALL_TRAP, **trap})
+            self.assertEqual(4, run.code, run)
+            self.assertIn(".out.new-5d0c9e7b-7 is in the way of its draft", run.message)
+            self.assertEqual(OLD, (place / "out").read_bytes())
 
     def test_a_full_disk_leaves_nothing(self):
         for trap in ({}, NAMED):

@@ -179,7 +179,7 @@ class TerminalTest(InitialisedTest):
 
     def test_interrupt_leaves_no_file(self):
         named = {"LD_PRELOAD": support.CALL_TRAP, "CALL_TRAP_NO_UNNAMED": "1"}
-        for env, drafts in ({}, []), (named, [".out.new-0"]):
+        for env, drafts in ({}, []), (named, [".out.new-5d0c9e7b-0"]):
             terminal = self.terminal("get", "a", "-o", "out", env=env)
             terminal.expect("Password: ")
             self.assertEqual([*drafts, "db", "db.lock"], self.entries())

@@ -104,24 +104,62 @@ TEST(DraftTest, TellsTheNameThatItHasForAMoment) {
         ASSERT_TRUE(draft.open(dir / name));
         ASSERT_TRUE(draft.commit(Existing::kReplaced));
     }
-    EXPECT_THAT(seen, ElementsAre(dir / ".file.new-0", "none"));
+    EXPECT_THAT(seen, ElementsAre(dir / ".file.new-5d0c9e7b-0", "none"));
 }
 
 TEST(DraftTest, LeftoversGoAndDraftsThatAreHeldStay) {
     const TempDir dir;
     writeFile(dir / "file", "old");
-    writeFile(dir / ".file.new-0", "held");
-    writeFile(dir / ".file.new-1", "left");
-    const os::File held = os::openFile((dir / ".file.new-0").c_str(), O_RDWR);
+    writeFile(dir / ".file.new-5d0c9e7b-0", "held");
+    writeFile(dir / ".file.new-5d0c9e7b-1", "left");
+    const os::File held = os::openFile((dir / ".file.new-5d0c9e7b-0").c_str(), O_RDWR);
     ASSERT_EQ(0, flock(held.get(), LOCK_EX));
     Draft draft;
     ASSERT_TRUE(draft.open(dir / "file"));
-    EXPECT_THAT(namesIn(dir), ElementsAre(".file.new-0", "file"));
+    EXPECT_THAT(namesIn(dir), ElementsAre(".file.new-5d0c9e7b-0", "file"));
     ASSERT_TRUE(write(draft, "new"));
     ASSERT_TRUE(draft.commit(Existing::kReplaced));
-    EXPECT_EQ("held", readFile(dir / ".file.new-0"));
+    EXPECT_EQ("held", readFile(dir / ".file.new-5d0c9e7b-0"));
     EXPECT_EQ("new", readFile(dir / "file"));
-    EXPECT_THAT(namesIn(dir), ElementsAre(".file.new-0", "file"));
+    EXPECT_THAT(namesIn(dir), ElementsAre(".file.new-5d0c9e7b-0", "file"));
+}
+
+// Whoever names a file so has done it on purpose.
+TEST(DraftTest, AFileOfTheUsersIsLeftAlone) {
+    const TempDir dir;
+    for (const char* const name : {".file.new-0", ".file.new-5d0c9e7b", ".file.new-5d0c9e7b-8"}) {
+        writeFile(dir / name, "mine");
+    }
+    writeFile(dir / "other", "mine");
+    ASSERT_EQ(0, link((dir / "other").c_str(), (dir / ".file.new-5d0c9e7b-1").c_str()));
+    writeFile(dir / "file", "old");
+    Draft draft;
+    ASSERT_TRUE(draft.open(dir / "file"));
+    ASSERT_TRUE(write(draft, "new"));
+    ASSERT_TRUE(draft.commit(Existing::kReplaced));
+    EXPECT_EQ("new", readFile(dir / "file"));
+    EXPECT_THAT(namesIn(dir),
+                ElementsAre(".file.new-0", ".file.new-5d0c9e7b", ".file.new-5d0c9e7b-1",
+                            ".file.new-5d0c9e7b-8", "file", "other"));
+}
+
+TEST(DraftTest, SaysWhatIsInTheWay) {
+    const TempDir dir;
+    for (char digit = '0'; digit != '8'; ++digit) {
+        ASSERT_EQ(0, mkdir((dir / ".file.new-5d0c9e7b-").append(1, digit).c_str(), 0700));
+    }
+    Draft kept;
+    ASSERT_TRUE(kept.open(dir / "file"));
+    writeFile(dir / "file", "old");
+    EXPECT_FALSE(kept.commit(Existing::kKept));
+    EXPECT_EQ(EEXIST, errno);
+    EXPECT_EQ("", kept.inTheWay());
+    Draft replacing;
+    ASSERT_TRUE(replacing.open(dir / "file"));
+    EXPECT_FALSE(replacing.commit(Existing::kReplaced));
+    EXPECT_EQ(EEXIST, errno);
+    EXPECT_EQ(dir / ".file.new-5d0c9e7b-7", replacing.inTheWay());
+    EXPECT_EQ("old", readFile(dir / "file"));
 }
 
 // In a folder like /tmp, and whatever a process of root's may do there. A link stands for what
@@ -131,8 +169,8 @@ TEST(DraftTest, WhatOthersOwnIsLeftAlone) {
     constexpr uid_t kSomebody = 54321;
     writeFile(dir / "theirs", "theirs");
     const bool isTheirs = chown((dir / "theirs").c_str(), kSomebody, kSomebody) == 0;
-    ASSERT_EQ(0, isTheirs ? link((dir / "theirs").c_str(), (dir / ".file.new-0").c_str())
-                          : symlink("theirs", (dir / ".file.new-0").c_str()));
+    ASSERT_EQ(0, isTheirs ? link((dir / "theirs").c_str(), (dir / ".file.new-5d0c9e7b-0").c_str())
+                          : symlink("theirs", (dir / ".file.new-5d0c9e7b-0").c_str()));
     writeFile(dir / "file", "old");
     Draft draft;
     ASSERT_TRUE(draft.open(dir / "file"));
@@ -140,7 +178,7 @@ TEST(DraftTest, WhatOthersOwnIsLeftAlone) {
     ASSERT_TRUE(draft.commit(Existing::kReplaced));
     EXPECT_EQ("new", readFile(dir / "file"));
     EXPECT_EQ("theirs", readFile(dir / "theirs"));
-    EXPECT_THAT(namesIn(dir), ElementsAre(".file.new-0", "file", "theirs"));
+    EXPECT_THAT(namesIn(dir), ElementsAre(".file.new-5d0c9e7b-0", "file", "theirs"));
 }
 
 }  // namespace

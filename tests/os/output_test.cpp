@@ -165,7 +165,7 @@ TEST(OutputTest, OwnDescriptorsAreWrittenThrough) {
 // ---- what is left behind
 
 std::string leftover(const TempDir& dir, const std::string& name, char digit) {
-    return dir / ("." + name + ".new-" + digit);
+    return dir / ("." + name + ".new-5d0c9e7b-" + digit);
 }
 
 TEST(OutputTest, LeftoversOfTheNameAreRemovedAndNoOthers) {
@@ -173,8 +173,9 @@ TEST(OutputTest, LeftoversOfTheNameAreRemovedAndNoOthers) {
     for (const char digit : {'0', '3', '7'}) {
         writeFile(leftover(dir, "file", digit), "left");
     }
-    const std::string kept[] = {leftover(dir, "file", '8'), leftover(dir, "other", '0'),
-                                dir / ".file.new-", dir / "file.new-0", dir / ".file.new-00"};
+    const std::string kept[] = {leftover(dir, "file", '8'),    leftover(dir, "other", '0'),
+                                dir / ".file.new-5d0c9e7b-",   dir / "file.new-5d0c9e7b-0",
+                                dir / ".file.new-5d0c9e7b-00", dir / ".file.new-0"};
     for (const std::string& path : kept) {
         writeFile(path, "kept");
     }

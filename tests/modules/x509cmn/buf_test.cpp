@@ -230,7 +230,7 @@ TEST(BufFileTest, SavesThroughAFifo) {
 
 TEST(BufFileTest, RemovesWhatAKilledSaveLeft) {
     const TempDir dir;
-    writeFile(dir / ".file.new-0", "left");
+    writeFile(dir / ".file.new-5d0c9e7b-0", "left");
     ASSERT_EQ(kOk, bufOf("text")->save((dir / "file").c_str()));
     EXPECT_EQ(1U, support::tree(dir.path()).size());
     EXPECT_EQ("text", readFile(dir / "file"));
