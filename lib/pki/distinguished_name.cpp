@@ -161,27 +161,57 @@ void requireText(const SubjectEntry& entry) {
     }
 }
 
-// The kind of string that the DER is of; `entry` gets its contents.
-int takeString(SubjectEntry& entry) {
+[[noreturn]] void refuseValue(const SubjectEntry& entry) {
+    const char* const reason = ERR_reason_error_string(ERR_peek_last_error());
+    refuseSubject(fmt::format("has a value that {} cannot have: {}", printable(entry.type),
+                              reason != nullptr ? reason : "OpenSSL refuses it"));
+}
+
+struct DerString {
+    int type;
+    std::string bytes, text;  // as they are in it, and in UTF-8
+};
+
+DerString stringIn(const SubjectEntry& entry) {
     constexpr unsigned long kStrings =
         B_ASN1_DIRECTORYSTRING | B_ASN1_IA5STRING | B_ASN1_NUMERICSTRING | B_ASN1_VISIBLESTRING;
     const auto* at = reinterpret_cast<const unsigned char*>(entry.value.data());
     const auto* const end = at + entry.value.size();
     const AnyType any(d2i_ASN1_TYPE(nullptr, &at, static_cast<long>(entry.value.size())));
-    if (any == nullptr || at != end || (ASN1_tag2bit(any->type) & kStrings) == 0) {
+    unsigned char* text = nullptr;
+    const bool isString = any != nullptr && at == end && (ASN1_tag2bit(any->type) & kStrings) != 0;
+    const int length = isString ? ASN1_STRING_to_UTF8(&text, any->value.asn1_string) : -1;
+    const ossl::Text owner(reinterpret_cast<char*>(text));
+    if (length < 0) {
         refuseSubject(
             fmt::format("has a value of {} that is not a string in DER", printable(entry.type)));
     }
     const ASN1_STRING* const string = any->value.asn1_string;
-    unsigned char* text = nullptr;
-    const int length = ASN1_STRING_to_UTF8(&text, string);
-    const ossl::Text owner(reinterpret_cast<char*>(text));
-    requireText({entry.type, length < 0
-                                 ? std::string()
-                                 : std::string(owner.get(), static_cast<std::size_t>(length))});
-    entry.value.assign(reinterpret_cast<const char*>(ASN1_STRING_get0_data(string)),
-                       static_cast<std::size_t>(ASN1_STRING_length(string)));
-    return any->type;
+    return {any->type,
+            {reinterpret_cast<const char*>(ASN1_STRING_get0_data(string)),
+             static_cast<std::size_t>(ASN1_STRING_length(string))},
+            {owner.get(), static_cast<std::size_t>(length)}};
+}
+
+// OpenSSL looks at the length and the characters of text, but at nothing that has its form already.
+void requireFit(const SubjectEntry& entry, const ASN1_OBJECT* type, const DerString& string) {
+    const auto* const text = reinterpret_cast<const unsigned char*>(string.text.data());
+    const int size = static_cast<int>(string.text.size());
+    const int known = OBJ_obj2nid(type);
+    const ossl::String allowed(ASN1_STRING_set_by_NID(nullptr, text, size, MBSTRING_UTF8, known));
+    if (allowed == nullptr) {
+        refuseValue(entry);
+    }
+    const ASN1_STRING_TABLE* const rules = ASN1_STRING_TABLE_get(known);
+    const unsigned long form = ASN1_tag2bit(string.type);
+    ASN1_STRING* copy = nullptr;
+    const bool fits = (rules == nullptr || (rules->mask & form) != 0) &&
+                      ASN1_mbstring_copy(&copy, text, size, MBSTRING_UTF8, form) > 0;
+    const ossl::String owner(copy);
+    if (!fits) {
+        refuseSubject(fmt::format("has a value of {} in a string of another kind than it can have",
+                                  printable(entry.type)));
+    }
 }
 
 void addEntry(X509_NAME* name, SubjectEntry entry, bool beginsPart) {
@@ -193,7 +223,11 @@ void addEntry(X509_NAME* name, SubjectEntry entry, bool beginsPart) {
     }
     int form = MBSTRING_UTF8;
     if (entry.isDer) {
-        form = takeString(entry);
+        const DerString string = stringIn(entry);
+        requireText({entry.type, string.text});
+        requireFit(entry, type, string);
+        form = string.type;
+        entry.value = string.bytes;
     } else {
         requireText(entry);
     }
@@ -201,9 +235,7 @@ void addEntry(X509_NAME* name, SubjectEntry entry, bool beginsPart) {
     if (X509_NAME_add_entry_by_OBJ(
             name, type, form, reinterpret_cast<const unsigned char*>(entry.value.data()),
             static_cast<int>(entry.value.size()), kAtEnd, beginsPart ? kNewPart : kSamePart) != 1) {
-        const char* const reason = ERR_reason_error_string(ERR_peek_last_error());
-        refuseSubject(fmt::format("has a value that {} cannot have: {}", printable(entry.type),
-                                  reason != nullptr ? reason : "OpenSSL refuses it"));
+        refuseValue(entry);
     }
 }
 

@@ -70,6 +70,7 @@ using Safes = Owner<STACK_OF(PKCS7), freeSafes>;
 using Scrypt = Owner<SCRYPT_PARAMS, SCRYPT_PARAMS_free>;
 using EncryptedKey = Owner<X509_SIG, X509_SIG_free>;
 using Time = Owner<ASN1_TIME, ASN1_STRING_free>;
+using String = Owner<ASN1_STRING, ASN1_STRING_free>;
 using Text = Owner<char, freeText>;
 
 // Decodes all of the bytes, or returns null; `Decode` is a function like d2i_X509.
