@@ -2,9 +2,12 @@
 // acknowledged is there, and everything else is as before or as afterwards.
 #include "tests/crash/tool/tool_crash.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <iterator>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "gtest/gtest.h"
 #include "tests/crash/figures.h"
@@ -14,6 +17,7 @@ namespace {
 
 constexpr Limits kEveryday{16, 4, 1, 1};
 constexpr Limits kTorture{256, 16, 3, 2};
+constexpr std::ptrdiff_t kEverydayCalls = 500;
 constexpr ToolPowerLoss::Effort kEverydayEffort{50, 50, 200};
 constexpr ToolPowerLoss::Effort kTortureEffort{4, 1, 8};
 
@@ -61,15 +65,34 @@ TEST_P(ToolCrashTest, LosesPower) {
     }
 }
 
-// Each call fails, with one errno after the other; in a full run with all of them.
+struct Made {
+    fault::Event event;
+    int nth;  // of its kind
+};
+
+std::vector<Made> numbered(const std::vector<fault::Event>& events) {
+    std::map<fault::Call, int> made;
+    std::vector<Made> all;
+    all.reserve(events.size());
+    for (const fault::Event& event : events) {
+        all.push_back({event, ++made[event.call]});
+    }
+    return all;
+}
+
+// Each call fails, with one errno after the other; in a full run with all of them. Every day, of a
+// command that makes the same calls for one record after the other, those that chance picks.
 TEST_P(ToolCrashTest, MeetsACallThatFails) {
     const ToolRecording recording = record(GetParam());
     ASSERT_EQ(0, recording.ran.code) << recording.ran.said;
     ToolFaults faults(recording);
-    std::map<fault::Call, int> made;
-    for (const fault::Event& event : recording.everyCall) {
+    RecordProperty("calls", static_cast<int>(recording.everyCall.size()));
+    const std::vector<Made> all = numbered(recording.everyCall);
+    std::vector<Made> chosen;
+    std::ranges::sample(all, std::back_inserter(chosen),
+                        isFull_ ? std::ssize(all) : kEverydayCalls, random_);
+    for (const auto& [event, nth] : chosen) {
         const std::vector<int>& errnos = fault::errnosOf(event.call);
-        const int nth = ++made[event.call];
         for (std::size_t i = 0; i < (isFull_ ? errnos.size() : 1); ++i) {
             const int error = errnos[(static_cast<std::size_t>(nth) + i) % errnos.size()];
             const std::string violation = faults.findViolation({event.call, nth, error});
