@@ -2,7 +2,9 @@
 //
 // Its files are in memory, in a folder that only this user may enter, and never on a disk, but for
 // what the system swaps. Whatever becomes of this process, also when it is killed, what is in the
-// folder is overwritten and removed: a second process waits for that, and for nothing else.
+// folder is overwritten and removed: a second process waits for that, and for nothing else. When
+// that one is killed as well, the next folder of the same user that is made does it: the lock on a
+// folder ends with these two processes, and what is not locked has no owner.
 //
 // For a program's main thread, while there is no other.
 #ifndef OS_MEMORY_FOLDER_H
@@ -27,9 +29,13 @@ public:
     const std::string& path() const noexcept { return path_; }
 
 private:
+    enum class Made { kMine, kLost, kFailed };
+    Made makeIn(const std::string& place);
     bool startCleaner() noexcept;
 
     std::string path_;
+    std::string lockPath_;  // of a file in it
+    File lock_;
     File lifeline_;  // its end is what the second process waits for
     pid_t cleaner_ = 0;
 };
