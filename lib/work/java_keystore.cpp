@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <array>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -13,6 +15,8 @@
 #include "lib/pki/decode.h"
 #include "lib/work/put.h"
 #include "os/command.h"
+#include "os/files.h"
+#include "os/fs.h"
 #include "os/memory_folder.h"
 
 namespace fstore {
@@ -102,9 +106,23 @@ public:
             seconds, {.output = path("said"), .withheld = "FSTORE_"});
     }
 
+    // However much that is: its beginning and its end, in whole lines. Where the files are concerns
+    // nobody.
     std::string said() const {
-        const SecretBytes bytes = read(path("said"));
-        return {bytes.begin(), bytes.end()};
+        constexpr off_t kMost = 1 << 19;  // of each
+        os::File file;
+        off_t size = 0;
+        if (os::openRegular(path("said").c_str(), file, size, os::Links::kRefuse) !=
+            os::Opened::kRegular) {
+            return {};
+        }
+        std::string text = textAt(file, 0, std::min(size, 2 * kMost));
+        if (size > 2 * kMost) {
+            const std::string end = textAt(file, size - kMost, kMost);
+            text.resize(text.rfind('\n', kMost) + 1);  // all of it for no line
+            text += end.substr(std::min(end.find('\n'), end.size()));
+        }
+        return without(std::move(text), {folder_.path() + "/", folder_.path()});
     }
 
     // Whether one of the passwords is in it.
@@ -116,19 +134,37 @@ public:
     }
 
     std::vector<PkiPart> parts() const {
-        if (!isA(os::EntryType::kFile, path("made.p12"))) {
+        // Neither waits for what is no file, nor follows a link.
+        os::File file;
+        off_t size = 0;
+        if (os::openRegular(path("made.p12").c_str(), file, size, os::Links::kRefuse) !=
+            os::Opened::kRegular) {
             throw Failure(kMalformed,
                           "keytool did not convert this Java keystore, and says it did");
         }
-        const SecretBytes made = read(path("made.p12"));
+        const SecretBytes made =
+            InputFile(std::move(file), "what keytool made of it").readAll(kMostInput);
         return decodePki(made, [this]() -> const SecretText& { return newPassword_; });
     }
 
 private:
     std::string path(const char* name) const { return joined(folder_.path(), name); }
-    // Neither waits for what is no file, nor follows a link.
-    static SecretBytes read(const std::string& path) {
-        return InputFile(openRegular(path).file, path).readAll(kMostInput);
+
+    static std::string textAt(const os::File& file, off_t at, off_t size) {
+        std::string text(static_cast<std::size_t>(size), '\0');
+        const ssize_t got = os::pread(file.get(), text.data(), text.size(), at);
+        text.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
+        return text;
+    }
+
+    static std::string without(std::string text, std::initializer_list<std::string> left) {
+        for (const std::string& each : left) {
+            for (std::size_t at = text.find(each); at != std::string::npos;
+                 at = text.find(each, at)) {
+                text.erase(at, each.size());
+            }
+        }
+        return text;
     }
 
     const char* type_;
@@ -140,9 +176,15 @@ private:
 // Entries that keytool passes over, with a line for each, and succeeds all the same.
 void addPassedOver(std::string_view said, bool isSecret, std::vector<PkiPart>& parts) {
     constexpr std::string_view kProblem = "Problem importing entry for alias ";
-    constexpr std::size_t kMost = 200;
+    constexpr std::size_t kMost = 200, kMostEntries = 1000;
+    std::size_t count = 0;
     for (std::size_t at = said.find(kProblem); at != std::string_view::npos;
          at = said.find(kProblem, at + kProblem.size())) {
+        if (++count > kMostEntries) {
+            parts.push_back(
+                {0, "", Failure(kMalformed, "keytool did not convert further entries")});
+            break;
+        }
         const std::string_view line = said.substr(at, said.find('\n', at) - at);
         const std::string entry = clipped(printable(line.substr(kProblem.size())), kMost);
         parts.push_back(

@@ -120,6 +120,36 @@ class KeystoreTest(InitialisedTest):
                              env=self.stand_in("os.kill(os.getpid(), 9)"))
         self.assertEqual("x.jks: keytool was ended by signal 9", message)
 
+    def test_of_much_that_keytool_says_the_end_counts(self):
+        env = self.stand_in("for _ in range(40): print('x' * 99_999)\n"
+                            "print('keytool error: java.io.IOException: the end')\nsys.exit(1)")
+        message = self.fails(59, "malformed", "import", "x.jks", env=env)
+        self.assertEqual("x.jks: keytool did not convert this Java keystore: the end", message)
+        env = self.stand_in("print('keytool error: ' + 'y' * 30_000_000)\nsys.exit(1)")
+        message = self.fails(59, "malformed", "import", "x.jks", env=env)
+        self.assertLess(len(message), 400)
+        env = self.stand_in("for i in range(5000): print(f'Problem importing entry for alias {i}: no')\n"
+                            + CONVERTS.format(key=str(self.folder / "www.key"),
+                                              pem=str(self.folder / "www.pem")))
+        run = self.run_tool("--json", "import", "x.jks", code=5, env=env)
+        messages = [failure["error"]["message"] for failure in run.document["failures"]]
+        self.assertEqual(1001, len(messages))
+        self.assertEqual("keytool did not convert further entries", messages[-1])
+
+    def test_where_the_files_are_is_not_told(self):
+        for name in ("-srckeystore", "-srcstorepass:file"):
+            env = self.stand_in(f"print('keytool error: java.io.IOException: no ' + given[{name!r}])\n"
+                                "print('\\x1b[1m\\x07')\nsys.exit(1)")
+            message = self.fails(59, "malformed", "import", "x.jks", env=env)
+            self.assertRegex(message, r"\Ax.jks: keytool did not convert this Java keystore: no "
+                                      r"(keystore|password)\Z")
+        for rest, code, name in (("os.truncate(given['-destkeystore'], 1 << 29)", 4, "invalid"),
+                                 ("os.chmod(given['-destkeystore'], 0)", 59, "malformed")):
+            env = self.stand_in(f"open(given['-destkeystore'], 'w').close()\n{rest}")
+            message = self.fails(code, name, "import", "x.jks", env=env, prefix=support.BOUND)
+            self.assertNotIn("/dev/shm", message)
+            self.assertIn("keytool", message)
+
     def test_no_password_is_repeated(self):
         for file in ("-srcstorepass:file", "-deststorepass:file"):
             rest = f"print('keytool error: no ' + pathlib.Path(given[{file!r}]).read_text())\nsys.exit(1)"
