@@ -16,6 +16,7 @@
 #include "lib/records/record.h"
 #include "lib/records/record_info.h"
 #include "lib/work/change.h"
+#include "lib/work/meant.h"
 #include "lib/work/put.h"
 #include "os/command.h"
 #include "os/memory_folder.h"
@@ -78,8 +79,10 @@ public:
             throw Failure(kUsage, "an editor needs input; with --no-input use `fstore put`");
         }
         const std::array texts{address_.print()};
-        Editable before = readNamed(context_.database, texts,
-                                    [&] { return readEditable(context_.database, address_); });
+        Editable before = readNamed(context_.database, texts, [&] {
+            refusePattern(address_);
+            return readEditable(context_.database, address_);
+        });
         rules_.plain = before.plain;
         rules_.isNew = true;
         rules_.replaced = before.state;

@@ -170,6 +170,7 @@ void importObjects(const std::vector<Item>& items, const ImportRules& rules, Dat
 Status run(const Options& options, Context& context) {
     ImportRules rules = rulesOf(options);
     rules.unlock = context.secret.isGiven();
+    rules.refusesPatterns = true;
     PasswordSource password(PasswordSource::Which::kInput, options.password,
                             context.globals.noInput, context.output, context.standardInput);
     for (const std::string& file : options.files) {

@@ -9,6 +9,7 @@
 #include "lib/records/record_head.h"
 #include "lib/records/record_info.h"
 #include "lib/work/change.h"
+#include "lib/work/meant.h"
 #include "lib/work/rename.h"
 
 namespace fstore {
@@ -37,6 +38,7 @@ Status run(const Options& options, Context& context) {
     const Address to = parseNewAddress(options.to);
     refuseInternal(to);
     return changeNamed(context.database, namesForRenaming(options.from, to), [&] {
+        refusePattern(to);
         report(renameRecord(context.database, options.from, to), to, context.output);
         return kOk;
     });

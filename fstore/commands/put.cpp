@@ -17,6 +17,7 @@
 #include "lib/records/record_info.h"
 #include "lib/work/change.h"
 #include "lib/work/get.h"
+#include "lib/work/meant.h"
 #include "os/terminal.h"
 
 namespace fstore {
@@ -69,6 +70,7 @@ Status runPut(const PutOptions& options, Context& context) {
     PutRules rules = options.rules;
     rules.isNew = !options.force;
     const auto store = [&, size = bytes.size(), plain = rules.plain] {
+        refusePattern(address);
         putBody(context.database, address, bytes, rules);
         context.output.note(fmt::format("stored {}: {} bytes{}", address.print(), size,
                                         plain ? "" : ", encrypted"));

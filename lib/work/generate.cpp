@@ -18,6 +18,7 @@
 #include "lib/records/record.h"
 #include "lib/records/record_info.h"
 #include "lib/work/find.h"
+#include "lib/work/meant.h"
 #include "lib/work/object_record.h"
 #include "lib/work/uri.h"
 
@@ -57,6 +58,7 @@ void refuseTaken(const std::string& name) {
                                                     : "take another name"},
                           place.print());
         }
+        refusePattern(place);
     }
 }
 

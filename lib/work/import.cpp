@@ -16,6 +16,7 @@
 #include "lib/records/record.h"
 #include "lib/records/record_head.h"
 #include "lib/records/record_info.h"
+#include "lib/work/meant.h"
 #include "lib/work/object_record.h"
 
 namespace fstore {
@@ -291,6 +292,12 @@ Importer::Result Importer::add(const PkiObject& object, const std::string& label
                 Advice{"--replace replaces it"}, address.print());
         }
         return replace(object, label, address);
+    }
+    // What belongs to a key has its name, whatever that is.
+    const bool isNamed = rules_.name && *rules_.name == address.name &&
+                         !Record::isThere(Address{std::string(layout::kKeys.name()), address.name});
+    if (rules_.refusesPatterns && isNamed) {
+        refusePattern(address);
     }
     Record record(std::move(address));
     fill(record, object, label, rules_.encrypt);

@@ -30,6 +30,8 @@ struct ImportRules {
     // Whether the password is at hand, so that what is there encrypted is compared with the objects
     // even if none of them needs it.
     bool unlock = false;
+    // Whether a user gave the name, who means other records with one that is a pattern of theirs.
+    bool refusesPatterns = false;
 };
 
 // Throws kInvalid when the name in the rules cannot be one.

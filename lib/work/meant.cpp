@@ -73,6 +73,24 @@ bool isPattern(std::string_view text) {
     return text.find_first_of("*?[") != std::string_view::npos;
 }
 
+void refusePattern(const Address& place) {
+    const std::string text = place.print();
+    if (!isPattern(text) || Record::isThere(place)) {
+        return;
+    }
+    const std::vector<Address> matching = recordsMatching(text);
+    if (!matching.empty()) {
+        const std::size_t more = matching.size() - 1;
+        throw Failure(
+            kInvalid,
+            fmt::format("{} is a pattern that matches {}{}", text, matching.front().print(),
+                        more == 0 ? "" : fmt::format(" and {} more", more)),
+            Advice{
+                "name the record that you mean, or choose a name for a new one that matches none"},
+            text);
+    }
+}
+
 std::vector<Address> recordsMatching(std::string_view pattern) {
     const AddressText wanted = parseAddress(pattern);
     const std::string compared = isBare(wanted) ? wanted.place.name : wanted.place.print();

@@ -29,6 +29,10 @@ std::vector<Address> recordsMatching(std::string_view pattern);
 //   kInvalid  there are several
 std::optional<Address> meantRecord(Database& database, std::string_view text);
 
+// For who makes a record of this address unless there is one. Throws kInvalid when it is a pattern
+// that matches others: whoever wrote it meant these.
+void refusePattern(const Address& place);
+
 // Throws kInvalid, as the text may mean any of these.
 [[noreturn]] void failAmbiguous(std::string_view text, const std::vector<Address>& found);
 

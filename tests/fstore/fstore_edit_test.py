@@ -80,6 +80,15 @@ class EditTest(EditCase):
                                                        "EDITOR": "false"})
         self.assertEqual(b"a b\n", self.body("settings/a"), run.message)
 
+    def test_a_pattern_of_others_is_no_new_record(self):
+        before = self.records()
+        for pattern in ["settings/p*", "*/plain", "settings/[a]"]:
+            run = self.edit(pattern, 'echo two > "$1"', code=4)
+            self.assertIn(f"{pattern} is a pattern that matches settings/", run.message)
+        self.assertEqual(before, self.records())
+        self.edit("settings/x*", 'echo new > "$1"')
+        self.assertEqual(b"new\n", self.body("settings/x*"))
+
     def test_what_is_plain_stays_so(self):
         self.edit("settings/plain", 'echo two >> "$1"', password=None)
         body = self.run_tool("--json", "show", "settings/plain").document["records"][0]["body"]

@@ -246,6 +246,29 @@ class AddressTest(InitialisedTest):
                      ("rm", "settings/bo"), ("mv", "settings/bo", "settings/c")]:
             self.assertIn("did you mean settings/both?", self.fails(50, "missing", *args))
 
+    def test_of_a_new_record_is_no_pattern_of_others(self):
+        self.write("one.pem", pki.openssl("genpkey", "-algorithm", "ed25519"))
+        for args, meant in [(("put", "settings/b*", "-"), "settings/both"),
+                            (("put", "-f", "s*/a", "-"), "settings/a"),
+                            (("mv", "settings/a", "keys/[a-c]oth"), "keys/both"),
+                            (("cp", "settings/a", "*/both"), "keys/both and 1 more"),
+                            (("generate", "b?th"), "keys/both"),
+                            (("import", "one.pem", "--name", "bot?"), "keys/both")]:
+            message = self.fails(4, "invalid", *args)
+            self.assertIn(f"is a pattern that matches {meant}; name the record", message, args)
+        self.assertEqual(["keys/both", "settings/a", "settings/both"], self.records())
+
+    def test_may_have_the_signs_of_patterns(self):
+        self.put("settings/*.example.com", b"x")
+        self.run_tool("generate", "*.example.com")
+        self.run_tool("cp", "settings/a", "settings/z*")
+        self.put("settings/zz", b"y")
+        for replaced in ["settings/z*", "settings/*.example.com"]:
+            self.put(replaced, b"of " + replaced.encode(), "-f")
+            self.assertEqual(b"of " + replaced.encode(), self.body(replaced))
+        self.run_tool("set", "settings/z*", "label=x")
+        self.assertEqual(b"y", self.body("settings/zz"))
+
     def test_that_leads_elsewhere_is_refused(self):
         for address in ["../a", "settings/../../a", "settings/", "sha256:xyz", ""]:
             self.fails(4, "invalid", "show", address)
