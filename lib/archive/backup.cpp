@@ -116,7 +116,7 @@ RestoreReport restoreFrom(const Archive& first, const Archive& second, Database&
     if (totals.manifest != verified.manifest) {
         throw Failure(kIo, "it changed while it was being read");
     }
-    settleCopy();
+    settleBeside(layout::kCopy);
     return {totals, exchangeForCopy(compactTime(now()))};
 }
 

@@ -44,7 +44,7 @@ bool isThere(const char* database, const char* name) {
 }
 
 // Writes one of the copies there with its set in force alone, if it has another one.
-void settle(const char* name, const SlotCopy& copy, const Digest& key) {
+void settle(const char* folder, const char* name, const SlotCopy& copy, const Digest& key) {
     if (!copy.isSound() || (copy.record.sets.size() == 1 && !copy.keepOld)) {
         return;
     }
@@ -54,7 +54,8 @@ void settle(const char* name, const SlotCopy& copy, const Digest& key) {
     }
     UnlockRecord settled = copy.record;
     settled.sets = {*inForce};
-    writeCopyBeside(layout::kCopy, name,
+    requireLock();
+    writeCopyBeside(folder, name,
                     name == std::string_view(layout::kKdfRecord) ? asKdf(settled) : settled);
 }
 
@@ -66,14 +67,14 @@ bool isPreviousOf(const SlotSet& set) {
                : !isThere(layout::kPrevious, layout::kKeyRecord);
 }
 
-void settleCopy() {
-    const std::optional<Digest> key = keyDigestOf(layout::kCopy);
+void settleBeside(const char* folder) {
+    const std::optional<Digest> key = keyDigestOf(folder);
     if (!key) {
         return;
     }
-    const SlotCopies copies = readCopies(layout::kCopy);
-    settle(layout::kKdfCopyRecord, copies.copy, *key);
-    settle(layout::kKdfRecord, copies.kdf, *key);
+    const SlotCopies copies = readCopies(folder);
+    settle(folder, layout::kKdfCopyRecord, copies.copy, *key);
+    settle(folder, layout::kKdfRecord, copies.kdf, *key);
 }
 
 }  // namespace fstore

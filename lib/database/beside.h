@@ -13,10 +13,11 @@ namespace fstore {
 // told: such a folder is somebody's database, and not what a change of the password left.
 bool isPreviousOf(const SlotSet& set);
 
-// Leaves in "./new_db", the contents of a backup, only the set that is in force there. A backup
-// that was made within a change of the password has two; as "./db" it would be taken for the
-// change itself, and "./old_db" beside it for what that change may delete.
-void settleCopy();
+// Leaves in this folder, which is to be a database by itself, only the set that is in force there.
+// What a change of the password leaves aside has two, and so has a backup that was made within one:
+// as "./db" it would be taken for the change itself, and "./old_db" beside it for what that change
+// may delete.
+void settleBeside(const char* folder);
 
 }  // namespace fstore
 

@@ -54,14 +54,17 @@ void requireCopyable() {
     });
 }
 
-// A database in "./old_db" is somebody's, and the store would delete it for the next one.
-void keepWhatIsAside(Observer& observer) {
-    if (const std::string kept = keepPrevious(compactTime(now())); !kept.empty()) {
+// A database in "./old_db" is somebody's, and the store would delete it for the next one. Empty
+// when there is none.
+std::string keepWhatIsAside(Observer& observer) {
+    std::string kept = keepPrevious(compactTime(now()));
+    if (!kept.empty()) {
         observer.note(fmt::format(
             "kept the previous database as {}, with its password; records that are not encrypted "
             "may be the same files in both: remove it with `rm -r`, and do not overwrite it",
             kept));
     }
+    return kept;
 }
 
 [[noreturn]] void failUnchanged() {
@@ -203,10 +206,11 @@ Protection recrypt(StoreService& store, Observer& observer, const SecretText& p,
 
 // Steps 6 and 7.
 Protection settleOld(const Protection& unfinished, Observer& observer) {
-    if (unfinished.keepOld || !isPreviousOf(unfinished.record.sets.front())) {
-        keepWhatIsAside(observer);
-    } else {
+    const bool isPrevious = isPreviousOf(unfinished.record.sets.front());
+    if (!unfinished.keepOld && isPrevious) {
         dropPrevious();
+    } else if (const std::string kept = keepWhatIsAside(observer); !kept.empty() && isPrevious) {
+        settleBeside(kept.c_str());  // it can be used as a database, with the password from before
     }
     keepOnlyInForce(unfinished);
     return readProtection();
@@ -218,7 +222,7 @@ Protection changePassword(StoreService& store, Observer& observer, const Protect
                           NewKey fresh, bool keepOld) {
     requireCopyable();
     const DeepReport contents = readBefore(observer);
-    keepWhatIsAside(observer);
+    (void)keepWhatIsAside(observer);
     writeBothSets(before, fresh, keepOld);
     const Protection changed = recrypt(store, observer, fresh.p, contents.secrets);
     syncFolder(".");

@@ -494,7 +494,13 @@ class ChangeTest(InitialisedTest):
         kept, = self.run_tool("info", "--json", password=None).document["kept"]
         (self.folder / "other").mkdir()
         shutil.move(self.folder / kept, self.folder / "other/db")
-        # It was copied before the change was finished; its own password is in force.
+        # It was copied before the change was finished, and nothing of that is left in it.
+        self.assertEqual([], self.run_tool("-D", "other", "check", "--json",
+                                           password=None).document["findings"])
+        info = self.run_tool("-D", "other", "info", password=None).text
+        self.assertNotIn("interrupted", info)
+        self.assertEqual(1, info.count("password, scrypt"))
+        self.fails(6, "wrong-password", "-D", "other", "get", "a", password="new")
         run = self.run_tool("-D", "other", "get", "a")
         self.assertEqual(b"a", run.out)
         self.run_tool("-D", "other", "check", "--deep")

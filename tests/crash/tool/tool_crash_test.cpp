@@ -89,8 +89,8 @@ TEST_P(ToolCrashTest, MeetsACallThatFails) {
     RecordProperty("calls", static_cast<int>(recording.everyCall.size()));
     const std::vector<Made> all = numbered(recording.everyCall);
     std::vector<Made> chosen;
-    std::ranges::sample(all, std::back_inserter(chosen),
-                        isFull_ ? std::ssize(all) : kEverydayCalls, random_);
+    std::ranges::sample(all, std::back_inserter(chosen), isFull_ ? std::ssize(all) : kEverydayCalls,
+                        random_);
     for (const auto& [event, nth] : chosen) {
         const std::vector<int>& errnos = fault::errnosOf(event.call);
         for (std::size_t i = 0; i < (isFull_ ? errnos.size() : 1); ++i) {
