@@ -132,6 +132,14 @@ std::vector<std::string> lineOf(int argc, const char* const* argv) {
     return words;
 }
 
+// The word behind "--"; empty for none.
+std::string argumentIn(int argc, const char* const* argv) {
+    const char* const* const end = argv + argc;
+    const char* const* const dashes =
+        std::find_if(argv, end, [](const char* word) { return std::strcmp(word, "--") == 0; });
+    return end - dashes > 1 ? dashes[1] : "";
+}
+
 // Declares one option to the parser, by what it sets.
 class Declaration {
 public:
@@ -145,7 +153,7 @@ public:
         return app_.set_version_flag(names_, "fstore " FSTORE_VERSION);
     }
     CLI::Option* operator()(bool* target) const {
-        return app_.add_flag(names_, *target, option_.description);
+        return app_.add_flag(names_, *target, option_.description)->disable_flag_override();
     }
     template <class T>
     CLI::Option* operator()(T* target) const {
@@ -250,14 +258,34 @@ std::string before(const char* end, const std::string& words) {
     return words.substr(0, words.find(end));
 }
 
+// An option with too many values, or too few.
+std::string wordsOfMismatch(const CommandPath& path, const Cli& cli, const std::string& words) {
+    constexpr const char* kOfFlag = " was given a disallowed flag override";
+    if (words.ends_with(kOfFlag)) {  // the name is without its dashes
+        return unwantedValue(path, before(kOfFlag, words));
+    }
+    const std::string name = before(":", words);
+    return words.find("At Most") != std::string::npos ? repeatedOption(path, name)
+                                                      : missingValue(path, cli.program(), name);
+}
+
 // The parser's findings in the user's words. It has taken what it knows of the line; the rest is
 // what remains.
-std::string wordsOf(const CLI::ParseError& error, const CLI::App& app, const Cli& cli) {
+// `argument` is the word behind "--", empty for none.
+std::string wordsOf(const CLI::ParseError& error, const CLI::App& app, const Cli& cli,
+                    const std::string& argument) {
     const CommandPath path = pathOf(app, cli);
     const auto& commands = path.empty() ? cli.commands() : path.back()->subcommands();
     std::vector<std::string> rest = app.remaining(true);
-    const bool isArgument = !rest.empty() && isMarkedArgument(rest.front());
+    const bool isBehindDashes = !rest.empty() && rest.front() == "--";
+    if (isBehindDashes) {
+        rest.erase(rest.begin());
+    }
+    const bool isArgument = isBehindDashes || (!rest.empty() && isMarkedArgument(rest.front()));
     std::ranges::for_each(rest, unmark);
+    if (!commands.empty() && !argument.empty() && (rest.empty() || rest.front() == argument)) {
+        return commandBehindDashes(path);
+    }
     if (!rest.empty() && error.get_name() != "ArgumentMismatch") {
         const std::string& word = rest.front();
         if (word.starts_with('-') && !isArgument) {
@@ -271,7 +299,7 @@ std::string wordsOf(const CLI::ParseError& error, const CLI::App& app, const Cli
                                 : missingCommand(path, commands);
     }
     if (error.get_name() == "ArgumentMismatch") {
-        return missingValue(path, cli.program(), before(":", error.what()));
+        return wordsOfMismatch(path, cli, error.what());
     }
     const std::string words = error.what();
     const std::string excludes = " excludes ";
@@ -290,6 +318,7 @@ void declare(CLI::App& app, const Cli& cli, const std::vector<std::string>& word
     const Wanted isWanted(words);
     app.require_subcommand(1);
     app.fallthrough();
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
     app.footer("\"fstore COMMAND --help\" describes one command.");
     for (const Option& option : cli.program().options()) {
         declare(app, option);
@@ -411,7 +440,7 @@ int Cli::execute(int argc, const char* const* argv) {
                 return static_cast<int>(kOk);
             });
         }
-        output.fail(Failure(kUsage, wordsOf(error, app, *this)));
+        output.fail(Failure(kUsage, wordsOf(error, app, *this, argumentIn(argc, argv))));
         return static_cast<int>(kUsage);
     }
     return run(*pathOf(app, *this).back());
@@ -427,7 +456,7 @@ std::string Cli::help(std::vector<std::string> words) const {
     } catch (const CLI::ParseError& error) {
         const bool isAnswered = error.get_exit_code() == 0 && app.remaining(true).empty();
         if (!isAnswered) {
-            throw Failure(kUsage, wordsOf(error, app, *this));
+            throw Failure(kUsage, wordsOf(error, app, *this, {}));
         }
     }
     return app.help();

@@ -69,7 +69,9 @@ std::string missingCommand(const CommandPath& path, const std::deque<Command>& c
 
 std::string unknownOption(const CommandPath& path, const Command& program,
                           const std::string& word) {
-    const std::string name = word.substr(0, word.find('='));
+    const std::string option = word.substr(0, word.find('='));
+    const bool hasName = option.find_first_not_of('-') != std::string::npos;
+    const std::string& name = hasName ? option : word;
     Nearest nearest(name);
     if (!path.empty()) {
         offerOptions(nearest, *path.back());
@@ -98,6 +100,21 @@ std::string missingValue(const CommandPath& path, const Command& program, const 
     return fmt::format("{} needs a value{}; {}", name,
                        option == nullptr ? "" : fmt::format(": {} {}", name, option->type),
                        helpOf(path));
+}
+
+std::string repeatedOption(const CommandPath& path, const std::string& name) {
+    return fmt::format("{} is given more than once; {}", name, helpOf(path));
+}
+
+std::string unwantedValue(const CommandPath& path, const std::string& name) {
+    return fmt::format("{}{} takes no value; {}", name.size() == 1 ? "-" : "--", name,
+                       helpOf(path));
+}
+
+std::string commandBehindDashes(const CommandPath& path) {
+    return fmt::format(
+        "\"--\" stands in front of the arguments of a command; name the command before it; {}",
+        helpOf(path));
 }
 
 std::string otherMisuse(const CommandPath& path, const std::string& what) {

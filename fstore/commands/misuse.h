@@ -28,6 +28,11 @@ std::string surplusArgument(const CommandPath& path, const std::string& word);
 std::string missingArgument(const CommandPath& path, const std::string& name);
 // `name` is that of an option that has nothing behind it.
 std::string missingValue(const CommandPath& path, const Command& program, const std::string& name);
+std::string repeatedOption(const CommandPath& path, const std::string& name);
+// `name` is that of an option without a value, and without its dashes.
+std::string unwantedValue(const CommandPath& path, const std::string& name);
+// A command stands where its arguments would.
+std::string commandBehindDashes(const CommandPath& path);
 // Anything else, which has been put into words: "--cost: ...".
 std::string otherMisuse(const CommandPath& path, const std::string& what);
 

@@ -32,6 +32,27 @@ class UsageTest(FstoreTest):
         self.assertEqual(b"a body", self.body("settings/-q"))
         self.assertIn("there is no record -x", self.run_tool("show", "--", "-x", code=50).message)
 
+    def test_what_is_wrong_is_said_in_the_words_of_who_typed_it(self):
+        before_it = '"--" stands in front of the arguments of a command; name the command before it'
+        for args, message in (
+                ("-- ls", before_it), ("-D . -- ls", before_it), ("key -- ls", before_it),
+                ("--", 'name a command, such as "fstore ls"'), ("key --", '"fstore key" needs one of'),
+                ("put --", '"fstore put" needs ADDRESS'), ("backup --", '"fstore backup" needs '),
+                ("nosuch -- ls", 'there is no command "fstore nosuch"'), ("deploy -- x", '"fstore deploy" needs '),
+                ("get -- a b", '"b" is one argument too many'),
+                ("ls -D a -D b", "--dir is given more than once"),
+                ("get a -o x -o y", "--output is given more than once"),
+                ("check --repair=maybe", "--repair takes no value"),
+                ("put --plain-body=no a b", "--plain-body takes no value"),
+                ("ls --json=3", "--json takes no value"),
+                ("--- ls", 'has no option ---'), ("--=x", 'has no option --=x')):
+            with self.subTest(args):
+                run = self.run_tool(*args.split(), code=2)
+                self.assertIn(message, run.message)
+                self.assertNotIn("did you mean", run.message)
+                self.assertIn("; see `fstore", run.message)
+        self.assertIn("Usage: fstore [OPTIONS] COMMAND", self.run_tool("--help").text)
+
     def test_usage_errors_are_json_when_asked_for(self):
         self.fails(2, "usage", "nonsense")
         run = self.run_tool("ls", "--nonsense", "--json", code=2)
