@@ -136,7 +136,9 @@ void reportSlots(Context& context, Json& json) {
 
 Status runList(const RestoreOptions& options, Context& context) {
     Json files = Json::array();
-    Table table({{"MODE", false}, {"SIZE", false}, {"PATH", false}});
+    Table table({{.title = "MODE", .least = Table::Column::kWhole},
+                 {.title = "SIZE", .least = Table::Column::kWhole},
+                 {.title = "PATH", .weight = 2, .cut = Table::Cut::kInside}});
     const ArchiveTotals totals =
         readBackup(options.file, context.database.observer(), [&](const ArchiveEntry& entry) {
             const std::string mode = fmt::format("{:04o}", entry.mode);

@@ -141,7 +141,7 @@ Status report(Context& context) {
     const bool hasOld = folderState().previous;
     Json folders = Json::array();
     std::size_t records = 0;
-    Table table({{.title = "FOLDER", .isCutInside = true},
+    Table table({{.title = "FOLDER", .cut = Table::Cut::kInside},
                  {.title = "RECORDS", .least = Table::Column::kWhole}});
     Unread unread;
     for (const std::string& folder : allFolders(&unread)) {

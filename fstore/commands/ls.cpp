@@ -16,6 +16,7 @@
 #include "fstore/terminal/calendar.h"
 #include "fstore/terminal/csv.h"
 #include "lib/base/digits.h"
+#include "lib/base/printable.h"
 #include "lib/base/sha256.h"
 #include "lib/base/time.h"
 #include "lib/records/filter.h"
@@ -74,7 +75,7 @@ public:
         }
         if (info.kind == Kind::kRequest) {
             return state != nullptr && isOpen(info, *state)
-                       ? Cell{"open since " + dayOf(*info.imported)}
+                       ? wholeCell("open since " + dayOf(*info.imported))
                        : Cell{};
         }
         if (info.notAfter && successorOf(info) != nullptr) {
@@ -108,6 +109,10 @@ public:
 private:
     static bool isOpen(const RecordInfo& request, const KeyState& state) {
         return state.isOpen && state.request->address == request.address;
+    }
+
+    static Cell wholeCell(const std::string& text) {
+        return {text, Style::kPlain, columnsOf(text)};
     }
 
     Cell timeCell(std::int64_t notAfter) const {
@@ -210,9 +215,9 @@ private:
     const FindRules::Order order_;
     Belongings& belongings_;
     // At 40 columns there is room for the first three.
-    Table table_{{{.title = "ADDRESS", .weight = 4, .least = 12, .isCutInside = true},
+    Table table_{{{.title = "ADDRESS", .weight = 4, .least = 9, .cut = Table::Cut::kInside},
                   {.title = "KIND", .weight = 2},
-                  {.title = "EXPIRES", .weight = 4, .least = 18},
+                  {.title = "EXPIRES", .weight = 4, .least = 18, .cut = Table::Cut::kWords},
                   {.title = "KEY"},
                   {.title = "SUBJECT", .weight = 2, .least = 8},
                   {.title = "LABEL"}}};

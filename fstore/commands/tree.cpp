@@ -9,6 +9,7 @@
 #include "fstore/commands/commands.h"
 #include "fstore/commands/record_json.h"
 #include "fstore/commands/record_text.h"
+#include "lib/base/printable.h"
 #include "lib/base/time.h"
 #include "lib/work/forest.h"
 #include "lib/work/uri.h"
@@ -27,7 +28,7 @@ std::string endOf(const RecordInfo& info) {
 }
 
 // "until 2030-01-31", and what is odd about it.
-std::string stateOf(const Branch& branch, std::int64_t time) {
+Cell stateOf(const Branch& branch, std::int64_t time) {
     const RecordInfo& info = branch.info;
     std::string state = "until " + endOf(info);
     if (info.notAfter && *info.notAfter < time) {
@@ -35,13 +36,14 @@ std::string stateOf(const Branch& branch, std::int64_t time) {
     } else if (info.notBefore && *info.notBefore > time) {
         state = "from " + dayOf(*info.notBefore);
     }
+    const std::size_t dated = columnsOf(state);
     if (branch.isSuperseded) {
         state += ", superseded";
     }
     if (branch.key) {
         state += ", key " + branch.key->print();
     }
-    return state;
+    return {state, Style::kPlain, dated};
 }
 
 // Whether another one of the same issuer follows.
@@ -74,10 +76,10 @@ private:
     void drawBranch(std::size_t index) {
         const Branch& branch = forest_.branches[index];
         if (branch.depth == 0 && !branch.isRoot) {
-            drawRow({{branch.issuerBelow
-                          ? fmt::format("{} ({}, shown below)", branch.info.issuer,
-                                        branch.issuerBelow->print())
-                          : fmt::format("{} (not in the database)", branch.info.issuer)}});
+            drawRow(0, {{branch.issuerBelow
+                             ? fmt::format("{} ({}, shown below)", branch.info.issuer,
+                                           branch.issuerBelow->print())
+                             : fmt::format("{} (not in the database)", branch.info.issuer)}});
         }
         // A lost one hangs below the line of its issuer, and all below it one step further.
         const bool isLost = branch.depth == 0 ? !branch.isRoot : isBelowLost_;
@@ -93,17 +95,18 @@ private:
             head += goesOn ? "├─ " : "└─ ";
             lines_.back() = goesOn;
         }
-        drawRow({{head + titleOf(branch.info)},
-                 {branch.info.address.print()},
-                 {stateOf(branch, time_)}});
+        drawRow(
+            columnsOf(head),
+            {{head + titleOf(branch.info)}, {branch.info.address.print()}, stateOf(branch, time_)});
     }
 
-    // A table of its own, so that short lines stay together.
-    void drawRow(std::vector<Cell> cells) {
-        constexpr std::size_t kDate = 16;  // "until 2030-01-31"
-        Table row({{.title = {}, .weight = 4, .least = 10},
-                   {.title = {}, .weight = 3, .least = 10, .isCutInside = true},
-                   {.title = {}, .weight = 4, .least = kDate}});
+    // A table of its own, so that short lines stay together. `head` is what is drawn before a name.
+    void drawRow(std::size_t head, std::vector<Cell> cells) {
+        // At 40 columns there is room for all three, two steps below a root.
+        constexpr std::size_t kName = 6;
+        Table row({{.title = {}, .weight = 4, .least = head + kName},
+                   {.title = {}, .weight = 3, .least = 8, .cut = Table::Cut::kInside},
+                   {.title = {}, .weight = 4, .cut = Table::Cut::kWords}});
         cells.resize(3);
         row.add(cells);
         output_.table(row);

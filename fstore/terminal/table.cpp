@@ -11,6 +11,7 @@ namespace fstore {
 namespace {
 
 constexpr std::size_t kGap = 2;  // columns between two columns
+constexpr const char* kBetweenWords = " ,";
 
 const char* codeOf(Style style) {
     switch (style) {
@@ -47,6 +48,30 @@ std::vector<Cell> cellsOf(std::string_view row) {
     return cells;
 }
 
+// Half a date would be another one.
+std::string clippedBetweenWords(const std::string& text, std::size_t columns) {
+    std::string cut = clipped(text, columns);
+    const auto kept = static_cast<std::size_t>(std::ranges::mismatch(cut, text).in1 - cut.begin());
+    const std::size_t end = text.find_last_of(kBetweenWords, kept);
+    if (cut == text || end == std::string::npos) {
+        return cut;
+    }
+    const std::size_t last = text.find_last_not_of(kBetweenWords, end);
+    return last == std::string::npos ? cut : text.substr(0, last + 1) + cut.substr(kept);
+}
+
+std::string cutTo(std::size_t width, const std::string& text, Table::Cut cut) {
+    switch (cut) {
+        case Table::Cut::kInside:
+            return clippedInside(text, width);
+        case Table::Cut::kWords:
+            return clippedBetweenWords(text, width);
+        case Table::Cut::kEnd:
+            break;
+    }
+    return clipped(text, width);
+}
+
 // Of a line with columns of these widths.
 std::size_t lengthOf(const std::vector<std::size_t>& widths) {
     std::size_t length = 0;
@@ -72,7 +97,11 @@ void Table::add(const std::vector<Cell>& row, std::string_view key) {
     std::string kept;
     for (std::size_t i = 0; i < row.size(); ++i) {
         const Cell cell{printable(row[i].text), row[i].style};
-        widest_[i] = std::max(widest_[i], columnsOf(cell.text));
+        const std::size_t width = columnsOf(cell.text);
+        widest_[i] = std::max(widest_[i], width);
+        if (row[i].whole != 0) {  // and an ellipsis
+            columns_[i].least = std::max(columns_[i].least, std::min(row[i].whole + 1, width));
+        }
         appendCell(kept, cell);
     }
     rows_.add(key, kept);
@@ -86,8 +115,7 @@ std::string Table::lineOf(const std::vector<Cell>& cells, const std::vector<std:
         if (widths[i] == 0) {
             continue;
         }
-        const std::string text = columns_[i].isCutInside ? clippedInside(cells[i].text, widths[i])
-                                                         : clipped(cells[i].text, widths[i]);
+        const std::string text = cutTo(widths[i], cells[i].text, columns_[i].cut);
         if (!text.empty()) {
             line.append(owed, ' ');
             owed = 0;

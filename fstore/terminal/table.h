@@ -21,15 +21,18 @@ std::string styled(std::string_view text, Style style);
 struct Cell {
     std::string text;  // escaped by the table
     Style style = Style::kPlain;
+    std::size_t whole = 0;  // so many columns at its beginning are not cut, but the column left out
 };
 
 class Table {
 public:
+    enum class Cut { kEnd, kInside, kWords };  // where: kWords is at the end, but not amid a word
+
     struct Column {
         std::string title;
         unsigned int weight = 1;      // one of twice the weight gets twice the room
         std::size_t least = kNarrow;  // is not cut below this, but left out
-        bool isCutInside = false;     // not at its end
+        Cut cut = Cut::kEnd;
         static constexpr std::size_t kNarrow = 6;
         static constexpr std::size_t kWhole = ~std::size_t{0};  // for what is useless when cut
     };

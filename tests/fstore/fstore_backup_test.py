@@ -376,6 +376,15 @@ class LookTest(BackupTest):
         self.assertRegex(text, r"(?m)^0\d\d\d  +\d+ +db/settings/a\.dsc$")
         self.assertRegex(text, r"(?m)^0\d\d\d +db/settings/$")
 
+    def test_list_on_a_narrow_terminal_cuts_paths_alone(self):
+        self.put("settings/" + "long" * 20, b"x" * 12345, "--plain-body")
+        self.backup()
+        terminal = Terminal(["restore", "--list", self.tar], cwd=self.outside, columns=24)
+        self.addCleanup(terminal.close)
+        self.assertEqual(0, terminal.wait(), terminal.seen)
+        self.assertRegex(terminal.seen, r"(?m)^0\d\d\d  12345 +db/\S*…\S*\r$")
+        self.assertRegex(terminal.seen, r"(?m)^0\d\d\d  203    db/\S*…\S*\.dsc\r$")
+
     def test_list_of_a_damaged_one_prints_nothing(self):
         self.backup()
         changed = bytearray(self.tar.read_bytes())

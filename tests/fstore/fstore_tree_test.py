@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
 """tree: certificates under their issuers, and what is missing."""
 
+import re
+
 import support
 from authority import Authority, day, request_of_key
 from pki import openssl
@@ -99,6 +101,21 @@ class TreeTest(InitialisedTest):
                     self.assertIn("fstore:", terminal.seen)
         self.assertNotIn("first to end", self.run_tool("tree").text)
         self.assertNotIn("first to end", self.run_tool("-q", "tree").message)
+
+    def test_a_narrow_terminal_shortens_names_and_no_date(self):
+        self.add_all()
+        dates = {day(n) for n in (1000, 500.5, 50.5, 90.5, 70.5)}
+        for command in "tree", "ls":
+            for columns in range(10, 90):
+                terminal = Terminal([command, "--color", "never"], cwd=self.folder, columns=columns,
+                                    password=support.PASSWORD)
+                self.addCleanup(terminal.close)
+                self.assertEqual(0, terminal.wait(), terminal.seen)
+                rows = terminal.seen.split("fstore:")[0]
+                shown = set(re.findall(r"\d{4}-[-\d]*…?", rows))
+                with self.subTest(command=command, columns=columns):
+                    self.assertLessEqual({date.rstrip("…") for date in shown}, dates, rows)
+                    self.assertTrue(columns < 40 or len(shown) >= 4, rows)
 
     def test_document(self):
         self.add_all()

@@ -73,9 +73,29 @@ TEST(TableTest, GivesRoomByWeight) {
 }
 
 TEST(TableTest, CutsInsideWhereBothEndsTell) {
-    Table table({{.title = "A", .isCutInside = true}});
+    Table table({{.title = "A", .cut = Table::Cut::kInside}});
     table.add({{"certificates/local/server"}});
     EXPECT_EQ("A\ncerti…erver\n", printed(table, 11, false));
+}
+
+TEST(TableTest, CutsBetweenWords) {
+    Table table({{.title = "A", .cut = Table::Cut::kWords}});
+    table.add({{"until 2030-01-31, superseded, key"}});
+    const auto cut = [&](std::size_t columns) { return printed(table, columns, false).substr(2); };
+    EXPECT_EQ("until 2030-01-31, superseded, key\n", cut(33));
+    EXPECT_EQ("until 2030-01-31, superseded…\n", cut(32));
+    EXPECT_EQ("until 2030-01-31…\n", cut(28));
+    EXPECT_EQ("until 2030-01-31…\n", cut(17));
+    EXPECT_EQ("until…\n", cut(16));
+    EXPECT_EQ("unt…\n", cut(4));
+}
+
+TEST(TableTest, LeavesOutAColumnBeforeItCutsTheBeginningOfACell) {
+    Table table({{.title = "A"}, {.title = "B", .least = 2, .cut = Table::Cut::kWords}});
+    table.add({{"a-long-name"}, {"2030-01-31 superseded", Style::kPlain, 10}});
+    table.add({{"b"}, {"2030-02-28", Style::kPlain, 10}});
+    EXPECT_EQ("A       B\na-lon…  2030-01-31…\nb       2030-02-28\n", printed(table, 19, false));
+    EXPECT_EQ("A\na-long-name\nb\n", printed(table, 18, false));
 }
 
 TEST(TableTest, HasNoLineOfTitlesWithoutTitles) {
