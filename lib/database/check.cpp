@@ -13,6 +13,7 @@
 #include "lib/base/files.h"
 #include "lib/base/time.h"
 #include "lib/database/protection.h"
+#include "lib/database/state_file.h"
 #include "lib/index/index_place.h"
 #include "lib/records/catalogue.h"
 #include "lib/records/record_head.h"
@@ -84,8 +85,13 @@ void inspectWithoutSlots(const Protection& protection, Database& database) {
         "backup has them, and `fstore key reset` makes new ones from the key");
 }
 
-// What keeps the database from having an index.
-void inspectPlaceOfIndex(const std::string& cache, std::vector<Finding>& findings) {
+// What has the name of a file that would be made beside the records.
+void inspectBeside(const std::string& cache, std::vector<Finding>& findings) {
+    if (isOtherThanState()) {
+        findings.push_back({Finding::Kind::kUnknownFile, layout::kState,
+                            "is not the note of the last backup and check, which needs this name; "
+                            "move it elsewhere"});
+    }
     for (const std::string& path : othersInPlaceOfIndex(cache)) {
         findings.push_back({Finding::Kind::kUnknownFile, path,
                             "is not part of an index of records, which needs this name; move it "
@@ -99,7 +105,7 @@ std::vector<Finding> inspectAll(Database& database) {
     if (!findings.empty() && findings.front().kind == Finding::Kind::kMovedAside) {
         return findings;  // there is nothing to read yet
     }
-    inspectPlaceOfIndex(database.place().cache, findings);
+    inspectBeside(database.place().cache, findings);
     try {
         const Protection protection = database.examineProtection();
         if (protection.isKeyLost()) {

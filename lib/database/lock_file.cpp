@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <array>
 #include <cerrno>
 #include <system_error>
 
@@ -86,6 +87,18 @@ void requireRegular(const os::File& file) {
     }
 }
 
+// What somebody has written there would be overwritten.
+void requireLockFile(const os::File& file) {
+    std::array<char, kHolderSize + 1> text{};
+    const ssize_t got = os::pread(file.get(), text.data(), text.size(), 0);
+    if (got < 0) {
+        failWithErrno("read", layout::kLockFile);
+    }
+    if (!mayBeHolder({text.data(), static_cast<std::size_t>(got)})) {
+        refuse("a file with something else in it");
+    }
+}
+
 // Whoever may work with the database may lock it. What the system refuses is left as it is: who
 // cannot open the file then is told so.
 void share(const os::File& file, const Owner& owner) {
@@ -108,6 +121,7 @@ bool LockFile::open(Use use) {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         if (openExisting(use)) {
             requireRegular(file_);
+            requireLockFile(file_);
             return true;
         }
         if (errno == ENOENT) {

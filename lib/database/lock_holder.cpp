@@ -91,6 +91,13 @@ std::string print(const LockHolder& holder) {
     return fmt::format("{:<{}}\n", words, kHolderSize - 1);
 }
 
+bool mayBeHolder(std::string_view text) {
+    const std::string_view head = text.substr(0, 2 * kTokenBytes);
+    const bool isBlank = text.find_first_not_of(" \n") == std::string_view::npos;
+    return text.size() == kHolderSize ||
+           (text.size() < kHolderSize && (isBlank || hexDigits(head) == head));
+}
+
 std::optional<LockHolder> parseHolder(std::string_view text) {
     if (text.size() != kHolderSize || text.back() != '\n') {
         return std::nullopt;

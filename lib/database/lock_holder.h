@@ -31,6 +31,10 @@ struct LockHolder {
 // and takes no room that the file does not have already.
 inline constexpr std::size_t kHolderSize = 256;
 
+// Whether a lock file may hold this: nothing yet, a line, perhaps a damaged one, or the part of one
+// that a full disk has left.
+bool mayBeHolder(std::string_view text);
+
 std::string print(const LockHolder& holder);
 std::optional<LockHolder> parseHolder(std::string_view text);  // none for anything else
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <array>
+#include <cerrno>
 #include <functional>
 #include <sstream>
 #include <string_view>
@@ -22,6 +23,7 @@ namespace {
 
 constexpr std::size_t kLength = 256;  // of the line; blanks fill it
 constexpr std::string_view kHead = "filestore-state-1";
+constexpr std::string_view kHeadOfAll = "filestore-state-";  // of any version
 constexpr const char* kNever = "-";
 constexpr const char* kSound = "sound";
 constexpr const char* kUnsound = "unsound";
@@ -58,15 +60,25 @@ DatabaseState stateIn(const os::File& file) {
     return got == static_cast<ssize_t>(kLength) ? stateIn(line) : DatabaseState{};
 }
 
-// An empty File for what is not a file, or cannot be opened. Nothing is followed or waited for.
-os::File openState(const Place& place, int flags) {
+// A line of any version, also one that was damaged or is still to be written. Else it is
+// somebody's.
+bool isState(const os::File& file, const struct stat& status) {
+    std::array<char, kHeadOfAll.size()> head{};
+    return S_ISREG(status.st_mode) && status.st_nlink == 1 &&
+           (status.st_size == 0 || status.st_size == static_cast<off_t>(kLength) ||
+            (os::pread(file.get(), head.data(), head.size(), 0) ==
+                 static_cast<ssize_t>(head.size()) &&
+             std::string_view(head.data(), head.size()) == kHeadOfAll));
+}
+
+// An empty File for what is not such a file, or cannot be opened. Nothing is followed or waited
+// for.
+os::File openState(const std::string& path, int flags) {
     constexpr mode_t kForAll = 0666;
-    os::File file =
-        os::openFile(pathOf(place).c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, kForAll);
+    os::File file = os::openFile(path.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, kForAll);
     struct stat status {};
     // One of several names may be that of somebody else's file.
-    const bool isOurs = file && os::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
-                        status.st_nlink == 1;
+    const bool isOurs = file && os::fstat(file.get(), &status) == 0 && isState(file, status);
     return isOurs ? std::move(file) : os::File{};
 }
 
@@ -80,7 +92,7 @@ void shareWithOwner(const os::File& file, const Place& place) {
 }
 
 bool change(const Place& place, const std::function<void(DatabaseState&)>& take) {
-    const os::File file = openState(place, O_RDWR | O_CREAT);
+    const os::File file = openState(pathOf(place), O_RDWR | O_CREAT);
     // Anybody who can read the file could keep its lock, so nobody waits for it.
     if (!file || os::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
         return false;
@@ -94,13 +106,21 @@ bool change(const Place& place, const std::function<void(DatabaseState&)>& take)
 
 }  // namespace
 
+bool isOtherThanState() {
+    struct stat status {};
+    errno = 0;
+    return os::lstat(layout::kState, &status) == 0 && !openState(layout::kState, O_RDONLY) &&
+           errno != EACCES;
+}
+
 DatabaseState readState(const Place& place) {
-    const os::File file = openState(place, O_RDONLY);
+    const os::File file = openState(pathOf(place), O_RDONLY);
     return file ? stateIn(file) : DatabaseState{};
 }
 
 bool forgetState(const Place& place) {
-    return !openState(place, O_RDONLY) || change(place, [](DatabaseState& state) { state = {}; });
+    return !openState(pathOf(place), O_RDONLY) ||
+           change(place, [](DatabaseState& state) { state = {}; });
 }
 
 bool noteBackup(const Place& place, std::int64_t time) {

@@ -22,6 +22,10 @@ struct DatabaseState {
 
 DatabaseState readState(const Place& place);
 
+// Whether something else has the name; inside the folder of a database. False when that cannot be
+// known.
+bool isOtherThanState();
+
 // From now on nothing is known: the database is another one. False if that could not be noted.
 bool forgetState(const Place& place);
 

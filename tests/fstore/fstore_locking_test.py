@@ -237,6 +237,18 @@ class LockFileTest(InitialisedTest):
                 self.lock.rmdir()
         self.assertEqual(b"kept", (self.folder / "elsewhere").read_bytes())
 
+    def test_a_file_with_something_else_in_it_is_somebodys(self):
+        for text in b"mine\n", b"m" * 255, b"0" * 257, bytes(10_000), b"a word " * 100:
+            self.lock.write_bytes(text)
+            for args in [("ls",), ("set", "a", "label=x")]:
+                message = self.fails(4, "invalid", *args)
+                self.assertIn("db.lock is a file with something else in it", message)
+            self.assertEqual(text, self.lock.read_bytes())
+        # What a full disk leaves of a line, and a line that was damaged.
+        for text in b"", b"0123abcd", b"0" * 32 + b" 4711 ", b"\0" * LINE_SIZE, b"?" * LINE_SIZE:
+            self.lock.write_bytes(text)
+            self.run_tool("set", "a", "label=x")
+
     def test_one_that_was_replaced_is_no_lock(self):
         """Whoever waited for the old file starts again with the new one."""
         fd = self.hold(fcntl.LOCK_EX)

@@ -170,7 +170,7 @@ class StateTest(MetricsCase):
         self.assertIsNone(self.value("last_backup_timestamp_seconds"))
 
     def test_nothing_depends_on_it(self):
-        for contents in b"", b"filestore-state-2 x", b"\xff" * 256, b"a" * 10000:
+        for contents in b"", b"filestore-state-2 x", b"\xff" * 256, b"filestore-state-" + b"a" * 10000:
             (self.folder / "db.state").write_bytes(contents)
             self.assertIsNone(self.value("last_backup_timestamp_seconds"))
             self.assert_sound()
@@ -180,10 +180,17 @@ class StateTest(MetricsCase):
         (self.folder / "precious").write_bytes(b"a" * 300)
         state = self.folder / "db.state"
         for make in (lambda: state.symlink_to("precious"), lambda: os.mkfifo(state), state.mkdir,
-                     lambda: os.link(self.folder / "precious", state)):
+                     lambda: os.link(self.folder / "precious", state),
+                     lambda: shutil.copy(self.folder / "precious", state)):
             make()
             self.assertIn("could not be noted", self.run_tool("-v", "check", password=None).message)
             self.assertIsNone(self.value("last_check_timestamp_seconds"))
+            self.assertEqual([("unknown-file", "./db.state")], [
+                (each["kind"], each["path"]) for each in
+                self.run_tool("check", "--json", password=None).document["findings"]])
+            self.assertIn("could not be noted", self.run_tool("backup", "-f", "a.tar", password=None).message)
+            if state.is_file():
+                self.assertEqual(b"a" * 300, state.read_bytes())
             if state.is_dir():
                 state.rmdir()
             else:
