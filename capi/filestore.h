@@ -608,13 +608,15 @@ typedef struct filestore_import_options {
 
 /* Imports the objects in these bytes: PEM with any number of them, one in DER, or PKCS#12, up to 64
  * MiB. `options` may be NULL, and so may `list`. The list has what became of each object, and is
- * handed out with the first two answers.
+ * handed out with the first two answers. What is there encrypted is recognised while the handle is
+ * unlocked.
  *
  *   FILESTORE_OK              all of them
  *   FILESTORE_PARTIAL         some; the others are problems of the list
  *   FILESTORE_WRONG_PASSWORD  nothing could be decrypted
  *   FILESTORE_MALFORMED       nothing that can be imported
- *   FILESTORE_NOT_OPEN        a key among them, and the handle is not unlocked
+ *   FILESTORE_NOT_OPEN        a key among them, and the handle is not unlocked; or the password was
+ *                             changed since it was
  * What was imported before a failure stays. */
 FILESTORE_API filestore_status filestore_import(filestore_db* db, const void* bytes, size_t size,
                                                 const filestore_import_options* options,

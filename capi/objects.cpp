@@ -175,10 +175,11 @@ filestore_status filestore_import(filestore_db* db, const void* bytes, size_t si
         }
         const filestore_import_options own =
             capi::accepted(options, filestore_import_options(FILESTORE_IMPORT_OPTIONS_INIT));
-        const ImportRules rules = rulesOf(own);
+        ImportRules rules = rulesOf(own);
         FilePassword password(own.password);
         capi::Handle& handle = capi::handleOf(db);
         handle.requireWritable();
+        rules.unlock = handle.hasKey();
         const std::vector<PkiPart> parts = partsOf(capi::bytesOf(bytes, size), password);
         capi::Lease lease(handle, callbacks);
         Report report;
