@@ -77,7 +77,8 @@ bool isTolerable(int error) {
     }
 }
 
-void requireRegular(const os::File& file) {
+// What somebody has written there would be overwritten. Read only where the size leaves it open.
+void requireLockFile(const os::File& file) {
     struct stat status {};
     if (os::fstat(file.get(), &status) != 0) {
         failWithErrno("look at", layout::kLockFile);
@@ -85,10 +86,9 @@ void requireRegular(const os::File& file) {
     if (!S_ISREG(status.st_mode)) {
         refuse("not a file");
     }
-}
-
-// What somebody has written there would be overwritten.
-void requireLockFile(const os::File& file) {
+    if (status.st_size == 0 || status.st_size == static_cast<off_t>(kHolderSize)) {
+        return;
+    }
     std::array<char, kHolderSize + 1> text{};
     const ssize_t got = os::pread(file.get(), text.data(), text.size(), 0);
     if (got < 0) {
@@ -120,7 +120,6 @@ bool LockFile::open(Use use) {
     fault_.clear();
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         if (openExisting(use)) {
-            requireRegular(file_);
             requireLockFile(file_);
             return true;
         }
