@@ -53,6 +53,9 @@ template <class T>
 inline constexpr std::size_t kFirstSize = sizeof(T);
 template <>
 inline constexpr std::size_t kFirstSize<filestore_key> = offsetof(filestore_key, opened);
+template <>
+inline constexpr std::size_t kFirstSize<filestore_find_options> = offsetof(filestore_find_options,
+                                                                           callbacks);
 
 // More than a structure of any later version has: so large a size was never set.
 inline constexpr std::size_t kMostSize = 4096;

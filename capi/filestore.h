@@ -497,11 +497,12 @@ typedef struct filestore_find_options {
     const char* algorithm;
     const char* const* attributes; /* "0x8001" or "0x8001=VALUE"; attribute_count of them */
     size_t attribute_count;
+    const filestore_callbacks* callbacks; /* NULL: those of the handle */
 } filestore_find_options;
 #define FILESTORE_FIND_OPTIONS_INIT                                                           \
     {                                                                                         \
         sizeof(filestore_find_options), 0, 0, NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL, \
-            NULL, 0                                                                           \
+            NULL, 0, NULL                                                                     \
     }
 
 /* The records that pass the filters; all for NULL. The list is handed out with three of the
@@ -512,7 +513,8 @@ typedef struct filestore_find_options {
  *   FILESTORE_PARTIAL  some records or folders could not be looked at, and none is damaged
  *   FILESTORE_USAGE        a filter cannot be read
  *   FILESTORE_MISSING      no such folder, or no database
- *   FILESTORE_INTERRUPTED  cancelled: the handle's cancelled() is asked at each record */
+ *   FILESTORE_INTERRUPTED  cancelled: cancelled() is asked at each record, also by threads that the
+ *                          library starts, several at once */
 FILESTORE_API filestore_status filestore_find(filestore_db* db,
                                               const filestore_find_options* options,
                                               filestore_list** list, filestore_error* error);

@@ -95,9 +95,10 @@ filestore_status filestore_find(filestore_db* db, const filestore_find_options* 
     return capi::operation(error, [&] {
         capi::require(list != nullptr, "list is null");
         *list = nullptr;
-        const FindRules rules =
-            rulesOf(capi::accepted(options, filestore_find_options(FILESTORE_FIND_OPTIONS_INIT)));
-        capi::Lease lease(capi::handleOf(db), nullptr);
+        const filestore_find_options own =
+            capi::accepted(options, filestore_find_options(FILESTORE_FIND_OPTIONS_INIT));
+        const FindRules rules = rulesOf(own);
+        capi::Lease lease(capi::handleOf(db), own.callbacks);
         const fstore::Hold hold =
             lease.database().enter(fstore::Access::kRead, fstore::needFor(rules.secrets));
         Listing listing = findRecords(lease.database(), rules);

@@ -199,6 +199,7 @@ class FindOptions(Sized):
         ("algorithm", c_char_p),
         ("attributes", POINTER(c_char_p)),
         ("attribute_count", c_size_t),
+        ("callbacks", POINTER(Callbacks)),
     ]
 
 

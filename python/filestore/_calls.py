@@ -153,9 +153,13 @@ class Watch:
 
     def run(self, name: str, *arguments: Any) -> Outcome:
         """Calls the function with these arguments, the callbacks and the error object."""
+        return self.run_with(lambda callbacks: Outcome(name, *arguments, callbacks))
+
+    def run_with(self, call: Callable[[Any], Outcome]) -> Outcome:
+        """As run(), of a call that takes a pointer to the callbacks."""
         with _inside, _called(self) as heard:
-            callbacks = ctypes.byref(self.callbacks) if heard else None
-            outcome = interruptible(lambda: Outcome(name, *arguments, callbacks), self.cancel)
+            callbacks = ctypes.pointer(self.callbacks) if heard else None
+            outcome = interruptible(lambda: call(callbacks), self.cancel)
         if self._failure is not None:
             raise self._failure
         self._warnings.issue()

@@ -220,12 +220,13 @@ class Database(Closing):
         order: Literal["name", "expiry", "subject"] = "name",
         secrets: bool = False,
         partial: bool = False,
+        cancelled: Cancelled | None = None,
     ) -> Listing:
         """The records that pass all filters that are given; they are those of `fstore ls`.
 
         secrets: look at what is encrypted, too. partial: return what was found also where records
         are damaged or cannot be read; otherwise that raises Damaged or Partial, since a listing
-        without them may be mistaken for the whole.
+        without them may be mistaken for the whole. cancelled: asked at each record.
         """
         flags = _abi.FIND_EXPIRED if expired else 0
         flags |= _abi.FIND_SECRETS if secrets else 0
@@ -251,7 +252,13 @@ class Database(Closing):
             attribute_count=len(wanted),
         )
         pointer = ctypes.c_void_p()
-        outcome = self._call("find", ctypes.byref(options), ctypes.byref(pointer))
+        handle = self._open()
+
+        def call(callbacks: Any) -> Outcome:
+            options.callbacks = callbacks
+            return Outcome("find", handle.pointer, ctypes.byref(options), ctypes.byref(pointer))
+
+        outcome = Watch(None, cancelled).run_with(call)
         listing = Listing(pointer.value)
         if outcome.status not in _DAMAGED or not partial:
             outcome.check()

@@ -187,7 +187,7 @@ TEST_F(CapiWholeTest, LooksAtEncryptedPartsOnlyIfThatIsAskedFor) {
     EXPECT_EQ(nullptr, find(&options, FILESTORE_NOT_OPEN));
 }
 
-// By the callbacks of the handle, as it takes none of its own.
+// By the callbacks of the handle, where it is given none of its own.
 TEST_F(CapiWholeTest, ASearchCanBeCancelled) {
     put(db_, "keys/a", "a");
     put(db_, "keys/b", "b");
@@ -215,6 +215,29 @@ TEST_F(CapiWholeTest, ASearchCanBeCancelled) {
     must(filestore_find(db.get(), nullptr, &list, &error_), error_);
     EXPECT_THAT(namesOf(List(list)), ElementsAre("keys/a", "keys/b"));
     EXPECT_EQ(2, asked);
+}
+
+TEST_F(CapiWholeTest, ASearchAsksItsOwnCallbacks) {
+    put(db_, "keys/a", "a");
+    Heard heard;
+    heard.stopAfter = 0;
+    const filestore_callbacks callbacks = heard.callbacks();
+    filestore_find_options options = FILESTORE_FIND_OPTIONS_INIT;
+    options.callbacks = &callbacks;
+    EXPECT_EQ(nullptr, find(&options, FILESTORE_INTERRUPTED));
+    heard.stopAfter = 1;
+    EXPECT_THAT(namesOf(find(&options)), ElementsAre("keys/a"));
+}
+
+TEST_F(CapiWholeTest, OptionsOfASearchFromBeforeItTookCallbacksHaveNone) {
+    put(db_, "keys/a", "a");
+    Heard heard;
+    heard.stopAfter = 0;
+    const filestore_callbacks callbacks = heard.callbacks();
+    filestore_find_options options = FILESTORE_FIND_OPTIONS_INIT;
+    options.callbacks = &callbacks;  // what was behind the options of such a program
+    options.size = offsetof(filestore_find_options, callbacks);
+    EXPECT_THAT(namesOf(find(&options)), ElementsAre("keys/a"));
 }
 
 TEST_F(CapiWholeTest, ReportsWhatItCouldNotLookAt) {

@@ -10,6 +10,7 @@ import shutil
 import tempfile
 import threading
 import unittest
+from concurrent.futures import ThreadPoolExecutor
 
 import filestore
 import support
@@ -232,6 +233,49 @@ class WholeTest(StoreTest):
         self.assertRaises(filestore.Interrupted, self.database.check, deep=True,
                           cancelled=stop.is_set)
 
+    def test_a_search_can_be_cancelled(self):
+        count = len(self.database.find())
+        for after in range(1, count + 1):
+            asked = []
+            with self.subTest(after):
+                with self.assertRaises(filestore.Interrupted):
+                    self.database.find(cancelled=lambda: asked.append(1) or len(asked) >= after)
+                self.assertGreaterEqual(len(asked), after)
+        asked = []
+        self.assertEqual(count, len(self.database.find(cancelled=lambda: asked.append(1))))
+        self.assertGreaterEqual(len(asked), count)
+
+    def test_a_search_is_cancelled_by_its_own_callback_alone(self):
+        """Not by that of a call around it, or of another thread."""
+        count = len(self.database.find())
+        counts = []
+        first = threading.Lock()
+
+        def cancelled():
+            if first.acquire(blocking=False):
+                counts.append(len(self.database.find()))
+                counts.append(len(self.database.find(cancelled=lambda: False)))
+                thread = threading.Thread(target=lambda: counts.append(len(self.database.find())))
+                thread.start()
+                thread.join()
+            return True
+
+        self.assertRaises(filestore.Interrupted, self.database.find, cancelled=cancelled)
+        self.assertEqual([count] * 3, counts)
+
+    def test_a_search_whose_callback_raises(self):
+        def fail():
+            raise KeyError("of the callback")
+
+        for place in "here", "in a thread":
+            with self.subTest(place), ThreadPoolExecutor(1) as pool:
+                with self.assertRaisesRegex(KeyError, "of the callback"):
+                    if place == "here":
+                        self.database.find(cancelled=fail)
+                    else:
+                        pool.submit(self.database.find, cancelled=fail).result()
+        self.assertGreater(len(self.database.find()), 1)
+
     def test_a_callback_that_raises(self):
         """The operation ends as if it had been cancelled, and the exception reaches the caller."""
         def fail(*_):
@@ -265,6 +309,27 @@ except KeyboardInterrupt:
         out, err = process.communicate(timeout=120)
         self.assertEqual(("interrupted\nbody 7\n", "", 0), (out, err, process.returncode))
         self.assertEqual([PASSWORD], self.opened_by(PASSWORD, "another"))
+
+    def test_an_interrupt_of_a_search(self):
+        """It ends at the next record."""
+        process = self.start(f"""
+import os, signal, time, filestore
+database = filestore.Database(".")
+database.unlock({PASSWORD!r})
+asked = []
+def cancelled():
+    asked.append(1)
+    if len(asked) == 2:
+        os.kill(os.getpid(), signal.SIGINT)
+    if len(asked) > 2:
+        time.sleep(0.5)  # the main thread hears of it meanwhile
+try:
+    database.find(cancelled=cancelled)
+except KeyboardInterrupt:
+    print("interrupted", len(asked) < 10, len(database.find()) >= 10, flush=True)
+""")
+        out, err = process.communicate(timeout=120)
+        self.assertEqual(("interrupted True True\n", "", 0), (out, err, process.returncode))
 
     def test_from_another_thread(self):
         results = []
