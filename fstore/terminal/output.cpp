@@ -45,6 +45,10 @@ bool hasColour(Colour asked, int fd) {
 
 }  // namespace
 
+std::string fitted(const std::string& line, std::size_t columns) {
+    return isNarrow(columns) ? wrapped(line, columns, kHanging, 0) : line;
+}
+
 Output::Output(const Settings& settings)
     : settings_(settings),
       colourOut_(!settings.json && hasColour(settings.colour, kStdout)),
@@ -224,8 +228,7 @@ void Output::say(std::string_view head, Style style, std::string_view text) {
 }
 
 std::string Output::lineOf(std::string_view text) const {
-    const std::string line = fmt::format("fstore: {}", text);
-    return (isNarrow(columnsErr_) ? wrapped(line, columnsErr_, kHanging, 0) : line) + "\n";
+    return fitted(fmt::format("fstore: {}", text), columnsErr_) + "\n";
 }
 
 void Output::say(std::string_view text) {

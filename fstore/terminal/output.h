@@ -21,6 +21,9 @@
 
 namespace fstore {
 
+// The line as a terminal of so many columns shows it: broken between words where that is narrow.
+std::string fitted(const std::string& line, std::size_t columns);
+
 enum class Colour { kAuto, kAlways, kNever };
 
 class Output {

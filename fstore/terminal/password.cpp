@@ -8,6 +8,7 @@
 
 #include <fmt/format.h>
 
+#include "fstore/terminal/output.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
 #include "os/files.h"
@@ -225,9 +226,14 @@ bool confirm(const std::string& question, bool noInput) {
     if (!terminal) {
         return false;
     }
+    // A list may stand before it, a line each.
+    const std::size_t last = question.rfind('\n') + 1;  // npos + 1 is 0
+    const std::string prompt =
+        question.substr(0, last) +
+        fitted(question.substr(last) + " [y/N]", os::terminalColumns(terminal.get())) + " ";
     char answer[16];
-    const ssize_t length = os::askTerminal(terminal, os::Echo::kOn, (question + " [y/N] ").c_str(),
-                                           answer, sizeof answer);
+    const ssize_t length =
+        os::askTerminal(terminal, os::Echo::kOn, prompt.c_str(), answer, sizeof answer);
     const std::string_view said(answer, length < 0 ? 0 : static_cast<std::size_t>(length));
     return said == "y" || said == "Y" || said == "yes" || said == "Yes" || said == "YES";
 }

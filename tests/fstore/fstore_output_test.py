@@ -247,6 +247,18 @@ class NarrowTest(InitialisedTest):
         self.assertIn("label of several words that is long enough for two lines", label)
 
 
+    def test_questions(self):
+        self.put("settings/a-name-of-some-length", b"body")
+        self.write("other", b"other")
+        terminal = Terminal(["put", "settings/a-name-of-some-length", "other"], cwd=self.folder,
+                            columns=40, password=support.PASSWORD)
+        self.addCleanup(terminal.close)
+        terminal.expect("Replace the body of\r\n  settings/a-name-of-some-length? [y/N] ")
+        terminal.type("y\n")
+        self.assertEqual(0, terminal.wait(), terminal.seen)
+        self.assertEqual(b"other", self.body("settings/a-name-of-some-length"))
+
+
 class ProgressTest(InitialisedTest):
     @classmethod
     def fill(cls, folder):
