@@ -108,12 +108,19 @@ class Build:
         subprocess.run(command, shell=True, check=True, cwd=self.folder)
         return True
 
+    def faulty_program(self, folder, name):
+        """Of the sound one's name, with the libraries where that has them."""
+        (folder / "bin").mkdir(exist_ok=True)
+        if not (folder / "lib").is_symlink():
+            (folder / "lib").symlink_to(self.folder / "lib")
+        return folder / "bin" / name
+
     def run(self, test, folder, before, after):
         """Which test fails when the object is the faulty one; None when none does."""
         program, _, cases = test.partition(":")
         if program.endswith(".py"):
-            return self.run_tool(program, cases, before, after)
-        faulty = folder / program
+            return self.run_tool(program, cases, folder, before, after)
+        faulty = self.faulty_program(folder, program)
         if not self.link(program, before, after, faulty):
             return None
         done = run_once(faulty, [faulty, "--gtest_fail_fast", "--gtest_brief=1",
@@ -125,14 +132,16 @@ class Build:
             raise RuntimeError(f"{test}: there is no such test")
         if done.returncode == 0:
             return None
+        if done.returncode > 1:  # a crash is below 0
+            raise RuntimeError(f"{test} does not run:\n{done.stdout}{done.stderr}")
         failed = re.search(r"\[  FAILED  \] ([\w./]+)", done.stdout)
         if failed is None:
             failed = re.search(r"\[ RUN      \] ([\w./]+)(?!.*\[ RUN)", done.stdout, re.DOTALL)
         return failed.group(1) if failed else f"{program}: ends with {done.returncode}"
 
-    def run_tool(self, script, cases, before, after):
+    def run_tool(self, script, cases, folder, before, after):
         """The same for a test that starts the tool, which finds its modules from where it is."""
-        faulty = self.folder / f"bin/seeded-{os.getpid()}"
+        faulty = self.faulty_program(folder, "fstore")
         if not self.link("fstore", before, after, faulty):
             return None
         done = run_once(faulty, [sys.executable, "-B", PROJECT / "tests/fstore" / script,
