@@ -78,15 +78,8 @@ bool isTolerable(int error) {
 }
 
 // What somebody has written there would be overwritten. Read only where the size leaves it open.
-void requireLockFile(const os::File& file) {
-    struct stat status {};
-    if (os::fstat(file.get(), &status) != 0) {
-        failWithErrno("look at", layout::kLockFile);
-    }
-    if (!S_ISREG(status.st_mode)) {
-        refuse("not a file");
-    }
-    if (status.st_size == 0 || status.st_size == static_cast<off_t>(kHolderSize)) {
+void requireHolder(const os::File& file, off_t size) {
+    if (size == 0 || size == static_cast<off_t>(kHolderSize)) {
         return;
     }
     std::array<char, kHolderSize + 1> text{};
@@ -120,7 +113,7 @@ bool LockFile::open(Use use) {
     fault_.clear();
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         if (openExisting(use)) {
-            requireLockFile(file_);
+            examine();
             return true;
         }
         if (errno == ENOENT) {
@@ -129,6 +122,7 @@ bool LockFile::open(Use use) {
             }
             errno = ENOENT;
             if ((use != Use::kRead || isOwn(ownerOfDatabase())) && make()) {
+                examine();
                 return true;
             }
         }
@@ -161,19 +155,28 @@ bool LockFile::make() {
     return isWritable_;
 }
 
-bool LockFile::isCurrent() const {
-    struct stat held {};
-    struct stat named {};
-    if (os::fstat(file_.get(), &held) != 0) {
+void LockFile::examine() {
+    struct stat status {};
+    if (os::fstat(file_.get(), &status) != 0) {
         failWithErrno("look at", layout::kLockFile);
     }
+    if (!S_ISREG(status.st_mode)) {
+        refuse("not a file");
+    }
+    requireHolder(file_, status.st_size);
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+}
+
+bool LockFile::isCurrent() const {
+    struct stat named {};
     if (os::lstat(layout::kLockFile, &named) != 0) {
         if (errno == ENOENT) {
             return false;
         }
         failWithErrno("look at", layout::kLockFile);
     }
-    return held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+    return named.st_dev == device_ && named.st_ino == inode_;
 }
 
 bool LockFile::write(const LockHolder& holder) const {

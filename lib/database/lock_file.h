@@ -8,6 +8,8 @@
 #ifndef LIB_DATABASE_LOCK_FILE_H
 #define LIB_DATABASE_LOCK_FILE_H
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "lib/database/lock_holder.h"
@@ -45,8 +47,11 @@ public:
 private:
     bool openExisting(Use use);
     bool make();
+    void examine();
 
     os::File file_;
+    dev_t device_ = 0;  // which file it is; while it is open, no other one can be that
+    ino_t inode_ = 0;
     bool isWritable_ = false;
     std::string fault_;
 };
