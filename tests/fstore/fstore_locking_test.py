@@ -4,6 +4,7 @@
 import fcntl
 import os
 import stat
+import subprocess
 import tarfile
 import threading
 import time
@@ -285,6 +286,53 @@ class LockFileTest(InitialisedTest):
         self.assertIn("db.lock", self.fails(9, "io", "set", "a", "label=x", **bound))
         self.lock.chmod(0o600)
         self.assertTrue(self.run_tool("info", "--json").document["lock"]["isFile"])
+
+
+class TokenOrderTest(InitialisedTest):
+    """Where several hosts may write, each rename asks whether the lock is still held, and nothing
+    comes in between."""
+
+    ASKED = (r'flock\(\d+, LOCK_EX\|LOCK_NB\) += 0$', r'openat\(\d+, "\./db\.lock", O_RDONLY.*= (\d+)$',
+             r'fadvise64\(\d+, 0, 0, POSIX_FADV_DONTNEED\) += 0$', r'read\(\d+, ".*= 256$', r'close\(\d+\) += 0$')
+
+    @classmethod
+    def fill(cls, folder):
+        for name in ["a", "b"]:
+            run = support.fstore("-D", folder, "put", f"settings/{name}", "-", stdin=b"x")
+            assert run.code == 0, run.message
+
+    def setUp(self):
+        super().setUp()
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ed25519", "-nodes", "-subj", "/CN=one",
+                        "-keyout", self.folder / "one.key", "-out", self.folder / "one.pem"],
+                       check=True, capture_output=True)
+
+    def renames_of(self, *args):
+        """Each call that renamed something, with the calls before it that asked."""
+        trace = self.folder / "trace"
+        run = support.fstore("--require-shared-lock", *args, cwd=self.folder, stdin=b"y",
+                             env={"FSTORE_NEW_PASSWORD": "new"},
+                             prefix=["strace", "-f", "-qq", "-e", "signal=none", "-o", trace])
+        self.assertEqual(0, run.code, run)
+        calls = [line.split(maxsplit=1)[1] for line in trace.read_text().splitlines()]
+        trace.unlink()
+        return [calls[at - len(self.ASKED):at + 1] for at, call in enumerate(calls)
+                if call.startswith("rename") and call.endswith(" = 0")]
+
+    def test_nothing_stands_between_the_question_and_the_rename(self):
+        self.run_tool("backup", "whole.tar")
+        for least, command in [(1, ["put", "settings/new", "-"]), (2, ["put", "-f", "settings/a", "-"]),
+                               (2, ["set", "a", "label=x"]), (1, ["rm", "-f", "a"]),
+                               (1, ["mv", "settings/b", "settings/c"]), (2, ["import", "one.pem", "one.key"]),
+                               (4, ["passwd", "--rotate", *support.CHEAP]),
+                               (2, ["restore", "whole.tar", "--replace"]),
+                               (2, ["key", "add", "--key-file", "made"])]:
+            with self.subTest(command=command):
+                renames = self.renames_of(*command)
+                self.assertGreaterEqual(len(renames), least)
+                for *before, rename in renames:
+                    for pattern, call in zip(self.ASKED, before, strict=True):
+                        self.assertRegex(call, pattern, (rename, before))
 
 
 class ReaderRepairTest(InitialisedTest):
