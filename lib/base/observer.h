@@ -30,8 +30,8 @@ public:
     virtual void warn(const std::string& text) = 0;
     virtual void note(const std::string& text) = 0;
 
-    // Long work: begin(), step() for each of about `steps` pieces, end(). One at a time.
-    // `what` is a word or two: "Checking".
+    // Long work: begin(), step() for each of about `steps` pieces, end(). One at a time: work that
+    // is a part of other work is not told. `what` is a word or two: "Checking".
     virtual void begin(const std::string& what, std::uint64_t steps) = 0;
     virtual void step() noexcept = 0;
     virtual void end() noexcept = 0;
@@ -42,6 +42,11 @@ public:
     // The password of the database; called while nothing is locked, and again if another
     // process has changed the password meanwhile. Throws kUsage when there is none.
     virtual SecretText password() = 0;
+
+private:
+    friend class Progress;
+
+    bool isInWork_ = false;
 };
 
 // Throws kInterrupted when the work is to stop.
@@ -55,21 +60,32 @@ inline void stopIfCancelled(Observer& observer) {
 class Progress {
 public:
     Progress(Observer& observer, const std::string& what, std::uint64_t steps)
-        : observer_(observer) {
-        observer_.begin(what, steps);
+        : observer_(observer), isTold_(!observer.isInWork_) {
+        if (isTold_) {
+            observer_.begin(what, steps);
+            observer_.isInWork_ = true;
+        }
     }
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
-    ~Progress() { observer_.end(); }
+    ~Progress() {
+        if (isTold_) {
+            observer_.isInWork_ = false;
+            observer_.end();
+        }
+    }
 
-    // Throws kInterrupted when the work is to stop.
+    // Throws kInterrupted when the work is to stop. Any thread may call it.
     void step() {
-        observer_.step();
+        if (isTold_) {
+            observer_.step();
+        }
         stopIfCancelled(observer_);
     }
 
 private:
     Observer& observer_;
+    const bool isTold_;
 };
 
 }  // namespace fstore

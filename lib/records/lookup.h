@@ -44,6 +44,15 @@ public:
         }
     }
 
+    // What is there twice is counted twice.
+    std::size_t size() const {
+        std::size_t count = 0;
+        for (const auto& [folder, names] : folders_) {
+            count += names.size();
+        }
+        return count;
+    }
+
 private:
     std::vector<std::pair<std::string, NameList>> folders_;
 };

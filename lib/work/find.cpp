@@ -13,6 +13,7 @@
 #include <fmt/format.h>
 
 #include "lib/base/name_list.h"
+#include "lib/base/observer.h"
 #include "lib/base/time.h"
 #include "lib/records/lookup.h"
 #include "lib/records/record.h"
@@ -25,6 +26,8 @@ constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
 
 using Addresses = std::span<const Address>;
 using PageUser = std::function<void(Addresses)>;
+
+constexpr const char* kReading = "Reading";
 
 // So many are read, and forgotten, before the next ones.
 constexpr std::size_t kPage = 4096;
@@ -98,35 +101,45 @@ void visitPages(const AddressList& all, const PageUser& use) {
     pages.finish();
 }
 
+// Is told how many there will be.
+using CountUser = std::function<void(std::size_t)>;
+
 // What ask(lookup) answers, or all that there are.
 template <class Ask>
 void visitKnownOrAll(Ask ask, const std::optional<std::string>& within, Unread& unread,
-                     const PageUser& use) {
+                     const CountUser& begin, const PageUser& use) {
     Lookup* const lookup = Lookup::current();
     auto known = lookup != nullptr ? ask(*lookup) : std::nullopt;
-    if (!known && lookup != nullptr && lookup->offer(countAll(within))) {
-        known = ask(*lookup);
+    std::optional<std::size_t> count;
+    if (!known) {
+        count = countAll(within);
+        if (lookup != nullptr && lookup->offer(*count)) {
+            known = ask(*lookup);
+        }
     }
     if (known) {
+        begin(known->size());
         visitPages(*known, use);
     } else {
+        begin(*count);
         visitAll(within, unread, use);
     }
 }
 
 // Those that may pass, where that is known.
 void visitCandidates(const FindRules& rules, const Filter& filter, Unread& unread,
-                     const PageUser& use) {
+                     const CountUser& begin, const PageUser& use) {
     const std::string folder = rules.folder ? parseFolder(*rules.folder) : std::string();
     // With the folder of "db" itself its internal records are listed, which nobody looks up.
     const bool hasInternal = rules.folder && folder.empty();
     if (filter.takesAll() || hasInternal) {
+        begin(countAll(rules.folder));
         visitAll(rules.folder, unread, use);
         return;
     }
     requireFolder(folder);
     visitKnownOrAll([&](Lookup& lookup) { return lookup.matching(filter, folder, rules.secrets); },
-                    rules.folder, unread, use);
+                    rules.folder, unread, begin, use);
 }
 
 // Reads a part of the addresses in each of some threads, by read(part); the results
@@ -184,10 +197,13 @@ std::set<std::string> keysOf(Database& database, bool unlocked) {
         keys = std::move(*known);
         return lookup.unsure(unlocked);
     };
-    const auto readPart = [&database, unlocked](Addresses addresses) {
+    std::optional<Progress> progress;
+    const auto begin = [&](std::size_t count) {
+        progress.emplace(database.observer(), kReading, count);
+    };
+    const auto readPart = [&progress, unlocked](Addresses addresses) {
         std::set<std::string> found;
         for (const Address& address : addresses) {
-            stopIfCancelled(database.observer());
             try {
                 lookAt(address, unlocked, [&](const auto&, const RecordInfo& info) {
                     if (info.kind == Kind::kKey && !info.keySha256.empty()) {
@@ -197,10 +213,11 @@ std::set<std::string> keysOf(Database& database, bool unlocked) {
             } catch (const Failure&) {
                 // reported when it is listed
             }
+            progress->step();
         }
         return found;
     };
-    visitKnownOrAll(ask, std::nullopt, elsewhere, [&](Addresses page) {
+    visitKnownOrAll(ask, std::nullopt, elsewhere, begin, [&](Addresses page) {
         for (auto& part : readSideBySide(database, page, readPart)) {
             keys.merge(part);
         }
@@ -228,10 +245,9 @@ bool isRuledOut(const Address& address, const Filter& filter, bool unlocked) {
     }
 }
 
-Listing readPart(Observer& observer, Addresses addresses, const Filter& filter, bool unlocked) {
+Listing readPart(Progress& progress, Addresses addresses, const Filter& filter, bool unlocked) {
     Listing listing;
     for (const Address& address : addresses) {
-        stopIfCancelled(observer);
         try {
             lookAt(address, unlocked, [&](const auto& record, RecordInfo info) {
                 if (filter.matches(record, info)) {
@@ -247,6 +263,7 @@ Listing readPart(Observer& observer, Addresses addresses, const Filter& filter, 
                 listing.damaged.emplace_back(address, failure);
             }
         }
+        progress.step();
     }
     return listing;
 }
@@ -287,11 +304,15 @@ Missed visitFound(Database& database, const FindRules& rules, const RecordUser& 
         filter.setKeys(keysOf(database, unlocked));
     }
     Missed missed;
+    std::optional<Progress> progress;
+    const auto begin = [&](std::size_t count) {
+        progress.emplace(database.observer(), kReading, count);
+    };
     const auto read = [&](Addresses addresses) {
-        return readPart(database.observer(), addresses, filter, unlocked);
+        return readPart(*progress, addresses, filter, unlocked);
     };
     Unread tooLarge;
-    visitCandidates(rules, filter, missed.unread, [&](Addresses page) {
+    visitCandidates(rules, filter, missed.unread, begin, [&](Addresses page) {
         for (Listing& part : readSideBySide(database, page, read)) {
             std::ranges::for_each(part.records, [&](RecordInfo& info) { use(std::move(info)); });
             append(missed.damaged, part.damaged);

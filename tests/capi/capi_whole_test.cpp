@@ -225,8 +225,11 @@ TEST_F(CapiWholeTest, ASearchAsksItsOwnCallbacks) {
     filestore_find_options options = FILESTORE_FIND_OPTIONS_INIT;
     options.callbacks = &callbacks;
     EXPECT_EQ(nullptr, find(&options, FILESTORE_INTERRUPTED));
-    heard.stopAfter = 1;
+    heard.steps = 0;
+    heard.stopAfter = 2;
     EXPECT_THAT(namesOf(find(&options)), ElementsAre("keys/a"));
+    EXPECT_EQ(1, heard.steps);
+    EXPECT_EQ("Reading", heard.what);
 }
 
 TEST_F(CapiWholeTest, OptionsOfASearchFromBeforeItTookCallbacksHaveNone) {

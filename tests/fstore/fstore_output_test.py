@@ -302,6 +302,18 @@ class ProgressTest(InitialisedTest):
             self.assertEqual(0, terminal.wait(), terminal.seen)
             self.assertRegex(terminal.seen, r"\rRe-encrypting, \d+ s\x1b\[K")
 
+    def test_whatever_reads_all_records_shows_it(self):
+        commands = [["ls"], ["ls", "--expired"], ["tree"], ["verify", "--all"], ["prune"],
+                    ["metrics"], ["report", "-o", "report.html"]]
+        terminals = [Terminal(args, cwd=self.folder, password=support.PASSWORD,
+                              env={"LD_PRELOAD": support.CALL_TRAP, "CALL_TRAP_PAUSE": "60"})
+                     for args in commands]
+        for args, terminal in zip(commands, terminals, strict=True):
+            self.addCleanup(terminal.close)
+            with self.subTest(args=args):
+                terminal.wait()
+                self.assertRegex(terminal.seen, r"Reading \[#*\.*\] +\d+%")
+
     def test_a_bar_fits_a_narrow_terminal(self):
         for columns, bar in (40, r"Checking \[#*\.*\] +\d+%"), (16, r"Checking +\d+%"):
             terminal = Terminal(["check", "--deep"], cwd=self.folder, password=support.PASSWORD,
