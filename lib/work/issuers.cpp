@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <map>
 
 #include <fmt/format.h>
 
@@ -105,16 +106,6 @@ bool Revocations::revoke(const RecordInfo& certificate) {
     return revocation.isRevoked();
 }
 
-bool Revocations::revokeIssuer(const RecordInfo& certificate) {
-    try {
-        return revoke(certificate);
-    } catch (const Failure& failure) {
-        warn(fmt::format("it is not known whether {} is revoked: {}", certificate.address.print(),
-                         failure.what()));
-        return false;
-    }
-}
-
 std::vector<RecordInfo> Revocations::listedUnder(Kind kind, std::string RecordInfo::*field,
                                                  const std::string& name) const {
     std::vector<RecordInfo> found;
@@ -141,9 +132,23 @@ std::vector<SecretBytes> Revocations::issuersFor(const RecordInfo& certificate) 
 
 Chain chainAmong(std::span<const unsigned char> certificate, const std::vector<RecordInfo>& infos,
                  const std::vector<SecretBytes>& ders, Revocations& revocations) {
-    const ChainRules rules{
-        now(), [&](std::size_t issuer) { return revocations.revokeIssuer(infos[issuer]); }};
-    Chain chain = chainOf(certificate, ders, rules);
+    // What cannot be read revokes nothing. Of those that were asked about some get into the chain.
+    std::map<std::size_t, std::string> doubts;
+    const auto isRevoked = [&](std::size_t issuer) {
+        try {
+            return revocations.revoke(infos[issuer]);
+        } catch (const Failure& failure) {
+            doubts.emplace(issuer, failure.what());
+            return false;
+        }
+    };
+    Chain chain = chainOf(certificate, ders, {now(), isRevoked});
+    for (const std::size_t issuer : chain.issuers) {
+        if (const auto doubt = doubts.find(issuer); doubt != doubts.end()) {
+            revocations.warn(fmt::format("it is not known whether {} is revoked: {}",
+                                         infos[issuer].address.print(), doubt->second));
+        }
+    }
     const auto warn = [&](const std::vector<std::size_t>& issuers, const char* flaw) {
         for (const std::size_t issuer : issuers) {
             revocations.warn(

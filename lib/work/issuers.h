@@ -49,10 +49,6 @@ public:
     // Reads the CRLs of its issuer, and throws what readObject() throws of one that is damaged.
     bool revoke(const RecordInfo& certificate);
 
-    // The same of a certificate that goes with another one: what cannot be read revokes nothing,
-    // and there is a warning.
-    bool revokeIssuer(const RecordInfo& certificate);
-
     void warn(const std::string& sentence) { warnings_.insert(sentence); }
 
     // Which CRLs do not count, and what chainAmong() has found: a sentence each.
@@ -69,7 +65,8 @@ private:
 };
 
 // The chain of the certificate by issuers of the database, of which `infos` and `ders` have one
-// each. An issuer that is no good and goes in for want of a better one becomes a warning.
+// each. An issuer that is no good and goes in for want of a better one becomes a warning, and so
+// does one of which nobody can say whether it is revoked.
 Chain chainAmong(std::span<const unsigned char> certificate, const std::vector<RecordInfo>& infos,
                  const std::vector<SecretBytes>& ders, Revocations& revocations);
 
