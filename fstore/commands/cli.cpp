@@ -94,9 +94,13 @@ CLI::Validator oneOf(const std::vector<std::string>& names) {
 // The parser takes "[a,b]" for two words. So a word like that gets one more character at its end,
 // which is taken away again before anybody sees the word. Behind "--" it takes what a command has
 // no argument for as an option after all; there a word like an option gets the character in front.
+// And of "--x=", which names an empty value, it makes an "--x" that has none, or has the next word.
 constexpr char kMark = '\x1f';
 
 std::string marked(std::string word) {
+    if (word.starts_with("--") && word.ends_with('=') && word.find('=') == word.size() - 1) {
+        word += kMark;
+    }
     if (word.starts_with('[') && (word.ends_with(']') || word.ends_with(kMark))) {
         word += kMark;
     }
@@ -108,10 +112,10 @@ bool isMarkedArgument(std::string_view word) {
 }
 
 std::string unmark(std::string& word) {
-    if (isMarkedArgument(word)) {
+    if (isMarkedArgument(word) || word == std::string(1, kMark)) {
         word.erase(0, 1);
     }
-    if (word.starts_with('[') && word.ends_with(kMark)) {
+    if (word.ends_with(kMark) && (word.starts_with('[') || word.starts_with("--"))) {
         word.pop_back();
     }
     return {};  // as of a validator: there is nothing wrong with it
@@ -468,6 +472,9 @@ int Cli::run(const Command& command) {
         StandardInput standardInput;
         SecretSource secret(globals_.secret, globals_.noInput, output, standardInput);
         TerminalObserver observer(output);
+        if (globals_.folder.empty()) {
+            throw Failure(kUsage, "--dir names no folder; see `fstore --help`");
+        }
         const Place place{.folder = globals_.folder,
                           .lockSeconds = globals_.lockSeconds,
                           .requireSharedLock = globals_.requireSharedLock,

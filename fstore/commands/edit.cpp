@@ -92,7 +92,7 @@ public:
         writeText(path, before.body);
         for (;;) {
             runEditor(editorOfUser(), path);
-            SecretBytes body = InputFile(openRegular(path).file, path).readAll(Record::kMostBody);
+            SecretBytes body = textIn(path);
             if (body == before.body) {
                 context_.output.note(fmt::format("{} is as it was", address_.print()));
                 context_.output.document({{"records", Json::array()}});
@@ -112,6 +112,19 @@ public:
     }
 
 private:
+    // An editor may put something else in the place of the file, or nothing.
+    SecretBytes textIn(const std::string& path) const {
+        try {
+            return InputFile(openRegular(path).file, path).readAll(Record::kMostBody);
+        } catch (const Failure& failure) {
+            throw Failure(kInvalid,
+                          fmt::format("what the editor left cannot be stored, and {} stays as it "
+                                      "was: {}",
+                                      address_.print(), failure.what()),
+                          address_.print());
+        }
+    }
+
     // An editor that fails, or a disk that is full, leaves nothing as well.
     void requireText(const SecretBytes& body, const SecretBytes& before) const {
         const std::string name = address_.print();

@@ -60,8 +60,10 @@ std::string keepWhatIsAside(Observer& observer) {
     std::string kept = keepPrevious(compactTime(now()));
     if (!kept.empty()) {
         observer.note(fmt::format(
-            "kept the previous database as {}, with its password; records that are not encrypted "
-            "may be the same files in both: remove it with `rm -r`, and do not overwrite it",
+            "kept the previous database as {}, which opens with all that opened it, slots that are "
+            "dropped among it; records that are not encrypted may be the same files in both: "
+            "remove "
+            "it with `rm -r`, and do not overwrite it",
             kept));
     }
     return kept;

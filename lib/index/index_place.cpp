@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <iterator>
-#include <utility>
 
 #include <fmt/format.h>
 
@@ -24,8 +22,12 @@ namespace {
 
 constexpr mode_t kOfOwner = 0700;
 
-std::string nameBeside() {
-    return std::string(layout::kIndex).substr(2);
+// Of the file beside "./db": absolute, since SQLite knows of no other folder than the process's.
+// Empty when the folder has no path.
+std::string fileBeside() {
+    const std::string folder = realPath(".");
+    const std::string name = std::string(layout::kIndex).substr(2);
+    return folder.empty() ? folder : joined(folder == "/" ? "" : folder, name);
 }
 
 // Of the folder at this time: a copy of it, also one at the same place, is another one.
@@ -52,10 +54,11 @@ bool isOnThisHost(std::string path) {
 
 // Beside "./db", and the caller's if that is another one.
 std::vector<std::string> places(const std::string& cache) {
-    std::vector<std::string> files{layout::kIndex};
-    std::string chosen = indexFile(cache);
-    if (chosen.starts_with(cache + "/") && !cache.empty()) {
-        files.push_back(std::move(chosen));
+    std::vector<std::string> files;
+    for (const std::string& file : {fileBeside(), indexFile(cache)}) {
+        if (!file.empty() && std::ranges::find(files, file) == files.end()) {
+            files.push_back(file);
+        }
     }
     return files;
 }
@@ -71,12 +74,12 @@ std::string indexFile(const std::string& cache) {
     if (!isBeside && cache.empty()) {
         return {};
     }
+    if (isBeside) {
+        return fileBeside();
+    }
     const std::string folder = realPath(".");
     if (folder.empty()) {
         return {};
-    }
-    if (isBeside) {
-        return joined(folder == "/" ? "" : folder, nameBeside());
     }
     return isOnThisHost(cache) ? joined(cache, idOf(folder, status) + ".index") : std::string();
 }
@@ -107,8 +110,11 @@ void removeIndex(const std::string& cache) noexcept {
 
 std::vector<std::string> othersInPlaceOfIndex(const std::string& cache) {
     std::vector<std::string> others;
+    const std::string beside = fileBeside();
     for (const std::string& file : places(cache)) {
-        std::ranges::move(othersAt(file), std::back_inserter(others));
+        for (const std::string& other : othersAt(file)) {
+            others.push_back(file == beside ? layout::kIndex + other.substr(beside.size()) : other);
+        }
     }
     return others;
 }

@@ -44,7 +44,11 @@ class UsageTest(FstoreTest):
                 ("get a -o x -o y", "--output is given more than once"),
                 ("check --repair=maybe", "--repair takes no value"),
                 ("put --plain-body=no a b", "--plain-body takes no value"),
-                ("ls --json=3", "--json takes no value"),
+                ("ls --json=3", "--json takes no value"), ("ls --json=", "--json takes no value"),
+                ("rm --force= settings/a", "--force takes no value"),
+                ("--dir= ls", "--dir names no folder"), ("ls --zz=", "has no option --zz"),
+                ("get settings/a --output= word", '"word" is one argument too many'),
+                ("ls --sort= expiry", '--sort: "" is not'),
                 ("--- ls", 'has no option ---'), ("--=x", 'has no option --=x')):
             with self.subTest(args):
                 run = self.run_tool(*args.split(), code=2)

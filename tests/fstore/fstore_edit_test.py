@@ -71,8 +71,11 @@ class EditTest(EditCase):
         self.assertEqual(b"new\n", self.body("settings/a"))
 
     def test_what_is_no_file_any_more_is_neither_waited_for_nor_followed(self):
-        for script, code in ('rm "$1"; mkfifo "$1"', 59), ('rm "$1"; ln -s /etc/passwd "$1"', 9):
-            self.edit("settings/a", script, code=code)
+        for script in ['rm "$1"', 'rm "$1"; mkfifo "$1"', 'rm "$1"; mkdir "$1"',
+                       'rm "$1"; ln -s /etc/passwd "$1"']:
+            run = self.edit("settings/a", script, code=4)
+            self.assertIn("what the editor left cannot be stored, and settings/a stays as it was",
+                          run.message)
             self.assertEqual(b"one\n", self.body("settings/a"))
 
     def test_an_editor_with_options(self):

@@ -276,12 +276,16 @@ class ContradictedTest(InitialisedTest):
             connection.execute("UPDATE file SET ends = ends + 1 WHERE file = ?", (b"r3.dsc",))
             connection.execute("DELETE FROM file WHERE file = ?", (b"r7.dsc",))
         connection.close()
+        # The same from elsewhere: what is relative begins at the database's folder.
+        elsewhere = support.fstore("-D", self.folder, "check", "--deep", "--json", cwd="/").document
         (finding,) = self.run_tool("check", "--deep", "--json", code=3).document["findings"]
+        self.assertEqual([finding], elsewhere["findings"])
         self.assertEqual(("index", "delete", str(index)),
                          (finding["kind"], finding["repair"], finding["path"]))
         self.assertIn("contradicts 2 of them or of their folders, first ./db/certificates/remote/r3.dsc",
                       finding["message"])
-        self.run_tool("check", "--deep", "--repair")
+        repaired = support.fstore("-D", self.folder, "check", "--deep", "--repair", cwd="/")
+        self.assertEqual(0, repaired.code, repaired)
         self.assertFalse(index.exists())
         self.run_tool("import", pki.files() / "leaf.pem")
         self.assertTrue(index.exists())
