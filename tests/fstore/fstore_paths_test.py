@@ -48,9 +48,10 @@ class FolderTest(FstoreTest):
     def test_init_where_no_folder_can_be_leaves_nothing(self):
         self.write("file", "mine")
         (self.folder / "dangling").symlink_to("nowhere")
-        for name in ["no/where", "dangling", "file", "file/sub", ""]:
+        for name in ["no/where", "dangling", "file", "file/sub"]:
             with self.subTest(name):
                 self.fails(50, "missing", "-D", name, "init")
+        self.fails(2, "usage", "-D", "", "init")
         self.assertEqual({"file": b"mine"}, self.files())
         self.assert_only()
 
