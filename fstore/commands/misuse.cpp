@@ -69,6 +69,10 @@ std::string missingCommand(const CommandPath& path, const std::deque<Command>& c
 
 std::string unknownOption(const CommandPath& path, const Command& program,
                           const std::string& word) {
+    if (word.starts_with("-=")) {  // what is left of "-f=no" without the flag
+        return fmt::format("a flag of one letter takes no value, such as \"{}\"; {}",
+                           printable(word.substr(1)), helpOf(path));
+    }
     const std::string option = word.substr(0, word.find('='));
     const bool hasName = option.find_first_not_of('-') != std::string::npos;
     const std::string& name = hasName ? option : word;

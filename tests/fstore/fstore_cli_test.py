@@ -46,6 +46,7 @@ class UsageTest(FstoreTest):
                 ("put --plain-body=no a b", "--plain-body takes no value"),
                 ("ls --json=3", "--json takes no value"), ("ls --json=", "--json takes no value"),
                 ("rm --force= settings/a", "--force takes no value"),
+                ("rm -f=no settings/a", 'a flag of one letter takes no value, such as "=no"'),
                 ("--dir= ls", "--dir names no folder"), ("ls --zz=", "has no option --zz"),
                 ("get settings/a --output= word", '"word" is one argument too many'),
                 ("ls --sort= expiry", '--sort: "" is not'),
