@@ -94,7 +94,8 @@ CLI::Validator oneOf(const std::vector<std::string>& names) {
 // The parser takes "[a,b]" for two words. So a word like that gets one more character at its end,
 // which is taken away again before anybody sees the word. Behind "--" it takes what a command has
 // no argument for as an option after all; there a word like an option gets the character in front.
-// And of "--x=", which names an empty value, it makes an "--x" that has none, or has the next word.
+// "--x=" has an empty value, but for the parser none, or the next word: so the character is its
+// value.
 constexpr char kMark = '\x1f';
 
 std::string marked(std::string word) {
@@ -115,7 +116,8 @@ std::string unmark(std::string& word) {
     if (isMarkedArgument(word) || word == std::string(1, kMark)) {
         word.erase(0, 1);
     }
-    if (word.ends_with(kMark) && (word.starts_with('[') || word.starts_with("--"))) {
+    const bool isEmptyValue = word.starts_with("--") && word.ends_with(std::string("=") + kMark);
+    if (isEmptyValue || (word.starts_with('[') && word.ends_with(kMark))) {
         word.pop_back();
     }
     return {};  // as of a validator: there is nothing wrong with it

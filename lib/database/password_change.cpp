@@ -60,10 +60,9 @@ std::string keepWhatIsAside(Observer& observer) {
     std::string kept = keepPrevious(compactTime(now()));
     if (!kept.empty()) {
         observer.note(fmt::format(
-            "kept the previous database as {}, which opens with all that opened it, slots that are "
-            "dropped among it; records that are not encrypted may be the same files in both: "
-            "remove "
-            "it with `rm -r`, and do not overwrite it",
+            "kept the previous database as {}; whatever opened it before still does, dropped slots "
+            "too; records that are not encrypted may be the same files in both: remove it with "
+            "`rm -r`, and do not overwrite it",
             kept));
     }
     return kept;

@@ -73,6 +73,12 @@ struct Heard {
     std::vector<std::string> texts;
 };
 
+filestore_find_options asking(const filestore_callbacks& callbacks) {
+    filestore_find_options options = FILESTORE_FIND_OPTIONS_INIT;
+    options.callbacks = &callbacks;
+    return options;
+}
+
 std::vector<std::string> namesOf(const List& list) {
     std::vector<std::string> names;
     filestore_info info = FILESTORE_INFO_INIT;
@@ -222,8 +228,7 @@ TEST_F(CapiWholeTest, ASearchAsksItsOwnCallbacks) {
     Heard heard;
     heard.stopAfter = 0;
     const filestore_callbacks callbacks = heard.callbacks();
-    filestore_find_options options = FILESTORE_FIND_OPTIONS_INIT;
-    options.callbacks = &callbacks;
+    const filestore_find_options options = asking(callbacks);
     EXPECT_EQ(nullptr, find(&options, FILESTORE_INTERRUPTED));
     heard.steps = 0;
     heard.stopAfter = 2;
@@ -237,8 +242,7 @@ TEST_F(CapiWholeTest, OptionsOfASearchFromBeforeItTookCallbacksHaveNone) {
     Heard heard;
     heard.stopAfter = 0;
     const filestore_callbacks callbacks = heard.callbacks();
-    filestore_find_options options = FILESTORE_FIND_OPTIONS_INIT;
-    options.callbacks = &callbacks;  // what was behind the options of such a program
+    filestore_find_options options = asking(callbacks);  // what was behind those of such a program
     options.size = offsetof(filestore_find_options, callbacks);
     EXPECT_THAT(namesOf(find(&options)), ElementsAre("keys/a"));
 }

@@ -124,6 +124,15 @@ TEST(DraftTest, LeftoversGoAndDraftsThatAreHeldStay) {
     EXPECT_THAT(namesIn(dir), ElementsAre(".file.new-5d0c9e7b-0", "file"));
 }
 
+void replaceFileIn(const TempDir& dir) {
+    writeFile(dir / "file", "old");
+    Draft draft;
+    ASSERT_TRUE(draft.open(dir / "file"));
+    ASSERT_TRUE(write(draft, "new"));
+    ASSERT_TRUE(draft.commit(Existing::kReplaced));
+    EXPECT_EQ("new", readFile(dir / "file"));
+}
+
 // Whoever names a file so has done it on purpose.
 TEST(DraftTest, AFileOfTheUsersIsLeftAlone) {
     const TempDir dir;
@@ -132,12 +141,7 @@ TEST(DraftTest, AFileOfTheUsersIsLeftAlone) {
     }
     writeFile(dir / "other", "mine");
     ASSERT_EQ(0, link((dir / "other").c_str(), (dir / ".file.new-5d0c9e7b-1").c_str()));
-    writeFile(dir / "file", "old");
-    Draft draft;
-    ASSERT_TRUE(draft.open(dir / "file"));
-    ASSERT_TRUE(write(draft, "new"));
-    ASSERT_TRUE(draft.commit(Existing::kReplaced));
-    EXPECT_EQ("new", readFile(dir / "file"));
+    replaceFileIn(dir);
     EXPECT_THAT(namesIn(dir),
                 ElementsAre(".file.new-0", ".file.new-5d0c9e7b", ".file.new-5d0c9e7b-1",
                             ".file.new-5d0c9e7b-8", "file", "other"));
@@ -171,12 +175,7 @@ TEST(DraftTest, WhatOthersOwnIsLeftAlone) {
     const bool isTheirs = chown((dir / "theirs").c_str(), kSomebody, kSomebody) == 0;
     ASSERT_EQ(0, isTheirs ? link((dir / "theirs").c_str(), (dir / ".file.new-5d0c9e7b-0").c_str())
                           : symlink("theirs", (dir / ".file.new-5d0c9e7b-0").c_str()));
-    writeFile(dir / "file", "old");
-    Draft draft;
-    ASSERT_TRUE(draft.open(dir / "file"));
-    ASSERT_TRUE(write(draft, "new"));
-    ASSERT_TRUE(draft.commit(Existing::kReplaced));
-    EXPECT_EQ("new", readFile(dir / "file"));
+    replaceFileIn(dir);
     EXPECT_EQ("theirs", readFile(dir / "theirs"));
     EXPECT_THAT(namesIn(dir), ElementsAre(".file.new-5d0c9e7b-0", "file", "theirs"));
 }
