@@ -5,6 +5,7 @@ so that a fault whose place has changed is an error and is not passed over. The 
 copy, compiled as the build compiles it, and linked in its object's place into the programs that
 may see it, one after the other until a test fails. Needs a Ninja build of those programs.
 """
+import collections
 import dataclasses
 import json
 import os
@@ -56,11 +57,16 @@ class Build:
 
     def __init__(self, folder):
         self.folder = pathlib.Path(folder).resolve()
+        # How each source is compiled: by itself or in a group, which includes it, and once for each
+        # library that has it.
+        self.compiles = collections.defaultdict(list)
         with open(self.folder / "compile_commands.json", encoding="utf-8") as file:
-            self.compiles = {entry["file"]: entry for entry in json.load(file)}
-        # A source is compiled by itself or in a group, which includes it.
-        self.groups = {source: entry for name, entry in self.compiles.items() if "/Unity/" in name
-                       for source in re.findall(r'#include "([^"]+)"', pathlib.Path(name).read_text("utf-8"))}
+            for entry in json.load(file):
+                name = entry["file"]
+                sources = [name] if "/Unity/" not in name else re.findall(
+                    r'#include "([^"]+)"', pathlib.Path(name).read_text("utf-8"))
+                for source in sources:
+                    self.compiles[source].append(entry)
         self.links = {}
         self.sound = set()
 
@@ -72,15 +78,20 @@ class Build:
         return self.links[program]
 
     def variant(self, bug):
-        """Compiles the faulty source; returns the folder, and the object's name in both."""
+        """Compiles the faulty source; returns the folder, and of each object both names."""
         folder = self.folder / "seeded" / bug.name
         folder.mkdir(parents=True, exist_ok=True)
-        source = faulty = folder / pathlib.Path(bug.file).name
+        faulty = folder / pathlib.Path(bug.file).name
         faulty.write_text(with_bug(bug), encoding="utf-8")
         sound = str(PROJECT / bug.file)
-        entry = self.compiles.get(sound)
-        if entry is None:
-            entry = self.groups[sound]
+        return folder, [self.compile(entry, sound, faulty, folder / str(number))
+                        for number, entry in enumerate(self.compiles[sound])]
+
+    def compile(self, entry, sound, faulty, folder):
+        """One object of the faulty source, and the sound one's name."""
+        folder.mkdir(exist_ok=True)
+        source = faulty
+        if entry["file"] != sound:
             group = pathlib.Path(entry["file"]).read_text(encoding="utf-8")
             source = folder / pathlib.Path(entry["file"]).name
             source.write_text(group.replace(f'"{sound}"', f'"{faulty}"'), encoding="utf-8")
@@ -89,21 +100,25 @@ class Build:
         command = entry["command"].replace(" -o " + before, " -o " + after)
         command = command.replace(" -c " + entry["file"], " -Wno-error -w -c " + str(source))
         subprocess.run(command, shell=True, check=True, cwd=self.folder)
-        return folder, before, after
+        return before, after
 
-    def link(self, program, before, after, faulty):
+    def link(self, program, objects, faulty):
         """Links the program with the faulty object, if it has that object at all."""
         command = self.link_command(program)
-        if before in command:
-            command = command.replace(before, after)
-        else:
-            # In front of its archive it is the one that is taken.
-            archive = next((a for head, a in ARCHIVES.items()
-                            if before.startswith(head) and f" {a}" in command), None)
-            if archive is None:
-                return False
+        own = [(before, after) for before, after in objects if before in command]
+        # In front of its archive it is the one that is taken.
+        archived = [(before, after, archive) for before, after in objects
+                    for head, archive in ARCHIVES.items()
+                    if before.startswith(head) and f" {archive}" in command]
+        if own:
+            for before, after in own:
+                command = command.replace(before, after)
+        elif archived:
+            before, after, archive = archived[0]
             if after != before:
                 command = command.replace(f" {archive}", f" {after} {archive}", 1)
+        else:
+            return False
         command = command.replace("-o bin/" + program, f"-o {faulty}")
         subprocess.run(command, shell=True, check=True, cwd=self.folder)
         return True
@@ -115,13 +130,13 @@ class Build:
             (folder / "lib").symlink_to(self.folder / "lib")
         return folder / "bin" / name
 
-    def run(self, test, folder, before, after):
-        """Which test fails when the object is the faulty one; None when none does."""
+    def run(self, test, folder, objects):
+        """Which test fails with these objects in the place of the sound ones; None when none does."""
         program, _, cases = test.partition(":")
         if program.endswith(".py"):
-            return self.run_tool(program, cases, folder, before, after)
+            return self.run_tool(program, cases, folder, objects)
         faulty = self.faulty_program(folder, program)
-        if not self.link(program, before, after, faulty):
+        if not self.link(program, objects, faulty):
             return None
         done = run_once(faulty, [faulty, "--gtest_fail_fast", "--gtest_brief=1",
                                  f"--gtest_filter={cases or '*'}"], folder,
@@ -139,10 +154,10 @@ class Build:
             failed = re.search(r"\[ RUN      \] ([\w./]+)(?!.*\[ RUN)", done.stdout, re.DOTALL)
         return failed.group(1) if failed else f"{program}: ends with {done.returncode}"
 
-    def run_tool(self, script, cases, folder, before, after):
+    def run_tool(self, script, cases, folder, objects):
         """The same for a test that starts the tool, which finds its modules from where it is."""
         faulty = self.faulty_program(folder, "fstore")
-        if not self.link("fstore", before, after, faulty):
+        if not self.link("fstore", objects, faulty):
             return None
         done = run_once(faulty, [sys.executable, "-B", PROJECT / "tests/fstore" / script,
                                  *filter(None, cases.split(","))], self.folder,
@@ -158,14 +173,14 @@ class Build:
 
 
 def catch(build, bug, programs, controls):
-    folder, before, after = build.variant(bug)
+    folder, objects = build.variant(bug)
     for test in (bug.first, *(p for p in programs if p != bug.first)):
         if controls and test not in build.sound:
             # Where it fails by itself it proves nothing.
-            if (failed := build.run(test, folder, before, before)) is not None:
+            if (failed := build.run(test, folder, [(before, before) for before, _ in objects])) is not None:
                 raise RuntimeError(f"{test} fails without a fault: {failed}")
             build.sound.add(test)
-        caught = build.run(test, folder, before, after)
+        caught = build.run(test, folder, objects)
         if caught is not None:
             return caught
     return None
