@@ -13,6 +13,8 @@
 
 namespace os {
 
+inline constexpr int kStandardOutput = 1;
+
 [[nodiscard]] bool isTerminal(int fd) noexcept;
 
 // The terminal's width in columns; 0 when `fd` is not a terminal or does not know.

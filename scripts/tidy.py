@@ -26,7 +26,7 @@ import sys
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 DATABASE = ROOT / "build/dev/compile_commands.json"
 UNITS = ROOT / "build/dev/tidy"
-UNIT_SIZE = 12  # a unit fits into memory, and both processors have work until the end
+UNIT_SIZE = 32  # a unit fits into memory, and both processors have work until the end
 ONLY_WARNINGS = ("tests/", "fuzz/", "bench/")
 # The last check needs nothing but the preprocessor; with none clang-tidy does not begin.
 WARNINGS = "--checks=-*,clang-diagnostic-*,readability-duplicate-include"

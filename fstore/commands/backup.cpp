@@ -24,7 +24,6 @@
 namespace fstore {
 namespace {
 
-constexpr int kStdout = 1;
 constexpr const char* kNotNoted = "the time of the backup could not be noted beside the database";
 
 struct BackupOptions {
@@ -89,7 +88,7 @@ Status runBackup(const BackupOptions& options, Context& context) {
         return runVerify(options, context);
     }
     OutputFile file(options.file, options.force);
-    if (file.isStandardOutput() && (context.output.json() || os::isTerminal(kStdout))) {
+    if (file.isStandardOutput() && (context.output.json() || os::isTerminal(os::kStandardOutput))) {
         throw Failure(kUsage, "a backup is no text; write it to a file, or to another program");
     }
     const BackupReport report = backUp(context.database, file);

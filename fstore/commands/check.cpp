@@ -20,9 +20,7 @@
 namespace fstore {
 namespace {
 
-constexpr std::size_t kIndent = 4;  // of the further lines of a finding
-
-struct Options {
+struct CheckChoices {
     CheckOptions check;
     std::optional<std::string> backupWithin;
     bool strict = false;  // what is weak counts as what is damaged
@@ -45,18 +43,17 @@ void print(const CheckReport& report, Output& output) {
         output.sentence(nameOf(finding.kind), finding.isDamage() ? Style::kRed : Style::kYellow,
                         fmt::format(": {} {}{}{}", finding.path, finding.message,
                                     finding.isRepairable() ? "; with --repair it " : "",
-                                    planOf(finding.repair)),
-                        kIndent);
+                                    planOf(finding.repair)));
     }
     for (const LostFolder& lost : report.lost) {
-        output.sentence("moved-away", Style::kYellow, ": " + describe(lost), kIndent);
+        output.sentence("moved-away", Style::kYellow, ": " + describe(lost));
     }
     if (report.deep) {
         for (const DamagedRecord& damaged : report.deep->damaged) {
             const bool denied = damaged.failure.isDenied();
             output.sentence(denied ? "unreadable" : "damaged",
                             denied ? Style::kYellow : Style::kRed,
-                            fmt::format(": {}", damaged.failure.what()), kIndent);
+                            fmt::format(": {}", damaged.failure.what()));
         }
         for (const Failure& failure : report.deep->unread) {
             output.warn(failure.what());
@@ -114,7 +111,7 @@ Json toDocument(const CheckReport& report) {
     return document;
 }
 
-std::vector<Weakness> findWeaknesses(const Options& options, Context& context) {
+std::vector<Weakness> findWeaknesses(const CheckChoices& options, Context& context) {
     std::vector<Weakness> found = weaknessesOf(context.database);
     if (options.backupWithin) {
         std::ranges::move(backupWeakness(context.database.place(), periodOf(*options.backupWithin)),
@@ -135,7 +132,7 @@ Json toJson(const Weakness& weakness) {
             {"message", jsonText(weakness.message)}};
 }
 
-Status runCheck(const Options& options, Context& context) {
+Status examine(const CheckChoices& options, Context& context) {
     if (options.backupWithin) {
         (void)periodOf(*options.backupWithin);  // before anything is read
     }
@@ -212,7 +209,7 @@ Status runSettle(const std::string& path, Keep keep, Context& context) {
 }
 
 // Each of them is a command of its own.
-void refuseTogether(const Options& options) {
+void refuseTogether(const CheckChoices& options) {
     const bool checks =
         options.check.deep || options.check.repair || options.strict || options.backupWithin;
     if (options.undo.has_value() + options.purge.has_value() + options.settle.has_value() + checks >
@@ -226,7 +223,7 @@ void refuseTogether(const Options& options) {
     }
 }
 
-Status run(const Options& options, Context& context) {
+Status runCheck(const CheckChoices& options, Context& context) {
     refuseTogether(options);
     if (options.undo) {
         return runUndo(*options.undo, context);
@@ -234,16 +231,16 @@ Status run(const Options& options, Context& context) {
     if (options.settle) {
         return runSettle(*options.settle, *options.keep, context);
     }
-    return options.purge ? runPurge(*options.purge, context) : runCheck(options, context);
+    return options.purge ? runPurge(*options.purge, context) : examine(options, context);
 }
 
 }  // namespace
 
 void addCheck(Cli& cli) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<CheckChoices>();
     options->check.examiner = &objectExaminer();
     Command& command = cli.add("check", "Look for damage and for what a crash left behind",
-                               [options](Context& context) { return run(*options, context); });
+                               [options](Context& context) { return runCheck(*options, context); });
     command.flag("--deep", &options->check.deep, "Decrypt and examine every record, too");
     command.flag("--repair", &options->check.repair,
                  "Clean up what a crash left behind; never touches damaged records");

@@ -15,12 +15,12 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct CpOptions {
     std::string from;
     std::string to;
 };
 
-Status run(const Options& options, Context& context) {
+Status runCp(const CpOptions& options, Context& context) {
     const Address to = parseNewAddress(options.to);
     refuseInternal(to);
     return changeNamed(context.database, namesForRenaming(options.from, to), [&] {
@@ -39,9 +39,9 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addCp(Cli& cli) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<CpOptions>();
     Command& command = cli.add("cp", "Make a second record with the contents of one",
-                               [options](Context& context) { return run(*options, context); });
+                               [options](Context& context) { return runCp(*options, context); });
     addAddress(command, &options->from);
     command.argument("NEW", &options->to, "FOLDER/NAME, which must not exist yet");
 }

@@ -23,8 +23,8 @@ struct Options : DeployOptions {
 };
 
 // Runs the command; why it failed, if it did.
-std::optional<std::string> run(const std::vector<std::string>& words,
-                               const DeployOptions& options) {
+std::optional<std::string> runReload(const std::vector<std::string>& words,
+                                     const DeployOptions& options) {
     const std::string& shown = *options.reload;
     const os::CommandEnd end = os::runCommand(words, options.reloadSeconds);
     if (end.isLate) {
@@ -72,7 +72,7 @@ void report(const Pair& pair, const Deployed& done, Output& output) {
                      {"reloadDue", done.isLoadingDue}});
 }
 
-Status run(const Options& options, Context& context) {
+Status runDeploy(const Options& options, Context& context) {
     const std::vector<std::string> words = reloadOf(options);
     const DeployRules rules = rulesOf(options);
     SwitchedFiles place(namesOf(rules), context.globals.lockSeconds);
@@ -89,7 +89,7 @@ Status run(const Options& options, Context& context) {
         forgetPasswords();  // it inherits the environment
         reload = [&] {
             context.output.detail(fmt::format("running `{}`", *options.reload));
-            return run(words, options);
+            return runReload(words, options);
         };
     }
     const Present present = options.force ? Present::kAny : Present::kOwn;
@@ -103,7 +103,7 @@ void addDeploy(Cli& cli) {
     const auto options = std::make_shared<Options>();
     Command& command =
         cli.add("deploy", "Put the certificate and key of a host where a server reads them",
-                [options](Context& context) { return run(*options, context); });
+                [options](Context& context) { return runDeploy(*options, context); });
     addDeployOptions(command, options.get());
     command.flag("-f,--force", &options->force,
                  "Replace a single file whatever is in it, not only what deploy wrote");

@@ -15,7 +15,7 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct DumpOptions {
     std::string address;
     bool raw = false;
 };
@@ -45,7 +45,7 @@ std::string describe(const DescriptorLine& line) {
                        encrypted ? ", encrypted" : "");
 }
 
-Status run(const Options& options, Context& context) {
+Status runDump(const DumpOptions& options, Context& context) {
     const Hold hold = context.database.enter(Access::kRead);
     const Address address = resolve(options.address);
     const std::vector<DescriptorLine> lines = readDescriptor(descriptorPath(address));
@@ -70,9 +70,9 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addDump(Cli& cli) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<DumpOptions>();
     Command& command = cli.add("dump", "Print a record's descriptor as it is on disk",
-                               [options](Context& context) { return run(*options, context); });
+                               [options](Context& context) { return runDump(*options, context); });
     addAddressToRead(command, &options->address);
     command.flag("--raw", &options->raw, "Print the lines alone, without explanation");
 }

@@ -24,7 +24,7 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct EditOptions {
     std::string address;
 };
 
@@ -70,7 +70,7 @@ void runEditor(const std::string& editor, const std::string& path) {
 // One record on its way through the editor and back.
 class Editing {
 public:
-    Editing(const Options& options, Context& context)
+    Editing(const EditOptions& options, Context& context)
         : context_(context), address_(parseNewAddress(options.address)) {}
 
     Status run() {
@@ -188,7 +188,7 @@ private:
 }  // namespace
 
 void addEdit(Cli& cli) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<EditOptions>();
     Command& command =
         cli.add("edit", "Change a record's body in your editor",
                 [options](Context& context) { return Editing(*options, context).run(); });

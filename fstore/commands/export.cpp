@@ -15,11 +15,9 @@
 namespace fstore {
 namespace {
 
-constexpr int kStdout = 1;
-
 using Format = ExportRules::Format;
 
-struct Options {
+struct ExportOptions {
     RecordChoice record;
     std::string file{kStandardStream};
     ExportRules rules;
@@ -27,7 +25,7 @@ struct Options {
     PasswordOptions password;
 };
 
-Json describe(const Selection& selection, const Options& options, bool encrypted) {
+Json describe(const Selection& selection, const ExportOptions& options, bool encrypted) {
     constexpr const char* kNames[] = {"pem", "der", "p12", "p7"};
     return {{"records", Json::array({toJson(selection.info)})},
             {"format", kNames[static_cast<int>(options.rules.format)]},
@@ -36,17 +34,17 @@ Json describe(const Selection& selection, const Options& options, bool encrypted
             {"encrypted", encrypted}};
 }
 
-void refuseOptions(const Options& options, bool inDocument) {
+void refuseOptions(const ExportOptions& options, bool inDocument) {
     refuseRules(options.rules);
     if (options.rules.format != Format::kPem && options.file == kStandardStream && !inDocument &&
-        os::isTerminal(kStdout)) {
+        os::isTerminal(os::kStandardOutput)) {
         throw Failure(
             kUsage,
             "this format is not text and would garble the terminal; write it to a file with -o");
     }
 }
 
-Status run(const Options& options, Context& context) {
+Status runExport(const ExportOptions& options, Context& context) {
     // With --json the document has what is exported, unless a file gets it.
     const bool inDocument = context.output.json() && options.file == kStandardStream;
     refuseOptions(options, inDocument);
@@ -85,9 +83,10 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addExport(Cli& cli) {
-    const auto options = std::make_shared<Options>();
-    Command& command = cli.add("export", "Write an object for other programs",
-                               [options](Context& context) { return run(*options, context); });
+    const auto options = std::make_shared<ExportOptions>();
+    Command& command =
+        cli.add("export", "Write an object for other programs",
+                [options](Context& context) { return runExport(*options, context); });
     addRecordChoice(command, &options->record);
     addOutput(command, &options->file);
     command.option("--format", "FORMAT",

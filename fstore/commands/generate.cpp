@@ -14,14 +14,14 @@ namespace {
 
 constexpr int kMostDays = 36'500;
 
-struct Options {
+struct GenerateOptions {
     std::string type = "ec:P-256";
     std::optional<std::string> file;
     bool force = false;
     GenerateRules rules;
 };
 
-void refuseOptions(const Options& options) {
+void refuseOptions(const GenerateOptions& options) {
     if (options.file && !options.rules.request) {
         throw Failure(kUsage, "-o is for the request, which --request makes");
     }
@@ -37,7 +37,7 @@ void refuseOptions(const Options& options) {
     }
 }
 
-Status run(const Options& options, Context& context) {
+Status runGenerate(const GenerateOptions& options, Context& context) {
     refuseOptions(options);
     GenerateRules rules = options.rules;
     rules.type = keyTypeOf(options.type);
@@ -53,9 +53,10 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addGenerate(Cli& cli) {
-    const auto options = std::make_shared<Options>();
-    Command& command = cli.add("generate", "Make a key, and a request or a certificate for it",
-                               [options](Context& context) { return run(*options, context); });
+    const auto options = std::make_shared<GenerateOptions>();
+    Command& command =
+        cli.add("generate", "Make a key, and a request or a certificate for it",
+                [options](Context& context) { return runGenerate(*options, context); });
     command.argument("NAME", &options->rules.name, "Name of the new records, without a folder");
     command
         .option("--type", "TYPE", &options->type,

@@ -18,7 +18,7 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct ImportOptions {
     std::vector<std::string> files;
     std::optional<std::string> folder;
     ImportRules rules;
@@ -45,7 +45,7 @@ struct Item {
     }
 };
 
-ImportRules rulesOf(const Options& options) {
+ImportRules rulesOf(const ImportOptions& options) {
     ImportRules rules = options.rules;
     if (options.folder) {
         rules.folder = parseFolder(*options.folder);
@@ -55,7 +55,7 @@ ImportRules rulesOf(const Options& options) {
 }
 
 // All parts of all files, in the order of the import.
-std::vector<Item> readItems(const Options& options, PasswordSource& password) {
+std::vector<Item> readItems(const ImportOptions& options, PasswordSource& password) {
     std::vector<Item> items;
     for (const std::string& file : options.files) {
         try {
@@ -167,7 +167,7 @@ void importObjects(const std::vector<Item>& items, const ImportRules& rules, Dat
     }
 }
 
-Status run(const Options& options, Context& context) {
+Status runImport(const ImportOptions& options, Context& context) {
     ImportRules rules = rulesOf(options);
     rules.unlock = context.secret.isGiven();
     rules.refusesPatterns = true;
@@ -196,9 +196,10 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addImport(Cli& cli) {
-    const auto options = std::make_shared<Options>();
-    Command& command = cli.add("import", "Import certificates, keys, CRLs and requests",
-                               [options](Context& context) { return run(*options, context); });
+    const auto options = std::make_shared<ImportOptions>();
+    Command& command =
+        cli.add("import", "Import certificates, keys, CRLs and requests",
+                [options](Context& context) { return runImport(*options, context); });
     command.argument(
         "FILE", &options->files,
         "PEM with any number of them, DER, PKCS#7, PKCS#12 or JKS, up to 64 MiB; \"-\" is the "

@@ -195,7 +195,7 @@ Status report(Context& context) {
     return unread.empty() ? kOk : kPartial;
 }
 
-Status run(Context& context) {
+Status runInfo(Context& context) {
     try {
         const Hold hold = context.database.enter(Access::kRead);
         return report(context);
@@ -212,7 +212,7 @@ Status run(Context& context) {
 }  // namespace
 
 void addInfo(Cli& cli) {
-    (void)cli.add("info", "Print the state of the database", run);
+    (void)cli.add("info", "Print the state of the database", runInfo);
 }
 
 }  // namespace fstore

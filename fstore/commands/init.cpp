@@ -16,7 +16,7 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct InitOptions {
     RecoveryOptions recovery;
     unsigned int cost = ScryptCost::kDefaultLn;
 };
@@ -37,7 +37,7 @@ unsigned int addRecoverySlot(NewRecoveryKey& key, Database& database) {
     return added.n;
 }
 
-Status run(const Options& options, Context& context) {
+Status runInit(const InitOptions& options, Context& context) {
     std::optional<NewRecoveryKey> recovery;
     if (options.recovery.wanted) {
         recovery.emplace(options.recovery.sheet, context);
@@ -70,9 +70,9 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addInit(Cli& cli) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<InitOptions>();
     Command& command = cli.add("init", "Create a database and set its password",
-                               [options](Context& context) { return run(*options, context); });
+                               [options](Context& context) { return runInit(*options, context); });
     addCost(command, &options->cost);
     (void)addRecovery(command, "Add a recovery key as well", options->recovery);
 }

@@ -18,7 +18,7 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct KeyAddOptions {
     RecoveryOptions recovery;
     std::optional<std::string> keyFile;
     PasswordOptions password;
@@ -48,7 +48,7 @@ UnlockSecret secretOf(const std::string& file, Context& context) {
 }
 
 // What the new slot is for. A recovery key reaches its owner first.
-UnlockSecret newSecret(const Options& options, const SlotPlan& plan,
+UnlockSecret newSecret(const KeyAddOptions& options, const SlotPlan& plan,
                        std::optional<NewRecoveryKey>& recovery, Context& context) {
     if (options.keyFile) {
         return secretOf(*options.keyFile, context);
@@ -64,7 +64,7 @@ UnlockSecret newSecret(const Options& options, const SlotPlan& plan,
     return {UnlockSecret::Kind::kPassword, password.get(PasswordSource::Entry::kTwice), {}};
 }
 
-Status run(const Options& options, Context& context) {
+Status runKeyAdd(const KeyAddOptions& options, Context& context) {
     Database& database = context.database;
     // What cannot get a slot shows before anything is made.
     const SlotPlan plan = planSlot(database, options.label);
@@ -87,10 +87,10 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addKeyAdd(Command& key) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<KeyAddOptions>();
     Command& command =
         key.subcommand("add", "Add a password, a recovery key or a key file",
-                       [options](Context& context) { return run(*options, context); });
+                       [options](Context& context) { return runKeyAdd(*options, context); });
     addPassword(command, "--new-password", "the password to add", options->password);
     addCost(command, &options->cost);
     const std::vector<std::string> ofPasswords{"--new-password-file", "--new-password-fd",

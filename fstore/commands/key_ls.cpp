@@ -27,7 +27,7 @@ std::optional<unsigned int> openedBy(Context& context) {
     }
 }
 
-Status run(Context& context) {
+Status runKeyLs(Context& context) {
     Database& database = context.database;
     const std::optional<unsigned int> opened = openedBy(context);
     const std::vector<UnlockSlot> slots = listSlots(database);
@@ -44,7 +44,7 @@ Status run(Context& context) {
 }  // namespace
 
 void addKeyLs(Command& key) {
-    (void)key.subcommand("ls", "List the slots; marks the one that a given secret opens", run);
+    (void)key.subcommand("ls", "List the slots; marks the one that a given secret opens", runKeyLs);
 }
 
 }  // namespace fstore

@@ -16,14 +16,14 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct KeyRawOptions {
     std::optional<std::string> file;
     std::optional<int> fd;
 };
 
 // Where the key goes, opened before the database is. A terminal keeps what it shows, and a document
 // never has a secret.
-OutputFile outputOf(const Options& options, bool json) {
+OutputFile outputOf(const KeyRawOptions& options, bool json) {
     if (options.file.has_value() == options.fd.has_value()) {
         throw Failure(kUsage, "name a new file with -o, or an open descriptor with --fd");
     }
@@ -31,8 +31,7 @@ OutputFile outputOf(const Options& options, bool json) {
         requireNewFile(*options.file);
         return OutputFile(*options.file, /*replace=*/false);
     }
-    constexpr int kStdout = 1;
-    if (os::isTerminal(*options.fd) || (json && *options.fd == kStdout)) {
+    if (os::isTerminal(*options.fd) || (json && *options.fd == os::kStandardOutput)) {
         throw Failure(kUsage, fmt::format("descriptor {} is a terminal or has the document; write "
                                           "the key to a file with -o",
                                           *options.fd));
@@ -40,7 +39,7 @@ OutputFile outputOf(const Options& options, bool json) {
     return OutputFile(fmt::format("/dev/fd/{}", *options.fd), /*replace=*/false);
 }
 
-Status run(const Options& options, Context& context) {
+Status runKeyRaw(const KeyRawOptions& options, Context& context) {
     OutputFile output = outputOf(options, context.output.json());
     Database& database = context.database;
     {
@@ -67,10 +66,10 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addKeyRaw(Command& key) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<KeyRawOptions>();
     Command& command =
         key.subcommand("raw", "Write the database's own key, for a program that hosts the module",
-                       [options](Context& context) { return run(*options, context); });
+                       [options](Context& context) { return runKeyRaw(*options, context); });
     command.option("-o,--output", "FILE", &options->file, "A new file, readable by its owner only");
     command
         .option("--fd", "N", Number{&options->fd, 0, std::numeric_limits<int>::max()},

@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::uint64_t kMostRawKey = 4097;  // a password from before there were slots, and a LF
 
-struct Options {
+struct KeyResetOptions {
     std::string rawKeyFile;
     PasswordOptions password;
     std::optional<int> cost;
@@ -31,7 +31,7 @@ SecretText rawKeyIn(const std::string& file) {
     return SecretText(text);
 }
 
-Status run(const Options& options, Context& context) {
+Status runKeyReset(const KeyResetOptions& options, Context& context) {
     context.standardInput.claimIfNamed(options.rawKeyFile, "the key of the database");
     PasswordSource password(PasswordSource::Which::kNew, options.password, context.globals.noInput,
                             context.output, context.standardInput);
@@ -50,10 +50,10 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addKeyReset(Command& key) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<KeyResetOptions>();
     Command& command =
         key.subcommand("reset", "Make new slots from the database's own key",
-                       [options](Context& context) { return run(*options, context); });
+                       [options](Context& context) { return runKeyReset(*options, context); });
     command
         .option("--raw-key-file", "FILE", &options->rawKeyFile,
                 "What `fstore key raw` wrote; \"-\" is the standard input")

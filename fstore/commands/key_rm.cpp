@@ -12,12 +12,12 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct KeyRmOptions {
     std::string slot;
     bool force = false;
 };
 
-Status run(const Options& options, Context& context) {
+Status runKeyRm(const KeyRmOptions& options, Context& context) {
     Database& database = context.database;
     const std::vector<UnlockSlot> slots = listSlots(database);
     const UnlockSlot& removed = findSlot(slots, options.slot);
@@ -31,9 +31,9 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addKeyRm(Command& key) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<KeyRmOptions>();
     Command& command = key.subcommand(
-        "rm", "Remove a slot", [options](Context& context) { return run(*options, context); });
+        "rm", "Remove a slot", [options](Context& context) { return runKeyRm(*options, context); });
     command.argument("SLOT", &options->slot, "Its number or label");
     command.flag(
         "-f,--force", &options->force,

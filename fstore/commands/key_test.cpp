@@ -20,7 +20,7 @@ void requireOpened(const UnlockSlot& opened, const UnlockSlot& wanted) {
     }
 }
 
-Status run(const std::optional<std::string>& wanted, Context& context) {
+Status runKeyTest(const std::optional<std::string>& wanted, Context& context) {
     Database& database = context.database;
     const std::optional<UnlockSlot> opened = testSecret(database);
     if (!opened) {
@@ -41,8 +41,9 @@ Status run(const std::optional<std::string>& wanted, Context& context) {
 
 void addKeyTest(Command& key) {
     const auto slot = std::make_shared<std::optional<std::string>>();
-    Command& command = key.subcommand("test", "Say which slot the given secret opens",
-                                      [slot](Context& context) { return run(*slot, context); });
+    Command& command =
+        key.subcommand("test", "Say which slot the given secret opens",
+                       [slot](Context& context) { return runKeyTest(*slot, context); });
     command.argument("SLOT", slot.get(), "That it has to be: a number or label").required = false;
 }
 

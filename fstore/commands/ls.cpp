@@ -28,13 +28,12 @@
 namespace fstore {
 namespace {
 
-constexpr std::int64_t kDay = 24 * std::int64_t{60} * 60;
 constexpr std::int64_t kSoon = 30 * kDay;
 
 // Later than any time that a certificate can have.
 constexpr const char* kEver = "8000y";
 
-struct Options {
+struct LsOptions {
     FindRules rules;
     bool failOnMatch = false;
     bool all = false;  // also what is superseded, of filters by expiry
@@ -51,7 +50,7 @@ struct Options {
 // How the records of the listing belong together.
 class Belongings {
 public:
-    Belongings(const Options& options, Database& database) : showsDays_(options.asksForExpiry()) {
+    Belongings(const LsOptions& options, Database& database) : showsDays_(options.asksForExpiry()) {
         // Who has more than this has other means; the listing itself takes no memory.
         constexpr std::size_t kMost = 10'000;
         if (options.asksForExpiry()) {
@@ -340,7 +339,7 @@ private:
     SortedTexts events_;
 };
 
-std::unique_ptr<Rows> rowsFor(const Options& options, Belongings& belongings,
+std::unique_ptr<Rows> rowsFor(const LsOptions& options, Belongings& belongings,
                               const Output& output) {
     const FindRules::Order order = options.rules.order;
     if (output.json()) {
@@ -364,7 +363,7 @@ Status statusOf(bool isListed, const Missed& missed, bool failOnMatch) {
     return missed.isComplete() ? kOk : kPartial;
 }
 
-Status run(Options options, Context& context) {
+Status runLs(LsOptions options, Context& context) {
     if (context.output.json() && (options.csv || options.calendar)) {
         throw Failure(kUsage, "--json, --csv and --ics exclude each other: give one of them");
     }
@@ -400,9 +399,9 @@ Status run(Options options, Context& context) {
 }  // namespace
 
 void addLs(Cli& cli) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<LsOptions>();
     Command& command = cli.add("ls", "List records and when they expire",
-                               [options](Context& context) { return run(*options, context); });
+                               [options](Context& context) { return runLs(*options, context); });
     command.argument("FOLDER", &options->rules.folder, "This folder and its subfolders only")
         .required = false;
     command.option("--sort", "ORDER",

@@ -27,7 +27,7 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct MetricsOptions {
     std::string file{kStandardStream};
     bool all = false;
     bool secrets = false;
@@ -57,7 +57,7 @@ bool isOurs(const std::string& file) {
 }
 
 // The value of a label, as the text format quotes it.
-std::string quoted(std::string_view text) {
+std::string labelValue(std::string_view text) {
     std::string value = "\"";
     for (const char c : printable(text)) {
         if (c == '\\' || c == '"') {
@@ -98,24 +98,25 @@ struct Counts {
 
 void addExpiry(const RecordInfo& info, Metrics& metrics) {
     metrics.add(*info.notAfter,
-                fmt::format("address={},kind={},subject={}", quoted(info.address.print()),
-                            quoted(nameOf(info.kind)),
-                            quoted(info.kind == Kind::kCrl ? info.issuer : titleOf(info))));
+                fmt::format("address={},kind={},subject={}", labelValue(info.address.print()),
+                            labelValue(nameOf(info.kind)),
+                            labelValue(info.kind == Kind::kCrl ? info.issuer : titleOf(info))));
 }
 
 // Whether somebody waits for its end.
-bool isWatched(const RecordInfo& info, const Options& options, const std::set<std::string>& keys) {
+bool isWatched(const RecordInfo& info, const MetricsOptions& options,
+               const std::set<std::string>& keys) {
     return info.notAfter &&
            (options.all || info.kind == Kind::kCrl || info.isCa || keys.count(info.keySha256) != 0);
 }
 
 // An alarm that waits for its end would never ring. Of what is encrypted it is known with -u alone.
-bool isUndated(const RecordInfo& info, const Options& options) {
+bool isUndated(const RecordInfo& info, const MetricsOptions& options) {
     return (info.kind == Kind::kCertificate || info.kind == Kind::kCrl) && !info.notAfter &&
            (options.secrets || !info.bodyEncrypted);
 }
 
-Missed addRecords(const Options& options, Database& database, Metrics& metrics) {
+Missed addRecords(const MetricsOptions& options, Database& database, Metrics& metrics) {
     const std::vector<RecordInfo> own =
         ownRecords(database, options.secrets, std::numeric_limits<std::size_t>::max());
     Successors successors = Successors::among(database, own, now());
@@ -147,7 +148,7 @@ Missed addRecords(const Options& options, Database& database, Metrics& metrics) 
     });
     metrics.begin("records", "Records by kind.");
     for (const auto& [kind, count] : counts.records) {
-        metrics.add(count, fmt::format("kind={}", quoted(nameOf(kind))));
+        metrics.add(count, fmt::format("kind={}", labelValue(nameOf(kind))));
     }
     metrics.begin("superseded_records", "Certificates and CRLs that newer ones supersede.");
     metrics.add(counts.superseded);
@@ -178,7 +179,7 @@ void write(const std::string& text, std::optional<OutputFile>& file, Context& co
     file->commit();
 }
 
-Status run(const Options& options, Context& context) {
+Status runMetrics(const MetricsOptions& options, Context& context) {
     if (context.output.json()) {
         throw Failure(kUsage, "metrics are for Prometheus; `fstore ls --json` says the same");
     }
@@ -211,9 +212,10 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addMetrics(Cli& cli) {
-    const auto options = std::make_shared<Options>();
-    Command& command = cli.add("metrics", "Print what Prometheus asks of a database",
-                               [options](Context& context) { return run(*options, context); });
+    const auto options = std::make_shared<MetricsOptions>();
+    Command& command =
+        cli.add("metrics", "Print what Prometheus asks of a database",
+                [options](Context& context) { return runMetrics(*options, context); });
     command.option("-o,--output", "FILE", &options->file,
                    "A file to replace, \"fstore.prom\" in the node exporter's folder");
     command.flag("-f,--force", &options->force, "Replace a file that has no metrics of a database");

@@ -9,12 +9,12 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct MkdirOptions {
     std::vector<std::string> folders;
     bool parents = false;
 };
 
-Status run(const Options& options, Context& context) {
+Status runMkdir(const MkdirOptions& options, Context& context) {
     const Hold hold = context.database.enter(Access::kChange);
     Json made = Json::array();
     for (const std::string& folder : options.folders) {
@@ -30,9 +30,9 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addMkdir(Cli& cli) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<MkdirOptions>();
     Command& command = cli.add("mkdir", "Make folders for records",
-                               [options](Context& context) { return run(*options, context); });
+                               [options](Context& context) { return runMkdir(*options, context); });
     command.argument("FOLDER", &options->folders, "The folder below \"db\"");
     command.flag("-p,--parents", &options->parents,
                  "Make those above it, too; one that is there is no failure");

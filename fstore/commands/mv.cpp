@@ -15,7 +15,7 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct MvOptions {
     std::string from;
     std::string to;
 };
@@ -34,7 +34,7 @@ void report(const Renaming& renaming, const Address& to, Output& output) {
     }
 }
 
-Status run(const Options& options, Context& context) {
+Status runMv(const MvOptions& options, Context& context) {
     const Address to = parseNewAddress(options.to);
     refuseInternal(to);
     return changeNamed(context.database, namesForRenaming(options.from, to), [&] {
@@ -47,9 +47,9 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addMv(Cli& cli) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<MvOptions>();
     Command& command = cli.add("mv", "Rename a record, or move it to another folder",
-                               [options](Context& context) { return run(*options, context); });
+                               [options](Context& context) { return runMv(*options, context); });
     addAddress(command, &options->from);
     command.argument("NEW", &options->to, "FOLDER/NAME, which must not exist yet");
 }

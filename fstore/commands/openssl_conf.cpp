@@ -94,7 +94,7 @@ std::string configuration(const Globals& globals, Output& output) {
         moduleLine(output), valueOf(globals.folder), secretIn(globals.secret));
 }
 
-Status run(Context& context) {
+Status runOpensslConf(Context& context) {
     warnWithoutDatabase(context.globals, context.output);
     const std::string text = configuration(context.globals, context.output);
     if (context.output.json()) {
@@ -108,7 +108,7 @@ Status run(Context& context) {
 }  // namespace
 
 void addOpensslConf(Cli& cli) {
-    (void)cli.add("openssl-conf", "Print what openssl.cnf needs for the provider", run);
+    (void)cli.add("openssl-conf", "Print what openssl.cnf needs for the provider", runOpensslConf);
 }
 
 }  // namespace fstore

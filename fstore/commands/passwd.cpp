@@ -22,7 +22,7 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct PasswdOptions {
     PasswordOptions password;
     std::optional<std::string> slot;
     bool rewrap = false;
@@ -47,7 +47,7 @@ struct Plan {
 };
 
 // Of several slots it has to be said what becomes of the others.
-void requireChoice(const Options& options, const Plan& plan) {
+void requireChoice(const PasswdOptions& options, const Plan& plan) {
     if (plan.set.slots.size() > 1 && !options.rewrap && !options.rotate) {
         throw Failure(
             kInvalid,
@@ -59,7 +59,7 @@ void requireChoice(const Options& options, const Plan& plan) {
     }
 }
 
-Plan planOf(const Options& options, Database& database) {
+Plan planOf(const PasswdOptions& options, Database& database) {
     const Hold hold = database.enter(Access::kRead, Need::kSecrets);
     Plan plan{.set = database.protection().inForce,
               .db = database.protection().record.db,
@@ -98,7 +98,8 @@ UnlockSecret requireCarries(UnlockSecret secret, const std::string& file, const 
 }
 
 // What opens the slots to carry, besides the one that opened the database.
-std::vector<UnlockSecret> carriedBy(const Options& options, const Plan& plan, Context& context) {
+std::vector<UnlockSecret> carriedBy(const PasswdOptions& options, const Plan& plan,
+                                    Context& context) {
     std::vector<UnlockSecret> secrets;
     for (const std::string& file : options.keyFiles) {
         secrets.push_back(requireCarries(readKeyFile(KeyFile(file), context.output), file, plan));
@@ -114,7 +115,7 @@ std::vector<UnlockSecret> carriedBy(const Options& options, const Plan& plan, Co
 }
 
 // What opened the database carries its slot, too, unless that gets the new secret.
-std::optional<UnlockSecret> openerToCarry(const Options& options, const Plan& plan,
+std::optional<UnlockSecret> openerToCarry(const PasswdOptions& options, const Plan& plan,
                                           Context& context) {
     if (plan.openedBy == 0 || plan.givesTo(plan.openedBy)) {
         return std::nullopt;
@@ -124,7 +125,7 @@ std::optional<UnlockSecret> openerToCarry(const Options& options, const Plan& pl
     return isMadeAnew ? std::nullopt : std::optional(context.secret.get());
 }
 
-RotationReport rotate(const Options& options, const Plan& plan, const SecretText& password,
+RotationReport rotate(const PasswdOptions& options, const Plan& plan, const SecretText& password,
                       std::vector<UnlockSecret> carried, Context& context) {
     Rotation rotation;
     rotation.slot = plan.slot;
@@ -157,7 +158,7 @@ RotationReport rotate(const Options& options, const Plan& plan, const SecretText
 
 // What was done; `rewrapped` is the slot of a password that was changed alone.
 void report(const RotationReport& report, const std::optional<UnlockSlot>& rewrapped,
-            const Options& options, Context& context) {
+            const PasswdOptions& options, Context& context) {
     Output& output = context.output;
     output.note("password changed");
     Json json = {{"folder", jsonText(context.database.place().folder)},
@@ -179,7 +180,7 @@ void report(const RotationReport& report, const std::optional<UnlockSlot>& rewra
     output.document(std::move(json));
 }
 
-Status run(const Options& options, Context& context) {
+Status runPasswd(const PasswdOptions& options, Context& context) {
     PasswordSource fresh(PasswordSource::Which::kNew, options.password, context.globals.noInput,
                          context.output, context.standardInput);
     Database& database = context.database;
@@ -204,9 +205,10 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addPasswd(Cli& cli) {
-    const auto options = std::make_shared<Options>();
-    Command& command = cli.add("passwd", "Change the password of the database",
-                               [options](Context& context) { return run(*options, context); });
+    const auto options = std::make_shared<PasswdOptions>();
+    Command& command =
+        cli.add("passwd", "Change the password of the database",
+                [options](Context& context) { return runPasswd(*options, context); });
     addPassword(command, "--new-password", "the new password", options->password);
     command.option("--slot", "SLOT", &options->slot,
                    "The slot that gets it, by number or label, if not the one that opened");

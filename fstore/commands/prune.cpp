@@ -14,7 +14,7 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct PruneOptions {
     bool yes = false;
 };
 
@@ -37,10 +37,8 @@ Status list(const Prunable& prunable, Output& output) {
     Json records = Json::array();
     for (const RecordInfo& info : prunable.records) {
         records.push_back(toJson(info));
-        constexpr std::size_t kIndent = 4;
         output.sentence(info.address.print(), Style::kPlain,
-                        fmt::format(": expired {}, and superseded", printTime(*info.notAfter)),
-                        kIndent);
+                        fmt::format(": expired {}, and superseded", printTime(*info.notAfter)));
     }
     output.summary(prunable.records.empty()
                        ? "nothing to remove: nothing has expired and is superseded"
@@ -74,7 +72,7 @@ Status remove(const Prunable& prunable, Output& output) {
     return isWhole ? kOk : kPartial;
 }
 
-Status run(const Options& options, Context& context) {
+Status runPrune(const PruneOptions& options, Context& context) {
     return withSecrets(context.database, options.yes ? Access::kChange : Access::kRead, [&] {
         const Prunable prunable = findPrunable(context.database);
         warnOfUnread(prunable, context.output);
@@ -85,10 +83,10 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addPrune(Cli& cli) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<PruneOptions>();
     Command& command =
         cli.add("prune", "List or remove certificates and CRLs that expired and were renewed",
-                [options](Context& context) { return run(*options, context); });
+                [options](Context& context) { return runPrune(*options, context); });
     command.flag("--yes", &options->yes, "Remove them");
 }
 

@@ -23,7 +23,6 @@
 namespace fstore {
 namespace {
 
-constexpr int kStdout = 1;
 constexpr double kMostRandom = 1 << 20;
 
 struct PutOptions {
@@ -117,7 +116,7 @@ Status runGet(const GetOptions& options, Context& context) {
     Json json = toJson(infoOf(record));
     if (inDocument) {
         json["body"]["bytes"] = toHex(record.body());
-    } else if (file->isStandardOutput() && os::isTerminal(kStdout) &&
+    } else if (file->isStandardOutput() && os::isTerminal(os::kStandardOutput) &&
                !isForTerminals(record.body())) {
         throw Failure(kUsage,
                       fmt::format("the body of {} is not text and would garble the terminal; write "

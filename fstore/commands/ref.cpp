@@ -15,7 +15,7 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct RefOptions {
     std::string record;
     std::string file{kStandardStream};
     bool isPrivate = false;
@@ -56,7 +56,7 @@ Checked checkedUri(Database& database, const std::string& text) {
     return {std::move(uri), meaning.records.front().kind};
 }
 
-Status run(const Options& options, Context& context) {
+Status runRef(const RefOptions& options, Context& context) {
     OutputFile file(options.file, options.force);
     const auto [uri, kind] = withSecrets(context.database, Access::kRead, [&] {
         return checkedUri(context.database, options.record);
@@ -81,9 +81,9 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addRef(Cli& cli) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RefOptions>();
     Command& command = cli.add("ref", "Write a file that stands for a record",
-                               [options](Context& context) { return run(*options, context); });
+                               [options](Context& context) { return runRef(*options, context); });
     command.argument("ADDRESS", &options->record,
                      "An address, or a URI: fstore:///?for=www.example.com&type=key");
     command.readsMeant(&options->record);

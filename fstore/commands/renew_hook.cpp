@@ -18,7 +18,7 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct RenewHookOptions {
     RenewalClient client = RenewalClient::kCertbot;
     DeployOptions deploy;
     bool emptyKey = false;
@@ -78,7 +78,7 @@ std::vector<std::string> choiceOf(const DeployOptions& options) {
     return words;
 }
 
-Status run(const Options& options, Context& context) {
+Status runRenewHook(const RenewHookOptions& options, Context& context) {
     warnWithoutDatabase(context.globals, context.output);
     const std::string text =
         renewHook({options.client, fstoreOf(context.globals), argumentsOf(options.deploy),
@@ -100,10 +100,10 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addRenewHook(Cli& cli) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RenewHookOptions>();
     Command& command =
         cli.add("renew-hook", "Write what certbot, dehydrated or acme.sh run after a renewal",
-                [options](Context& context) { return run(*options, context); });
+                [options](Context& context) { return runRenewHook(*options, context); });
     command.argument("CLIENT",
                      Choice(&options->client, {{"certbot", RenewalClient::kCertbot},
                                                {"dehydrated", RenewalClient::kDehydrated},

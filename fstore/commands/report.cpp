@@ -16,7 +16,7 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct ReportOptions {
     std::string file{kStandardStream};
     bool force = false;
 };
@@ -32,7 +32,7 @@ Json toDocument(const Survey& survey) {
             {"oddities", std::move(oddities)}};
 }
 
-Status run(const Options& options, Context& context) {
+Status runReport(const ReportOptions& options, Context& context) {
     const bool inDocument = context.output.json() && options.file == kStandardStream;
     std::optional<OutputFile> file;
     if (!inDocument) {
@@ -57,9 +57,10 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addReport(Cli& cli) {
-    const auto options = std::make_shared<Options>();
-    Command& command = cli.add("report", "Write a page about the database for a browser",
-                               [options](Context& context) { return run(*options, context); });
+    const auto options = std::make_shared<ReportOptions>();
+    Command& command =
+        cli.add("report", "Write a page about the database for a browser",
+                [options](Context& context) { return runReport(*options, context); });
     addOutput(command, &options->file);
     addForce(command, &options->force);
 }

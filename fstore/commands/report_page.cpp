@@ -12,8 +12,7 @@
 namespace fstore {
 namespace {
 
-constexpr std::int64_t kDay = 24 * std::int64_t{60} * 60;
-constexpr std::int64_t kSoon = 30;
+constexpr std::int64_t kSoonDays = 30;
 constexpr std::int64_t kAxis = 400;  // days that the timeline shows
 constexpr std::size_t kMostBars = 200;
 
@@ -27,7 +26,7 @@ std::int64_t daysLeft(const RecordInfo& info, std::int64_t time) {
 }
 
 const char* classOf(std::int64_t days) {
-    return days < 0 ? "bad" : days < kSoon ? "soon" : "good";
+    return days < 0 ? "bad" : days < kSoonDays ? "soon" : "good";
 }
 
 std::string leftText(std::int64_t days) {
@@ -92,7 +91,7 @@ std::string Page::header() const {
     for (const Dated* const dated : watched()) {
         const std::int64_t days = daysLeft(dated->info, time_);
         expired += days < 0 ? 1 : 0;
-        soon += days >= 0 && days < kSoon ? 1 : 0;
+        soon += days >= 0 && days < kSoonDays ? 1 : 0;
     }
     std::string text = fmt::format(
         "<h1>Keys and certificates</h1>\n<p class=\"soft\">{}, as of <time "

@@ -11,14 +11,14 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct RequestOptions {
     std::string key;
     std::string file{kStandardStream};
     bool force = false;
     RequestText content;
 };
 
-Status run(const Options& options, Context& context) {
+Status runRequest(const RequestOptions& options, Context& context) {
     if (isGiven(options.content) && options.content.subject.empty() &&
         options.content.altNames.empty()) {
         throw Failure(kUsage,
@@ -37,9 +37,10 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addRequest(Cli& cli) {
-    const auto options = std::make_shared<Options>();
-    Command& command = cli.add("request", "Make a certificate request for a key that is there",
-                               [options](Context& context) { return run(*options, context); });
+    const auto options = std::make_shared<RequestOptions>();
+    Command& command =
+        cli.add("request", "Make a certificate request for a key that is there",
+                [options](Context& context) { return runRequest(*options, context); });
     command.argument("KEY", &options->key, "FOLDER/NAME, a unique NAME, or sha256:PREFIX");
     addRequestText(command, &options->content);
     command.option("-o,--output", "FILE", &options->file, "The file for the request");

@@ -14,7 +14,7 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct RmOptions {
     std::vector<std::string> addresses;
     bool force = false;
 };
@@ -120,7 +120,7 @@ Meant lookUp(const std::vector<std::string>& texts, Database& database) {
     return meant;
 }
 
-Status run(const Options& options, Context& context) {
+Status runRm(const RmOptions& options, Context& context) {
     std::vector<std::string> addresses = options.addresses;
     bool isMatch = false;
     if (!options.force || std::ranges::any_of(addresses, isPattern)) {
@@ -141,9 +141,9 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addRm(Cli& cli) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<RmOptions>();
     Command& command = cli.add("rm", "Remove records",
-                               [options](Context& context) { return run(*options, context); });
+                               [options](Context& context) { return runRm(*options, context); });
     addAddresses(command, &options->addresses);
     command.flag("-f,--force", &options->force,
                  "Do not ask before a key, or what matches a pattern, is removed");

@@ -21,7 +21,7 @@
 namespace fstore {
 namespace {
 
-struct Options {
+struct ShowOptions {
     RecordChoice choice;
     std::optional<std::string> sameAs;
     bool unlock = false;
@@ -81,7 +81,7 @@ void print(const Record& record, Output& output) {
     line("body", describeBody(record));
 }
 
-Status run(const Options& options, Context& context) {
+Status runShow(const ShowOptions& options, Context& context) {
     refuseChoice(options.choice);
     SecretBytes wanted;
     if (options.sameAs) {
@@ -113,9 +113,9 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addShow(Cli& cli) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ShowOptions>();
     Command& command = cli.add("show", "Print the attributes of a record",
-                               [options](Context& context) { return run(*options, context); });
+                               [options](Context& context) { return runShow(*options, context); });
     addRecordChoice(command, &options->choice);
     command.option("--same-as", "FILE", &options->sameAs,
                    "Fail (50) unless the record is the first certificate of this file");

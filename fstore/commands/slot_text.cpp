@@ -59,11 +59,11 @@ const UnlockSlot& slotOf(const std::vector<UnlockSlot>& slots, unsigned int n) {
 }
 
 Table tableOf(const std::vector<UnlockSlot>& slots, std::optional<unsigned int> opened) {
-    constexpr std::size_t kDay = 11;  // and an ellipsis
+    constexpr std::size_t kDayColumns = 11;  // and an ellipsis
     Table table({{.title = "SLOT", .weight = 4},
                  {.title = "KIND", .weight = 4, .least = 8},
                  {.title = "LABEL", .weight = 4},
-                 {.title = "MADE", .weight = 4, .least = kDay},
+                 {.title = "MADE", .weight = 4, .least = kDayColumns},
                  {.title = "COST", .weight = 1, .least = Table::Column::kWhole},
                  {.title = "OPENED", .weight = 2, .least = Table::Column::kWhole}});
     for (const UnlockSlot& slot : slots) {

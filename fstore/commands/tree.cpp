@@ -17,9 +17,7 @@
 namespace fstore {
 namespace {
 
-constexpr std::int64_t kDay = 24 * std::int64_t{60} * 60;
-
-struct Options {
+struct TreeOptions {
     std::optional<std::string> host;
 };
 
@@ -149,7 +147,7 @@ Json toDocument(const Forest& forest) {
     return document;
 }
 
-Status run(const Options& options, Context& context) {
+Status runTree(const TreeOptions& options, Context& context) {
     const std::optional<std::string> host =
         options.host ? std::optional(hostNameOf(*options.host)) : std::nullopt;
     const Forest forest = withSecrets(context.database, Access::kRead,
@@ -168,9 +166,9 @@ Status run(const Options& options, Context& context) {
 }  // namespace
 
 void addTree(Cli& cli) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<TreeOptions>();
     Command& command = cli.add("tree", "Show certificates under their issuers",
-                               [options](Context& context) { return run(*options, context); });
+                               [options](Context& context) { return runTree(*options, context); });
     command.option("--for", "HOST", &options->host, "Only what is for this host, and its issuers");
 }
 

@@ -17,9 +17,7 @@
 namespace fstore {
 namespace {
 
-constexpr std::size_t kIndent = 4;  // of the further lines of a certificate
-
-struct Options {
+struct VerifyOptions {
     std::vector<std::string> addresses;
     bool all = false;
     std::optional<std::string> time;
@@ -40,7 +38,7 @@ std::int64_t timeOf(const std::string& text) {
     return *time;
 }
 
-void refuseOptions(const Options& options) {
+void refuseOptions(const VerifyOptions& options) {
     if (options.all == !options.addresses.empty()) {
         throw Failure(kUsage, "name certificates by ADDRESS, or take all with --all");
     }
@@ -62,7 +60,7 @@ void print(const Verification& verification, Output& output) {
     for (const Verified& verified : verification.certificates) {
         const std::string& flaw = flawOf(verified);
         output.sentence(verified.info.address.print(), flaw.empty() ? Style::kPlain : Style::kRed,
-                        ": " + (flaw.empty() ? goodText(verified) : flaw), kIndent);
+                        ": " + (flaw.empty() ? goodText(verified) : flaw));
     }
 }
 
@@ -104,7 +102,7 @@ Status statusOf(const Verification& verification) {
     return verification.leftOut.empty() ? kOk : kPartial;
 }
 
-Status run(const Options& options, Context& context) {
+Status runVerify(const VerifyOptions& options, Context& context) {
     refuseOptions(options);
     VerifyRules rules = options.rules;
     if (options.time) {
@@ -125,9 +123,10 @@ Status run(const Options& options, Context& context) {
 
 void addVerify(Cli& cli) {
     using Purpose = VerifyRules::Purpose;
-    const auto options = std::make_shared<Options>();
-    Command& command = cli.add("verify", "Verify certificates with their issuers and CRLs",
-                               [options](Context& context) { return run(*options, context); });
+    const auto options = std::make_shared<VerifyOptions>();
+    Command& command =
+        cli.add("verify", "Verify certificates with their issuers and CRLs",
+                [options](Context& context) { return runVerify(*options, context); });
     command
         .argument("ADDRESS", &options->addresses,
                   "As for show; a pattern stands for all certificates that match")

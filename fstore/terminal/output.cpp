@@ -16,7 +16,6 @@
 namespace fstore {
 namespace {
 
-constexpr int kStdout = 1;
 constexpr int kStderr = 2;
 constexpr const char* kSchema = "fstore/1";
 
@@ -51,9 +50,9 @@ std::string fitted(const std::string& line, std::size_t columns) {
 
 Output::Output(const Settings& settings)
     : settings_(settings),
-      colourOut_(!settings.json && hasColour(settings.colour, kStdout)),
+      colourOut_(!settings.json && hasColour(settings.colour, os::kStandardOutput)),
       colourErr_(!settings.json && hasColour(settings.colour, kStderr)),
-      columns_(os::isTerminal(kStdout) ? os::terminalColumns(kStdout) : 0),
+      columns_(os::isTerminal(os::kStandardOutput) ? os::terminalColumns(os::kStandardOutput) : 0),
       columnsErr_(os::isTerminal(kStderr) ? os::terminalColumns(kStderr) : 0) {}
 
 void Output::line(std::string_view text) {
@@ -177,7 +176,7 @@ void Output::writeKept(After after) {
     const Spill kept = std::exchange(kept_, Spill());
     Spill::Reader reader(kept);
     std::string_view piece = reader.next();
-    while (!piece.empty() && os::writeAll(kStdout, piece.data(), piece.size())) {
+    while (!piece.empty() && os::writeAll(os::kStandardOutput, piece.data(), piece.size())) {
         piece = reader.next();
     }
     if (piece.empty()) {

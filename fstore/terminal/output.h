@@ -48,7 +48,8 @@ public:
     void table(const Table& table);
     // As line(), but no wider than a terminal: broken at blanks, and indented from the second line
     // on.
-    void sentence(std::string_view head, Style style, std::string_view text, std::size_t indent);
+    void sentence(std::string_view head, Style style, std::string_view text,
+                  std::size_t indent = 4);
     // A name and its value. On a narrow terminal the value goes on below its beginning.
     void field(std::string_view name, std::string_view value);
     // One document with "schema" in front; once, and only with --json. The long array stands in

@@ -25,9 +25,9 @@ constexpr int kAttempts = 3;
 constexpr std::size_t kLongestLine = 100;  // that is looked at
 
 // Text in memory that is wiped, broken into lines.
-class Page {
+class Sheet {
 public:
-    explicit Page(std::size_t columns) : columns_(columns) { text_.reserve(kMost); }
+    explicit Sheet(std::size_t columns) : columns_(columns) { text_.reserve(kMost); }
 
     void line(std::string_view text = {}) {
         text_.insert(text_.end(), text.begin(), text.end());
@@ -79,7 +79,7 @@ private:
     SecretKey text_;
 };
 
-void printKey(const SecretText& key, Page& page) {
+void printKey(const SecretText& key, Sheet& page) {
     constexpr std::size_t kOfLine = kGroupsOfLine * (kRecoveryGroupDigits + 1);
     std::string_view rest = key.view();
     while (!rest.empty()) {
@@ -105,7 +105,7 @@ void requireTerminal(bool noInput) {
 }
 
 SecretText printSheet(const RecoverySheet& sheet, const SecretText& key, std::size_t columns) {
-    Page page(columns);
+    Sheet page(columns);
     page.line("RECOVERY KEY of an fstore database");
     page.line();
     page.field("folder", printable(sheet.folder));
@@ -130,7 +130,7 @@ void showSheet(const RecoverySheet& sheet, const SecretText& key, unsigned int g
     const os::File terminal = openTerminal(noInput);
     const std::size_t columns = os::terminalColumns(terminal.get());
     const std::size_t width = std::clamp(columns, kLeastColumns, kPageColumns);
-    Page question(width);
+    Sheet question(width);
     question.line();
     question.sentence("Write it down. It opens nothing before you have typed a group of it.");
     for (const SecretText& text : {printSheet(sheet, key, width), question.take()}) {

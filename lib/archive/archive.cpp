@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "lib/base/bytes.h"
 #include "lib/base/digits.h"
 #include "lib/base/error.h"
 #include "lib/base/printable.h"
@@ -68,10 +69,6 @@ std::string lineOf(const std::string& head, const std::string& path) {
 
 bool isZero(std::span<const unsigned char> bytes) {
     return std::ranges::all_of(bytes, [](unsigned char byte) { return byte == 0; });
-}
-
-std::span<const unsigned char> bytesOf(std::string_view text) {
-    return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
 }
 
 tar::Header headerOf(const ArchiveEntry& entry) {

@@ -19,12 +19,12 @@
 #include "os/fs.h"
 #include "os/output.h"
 #include "os/process.h"
+#include "os/terminal.h"
 
 namespace fstore {
 namespace {
 
 constexpr int kStdin = 0;
-constexpr int kStdout = 1;
 constexpr std::size_t kPiece = 1 << 20;
 
 [[noreturn]] void failTooLarge(const std::string& name, std::uint64_t most) {
@@ -218,7 +218,7 @@ void refuseOutput(const std::string& path, const std::string& name) {
 OutputFile::OutputFile(const std::string& name, bool replace) : name_(name), replace_(replace) {
     if (name == kStandardStream) {
         name_ = "the standard output";
-        given_ = kStdout;
+        given_ = os::kStandardOutput;
         return;
     }
     if (name.empty()) {
@@ -280,12 +280,12 @@ int OutputFile::fd() const noexcept {
 }
 
 bool OutputFile::isStandardOutput() const noexcept {
-    return given_ == kStdout;
+    return given_ == os::kStandardOutput;
 }
 
 void OutputFile::write(std::span<const unsigned char> bytes) {
     if (!os::writeAll(fd(), bytes.data(), bytes.size())) {
-        if (given_ == kStdout && errno == EPIPE) {
+        if (given_ == os::kStandardOutput && errno == EPIPE) {
             throw Failure(kIo, "");  // who closed the pipe knows it
         }
         failWithErrno("write", name_);

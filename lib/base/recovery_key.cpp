@@ -12,7 +12,7 @@ namespace {
 constexpr std::string_view kAlphabet = "0123456789ABCDEFGHJKMNPQRSTVWXYZ";
 constexpr unsigned char kNotADigit = 0xff;
 constexpr unsigned int kBitsOfDigit = 5;
-constexpr std::size_t kDigits = kRecoveryGroups * kRecoveryGroupDigits;
+constexpr std::size_t kRecoveryDigits = kRecoveryGroups * kRecoveryGroupDigits;
 constexpr std::size_t kDataDigits = kRecoveryGroupDigits - 1;  // of a group
 static_assert(kRecoveryGroups * kDataDigits * kBitsOfDigit == kRecoveryKeySize * 8);
 
@@ -104,8 +104,8 @@ std::string describeWrong(const std::vector<unsigned int>& wrong) {
 // Of a text that has too many digits or too few. More than a group of difference is a password:
 // phrases of words consist of the same letters.
 std::optional<std::string> describeCount(const SecretKey& values) {
-    const bool isNear = values.size() + kRecoveryGroupDigits >= kDigits &&
-                        values.size() <= kDigits + kRecoveryGroupDigits;
+    const bool isNear = values.size() + kRecoveryGroupDigits >= kRecoveryDigits &&
+                        values.size() <= kRecoveryDigits + kRecoveryGroupDigits;
     if (!isNear || std::ranges::find(values, kNotADigit) != values.end()) {
         return std::nullopt;
     }
@@ -114,8 +114,8 @@ std::optional<std::string> describeCount(const SecretKey& values) {
            isRight(right + 1, groupOf(values, right + 1))) {
         ++right;
     }
-    const std::string count =
-        fmt::format("a recovery key has {} digits, and {} were typed", kDigits, values.size());
+    const std::string count = fmt::format("a recovery key has {} digits, and {} were typed",
+                                          kRecoveryDigits, values.size());
     return right < kRecoveryGroups ? fmt::format("{}; look at group {} first", count, right + 1)
                                    : count;
 }
@@ -124,7 +124,7 @@ std::optional<std::string> describeCount(const SecretKey& values) {
 
 SecretText printRecoveryKey(std::span<const unsigned char, kRecoveryKeySize> key) {
     SecretKey text;
-    text.reserve(kDigits + kRecoveryGroups - 1);
+    text.reserve(kRecoveryDigits + kRecoveryGroups - 1);
     SecretKey digits(kDataDigits);
     std::size_t bit = 0;
     for (unsigned int number = 1; number <= kRecoveryGroups; ++number) {
@@ -146,7 +146,7 @@ SecretText printRecoveryKey(std::span<const unsigned char, kRecoveryKeySize> key
 
 std::optional<SecretKey> parseRecoveryKey(std::string_view text) {
     const SecretKey values = valuesOf(text);
-    if (values.size() != kDigits || !wrongGroups(values).empty()) {
+    if (values.size() != kRecoveryDigits || !wrongGroups(values).empty()) {
         return std::nullopt;
     }
     SecretKey key(kRecoveryKeySize);
@@ -164,7 +164,7 @@ std::optional<SecretKey> parseRecoveryKey(std::string_view text) {
 
 std::optional<std::string> mistypingIn(std::string_view text) {
     const SecretKey values = valuesOf(text);
-    if (values.size() != kDigits) {
+    if (values.size() != kRecoveryDigits) {
         return describeCount(values);
     }
     const std::vector<unsigned int> wrong = wrongGroups(values);

@@ -50,7 +50,6 @@ std::optional<int> takeZone(std::string_view& text) {
 }  // namespace
 
 std::optional<std::int64_t> parsePeriod(std::string_view text) {
-    constexpr std::int64_t kDay = 24 * std::int64_t{60} * 60;
     constexpr std::int64_t kMost = std::int64_t{10'000} * 365 * kDay;
     if (text.size() < 2) {
         return std::nullopt;
@@ -141,6 +140,15 @@ std::string compactTime(std::int64_t time) {
 std::int64_t now() {
     using namespace std::chrono;
     return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
+}
+
+std::int64_t nanoseconds(const timespec& time) {
+    return std::int64_t{time.tv_sec} * kSecond + time.tv_nsec;
+}
+
+std::int64_t nanosecondsNow() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
 }
 
 }  // namespace fstore

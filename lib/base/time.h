@@ -1,15 +1,18 @@
 // Periods and times as users write and read them.
 //
-// All functions but now() are pure, and any thread may call them.
+// All functions but now() and nanosecondsNow() are pure, and any thread may call them.
 #ifndef LIB_BASE_TIME_H
 #define LIB_BASE_TIME_H
 
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace fstore {
+
+inline constexpr std::int64_t kDay = 24 * std::int64_t{60} * 60;  // in seconds
 
 // Seconds of "30d", "12h", "90m", "45s", "2w" or "1y" (365 days); none for anything
 // else and for what exceeds 10,000 years.
@@ -24,6 +27,11 @@ std::string printTime(std::int64_t time);
 std::string compactTime(std::int64_t time);
 
 std::int64_t now();
+
+// A time of a file, and the present, in nanoseconds since 1970.
+inline constexpr std::int64_t kSecond = 1'000'000'000;
+std::int64_t nanoseconds(const timespec& time);
+std::int64_t nanosecondsNow();
 
 }  // namespace fstore
 

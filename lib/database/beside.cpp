@@ -10,11 +10,10 @@
 #include "format/layout.h"
 #include "lib/base/error.h"
 #include "lib/database/slot_copies.h"
+#include "lib/records/attributes.h"
 
 namespace fstore {
 namespace {
-
-constexpr unsigned int kAbsent = 0xFFFFFFFF;
 
 // The record of a database other than "./db"; without a target when it is not there or cannot
 // be read.
@@ -30,7 +29,7 @@ std::optional<Digest> keyDigestOf(const char* database) {
     }
     const unsigned int index = record.findAttr(layout::kDigestType, layout::kDigestId, nullptr, 0);
     Digest digest;
-    if (index == kAbsent || record.getAttrSize(index) != digest.size()) {
+    if (index == kNoAttribute || record.getAttrSize(index) != digest.size()) {
         return std::nullopt;
     }
     std::copy_n(record.getAttr(index), digest.size(), digest.begin());

@@ -89,7 +89,7 @@ Sha256Digest digestOf(const std::string& path) {
 
 // The files of a folder that are no descriptors, and which descriptor names each. Those that have
 // the names of bodies are numbers here: there may be millions.
-class Bodies {
+class NamedBodies {
 public:
     static constexpr std::uint32_t kNobody = 0xFFFFFFFF;
 
@@ -241,7 +241,7 @@ private:
         examineMarkedBefore({});
     }
 
-    // For Bodies: descriptors, then those with a marker, then copies.
+    // For NamedBodies: descriptors, then those with a marker, then copies.
     std::size_t numberOfMarked(const Namer& marked) const {
         return descriptors_.size() + static_cast<std::size_t>(&marked - marked_.data());
     }
@@ -382,7 +382,7 @@ private:
         if (!namer.body) {
             return;
         }
-        if (std::uint32_t& owner = bodies_.ownerOf(*namer.body); owner == Bodies::kNobody) {
+        if (std::uint32_t& owner = bodies_.ownerOf(*namer.body); owner == NamedBodies::kNobody) {
             owner = static_cast<std::uint32_t>(number);
         } else {
             damaged(namer, fmt::format("names the same body file as {}", nameOfNumber(owner)));
@@ -471,7 +471,7 @@ private:
         }
     }
 
-    bool isOwned(const std::string& body) { return bodies_.ownerOf(body) != Bodies::kNobody; }
+    bool isOwned(const std::string& body) { return bodies_.ownerOf(body) != NamedBodies::kNobody; }
 
     // Unless it is another's.
     void own(const std::string& body, std::size_t number) {
@@ -526,7 +526,7 @@ private:
     NameList descriptors_;
     std::vector<Namer> marked_;              // by name
     std::vector<Namer> copies_;              // conflict copies; the marker is their rival's
-    Bodies bodies_;                          // what a descriptor could name, whatever its name
+    NamedBodies bodies_;                     // what a descriptor could name, whatever its name
     std::map<std::string, Repair> leaving_;  // body: what becomes of the files that name it
     std::set<std::string> mentioned_;        // bodies, by files that stay
     bool isInDoubt_ = false;       // a descriptor that stays may name a body that has no owner

@@ -15,6 +15,7 @@
 #include "format/dsc_text.h"
 #include "format/layout.h"
 #include "format/record_name.h"
+#include "lib/base/bytes.h"
 #include "lib/base/conflict_copy.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
@@ -33,10 +34,6 @@ namespace fstore {
 namespace {
 
 using Bytes = std::span<const unsigned char>;
-
-Bytes bytesOf(std::string_view text) {
-    return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
-}
 
 // A file of the database by the folder that it is in.
 struct StoredFile {

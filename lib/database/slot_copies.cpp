@@ -8,14 +8,13 @@
 #include "client/file_store_exp.h"
 #include "format/record_name.h"
 #include "lib/base/error.h"
+#include "lib/records/attributes.h"
 #include "lib/records/descriptor.h"
 #include "lib/records/record.h"
 #include "os/fs.h"
 
 namespace fstore {
 namespace {
-
-constexpr unsigned int kAbsent = 0xFFFFFFFF;
 
 Address addressOf(const char* name) {
     return {"", name};
@@ -38,7 +37,7 @@ std::vector<std::string> linesOf(const aFileStore& record) {
 
 bool keepsOld(const aFileStore& record) {
     const unsigned int index = record.findAttr(kTypeNumber, layout::kKeepOldId, nullptr, 0);
-    return index != kAbsent;
+    return index != kNoAttribute;
 }
 
 void place(aFileStore& record, const char* root, const char* name) {

@@ -11,6 +11,7 @@
 #include <openssl/kdf.h>
 #include <openssl/rand.h>
 
+#include "lib/base/bytes.h"
 #include "lib/base/digits.h"
 #include "lib/base/error.h"
 #include "ossl/owner.h"
@@ -58,10 +59,6 @@ std::string boundTo(const UnlockSlot& slot, const DatabaseId& db) {
     return fmt::format("{}\n{}\n{}", kLabel, toHex(db), headOf(slot));
 }
 
-const unsigned char* bytesOf(const std::string& text) {
-    return reinterpret_cast<const unsigned char*>(text.data());
-}
-
 SecretText digitsOf(std::span<const unsigned char> bytes) {
     SecretKey digits;
     digits.reserve(2 * bytes.size());
@@ -92,7 +89,7 @@ SecretKey decrypted(const UnlockSlot& slot, const DatabaseId& db, RawSecret raw)
     require(context != nullptr &&
             EVP_DecryptInit_ex(context.get(), EVP_aes_256_gcm(), nullptr, key.data(),
                                slot.nonce.data()) == 1 &&
-            EVP_DecryptUpdate(context.get(), nullptr, &length, bytesOf(bound),
+            EVP_DecryptUpdate(context.get(), nullptr, &length, bytesOf(bound).data(),
                               static_cast<int>(bound.size())) == 1 &&
             EVP_DecryptUpdate(context.get(), bytes.data(), &length, box.data(), kPSize) == 1 &&
             EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, kTagSize,
@@ -112,7 +109,7 @@ Box encrypted(const UnlockSlot& slot, const DatabaseId& db, RawSecret raw, const
     require(context != nullptr &&
             EVP_EncryptInit_ex(context.get(), EVP_aes_256_gcm(), nullptr, key.data(),
                                slot.nonce.data()) == 1 &&
-            EVP_EncryptUpdate(context.get(), nullptr, &length, bytesOf(bound),
+            EVP_EncryptUpdate(context.get(), nullptr, &length, bytesOf(bound).data(),
                               static_cast<int>(bound.size())) == 1 &&
             EVP_EncryptUpdate(context.get(), box.data(), &length, p.data(), kPSize) == 1 &&
             EVP_EncryptFinal_ex(context.get(), box.data() + length, &length) == 1 &&

@@ -13,7 +13,7 @@
 namespace fstore {
 namespace {
 
-constexpr std::string_view kEnd = "end sha256=";
+constexpr std::string_view kEndLine = "end sha256=";
 constexpr std::string_view kSmallDigits = "0123456789abcdef";
 
 // The kinds that have a name here; any other is unknown.
@@ -288,7 +288,7 @@ Sha256Digest digestOfLines(std::span<const std::string> lines) {
 void requireEnd(std::span<const std::string> lines) {
     Line end(lines.back(), lines.size());
     Sha256Digest digest;
-    end.bytes(kEnd, digest);
+    end.bytes(kEndLine, digest);
     end.finish();
     if (digest != digestOfLines(lines.first(lines.size() - 1))) {
         throw Failure(kMalformed, "its checksum is not that of its lines");
@@ -315,7 +315,7 @@ std::vector<SlotSet> readSets(std::span<const std::string> lines) {
 }
 
 std::string printEnd(std::span<const std::string> lines) {
-    return fmt::format("{}{}", kEnd, toHex(digestOfLines(lines)));
+    return fmt::format("{}{}", kEndLine, toHex(digestOfLines(lines)));
 }
 
 }  // namespace

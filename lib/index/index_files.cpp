@@ -23,8 +23,8 @@ using namespace std::string_view_literals;
 constexpr const char* kLog = "-wal";
 constexpr const char* kShared = "-shm";
 constexpr const char* kJournal = "-journal";
-constexpr const char* kNew = "-new";
-constexpr std::array kBeside{kLog, kShared, kJournal, kNew};
+constexpr const char* kUnfinished = "-new";
+constexpr std::array kBeside{kLog, kShared, kJournal, kUnfinished};
 
 constexpr mode_t kOthers = S_IRWXG | S_IRWXO;
 
@@ -109,7 +109,7 @@ std::vector<std::string> othersAt(const std::string& file) {
 }
 
 std::string newIndexAt(const std::string& file) {
-    return file + kNew;
+    return file + kUnfinished;
 }
 
 bool removeIndexAt(const std::string& file) noexcept {

@@ -41,7 +41,7 @@ constexpr std::string_view kHit =
     "SELECT folder, file, look, kind, label, subject, issuer, algorithm, names, serial, sha256, "
     "key, begins, ends, ca FROM file WHERE record = 1 AND ";
 
-std::string bytesOf(std::string_view hex) {
+std::string bytesOfHex(std::string_view hex) {
     const auto bytes = fromHex(hex);
     return bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
 }
@@ -79,9 +79,9 @@ SqlStatement& withContents(SqlStatement& statement, std::int64_t folder, const I
         number(row.look), std::string_view(row.body), number(info.kind),
         std::string_view(info.label), std::string_view(info.subject), std::string_view(info.issuer),
         std::string_view(info.keyAlgorithm), std::string_view(joinedLines(info.altNames)),
-        std::string_view(bytesOf(info.serial)), std::string_view(bytesOf(info.sha256)),
-        std::string_view(bytesOf(info.keySha256)), info.notBefore, info.notAfter, number(info.isCa),
-        more...);
+        std::string_view(bytesOfHex(info.serial)), std::string_view(bytesOfHex(info.sha256)),
+        std::string_view(bytesOfHex(info.keySha256)), info.notBefore, info.notAfter,
+        number(info.isCa), more...);
 }
 
 IndexHit hitOf(const SqlStatement& row) {

@@ -1,27 +1,17 @@
 #include "lib/index/stamps.h"
 
 #include <algorithm>
-#include <chrono>
 #include <random>
 
+#include "lib/base/time.h"
 #include "os/fs.h"
 
 namespace fstore {
 namespace {
 
-constexpr std::int64_t kASecond = 1'000'000'000;
 // More than the step of any clock that file systems take their times from.
-constexpr std::int64_t kSettled = 2 * kASecond;
+constexpr std::int64_t kSettled = 2 * kSecond;
 constexpr std::int64_t kAgo = 10;  // seconds
-
-std::int64_t nanoseconds(const timespec& time) {
-    return std::int64_t{time.tv_sec} * kASecond + time.tv_nsec;
-}
-
-std::int64_t nanosecondsNow() {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
-}
 
 // One that is dated in the future is not settled either: the clock was set back.
 bool isOld(std::int64_t modified, std::int64_t changed) {
@@ -43,8 +33,8 @@ std::optional<FolderStamp> FolderStamp::of(const std::string& path) {
 std::optional<FolderStamp> FolderStamp::set(const std::string& path) {
     timespec times[2] = {};
     times[0].tv_nsec = UTIME_OMIT;
-    times[1].tv_sec = static_cast<time_t>(nanosecondsNow() / kASecond - kAgo);
-    times[1].tv_nsec = 1 + static_cast<long>(std::random_device{}() % (kASecond - 1));
+    times[1].tv_sec = static_cast<time_t>(nanosecondsNow() / kSecond - kAgo);
+    times[1].tv_nsec = 1 + static_cast<long>(std::random_device{}() % (kSecond - 1));
     if (os::utimens(path.c_str(), times) != 0) {
         return std::nullopt;
     }

@@ -11,7 +11,7 @@
 namespace fstore {
 namespace {
 
-constexpr std::size_t kNone = SIZE_MAX, kMostSteps = 5000;
+constexpr std::size_t kNoStep = SIZE_MAX, kMostSteps = 5000;
 
 using CertificateDigest = std::array<unsigned char, SHA256_DIGEST_LENGTH>;
 
@@ -120,7 +120,7 @@ PathSearch::PathSearch(const IssuerGraph& graph, Verifier& verifier, X509* certi
       certificate_(certificate),
       visit_(visit),
       isRevoked_(std::move(isRevoked)),
-      last_(kNone) {}
+      last_(kNoStep) {}
 
 std::optional<IssuerPath> PathSearch::next() {
     if (!std::exchange(isBegun_, true)) {
@@ -128,7 +128,7 @@ std::optional<IssuerPath> PathSearch::next() {
         if (issuers.empty()) {
             return IssuerPath{};
         }
-        add(issuers, kNone);
+        add(issuers, kNoStep);
     }
     while (!waiting_.empty() && (visit_ == Visit::kOnce || steps_.size() < kMostSteps)) {
         const std::size_t step = std::get<2>(waiting_.top());
@@ -155,7 +155,7 @@ IssuerPath PathSearch::circle() const {
 }
 
 void PathSearch::add(const std::vector<std::size_t>& issuers, std::size_t below) {
-    const bool isFirst = below == kNone;
+    const bool isFirst = below == kNoStep;
     for (const std::size_t issuer : issuers) {
         const bool isGood = graph_.isInForce(issuer);
         const bool isSeen = visit_ == Visit::kOnce ? seen_.contains(issuer) : !isGood;
@@ -172,10 +172,10 @@ void PathSearch::add(const std::vector<std::size_t>& issuers, std::size_t below)
 
 // What issued itself without having signed itself may be its own issuer by name, at its beginning.
 bool PathSearch::isOnPath(std::size_t issuer, std::size_t step) const {
-    if (step != kNone && X509_cmp(graph_.at(issuer), certificate_) == 0) {
+    if (step != kNoStep && X509_cmp(graph_.at(issuer), certificate_) == 0) {
         return true;
     }
-    for (; step != kNone; step = steps_[step].below) {
+    for (; step != kNoStep; step = steps_[step].below) {
         if (graph_.isSameHolder(steps_[step].issuer, issuer)) {
             return true;
         }
@@ -195,8 +195,8 @@ bool PathSearch::isFoundRevoked(std::size_t step) {
 }
 
 IssuerPath PathSearch::pathTo(std::size_t step, IssuerPath::End end) const {
-    IssuerPath path{{}, end, step == kNone ? 0 : steps_[step].flaws};
-    for (; step != kNone; step = steps_[step].below) {
+    IssuerPath path{{}, end, step == kNoStep ? 0 : steps_[step].flaws};
+    for (; step != kNoStep; step = steps_[step].below) {
         path.issuers.push_back(steps_[step].issuer);
     }
     std::ranges::reverse(path.issuers);

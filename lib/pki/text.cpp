@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <fmt/format.h>
 
+#include "lib/base/bytes.h"
 #include "lib/base/digits.h"
 #include "lib/base/printable.h"
 #include "lib/pki/ossl.h"
@@ -15,10 +16,6 @@ namespace {
 
 std::span<const unsigned char> bytesOf(const ASN1_STRING* string) {
     return {ASN1_STRING_get0_data(string), static_cast<std::size_t>(ASN1_STRING_length(string))};
-}
-
-std::string_view asText(std::span<const unsigned char> bytes) {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
 // Empty when the string does not hold what its type promises.

@@ -15,8 +15,12 @@
 #include <string_view>
 
 #include "format/dsc_text.h"
+#include "lib/base/bytes.h"
 
 namespace fstore {
+
+// What the store answers for an attribute that a record does not have.
+inline constexpr unsigned int kNoAttribute = 0xFFFFFFFF;
 
 namespace attr {
 
@@ -116,10 +120,6 @@ constexpr std::string_view attributeName(unsigned int id) {
 std::optional<unsigned int> parseAttributeId(std::string_view text);
 
 // What the bytes of an attribute stand for.
-inline std::string_view asText(std::span<const unsigned char> bytes) {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
 inline std::optional<std::uint32_t> asNumber(unsigned int type,
                                              std::span<const unsigned char> bytes) {
     std::uint32_t value = 0;

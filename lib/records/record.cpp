@@ -10,6 +10,7 @@
 #include "lib/base/conflict_copy.h"
 #include "lib/base/error.h"
 #include "lib/base/files.h"
+#include "lib/records/attributes.h"
 #include "lib/records/descriptor.h"
 #include "lib/records/lookup.h"
 #include "os/files.h"
@@ -18,15 +19,13 @@
 namespace fstore {
 namespace {
 
-constexpr unsigned int kNone = 0xFFFFFFFF;
-
 unsigned int sizeOf(std::span<const unsigned char> bytes) {
     return static_cast<unsigned int>(bytes.size());
 }
 
 const unsigned char* dataOf(std::span<const unsigned char> bytes) {
-    static constexpr unsigned char kNothing = 0;  // null would be refused
-    return bytes.empty() ? &kNothing : bytes.data();
+    static constexpr unsigned char kEmpty = 0;  // null would be refused
+    return bytes.empty() ? &kEmpty : bytes.data();
 }
 
 std::span<const unsigned char> asBytes(std::string_view text) {
@@ -309,7 +308,8 @@ void Record::setLabel(std::string_view label) {
 void Record::setOrRemove(unsigned int type, unsigned int id, std::string_view text) {
     checkText(id, text);
     if (text.empty()) {
-        if (const unsigned int index = store_.findAttr(type, id, nullptr, 0); index != kNone) {
+        if (const unsigned int index = store_.findAttr(type, id, nullptr, 0);
+            index != kNoAttribute) {
             check(changing().removeAttr(index), "cannot remove an attribute", address_.print());
         }
         return;

@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "lib/base/bytes.h"
 #include "lib/base/files.h"
 #include "lib/pki/encode.h"
 #include "lib/work/object_record.h"
@@ -25,10 +26,6 @@ void add(std::vector<SwitchedFile>& files, const std::string& name,
     }
     file->bytes.insert(file->bytes.end(), bytes.begin(), bytes.end());
     file->mode = std::min(file->mode, mode);  // a secret in it makes all of it one
-}
-
-std::span<const unsigned char> bytesOf(const std::string& text) {
-    return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
 }
 
 SecretBytes pemOfRecord(Database& database, const RecordInfo& info) {

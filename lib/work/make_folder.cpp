@@ -22,7 +22,7 @@
 namespace fstore {
 namespace {
 
-constexpr mode_t kPermissions = 07777;
+constexpr mode_t kModeBits = 07777;
 
 // The names that records' files have are theirs, also of folders.
 void refuseName(const std::string& folder, std::string_view name) {
@@ -56,7 +56,7 @@ void makeOne(const std::string& folder) {
         failWithErrno("create the folder", path);
     }
     const os::File made = os::openFile(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-    if (!made || !os::setPermissions(made, status.st_mode & kPermissions)) {
+    if (!made || !os::setPermissions(made, status.st_mode & kModeBits)) {
         failWithErrno("give its permissions to the folder", path);
     }
     syncFolder(path);

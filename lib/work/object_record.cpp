@@ -8,6 +8,7 @@
 
 #include <fmt/format.h>
 
+#include "lib/base/bytes.h"
 #include "lib/base/digits.h"
 #include "lib/base/error.h"
 #include "lib/base/printable.h"
@@ -30,9 +31,9 @@ bool isOfObject(Kind kind) {
 constexpr std::array kTelling = {attr::kSerial,       attr::kSubjectSha256,  attr::kKeySha256,
                                  attr::kSubjectKeyId, attr::kAuthorityKeyId, attr::kCrlNumber};
 
-std::span<const unsigned char> bytesOf(const PkiAttribute& attribute) {
+std::span<const unsigned char> valueOf(const PkiAttribute& attribute) {
     if (const auto* const text = std::get_if<std::string>(&attribute.value)) {
-        return {reinterpret_cast<const unsigned char*>(text->data()), text->size()};
+        return bytesOf(*text);
     }
     return std::get<Octets>(attribute.value);
 }
@@ -43,7 +44,7 @@ void add(Record& record, const PkiAttribute& attribute, bool encrypt) {
             record.setNumber(attribute.id, *number);
         }
     } else if (encrypt || std::holds_alternative<Octets>(attribute.value)) {
-        record.addBinary(attribute.id, bytesOf(attribute), encrypt);
+        record.addBinary(attribute.id, valueOf(attribute), encrypt);
     } else {
         record.addText(attribute.id, std::get<std::string>(attribute.value));
     }
@@ -96,7 +97,7 @@ bool isSame(const Record& record, unsigned int index, const PkiAttribute& said,
         return (type == kTypeText || type == kTypeBinary) &&
                isSameText(said.id, asText(bytes), *text, object);
     }
-    return type == kTypeBinary && std::ranges::equal(bytes, bytesOf(said));
+    return type == kTypeBinary && std::ranges::equal(bytes, valueOf(said));
 }
 
 std::string print(unsigned int id, std::uint32_t number) {
@@ -117,7 +118,7 @@ std::string print(const PkiAttribute& said) {
     if (const auto* const number = std::get_if<std::uint32_t>(&said.value)) {
         return print(said.id, *number);
     }
-    return attr::isText(said.id) ? printable(asText(bytesOf(said))) : toHex(bytesOf(said));
+    return attr::isText(said.id) ? printable(asText(valueOf(said))) : toHex(valueOf(said));
 }
 
 template <class Values, class Print>

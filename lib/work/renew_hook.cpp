@@ -10,7 +10,7 @@ namespace fstore {
 namespace {
 
 // As one word of a shell.
-std::string quoted(std::string_view text) {
+std::string shellWord(std::string_view text) {
     constexpr std::string_view kPlain =
         "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_./:=,@%+";
     if (!text.empty() && text.find_first_not_of(kPlain) == std::string_view::npos) {
@@ -26,7 +26,7 @@ std::string quoted(std::string_view text) {
 std::string command(const std::vector<std::string>& words) {
     std::string text;
     for (const std::string& word : words) {
-        text += (text.empty() ? "" : " ") + quoted(word);
+        text += (text.empty() ? "" : " ") + shellWord(word);
     }
     return text;
 }
@@ -104,7 +104,7 @@ std::string renewHook(const HookRules& rules) {
     }
     const auto steps =
         stepsOf(rules, {"\"$CERT_KEY_PATH\"", "\"$CERT_FULLCHAIN_PATH\""}, ": >\"$CERT_KEY_PATH\"");
-    return fmt::format("--reloadcmd {}\n", quoted(fmt::format("{}", fmt::join(steps, " && "))));
+    return fmt::format("--reloadcmd {}\n", shellWord(fmt::format("{}", fmt::join(steps, " && "))));
 }
 
 }  // namespace fstore

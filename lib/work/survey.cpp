@@ -17,7 +17,6 @@
 namespace fstore {
 namespace {
 
-constexpr std::int64_t kDay = 24 * std::int64_t{60} * 60;
 constexpr std::int64_t kLongest = 398 * kDay;  // that browsers accept
 constexpr unsigned int kLeastRsa = 2048;
 

@@ -278,10 +278,10 @@ BUGS = (
         "    if (!isSame(*found, named)) {", "    if (false && !isSame(*found, named)) {",
         "key_slots_test"),
     Bug("associated_data_not_checked", "lib/database/unlock_box.cpp",
-        "            EVP_DecryptUpdate(context.get(), nullptr, &length, bytesOf(bound),\n"
+        "            EVP_DecryptUpdate(context.get(), nullptr, &length, bytesOf(bound).data(),\n"
         "                              static_cast<int>(bound.size())) == 1 &&\n", "",
         "unlock_box_test",
-        also=(("            EVP_EncryptUpdate(context.get(), nullptr, &length, bytesOf(bound),\n"
+        also=(("            EVP_EncryptUpdate(context.get(), nullptr, &length, bytesOf(bound).data(),\n"
                "                              static_cast<int>(bound.size())) == 1 &&\n", ""),)),
     Bug("p_not_held_against_the_slots_key", "lib/database/unlock_box.cpp",
         "    if (!fits(p, slot.key)) {", "    if (p.view().empty()) {", "unlock_box_test"),
