@@ -87,14 +87,14 @@ void cleanAll(const std::string& folder, const std::string& lock) noexcept {
     (void)os::rmdir(folder.c_str());
 }
 
-bool isNamed(const std::string& path, const File& file) noexcept {
+bool isStillNamed(const std::string& path, const File& file) noexcept {
     struct stat named {};
     struct stat opened {};
     return os::lstat(path.c_str(), &named) == 0 && os::fstat(file.get(), &opened) == 0 &&
            named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
 }
 
-bool lockNow(const File& file) noexcept {
+bool tryLock(const File& file) noexcept {
     return os::flock(file.get(), LOCK_EX | LOCK_NB) == 0;
 }
 
@@ -127,7 +127,7 @@ void cleanLeftovers(const std::string& place) {
         const std::string folder = (place + "/").append(name);
         const std::string path = lockIn(folder);
         const File lock = isOwnFolder(folder) ? openLock(path) : File();
-        if (lock && lockNow(lock) && isNamed(path, lock)) {
+        if (lock && tryLock(lock) && isStillNamed(path, lock)) {
             cleanAll(folder, path);
         }
     }
@@ -186,7 +186,7 @@ MemoryFolder::Made MemoryFolder::makeIn(const std::string& place) {
     path_ = std::move(folder);
     lockPath_ = lockIn(path_);
     lock_ = openFile(lockPath_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, kForOwner);
-    if (lock_ && ((!lockNow(lock_) && errno == EWOULDBLOCK) || !isNamed(lockPath_, lock_))) {
+    if (lock_ && ((!tryLock(lock_) && errno == EWOULDBLOCK) || !isStillNamed(lockPath_, lock_))) {
         path_.clear();
         return Made::kLost;
     }

@@ -5,6 +5,7 @@ cd "$(dirname "$0")/.."
 
 scripts/format.sh --check
 scripts/check_layers.py
+scripts/check_groups.py
 scripts/check_paths.py
 scripts/check_shell.sh
 scripts/check_headers.py

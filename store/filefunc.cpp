@@ -70,7 +70,7 @@ Status listFirst(FileList& entries, const std::string& path) {
     }
 }
 
-Status copyFile(const char* from, const char* to, const Copying& copying) {
+Status copyAs(const char* from, const char* to, const Copying& copying) {
     os::File source;
     off_t size = 0;
     if (os::openRegular(from, source, size) != os::Opened::kRegular) {
@@ -99,7 +99,7 @@ Status duplicateFile(const FileList& entries, const char* from, const char* to,
         copying.isReplaced(entries.getName()) && os::link(from, to) == 0) {
         return kOk;
     }
-    return copyFile(from, to, copying);
+    return copyAs(from, to, copying);
 }
 
 bool makeFolder(const char* path, const Copying& copying) {
@@ -242,7 +242,7 @@ bool FileList::isRegularFile() const {
 }
 
 Status copyFile(const char* from, const char* to) {
-    return copyFile(from, to, {});
+    return copyAs(from, to, {});
 }
 
 Status copyFolder(const char* from, const char* to) {

@@ -18,7 +18,7 @@ constexpr std::size_t kMostName = 255;  // of a file system
 constexpr unsigned int kManifestMode = 0600;
 constexpr tar::Block kZeros{};
 
-[[noreturn]] void fail(const std::string& what) {
+[[noreturn]] void failOnArchive(const std::string& what) {
     throw Failure(kMalformed, what);
 }
 
@@ -53,7 +53,7 @@ bool comesBefore(std::string_view a, std::string_view b) {
     });
 }
 
-std::string_view folderOf(std::string_view path) {
+std::string_view folderInArchive(std::string_view path) {
     const std::size_t slash = path.rfind('/');
     return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
 }
@@ -85,7 +85,7 @@ void Manifest::check(const ArchiveEntry& entry) const {
     if (!last_.empty() && !comesBefore(last_, entry.path)) {
         failOnPath(entry.path, "is out of order, or occurs twice");
     }
-    const std::string_view folder = folderOf(entry.path);
+    const std::string_view folder = folderInArchive(entry.path);
     const bool isRoot = folder.empty();
     if (isRoot ? !entry.isFolder : std::ranges::find(folders_, folder) == folders_.end()) {
         failOnPath(entry.path, "is in a folder that the archive does not contain");
@@ -104,7 +104,7 @@ std::string Manifest::add(const ArchiveEntry& entry, std::string lines) {
         lines = "# filestore backup 1\n" + lines;
     }
     last_ = entry.path;
-    while (!folders_.empty() && folders_.back() != folderOf(entry.path)) {
+    while (!folders_.empty() && folders_.back() != folderInArchive(entry.path)) {
         folders_.pop_back();
     }
     totals_.bytes += entry.size;
@@ -129,7 +129,7 @@ std::string Manifest::addFile(const ArchiveEntry& entry, const Sha256Digest& dig
 
 std::string Manifest::finish() {
     if (totals_.folders == 0) {
-        fail("it is empty");
+        failOnArchive("it is empty");
     }
     std::string line = fmt::format("# end: {} folders, {} files\n", totals_.folders, totals_.files);
     digest_.add(line);
@@ -232,7 +232,7 @@ void ArchiveReader::fill(std::span<unsigned char> bytes) {
     while (!bytes.empty()) {
         const std::size_t got = source_(bytes);
         if (got == 0) {
-            fail("the archive is truncated");
+            failOnArchive("the archive is truncated");
         }
         bytes = bytes.subspan(got);
     }
@@ -243,7 +243,7 @@ void ArchiveReader::skipPadding(std::uint64_t size) {
     const auto padding = std::span(block).first(tar::paddingOf(size));
     fill(padding);
     if (!isZero(padding)) {
-        fail("the archive is damaged: the padding between files is not zero");
+        failOnArchive("the archive is damaged: the padding between files is not zero");
     }
 }
 
@@ -251,11 +251,11 @@ tar::Header ArchiveReader::readBlock() {
     tar::Block block;
     fill(block);
     if (isZero(block)) {
-        fail("the archive has no manifest");
+        failOnArchive("the archive has no manifest");
     }
     auto header = tar::parse(block);
     if (!header) {
-        fail("not a backup made by fstore, or a damaged one");
+        failOnArchive("not a backup made by fstore, or a damaged one");
     }
     return std::move(*header);
 }
@@ -272,7 +272,7 @@ tar::Header ArchiveReader::readHeader() {
     header = readBlock();
     if (!path || header.type == tar::Type::kLongPath ||
         path->substr(0, tar::kShortPath) != header.path) {
-        fail("the archive is damaged: a long path cannot be read");
+        failOnArchive("the archive is damaged: a long path cannot be read");
     }
     header.path = std::move(*path);
     return header;
@@ -288,18 +288,18 @@ void ArchiveReader::readManifest(const tar::Header& header) {
     while (!read().empty()) {
     }
     if (!fits || digest_.finish() != totals.manifest) {
-        fail("the archive is damaged: its contents do not match its manifest");
+        failOnArchive("the archive is damaged: its contents do not match its manifest");
     }
     skipPadding(header.size);
     tar::Block end;
     for (int i = 0; i < 2; ++i) {
         fill(end);
         if (!isZero(end)) {
-            fail("the archive is damaged: there is data after its manifest");
+            failOnArchive("the archive is damaged: there is data after its manifest");
         }
     }
     if (source_(std::span(end).first(1)) != 0) {
-        fail("there is data after the archive");
+        failOnArchive("there is data after the archive");
     }
 }
 

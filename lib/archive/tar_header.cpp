@@ -73,7 +73,7 @@ std::uint64_t numberIn(std::string_view text) {
     return value;
 }
 
-void append(std::vector<unsigned char>& bytes, std::string_view text) {
+void appendText(std::vector<unsigned char>& bytes, std::string_view text) {
     bytes.insert(bytes.end(), text.begin(), text.end());
 }
 
@@ -90,7 +90,7 @@ std::vector<unsigned char> print(const Header& header) {
         const Block block =
             blockOf({Type::kLongPath, 0600, record.size(), std::string(kLongPathName)});
         bytes.assign(block.begin(), block.end());
-        append(bytes, record);
+        appendText(bytes, record);
         bytes.resize(bytes.size() + paddingOf(record.size()));
     }
     const Block block = blockOf(header);

@@ -5,7 +5,7 @@
 namespace fstore {
 namespace {
 
-void require(bool done) {
+void requireDigest(bool done) {
     if (!done) {
         throw Failure(kIo, "cannot compute a digest: OpenSSL does not offer SHA-256");
     }
@@ -20,11 +20,12 @@ const EVP_MD* algorithm() {
 }  // namespace
 
 Sha256::Sha256() : context_(EVP_MD_CTX_new()) {
-    require(context_ != nullptr && EVP_DigestInit_ex(context_.get(), algorithm(), nullptr) == 1);
+    requireDigest(context_ != nullptr &&
+                  EVP_DigestInit_ex(context_.get(), algorithm(), nullptr) == 1);
 }
 
 void Sha256::add(std::span<const unsigned char> bytes) {
-    require(EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) == 1);
+    requireDigest(EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()) == 1);
 }
 
 void Sha256::add(std::string_view text) {
@@ -33,7 +34,7 @@ void Sha256::add(std::string_view text) {
 
 Sha256Digest Sha256::finish() {
     Sha256Digest digest;
-    require(EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr) == 1);
+    requireDigest(EVP_DigestFinal_ex(context_.get(), digest.data(), nullptr) == 1);
     return digest;
 }
 

@@ -29,7 +29,7 @@ constexpr mode_t kPermissions = S_IRWXU | S_IRWXG | S_IRWXO;
 
 using Type = os::EntryType;
 
-std::string folderOf(const std::string& path) {
+std::string folderAbove(const std::string& path) {
     return path.substr(0, path.rfind('/'));
 }
 
@@ -37,14 +37,15 @@ std::string nameOf(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-[[noreturn]] void refuse(const std::string& path, const std::string& why) {
+[[noreturn]] void refusePath(const std::string& path, const std::string& why) {
     throw Failure(kInvalid, fmt::format("{} {}", path, why), path);
 }
 
 void requireName(const std::string& path, const std::string& given) {
     const std::string name = nameOf(path);
     if (name.empty() || name == "." || name == "..") {
-        refuse(given, "cannot be replaced as a whole; name a file, or a folder by its own name");
+        refusePath(given,
+                   "cannot be replaced as a whole; name a file, or a folder by its own name");
     }
 }
 
@@ -52,17 +53,18 @@ void requireName(const std::string& path, const std::string& given) {
 std::string placeOf(const std::vector<std::string>& names) {
     for (const std::string& name : names) {
         requireName(name, name);
-        if (folderOf(name) != folderOf(names.front())) {
-            refuse(name, fmt::format("is not in the folder of {}; files that belong together are "
-                                     "one file, or files of one folder",
-                                     names.front()));
+        if (folderAbove(name) != folderAbove(names.front())) {
+            refusePath(name,
+                       fmt::format("is not in the folder of {}; files that belong together are "
+                                   "one file, or files of one folder",
+                                   names.front()));
         }
     }
     if (names.size() == 1) {
         return names.front();
     }
-    requireName(folderOf(names.front()), names.front());
-    return folderOf(names.front());
+    requireName(folderAbove(names.front()), names.front());
+    return folderAbove(names.front());
 }
 
 struct stat statusOf(const std::string& path) {
@@ -88,9 +90,9 @@ bool isOfUsOrRoot(const struct stat& status) {
 // Whoever can rename a folder or link on the way to the files could put another link in its place
 // at any time, and have this process, which may be root's, read, write and remove elsewhere.
 [[noreturn]] void refuseOthers(const std::string& path) {
-    refuse(path,
-           "belongs to somebody else, or others can write it, who could have fstore write "
-           "elsewhere; run it as the user whom the folder belongs to, or name another folder");
+    refusePath(path,
+               "belongs to somebody else, or others can write it, who could have fstore write "
+               "elsewhere; run it as the user whom the folder belongs to, or name another folder");
 }
 
 constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
@@ -124,7 +126,7 @@ private:
             return;
         }
         if (name == "..") {
-            const std::string above = folderOf(here_);
+            const std::string above = folderAbove(here_);
             enter(above.empty() ? "/" : above);
             return;
         }
@@ -179,7 +181,7 @@ private:
 
 // The path without links on the way to the name.
 std::string inRealFolder(const std::string& path) {
-    return joined(Walk(folderOf(path) + "/").end(), nameOf(path));
+    return joined(Walk(folderAbove(path) + "/").end(), nameOf(path));
 }
 
 // The number that the name is, or 0.
@@ -195,7 +197,7 @@ void removeFile(const std::string& path) {
     }
 }
 
-void writeFile(const std::string& path, const SecretBytes& bytes, mode_t mode) {
+void writeSynced(const std::string& path, const SecretBytes& bytes, mode_t mode) {
     OutputFile file(path, true);
     file.allow(mode);
     file.write(bytes);
@@ -207,7 +209,7 @@ void writeLink(const std::string& path, const std::string& text) {
     if (!os::makeLink(text.c_str(), path.c_str())) {
         failWithErrno("make the link", path);
     }
-    syncFolder(folderOf(path));
+    syncFolder(folderAbove(path));
 }
 
 SecretBytes readFile(const std::string& path) {
@@ -220,7 +222,7 @@ void copy(const std::string& from, const std::string& to) {
     if (isA(Type::kLink, from)) {
         writeLink(to, linkText(from));
     } else {
-        writeFile(to, readFile(from), statusOf(from).st_mode & kPermissions);
+        writeSynced(to, readFile(from), statusOf(from).st_mode & kPermissions);
     }
 }
 
@@ -260,7 +262,7 @@ bool isFile(const std::string& path, const SwitchedFile& expected) {
 SwitchedFiles::SwitchedFiles(std::string path, bool isFolder)
     : path_(std::move(path)),
       stateName_(fmt::format(".{}.fstore", nameOf(path_))),
-      state_(joined(folderOf(path_), stateName_)),
+      state_(joined(folderAbove(path_), stateName_)),
       isFolder_(isFolder) {}
 
 SwitchedFiles::SwitchedFiles(const std::vector<std::string>& names, double lockSeconds)
@@ -293,14 +295,14 @@ void SwitchedFiles::refuseOther() const {
         return;
     }
     if (!isFolder_) {
-        refuse(path_, type == Type::kLink
-                          ? "is a link, which fstore does not follow; name the file itself"
-                          : "is not a file; name another one, or move it aside");
+        refusePath(path_, type == Type::kLink
+                              ? "is a link, which fstore does not follow; name the file itself"
+                              : "is not a file; name another one, or move it aside");
     }
     if (type != Type::kLink || !folderInUse(path_)) {
-        refuse(path_,
-               "is in the way: the files of a folder change together only if fstore makes the "
-               "folder; move it aside, name a folder that is not there, or one file for all");
+        refusePath(path_,
+                   "is in the way: the files of a folder change together only if fstore makes the "
+                   "folder; move it aside, name a folder that is not there, or one file for all");
     }
 }
 
@@ -318,10 +320,11 @@ void SwitchedFiles::refuseFurther(const std::vector<std::string>& names) const {
         }
     }
     if (!further.empty()) {
-        refuse(path_, fmt::format("has {}, which this deployment does not write: such a folder is "
-                                  "for one certificate and its key, and is replaced as a whole; "
-                                  "move what else is there elsewhere, or name another folder",
-                                  someOf(further)));
+        refusePath(path_,
+                   fmt::format("has {}, which this deployment does not write: such a folder is "
+                               "for one certificate and its key, and is replaced as a whole; "
+                               "move what else is there elsewhere, or name another folder",
+                               someOf(further)));
     }
 }
 
@@ -337,7 +340,7 @@ os::File SwitchedFiles::openState() const {
         failWithErrno("open the folder", state_);
     }
     if (!os::isOwn(status) || (status.st_mode & kOthersWrite) != 0) {
-        refuse(state_, "belongs to somebody else, or others can write it; remove it");
+        refusePath(state_, "belongs to somebody else, or others can write it; remove it");
     }
     if (isFolder_ && (status.st_mode & kPermissions) != kForAll &&
         !os::setPermissions(state, kForAll)) {
@@ -454,7 +457,7 @@ void SwitchedFiles::replace(const std::vector<SwitchedFile>& files, Before befor
     if (isFolder_) {
         writeLink(inState(kNew), joined(stateName_, writeFolder(files)));
     } else {
-        writeFile(inState(kNew), files.front().bytes, files.front().mode);
+        writeSynced(inState(kNew), files.front().bytes, files.front().mode);
     }
     if (before == Before::kKept && !isPending()) {
         keepBefore();
@@ -477,7 +480,7 @@ std::string SwitchedFiles::writeFolder(const std::vector<SwitchedFile>& files) c
         failWithErrno("create the folder", path);
     }
     for (const SwitchedFile& file : files) {
-        writeFile(joined(path, nameOf(file.name)), file.bytes, file.mode);
+        writeSynced(joined(path, nameOf(file.name)), file.bytes, file.mode);
     }
     const os::File folder = os::openFile(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
     if (!folder || !os::setPermissions(folder, kForAll)) {
@@ -500,14 +503,14 @@ void SwitchedFiles::put() const {
     if (os::rename(from.c_str(), path_.c_str()) != 0) {
         failWithErrno("replace", path_);
     }
-    syncFolder(folderOf(path_) + "/");
+    syncFolder(folderAbove(path_) + "/");
 }
 
 bool SwitchedFiles::restore() {
     const std::string before = inState(kBefore);
     if (isA(Type::kLink, before) && linkText(before) == kNothing) {
         removeFile(path_);
-        syncFolder(folderOf(path_) + "/");
+        syncFolder(folderAbove(path_) + "/");
         return false;
     }
     copy(before, inState(kNew));

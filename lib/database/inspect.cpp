@@ -61,7 +61,7 @@ void removeFiles(const std::vector<Finding>& findings, bool bodies) {
     }
 }
 
-void makeFolder(const std::string& path) {
+void makeMissingFolder(const std::string& path) {
     if (os::mkdir(path.c_str(), S_IRWXU) != 0) {
         failWithErrno("create the folder", path);
     }
@@ -77,7 +77,7 @@ void repairOne(const Finding& finding) {
             dropCopy();
             break;
         case Repair::kMakeFolder:
-            makeFolder(finding.path);
+            makeMissingFolder(finding.path);
             break;
         case Repair::kMoveBack:
             putPreviousBack();

@@ -57,7 +57,7 @@ bool isTolerable(int error) {
     return isMissingRight(error) || error == ENOENT || error == ENOSPC || error == EDQUOT;
 }
 
-[[noreturn]] void refuse(const char* what) {
+[[noreturn]] void refuseLockFile(const char* what) {
     throw Failure(kInvalid,
                   fmt::format("{} is {}, and the database needs a file of this name for its lock",
                               layout::kLockFile, what),
@@ -67,11 +67,11 @@ bool isTolerable(int error) {
 [[noreturn]] void failToOpen() {
     switch (errno) {
         case ELOOP:
-            refuse("a link, which fstore does not follow");
+            refuseLockFile("a link, which fstore does not follow");
         case EISDIR:
         case ENXIO:
         case ENODEV:
-            refuse("not a file");
+            refuseLockFile("not a file");
         default:
             failWithErrno("open the lock file", layout::kLockFile);
     }
@@ -88,7 +88,7 @@ void requireHolder(const os::File& file, off_t size) {
         failWithErrno("read", layout::kLockFile);
     }
     if (!mayBeHolder({text.data(), static_cast<std::size_t>(got)})) {
-        refuse("a file with something else in it");
+        refuseLockFile("a file with something else in it");
     }
 }
 
@@ -161,7 +161,7 @@ void LockFile::examine() {
         failWithErrno("look at", layout::kLockFile);
     }
     if (!S_ISREG(status.st_mode)) {
-        refuse("not a file");
+        refuseLockFile("not a file");
     }
     requireHolder(file_, status.st_size);
     device_ = status.st_dev;

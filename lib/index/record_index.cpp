@@ -48,7 +48,7 @@ std::string nextDigits(std::string digits) {
     return digits;
 }
 
-std::string parentOf(const std::string& folder) {
+std::string folderAround(const std::string& folder) {
     const std::size_t slash = folder.rfind('/');
     return slash == std::string::npos ? std::string() : folder.substr(0, slash);
 }
@@ -300,7 +300,7 @@ std::vector<std::string> RecordIndex::insideOf(const std::string& path) const {
     std::vector<std::string> inside;
     for (auto each = folders_.upper_bound(path); each != folders_.end() && isIn(each->first, path);
          ++each) {
-        if (parentOf(each->first) == path) {
+        if (folderAround(each->first) == path) {
             inside.push_back(each->first);
         }
     }

@@ -12,7 +12,7 @@ int primary(int code) {
     return code & 0xFF;
 }
 
-void require(int code) {
+void requireOk(int code) {
     if (primary(code) == SQLITE_NOMEM) {
         throw std::bad_alloc();
     }
@@ -29,13 +29,13 @@ constexpr int kPatience = 20;  // milliseconds
 // a command of some milliseconds does not wait for the disk because of it. Until the log is copied,
 // it has at most as many pages as are copied on the way.
 void configure(sqlite3* connection) {
-    require(sqlite3_extended_result_codes(connection, 1));
-    require(sqlite3_busy_timeout(connection, kPatience));
-    require(sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr));
-    require(sqlite3_db_config(connection, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr));
-    require(sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr));
-    require(sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr));
-    require(sqlite3_db_config(connection, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr));
+    requireOk(sqlite3_extended_result_codes(connection, 1));
+    requireOk(sqlite3_busy_timeout(connection, kPatience));
+    requireOk(sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr));
+    requireOk(sqlite3_db_config(connection, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr));
+    requireOk(sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr));
+    requireOk(sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr));
+    requireOk(sqlite3_db_config(connection, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr));
 }
 
 }  // namespace
@@ -81,7 +81,7 @@ Sql::Sql(const std::string& file) {
                                          SQLITE_OPEN_PRIVATECACHE | SQLITE_OPEN_NOFOLLOW,
                                      "unix");
     connection_.reset(connection);  // there is one also after a failure
-    require(code);
+    requireOk(code);
     configure(connection);
 }
 
@@ -90,7 +90,7 @@ void Sql::Close::operator()(sqlite3* connection) const noexcept {
 }
 
 void Sql::run(const char* statements) {
-    require(sqlite3_exec(connection_.get(), statements, nullptr, nullptr, nullptr));
+    requireOk(sqlite3_exec(connection_.get(), statements, nullptr, nullptr, nullptr));
 }
 
 std::int64_t Sql::number(const char* query) {
@@ -101,11 +101,11 @@ std::int64_t Sql::number(const char* query) {
 // By SQLite's own descriptor, since closing another one would end the locks of other connections.
 std::string Sql::head() {
     sqlite3_file* file = nullptr;
-    require(sqlite3_file_control(connection_.get(), "main", SQLITE_FCNTL_FILE_POINTER,
-                                 static_cast<void*>(&file)));
+    requireOk(sqlite3_file_control(connection_.get(), "main", SQLITE_FCNTL_FILE_POINTER,
+                                   static_cast<void*>(&file)));
     std::string bytes(kHeadSize, '\0');
     const int code = file->pMethods->xRead(file, bytes.data(), static_cast<int>(kHeadSize), 0);
-    require(code == SQLITE_IOERR_SHORT_READ ? SQLITE_OK : code);
+    requireOk(code == SQLITE_IOERR_SHORT_READ ? SQLITE_OK : code);
     return bytes;
 }
 
@@ -115,7 +115,7 @@ std::int64_t Sql::lastRow() const noexcept {
 
 SqlStatement::SqlStatement(Sql& sql, const char* text) {
     sqlite3_stmt* statement = nullptr;
-    require(sqlite3_prepare_v2(sql.connection_.get(), text, -1, &statement, nullptr));
+    requireOk(sqlite3_prepare_v2(sql.connection_.get(), text, -1, &statement, nullptr));
     statement_.reset(statement);
 }
 
@@ -130,7 +130,7 @@ bool SqlStatement::step() {
     }
     reset();
     if (code != SQLITE_DONE) {
-        require(code);
+        requireOk(code);
     }
     return false;
 }
@@ -159,18 +159,18 @@ std::string SqlStatement::bytes(int column) const {
 }
 
 void SqlStatement::bind(int at, std::int64_t value) {
-    require(sqlite3_bind_int64(statement_.get(), at, value));
+    requireOk(sqlite3_bind_int64(statement_.get(), at, value));
 }
 
 void SqlStatement::bind(int at, const std::optional<std::int64_t>& value) {
-    require(value ? sqlite3_bind_int64(statement_.get(), at, *value)
-                  : sqlite3_bind_null(statement_.get(), at));
+    requireOk(value ? sqlite3_bind_int64(statement_.get(), at, *value)
+                    : sqlite3_bind_null(statement_.get(), at));
 }
 
 void SqlStatement::bind(int at, std::string_view bytes) {
-    require(bytes.empty() ? sqlite3_bind_null(statement_.get(), at)
-                          : sqlite3_bind_blob64(statement_.get(), at, bytes.data(), bytes.size(),
-                                                SQLITE_TRANSIENT));
+    requireOk(bytes.empty() ? sqlite3_bind_null(statement_.get(), at)
+                            : sqlite3_bind_blob64(statement_.get(), at, bytes.data(), bytes.size(),
+                                                  SQLITE_TRANSIENT));
 }
 
 }  // namespace fstore

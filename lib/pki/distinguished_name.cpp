@@ -127,7 +127,7 @@ bool isOfNames(const ASN1_OBJECT* type) {
 }
 
 // Of "CN", "cn", "commonName" and "2.5.4.3"; null for what is no part of names.
-const ASN1_OBJECT* typeOf(const std::string& text, ossl::Identifier& owner) {
+const ASN1_OBJECT* attributeType(const std::string& text, ossl::Identifier& owner) {
     std::string capitals = text;
     std::ranges::transform(capitals, capitals.begin(), [](char c) {
         return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
@@ -216,7 +216,7 @@ void requireFit(const SubjectEntry& entry, const ASN1_OBJECT* type, const DerStr
 
 void addEntry(X509_NAME* name, SubjectEntry entry, bool beginsPart) {
     ossl::Identifier owner;
-    const ASN1_OBJECT* const type = typeOf(entry.type, owner);
+    const ASN1_OBJECT* const type = attributeType(entry.type, owner);
     if (type == nullptr) {
         refuseSubject(
             fmt::format("has \"{}\", which is not a part of names", printable(entry.type)));

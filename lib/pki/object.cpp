@@ -223,7 +223,7 @@ void refuseExcess(Kind kind, std::span<const unsigned char> der) {
     }
 }
 
-bool isPlain(char c) {
+bool isForNames(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' ||
            c == '_' || c == '-';
 }
@@ -233,7 +233,7 @@ std::string reduced(std::string_view text) {
     constexpr std::size_t kMost = 64;
     std::string name;
     for (const char c : text) {
-        const char kept = isPlain(c) ? c : '-';
+        const char kept = isForNames(c) ? c : '-';
         const bool dull = kept == '-' && (name.empty() || name.back() == '-');
         if (!dull && !(kept == '.' && name.empty()) && name.size() < kMost) {
             name += kept;

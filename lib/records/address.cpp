@@ -16,23 +16,23 @@ constexpr std::size_t kLongestDigest = 64;
 // A file name has 255 bytes, of which the suffix and a marker take eight.
 constexpr std::size_t kLongestName = 255 - kDscSuffix.size() - kNewMarker.size();
 
-[[noreturn]] void fail(std::string_view text, const char* why) {
+[[noreturn]] void failOnAddress(std::string_view text, const char* why) {
     throw Failure(kInvalid, fmt::format("\"{}\" is not a valid address: {}", text, why),
                   std::string(text));
 }
 
 void checkName(std::string_view text, std::string_view name) {
     if (name.empty() || name == "." || name == "..") {
-        fail(text, "it has no name");
+        failOnAddress(text, "it has no name");
     }
     if (name.find('\0') != std::string_view::npos) {
-        fail(text, "it contains a NUL byte");
+        failOnAddress(text, "it contains a NUL byte");
     }
     if (name.size() > kLongestName) {
-        fail(text, "the name is longer than 247 bytes");
+        failOnAddress(text, "the name is longer than 247 bytes");
     }
     if (rivalOf(descriptorName(name))) {
-        fail(text, "it is the name of a conflict copy, which `fstore check` lists");
+        failOnAddress(text, "it is the name of a conflict copy, which `fstore check` lists");
     }
 }
 
@@ -47,7 +47,7 @@ AddressText parseAddress(std::string_view text) {
     if (text.starts_with(kDigest)) {
         const auto digits = hexDigits(text.substr(kDigest.size()));
         if (!digits || digits->empty() || digits->size() > kLongestDigest) {
-            fail(text, "\"sha256:\" needs 1 to 64 hexadecimal digits");
+            failOnAddress(text, "\"sha256:\" needs 1 to 64 hexadecimal digits");
         }
         address.form = AddressText::Form::kDigest;
         address.digest = *digits;
@@ -67,10 +67,10 @@ AddressText parseAddress(std::string_view text) {
 Address parseNewAddress(std::string_view text) {
     const AddressText address = parseAddress(text);
     if (address.form != AddressText::Form::kPlace) {
-        fail(text, "a new record needs a folder, as in \"settings/name\"");
+        failOnAddress(text, "a new record needs a folder, as in \"settings/name\"");
     }
     if (printable(address.place.name) != address.place.name) {
-        fail(text, "the name has unprintable characters");
+        failOnAddress(text, "the name has unprintable characters");
     }
     return address.place;
 }

@@ -16,7 +16,7 @@
 namespace fstore {
 namespace {
 
-DescriptorLine parseLine(const char* text) {
+DescriptorLine lineFrom(const char* text) {
     using Form = DescriptorLine::Form;
     DescriptorLine line;
     line.text = text;
@@ -49,7 +49,7 @@ std::vector<DescriptorLine> parseInPlace(SecretBytes bytes) {
     const char* text = nullptr;
     Status status = reader.nextOfAll(text);
     for (; status == kOk; status = reader.nextOfAll(text)) {
-        lines.push_back(parseLine(text));
+        lines.push_back(lineFrom(text));
     }
     if (status != kEnd) {
         lines.emplace_back().form = DescriptorLine::Form::kNul;

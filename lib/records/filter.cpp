@@ -13,7 +13,7 @@
 namespace fstore {
 namespace {
 
-[[noreturn]] void refuse(const std::string& value, const char* what, const char* expected) {
+[[noreturn]] void refuseFilter(const std::string& value, const char* what, const char* expected) {
     throw Failure(kUsage, fmt::format("\"{}\" is not {}: {}", value, what, expected));
 }
 
@@ -71,8 +71,8 @@ Filter::Filter(const Filters& filters, std::int64_t now) : filters_(filters), no
     if (filters.expiresWithin) {
         const auto period = parsePeriod(*filters.expiresWithin);
         if (!period) {
-            refuse(*filters.expiresWithin, "a period",
-                   "that is a number with s, m, h, d, w or y, as in 30d");
+            refuseFilter(*filters.expiresWithin, "a period",
+                         "that is a number with s, m, h, d, w or y, as in 30d");
         }
         expiresBefore_ = now + *period;
     }
@@ -80,14 +80,14 @@ Filter::Filter(const Filters& filters, std::int64_t now) : filters_(filters), no
         std::string digits = *filters.serial;
         std::erase(digits, ':');
         if (digits.empty() || !hexDigits(digits)) {
-            refuse(*filters.serial, "a serial number", "that consists of hexadecimal digits");
+            refuseFilter(*filters.serial, "a serial number", "that consists of hexadecimal digits");
         }
         serial_ = digitsOfNumber(digits);
     }
     if (filters.sha256) {
         const auto digits = hexDigits(*filters.sha256);
         if (!digits || digits->empty()) {
-            refuse(*filters.sha256, "a digest", "that consists of hexadecimal digits");
+            refuseFilter(*filters.sha256, "a digest", "that consists of hexadecimal digits");
         }
         sha256_ = *digits;
     }
@@ -95,7 +95,7 @@ Filter::Filter(const Filters& filters, std::int64_t now) : filters_(filters), no
         const std::size_t equals = text.find('=');
         const auto id = parseAttributeId(std::string_view(text).substr(0, equals));
         if (!id) {
-            refuse(text, "an attribute", "that is a number or a name, as in 0x8001=red");
+            refuseFilter(text, "an attribute", "that is a number or a name, as in 0x8001=red");
         }
         attributes_.push_back({*id, equals == std::string::npos
                                         ? std::nullopt

@@ -88,7 +88,7 @@ bool isOneHidden(Database& database, const std::vector<const PkiObject*>& object
 }
 
 // Whether nothing would be lost with one of the two. `one` is readable.
-bool isSame(const Record& one, Record other) {
+bool isSameRecord(const Record& one, Record other) {
     if (one.hasSecrets() != other.hasSecrets()) {
         return false;
     }
@@ -439,7 +439,7 @@ std::optional<Importer::Result> Importer::moveToKey(std::vector<Address>& places
             return std::nullopt;
         }
         old.copyTo(address).write();
-    } else if (*local != address || !isSame(old, Record::read(address))) {
+    } else if (*local != address || !isSameRecord(old, Record::read(address))) {
         return std::nullopt;
     }
     (void)old.remove(owners_);  // what stays of it, `check` lists

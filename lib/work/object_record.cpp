@@ -86,8 +86,8 @@ bool isSameText(unsigned int id, std::string_view stored, const std::string& sai
            (stored == object.keyAlgorithmId || said == object.keyAlgorithmId);
 }
 
-bool isSame(const Record& record, unsigned int index, const PkiAttribute& said,
-            const PkiObject& object) {
+bool isSameAttribute(const Record& record, unsigned int index, const PkiAttribute& said,
+                     const PkiObject& object) {
     const unsigned int type = record.type(index);
     const auto bytes = record.bytes(index);
     if (const auto* const number = std::get_if<std::uint32_t>(&said.value)) {
@@ -162,7 +162,7 @@ std::vector<std::string> compare(const Record& record, const PkiObject& object) 
         const auto stored = storedIn(record, id);
         const auto said = saidBy(object, id);
         const auto isSameHere = [&](unsigned int index, const PkiAttribute* attribute) {
-            return isSame(record, index, *attribute, object);
+            return isSameAttribute(record, index, *attribute, object);
         };
         if (id != attr::kSchema && !stored.empty() &&
             !std::ranges::equal(stored, said, isSameHere)) {
@@ -203,7 +203,7 @@ std::vector<std::string> contradictionsOfOther(const Record& record, Kind kind) 
         const auto stored = storedIn(record, id);
         const auto said = saidBy(*object, id);
         return stored.size() == 1 && said.size() == 1 &&
-               isSame(record, stored[0], *said[0], *object);
+               isSameAttribute(record, stored[0], *said[0], *object);
     };
     if (!object || std::ranges::none_of(kTelling, isSaid)) {
         return {};

@@ -23,7 +23,7 @@ using Type = Selector::Type;
 constexpr std::pair<std::string_view, Type> kTypes[] = {
     {"key", Type::kKey}, {"cert", Type::kCertificate}, {"chain", Type::kChain}};
 
-[[noreturn]] void fail(std::string_view text, std::string_view why) {
+[[noreturn]] void failOnUri(std::string_view text, std::string_view why) {
     constexpr std::size_t kMostShown = 200;
     throw Failure(kInvalid, fmt::format("\"{}\" is not a valid URI: {}",
                                         printable(text.substr(0, kMostShown)), why));
@@ -34,7 +34,7 @@ bool isLetterOrDigit(char c) {
 }
 
 // What stands for itself in every place of a URI of ours.
-bool isPlain(char c) {
+bool isUnreserved(char c) {
     constexpr std::string_view kAlso = "-._~!$'()*+,;:@";
     return isLetterOrDigit(c) || kAlso.find(c) != std::string_view::npos;
 }
@@ -45,8 +45,8 @@ std::string decoded(std::string_view uri, std::string_view part, std::string_vie
     std::string text;
     while (!part.empty()) {
         if (part.front() != '%') {
-            if (!isPlain(part.front()) && also.find(part.front()) == std::string_view::npos) {
-                fail(uri, "it has a character that is written as % and two digits, as in %20");
+            if (!isUnreserved(part.front()) && also.find(part.front()) == std::string_view::npos) {
+                failOnUri(uri, "it has a character that is written as % and two digits, as in %20");
             }
             text += part.front();
             part.remove_prefix(1);
@@ -54,11 +54,11 @@ std::string decoded(std::string_view uri, std::string_view part, std::string_vie
         }
         const auto byte = part.size() < kEscape ? std::nullopt : fromHex(part.substr(1, 2));
         if (!byte || byte->size() != 1) {
-            fail(uri, "% needs two hexadecimal digits");
+            failOnUri(uri, "% needs two hexadecimal digits");
         }
         const char c = static_cast<char>(byte->front());
         if (c == '\0' || c == '/') {
-            fail(uri, "%00 and %2F stand for no character of a name");
+            failOnUri(uri, "%00 and %2F stand for no character of a name");
         }
         text += c;
         part.remove_prefix(kEscape);
@@ -69,7 +69,7 @@ std::string decoded(std::string_view uri, std::string_view part, std::string_vie
 std::string encoded(std::string_view text, std::string_view also) {
     std::string part;
     for (const char c : text) {
-        const bool stays = isPlain(c) || also.find(c) != std::string_view::npos;
+        const bool stays = isUnreserved(c) || also.find(c) != std::string_view::npos;
         part += stays ? std::string(1, c) : fmt::format("%{:02X}", static_cast<unsigned char>(c));
     }
     return part;
@@ -83,13 +83,13 @@ std::string_view takeUntil(char mark, std::string_view& rest) {
     return taken;
 }
 
-Type typeOf(std::string_view uri, std::string_view name) {
+Type typeOfUri(std::string_view uri, std::string_view name) {
     for (const auto& [known, type] : kTypes) {
         if (known == name) {
             return type;
         }
     }
-    fail(uri, "type is key, cert or chain");
+    failOnUri(uri, "type is key, cert or chain");
 }
 
 Selector parseSelector(std::string_view uri, std::string_view query) {
@@ -97,7 +97,7 @@ Selector parseSelector(std::string_view uri, std::string_view query) {
     std::array<bool, 3> given{};
     const auto once = [&](std::size_t which) {
         if (std::exchange(given.at(which), true)) {
-            fail(uri, "it has a parameter twice");
+            failOnUri(uri, "it has a parameter twice");
         }
     };
     while (!query.empty()) {
@@ -109,16 +109,16 @@ Selector parseSelector(std::string_view uri, std::string_view query) {
             selector.name = hostNameOf(text);
         } else if (name == "type") {
             once(1);
-            selector.type = typeOf(uri, text);
+            selector.type = typeOfUri(uri, text);
         } else if (name == "alg") {
             once(2);
             selector.algorithm = text;
         } else {
-            fail(uri, "its parameters are for, type and alg");
+            failOnUri(uri, "its parameters are for, type and alg");
         }
     }
     if (selector.name.empty()) {
-        fail(uri, "it has no for=, the name of a host");
+        failOnUri(uri, "it has no for=, the name of a host");
     }
     return selector;
 }
@@ -167,10 +167,10 @@ bool isUri(std::string_view text) {
 
 RecordUri parseUri(std::string_view text) {
     if (text.size() > kMostUri) {
-        fail(text, "it is longer than 4096 bytes");
+        failOnUri(text, "it is longer than 4096 bytes");
     }
     if (!isUri(text) || !text.substr(kScheme.size()).starts_with(kHead.substr(kScheme.size()))) {
-        fail(text, kForm);
+        failOnUri(text, kForm);
     }
     std::string_view rest = text.substr(kHead.size());
     RecordUri uri;
