@@ -30,6 +30,14 @@ class VersionsTest(unittest.TestCase):
     def test_debian(self):
         self.assertEqual((self.version,), found(r"^filestore \(([0-9.]+)\) ", "debian/changelog"))
 
+    def test_address_of_the_project(self):
+        (maintainer,) = found(r"^Maintainer: (.*)$", "debian/control")
+        (homepage,) = found(r"^Homepage: (.*)$", "debian/control")
+        self.assertEqual((maintainer,), found(r"^ -- (.*>)  ", "debian/changelog"))
+        bill = json.loads((BUILD / "filestore.spdx.json").read_text(encoding="utf-8"))
+        self.assertTrue(bill["documentNamespace"].startswith(f"{homepage}/{self.version}/"),
+                        bill["documentNamespace"])
+
     def test_header_of_the_library(self):
         header = [found(rf"^#define FILESTORE_VERSION_{part} +(\d+)", "capi/filestore.h")[0]
                   for part in ("MAJOR", "MINOR")]
