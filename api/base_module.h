@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What every loadable module shows its host: the entry, and the object that
 // answers the host's questions. The order of the operations is a binary contract.
 //

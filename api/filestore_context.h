@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Contexts: databases in other folders than the process's.
 //
 // The store's operations take no argument that says which database they are for. That is

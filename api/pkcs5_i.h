@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Password-based encryption, key derivation and the byte-string map of the PKCS#5
 // service (module 67).
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Numbers of algorithms and vendors, the same in all modules of the application.
 #ifndef API_PKI_ALG_H
 #define API_PKI_ALG_H

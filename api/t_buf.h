@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Byte buffers, and the X.509 common service (module 111) that makes them.
 //
 // Objects come without a reference: the caller attaches the first holder. A

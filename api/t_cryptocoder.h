@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The record cipher, as its handles see it. Programs use the handles, and
 // client/crypto_coder_exp.h says what each operation does: the handle's operation of the
 // same name.

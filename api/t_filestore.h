@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records and lists of records, as their handles see them. Programs use the handles, and
 // client/file_store_exp.h says what each operation does: the handle's operation of the
 // same name.

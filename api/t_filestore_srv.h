@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The store service, as its stub sees it. Programs use the stub, and client/s_filestoreC.h
 // says what each operation does: the stub's operation of the same name.
 //

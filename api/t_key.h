@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Key objects, and the PKIX key service (module 0x3f0008) that makes them.
 //
 // Objects come without a reference: the caller attaches the first holder.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * filestore: an encrypted, crash-safe store for keys, certificates, CRLs, requests and other bytes,
  * as a C library.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Byte buffers, and the client of the X.509 common service (module 111) that makes
 // them. Passwords, keys, attributes and bodies travel in an aBuf.
 //

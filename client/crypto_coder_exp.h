@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The two handles of the record cipher: a key, and what encrypts or decrypts with it.
 //
 // Copies share the cipher and keep it alive; the last one that goes deletes it, and the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records and lists of records: the handles that programs work with.
 //
 // A record has a name, a folder, typed attributes and an optional body of bytes.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Clients of the PKCS#5 service (module 67): password-based encryption, key
 // derivation of PKCS#12, and a map of byte strings. The selectors of parameters and
 // their limits are in api/pkcs5_i.h.

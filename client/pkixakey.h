@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A handle of one key object, as the PKIX key service and password-based encryption
 // make them. The types of keys, the numbers of parameters and the forms of key values
 // are in api/t_key.h.

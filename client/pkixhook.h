@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bases of the proxies that remember how their last call ended, and a way to keep a
 // decoded object for good.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The client of the PKIX key service (module 0x3f0008), which makes key objects.
 // Programs use keys through client/pkixakey.h.
 #ifndef CLIENT_PKIXKEYCLNT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The store service (module 107): the database as a whole.
 //
 // The database is the folder "./db" below the current directory, which the service never

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Objects that modules share, and the holders that keep them alive.
 //
 // A CMN_GuardedRef knows every holder that references it, so the framework can

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The registry of all live guarded objects of one module.
 //
 // Objects enter it at construction and leave it at destruction. The host uses it

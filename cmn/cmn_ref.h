@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The intrusive reference count from which every shared object derives.
 //
 // All counts of a module change under one module-wide recursive mutex, RefMutex,

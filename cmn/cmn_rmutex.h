@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The framework's two mutexes.
 //
 // CMN_Mutex is a POSIX mutex with default attributes. CMN_RecursiveMutex is a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Client stubs: how code calls objects and services, of other modules and of its own.
 //
 // A service stub stands for one service, found through the host on first use. An

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Marks what a loadable module exports; everything else is hidden. The module's
 // exports.map decides in the end.
 #ifndef CMN_EXPORT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the holders of a long list stand, for CMN_HolderList.
 //
 // Nothing in the list's fields, which all modules share, tells of an index, so a table

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The list of the holders of one guarded object.
 //
 // slist is what modules share: any of them may walk the list, and add and take out

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host's module manager, as the modules see it.
 //
 // The host implements it and hands it to each module's GetInterfaceClass. Every

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The end of a module's object, which the host owns: api/base_module.h says how.
 #ifndef CMN_HOST_OWNED_H
 #define CMN_HOST_OWNED_H

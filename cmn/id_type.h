@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Identifiers of modules and services, and of the modules that holders live in.
 //
 // An identifier is a 32-bit number or a character string. Identifiers are

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The border at which exceptions become statuses.
 #ifndef CMN_NO_THROW_H
 #define CMN_NO_THROW_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The functions through which a host reaches a module's object manager, exported
 // by every module under these plain names.
 #ifndef CMN_OBJMGRFUNC_H

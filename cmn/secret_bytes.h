@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bytes that may be secret: wiped whenever their memory is freed.
 #ifndef CMN_SECRET_BYTES_H
 #define CMN_SECRET_BYTES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The status codes of the store, named once.
 //
 // Operations return an unsigned 32-bit status, 0 for success. The numbers are part of the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Names for clang's thread-safety attributes; other compilers ignore them.
 #ifndef CMN_THREAD_ANNOTATIONS_H
 #define CMN_THREAD_ANNOTATIONS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Clears memory that held a secret, also when nothing reads it again.
 #ifndef CMN_WIPE_H
 #define CMN_WIPE_H

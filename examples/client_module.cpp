@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A module of one's own that uses the store: counts, in a record, how often it was
 // loaded. The host starts it, and keeps the store loaded while it is in use.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Loads the store, and twice the module of client_module.cpp; then reads the record
 // that it keeps.
 #include <cstdint>

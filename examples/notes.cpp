@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeps notes that nobody else can read, through libfilestore: notes.c in C++, where owners give
 // back what the library hands out.
 //

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Keeps notes that nobody else can read, through the Python package.
 
     notes.py FOLDER PASSWORD_FILE NAME [TEXT]

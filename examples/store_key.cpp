@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stores a key, encrypted, and reads it back. The database is made in the current
 // folder; its password is empty until recrypt() gives it another.
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host's guards, one for each guarded object.
 //
 // A caller reads the guard of its holder and raises it before it looks whether the

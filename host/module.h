@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A module, from its file to its service: mapped, started, stopped, unmapped.
 //
 // The host's calls into the code of a module, which may do anything, are all here. What

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The shared object that a module is made of, mapped into this process.
 //
 // Maps with RTLD_LOCAL, so that two modules never share a registry. The functions

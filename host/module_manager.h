@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host's module manager: loads modules, finds their services for each other, gives
 // their objects guards, and unloads or replaces modules.
 //

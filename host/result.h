@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What an operation of the host returns: a status, and for a failure the reason in words.
 #ifndef HOST_RESULT_H
 #define HOST_RESULT_H

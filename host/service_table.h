@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who offers which service, and who uses it: what modules ask the host about.
 //
 // Any thread may call any operation, also while it holds locks of the framework: the

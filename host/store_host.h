@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a program needs to start the store: a module manager, and the store's modules,
 // found and loaded.
 //

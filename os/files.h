@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What users of files need beyond single calls: whole transfers, durable closing, and
 // questions about names whose answer is never a guess.
 //

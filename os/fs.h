@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The one seam between this system and the file system.
 //
 // Every function has the name, arguments, result and errno of the system call

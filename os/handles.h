@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Owners of what must be given back to the operating system: descriptors, directory
 // streams, unfinished files and read-write locks.
 //

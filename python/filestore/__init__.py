@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """filestore: keys, certificates, CRLs, requests and other bytes in an encrypted, crash-safe folder.
 
     import filestore

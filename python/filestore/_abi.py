@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The C library as ctypes sees it: what filestore/filestore.h declares, and nothing else.
 
 A structure that the library reads begins with its size, which making one sets. The names are those

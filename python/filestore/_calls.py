@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The border to the library: what goes in, what comes out, and what it calls meanwhile."""
 
 import atexit

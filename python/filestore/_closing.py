@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What is open until close() or the end of a with statement."""
 
 import abc

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The handle of a database, and what can be done with it."""
 
 import contextlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Failures, one class a status."""
 
 from typing import ClassVar

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What operations hand out: descriptions, records, listings."""
 
 import ctypes

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Bytes that are wiped when nobody needs them any more."""
 
 import ctypes

@@ -52,6 +52,16 @@ find . -name '*.h' | sort | while read -r header; do
             -x c++ - || fail "$header"
 done
 
+step "what goes into other people's programs names its licence"
+find "$prefix/include/filestore" "$prefix/share/doc/libfilestore-dev/examples" "$prefix/lib/python3" \
+    -name '*.h' -o -name '*.c' -o -name '*.cpp' -o -name '*.py' >"$work/sources"
+for kind in include/filestore examples python3; do
+    grep -q "/$kind/" "$work/sources" || fail "$kind: no source was found"
+done
+while read -r source; do
+    head -n 2 "$source" | grep -q 'SPDX-License-Identifier: Apache-2\.0' || fail "$source names no licence"
+done <"$work/sources"
+
 step "what an installed header refers to is installed"
 grep -rnoE '[A-Za-z0-9_.-]+/[A-Za-z0-9_./-]+\.(h|cpp|md|py|sh)\>' . >"$work/references"
 grep -q 'docs/locking\.md' "$work/references" || fail "no reference was found"
