@@ -76,6 +76,61 @@ SecretBytes pemOfEncrypted(Bytes encrypted) {
     return pemBlock("ENCRYPTED PRIVATE KEY", encrypted);
 }
 
+namespace {
+
+constexpr int kUnencrypted = -1;
+
+// What Java's keystores mark a certificate with that stands without a key: without the mark they
+// pass it over. OpenSSL 3.0 has no name for it.
+bool markAsTrusted(PKCS12_SAFEBAG* bag) {
+    const ossl::Identifier anyUsage(OBJ_nid2obj(NID_anyExtendedKeyUsage));
+    constexpr int kAnObject = -1;  // and no bytes
+    return PKCS12_add1_attr_by_txt(bag, "2.16.840.1.113894.746875.1.1", V_ASN1_OBJECT,
+                                   reinterpret_cast<const unsigned char*>(anyUsage.get()),
+                                   kAnObject) == 1;
+}
+
+// A file of certificates alone; the label is that of the first.
+ossl::Pkcs12 trustedCertificates(const std::vector<ossl::Certificate>& certificates,
+                                 const char* label, const char* password) {
+    ossl::Bags bags;
+    bool isDone = !certificates.empty();
+    for (const ossl::Certificate& certificate : certificates) {
+        auto* all = bags.release();
+        PKCS12_SAFEBAG* const bag = PKCS12_add_cert(&all, certificate.get());
+        bags.reset(all);
+        const bool isNamed = label != nullptr && certificate == certificates.front();
+        isDone = isDone && bag != nullptr && markAsTrusted(bag) &&
+                 (!isNamed || PKCS12_add_friendlyname_utf8(bag, label, -1) == 1);
+    }
+    STACK_OF(PKCS7)* all = nullptr;
+    isDone = isDone &&
+             PKCS12_add_safe(&all, bags.get(), password != nullptr ? NID_aes_256_cbc : kUnencrypted,
+                             kWrittenIterations, password) == 1;
+    const ossl::Safes safes(all);
+    ossl::Pkcs12 file(isDone ? PKCS12_add_safes(safes.get(), 0) : nullptr);
+    if (file != nullptr && password != nullptr &&
+        PKCS12_set_mac(file.get(), password, -1, nullptr, 0, kWrittenIterations, nullptr) != 1) {
+        file.reset();
+    }
+    return file;
+}
+
+ossl::Pkcs12 keyWithCertificates(EVP_PKEY* key, const std::vector<ossl::Certificate>& certificates,
+                                 const char* label, const char* password) {
+    const ossl::Certificates others(sk_X509_new_null());
+    for (std::size_t i = 1; i < certificates.size(); ++i) {
+        (void)sk_X509_push(others.get(), certificates[i].get());
+    }
+    const int cipher = password != nullptr ? NID_aes_256_cbc : kUnencrypted;
+    constexpr int kNoMac = -1;
+    return ossl::Pkcs12(PKCS12_create(
+        password, label, key, certificates.empty() ? nullptr : certificates[0].get(), others.get(),
+        cipher, cipher, kWrittenIterations, password != nullptr ? kWrittenIterations : kNoMac, 0));
+}
+
+}  // namespace
+
 SecretBytes pkcs12Of(const Pkcs12Content& content, const SecretText* password) {
     const ossl::QuietErrors quiet;
     ossl::Pkey key;
@@ -86,22 +141,17 @@ SecretBytes pkcs12Of(const Pkcs12Content& content, const SecretText* password) {
         }
     }
     std::vector<ossl::Certificate> certificates;
-    const ossl::Certificates others(sk_X509_new_null());
     for (const Bytes der : content.certificates) {
         certificates.push_back(certificateOf(der));
-        if (certificates.size() > 1) {
-            (void)sk_X509_push(others.get(), certificates.back().get());
-        }
     }
     // OpenSSL takes UTF-8 up to its first NUL.
     const bool isPlain = isUtf8(content.label) && content.label.find('\0') == std::string::npos;
     const std::string label = isPlain ? content.label : printable(content.label);
-    constexpr int kNot = -1;
-    const int cipher = password != nullptr ? NID_aes_256_cbc : kNot;
-    const ossl::Pkcs12 file(PKCS12_create(
-        password != nullptr ? password->c_str() : nullptr, label.empty() ? nullptr : label.c_str(),
-        key.get(), certificates.empty() ? nullptr : certificates[0].get(), others.get(), cipher,
-        cipher, kWrittenIterations, password != nullptr ? kWrittenIterations : kNot, 0));
+    const char* const shown = label.empty() ? nullptr : label.c_str();
+    const char* const secret = password != nullptr ? password->c_str() : nullptr;
+    const ossl::Pkcs12 file = key != nullptr
+                                  ? keyWithCertificates(key.get(), certificates, shown, secret)
+                                  : trustedCertificates(certificates, shown, secret);
     SecretBytes der = ossl::encoded<i2d_PKCS12>(file.get());
     if (der.empty()) {
         throw Failure(kIo, "cannot create the PKCS#12 file: OpenSSL failed");

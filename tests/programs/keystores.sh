@@ -22,6 +22,12 @@ read_export() {
         "$@" import for-java.jks --in-password-file in-password && rm for-java.p12 for-java.jks
 }
 
+# Without a key beside it, it is an authority to trust.
+read_authority() {
+    "$@" export 'certificates/remote/root-*' --format p12 --out-password-file in-password -o root.p12 &&
+        keytool -list -keystore root.p12 -storepass:file in-password && rm root.p12
+}
+
 wrong_keystore_password() {
     keytool -genkeypair -alias other -keyalg EC -dname CN=other -keystore other.jks -storetype JKS \
         -storepass:file in-password -keypass:file in-password 2>/dev/null
@@ -51,6 +57,7 @@ try_keystores() {
     expect "its other certificate is there once" "certificates/remote/root-" "${open[@]}" ls certificates/remote
     expect "keytool lists PKCS#12" "PrivateKeyEntry" read_export "${open[@]}"
     expect "keytool converts it without loss" "present: keys/java-jks-" read_export "${open[@]}"
+    expect "keytool trusts a certificate alone" "trustedCertEntry" read_authority "${open[@]}"
     expect "the password of a keystore is wrong" "wrong password for this Java keystore" \
         wrong_keystore_password "${open[@]}"
     unset JAVA_TOOL_OPTIONS

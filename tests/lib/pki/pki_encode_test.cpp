@@ -126,6 +126,30 @@ TEST(Pkcs12OfTest, MayHoldCertificatesOnly) {
     EXPECT_EQ(root, std::get<PkiObject>(parts[0].content).der);
 }
 
+// Java passes over certificates of its own that lack this mark, and takes one beside a key without.
+TEST(Pkcs12OfTest, CertificatesAloneAreMarkedAsTrusted) {
+    constexpr const char* kMark = "2.16.840.1.113894.746875.1.1";
+    constexpr const char* kPrint = "pkcs12 -in in -passin pass:secret -nokeys";
+    const SecretBytes leaf = files().bytes("leaf.der");
+    const SecretBytes root = files().bytes("root.der");
+    const std::string alone = openssl(pkcs12Of({{}, {leaf, root}, "Café"}, &secret()), kPrint);
+    EXPECT_NE(alone.find(kMark), alone.rfind(kMark));
+    EXPECT_EQ(alone.find("friendlyName"), alone.rfind("friendlyName"));
+    EXPECT_THAT(alone, testing::AllOf(testing::HasSubstr(files().text("leaf.pem")),
+                                      testing::HasSubstr(files().text("root.pem"))));
+    const SecretBytes key = files().bytes("p256.key.der");
+    EXPECT_THAT(openssl(pkcs12Of(wholeContent(key, leaf, root), &secret()), kPrint),
+                testing::Not(testing::HasSubstr(kMark)));
+}
+
+TEST(Pkcs12OfTest, CertificatesAloneMayBePlain) {
+    const SecretBytes root = files().bytes("root.der");
+    const auto parts = decodePki(pkcs12Of({{}, {root}, "Café"}, nullptr),
+                                 []() -> const SecretText& { return secret(); });
+    ASSERT_EQ(1u, parts.size());
+    EXPECT_EQ("Café", parts[0].label);
+}
+
 TEST(Pkcs12OfTest, RefusesAKeyWithAnothersCertificate) {
     const SecretBytes key = files().bytes("rsa.key.der");
     const SecretBytes leaf = files().bytes("leaf.der");
