@@ -164,7 +164,9 @@ Status report(Context& context) {
                          protection.isUndone() ? "undoes" : "finishes"));
     }
     if (hasOld) {
-        tell(output, "old_db     is kept, with the old password");
+        tell(output, protection.isUnfinished() && !protection.keepOld
+                         ? "old_db     is from before that change, and goes when it is finished"
+                         : "old_db     is kept, with the old password");
     }
     const std::vector<std::string> kept = keptDatabases();
     for (const std::string& each : kept) {

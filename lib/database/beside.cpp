@@ -42,8 +42,11 @@ bool isThere(const char* database, const char* name) {
            record.isExist() != 0;
 }
 
-// Writes one of the copies there with its set in force alone, if it has another one.
-void settle(const char* folder, const char* name, const SlotCopy& copy, const Digest& key) {
+// Writes one of the copies there with its set in force alone, if it has another one. It gets the
+// next number: who dies in front of the other copy leaves a newer and an older one, of which the
+// newer counts.
+void settleCopy(const char* folder, const char* name, const SlotCopy& copy, const Digest& key,
+                std::uint32_t seq) {
     if (!copy.isSound() || (copy.record.sets.size() == 1 && !copy.keepOld)) {
         return;
     }
@@ -53,6 +56,7 @@ void settle(const char* folder, const char* name, const SlotCopy& copy, const Di
     }
     UnlockRecord settled = copy.record;
     settled.sets = {*inForce};
+    settled.seq = seq;
     requireLock();
     writeCopyBeside(folder, name,
                     name == std::string_view(layout::kKdfRecord) ? asKdf(settled) : settled);
@@ -72,8 +76,10 @@ void settleBeside(const char* folder) {
         return;
     }
     const SlotCopies copies = readCopies(folder);
-    settle(folder, layout::kKdfCopyRecord, copies.copy, *key);
-    settle(folder, layout::kKdfRecord, copies.kdf, *key);
+    const std::uint32_t highest = std::max(copies.kdf.record.seq, copies.copy.record.seq);
+    const std::uint32_t next = std::min(highest, UnlockRecord::kMostSeq - 1) + 1;
+    settleCopy(folder, layout::kKdfCopyRecord, copies.copy, *key, next);
+    settleCopy(folder, layout::kKdfRecord, copies.kdf, *key, next);
 }
 
 }  // namespace fstore

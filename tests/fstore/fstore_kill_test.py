@@ -64,10 +64,27 @@ class Change(Workload):
     env = {"FSTORE_NEW_PASSWORD": NEW}
     passwords = (PASSWORD, NEW)
 
+    def verify(self, folder):
+        said = support.fstore("-D", folder, "info", password=None).text
+        assert self.keeps or "is kept" not in said, said  # the next command removes it
+        super().verify(folder)
+
 
 class ChangeKeepingOld(Change):
     args = ("passwd", *CHEAP, "--keep-old")
     keeps = True
+
+    def verify(self, folder):
+        """What is kept can be used as a database, however much of it was put in order."""
+        super().verify(folder)
+        for kept in folder.glob("db-*"):
+            elsewhere = folder / "elsewhere"
+            shutil.copytree(kept, elsewhere / "db")
+            for args in [("check", "--deep"), ("check", "--repair"), ("check", "--deep")]:
+                run = support.fstore("-D", elsewhere, *args)
+                assert run.code == 0, run
+            assert support.fstore("-D", elsewhere, "get", "settings/a").out == b"old"
+            shutil.rmtree(elsewhere)
 
 
 class Init(Workload):
